@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The device message bus (QS) over D-Bus: registering a service, answering and placing calls, subscriptions.
+//
+// One thread; every callback runs on the main loop that the service is attached to. Texts are UTF-8 JSON.
+// A function that can fail returns false and fills the error record, which the caller frees.
+#pragma once
+
+#include <glib.h>
+
+#include <cstdio>
+
+struct QSHandle;            // one bus connection
+struct QSMessage;           // a request, a reply or a notification, reference counted
+struct QSZeltService;       // a service registered on both buses
+struct QSSubscriptionIter;  // an acquired subscription list
+
+using QSToken = unsigned long;  // names a placed call; 0 names none
+
+// An error record: initialise once, free after each use. Freeing an empty record is harmless.
+struct QSError {
+    int code;       // negative errno
+    char* message;  // what was wrong, owned by the record; null when there is no error
+};
+
+// Method handler, reply callback and cancel function alike. The message is borrowed: take a reference to keep it.
+using QSFilter = bool (*)(QSHandle* handle, QSMessage* message, void* context);
+
+struct QSMethod {
+    const char* name;  // null ends a table
+    QSFilter handler;
+    unsigned flags;
+};
+
+struct QSSignal {
+    const char* name;  // null ends a table
+};
+
+bool QSErrorInit(QSError* error);
+void QSErrorPrint(QSError* error, FILE* stream);
+void QSErrorFree(QSError* error);
+
+// Registers `name` on the private and the public bus (ZELT_PRIVATE_BUS, ZELT_PUBLIC_BUS).
+bool QSRegisterZeltService(const char* name, QSZeltService** service, QSError* error);
+// Public methods are served on both connections, private ones on the private connection only.
+bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category, const QSMethod* publicMethods,
+                                   const QSMethod* privateMethods, const QSSignal* signals, void* context,
+                                   QSError* error);
+// One source a connection. A connection that is lost afterwards quits the loop.
+bool QSGmainAttachZeltService(QSZeltService* service, GMainLoop* loop, QSError* error);
+QSHandle* QSZeltServiceGetPrivateConnection(QSZeltService* service);
+QSHandle* QSZeltServiceGetPublicConnection(QSZeltService* service);
+// Handles, once, what both connections have received by now; never waits. Not for use inside a bus callback.
+void QSZeltServiceReadReceived(QSZeltService* service);
+// Releases the name and closes the connection. Messages that are still kept may be released later.
+bool QSUnregister(QSHandle* handle, QSError* error);
+
+// A connection of its own on one bus, for clients and for services that live on one bus alone (name null: none).
+enum class QSBus { Private, Public };
+bool QSRegister(QSBus bus, const char* name, QSHandle** handle, QSError* error);
+bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* methods, void* context,
+                        QSError* error);
+bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error);
+
+// Calls zelt://SERVICE/CATEGORY.../METHOD (quor:// is the same). Without a callback no reply is asked for. With
+// one it is called for the reply and, when the payload asks to "subscribe", for every later answer.
+bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter callback, void* context,
+            QSToken* token, QSError* error);
+// Forgets a call; a subscription of it ends at the service too.
+bool QSCallCancel(QSHandle* handle, QSToken token, QSError* error);
+
+const char* QSMessageGetPayload(QSMessage* message);
+const char* QSMessageGetMethod(QSMessage* message);
+const char* QSMessageGetCategory(QSMessage* message);
+// "ID PID" of the calling application, "" when it has no id; never null.
+const char* QSMessageGetApplicationID(QSMessage* message);
+// True for a reply that is a bus error: its payload is then {"returnValue":false,"errorCode":-1,"errorText":...}.
+bool QSMessageIsError(QSMessage* message);
+// The D-Bus error name of such a reply, "" otherwise.
+const char* QSMessageGetErrorName(QSMessage* message);
+void QSMessageRef(QSMessage* message);
+void QSMessageUnref(QSMessage* message);
+// The first answer is the method return, every later one reaches the caller as a signal of its own.
+bool QSMessageReply(QSHandle* handle, QSMessage* message, const char* payload, QSError* error);
+bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error);
+
+// Subscribes the request under its category and method when its payload says "subscribe":true.
+bool QSSubscriptionProcess(QSHandle* handle, QSMessage* message, bool* subscribed, QSError* error);
+// Subscribes the request under a free key.
+bool QSSubscriptionAdd(QSHandle* handle, const char* key, QSMessage* message, QSError* error);
+// Called once for a message whose client cancelled or died, after the message has left every list.
+bool QSSubscriptionSetCancelFunction(QSHandle* handle, QSFilter cancel, void* context, QSError* error);
+bool QSSubscriptionAcquire(QSHandle* handle, const char* key, QSSubscriptionIter** iter, QSError* error);
+bool QSSubscriptionHasNext(QSSubscriptionIter* iter);
+QSMessage* QSSubscriptionNext(QSSubscriptionIter* iter);
+// Takes the message that was last returned out of the acquired list; the cancel function is not called.
+void QSSubscriptionRemove(QSSubscriptionIter* iter);
+void QSSubscriptionRelease(QSSubscriptionIter* iter);
+// Answers the subscribers of a free key on both connections; having none is a failure.
+bool QSSubscriptionRespond(QSZeltService* service, const char* key, const char* payload, QSError* error);
+// Answers the subscribers of category and method on one connection; having none is a success.
+bool QSSubscriptionPost(QSHandle* handle, const char* category, const char* method, const char* payload,
+                        QSError* error);

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The frame of every bus method: readiness checks, the error reply, and the road of a reply back to its caller.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <string>
+
+#include "platform/bus/qs.h"
+
+class PubSubSession;
+
+// Whether a request may proceed. On false the two strings say why; `payload` becomes null when it is unusable.
+bool checkInit(json_object*& payload, PubSubSession& session, std::string& errorCode, std::string& errorText,
+               bool needConnected);
+
+// Sends the error reply: the members of `object` first, then returnValue, errorCode, errorText. Takes `object`
+// (null: an empty one).
+void HandleError(QSHandle* handle, QSMessage* message, const std::string& errorCode, const std::string& errorText,
+                 json_object* object);

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// A public endpoint request that waits for the server's answer.
+#pragma once
+
+#include <string>
+
+#include "platform/bus/qsraii.h"
+
+struct _endpointStruct {
+    std::string endpoint;  // short name, as the caller gave it
+    std::string appId;     // the caller's application id, cut at its first blank
+    std::string node;      // full node name
+    KeptMessage message;   // the request, kept until the reply
+};
+
+// The public subscriber of a node.
+struct _subMapStruct {
+    std::string appId;           // the id that the bus reports for the request
+    QSHandle* handle = nullptr;  // the connection of its subscription; null once the client cancelled
+};

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Results of the extended pub-sub manager: gloox's result handler plus the operations that gloox lacks.
+#pragma once
+
+#include <gloox/pubsubresulthandler.h>
+
+#include <string>
+
+namespace xmpp {
+
+// Every handler gets the id that the operation returned. `error` is null on success; its tag() is the error
+// element as the server sent it. Pointers are borrowed for the time of the call.
+class ResultHandler : public gloox::PubSub::ResultHandler {
+  public:
+    // `node` is the ad-hoc command's session id; `nodes` is null when the answer held no list.
+    virtual void handlePendingRequest(const std::string& id, const std::string& node,
+                                      const gloox::StringList* nodes, const gloox::Error* error) = 0;
+    virtual void handlePendingNodeRequest(const std::string& id, const gloox::JID& service,
+                                          const std::string& node, const gloox::Error* error) = 0;
+    virtual void handleItemDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
+                                      const gloox::PubSub::ItemList& items, const gloox::Error* error) = 0;
+    virtual void handleUnsubscriptionResult(const std::string& id, const gloox::JID& service,
+                                            const std::string& node, const std::string& subid,
+                                            const gloox::JID& subscriber, const gloox::Error* error) = 0;
+    virtual void handleNodeDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
+                                      const gloox::Error* error) = 0;
+    virtual void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
+                                 const std::string& status, const gloox::Error* error) = 0;
+    virtual void handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
+                              const gloox::Error* error) = 0;
+    virtual void handleActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
+                                    const gloox::Error* error) = 0;
+    virtual void handleDeActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
+                                      const gloox::Error* error) = 0;
+    virtual void handleBulkDelete(const std::string& id, const gloox::JID& service, const gloox::Error* error) = 0;
+    virtual void handleActivateSysNodes(const std::string& id, const gloox::JID& service,
+                                        const gloox::Error* error) = 0;
+    virtual void handleBulkActivate(const std::string& id, const gloox::JID& service,
+                                    const gloox::Error* error) = 0;
+
+    // gloox's own spellings of three of them, closed and forwarded.
+    void handleItemDeletion(const std::string& id, const gloox::JID& service, const std::string& node,
+                            const gloox::PubSub::ItemList& items, const gloox::Error* error = nullptr) final {
+        handleItemDeletation(id, service, node, items, error);
+    }
+    void handleNodeDeletion(const std::string& id, const gloox::JID& service, const std::string& node,
+                            const gloox::Error* error = nullptr) final {
+        handleNodeDeletation(id, service, node, error);
+    }
+    void handleUnsubscriptionResult(const std::string& id, const gloox::JID& service,
+                                    const gloox::Error* error = nullptr) final {
+        handleUnsubscriptionResult(id, service, gloox::EmptyString, gloox::EmptyString, gloox::JID(), error);
+    }
+};
+
+}  // namespace xmpp
