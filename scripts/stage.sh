@@ -1,0 +1,150 @@
+# SPDX-License-Identifier: GPL-3.0-only
+# Shell functions that start and stop the processes of a demo or test in a folder of their own.
+#
+# The folder holds: run/ sockets and process records, log/NAME.log, state/ the service's files, prefs/, host/,
+# server/ the XMPP server, env the shell assignments for scripts.
+
+stage_fail() {
+    echo "$*" >&2
+    return 1
+}
+
+# Waits until the command succeeds: stage_wait SECONDS WHAT COMMAND...
+stage_wait() {
+    local deadline=$((SECONDS + $1)) what=$2
+    shift 2
+    until "$@" 2>/dev/null; do
+        ((SECONDS < deadline)) || stage_fail "Timed out: $what" || return 1
+        sleep 0.05
+    done
+}
+
+stage_start_time() { # of a process, in clock ticks since boot: tells a reused process id
+    sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f20
+}
+
+# stage_start DIR NAME COMMAND...: runs the command in the background, its output in log/NAME.log.
+stage_start() {
+    local dir=$1 name=$2 pid
+    shift 2
+    setsid "$@" >>"$dir/log/$name.log" 2>&1 </dev/null &
+    pid=$!
+    disown "$pid" 2>/dev/null || true
+    echo "$pid $(stage_start_time "$pid")" >"$dir/run/$name.pid"
+}
+
+stage_pid() { # DIR NAME
+    local pid start
+    read -r pid start 2>/dev/null <"$1/run/$2.pid" || return 1
+    [[ -n $start && $start == "$(stage_start_time "$pid")" ]] && echo "$pid"
+}
+
+stage_gone() { [[ ! -e /proc/$1 ]] || grep -q '^State:.*Z' "/proc/$1/status" 2>/dev/null; }
+
+# stage_stop DIR NAME: asks the process to end, insists after five seconds.
+stage_stop() {
+    local pid
+    if pid=$(stage_pid "$1" "$2"); then
+        kill "$pid" 2>/dev/null || true
+        stage_wait 5 "$2 to end" stage_gone "$pid" 2>/dev/null || kill -KILL "$pid" 2>/dev/null || true
+    fi
+    rm -f "$1/run/$2.pid"
+}
+
+# A D-Bus daemon of this folder: stage_bus DIR private|public
+stage_bus() {
+    local dir=$1 bus=$2 socket=$1/run/$2_bus
+    # A socket's path holds at most 107 bytes; a deeper folder gets its sockets in the temporary folder.
+    if ((${#socket} > 100)); then
+        local short
+        short=$(mktemp -d "${TMPDIR:-/tmp}/pubsub-XXXXXX")
+        echo "$short" >>"$dir/run/short-folders"
+        socket=$short/$bus
+    fi
+    sed -e "s#@SOCKET@#$socket#g" -e "s#@SERVICES@#$dir/run/dbus-services#g" \
+        "$STAGE_ROOT/packaging/dbus/zelt-dev.conf.in" >"$dir/run/$bus.conf"
+    rm -f "$socket"
+    stage_start "$dir" "$bus-bus" dbus-daemon --config-file="$dir/run/$bus.conf" --nofork --nopidfile --nosyslog
+    stage_wait 10 "the $bus bus to listen" test -S "$socket" || return 1
+    echo "unix:path=$socket" >"$dir/run/$bus.address"
+}
+
+stage_processes=(service host public-bus private-bus)
+
+stage_down() {
+    local dir=$1 name short
+    for name in "${stage_processes[@]}"; do
+        stage_stop "$dir" "$name"
+    done
+    [[ -e $dir/server/server.env ]] && "$STAGE_ROOT/server/run" down "$dir/server" >/dev/null 2>&1
+    if [[ -e $dir/run/short-folders ]]; then
+        while read -r short; do rm -rf "$short"; done <"$dir/run/short-folders"
+        rm -f "$dir/run/short-folders"
+    fi
+    return 0
+}
+
+# The environment that the processes of DIR share.
+stage_environment() {
+    local dir=$1
+    export ZELT_PRIVATE_BUS ZELT_PUBLIC_BUS
+    ZELT_PRIVATE_BUS=$(cat "$dir/run/private.address")
+    ZELT_PUBLIC_BUS=$(cat "$dir/run/public.address")
+    export ZELT_PREFS_DIR=$dir/prefs PUBSUB_STATE_DIR=$dir/state PUBSUB_CA_FILE=$CA_FILE
+    export ZELT_HOST_STATE_DIR=$dir/host ZELT_HOST_CONF=$dir/host/host.conf
+}
+
+stage_connected() {
+    "$STAGE_BIN/pubsubctl" --json status --timeout 5 | grep -q '"connected": *true'
+}
+
+stage_start_host() {
+    stage_environment "$1"
+    stage_start "$1" host "$STAGE_BIN/zelt-host"
+}
+
+stage_start_service() {
+    stage_environment "$1"
+    stage_start "$1" service env "${STAGE_SERVICE_ENV[@]}" "$STAGE_BIN/pubsubservice"
+}
+
+# stage_up DIR: everything, in order; returns when the service is connected. STAGE_SAY is called with each step.
+stage_up() {
+    local dir=$1
+    mkdir -p "$dir"/{run,log,state,prefs,host,run/dbus-services}
+    chmod 700 "$dir/prefs"
+    $STAGE_SAY "Starting the private and the public bus"
+    stage_bus "$dir" private && stage_bus "$dir" public || return 1
+
+    $STAGE_SAY "Starting the XMPP server (ejabberd with the device extension)"
+    "$STAGE_ROOT/server/run" up "$dir/server" >"$dir/log/server-start.log" 2>&1 ||
+        { tail -n 20 "$dir/log/server-start.log" >&2; stage_fail "The XMPP server did not start."; return 1; }
+    # shellcheck disable=SC1091
+    source "$dir/server/server.env"
+    ln -sf ../server/log/server.log "$dir/log/server.log"
+    local user=device resource=dev1 password
+    password=$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
+    "$STAGE_ROOT/server/run" account "$dir/server" "$user" "$password" >>"$dir/log/server-start.log" 2>&1 ||
+        { stage_fail "The account could not be registered; see $dir/log/server-start.log."; return 1; }
+
+    # JID, password, host, port, pub-sub service, resource: one a line.
+    (umask 077 && printf '%s\n' "$user@$XMPP_DOMAIN" "$password" "$XMPP_HOST" "$XMPP_PORT" "$PUBSUB_JID" \
+        "$resource" >"$dir/state/pubsub.conf")
+    printf '[network]\nloopback-is-internet=true\n' >"$dir/host/host.conf"
+
+    $STAGE_SAY "Starting the Linux host services"
+    stage_start_host "$dir"
+    $STAGE_SAY "Starting pubsubservice"
+    stage_start_service "$dir"
+    stage_wait "${STAGE_DEADLINE:-60}" "pubsubservice to connect (logs: $dir/log)" stage_connected || return 1
+
+    {
+        local name
+        DEVICE_USER=$user DEVICE_RESOURCE=$resource STATE_DIR=$dir/state
+        SERVICE_PID=$(stage_pid "$dir" service) HOST_PID=$(stage_pid "$dir" host)
+        for name in ZELT_PRIVATE_BUS ZELT_PUBLIC_BUS ZELT_PREFS_DIR STATE_DIR XMPP_HOST XMPP_PORT XMPP_DOMAIN \
+            PUBSUB_JID DEVICE_USER DEVICE_RESOURCE HTTP_URL API_URL CA_FILE SERVICE_PID SERVER_PID HOST_PID; do
+            printf '%s=%q\n' "$name" "${!name}"
+        done
+    } >"$dir/env"
+}

@@ -1,0 +1,128 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-only
+"""Builds with the sanitizers and runs the tests, kind by kind; the last line is "N passed, N failed"."""
+
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+PRESET = os.environ.get("PUBSUB_TEST_PRESET", "asan")
+BIN = ROOT / "build" / PRESET / "bin"
+KINDS = ("style", "unit", "contract", "server", "e2e")
+PROGRAM_DEADLINE = 600  # seconds for one test program
+
+ENVIRONMENT = dict(
+    os.environ,
+    ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1",
+    UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1",
+    PUBSUB_PRESET=PRESET,
+    PUBSUB_NO_BUILD="1",
+    PYTHONDONTWRITEBYTECODE="1",
+)
+
+
+class Result:
+    """What one test program said: counts, the seconds it took, and its output when something failed."""
+
+    def __init__(self, name, passed, failed, seconds, output):
+        self.name, self.passed, self.failed = name, passed, failed
+        self.seconds, self.output = seconds, output
+
+
+def run_program(command):
+    """Runs a command; returns (exit status, output). A program over its deadline is killed and says so."""
+    process = subprocess.Popen(
+        command, cwd=ROOT, env=ENVIRONMENT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT, text=True, errors="replace")
+    try:
+        output, _ = process.communicate(timeout=PROGRAM_DEADLINE)
+        return process.returncode, output
+    except subprocess.TimeoutExpired:
+        process.kill()
+        output, _ = process.communicate()
+        return 1, output + f"\nkilled: not done after {PROGRAM_DEADLINE} s\n"
+
+
+def run_googletest(path):
+    start = time.monotonic()
+    with tempfile.NamedTemporaryFile(suffix=".json") as report:
+        status, output = run_program([str(path), "--gtest_brief=1", f"--gtest_output=json:{report.name}"])
+        try:
+            counts = json.load(open(report.name))
+            failed, total = counts["failures"] + counts["errors"], counts["tests"] - counts["disabled"]
+        except (ValueError, KeyError):
+            failed, total = 1, 1  # it died before it could report
+    if status and not failed:  # a leak or another sanitizer report at exit
+        failed, total = 1, total + 1
+    return Result(path.name, total - failed, failed, time.monotonic() - start, output)
+
+
+def run_counting(name, command):
+    """A program that ends its output with the line "N passed, N failed"."""
+    start = time.monotonic()
+    status, output = run_program(command)
+    found = re.findall(r"^(\d+) passed, (\d+) failed", output, re.MULTILINE)
+    passed, failed = map(int, found[-1]) if found else (0, 1)
+    if status and not failed:
+        failed = 1
+    return Result(name, passed, failed, time.monotonic() - start, output)
+
+
+def programs_of(kind):
+    """The test programs of a kind as (name, function without arguments)."""
+    if kind in ("unit", "contract"):
+        for path in sorted(BIN.glob(kind + "_*")):
+            yield path.name, lambda path=path: run_googletest(path)
+    elif kind == "server":
+        command = ["/usr/bin/python3", str(ROOT / "tests/server/run_tests.py")]
+        yield "server", lambda: run_counting("server", command)
+    else:
+        for path in sorted((ROOT / "tests" / kind).glob("test_*.py")):
+            command = ["/usr/bin/python3", str(ROOT / "tests/run_unittest.py"), str(path)]
+            yield path.stem, lambda path=path, command=command: run_counting(f"{path.parent.name}/{path.stem}", command)
+
+
+def report(result):
+    state = "ok    " if not result.failed else "FAILED"
+    print(f"{state} {result.name}: {result.passed} passed, {result.failed} failed ({result.seconds:.1f} s)",
+          flush=True)
+    if result.failed:
+        print(result.output, flush=True)
+
+
+def main(kinds):
+    unknown = [kind for kind in kinds if kind not in KINDS]
+    if unknown:
+        print(f"unknown kind of test: {', '.join(unknown)}; there are: {', '.join(KINDS)}", file=sys.stderr)
+        return 2
+    kinds = [kind for kind in KINDS if not kinds or kind in kinds]
+    if set(kinds) & {"unit", "contract", "e2e"}:
+        print(f"Building ({PRESET})", flush=True)
+        if subprocess.run([str(ROOT / "scripts/build"), PRESET], stdin=subprocess.DEVNULL, check=False).returncode:
+            print("The build failed.\n0 passed, 1 failed")
+            return 1
+    passed = failed = 0
+    for kind in kinds:
+        print(f"== {kind}", flush=True)
+        programs = list(programs_of(kind))
+        if not programs:
+            print(f"no test programs of the kind {kind} were found")
+            failed += 1
+        with ThreadPoolExecutor(max_workers=2) as pool:
+            for future in [pool.submit(run) for _, run in programs]:
+                result = future.result()
+                report(result)
+                passed, failed = passed + result.passed, failed + result.failed
+    print(f"{passed} passed, {failed} failed")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

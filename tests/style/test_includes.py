@@ -1,0 +1,128 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""Who may include whom, and what every source file starts with."""
+
+import pathlib
+import re
+import subprocess
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+
+SESSION_MAY = {"session", "util", "platform", "xmpp", "service/requestframe.h", "nodes/names.h"}
+OPERATION_MAY = SESSION_MAY - {"nodes/names.h"}
+
+# Folder -> folders and single headers of the project that it may include, beside itself.
+MAY_INCLUDE = {
+    "util": set(),
+    "platform": {"util"},
+    "xmpp": {"util"},
+    "session": SESSION_MAY,
+    "nodes": OPERATION_MAY,
+    "delivery": SESSION_MAY,
+    "endpoints": SESSION_MAY,
+    "maintenance": SESSION_MAY,
+    "service/requestframe": {"session/pubsubsession.h", "util", "platform"},
+    "service": {"session", "nodes", "delivery", "endpoints", "maintenance", "util", "platform", "xmpp"},
+    "tools": {"platform/bus", "util"},
+}
+
+# Outside headers that only some folders may see.
+ENGINES = {
+    r"systemd/sd-bus": {"platform"},
+    r"sqlite3\.h": {"platform"},
+    r"gnutls/": {"xmpp"},
+    r"gloox/": {"xmpp", "session", "nodes", "delivery", "endpoints", "maintenance", "service", "util"},
+}
+
+
+def sources():
+    listed = subprocess.run(
+        ["git", "-C", str(ROOT), "ls-files", "*.cpp", "*.h"], check=True, capture_output=True, text=True).stdout
+    return [pathlib.PurePosixPath(line) for line in listed.splitlines()]
+
+
+def product_sources():
+    return [path for path in sources() if path.parts[0] in MAY_INCLUDE]
+
+
+def rule_of(path):
+    stem = str(path.with_suffix(""))
+    return stem if stem in MAY_INCLUDE else path.parts[0]
+
+
+def includes_of(path):
+    text = (ROOT / path).read_text(encoding="utf-8")
+    return re.findall(r'^\s*#\s*include\s+(["<])([^">]+)[">]', text, re.MULTILINE)
+
+
+def allowed(path, header):
+    if header.split("/")[0] == path.parts[0]:
+        return True
+    return any(header == entry or header.startswith(entry + "/") for entry in MAY_INCLUDE[rule_of(path)])
+
+
+class Includes(unittest.TestCase):
+    def test_every_folder_includes_only_what_it_may(self):
+        wrong = []
+        for path in product_sources():
+            for mark, header in includes_of(path):
+                if mark == '"' and not allowed(path, header):
+                    wrong.append(f"{path} includes {header}")
+        self.assertEqual(wrong, [])
+
+    def test_project_headers_are_included_from_the_source_root(self):
+        wrong = []
+        for path in sources():
+            for mark, header in includes_of(path):
+                if mark == '"' and not (ROOT / header).is_file():
+                    wrong.append(f"{path} includes {header}")
+        self.assertEqual(wrong, [])
+
+    def test_nothing_includes_the_service_folder_but_for_the_request_frame(self):
+        wrong = []
+        for path in product_sources():
+            for _, header in includes_of(path):
+                if header.startswith("service/") and header != "service/requestframe.h" and path.parts[0] != "service":
+                    wrong.append(f"{path} includes {header}")
+        self.assertEqual(wrong, [])
+
+    def test_engines_are_seen_only_by_the_layer_above_them(self):
+        wrong = []
+        for path in product_sources():
+            for _, header in includes_of(path):
+                for engine, folders in ENGINES.items():
+                    if re.match(engine, header) and path.parts[0] not in folders:
+                        wrong.append(f"{path} includes {header}")
+        self.assertEqual(wrong, [])
+
+    def test_util_sees_of_gloox_the_tag_alone(self):
+        wrong = []
+        for path in product_sources():
+            for _, header in includes_of(path):
+                if path.parts[0] == "util" and header.startswith("gloox/") and header != "gloox/tag.h":
+                    wrong.append(f"{path} includes {header}")
+        self.assertEqual(wrong, [])
+
+
+class FileForm(unittest.TestCase):
+    def test_every_source_names_its_licence_first(self):
+        wrong = [str(path) for path in sources()
+                 if not (ROOT / path).read_text(encoding="utf-8").startswith("// SPDX-License-Identifier: GPL-3.0-only\n")]
+        self.assertEqual(wrong, [])
+
+    def test_no_source_is_longer_than_500_lines(self):
+        wrong = [str(path) for path in sources()
+                 if len((ROOT / path).read_text(encoding="utf-8").splitlines()) > 500]
+        self.assertEqual(wrong, [])
+
+    def test_product_sources_are_formatted(self):
+        if subprocess.run(["which", "clang-format"], capture_output=True, check=False).returncode:
+            return  # the format is checked where the formatter is
+        files = [str(path) for path in product_sources() if path.suffix == ".cpp" or path.suffix == ".h"]
+        done = subprocess.run(["clang-format", "--dry-run", "--Werror", *files], cwd=ROOT, capture_output=True,
+                              text=True, check=False)
+        self.assertEqual(done.returncode, 0, done.stderr[:4000])
+
+
+if __name__ == "__main__":
+    unittest.main()
