@@ -1,0 +1,158 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""A whole device in a folder: buses, XMPP server, host services and the service, started by the demo's own command."""
+
+import json
+import os
+import pathlib
+import shlex
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+PRESET = os.environ.get("PUBSUB_PRESET", "release")
+BIN = ROOT / "build" / PRESET / "bin"
+SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
+
+
+def wait_until(condition, what, seconds=20):
+    """Waits until condition() is true and returns its value; fails with the words of `what`."""
+    deadline = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"not within {seconds} s: {what}")
+        time.sleep(0.02)
+
+
+def is_running(pid):
+    try:
+        with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
+            return stat.read().rpartition(")")[2].split()[0] != "Z"
+    except FileNotFoundError:
+        return False
+
+
+class Stage:
+    """One running set of processes; env holds what DIR/env says."""
+
+    def __init__(self):
+        (ROOT / "build").mkdir(exist_ok=True)
+        self.dir = pathlib.Path(tempfile.mkdtemp(prefix="e2e-", dir=ROOT / "build"))
+        self.env = {}
+        self._services = []
+
+    def up(self):
+        done = subprocess.run([str(ROOT / "demo"), "--up", str(self.dir)], stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, check=False)
+        if done.returncode:
+            raise AssertionError(f"./demo --up failed:\n{done.stdout}{done.stderr}\n{self.logs()}")
+        for line in (self.dir / "env").read_text(encoding="utf-8").splitlines():
+            name, _, value = line.partition("=")
+            self.env[name] = "".join(shlex.split(value))
+        return self
+
+    def down(self):
+        for process in self._services:
+            process.kill()
+            process.wait()
+        subprocess.run([str(ROOT / "demo"), "--down", str(self.dir)], stdin=subprocess.DEVNULL,
+                       capture_output=True, check=False)
+        reports = [word for word in SANITIZER_WORDS if word in self.logs()]
+        logs = self.logs() if reports else ""
+        shutil.rmtree(self.dir, ignore_errors=True)
+        if reports:
+            raise AssertionError(f"a sanitizer reported:\n{logs}")
+
+    def logs(self):
+        texts = []
+        for path in sorted((self.dir / "log").glob("*.log")):
+            texts.append(f"--- {path.name}\n{path.read_text(encoding='utf-8', errors='replace')[-6000:]}")
+        return "\n".join(texts)
+
+    def log(self, name):
+        return (self.dir / "log" / f"{name}.log").read_text(encoding="utf-8", errors="replace")
+
+    def path(self, *parts):
+        return self.dir.joinpath(*parts)
+
+    @property
+    def service_pid(self):
+        return self._services[-1].pid if self._services else int(self.env["SERVICE_PID"])
+
+    def process_environment(self):
+        return dict(
+            os.environ, ZELT_PRIVATE_BUS=self.env["ZELT_PRIVATE_BUS"], ZELT_PUBLIC_BUS=self.env["ZELT_PUBLIC_BUS"],
+            ZELT_PREFS_DIR=self.env["ZELT_PREFS_DIR"], PUBSUB_STATE_DIR=self.env["STATE_DIR"],
+            PUBSUB_CA_FILE=self.env["CA_FILE"], ZELT_HOST_STATE_DIR=str(self.dir / "host"),
+            ZELT_HOST_CONF=str(self.dir / "host" / "host.conf"))
+
+    def kill_service(self, how=signal.SIGKILL):
+        pid = self.service_pid
+        os.kill(pid, how)
+        if self._services:
+            self._services[-1].wait(20)
+        wait_until(lambda: not is_running(pid), "the service to end")
+
+    def start_service(self, **extra):
+        with open(self.dir / "log" / "service.log", "ab") as log:
+            self._services.append(subprocess.Popen(
+                [str(BIN / "pubsubservice")], env=dict(self.process_environment(), **extra),
+                stdin=subprocess.DEVNULL, stdout=log, stderr=log))
+
+    def server(self, *arguments):
+        done = subprocess.run([str(ROOT / "server" / "run"), *arguments], stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, check=False)
+        if done.returncode:
+            raise AssertionError(f"server/run {arguments[0]} failed:\n{done.stdout}{done.stderr}")
+        return done.stdout
+
+    def server_folder(self):
+        return str(self.dir / "server")
+
+    def account(self, user, password):
+        self.server("account", self.server_folder(), user, password)
+
+    def ctl(self, *arguments, check=True):
+        """Runs pubsubctl; returns (exit status, output)."""
+        done = subprocess.run([str(BIN / "pubsubctl"), *arguments], env=self.process_environment(),
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False, timeout=60)
+        if check and done.returncode:
+            raise AssertionError(f"pubsubctl {arguments} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+        return done.returncode, done.stdout
+
+    def connected(self):
+        status, output = self.ctl("--json", "status", check=False)
+        return status == 0 and json.loads(output.splitlines()[0]).get("connected") is True
+
+    def wait_connected(self):
+        wait_until(self.connected, "the service to be connected", 40)
+
+
+class StageTest(unittest.TestCase):
+    """Test cases on one stage for the whole class; a failing case prints the logs of every process."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.stage = Stage()
+        try:
+            cls.stage.up()
+        except BaseException:
+            cls.stage.down()
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.stage.down()
+
+    def run(self, result=None):
+        before = len(result.failures) + len(result.errors) if result else 0
+        super().run(result)
+        if result and len(result.failures) + len(result.errors) > before:
+            print(self.stage.logs(), flush=True)
+        return result
