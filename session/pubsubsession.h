@@ -150,6 +150,7 @@ class PubSubSession : public gloox::MessageHandler,
     int recv();
     void cleanUpOnDisconnect();
     void disconnect();
+    void dropClient();
     void dropSocketWatch();
 
     // session/status.cpp

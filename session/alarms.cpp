@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Reconnect, keep-alive and power: wake-up alarms of the power service, which call this service's own
+// methods.
+//
+// There are no timers in the process, so that the device may sleep. Kept in the session: m_reconnectPending
+// (an alarm is believed set), m_retryCount, m_bootFinished. Nothing survives a restart here; the power
+// service's alarms do, and a set under a known key replaces the alarm.
+#include "session/alarms.h"
+
+#include <fcntl.h>
+#include <gloox/tag.h>
+#include <json-c/json.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "session/methods.h"
+#include "session/pubsubsession.h"
+#include "util/jsonref.h"
+#include "util/log.h"
+#include "xmpp/client.h"
+
+namespace {
+
+constexpr const char* kTimeoutSet = "zelt://com.zelt.power/timeout/set";
+constexpr const char* kTimeoutClear = "zelt://com.zelt.power/timeout/clear";
+
+// The first four attempts after a connect come soon, every later one after an hour or more.
+constexpr int kLastShortRetry = 3;
+constexpr int32_t kShortMin = 300, kShortMax = 1200;
+constexpr int32_t kLongMin = 3600, kLongMax = 5400;
+
+constexpr const char* kPingAlarmFailed = "Setting Ping Alarm failed. Error %s ";
+constexpr const char* kReconnectClearFailed = "Removing reconnect failed. Error %s ";
+
+// The power service's "timeout/set". Written by hand: json-c would escape the slashes.
+std::string alarm(const std::string& key, const std::string& in) {
+    return R"({"key":")" + key + R"(", "uri":"quor://com.zelt.pubsubservice/)" + key + R"(", "in":")" + in +
+           R"(", "wakeup":true, "params":"{}"})";
+}
+
+unsigned randomSeed() {
+    unsigned seed = 0;
+    const int file = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+    const bool filled = file >= 0 && read(file, &seed, sizeof seed) == sizeof seed;
+    if (file >= 0)
+        close(file);
+    if (filled)
+        return seed;
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<unsigned>(now.tv_usec);
+}
+
+// One XEP-0199 ping to the server. No answer is awaited: a dead stream shows up as a socket error.
+void sendPing(PubSubSession& session) {
+    auto* iq = new gloox::Tag("iq");
+    iq->addAttribute("to", session.m_domain);
+    iq->addAttribute("id", session.m_client->getID());
+    iq->addAttribute("type", "get");
+    new gloox::Tag(iq, "ping", gloox::XMLNS, gloox::XMLNS_XMPP_PING);
+    session.m_client->send(iq);
+}
+
+// A boolean member of a reply. False when there is none, logged with `missing` and then as the failure of
+// `function`.
+bool readReply(QSMessage* reply, const char* key, const char* missing, const char* failed,
+               const char* function, bool& value) {
+    const char* text = QSMessageGetPayload(reply);
+    JsonRef payload = parseJson(text);
+    json_object* member = jsonMember(payload.get(), key);
+    if (!payload)
+        PrvPrintErr(function, __LINE__, "Malformed json packet? \n");
+    else if (!member)
+        PrvPrintErr(function, __LINE__, missing, text);
+    if (!member) {
+        PrvPrintErr(function, __LINE__, failed, text);
+        return false;
+    }
+    value = json_object_get_boolean(member);
+    return true;
+}
+
+}  // namespace
+
+int32_t generateRandomDelay(int32_t min, int32_t max) {
+    if (max <= min)
+        return min;
+    srand(randomSeed());
+    return min + rand() / (RAND_MAX / (max - min) + 1);
+}
+
+bool PubSubSession::setReconnectTimer(const std::string& in) {
+    BusError error;
+    if (QSCall(m_privateHandle, kTimeoutSet, alarm("reconnectTimer", in).c_str(), reconnectResponse, this,
+               nullptr, error))
+        return true;
+    PrvPrintErr(__func__, __LINE__, "Setting Reconnect Alarm failed. Error %s ", error.message());
+    return false;
+}
+
+void PubSubSession::setPingTimer() {
+    BusError error;
+    if (!QSCall(m_privateHandle, kTimeoutSet, alarm("keepAliveTimer", "00:25:00").c_str(), alarmResponse,
+                nullptr, nullptr, error))
+        PrvPrintErr(__func__, __LINE__, kPingAlarmFailed, error.message());
+}
+
+void PubSubSession::removeReconnectTimer() {
+    BusError error;
+    if (!QSCall(m_privateHandle, kTimeoutClear, R"({"key":"reconnectTimer"})", nullptr, nullptr, nullptr,
+                error))
+        PrvPrintErr(__func__, __LINE__, kReconnectClearFailed, error.message());
+}
+
+void PubSubSession::removePingTimer() {
+    BusError error;
+    if (!QSCall(m_privateHandle, kTimeoutClear, R"({"key":"keepAliveTimer"})", nullptr, nullptr, nullptr,
+                error))
+        PrvPrintErr(__func__, __LINE__, kPingAlarmFailed, error.message());  // sic: the text of the set
+}
+
+void PubSubSession::setPowerOn() {
+    BusError error;
+    if (QSCall(m_privateHandle, "zelt://com.zelt.power/com/zelt/power/activityStart",
+               R"({"duration_ms":2000})", nullptr, nullptr, nullptr, error))
+        return;
+    QSErrorPrint(error, stderr);
+    PrvPrintErr(__func__, __LINE__, "QSCall to power failed!!!\n");
+}
+
+void PubSubSession::getBootStatus() {
+    BusError error;
+    if (!QSCall(m_privateHandle, "zelt://com.zelt.systemmanager/getBootStatus", R"({"subscribe":true})",
+                bootStatusResponse, this, nullptr, error))
+        PrvPrintErr(__func__, __LINE__, kReconnectClearFailed, error.message());  // sic: the reconnect's text
+}
+
+void PubSubSession::scheduleReconnect() {
+    if (m_reconnectPending)
+        return;
+    ++m_retryCount;
+    const bool shortWait = m_retryCount <= kLastShortRetry;
+    const int32_t delay =
+        shortWait ? generateRandomDelay(kShortMin, kShortMax) : generateRandomDelay(kLongMin, kLongMax);
+    char in[sizeof "00:00:00"];
+    snprintf(in, sizeof in, "%02d:%02d:%02d", delay / 3600 % 100, delay % 3600 / 60, delay % 60);
+    if (!setReconnectTimer(in)) {
+        PrvPrintErr(__func__, __LINE__, "Setting timer to reconnect failed");
+        return;
+    }
+    PrvPrintErr(__func__, __LINE__, "We will try connecting after %s %d", in, delay);
+    m_reconnectPending = true;
+}
+
+void PubSubSession::reconnect() {
+    m_reconnectPending = false;
+    if (!m_connected && !m_connecting && !getLoginDetails())
+        scheduleReconnect();
+}
+
+bool PubSubSession::reconnectResponse(QSHandle*, QSMessage* reply, void* context) {
+    bool accepted = false;
+    if (!readReply(reply, "returnValue", "Could find returnValue? %s", "reconnectResponse failed.  %s",
+                   __func__, accepted))
+        return true;
+    if (!accepted)
+        PrvPrintErr(__func__, __LINE__, "Alarm set failed. This is bad %s", QSMessageGetPayload(reply));
+    auto* session = static_cast<PubSubSession*>(context);
+    if (!session)
+        return true;
+    // An acceptance that comes after the connect speaks of an alarm that is cleared already: believing it
+    // would keep the next loss from arming one.
+    if (!accepted || !session->m_connected)
+        session->m_reconnectPending = accepted;
+    return true;
+}
+
+bool PubSubSession::alarmResponse(QSHandle*, QSMessage* reply, void*) {
+    bool accepted = false;
+    if (readReply(reply, "returnValue", "Could find returnValue? %s", "alarmResponse failed.  %s", __func__,
+                  accepted) &&
+        !accepted)
+        PrvPrintErr(__func__, __LINE__, "Alarm set failed. This is bad %s", QSMessageGetPayload(reply));
+    return true;
+}
+
+bool PubSubSession::bootStatusResponse(QSHandle*, QSMessage* reply, void* context) {
+    auto* session = static_cast<PubSubSession*>(context);
+    bool finished = false;
+    if (!readReply(reply, "finished", "Couldnt find finished? %s", "bootStatusResponse failed.  %s", __func__,
+                   finished) ||
+        !session)
+        return true;
+    session->m_bootFinished = finished;
+    if (finished && !session->m_activationDone && session->m_connected)
+        session->activateNodes();
+    return true;
+}
+
+bool PubSubSession::xmppPing(void* context) {
+    auto* session = static_cast<PubSubSession*>(context);
+    if (session && session->m_client && !session->m_domain.empty())
+        sendPing(*session);
+    else
+        PrvPrintErr(__func__, __LINE__, "Client Empty? Not able to send ping");
+    return true;
+}
+
+bool keepAliveTimer(QSHandle*, QSMessage*, void*) {
+    if (!gCurrentSession.m_client || !gCurrentSession.m_connected || gCurrentSession.m_domain.empty())
+        return true;
+    sendPing(gCurrentSession);
+    gCurrentSession.setPingTimer();
+    return true;
+}
+
+bool reconnectTimer(QSHandle*, QSMessage*, void*) {
+    gCurrentSession.reconnect();
+    return true;
+}

@@ -1,0 +1,8 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The delay before a reconnect attempt, drawn so that many devices do not come back at once.
+#pragma once
+
+#include <cstdint>
+
+// Seconds, evenly spread from `min` to `max` - 1. Seeds the standard generator anew at each call.
+int32_t generateRandomDelay(int32_t min, int32_t max);

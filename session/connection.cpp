@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The XMPP connection: building a client, watching its socket on the main loop, and the stream coming up and
+// going down.
+//
+// States: idle, connecting (m_connecting), connected (m_connected). The watch is borrowed from the main
+// context and never outlives its client. Nothing here survives a restart; requests in m_msgMap survive a
+// disconnect.
+#include <gloox/connectionbase.h>
+#include <gloox/disco.h>
+#include <gloox/logsink.h>
+#include <gloox/presence.h>
+#include <json-c/json.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "session/pubsubsession.h"
+#include "util/jsonref.h"
+#include "util/log.h"
+#include "util/paths.h"
+#include "xmpp/client.h"
+#include "xmpp/manager.h"
+
+GSource* PubSubSession::m_source = nullptr;
+
+namespace {
+
+constexpr int kAllLogAreas = 0xffffff;
+constexpr int kReceiveTimeout = 10;  // microseconds: the watch says when there is something to read
+constexpr auto kWatched = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
+
+bool ended(GSource* watch) {
+    return watch && g_source_is_destroyed(watch);
+}
+
+void logCondition(GIOCondition condition) {
+    if (condition & G_IO_HUP)
+        PrvPrintErr("xmppCallback", __LINE__, "xmpp server socket disconnected");
+    if (condition & G_IO_ERR)
+        PrvPrintErr("xmppCallback", __LINE__, "xmpp server socket io error");
+    if (condition & G_IO_NVAL)
+        PrvPrintErr("xmppCallback", __LINE__, "xmpp server socket closed");
+}
+
+void answerDisconnected(const _endpointStruct& request) {
+    JsonRef answer(json_object_new_object());
+    json_object_object_add(answer.get(), "returnValue", json_object_new_boolean(false));
+    json_object_object_add(answer.get(), "endpoint", json_object_new_string(request.endpoint.c_str()));
+    json_object_object_add(answer.get(), "errorCode", json_object_new_string("connectionErr"));
+    json_object_object_add(answer.get(), "errorText", json_object_new_string("pubsubservice disconnected"));
+    BusError error;
+    if (!QSMessageRespond(request.message.get(), json_object_to_json_string(answer.get()), error))
+        PrvPrintErr("cleanUpOnDisconnect", __LINE__, "Sending response to message failed Error %s ",
+                    error.message());
+}
+
+}  // namespace
+
+bool PubSubSession::createSession() {
+    if (m_password.empty() || m_server.empty() || m_jid.full().empty()) {
+        PrvPrintErr(__func__, __LINE__, "Password *, Server %s and %s not initialized", m_server.c_str(),
+                    m_jid.username().c_str());
+        return false;
+    }
+    if (m_client) {
+        PrvPrintErr(__func__, __LINE__, "Overriding session with new session.");
+        dropSocketWatch();
+        m_client->disconnect();
+        dropClient();
+    }
+    m_client = new xmpp::Client(m_jid, m_password, m_port);
+    m_client->setServer(m_server);
+    if (!m_resource.empty())
+        m_client->setResource(m_resource);
+    m_client->setCACerts({caFile()});
+    m_client->setTls(gloox::TLSRequired);
+    m_client->setCompression(false);
+    m_client->setPubSubService(gloox::JID(m_pubsubService));
+    delete m_pubsub;
+    m_pubsub = new xmpp::Manager(m_client);
+    m_connected = false;
+    return true;
+}
+
+bool PubSubSession::connectToService() {
+    m_lastError = 0;
+    if (!m_networkAvailable) {
+        PrvPrintErr(__func__, __LINE__, "There is no network available, cannot connect to service");
+        return false;
+    }
+    if (m_connected || m_connecting)
+        return true;
+    if (!createSession()) {
+        PrvPrintErr(__func__, __LINE__, "Create session failed");
+        m_connecting = false;
+        return false;
+    }
+    m_connecting = true;
+    if (getenv("xmpp_config"))
+        turnOffTls();
+    if (m_ipAddress.empty())
+        PrvPrintErr(__func__, __LINE__, "IP Address empty even though we have network available!");
+    PrvPrintErr(__func__, __LINE__, "We are connecting to the vbx server.");
+    if (connectToServer(m_ipAddress)) {
+        attachSocketToMainLoop();
+        return true;
+    }
+    PrvPrintErr(__func__, __LINE__, "There is no server or network, connection to server fails");
+    PrvPrintErr(__func__, __LINE__, "Warning: We are not connected to the vbx server");
+    m_connecting = false;
+    return true;  // the caller learns of the failure through the flags alone
+}
+
+bool PubSubSession::tryConnecting() {
+    return connectToService();
+}
+
+bool PubSubSession::connectToServer(std::string ip) {
+    if (m_debugLog)
+        m_client->logInstance().registerLogHandler(gloox::LogLevelDebug, kAllLogAreas, this);
+    m_client->registerMessageHandler(this);
+    m_client->registerConnectionListener(this);
+    m_client->disco()->registerDiscoHandler(this);
+    if (!m_client->connect(ip, m_mainLoop ? g_main_loop_get_context(m_mainLoop) : nullptr))
+        return false;
+    const int descriptor = m_client->socket();
+    if (descriptor < 0)
+        return false;
+    m_socket = descriptor;
+    return true;
+}
+
+void PubSubSession::attachSocketToMainLoop() {
+    GIOChannel* channel = g_io_channel_unix_new(m_socket);
+    GSource* watch = g_io_create_watch(channel, kWatched);
+    g_source_set_callback(watch, G_SOURCE_FUNC(xmppCallback), this, nullptr);
+    g_source_attach(watch, m_mainLoop ? g_main_loop_get_context(m_mainLoop) : nullptr);
+    g_io_channel_unref(channel);
+    g_source_unref(watch);  // the context holds it from here on
+    m_source = watch;
+    PrvPrintErr(__func__, __LINE__, "Attached socket %d to mainloop", m_socket);
+}
+
+// The session may be disconnected, and connected anew, while a bus request is handled or something is parsed
+// here: what tells is whether this very watch still lives.
+gboolean PubSubSession::xmppCallback(GIOChannel*, GIOCondition condition, gpointer context) {
+    auto* session = static_cast<PubSubSession*>(context);
+    GSource* watch = g_main_current_source();
+    logCondition(condition);
+    // A client that has left the bus by now must be known before an item is handed to it.
+    if (session->m_serviceHandle)
+        QSZeltServiceReadReceived(session->m_serviceHandle);
+    if (ended(watch))
+        return G_SOURCE_REMOVE;
+    const int result = session->recv();
+    if (result == gloox::ConnNoError)
+        return ended(watch) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+    PrvPrintErr(__func__, __LINE__, "We had some type of connection error %d", result);
+    session->m_lastError = result;
+    if (m_source == watch)
+        m_source = nullptr;
+    return G_SOURCE_REMOVE;
+}
+
+int PubSubSession::recv() {
+    return m_client ? m_client->recv(kReceiveTimeout) : gloox::ConnNotConnected;
+}
+
+bool PubSubSession::onTLSConnect(const gloox::CertInfo& info) {
+    if (info.status == gloox::CertOk)
+        return true;
+    PrvPrintErr(__func__, __LINE__, "Certificate validation failed");
+    PrvPrintErr(
+        __func__, __LINE__,
+        "Cert Info status: %d\nissuer: %s\npeer: %s\nprotocol: %s\nmac: %s\ncipher: %s\ncompression: %s\n",
+        info.status, info.issuer.c_str(), info.server.c_str(), info.protocol.c_str(), info.mac.c_str(),
+        info.cipher.c_str(), info.compression.c_str());
+    return false;
+}
+
+void PubSubSession::onConnect() {
+    m_connected = true;
+    m_connecting = false;
+    m_survivedOutage = false;
+    m_lastError = 0;
+    m_retryCount = -1;
+    PrvPrintErr(__func__, __LINE__, "We formed a connection with the xmpp server");
+    if (m_reconnectPending) {
+        removeReconnectTimer();
+        m_reconnectPending = false;
+    }
+    setPingTimer();
+    m_spare3 = false;
+    if (m_client)
+        m_client->setPresence(gloox::JID(m_pubsubService), gloox::Presence::Available, 0, "online");
+    if (m_bootFinished && !m_activationDone)
+        activateNodes();
+    deleteBulkNodes();
+    postConnected();
+}
+
+void PubSubSession::onDisconnect(gloox::ConnectionError error) {
+    m_connected = false;
+    m_connecting = false;
+    m_activationDone = false;
+    m_spare3 = false;
+    m_survivedOutage = false;
+    PrvPrintErr(__func__, __LINE__, "Disconnected from xmpp server %d", error);
+    removePingTimer();
+    if (error != gloox::ConnNoError && error != gloox::ConnUserDisconnected) {
+        m_lastError = error;
+        scheduleReconnect();
+    }
+    postDisconnected();
+    cleanUpOnDisconnect();
+    dropSocketWatch();
+}
+
+void PubSubSession::cleanUpOnDisconnect() {
+    for (const auto& [id, request] : m_endpointMap) {
+        const char* method = QSMessageGetMethod(request.message.get());
+        if (method && std::string(method) == "subscribe")
+            removeSubMap(request.node);
+        answerDisconnected(request);
+    }
+    m_endpointMap.clear();
+    m_deleteMap.clear();
+    m_activateMap.clear();
+}
+
+void PubSubSession::disconnect() {
+    if (!m_client)
+        return;
+    m_client->disconnect();
+    // A connection that has failed, but whose failure no recv has reported yet, reports nothing any more.
+    if (m_connected || m_connecting)
+        onDisconnect(gloox::ConnUserDisconnected);
+    dropClient();
+}
+
+// The manager stays, mute, until the next session replaces it.
+void PubSubSession::dropClient() {
+    dropSocketWatch();
+    if (m_pubsub)
+        m_pubsub->detach();
+    xmpp::Client::dispose(std::exchange(m_client, nullptr));
+}
+
+void PubSubSession::dropSocketWatch() {
+    if (GSource* watch = std::exchange(m_source, nullptr))
+        g_source_destroy(watch);
+}

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Reading the credentials file.
+//
+// The file is plain text, one value a line, in a fixed order. A line is read through a buffer of 64 bytes: a
+// longer one counts as several lines, so 63 characters and their newline are already two. Keeps no state.
+#include "session/credentials.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "util/log.h"
+#include "util/paths.h"
+
+namespace {
+
+constexpr int kLineSize = 64;
+constexpr int kMaxPort = 65535;
+constexpr int kPortLine = 3;
+constexpr int kLines = 6;
+
+struct FileClose {
+    void operator()(FILE* file) const { fclose(file); }
+};
+
+}  // namespace
+
+void ReadCredentials(std::string& jid, std::string& password, std::string& resource, std::string& server,
+                     int& port, std::string& service) {
+    std::unique_ptr<FILE, FileClose> file(fopen(credentialsFile().c_str(), "re"));
+    if (!file)
+        return;
+    std::string portText;
+    std::string* const outputs[kLines] = {&jid, &password, &server, &portText, &service, &resource};
+    char line[kLineSize];
+    for (int number = 0; number < kLines && fgets(line, sizeof line, file.get()); ++number) {
+        strip_newline(line, static_cast<int>(strlen(line)));
+        *outputs[number] = line;
+        if (number == kPortLine)
+            port = parsePort(portText);
+    }
+}
+
+int parsePort(const std::string& text) {
+    const long number = strtol(text.c_str(), nullptr, 10);
+    return number < 0 || number > kMaxPort ? 0 : static_cast<int>(number);
+}
+
+std::string domainOf(const std::string& jid) {
+    const size_t at = jid.find('@');
+    return at == std::string::npos ? jid : jid.substr(at + 1);
+}

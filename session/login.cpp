@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Account login: asks the account service for a token and makes the session details of its answer.
+//
+// Each answer overwrites the details, member by member as the fields are checked, so an answer that fails
+// half-way leaves the earlier members new and the later ones old. The token is never logged and never stored
+// outside the session.
+#include <json-c/json.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "platform/prefs/qp.h"
+#include "session/credentials.h"
+#include "session/pubsubsession.h"
+#include "util/jsonargs.h"
+#include "util/jsonref.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kFunction = "getLoginResponse";
+
+// Accounts made before the server moved still carry its old name.
+std::string currentHost(const std::string& host) {
+    return host == PUBSUB_RETIRED_SERVER_HOST ? PUBSUB_DEFAULT_SERVER_HOST : host;
+}
+
+JsonRef parseLogged(const std::string& text) {
+    JsonRef object = parseJson(text.c_str());
+    if (!object)
+        PrvPrintErr(kFunction, __LINE__, "Malformed json packet? \n");
+    return object;
+}
+
+// The inner object that "jabberId" holds as a text. Taken raw: the cleaning getter would remove its quotes.
+JsonRef readAccount(json_object* reply) {
+    json_object* jabberId = jsonMember(reply, "jabberId");
+    if (!jabberId) {
+        PrvPrintErr(kFunction, __LINE__, "obj null, First is not run yet / Acct services went down?");
+        return nullptr;
+    }
+    std::string text = json_object_get_string(jabberId);
+    if (text.empty()) {
+        PrvPrintErr(kFunction, __LINE__, "jabberId empty?");
+        return nullptr;
+    }
+    std::erase(text, '\\');
+    return parseLogged(text);
+}
+
+bool readField(json_object* account, const char* key, std::string& value) {
+    value = getJSONString(account, key, {});
+    if (value.empty())
+        PrvPrintErr(kFunction, __LINE__, "%s empty?", key);
+    return !value.empty();
+}
+
+// The device id makes the resource; without one the server chooses it.
+std::string deviceId() {
+    char* id = nullptr;
+    const int result = QPSystemCopyStringValue("com.zelt.properties.kduid", &id);
+    if (result != QP_OK || !id) {
+        PrvPrintErr(kFunction, __LINE__,
+                    "Error getting device kduid. We will drop device specific packets %d", result);
+        return {};
+    }
+    std::string text = id;
+    free(id);
+    return text;
+}
+
+bool takeAccount(PubSubSession& session, json_object* account) {
+    std::string user, service, url, port;
+    if (!readField(account, "user", user))
+        return false;
+    session.m_username = user;
+    if (!readField(account, "service", service))
+        return false;
+    session.m_domain = currentHost(service);
+    session.m_pubsubService = "pubsub." + session.m_domain;
+    session.m_jid = gloox::JID(user + "@" + session.m_domain);
+    if (!readField(account, "url", url))
+        return false;
+    session.m_server = currentHost(url);
+    if (!readField(account, "port", port))
+        return false;
+    session.m_port = parsePort(port);
+    return true;
+}
+
+bool takeLogin(PubSubSession& session, const char* text) {
+    JsonRef reply = parseLogged(text ? text : "");
+    if (!reply)
+        return false;
+    JsonRef account = readAccount(reply.get());
+    if (!account || !takeAccount(session, account.get()))
+        return false;
+    session.m_resource = deviceId();
+    const std::string token = getJSONString(reply.get(), "uniqueId", {});
+    if (token.empty())
+        return false;
+    session.m_password = token;
+    return true;
+}
+
+}  // namespace
+
+bool PubSubSession::getLoginDetails() {
+    BusError error;
+    if (QSCall(m_privateHandle, "quor://com.zelt.accountservices/getAccountToken", "", getLoginResponse, this,
+               nullptr, error))
+        return true;
+    PrvPrintErr(__func__, __LINE__, "Getting login details FAILED. Error %s ", error.message());
+    return false;
+}
+
+bool PubSubSession::getLoginResponse(QSHandle*, QSMessage* reply, void* context) {
+    auto* session = static_cast<PubSubSession*>(context);
+    if (!session)
+        PrvPrintErr(__func__, __LINE__, "Getting login details FAILED. Context was NULL");
+    if (!session || !takeLogin(*session, QSMessageGetPayload(reply))) {
+        PrvPrintErr(__func__, __LINE__,
+                    "getLoginResponse failed. Getting login details from accounts failed ");
+        return true;
+    }
+    if (!session->connectToService() && session->m_networkAvailable)
+        session->scheduleReconnect();
+    return true;
+}

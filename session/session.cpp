@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The session object itself: its life, its details (who the device logs in as and where) and its cache
+// folder.
+//
+// Owns the client and the manager; every other pointer is borrowed. Details change through setSessionDetails
+// and the login alone and do not survive a restart.
+#include <glib.h>
+
+#include "session/pubsubsession.h"
+#include "util/paths.h"
+#include "xmpp/client.h"
+#include "xmpp/manager.h"
+
+PubSubSession::PubSubSession() = default;
+
+PubSubSession::~PubSubSession() {
+    if (m_client) {
+        // The bus may be gone by now: nothing of this last disconnect is to be reported.
+        m_client->removeConnectionListener(this);
+        m_client->removeMessageHandler(this);
+        dropSocketWatch();
+        if (m_pubsub)
+            m_pubsub->detach();
+        xmpp::Client::dispose(m_client);
+    }
+    delete m_pubsub;
+}
+
+void PubSubSession::setSessionDetails(const std::string& jid, const std::string& password,
+                                      const std::string& resource, const std::string& server,
+                                      const std::string& service, int port) {
+    m_jid = gloox::JID(jid);
+    m_password = password;
+    m_server = server;
+    m_pubsubService = service;
+    m_resource = resource;
+    m_username = jid.substr(0, jid.find('@'));
+    m_port = port;
+}
+
+void PubSubSession::getSessionDetails(std::string& jid, std::string& password, std::string& resource,
+                                      std::string& server, std::string& service, int& port) {
+    // sic: the validity flag as one byte, where the JID's text might be expected; callers test that byte.
+    jid.assign(1, m_jid ? '\1' : '\0');
+    password = m_password;
+    resource = m_resource;
+    server = m_server;
+    service = m_pubsubService;
+    port = m_port;
+}
+
+void PubSubSession::createCacheDir() {
+    g_mkdir_with_parents(cacheDir().c_str(), 0744);
+}
+
+void PubSubSession::turnOffTls() {
+    if (m_client)
+        m_client->setTls(gloox::TLSDisabled);
+}
+
+bool PubSubService::createSession(const std::string& jid, const std::string& password,
+                                  const std::string& resource, const std::string& server,
+                                  const std::string& service, int port) {
+    gCurrentSession.setSessionDetails(jid, password, resource, server, service, port);
+    return gCurrentSession.createSession();
+}
