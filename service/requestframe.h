@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The frame of every bus method: readiness checks, the error reply, and the road of a reply back to its caller.
+// The frame of every bus method: readiness checks, the error reply, and the road of a reply back to its
+// caller.
 #pragma once
 
 #include <json-c/json.h>
@@ -10,11 +11,16 @@
 
 class PubSubSession;
 
-// Whether a request may proceed. On false the two strings say why; `payload` becomes null when it is unusable.
+// Whether a request may proceed. On false the two strings say why; `payload` becomes null when it is
+// unusable.
 bool checkInit(json_object*& payload, PubSubSession& session, std::string& errorCode, std::string& errorText,
                bool needConnected);
 
-// Sends the error reply: the members of `object` first, then returnValue, errorCode, errorText. Takes `object`
-// (null: an empty one).
-void HandleError(QSHandle* handle, QSMessage* message, const std::string& errorCode, const std::string& errorText,
-                 json_object* object);
+// Sends the error reply: the members of `object` first, then returnValue, errorCode, errorText. Takes
+// `object` (null: an empty one).
+void HandleError(QSHandle* handle, QSMessage* message, const std::string& errorCode,
+                 const std::string& errorText, json_object* object);
+
+// Sends `payload` as the first answer. A failure is logged once, under the name and line of the calling
+// handler.
+void sendReply(QSHandle* handle, QSMessage* message, const char* payload, const char* function, int line);

@@ -1,0 +1,8 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What the service forgets when a client's subscription is cancelled. `message` is the client's own request.
+#pragma once
+
+#include "platform/bus/qs.h"
+
+bool cancelFunction(QSHandle* handle, QSMessage* message, void* context);    // private connection
+bool publicCancelFunc(QSHandle* handle, QSMessage* message, void* context);  // public connection

@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Start-up in its fixed order, the main loop, and the one way out.
+//
+// Owns the main loop and the registration on the bus. What must survive a restart is loaded here: the handler
+// file, the offline map, the credentials file and the preferences handle. Logs under the name of the process
+// entry.
+#include "service/service.h"
+
+#include <glib.h>
+#include <sys/stat.h>
+
+#include "platform/bus/qsraii.h"
+#include "platform/prefs/qp.h"
+#include "service/cancel.h"
+#include "service/methods.h"
+#include "service/watchers.h"
+#include "session/credentials.h"
+#include "session/pubsubsession.h"
+#include "util/log.h"
+#include "util/paths.h"
+
+namespace {
+
+constexpr const char* kEntry = "main";
+constexpr const char* kServiceName = "com.zelt.pubsubservice";
+
+struct Bus {
+    QSZeltService* service = nullptr;
+    QSHandle* privateHandle = nullptr;
+    QSHandle* publicHandle = nullptr;
+};
+
+// The record is freed after each use, so that it can carry the next failure.
+bool failed(const char* text, BusError& error) {
+    PrvPrintErr(kEntry, __LINE__, text, error.message());
+    QSErrorFree(error);
+    return false;
+}
+
+bool startBus(Bus& bus, BusError& error) {
+    gpMainLoop = g_main_loop_new(nullptr, FALSE);
+    if (!gpMainLoop) {
+        PrvPrintErr(kEntry, __LINE__, "Creating new mainloop failed \n");
+        return false;
+    }
+    if (!QSRegisterZeltService(kServiceName, &bus.service, error))
+        return failed("Register of com.zelt.pubsubservice failed %s\n", error);
+    if (!QSZeltServiceRegisterCategory(bus.service, "/", pubMethods, methods, nullptr, nullptr, error))
+        return failed("Registering of category for pubsub service failed %s\n", error);
+    if (!QSGmainAttachZeltService(bus.service, gpMainLoop, error))
+        return failed("Attaching to mainloop failed %s\n", error);
+    bus.privateHandle = QSZeltServiceGetPrivateConnection(bus.service);
+    bus.publicHandle = QSZeltServiceGetPublicConnection(bus.service);
+    if (!QSSubscriptionSetCancelFunction(bus.privateHandle, cancelFunction, nullptr, error) ||
+        !QSSubscriptionSetCancelFunction(bus.publicHandle, publicCancelFunc, nullptr, error))
+        return failed("Failed registering cancel function %s\n", error);
+    return true;
+}
+
+void resetSession(const Bus& bus) {
+    gCurrentSession = gPubSub;
+    gCurrentSession.m_privateHandle = bus.privateHandle;
+    gCurrentSession.m_publicHandle = bus.publicHandle;
+    gCurrentSession.m_serviceHandle = bus.service;
+    gCurrentSession.m_mainLoop = gpMainLoop;
+}
+
+void loadCredentials() {
+    struct stat status;
+    if (stat(credentialsFile().c_str(), &status) != 0)
+        return;
+    ReadCredentials(gjid, gpasswd, gresource, gserver, gport, gpNode);
+    gCurrentSession.setSessionDetails(gjid, gpasswd, gresource, gserver, gpNode, gport);
+    gCurrentSession.m_domain = domainOf(gjid);
+}
+
+bool openPreferences() {
+    QPHandle* handle = nullptr;
+    const int result = QPAppGetHandle(kServiceName, &handle);
+    if (result != QP_OK) {
+        PrvPrintErr(kEntry, __LINE__, "Error: QPAppGetHandle returned %d", result);
+        return false;
+    }
+    gCurrentSession.m_prefsHandle = handle;
+    return true;
+}
+
+bool startWatchers(QSHandle* handle) {
+    if (!registerConnectionManagerStatus(handle)) {
+        PrvPrintErr(kEntry, __LINE__, "registerConnectionManagerStatus failed");
+        return false;
+    }
+    // Without one of these the service still does its work; they log their own failures.
+    registerAppInstallerStatus(handle);
+    registerAccountSrvcStatus(handle);
+    registerSystemMgrStatus(handle);
+    return true;
+}
+
+bool start(Bus& bus, BusError& error) {
+    if (!startBus(bus, error))
+        return false;
+    resetSession(bus);
+    gCurrentSession.ReadHandlerFile();
+    gCurrentSession.createCacheDir();
+    gCurrentSession.loadOfflineMapFromDisk();
+    loadCredentials();
+    return openPreferences() && startWatchers(bus.privateHandle);
+}
+
+// The service never ends its loop itself, so every way here is a failure.
+void leave(const Bus& bus, BusError& error) {
+    PrvPrintErr(kEntry, __LINE__, "Exiting main because of errors");
+    if (bus.privateHandle && !QSUnregister(bus.privateHandle, error))
+        QSErrorPrint(error, stderr);
+    if (gpMainLoop)
+        g_main_loop_unref(gpMainLoop);
+    gpMainLoop = nullptr;
+    gCurrentSession.m_mainLoop = nullptr;
+    PrvPrintErr(kEntry, __LINE__, "PUBSUB SERVICE EXITS BECAUSE OF ERRORS");
+}
+
+}  // namespace
+
+int runService() {
+    BusError error;
+    Bus bus;
+    if (start(bus, error)) {
+        PrintDbgRelease(kEntry, __LINE__, "Calling mainloop");
+        g_main_loop_run(gpMainLoop);
+    }
+    leave(bus, error);
+    return 0;
+}

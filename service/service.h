@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The life of the service from start-up to the end of its main loop.
+#pragma once
+
+// Starts the service and runs it until the main loop ends. Returns the exit status, which is always 0:
+// whoever started the process starts it again.
+int runService();

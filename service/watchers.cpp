@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Watching the platform services: each one is asked for its work anew whenever it reports itself up.
+//
+// This keeps the start order of the platform free. The watches live as long as the process and nothing is
+// remembered of earlier reports: a service that goes down is only logged.
+#include "service/watchers.h"
+
+#include <string>
+
+#include "platform/bus/qsraii.h"
+#include "service/network.h"
+#include "session/pubsubsession.h"
+#include "util/jsonargs.h"
+#include "util/jsonref.h"
+#include "util/log.h"
+
+namespace {
+
+bool watch(QSHandle* handle, const std::string& service, QSFilter callback, const char* failed,
+           const char* function) {
+    BusError error;
+    const std::string payload = R"({"serviceName":")" + service + R"("})";
+    if (QSCall(handle, "zelt://com.zelt.bus/signal/registerServerStatus", payload.c_str(), callback, nullptr,
+               nullptr, error))
+        return true;
+    PrvPrintErr(function, __LINE__, failed, error.code(), error.message());
+    return false;
+}
+
+// Whether the report says that the service is up; a report of its going down or without a word is logged.
+bool cameUp(QSMessage* message, const char* wentDown, const char* failed, const char* function) {
+    const char* text = QSMessageGetPayload(message);
+    JsonRef payload = parseJson(text);
+    json_object* connected = jsonMember(payload.get(), "connected");
+    if (!connected) {
+        PrvPrintErr(function, __LINE__, payload ? "Could not find connected?" : "Malformed json packet? \n");
+        PrvPrintErr(function, __LINE__, failed, text);
+        return false;
+    }
+    if (json_object_get_boolean(connected))
+        return true;
+    PrvPrintErr(function, __LINE__, "%s", wentDown);
+    return false;
+}
+
+void follow(QSHandle* handle, const char* uri, const char* payload, QSFilter callback, const char* failed,
+            const char* function) {
+    BusError error;
+    if (!QSCall(handle, uri, payload, callback, nullptr, nullptr, error))
+        PrvPrintErr(function, __LINE__, failed, error.code(), error.message());
+}
+
+bool refuseChange(const std::string& reason, const char* text) {
+    PrvPrintErr("appInstallChange", __LINE__, "Error? %s Incoming %s", reason.c_str(), text);
+    return false;
+}
+
+}  // namespace
+
+bool registerConnectionManagerStatus(QSHandle* handle) {
+    return watch(handle, "com.zelt.connectionmanager", connectionManagerUp,
+                 "QSRegisterServerStatus for connection manager failed %d: %s\n", __func__);
+}
+
+bool registerAppInstallerStatus(QSHandle* handle) {
+    return watch(handle, "com.zelt.appinstaller", appInstallerUp,
+                 "QSRegisterServerStatus for App Installer failed %d: %s\n", __func__);
+}
+
+bool registerAccountSrvcStatus(QSHandle* handle) {
+    return watch(handle, "com.zelt.accountservices", accountServicesUp,
+                 "QSRegisterServerStatus for Account Service failed %d: %s\n", __func__);
+}
+
+bool registerSystemMgrStatus(QSHandle* handle) {
+    return watch(handle, "com.zelt.systemmanager", systemMgrUp,
+                 "QSRegisterServerStatus for System manager failed %d: %s\n", __func__);
+}
+
+bool connectionManagerUp(QSHandle* handle, QSMessage* message, void*) {
+    if (cameUp(message, "Connection manager went down!!", "Error in getting connectionManagerUp %s",
+               __func__))
+        follow(handle, "quor://com.zelt.connectionmanager/getstatus", R"({"subscribe":true})",
+               connectionStatusV2, "QSCall getstatus for connection manager failed %d: %s\n", __func__);
+    return true;
+}
+
+bool appInstallerUp(QSHandle* handle, QSMessage* message, void*) {
+    if (cameUp(message, "AppInstaller went down!!", "Error in getting AppInstallerUp %s", __func__))
+        follow(handle, "quor://com.zelt.appinstaller/notifyOnChange", R"({"appId": "*", "subscribe":true})",
+               appInstallChange,
+               // sic: says getstatus, although the call is another one
+               "QSCall getstatus for appInstaller failed %d: %s\n", __func__);
+    return true;
+}
+
+bool accountServicesUp(QSHandle*, QSMessage* message, void*) {
+    if (!cameUp(message, "Account services went down!!", "Error in getting Account services %s", __func__))
+        return true;
+    const gloox::JID jid = gCurrentSession.m_jid;
+    if (jid.full().empty() && gCurrentSession.m_networkAvailable && !gCurrentSession.m_connected &&
+        !gCurrentSession.m_connecting) {
+        PrintDbgRelease(__func__, __LINE__, "Trying to get login value now that AC is up");
+        gCurrentSession.getLoginDetails();
+    }
+    return true;
+}
+
+bool systemMgrUp(QSHandle*, QSMessage* message, void*) {
+    if (cameUp(message, "SystemManager went down!!", "Error in getting SystemManagerUp %s", __func__))
+        gCurrentSession.getBootStatus();
+    return true;
+}
+
+bool appInstallChange(QSHandle*, QSMessage* message, void*) {
+    const char* text = QSMessageGetPayload(message);
+    JsonRef payload = parseJson(text);
+    if (!payload) {
+        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        return refuseChange("", text);
+    }
+    std::string reason, change, appId;
+    if (!getJSONStringV2(payload.get(), "statusChange", reason, change))
+        return refuseChange(reason, text);
+    if (change != "REMOVED")
+        return true;
+    if (!getJSONStringV2(payload.get(), "appId", reason, appId))
+        return refuseChange(reason, text);
+    gCurrentSession.cleanupNodes(appId, "");
+    return true;
+}
