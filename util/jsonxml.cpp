@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The JSON-XML convention of item payloads, both ways, and the object that hands an item to an application.
+//
+// Values go over as JSON text: a string keeps its double quotes, and a receiver expects them. Keeps no state.
+#include "util/jsonxml.h"
+
+#include <gloox/tag.h>
+
+#include <memory>
+
+#include "util/log.h"
+
+namespace {
+
+json_object* newString(const std::string& text) {
+    return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+}
+
+void addAttributes(gloox::Tag* tag, json_object* attributes) {
+    if (!json_object_is_type(attributes, json_type_object))
+        return;
+    json_object_object_foreach(attributes, name, value) {
+        tag->addAttribute(name, json_object_to_json_string(value));
+    }
+}
+
+json_object* attributesOf(const gloox::Tag* tag) {
+    json_object* attributes = json_object_new_object();
+    for (const gloox::Tag::Attribute* attribute : tag->attributes())
+        json_object_object_add(attributes, attribute->name().c_str(), newString(attribute->value()));
+    return attributes;
+}
+
+void addChild(gloox::Tag* tag, const char* name, json_object* value) {
+    auto child = std::make_unique<gloox::Tag>(name);
+    if (json_object_is_type(value, json_type_object))
+        RecurseJsonTag(child.get(), value);
+    else
+        child->addCData("null");  // sic: plain values are not carried, whatever they are
+    tag->addChild(child.release());
+}
+
+}  // namespace
+
+gloox::Tag* GetXmlFromJSON(json_object* object) {
+    if (!object) {
+        PrvPrintErr(__func__, __LINE__, "Invalid JSON object");
+        return nullptr;
+    }
+    auto item = std::make_unique<gloox::Tag>("item");
+    RecurseJsonTag(item.get(), object);
+    return item.release();
+}
+
+void RecurseJsonTag(gloox::Tag* tag, json_object* object) {
+    if (!json_object_is_type(object, json_type_object))
+        return;
+    json_object_object_foreach(object, key, value) {
+        if (key[0] == '#')
+            tag->addCData(json_object_to_json_string(value));
+        else if (key[0] == '@')
+            addAttributes(tag, value);
+        else
+            addChild(tag, key, value);
+    }
+}
+
+gloox::Tag* getItemTag(std::string text) {
+    auto item = std::make_unique<gloox::Tag>("item");
+    auto payload = std::make_unique<gloox::Tag>("payload", text);
+    item->addChild(payload.release());
+    return item.release();
+}
+
+json_object* GetJSONFromXml(const gloox::Tag* tag) {
+    if (!tag) {
+        PrvPrintErr(__func__, __LINE__, "Invalid Xml object");
+        return nullptr;
+    }
+    json_object* result = json_object_new_object();
+    for (const gloox::Tag* child : tag->children())
+        GetJSONFromXmlTag(child, result);
+    if (!tag->attributes().empty())
+        json_object_object_add(result, "@", attributesOf(tag));
+    return result;
+}
+
+void GetJSONFromXmlTag(const gloox::Tag* tag, json_object* parent) {
+    json_object* value = nullptr;
+    if (!tag->attributes().empty()) {
+        value = json_object_new_object();
+        json_object_object_add(value, "@", attributesOf(tag));
+    }
+    const std::string text = tag->cdata();
+    if (!text.empty()) {
+        if (!value)
+            value = json_object_new_object();
+        json_object_object_add(value, "#", newString(text));
+    }
+    json_object_object_add(parent, tag->name().c_str(), value);
+}
+
+json_object* getAppResponseJsonObj(const std::string& node, const std::string& item) {
+    json_object* response = json_object_new_object();
+    json_object_object_add(response, "item", newString(item));
+    // find gives npos, and with it the whole name, when there is no slash
+    json_object_object_add(response, "endpoint", newString(node.substr(node.rfind('/') + 1)));
+    json_object_object_add(response, "returnValue", json_object_new_boolean(true));
+    return response;
+}
