@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The device message bus in memory: every QS call, with verbs for what callers, other services and the bus
+// itself do.
+//
+// Replies and notifications run within the verb that causes them. All state is in the one FakeBus and goes
+// with reset(); messages stay readable for the test after the service has released them.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/bus/qs.h"
+
+// A request to the service, or a reply to one of its calls.
+struct QSMessage {
+    QSHandle* handle = nullptr;
+    std::string client;  // who sent the request
+    std::string category = "/";
+    std::string method;
+    std::string payload;
+    std::string appId;  // "ID PID", "" for none
+    bool isRequest = false;
+    bool clientGone = false;
+    bool isError = false;
+    std::string errorName;
+
+    std::vector<std::string> answers;  // what the caller got, in order
+    bool closedUnanswered = false;     // the caller got com.zelt.Error.NoAnswer
+    bool ended = false;                // the caller was told that no further answer follows
+    bool wasSubscribed = false;
+    bool cancelled = false;
+    int references = 0;
+
+    // The first and the last answer, "" when there was none.
+    std::string reply() const { return answers.empty() ? std::string() : answers.front(); }
+    std::string lastAnswer() const { return answers.empty() ? std::string() : answers.back(); }
+    // Somebody still holds a reference.
+    bool kept() const { return references > 0; }
+};
+using FakeMessage = QSMessage;
+
+struct FakeBusState;
+
+struct PlacedCall {
+    QSHandle* handle;
+    QSToken token;
+    std::string uri;
+    std::string payload;
+    QSFilter callback;  // null when no reply was asked for
+    void* context;
+    bool subscribes;  // stays open after a reply
+    bool open;        // a reply can still be delivered
+};
+
+class FakeBus {
+  public:
+    FakeBus();
+    ~FakeBus();
+
+    // --- callers of the service; a client name of "" makes a client of its own
+    // Calls METHOD through the registered tables; a method that the connection lacks gives a bus error
+    // (isError).
+    FakeMessage* call(QSHandle* handle, const std::string& method, const std::string& payload,
+                      const std::string& appId = "", const std::string& client = "");
+    // Calls a handler function directly, registered or not.
+    FakeMessage* call(QSHandle* handle, QSFilter handler, const std::string& method,
+                      const std::string& payload, const std::string& appId = "",
+                      const std::string& client = "");
+    // A request that no handler has seen, with one reference for the test to release with QSMessageUnref.
+    FakeMessage* request(QSHandle* handle, const std::string& method, const std::string& payload,
+                         const std::string& appId = "", const std::string& client = "");
+    // The caller leaves the bus: its subscriptions are cancelled, its requests cannot be answered any more.
+    void clientDies(FakeMessage* message);
+    // The same, but the service learns of it only when it reads what its connections have received.
+    void clientDiesUnseen(FakeMessage* message);
+    // The caller ends this one subscription; false when the message was not subscribed.
+    bool cancel(FakeMessage* message);
+
+    // --- services that the service calls
+    // Delivers a reply to the newest open call to `uri`; false when there is none.
+    bool replyTo(const std::string& uri, const std::string& payload);
+    // The same for the newest open call to `uri` that was placed with `callPayload`.
+    bool replyTo(const std::string& uri, const std::string& callPayload, const std::string& payload);
+    // The call fails: its callback gets a bus error.
+    bool replyErrorTo(const std::string& uri, const std::string& errorName, const std::string& text);
+    // Tells every watch on `service` that it came or went; false when nobody watches it.
+    bool serverStatus(const std::string& service, bool connected);
+    // Calls to `service` are refused at once: it is neither running nor can it be started.
+    void serviceMissing(const std::string& service);
+    const std::vector<PlacedCall>& calls() const;
+    // The payloads of all calls to `uri`, oldest first.
+    std::vector<std::string> payloadsTo(const std::string& uri) const;
+
+    // --- faults
+    // The next `times` uses of a bus operation ("QSCall", "QSMessageReply", ...) fail with this error.
+    void failNext(const std::string& operation, int code, const std::string& text, int times = 1);
+    // Whether an injected fault of the operation has not been used up.
+    bool faultPending(const std::string& operation) const;
+    // The daemon closes a connection: the loop that it is attached to is quit.
+    void loseConnection(QSHandle* handle);
+
+    // --- what is there
+    std::vector<FakeMessage*> subscribers(QSHandle* handle, const std::string& key) const;
+    std::vector<FakeMessage*> methodSubscribers(QSHandle* handle, const std::string& category,
+                                                const std::string& method) const;
+    // Messages that somebody still holds a reference on.
+    std::vector<FakeMessage*> liveMessages() const;
+    // The service for tests that register none themselves; one that does register gets this very one.
+    QSZeltService* service(const std::string& name = "com.zelt.pubsubservice");
+    QSHandle* privateHandle() { return QSZeltServiceGetPrivateConnection(service()); }
+    QSHandle* publicHandle() { return QSZeltServiceGetPublicConnection(service()); }
+    bool registered(const std::string& name) const;
+    // Drops every subscription without a cancel function, as at the end of the process.
+    void dropSubscriptions();
+    // Forgets everything, messages included.
+    void reset();
+
+    FakeBusState& state() { return *m_state; }
+
+  private:
+    std::unique_ptr<FakeBusState> m_state;
+};
+
+FakeBus& fakeBus();

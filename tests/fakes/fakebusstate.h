@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What the fake bus keeps, for its own sources alone: connections, their method tables and their
+// subscriptions.
+#pragma once
+
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/fakes/fakebus.h"
+
+using SubscriberList = std::list<QSMessage*>;
+
+struct QSHandle {
+    std::string name;
+    bool isPublic = false;
+    bool closed = false;
+    GMainLoop* loop = nullptr;
+    std::map<std::string, std::map<std::string, std::pair<QSFilter, void*>>> categories;
+    // Free keys and the keys of methods are apart: a node may be called anything.
+    std::map<std::string, SubscriberList> byKey;
+    std::map<std::pair<std::string, std::string>, SubscriberList> byMethod;
+    QSFilter cancel = nullptr;
+    void* cancelContext = nullptr;
+};
+
+struct QSZeltService {
+    std::string name;
+    QSHandle* privateHandle = nullptr;
+    QSHandle* publicHandle = nullptr;
+    bool taken = false;  // registered by the service itself, not only made for a test
+};
+
+struct QSSubscriptionIter {
+    QSHandle* handle = nullptr;
+    std::string key;
+    std::vector<QSMessage*> messages;  // one reference each
+    std::size_t next = 0;
+};
+
+struct FakeBusState {
+    struct Fault {
+        int code;
+        std::string text;
+        int times;
+    };
+
+    std::vector<std::unique_ptr<QSMessage>> messages;
+    std::vector<std::unique_ptr<QSHandle>> handles;
+    std::vector<std::unique_ptr<QSZeltService>> services;
+    std::vector<PlacedCall> calls;
+    std::map<std::string, Fault> faults;
+    std::set<std::string> missing;
+    std::vector<QSMessage*> unseenDeaths;
+    QSToken nextToken = 1;
+    unsigned nextClient = 1;
+
+    QSMessage* makeMessage(QSHandle* handle);
+    QSHandle* makeHandle(const std::string& name, bool isPublic);
+};
+
+// Fills the error record; returns false so that a failing call can return it.
+bool failWith(QSError* error, int code, const std::string& text);
+// Takes one injected fault of `operation`, if there is one, into the error record.
+bool faultInjected(const std::string& operation, QSError* error);
+// Reports the use of a message that has been released already.
+bool usable(QSMessage* message, const char* operation);
+// The payload's member "subscribe" says true.
+bool asksToSubscribe(const std::string& payload);
+// Hands one answer to the caller.
+bool answerMessage(QSMessage* message, const char* payload, QSError* error);
+// Takes a message out of every list; the cancel function runs when it had been in one.
+bool cancelSubscriptions(QSMessage* message, bool callCancelFunction);
+std::string busName(const QSHandle* handle);
