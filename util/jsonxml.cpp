@@ -103,7 +103,7 @@ void GetJSONFromXmlTag(const gloox::Tag* tag, json_object* parent) {
 json_object* getAppResponseJsonObj(const std::string& node, const std::string& item) {
     json_object* response = json_object_new_object();
     json_object_object_add(response, "item", newString(item));
-    // find gives npos, and with it the whole name, when there is no slash
+    // Without a slash rfind gives npos, and npos + 1 is the start: the whole name.
     json_object_object_add(response, "endpoint", newString(node.substr(node.rfind('/') + 1)));
     json_object_object_add(response, "returnValue", json_object_new_boolean(true));
     return response;
