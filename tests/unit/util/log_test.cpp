@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The diagnostics log: both outputs of every entry point, the cut at 511 characters, and the newline helpers.
+//
+// The program's own syslog() stands in for the C library's and keeps what it is given.
+#include "util/log.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tests/fakes/logcapture.h"
+
+namespace {
+
+struct SystemLogLine {
+    int priority;
+    std::string text;
+    bool operator==(const SystemLogLine&) const = default;
+};
+
+std::vector<SystemLogLine> systemLog;
+
+}  // namespace
+
+extern "C" void syslog(int priority, const char* format, ...) {
+    char text[2048];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    systemLog.push_back({priority, text});
+}
+
+namespace {
+
+using Entry = void (*)(const char*, int, const char*, ...);
+
+struct EntryPoint {
+    const char* name;
+    Entry write;
+    int priority;
+};
+
+class LogEntry : public testing::TestWithParam<EntryPoint> {
+  protected:
+    LogEntry() { systemLog.clear(); }
+};
+
+TEST_P(LogEntry, WritesTheLineToStandardErrorAndToTheSystemLogAtItsPriority) {
+    LogCapture log;
+    GetParam().write("handler", 42, "answer %d for %s", 7, "node");
+    EXPECT_EQ(log.raw(), "[handler: 42]: answer 7 for node\n");
+    EXPECT_EQ(systemLog,
+              (std::vector<SystemLogLine>{{GetParam().priority, "[handler: 42]: answer 7 for node"}}));
+}
+
+TEST_P(LogEntry, CutsAMessageOf600CharactersToItsFirst511) {
+    LogCapture log;
+    GetParam().write("handler", 1, "%s", (std::string(511, 'a') + std::string(89, 'b')).c_str());
+    EXPECT_EQ(log.raw(), "[handler: 1]: " + std::string(511, 'a') + "\n");
+    EXPECT_EQ(systemLog.at(0).text, "[handler: 1]: " + std::string(511, 'a'));
+}
+
+TEST_P(LogEntry, WritesAMessageOf511CharactersWhole) {
+    LogCapture log;
+    GetParam().write("handler", 1, "%s", std::string(511, 'a').c_str());
+    EXPECT_EQ(log.raw(), "[handler: 1]: " + std::string(511, 'a') + "\n");
+}
+
+TEST_P(LogEntry, KeepsTheNewlineOfTheFormat) {
+    LogCapture log;
+    GetParam().write("handler", 1, "Malformed json packet? \n");
+    EXPECT_EQ(log.raw(), "[handler: 1]: Malformed json packet? \n\n");
+    EXPECT_EQ(systemLog.at(0).text, "[handler: 1]: Malformed json packet? \n");
+}
+
+TEST_P(LogEntry, DoesNotReadTheMessageAsAFormatAgain) {
+    LogCapture log;
+    GetParam().write("handler", 1, "%s", "100%s %n");
+    EXPECT_EQ(log.raw(), "[handler: 1]: 100%s %n\n");
+    EXPECT_EQ(systemLog.at(0).text, "[handler: 1]: 100%s %n");
+}
+
+INSTANTIATE_TEST_SUITE_P(AllEntryPoints, LogEntry,
+                         testing::Values(EntryPoint{"PrvPrintErr", PrvPrintErr, LOG_ERR},
+                                         EntryPoint{"glooxDbg", glooxDbg, LOG_ERR},
+                                         EntryPoint{"PrvPrintDbg", PrvPrintDbg, LOG_INFO},
+                                         EntryPoint{"PrintDbgRelease", PrintDbgRelease, LOG_INFO}),
+                         [](const auto& entry) { return entry.param.name; });
+
+TEST(StripNewline, CutsTheTextAtTheFirstNewline) {
+    char buffer[] = "abc\ndef";
+    strip_newline(buffer, 8);
+    EXPECT_STREQ(buffer, "abc");
+    EXPECT_STREQ(buffer + 4, "def");
+}
+
+TEST(StripNewline, LooksNoFurtherThanTheLength) {
+    char buffer[] = "abc\ndef";
+    strip_newline(buffer, 2);
+    EXPECT_STREQ(buffer, "abc\ndef");
+    strip_newline(buffer, 3);
+    EXPECT_STREQ(buffer, "abc\ndef");
+    strip_newline(buffer, 4);
+    EXPECT_STREQ(buffer, "abc");
+}
+
+TEST(StripNewline, ChangesNothingForALengthBelowOne) {
+    char buffer[] = "\nabc";
+    strip_newline(buffer, 0);
+    strip_newline(buffer, -1);
+    EXPECT_STREQ(buffer, "\nabc");
+}
+
+TEST(StripNewline, ChangesNothingWithoutANewline) {
+    char buffer[] = "abc";
+    strip_newline(buffer, 4);
+    EXPECT_STREQ(buffer, "abc");
+}
+
+TEST(ReplaceNewline, WritesTheCharacterOverTheFirstNewlineOnly) {
+    char buffer[] = "a\nb\nc";
+    replace_newline(buffer, 6, ' ');
+    EXPECT_STREQ(buffer, "a b\nc");
+}
+
+TEST(ReplaceNewline, LooksNoFurtherThanTheLength) {
+    char buffer[] = "a\nb";
+    replace_newline(buffer, 1, ' ');
+    replace_newline(buffer, 0, ' ');
+    EXPECT_STREQ(buffer, "a\nb");
+}
+
+}  // namespace
