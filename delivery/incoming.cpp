@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What the server pushes: items, changes of subscriptions, and requests to approve a subscriber.
+//
+// An item reaches exactly one of the registered services, the public subscriber and the cache, in this order;
+// only then is its number stored, and only then is it acknowledged, so that a crash repeats the item rather
+// than losing it. This file keeps no state of its own; what it changes is kept by the parts it calls.
+#include <gloox/message.h>
+#include <gloox/tag.h>
+
+#include <cstdio>
+#include <memory>
+
+#include "delivery/cache.h"
+#include "platform/bus/qsraii.h"
+#include "session/pubsubsession.h"
+#include "util/jsonargs.h"
+#include "util/jsonref.h"
+#include "util/jsonxml.h"
+#include "util/log.h"
+#include "xmpp/client.h"
+#include "xmpp/manager.h"
+
+namespace {
+
+constexpr const char* kEventNamespace = "http://jabber.org/protocol/pubsub#event";
+constexpr const char* kFormNamespace = "jabber:x:data";
+
+const gloox::Tag* childIn(const gloox::Tag& parent, const std::string& name, const char* xmlns) {
+    for (const gloox::Tag* child : parent.children())
+        if (child->name() == name && child->xmlns() == xmlns)
+            return child;
+    return nullptr;
+}
+
+void addText(json_object* object, const char* key, const std::string& text) {
+    json_object_object_add(object, key, json_object_new_string(text.c_str()));
+}
+
+// The text of the form field `var`, "" when the form lacks it.
+std::string fieldValue(const gloox::Tag& form, const std::string& var) {
+    for (const gloox::Tag* field : form.children()) {
+        if (field->name() != "field" || field->findAttribute("var") != var)
+            continue;
+        const gloox::Tag* value = field->findChild("value");
+        return value ? value->cdata() : std::string();
+    }
+    return {};
+}
+
+void pushSubscription(QSZeltService* service, const gloox::Tag& subscription) {
+    const std::string& node = subscription.findAttribute("node");
+    const JsonRef object(json_object_new_object());
+    addText(object.get(), "node", node);
+    addText(object.get(), "jid", subscription.findAttribute("jid"));
+    addText(object.get(), "subscription", subscription.findAttribute("subscription"));
+    BusError error;
+    if (!QSSubscriptionRespond(service, node.c_str(), json_object_to_json_string(object.get()), error))
+        PrvPrintErr(__func__, __LINE__, "Warning: Sending item failed, no subscriber for Node? Bus error %s ",
+                    error.message());
+}
+
+void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std::string& messageId) {
+    const std::string node = fieldValue(form, "pubsub#node");
+    const JsonRef object(json_object_new_object());
+    addText(object.get(), "subid", fieldValue(form, "pubsub#subid"));
+    addText(object.get(), "node", node);
+    // sic: the server's form names this field so.
+    addText(object.get(), "subscriber_jid", fieldValue(form, "pusub#subscriber_jid"));
+    addText(object.get(), "id", messageId);
+    const char* payload = json_object_to_json_string(object.get());
+    for (const std::string& key : {"handleAuth:" + node, std::string("handleAuth:*")}) {
+        BusError error;
+        if (!QSSubscriptionRespond(service, key.c_str(), payload, error))
+            PrvPrintErr(__func__, __LINE__, "Warning: No one approve message? Quor error %s ",
+                        error.message());
+    }
+}
+
+}  // namespace
+
+void PubSubSession::handleMessage(const gloox::Message& message, gloox::MessageSession*) {
+    setPingTimer();
+    std::unique_ptr<gloox::Tag> built;
+    const auto* received = dynamic_cast<const xmpp::ReceivedMessage*>(&message);
+    if (!received)
+        built.reset(message.tag());
+    const gloox::Tag& element = received ? received->element() : *built;
+
+    if (const gloox::Tag* event = childIn(element, "event", kEventNamespace)) {
+        for (const gloox::Tag* child : event->children()) {
+            if (child->name() == "items")
+                handleIncomingItem(*child);
+            else if (child->name() == "subscription")
+                pushSubscription(m_serviceHandle, *child);
+        }
+        return;
+    }
+    const gloox::Tag* form = childIn(element, "x", kFormNamespace);
+    if (!form)
+        return;
+    if (form->hasAttribute("type", "form"))
+        pushAuthorisation(m_serviceHandle, *form, element.findAttribute("id"));
+    else
+        PrvPrintErr(__func__, __LINE__, "Warning: We have x-data that is not a form %s", form->xml().c_str());
+}
+
+void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
+    const std::string& node = items.findAttribute("node");
+    const gloox::Tag* item = items.findChild("item");
+    const gloox::Tag* payload = item ? item->findChild("payload") : nullptr;
+    if (!payload) {
+        PrvPrintErr(__func__, __LINE__, "Malformed items packet? Item will not be delivered");
+        return;
+    }
+    const std::string& seqNo = item->findAttribute("seqNo");
+    const std::string& itemId = item->findAttribute("id");
+    const gloox::JID service(m_pubsubService);
+    const auto acknowledge = [&] {
+        if (m_pubsub)
+            m_pubsub->ackItem(service, node, itemId);
+    };
+
+    activated(node, false);
+    if (isStalePacket(node, seqNo)) {
+        acknowledge();
+        std::string ignored;
+        if (subMap.contains(node))
+            activateNode(node, ignored);
+        return;
+    }
+    const std::string text = payload->cdata();
+    const JsonRef serviceObject(getResponseJsonObject(node, itemId, text));
+    if (!sendMessageToServices(serviceObject.get(), node)) {
+        const JsonRef appObject(getAppResponseJsonObj(node, text));
+        if (!sendMessageToApp(serviceObject.get(), appObject.get(), node) &&
+            !saveItemInCache(node, appObject.get()))
+            return;
+    }
+    // The number is stored before the ack, so a crash between them repeats the item and finds it stale.
+    persistSeqNo(node, seqNo);
+    acknowledge();
+}
+
+bool PubSubSession::sendMessageToServices(json_object* serviceObject, const std::string& node) {
+    const auto entry = serviceNodeMap.find(node);
+    if (entry == serviceNodeMap.end())
+        return false;
+    const char* payload = json_object_to_json_string(serviceObject);
+    for (const std::string& endpoint : entry->second) {
+        BusError error;
+        // No callback: the answer would be ignored, and a daemon bounds the replies that a connection waits
+        // for.
+        if (QSCall(m_privateHandle, endpoint.c_str(), payload, nullptr, nullptr, nullptr, error))
+            continue;
+        QSErrorPrint(error, stderr);
+        // sic: a node with a registration never caches its items, whatever the text says.
+        PrvPrintErr(__func__, __LINE__, "QSCall to a registered callback failed. Item sent to cache\n");
+    }
+    return true;
+}
+
+bool PubSubSession::sendMessageToApp(json_object* serviceObject, json_object* appObject,
+                                     const std::string& node) {
+    // A subscriber whose death has already been received must not take the item with it.
+    if (m_serviceHandle)
+        QSZeltServiceReadReceived(m_serviceHandle);
+    bool found = false;
+    std::string appId;
+    std::string ignored;
+    QSHandle* handle = nullptr;
+    checkSubMap(node, found, appId, handle, ignored, ignored);
+    if (found) {
+        if (!handle)
+            return false;
+        // A subscribe that waits for its answer since there was no connection gets it before any item.
+        settleDeferredSubscriber(node);
+        BusError error;
+        const bool taken = QSSubscriptionRespond(m_serviceHandle, node.c_str(),
+                                                 json_object_to_json_string(appObject), error);
+        if (taken)
+            setPowerOn();
+        else
+            PrvPrintErr(__func__, __LINE__,
+                        "Warning: Sending item failed, no subscriber for Node?  Bus error %s ",
+                        error.message());
+        removeSubMap(node);
+        return taken;
+    }
+    const auto offline = m_offlineMap.find(node);
+    if (offline == m_offlineMap.end())
+        return false;
+    if (!m_onCloseRegistered) {
+        PrvPrintErr(__func__, __LINE__, "Sub Map present - No subs, no offlineclose? %s", node.c_str());
+        return false;
+    }
+    addText(serviceObject, "appid", offline->second);
+    BusError error;
+    if (!QSSubscriptionPost(m_privateHandle, "/", "registerOnClose",
+                            json_object_to_json_string(serviceObject), error))
+        PrvPrintErr(__func__, __LINE__, "Sending item to registerOnclose failed. Error %s ", error.message());
+    // The item is cached as well, so that the application that is told of it can fetch it.
+    return false;
+}
