@@ -216,6 +216,11 @@ class PubSubSession : public gloox::MessageHandler,
     void handleKeyCb(const std::string& id, const gloox::JID& service, const std::string& key,
                      const gloox::Error* error, const std::string& what, bool flag);
 
+    // endpoints/publicsubscribe.cpp: subscribers that came while there was no connection
+    void activateDeferredSubscribers();
+    void settleDeferredSubscriber(const std::string& node);
+    void firstAnswerGiven(const _endpointStruct& request);
+
     // maintenance/activation.cpp
     bool activateNode(const std::string& node, std::string& requestId);
     void activated(const std::string& node, bool value);
@@ -271,6 +276,7 @@ class PubSubSession : public gloox::MessageHandler,
     bool m_spare3 = false;          // holds node activation back; set by nothing
     bool m_onWan = false;           // the connection runs over the mobile link
     bool m_survivedOutage = false;  // it stayed up over the mobile link while there was no Internet
+    std::map<std::string, _endpointStruct> m_deferredSubscribes;  // node -> subscribe without its first answer yet
 
     static GSource* m_source;  // watch on the XMPP socket, borrowed from the main context; null when there is none
     static constexpr std::size_t kNoCursor = static_cast<std::size_t>(-1);

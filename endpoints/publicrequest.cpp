@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The shared steps of the public methods; keeps no state.
+#include "endpoints/publicrequest.h"
+
+#include "nodes/names.h"
+#include "service/requestframe.h"
+#include "session/pubsubsession.h"
+#include "util/jsonargs.h"
+#include "util/log.h"
+
+PublicRequest::PublicRequest(QSHandle* busHandle, QSMessage* request)
+    : handle(busHandle),
+      message(request),
+      m_payload(parseJson(QSMessageGetPayload(request))),
+      m_object(m_payload.get()) {}
+
+bool PublicRequest::readEndpoint(bool needConnected) {
+    return checkInit(m_object, gCurrentSession, m_errorCode, m_errorText, needConnected) &&
+           getJSONStringV2(m_object, "endpoint", m_errorText, endpoint);
+}
+
+bool PublicRequest::formNode() {
+    const char* caller = QSMessageGetApplicationID(message);
+    appId = caller ? caller : "";
+    if (getNodeName(endpoint, node, gCurrentSession, appId, m_errorText))
+        return true;
+    m_errorCode = "libErr";
+    return false;
+}
+
+bool PublicRequest::fail(const char* code, const char* text) {
+    m_errorCode = code;
+    m_errorText = text;
+    return false;
+}
+
+bool PublicRequest::refuse(const char* function, int line) {
+    PrvPrintErr(function, line, "Error %s, Incoming %s", m_errorText.c_str(), QSMessageGetPayload(message));
+    JsonRef context(json_object_new_object());
+    addMember(context, "endpoint", endpoint);
+    HandleError(handle, message, m_errorCode, m_errorText, context.release());
+    return true;
+}
+
+void addMember(const JsonRef& object, const char* key, const std::string& text) {
+    json_object_object_add(object.get(), key, json_object_new_string(text.c_str()));
+}
+
+JsonRef endpointReply(bool success, const std::string& endpoint) {
+    JsonRef reply(json_object_new_object());
+    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(success));
+    addMember(reply, "endpoint", endpoint);
+    return reply;
+}
