@@ -183,8 +183,9 @@ std::vector<std::string> FakeBus::payloadsTo(const std::string& uri) const {
     return payloads;
 }
 
-void FakeBus::failNext(const std::string& operation, int code, const std::string& text, int times) {
-    m_state->faults[operation] = {code, text, times};
+void FakeBus::failNext(const std::string& operation, int code, const std::string& text, int times,
+                       int after) {
+    m_state->faults[operation] = {code, text, times, after};
 }
 
 bool FakeBus::faultPending(const std::string& operation) const {

@@ -93,8 +93,10 @@ class FakeBus {
     std::vector<std::string> payloadsTo(const std::string& uri) const;
 
     // --- faults
-    // The next `times` uses of a bus operation ("QSCall", "QSMessageReply", ...) fail with this error.
-    void failNext(const std::string& operation, int code, const std::string& text, int times = 1);
+    // The next `times` uses of a bus operation ("QSCall", "QSMessageReply", ...) fail with this error, once
+    // `after` more have passed.
+    void failNext(const std::string& operation, int code, const std::string& text, int times = 1,
+                  int after = 0);
     // Whether an injected fault of the operation has not been used up.
     bool faultPending(const std::string& operation) const;
     // The daemon closes a connection: the loop that it is attached to is quit.

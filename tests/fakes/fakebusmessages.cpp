@@ -81,6 +81,8 @@ bool faultInjected(const std::string& operation, QSError* error) {
     const auto found = faults.find(operation);
     if (found == faults.end())
         return false;
+    if (found->second.after-- > 0)
+        return false;
     failWith(error, found->second.code, found->second.text);
     if (--found->second.times == 0)
         faults.erase(found);

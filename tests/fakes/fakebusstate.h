@@ -47,6 +47,7 @@ struct FakeBusState {
         int code;
         std::string text;
         int times;
+        int after;
     };
 
     std::vector<std::unique_ptr<QSMessage>> messages;

@@ -13,11 +13,11 @@
 #include <utility>
 
 #include "tests/fakes/journal.h"
-#include "xmpp/client.h"
 
 namespace {
 
 constexpr const char* kStreamXmlns = "http://etherx.jabber.org/streams";
+constexpr const char* kStreamEnd = "</stream:stream>";
 
 std::string decodeBase64(const std::string& text) {
     gsize length = 0;
@@ -144,16 +144,6 @@ FakeServer& fakeServer() {
     return server;
 }
 
-void FakeServer::install() {
-    xmpp::Client::setConnectionFactory([this](xmpp::Client& client, const std::string& host, int port,
-                                              const std::string& localAddress, GMainContext*) {
-        m_host = host;
-        m_port = port;
-        m_localAddress = localAddress;
-        return new FakeConnection(*this, &client, client.logInstance(), host, port);
-    });
-}
-
 void FakeServer::reset() {
     m_connection = nullptr;
     m_stanzas.clear();
@@ -173,8 +163,10 @@ void FakeServer::sends(const std::string& xml) {
         m_connection->queue(xml);
 }
 
+// As a server does it: the end of the stream, then that of the connection.
 void FakeServer::closesStream() {
-    sends("</stream:stream>");
+    sends(kStreamEnd);
+    closesWith(gloox::ConnStreamClosed);
 }
 
 void FakeServer::closesWith(gloox::ConnectionError error) {
@@ -196,19 +188,18 @@ void FakeServer::closed(FakeConnection* connection) {
 }
 
 void FakeServer::received(const std::string& data) {
+    if (data == kStreamEnd) {
+        m_streamClosed = true;  // gloox's parser does not tell
+        return;
+    }
     if (data.starts_with("<?xml"))
         m_parser.reset(new gloox::Parser(this));
     std::string text = data;
     m_parser->feed(text);
 }
 
-// A null tag is the end of the client's stream.
 void FakeServer::handleTag(gloox::Tag* tag) {
-    if (!tag) {
-        m_streamClosed = true;
-        return;
-    }
-    if (m_mute)
+    if (!tag || m_mute)
         return;
     if (tag->name() == "stream") {
         m_domain = tag->findAttribute("to");
