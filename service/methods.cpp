@@ -3,11 +3,20 @@
 #include "service/methods.h"
 
 #include "delivery/methods.h"
+#include "endpoints/methods.h"
+#include "maintenance/methods.h"
 #include "nodes/methods.h"
 #include "session/methods.h"
 
 const QSMethod pubMethods[] = {
+    {"createEndpoint", createEndpoint, 0},
+    {"deleteEndpoint", deleteEndpoint, 0},
+    {"subscribe", subscribe, 0},
+    {"unsubscribe", unsubscribe, 0},
+    {"getPublishKey", getPublishKey, 0},
     {"connectStatus", connectStatus, 0},
+    {"subscribeOnClose", subscribeOnClose, 0},
+    {"unsubscribeOnClose", unsubscribeOnClose, 0},
     {nullptr, nullptr, 0},
 };
 
@@ -30,7 +39,9 @@ const QSMethod methods[] = {
     {"getJabberId", getJabberId, 0},
     {"disconnect", disconnect, 0},
     {"getResource", getResource, 0},
+    {"registerOnClose", registerOnClose, 0},
     {"keepAliveTimer", keepAliveTimer, 0},
     {"reconnectTimer", reconnectTimer, 0},
+    {"activateNode", activateNode, 0},
     {nullptr, nullptr, 0},
 };
