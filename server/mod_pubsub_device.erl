@@ -1,0 +1,128 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% The device extension of the pub-sub service: an ejabberd module that stands beside mod_pubsub and uses its public
+%% extension points alone. This file is the entry: options, processes, hooks. docs/protocol.md says what it does.
+-module(mod_pubsub_device).
+-behaviour(gen_mod).
+
+-export([start/2, stop/1, reload/3, depends/2, mod_options/1, mod_opt_type/1, mod_doc/0]).
+-export([is_service/1, option/1, on_delete/4]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include("pubsub_device.hrl").
+
+-define(SERVICES, {?MODULE, services}).
+-define(OPTIONS, {?MODULE, options}).
+
+start(Host, Opts) ->
+    keep_options(Opts),
+    Services = gen_mod:get_module_opt_hosts(Host, mod_pubsub),
+    Known = persistent_term:get(?SERVICES, #{}),
+    persistent_term:put(?SERVICES, lists:foldl(fun(Service, Map) -> Map#{Service => Host} end, Known, Services)),
+    map_size(Known) == 0 andalso start_workers(),
+    %% The server asks a module that is not loaded yet in vain whether it decodes requests itself.
+    {module, _} = code:ensure_loaded(pubsub_device_iq),
+    [begin
+         gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DEVICE, pubsub_device_iq, process),
+         gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_INFO, pubsub_device_iq, process_disco_info)
+     end || Service <- Services],
+    map_size(Known) == 0 andalso ejabberd_hooks:add(filter_packet, pubsub_device_filter, filter_packet, 50),
+    [ejabberd_hooks:add(Hook, Host, Module, Function, 50) || {Hook, Module, Function} <- hooks()],
+    ok.
+
+stop(Host) ->
+    Left = maps:filter(fun(_, Each) -> Each /= Host end, persistent_term:get(?SERVICES, #{})),
+    [ejabberd_hooks:delete(Hook, Host, Module, Function, 50) || {Hook, Module, Function} <- hooks()],
+    maps:foreach(fun(Service, Each) when Each == Host ->
+                         gen_iq_handler:remove_iq_handler(ejabberd_local, Service, ?NS_DEVICE);
+                    (_, _) -> ok
+                 end, persistent_term:get(?SERVICES, #{})),
+    persistent_term:put(?SERVICES, Left),
+    map_size(Left) == 0 andalso stop_workers(),
+    ok.
+
+reload(_Host, Opts, _OldOpts) ->
+    keep_options(Opts).
+
+depends(_, _) -> [{mod_pubsub, hard}].
+
+hooks() ->
+    [{pubsub_publish_item, pubsub_device_publish, on_publish},
+     {pubsub_delete_node, ?MODULE, on_delete},
+     {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
+     {remove_user, pubsub_device_presence, on_remove_user}].
+
+%% The processes are the machine's, not the host's: several virtual hosts share them.
+workers() ->
+    [{pubsub_device_commit, {pubsub_device_commit, start_link, []}},
+     {pubsub_device_sweep, {pubsub_device_sweep, start_link, []}}
+     | [{pubsub_device_writer:name(Shard), {pubsub_device_writer, start_link, [Shard]}}
+        || Shard <- pubsub_device_writer:shards()]].
+
+start_workers() ->
+    pubsub_device_store:init(),
+    [{ok, _} = supervisor:start_child(ejabberd_gen_mod_sup, {Id, Start, permanent, 5000, worker, dynamic})
+     || {Id, Start} <- workers()].
+
+stop_workers() ->
+    ejabberd_hooks:delete(filter_packet, pubsub_device_filter, filter_packet, 50),
+    [begin
+         supervisor:terminate_child(ejabberd_gen_mod_sup, Id),
+         supervisor:delete_child(ejabberd_gen_mod_sup, Id)
+     end || {Id, _} <- workers()].
+
+%% Whether the domain is a pub-sub service with this extension.
+is_service(Domain) ->
+    maps:is_key(Domain, persistent_term:get(?SERVICES, #{})).
+
+option(Name) ->
+    maps:get(Name, persistent_term:get(?OPTIONS)).
+
+keep_options(Opts) ->
+    persistent_term:put(?OPTIONS, maps:from_list([{Name, gen_mod:get_opt(Name, Opts)} || {Name, _} <- mod_options(x)])).
+
+%% Keys die with their node, before the deletion is answered.
+on_delete(_Host, Service, NodeId, _Nidx) when is_binary(Service) ->
+    case is_service(Service) of
+        true -> pubsub_device_writer:call({Service, NodeId}, {forget, {Service, NodeId}});
+        false -> ok
+    end,
+    ok;
+on_delete(_, _, _, _) ->
+    ok.
+
+mod_opt_type(sync) -> econf:bool();
+mod_opt_type(max_age) -> econf:timeout(second);
+mod_opt_type(device_age) -> econf:timeout(second);
+mod_opt_type(sweep_interval) -> econf:timeout(second);
+mod_opt_type(_) -> econf:pos_int().
+
+mod_options(_) ->
+    [{sync, true},
+     {max_kept, 10000},
+     {max_kept_node, 1000},
+     {max_age, timer:hours(24 * 30)},
+     {device_age, timer:hours(24 * 90)},
+     {max_devices, 100},
+     {max_store, 1000000000},
+     {max_backlog, 5000},
+     {max_payload, 60000},
+     {key_rate, 100},
+     {key_burst, 1000},
+     {sweep_interval, timer:minutes(10)}].
+
+mod_doc() ->
+    Option = fun(Name, Value, Text) -> {Name, #{value => Value, desc => Text}} end,
+    #{desc => <<"Devices of the pub-sub service: items are numbered, kept until they are acknowledged and sent again.">>,
+      opts =>
+          [Option(sync, "true | false", <<"Whether a publisher is answered only when its item is on disk.">>),
+           Option(max_kept, "Number", <<"How many items are kept for a device.">>),
+           Option(max_kept_node, "Number", <<"How many of them may be of one node.">>),
+           Option(max_age, "Time", <<"How long an item is kept.">>),
+           Option(device_age, "Time", <<"How long a device is remembered after it was last seen.">>),
+           Option(max_devices, "Number", <<"How many devices of an account are remembered.">>),
+           Option(max_store, "Bytes", <<"Above this publishers are told to come back later.">>),
+           Option(max_backlog, "Number", <<"The same for requests that wait for a writer.">>),
+           Option(max_payload, "Bytes", <<"The largest body that HTTP takes.">>),
+           Option(key_rate, "Number", <<"How many items a second may be published with a key.">>),
+           Option(key_burst, "Number", <<"How many of them at once.">>),
+           Option(sweep_interval, "Time", <<"How often ages are looked at.">>)]}.

@@ -1,0 +1,103 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% The node tree of the pub-sub service: the stock tree with collections that deliver. A node's parents are what its
+%% own `pubsub#collection` names, read at every delivery, so nothing else is stored and nothing can go stale. Deleting
+%% a node looks at that node alone (the stock tree walks every node), and publishing never creates one.
+-module(nodetree_device).
+-behaviour(gen_pubsub_nodetree).
+
+-export([init/3, terminate/2, options/0, set_node/1, get_node/3, get_node/2, get_node/1, get_nodes/2, get_nodes/1,
+         get_all_nodes/1, get_parentnodes/3, get_parentnodes_tree/3, get_subnodes/3, get_subnodes_tree/3,
+         create_node/6, delete_node/2]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include_lib("ejabberd/include/pubsub.hrl").
+
+init(Host, ServerHost, Opts) -> nodetree_tree:init(Host, ServerHost, Opts).
+terminate(Host, ServerHost) -> nodetree_tree:terminate(Host, ServerHost).
+options() -> nodetree_tree:options().
+get_node(Host, Node, From) -> nodetree_tree:get_node(Host, Node, From).
+get_node(Host, Node) -> nodetree_tree:get_node(Host, Node).
+get_node(Nidx) -> nodetree_tree:get_node(Nidx).
+get_nodes(Host, Limit) -> nodetree_tree:get_nodes(Host, Limit).
+get_nodes(Host) -> nodetree_tree:get_nodes(Host).
+get_all_nodes(Host) -> nodetree_tree:get_all_nodes(Host).
+get_parentnodes(Host, Node, From) -> nodetree_tree:get_parentnodes(Host, Node, From).
+get_subnodes(Host, Node, Limit) -> nodetree_tree:get_subnodes(Host, Node, Limit).
+
+get_subnodes_tree(Host, Node, _From) ->
+    read(Host, Node).
+
+set_node(#pubsub_node{nodeid = {Host, Node}, options = Options, owners = Owners} = Record) ->
+    Before = case read(Host, Node) of
+                 [#pubsub_node{options = Old}] -> collections(Old);
+                 [] -> []
+             end,
+    case refused(Host, collections(Options) -- Before, Owners) of
+        false -> nodetree_tree:set_node(Record);
+        Error -> Error
+    end.
+
+create_node(Host, Node, Type, Owner, Options, Parents) ->
+    Owners = [jid:tolower(jid:remove_resource(Owner))],
+    case pubsub_device_publish:is_publishing() orelse refused(Host, collections(Options), Owners) of
+        true -> {error, xmpp:err_item_not_found()};
+        false -> nodetree_tree:create_node(Host, Node, Type, Owner, Options, Parents);
+        Error -> Error
+    end.
+
+delete_node(Host, Node) ->
+    Records = read(Host, Node),
+    [begin
+         pubsub_index:free(node, Nidx),
+         mnesia:delete({pubsub_node, {Host, Node}})
+     end || #pubsub_node{id = Nidx} <- Records],
+    Records.
+
+%% The node itself at depth 0, the collections that hold it at 1, those that hold them at 2 and so on.
+get_parentnodes_tree(Host, Node, _From) ->
+    case read(Host, Node) of
+        [Record] -> [{0, [Record]} | above(Host, [Record], 1, [Node])];
+        [] -> []
+    end.
+
+above(Host, Records, Depth, Seen) ->
+    Found = lists:usort([Parent || Record <- Records, Name <- collections(Record#pubsub_node.options),
+                                   not lists:member(Name, Seen), Parent <- read(Host, Name),
+                                   may_hold(Parent, Record#pubsub_node.owners)]),
+    Names = [Name || #pubsub_node{nodeid = {_, Name}} <- Found],
+    case Found of
+        [] -> [];
+        _ -> [{Depth, Found} | above(Host, Found, Depth + 1, Names ++ Seen)]
+    end.
+
+%% A collection takes nodes of its own owners, and anybody's when its owner opened it with the association policy. The
+%% question is asked again at delivery: a name that was deleted and made anew by somebody else hands nothing out.
+may_hold(#pubsub_node{options = Options, owners = Owners}, ChildOwners) ->
+    proplists:get_value(node_type, Options) == collection
+        andalso (Owners -- ChildOwners /= Owners
+                 orelse proplists:get_value(children_association_policy, Options) == all).
+
+refused(Host, Names, Owners) ->
+    Verdicts = [case read(Host, Name) of
+                    [] -> {error, xmpp:err_item_not_found()};
+                    [#pubsub_node{options = Options} = Parent] ->
+                        case {proplists:get_value(node_type, Options), may_hold(Parent, Owners)} of
+                            {_, true} -> false;
+                            {collection, false} -> {error, xmpp:err_forbidden()};
+                            _ -> {error, xmpp:err_item_not_found()}
+                        end
+                end || Name <- Names],
+    case [Verdict || Verdict <- Verdicts, Verdict /= false] of
+        [First | _] -> First;
+        [] -> false
+    end.
+
+collections(Options) ->
+    case proplists:get_value(collection, Options) of
+        Names when is_list(Names) -> [Name || Name <- Names, Name /= <<>>];
+        Name when is_binary(Name), Name /= <<>> -> [Name];
+        _ -> []
+    end.
+
+read(Host, Node) ->
+    mnesia:read({pubsub_node, {Host, Node}}).

@@ -1,0 +1,115 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% What passes between the server's router and the service: one filter for every stanza, run in the process that sends
+%% it. Inwards it takes presences and acknowledgements and marks requests; outwards it catches the notifications of an
+%% item that is being published and sees that messages to an account reach its devices. Everything else passes.
+-module(pubsub_device_filter).
+
+-export([filter_packet/1]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include("pubsub_device.hrl").
+
+-define(CHANGE, '$pubsub_device_change').
+
+filter_packet(#message{from = #jid{luser = <<>>, lserver = Service}} = Message) ->
+    case mod_pubsub_device:is_service(Service) andalso not pubsub_device_stanza:is_signed(Message) of
+        true -> outgoing(Service, Message);
+        false -> Message
+    end;
+filter_packet(#iq{type = Type, from = #jid{luser = <<>>, lserver = Service}} = IQ)
+  when Type == result; Type == error ->
+    case mod_pubsub_device:is_service(Service) of
+        true -> answer(Service, IQ);
+        false -> IQ
+    end;
+filter_packet(Stanza) ->
+    case xmpp:get_to(Stanza) of
+        #jid{luser = <<>>, lserver = Service, lresource = <<>>} ->
+            case mod_pubsub_device:is_service(Service) of
+                true -> incoming(Service, Stanza);
+                false -> Stanza
+            end;
+        _ -> Stanza
+    end.
+
+%%% inwards
+
+%% The engine would bounce it; for us it says whether the device is there.
+incoming(_, #presence{type = available, from = From}) ->
+    pubsub_device_presence:announce(From),
+    drop;
+incoming(_, #presence{type = unavailable, from = From}) ->
+    pubsub_device_presence:leave(From, self()),
+    drop;
+incoming(_, #presence{}) ->
+    drop;
+incoming(Service, #message{from = From, sub_els = Elements} = Message) ->
+    case [Element || #xmlel{name = <<"ack">>} = Element <- Elements,
+                     fxml:get_tag_attr_s(<<"xmlns">>, Element) == ?NS_DEVICE] of
+        [] -> Message;
+        Acks -> [acknowledge(Service, From, Ack) || Ack <- Acks], drop
+    end;
+incoming(_, #iq{type = set, sub_els = [#xmlel{name = <<"pubsub">>, children = Children}]} = IQ) ->
+    case [Name || #xmlel{name = Name} <- Children, Name == <<"publish">>] of
+        [] -> put(?CHANGE, true), IQ;
+        _ ->
+            case pubsub_device_bounds:is_full() of
+                true ->
+                    Text = <<"The service is full; try again later">>,
+                    ejabberd_router:route_error(IQ, xmpp:err_resource_constraint(Text, <<"en">>)),
+                    drop;
+                false -> pubsub_device_publish:begin_publish(), IQ
+            end
+    end;
+incoming(_, Stanza) ->
+    Stanza.
+
+%% An acknowledgement has no answer. It counts for the session that it comes from.
+acknowledge(Service, From, Ack) ->
+    Node = {Service, fxml:get_tag_attr_s(<<"node">>, Ack)},
+    ItemId = fxml:get_tag_attr_s(<<"id">>, Ack),
+    pubsub_device_writer:cast(Node, {ack, Node, jid:tolower(From), self(), ItemId}).
+
+%%% outwards
+
+%% What the service says it has done is on disk first, as an item is.
+answer(Service, IQ) ->
+    Outcome = pubsub_device_publish:outcome(),
+    pubsub_device_publish:end_publish(),
+    case {erase(?CHANGE), IQ, Outcome} of
+        {_, #iq{type = result}, {error, Error}} -> IQ#iq{type = error, sub_els = [Error]};
+        {true, #iq{type = result}, _} -> pubsub_device_commit:sync(), pubsub_device_forms:complete(Service, IQ);
+        _ -> IQ
+    end.
+
+outgoing(Service, #message{sub_els = [#ps_event{items = #ps_items{node = NodeId, items = [_]}} | Rest]} = Message) ->
+    case Rest == [] andalso pubsub_device_publish:catch_message(Message) of
+        true -> drop;
+        false -> reach(stamp_last({Service, NodeId}, Message))
+    end;
+outgoing(Service, #message{sub_els = [#xdata{type = form} | _]} = Message) ->
+    reach(pubsub_device_forms:authorisation(Service, Message));
+outgoing(_, #message{type = error} = Message) ->
+    Message;
+outgoing(_, Message) ->
+    reach(Message).
+
+%% An item that the engine sends out of its own store, on subscription. It is the node's newest, or, when newer ones
+%% were taken back, one whose number is not known any more and lies below all that follow: zero says so.
+stamp_last(Node, Message) ->
+    #ps_item{id = ItemId} = pubsub_device_stanza:item_of(Message),
+    case pubsub_device_store:last_item(Node) of
+        {Last, ItemId} -> pubsub_device_stanza:stamp(Message, Last);
+        _ -> pubsub_device_stanza:stamp(Message, 0)
+    end.
+
+%% To every session that should see it, or as it stands when there is none.
+reach(#message{to = To} = Message) ->
+    LJID = jid:tolower(To),
+    case pubsub_device_targets:reached(LJID) of
+        [LJID] -> pubsub_device_stanza:sign(Message);
+        Sessions ->
+            [ejabberd_router:route(pubsub_device_stanza:sign(Message#message{to = jid:make(Session)}))
+             || Session <- Sessions],
+            drop
+    end.

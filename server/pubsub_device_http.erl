@@ -1,0 +1,69 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% Publishing with a key over HTTP: POST /push/KEY with the item's text as the body. Keeps no state.
+-module(pubsub_device_http).
+
+-export([process/2]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include_lib("ejabberd/include/ejabberd_http.hrl").
+
+-define(RETRY_SECONDS, 5).
+
+process([Key], #request{method = 'POST', data = Body, path = Path}) ->
+    Limit = mod_pubsub_device:option(max_payload),
+    case check(Body, Limit) of
+        ok -> publish(Key, Body, Path);
+        empty -> refuse(400, <<"The body is empty; it is the text of the item">>);
+        text -> refuse(400, <<"The body is no UTF-8 text, or has characters that XML 1.0 does not carry">>);
+        size -> refuse(413, iolist_to_binary(io_lib:format("The body has more than ~b bytes", [Limit])))
+    end;
+process([_], #request{method = Method}) when Method == 'GET'; Method == 'HEAD' ->
+    answer(200, [], {[{about, <<"Publishes to the endpoint of this key: POST the item's text as the body">>}]});
+process([_], _) ->
+    answer(405, [{<<"Allow">>, <<"GET, HEAD, POST">>}], {[{error, <<"POST the item's text, or GET">>}]});
+process(_, _) ->
+    refuse(404, <<"There is nothing here; an endpoint is /push/KEY">>).
+
+check(<<>>, _) -> empty;
+check(Body, Limit) when byte_size(Body) > Limit -> size;
+check(Body, _) ->
+    case is_xml_text(Body) of
+        true -> ok;
+        false -> text
+    end.
+
+is_xml_text(<<Char/utf8, Rest/binary>>)
+  when Char >= 16#20, Char =< 16#FFFD; Char == $\t; Char == $\n; Char == $\r; Char >= 16#10000 ->
+    is_xml_text(Rest);
+is_xml_text(Rest) ->
+    Rest == <<>>.
+
+publish(Key, Body, Path) ->
+    case pubsub_device_bounds:admits(Key) of
+        ok ->
+            Payload = #xmlel{name = <<"payload">>, children = [{xmlcdata, Body}]},
+            published(pubsub_device_publish:by_key(Key, <<>>, [Payload]), Path);
+        {wait, Seconds} -> retry(429, Seconds, <<"Too many items for this key">>);
+        full -> retry(503, ?RETRY_SECONDS, <<"The service is full; try again later">>)
+    end.
+
+published({ok, _, ItemId, Number}, Path) ->
+    Location = iolist_to_binary([[$/, uri_string:quote(Part)] || Part <- Path ++ [ItemId]]),
+    answer(201, [{<<"Location">>, Location}], {[{id, ItemId}, {seqNo, integer_to_binary(Number)}]});
+published({error, #stanza_error{reason = 'item-not-found'}}, _) ->
+    refuse(404, <<"No endpoint has this key; its owner may have deleted it">>);
+published({error, #stanza_error{reason = 'not-acceptable'}}, _) ->
+    refuse(413, <<"The body is larger than the endpoint takes">>);
+published({error, #stanza_error{reason = 'resource-constraint'}}, _) ->
+    retry(503, ?RETRY_SECONDS, <<"The service is busy; try again later">>);
+published({error, #stanza_error{reason = Reason}}, _) ->
+    refuse(500, misc:atom_to_binary(Reason)).
+
+retry(Code, Seconds, Text) ->
+    answer(Code, [{<<"Retry-After">>, integer_to_binary(Seconds)}], {[{error, Text}]}).
+
+refuse(Code, Text) ->
+    answer(Code, [], {[{error, Text}]}).
+
+answer(Code, Headers, Object) ->
+    {Code, [{<<"Content-Type">>, <<"application/json">>} | Headers], iolist_to_binary(jiffy:encode(Object))}.

@@ -1,0 +1,171 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% The requests of the namespace urn:zelt:pubsub:device:0. Keeps no state. A request runs in the process of the session
+%% that sent it; the writer answers an activation itself, so that the answer leaves before the items.
+-module(pubsub_device_iq).
+
+-export([process/1, decode_iq_subel/1, process_disco_info/1]).
+
+-include_lib("kernel/include/logger.hrl").
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include_lib("ejabberd/include/pubsub.hrl").
+-include("pubsub_device.hrl").
+
+-define(AUTO_CREATE, <<"http://jabber.org/protocol/pubsub#auto-create">>).
+
+%% The codec does not know the namespace; without this the request would be refused before it gets here.
+decode_iq_subel(Element) -> Element.
+
+%% A failure is logged here, without the stanza: it may hold a key.
+process(#iq{type = Type, sub_els = [#xmlel{name = Name} = Element]} = IQ) ->
+    try request({Type, Name}, Element, IQ)
+    catch
+        error:{xmpp_codec, Why} ->
+            xmpp:make_error(IQ, xmpp:err_bad_request(xmpp:io_format_error(Why), IQ#iq.lang));
+        Class:Reason:Stack ->
+            ?LOG_ERROR("The request ~ts failed: ~p:~p ~p", [Name, Class, Reason, Stack]),
+            xmpp:make_error(IQ, xmpp:err_internal_server_error())
+    end.
+
+request({set, <<"create-key-node">>}, Element, IQ) -> create_key_node(node_of(Element, IQ), Element, IQ);
+request({get, <<"key">>}, Element, #iq{from = From} = IQ) ->
+    {_, NodeId} = Node = node_of(Element, IQ),
+    answer(IQ, case pubsub_device_keys:get(Node, account(From)) of
+                   {ok, Key} -> {ok, pubsub_device_stanza:key(NodeId, Key, <<>>)};
+                   Error -> Error
+               end);
+request({set, <<"activate">>}, Element, IQ) ->
+    case pubsub_device_stanza:number(fxml:get_tag_attr_s(<<"seqNo">>, Element)) of
+        {ok, Since} -> activate(node_of(Element, IQ), Since, IQ);
+        error -> answer(IQ, {error, xmpp:err_bad_request(<<"seqNo is a number of at most 20 digits">>, <<"en">>)})
+    end;
+request({set, <<"deactivate">>}, Element, #iq{from = From} = IQ) ->
+    Node = node_of(Element, IQ),
+    case pubsub_device_writer:call(Node, {deactivate, Node, jid:tolower(From)}) of
+        ok -> xmpp:make_iq_result(IQ);
+        Error -> answer(IQ, Error)
+    end;
+request({set, <<"activate-nodes">>}, Element, IQ) -> activate_nodes(Element, IQ);
+request({set, <<"delete-nodes">>}, Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
+    Failed = [{NodeId, Reason} || NodeId <- pubsub_device_stanza:node_ids(Element),
+                                  {error, #stanza_error{reason = Reason}}
+                                      <- [mod_pubsub:delete_node(Service, NodeId, From)],
+                                  Reason /= 'item-not-found'],
+    answer(IQ, {ok, pubsub_device_stanza:nodes(<<"delete-nodes">>, Failed)});
+request({set, <<"publish">>}, Element, IQ) -> publish(Element, IQ);
+request(_, _, IQ) ->
+    answer(IQ, {error, xmpp:err_bad_request(<<"No such request in this namespace">>, <<"en">>)}).
+
+answer(IQ, {ok, Element}) -> xmpp:make_iq_result(IQ, Element);
+answer(IQ, {error, Error}) -> xmpp:make_error(IQ, Error).
+
+node_of(Element, #iq{to = #jid{lserver = Service}}) ->
+    {Service, fxml:get_tag_attr_s(<<"node">>, Element)}.
+
+account(JID) -> jid:remove_resource(jid:tolower(JID)).
+
+%%% key nodes
+
+create_key_node({_, NodeId} = Node, Element, #iq{from = From} = IQ) ->
+    Configure = case fxml:get_subtag_with_xmlns(Element, <<"x">>, ?NS_XDATA) of
+                    false -> undefined;
+                    Form -> {<<>>, xmpp:decode(Form)}
+                end,
+    Create = fun() ->
+                     Request = IQ#iq{sub_els = [#pubsub{create = NodeId, configure = Configure}]},
+                     case mod_pubsub:process_pubsub(Request) of
+                         #iq{type = result} -> ok;
+                         #iq{type = error} = Refused -> {error, xmpp:get_error(Refused)}
+                     end
+             end,
+    case NodeId of
+        <<>> -> answer(IQ, {error, xmpp:err_bad_request(<<"A key node has a name">>, <<"en">>)});
+        _ ->
+            case pubsub_device_writer:call(Node, {create_key, Node, account(From), Create}) of
+                {ok, Key, Status} ->
+                    pubsub_device_presence:announce(From),
+                    pubsub_device_commit:sync(),
+                    answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, Status)});
+                Error -> answer(IQ, Error)
+            end
+    end.
+
+publish(Element, IQ) ->
+    Key = fxml:get_tag_attr_s(<<"key">>, Element),
+    case fxml:get_subtag(Element, <<"item">>) of
+        #xmlel{children = Children} = Item ->
+            Payload = [Child || #xmlel{} = Child <- Children],
+            answer(IQ, publish(Key, fxml:get_tag_attr_s(<<"id">>, Item), Payload));
+        false -> answer(IQ, {error, xmpp:err_bad_request(<<"No item to publish">>, <<"en">>)})
+    end.
+
+publish(Key, ItemId, Payload) ->
+    case pubsub_device_stanza:has_payload(Payload) andalso pubsub_device_bounds:admits(Key) of
+        false -> {error, xmpp:err_bad_request(<<"The item has no payload">>, <<"en">>)};
+        ok ->
+            case pubsub_device_publish:by_key(Key, ItemId, Payload) of
+                {ok, NodeId, Published, Number} ->
+                    {ok, pubsub_device_stanza:published(NodeId, Published, Number)};
+                Error -> Error
+            end;
+        {wait, Seconds} ->
+            Text = iolist_to_binary(io_lib:format("Too many items for this key; wait ~b s", [Seconds])),
+            {error, xmpp:err_resource_constraint(Text, <<"en">>)};
+        full -> {error, xmpp:err_resource_constraint(<<"The service is full; try again later">>, <<"en">>)}
+    end.
+
+%%% activation
+
+activate(Node, Since, #iq{from = From} = IQ) ->
+    case may_receive(Node, From) of
+        ok ->
+            Device = jid:tolower(From),
+            pubsub_device_presence:attach(From),
+            Request = {activate, Node, Device, Since, xmpp:make_iq_result(IQ)},
+            case pubsub_device_writer:call(Node, Request) of
+                ok -> ignore;
+                Error -> answer(IQ, Error)
+            end;
+        Error -> answer(IQ, Error)
+    end.
+
+activate_nodes(Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
+    Verdicts = [{NodeId, may_receive({Service, NodeId}, From)} || NodeId <- pubsub_device_stanza:node_ids(Element)],
+    Failed = [{NodeId, Reason} || {NodeId, {error, #stanza_error{reason = Reason}}} <- Verdicts],
+    pubsub_device_presence:attach(From),
+    ejabberd_router:route(xmpp:make_iq_result(IQ, pubsub_device_stanza:nodes(<<"activate-nodes">>, Failed))),
+    [pubsub_device_writer:cast({Service, NodeId}, {activate, {Service, NodeId}, jid:tolower(From)})
+     || {NodeId, ok} <- Verdicts],
+    ignore.
+
+%% A key node is for its owner's devices and its subscribers; an ordinary node is not gated, so activating it asks for
+%% what is kept and nothing more.
+may_receive({Service, NodeId} = Node, From) ->
+    Account = account(From),
+    case {mod_pubsub:tree_action(Service, get_node, [Service, NodeId]), pubsub_device_store:key_of(Node)} of
+        {#pubsub_node{}, none} -> ok;
+        {#pubsub_node{}, {_, Account}} -> ok;
+        {#pubsub_node{id = Nidx, type = Type}, _} ->
+            case mod_pubsub:node_action(Service, Type, get_subscriptions, [Nidx, Account]) of
+                {result, Subscriptions} ->
+                    case lists:keymember(subscribed, 1, Subscriptions) orelse subscribed(Service, Type, Nidx, From) of
+                        true -> ok;
+                        false -> {error, xmpp:err_forbidden()}
+                    end;
+                _ -> {error, xmpp:err_forbidden()}
+            end;
+        _ -> {error, xmpp:err_item_not_found()}
+    end.
+
+subscribed(Service, Type, Nidx, From) ->
+    case mod_pubsub:node_action(Service, Type, get_subscriptions, [Nidx, jid:tolower(From)]) of
+        {result, Subscriptions} -> lists:keymember(subscribed, 1, Subscriptions);
+        _ -> false
+    end.
+
+%% The engine's answer with our feature, and without the one that the node tree takes away.
+process_disco_info(#iq{sub_els = [Element]} = IQ) ->
+    case mod_pubsub:process_disco_info(IQ#iq{sub_els = [xmpp:decode(Element)]}) of
+        #iq{type = result, sub_els = [#disco_info{node = <<>>, features = Features} = Info]} = Result ->
+            Result#iq{sub_els = [Info#disco_info{features = [?NS_DEVICE | Features -- [?AUTO_CREATE]]}]};
+        Result -> Result
+    end.

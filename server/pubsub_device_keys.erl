@@ -1,0 +1,36 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% Key nodes: nodes that whoever has the key may publish to. A node has one key for its whole life.
+-module(pubsub_device_keys).
+
+-export([create/3, get/2]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include_lib("ejabberd/include/pubsub.hrl").
+
+-define(KEY_BYTES, 24).
+
+%% Runs in the node's writer, so two requests for one name cannot cross. The key is stored before the node: a crash
+%% between the two leaves a key that nobody has, and asking again makes the node.
+create(Node, Owner, Create) ->
+    case {exists(Node), pubsub_device_store:key_of(Node)} of
+        {true, {Key, Owner}} -> {ok, Key, <<"exists">>};
+        {true, _} -> {error, xmpp:err_conflict()};
+        {false, _} ->
+            Key = base64url:encode(crypto:strong_rand_bytes(?KEY_BYTES)),
+            pubsub_device_store:put_key(Node, Key, Owner),
+            try Create() of
+                ok -> {ok, Key, <<>>};
+                {error, Error} -> pubsub_device_store:delete_key(Node), {error, Error}
+            catch _:_ -> pubsub_device_store:delete_key(Node), {error, xmpp:err_internal_server_error()}
+            end
+    end.
+
+get(Node, Account) ->
+    case {exists(Node), pubsub_device_store:key_of(Node)} of
+        {true, {Key, Account}} -> {ok, Key};
+        {true, {_, _}} -> {error, xmpp:err_forbidden()};
+        _ -> {error, xmpp:err_item_not_found()}
+    end.
+
+exists({Service, NodeId}) ->
+    is_record(mod_pubsub:tree_action(Service, get_node, [Service, NodeId]), pubsub_node).

@@ -1,0 +1,67 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% Devices and their sessions. A device is a full JID of this server that announced itself: by directed presence to the
+%% service, by creating a key node or by activating a node. It is remembered until it has stayed away for too long;
+%% the session is known only while it lasts.
+-module(pubsub_device_presence).
+
+-export([announce/1, attach/1, leave/2, on_session_end/3, on_remove_user/2, forget/1]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include("pubsub_device.hrl").
+
+%% The session is on record before we look for what is kept: an item that is kept after this look finds it there.
+announce(JID) ->
+    case attach(JID) of
+        ok ->
+            Device = jid:tolower(JID),
+            [pubsub_device_writer:cast(Node, {announce, Node, Device}) || Node <- pubsub_device_store:nodes_for(Device)],
+            ok;
+        stranger -> stranger
+    end.
+
+attach(JID) ->
+    {User, Server, Resource} = Device = jid:tolower(JID),
+    case Resource /= <<>> andalso ejabberd_sm:get_session_pid(User, Server, Resource) of
+        Pid when is_pid(Pid) ->
+            pubsub_device_store:is_device(Device) orelse make_room(Device),
+            pubsub_device_store:saw_device(Device),
+            pubsub_device_store:attach(Device, Pid),
+            ok;
+        _ -> stranger
+    end.
+
+%% A client without a resource of its own is a new device at every connect, so the account's longest absent one goes.
+make_room(Device) ->
+    Devices = pubsub_device_store:devices(Device),
+    case length(Devices) >= mod_pubsub_device:option(max_devices) of
+        true ->
+            Absent = [{Seen, Each} || Each <- Devices, pubsub_device_store:session(Each) == none,
+                                      Seen <- pubsub_device_store:seen(Each)],
+            case lists:sort(Absent) of
+                [{_, Oldest} | _] -> forget(Oldest);
+                [] -> ok
+            end;
+        false -> ok
+    end.
+
+leave(JID, Pid) ->
+    Device = jid:tolower(JID),
+    case pubsub_device_store:detach(Device, Pid) of
+        true ->
+            pubsub_device_store:saw_device(Device),
+            pubsub_device_writer:cast_all({session_down, Device, Pid});
+        false -> ok
+    end.
+
+on_session_end({_, Pid}, JID, _Info) ->
+    leave(JID, Pid).
+
+on_remove_user(User, Server) ->
+    [forget(Device) || Device <- pubsub_device_store:devices({jid:nodeprep(User), jid:nameprep(Server), <<>>})],
+    ok.
+
+%% Forgets the device first, so that nothing more is kept for it while its copies go.
+forget(Device) ->
+    pubsub_device_store:forget_device(Device),
+    [pubsub_device_writer:cast(Node, {drop_all, Node, Device}) || Node <- pubsub_device_store:nodes_for(Device)],
+    ok.

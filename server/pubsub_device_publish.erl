@@ -1,0 +1,81 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% From the engine to the writer. While an item is being published, the publisher's process holds a context: the
+%% engine's notifications are caught in it instead of being sent, and the engine's hook hands them to the node's
+%% writer. The context lasts for one request; the process dictionary is the only thing that the engine's calls share.
+-module(pubsub_device_publish).
+
+-export([begin_publish/0, end_publish/0, is_publishing/0, catch_message/1, outcome/0, on_publish/6, by_key/3]).
+
+-include_lib("kernel/include/logger.hrl").
+-include_lib("p1_xmpp/include/xmpp.hrl").
+
+-define(CONTEXT, '$pubsub_device_publish').
+
+begin_publish() -> put(?CONTEXT, #{messages => []}), ok.
+end_publish() -> erase(?CONTEXT), ok.
+is_publishing() -> get(?CONTEXT) /= undefined.
+
+%% Whether the notification belongs to the item that is being published.
+catch_message(Message) ->
+    case get(?CONTEXT) of
+        #{messages := Messages} = Context -> put(?CONTEXT, Context#{messages := [Message | Messages]}), true;
+        undefined -> false
+    end.
+
+%% What became of the item: {ok, Number}, {error, Error}, or `none` when nothing was published.
+outcome() ->
+    case get(?CONTEXT) of
+        #{outcome := Outcome} -> Outcome;
+        _ -> none
+    end.
+
+on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, ItemId, Payload) ->
+    case mod_pubsub_device:is_service(Service) of
+        true ->
+            Messages = [Message || #message{} = Message <- caught(), has_id(Message, ItemId)],
+            Item = case Messages of
+                       [First | _] -> pubsub_device_stanza:item_of(First);
+                       [] -> #ps_item{id = ItemId, sub_els = Payload}
+                   end,
+            Node = {Service, NodeId},
+            Outcome = pubsub_device_writer:call(Node, {publish, Node, {ItemId, Item, Messages}}),
+            put(?CONTEXT, #{messages => [], outcome => Outcome}),
+            ok;
+        false -> ok
+    end;
+on_publish(_, _, _, _, _, _) ->
+    ok.
+
+caught() ->
+    case get(?CONTEXT) of
+        #{messages := Messages} -> lists:reverse(Messages);
+        undefined -> []
+    end.
+
+has_id(Message, ItemId) ->
+    (pubsub_device_stanza:item_of(Message))#ps_item.id == ItemId.
+
+%% Publishes as the owner of the key's node. The key is in no log: whatever fails here is told without it.
+by_key(Key, ItemId, Payload) ->
+    case pubsub_device_store:node_of(Key) of
+        none -> {error, xmpp:err_item_not_found()};
+        {{Service, NodeId}, Owner} ->
+            begin_publish(),
+            try publish(Service, NodeId, Owner, ItemId, Payload)
+            catch Class:Reason:Stack ->
+                    ?LOG_ERROR("Publishing to node ~ts with its key failed: ~p:~p ~p", [NodeId, Class, Reason, Stack]),
+                    {error, xmpp:err_internal_server_error()}
+            after end_publish()
+            end
+    end.
+
+publish(Service, NodeId, Owner, ItemId, Payload) ->
+    ServerHost = ejabberd_router:host_of_route(Service),
+    case mod_pubsub:publish_item(Service, ServerHost, NodeId, jid:make(Owner), ItemId, Payload) of
+        {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} ->
+            case outcome() of
+                {ok, Number} -> {ok, NodeId, Published, Number};
+                {error, Error} -> {error, Error}
+            end;
+        {error, Error} -> {error, Error}
+    end.

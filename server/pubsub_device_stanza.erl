@@ -1,0 +1,75 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% The stanzas of the extension, built and read. Numbers are added to encoded items: the codec's item record has no
+%% place for them.
+-module(pubsub_device_stanza).
+
+-export([item/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
+-export([key/3, nodes/2, node_ids/1, published/3, number/1]).
+-export([sign/1, is_signed/1]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include("pubsub_device.hrl").
+
+%% The encoded item of a notification with its number.
+item(#ps_item{} = Item, Number) ->
+    #xmlel{attrs = Attributes} = Element = xmpp:encode(Item, ?NS_PUBSUB_EVENT),
+    Element#xmlel{attrs = [Each || {Name, _} = Each <- Attributes, Name /= <<"xmlns">>] ++ [seq_no(Number)]}.
+
+seq_no(Number) ->
+    {<<"seqNo">>, integer_to_binary(Number)}.
+
+%% One item for one device.
+item_message({Service, NodeId}, To, Item) ->
+    Items = #xmlel{name = <<"items">>, attrs = [{<<"node">>, NodeId}], children = [Item]},
+    Event = #xmlel{name = <<"event">>, attrs = [{<<"xmlns">>, ?NS_PUBSUB_EVENT}], children = [Items]},
+    sign(#message{type = headline, from = jid:make(Service), to = To, sub_els = [Event]}).
+
+%% An ordinary notification with the number in its item; everything else in it stays.
+stamp(#message{sub_els = [#ps_event{items = #ps_items{node = NodeId, items = [Item]}} | Rest]} = Message, Number) ->
+    Items = #xmlel{name = <<"items">>, attrs = [{<<"node">>, NodeId}], children = [item(Item, Number)]},
+    Event = #xmlel{name = <<"event">>, attrs = [{<<"xmlns">>, ?NS_PUBSUB_EVENT}], children = [Items]},
+    sign(Message#message{sub_els = [Event | Rest]}).
+
+item_of(#message{sub_els = [#ps_event{items = #ps_items{items = [Item]}} | _]}) ->
+    Item.
+
+%% Whether a client can acknowledge the item: it reads the text of the item's `payload`.
+has_payload(#ps_item{sub_els = Elements}) ->
+    has_payload(Elements);
+has_payload(Elements) ->
+    lists:any(fun(#xmlel{name = Name}) -> Name == <<"payload">>; (_) -> false end, Elements).
+
+key(NodeId, Key, Status) ->
+    #xmlel{name = <<"key">>, children = [{xmlcdata, Key}],
+           attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"node">>, NodeId} | [{<<"status">>, S} || S <- [Status], S /= <<>>]]}.
+
+%% The answer to a bulk request: the nodes that failed, each with the condition.
+nodes(Name, Failed) ->
+    #xmlel{name = Name, attrs = [{<<"xmlns">>, ?NS_DEVICE}],
+           children = [#xmlel{name = <<"node">>,
+                              attrs = [{<<"id">>, NodeId}, {<<"error">>, misc:atom_to_binary(Reason)}]}
+                       || {NodeId, Reason} <- Failed]}.
+
+%% The names of a bulk request, each once; an empty one names nothing.
+node_ids(#xmlel{children = Children}) ->
+    lists:usort([NodeId || #xmlel{name = <<"node">>} = Child <- Children,
+                           NodeId <- [fxml:get_tag_attr_s(<<"id">>, Child)], NodeId /= <<>>]).
+
+published(NodeId, ItemId, Number) ->
+    #xmlel{name = <<"item">>,
+           attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"node">>, NodeId}, {<<"id">>, ItemId}, seq_no(Number)]}.
+
+%% A number as a client writes it. Twenty digits hold every 64-bit number; longer ones are not worth the arithmetic.
+number(<<>>) ->
+    {ok, 0};
+number(Text) when byte_size(Text) =< 20 ->
+    try {ok, lists:foldl(fun(Digit, Sum) when Digit >= $0, Digit =< $9 -> Sum * 10 + Digit - $0 end, 0,
+                         binary_to_list(Text))}
+    catch error:function_clause -> error
+    end;
+number(_) ->
+    error.
+
+%% What the extension has dealt with already passes its own filter untouched.
+sign(Stanza) -> xmpp:put_meta(Stanza, ?MODULE, true).
+is_signed(Stanza) -> xmpp:get_meta(Stanza, ?MODULE, false).

@@ -1,0 +1,41 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% Age: from time to time every member drops what is too old among the items of its own nodes, and one of them forgets
+%% the devices that have stayed away.
+-module(pubsub_device_sweep).
+-behaviour(gen_server).
+
+-export([start_link/0]).
+-export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
+
+start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
+
+init([]) ->
+    arm(),
+    {ok, none}.
+
+arm() -> erlang:send_after(mod_pubsub_device:option(sweep_interval), self(), sweep).
+
+handle_info(sweep, State) ->
+    [pubsub_device_writer:cast(Node, {drop_aged, Node, Device})
+     || {Device, Node} <- pubsub_device_store:pairs(), element(2, pubsub_device_writer:locate(Node)) == node()],
+    lists:min(ejabberd_cluster:get_nodes()) == node() andalso forget_absent(),
+    pubsub_device_bounds:forget_rates(),
+    arm(),
+    {noreply, State};
+handle_info(_, State) ->
+    {noreply, State}.
+
+%% A crash of a member leaves sessions and activations on record that no writer is told about.
+forget_absent() ->
+    Oldest = erlang:system_time(second) - mod_pubsub_device:option(device_age) div 1000,
+    [pubsub_device_presence:forget(Device)
+     || Device <- pubsub_device_store:all_devices(), pubsub_device_store:session(Device) == none,
+        Seen <- pubsub_device_store:seen(Device), Seen < Oldest],
+    [pubsub_device_store:forget_session(Device)
+     || Device <- pubsub_device_store:sessions(), pubsub_device_store:session(Device) == none],
+    [pubsub_device_store:deactivate(Node, Device) || {Node, Device} <- pubsub_device_store:stale_activations()].
+
+handle_call(_, _, State) -> {reply, ok, State}.
+handle_cast(_, State) -> {noreply, State}.
+terminate(_, _) -> ok.
+code_change(_, State, _) -> {ok, State}.

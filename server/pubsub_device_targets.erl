@@ -1,0 +1,74 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% Who gets what the service sends: devices, for which an item is kept, and everybody else, live. Keeps no state.
+%%
+%% A bare JID means all devices of the account. Other resources of it that are available get the ordinary notification.
+-module(pubsub_device_targets).
+
+-export([find/3, send_live/2, reached/1]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+
+%% The targets of one item; `Messages` are the notifications that the engine made for its subscribers. A device that is
+%% meant more than once, by its full JID, by its bare one, through a collection or as the owner's, gets one copy.
+find(Node, Item, Messages) ->
+    case pubsub_device_stanza:has_payload(Item) of
+        true -> kept(Node, Messages) ++ ordinary(Messages);
+        false -> live(Node, Item, Messages)
+    end.
+
+kept(Node, Messages) ->
+    Subscribed = lists:usort(lists:flatmap(fun(#message{to = To}) -> devices(jid:tolower(To)) end, Messages)),
+    [{keep, Device, subscription} || Device <- Subscribed]
+        ++ [{keep, Device, owner} || Device <- owned(Node) -- Subscribed].
+
+owned(Node) ->
+    case pubsub_device_store:key_of(Node) of
+        {_, Owner} -> pubsub_device_store:devices(Owner);
+        none -> []
+    end.
+
+devices({_, _, <<>>} = Account) ->
+    pubsub_device_store:devices(Account);
+devices(Full) ->
+    [Full || pubsub_device_store:is_device(Full)].
+
+ordinary(Messages) ->
+    Wanted = [{LJID, Message} || #message{to = To} = Message <- Messages, LJID <- others(jid:tolower(To))],
+    [{live, Message#message{to = jid:make(LJID)}} || {LJID, Message} <- lists:ukeysort(1, Wanted)].
+
+others({_, _, <<>>} = Account) ->
+    case pubsub_device_store:devices(Account) of
+        [] -> [Account];
+        Devices -> available(Account) -- Devices
+    end;
+others(Full) ->
+    [Full || not pubsub_device_store:is_device(Full)].
+
+%% Nobody could acknowledge an item without a payload, so it goes out once.
+live({Service, _} = Node, #ps_item{} = Item, Messages) ->
+    Subscribers = [{LJID, Message} || #message{to = To} = Message <- Messages, LJID <- reached(jid:tolower(To))],
+    Sent = [LJID || {LJID, _} <- Subscribers],
+    Owned = [Device || Device <- owned(Node), not lists:member(Device, Sent),
+                       pubsub_device_store:is_active(Node, Device, pubsub_device_store:session(Device))],
+    [{live, Message#message{to = jid:make(LJID)}} || {LJID, Message} <- lists:ukeysort(1, Subscribers)]
+        ++ [{live, #message{type = headline, from = jid:make(Service), to = jid:make(Device),
+                            sub_els = [#ps_event{items = #ps_items{node = element(2, Node), items = [Item]}}]}}
+            || Device <- Owned].
+
+send_live(Number, {live, Message}) ->
+    ejabberd_router:route(pubsub_device_stanza:stamp(Message, Number)).
+
+%% The sessions that a message to the JID should reach: those of the account's devices that announced themselves,
+%% available or not, and every other that is available. The JID itself when there is none.
+reached({_, _, <<>>} = Account) ->
+    Present = [Device || Device <- pubsub_device_store:devices(Account), pubsub_device_store:session(Device) /= none],
+    case lists:usort(Present ++ available(Account)) of
+        [] -> [Account];
+        Sessions -> Sessions
+    end;
+reached(Full) ->
+    [Full].
+
+available({User, Server, _}) ->
+    [{User, Server, Resource} || {Priority, Resource} <- ejabberd_sm:get_user_present_resources(User, Server),
+                                 Priority >= 0].

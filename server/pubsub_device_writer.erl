@@ -1,0 +1,197 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% The one writer of a node. It numbers the node's items, keeps them for the devices and sends them, so numbers rise
+%% without a gap in the order and everything that leaves for a device leaves in order.
+%%
+%% A node belongs to one shard of one member of the cluster, found by hashing over the members that run: there is no
+%% table to keep, and when a member goes, the others agree on the next writer at once. All that has to survive is in
+%% the store; a writer remembers only the flows of the present sessions.
+%%
+%% Publishing is a group commit: what has piled up while the log was synced is written together, synced once, answered
+%% and then sent. No publisher is answered before its item is on disk.
+-module(pubsub_device_writer).
+-behaviour(gen_server).
+
+-export([shards/0, start_link/1, name/1, locate/1, call/2, cast/2, cast_all/1]).
+-export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
+
+-include_lib("kernel/include/logger.hrl").
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include("pubsub_device.hrl").
+
+%% `flows` is #{Device => #{Node => Flow}}; `batch` holds what waits for the commit, newest first.
+-record(state, {shard, flows = #{}, batch = []}).
+
+-define(SHARDS, 8).
+-define(BATCH, 256).
+-define(ATTEMPTS, 100).
+-define(PAUSE, 100).
+-define(TIMEOUT, 30000).
+
+shards() -> lists:seq(0, ?SHARDS - 1).
+name(Shard) -> list_to_atom("pubsub_device_writer_" ++ integer_to_list(Shard)).
+start_link(Shard) -> gen_server:start_link({local, name(Shard)}, ?MODULE, Shard, []).
+
+locate(Node) ->
+    {name(erlang:phash2(Node, ?SHARDS)), member(Node)}.
+
+member(Node) ->
+    {_, Member} = lists:max([{erlang:phash2({Node, Member}), Member} || Member <- ejabberd_cluster:get_nodes()]),
+    Member.
+
+%% Asks the writer, and asks the next one when the member that it runs on goes away. An item whose answer was lost with
+%% the member is then published twice, under two numbers, rather than not at all.
+call(Node, Request) ->
+    call(Node, Request, ?ATTEMPTS).
+
+call(_, _, 0) ->
+    {error, xmpp:err_resource_constraint(<<"The writer of this node is away; try again later">>, <<"en">>)};
+call(Node, Request, Left) ->
+    try gen_server:call(locate(Node), Request, ?TIMEOUT) of
+        moved -> timer:sleep(?PAUSE), call(Node, Request, Left - 1);
+        Answer -> Answer
+    catch
+        exit:{timeout, _} -> call(Node, Request, 0);
+        exit:_ -> timer:sleep(?PAUSE), call(Node, Request, Left - 1)
+    end.
+
+cast(Node, Request) -> gen_server:cast(locate(Node), Request).
+
+%% To all writers: which of them have flows of a device is known only to themselves.
+cast_all(Request) ->
+    [gen_server:cast({name(Shard), Member}, Request) || Shard <- shards(), Member <- ejabberd_cluster:get_nodes()],
+    ok.
+
+init(Shard) ->
+    {ok, #state{shard = Shard}}.
+
+handle_call(Request, From, State) ->
+    case member(element(2, Request)) == node() of
+        true -> asked(Request, From, State);
+        false -> {reply, moved, State, pause(State)}
+    end.
+
+asked({publish, _, _} = Request, From, #state{batch = Batch} = State) ->
+    next(State#state{batch = [{Request, From} | Batch]});
+asked({activate, Node, Device, Since, Answer}, From, State) ->
+    ejabberd_router:route(Answer),
+    gen_server:reply(From, ok),
+    next(activate(Node, Device, Since, State));
+asked({deactivate, Node, Device}, From, State) ->
+    pubsub_device_store:deactivate(Node, Device),
+    gen_server:reply(From, ok),
+    next(State);
+asked({create_key, Node, Owner, Create}, From, State) ->
+    gen_server:reply(From, pubsub_device_keys:create(Node, Owner, Create)),
+    next(State);
+asked({forget, Node}, From, #state{shard = Shard} = State) ->
+    Devices = pubsub_device_store:devices_for(Node),
+    [pubsub_device_store:drop_all(Node, Device) || Device <- Devices],
+    pubsub_device_store:delete_key(Node),
+    pubsub_device_store:retire_number(Node, Shard),
+    gen_server:reply(From, ok),
+    next(lists:foldl(fun(Device, S) -> forget_flow(Node, Device, S) end, State, Devices)).
+
+handle_cast({announce, Node, Device}, State) ->
+    next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:again/3, State));
+handle_cast({activate, Node, Device}, State) ->
+    next(activate(Node, Device, bulk, State));
+handle_cast({ack, Node, Device, Pid, ItemId}, State) ->
+    Ack = fun(N, D, Flow) ->
+                  case pubsub_device_flow:pid(Flow) of
+                      Pid -> pubsub_device_flow:acked(N, D, ItemId, Flow);
+                      _ -> Flow
+                  end
+          end,
+    next(with_flow(Node, Device, Ack, Ack, State));
+handle_cast({session_down, Device, Pid}, #state{flows = Flows} = State) ->
+    Old = maps:filter(fun(_, Flow) -> pubsub_device_flow:pid(Flow) == Pid end, maps:get(Device, Flows, #{})),
+    [pubsub_device_store:deactivate(Node, Device) || Node <- maps:keys(Old),
+                                                     pubsub_device_store:is_active(Node, Device, Pid)],
+    next(lists:foldl(fun(Node, S) -> forget_flow(Node, Device, S) end, State, maps:keys(Old)));
+handle_cast({drop_oldest, Node, Device, Number}, State) ->
+    pubsub_device_store:drop(Node, Device, Number),
+    next(State);
+handle_cast({drop_all, Node, Device}, State) ->
+    pubsub_device_store:drop_all(Node, Device),
+    next(State);
+handle_cast({drop_aged, Node, Device}, State) ->
+    pubsub_device_bounds:drop_aged(Node, Device),
+    next(State).
+
+handle_info(timeout, State) ->
+    next(commit(State));
+handle_info(_, State) ->
+    next(State).
+
+terminate(_, _) -> ok.
+code_change(_, State, _) -> {ok, State}.
+
+%% Takes what else has arrived before it commits.
+next(#state{batch = Batch} = State) when length(Batch) >= ?BATCH -> {noreply, commit(State)};
+next(State) -> {noreply, State, pause(State)}.
+
+pause(#state{batch = []}) -> infinity;
+pause(_) -> 0.
+
+activate(Node, Device, Since, State) ->
+    case pubsub_device_store:session(Device) of
+        none -> State;
+        Pid ->
+            pubsub_device_store:activate(Node, Device, Pid),
+            Activated = fun(N, D, Flow) -> pubsub_device_flow:activated(N, D, Since, Flow) end,
+            with_flow(Node, Device, Activated, Activated, State)
+    end.
+
+%%% publishing
+
+commit(#state{batch = []} = State) ->
+    State;
+commit(#state{batch = Batch, shard = Shard} = State) ->
+    Written = [{store(Request, Shard), From} || {Request, From} <- lists:reverse(Batch)],
+    pubsub_device_commit:sync(),
+    [gen_server:reply(From, {ok, Number}) || {{Number, _, _}, From} <- Written],
+    lists:foldl(fun({Item, _}, S) -> deliver(Item, S) end, State#state{batch = []}, Written).
+
+%% Numbers are microseconds where the clock allows, so that even a store that was lost starts above them.
+store({publish, Node, {ItemId, Item, Messages}}, Shard) ->
+    Number = max(pubsub_device_store:last_number(Node, Shard) + 1, erlang:system_time(microsecond)),
+    pubsub_device_store:put_number(Node, Number, ItemId),
+    Targets = pubsub_device_targets:find(Node, Item, Messages),
+    Element = pubsub_device_stanza:item(Item, Number),
+    Kept = [{Device, Via} || {keep, Device, Via} <- Targets],
+    [pubsub_device_store:keep(Node, Device, Number, ItemId, Via, Element) || {Device, Via} <- Kept],
+    {Number, Node, Targets}.
+
+deliver({Number, Node, Targets}, State) ->
+    [pubsub_device_targets:send_live(Number, Target) || Target <- Targets, element(1, Target) /= keep],
+    lists:foldl(fun({keep, Device, _}, S) ->
+                        pubsub_device_bounds:enforce(Node, Device),
+                        with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:pump/3, S);
+                   (_, S) -> S
+                end, State, Targets).
+
+%%% flows
+
+%% Does `New` with a fresh flow when the session has none yet, else `Known` with the one it has. Without a session
+%% there is nobody to send to.
+with_flow(Node, Device, New, Known, #state{flows = Flows} = State) ->
+    case pubsub_device_store:session(Device) of
+        none -> State;
+        Pid ->
+            Mine = maps:get(Device, Flows, #{}),
+            Flow = case Mine of
+                       #{Node := Found} ->
+                           case pubsub_device_flow:pid(Found) of
+                               Pid -> Known(Node, Device, Found);
+                               _ -> New(Node, Device, pubsub_device_flow:new(Pid))
+                           end;
+                       _ -> New(Node, Device, pubsub_device_flow:new(Pid))
+                   end,
+            State#state{flows = Flows#{Device => Mine#{Node => Flow}}}
+    end.
+
+forget_flow(Node, Device, #state{flows = Flows} = State) ->
+    case maps:remove(Node, maps:get(Device, Flows, #{})) of
+        Rest when map_size(Rest) == 0 -> State#state{flows = maps:remove(Device, Flows)};
+        Rest -> State#state{flows = Flows#{Device => Rest}}
+    end.
