@@ -17,22 +17,24 @@ class ResultHandler : public gloox::PubSub::ResultHandler {
                                       const gloox::StringList* nodes, const gloox::Error* error) = 0;
     virtual void handlePendingNodeRequest(const std::string& id, const gloox::JID& service,
                                           const std::string& node, const gloox::Error* error) = 0;
-    virtual void handleItemDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
-                                      const gloox::PubSub::ItemList& items, const gloox::Error* error) = 0;
+    virtual void handleItemDeletation(const std::string& id, const gloox::JID& service,
+                                      const std::string& node, const gloox::PubSub::ItemList& items,
+                                      const gloox::Error* error) = 0;
     virtual void handleUnsubscriptionResult(const std::string& id, const gloox::JID& service,
                                             const std::string& node, const std::string& subid,
                                             const gloox::JID& subscriber, const gloox::Error* error) = 0;
-    virtual void handleNodeDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
-                                      const gloox::Error* error) = 0;
+    virtual void handleNodeDeletation(const std::string& id, const gloox::JID& service,
+                                      const std::string& node, const gloox::Error* error) = 0;
     virtual void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
                                  const std::string& status, const gloox::Error* error) = 0;
     virtual void handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
                               const gloox::Error* error) = 0;
     virtual void handleActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
                                     const gloox::Error* error) = 0;
-    virtual void handleDeActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
-                                      const gloox::Error* error) = 0;
-    virtual void handleBulkDelete(const std::string& id, const gloox::JID& service, const gloox::Error* error) = 0;
+    virtual void handleDeActivateNode(const std::string& id, const gloox::JID& service,
+                                      const std::string& node, const gloox::Error* error) = 0;
+    virtual void handleBulkDelete(const std::string& id, const gloox::JID& service,
+                                  const gloox::Error* error) = 0;
     virtual void handleActivateSysNodes(const std::string& id, const gloox::JID& service,
                                         const gloox::Error* error) = 0;
     virtual void handleBulkActivate(const std::string& id, const gloox::JID& service,

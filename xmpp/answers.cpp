@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The answers: from a stanza to the one call of the result handler that waits for it.
+//
+// The entry is gone before the handler runs, which may ask again, detach the manager or delete it.
+#include <gloox/dataform.h>
+#include <gloox/gloox.h>
+#include <gloox/pubsubitem.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "util/log.h"
+#include "xmpp/manager.h"
+#include "xmpp/rawerror.h"
+
+namespace xmpp {
+namespace {
+
+using gloox::Tag;
+
+std::unique_ptr<Tag> stanzaError(const std::string& condition) {
+    auto error = std::make_unique<Tag>("error", "type", "cancel");
+    auto* child = new Tag(error.get(), condition);
+    child->setXmlns(gloox::XMLNS_XMPP_STANZAS);
+    return error;
+}
+
+// Null when the answer is none; an error answer without its element is one all the same.
+std::unique_ptr<Tag> errorOf(const Tag& iq) {
+    if (iq.findAttribute("type") != "error")
+        return nullptr;
+    if (const Tag* error = iq.findChild("error"))
+        return std::unique_ptr<Tag>(error->clone());
+    return stanzaError("undefined-condition");
+}
+
+const Tag* descend(const Tag& iq, const char* outer, const char* inner) {
+    const Tag* child = iq.findChild(outer);
+    return child ? child->findChild(inner) : nullptr;
+}
+
+std::string attributeOf(const Tag* tag, const char* name) {
+    return tag ? tag->findAttribute(name) : std::string();
+}
+
+gloox::PubSub::SubscriptionType subscriptionType(const Tag* subscription, const gloox::Error* error) {
+    if (error)
+        return gloox::PubSub::SubscriptionInvalid;
+    const std::string state = attributeOf(subscription, "subscription");
+    if (state.empty() || state == "subscribed")
+        return gloox::PubSub::SubscriptionSubscribed;
+    if (state == "pending")
+        return gloox::PubSub::SubscriptionPending;
+    if (state == "unconfigured")
+        return gloox::PubSub::SubscriptionUnconfigured;
+    return state == "none" ? gloox::PubSub::SubscriptionNone : gloox::PubSub::SubscriptionInvalid;
+}
+
+void addOnce(gloox::StringList& list, const Tag* value) {
+    if (value && std::find(list.begin(), list.end(), value->cdata()) == list.end())
+        list.push_back(value->cdata());
+}
+
+// The values of the field pubsub#node: the server names a node once for each pending subscriber.
+std::optional<gloox::StringList> pendingNodes(const Tag* command) {
+    const Tag* form = command ? command->findChild("x") : nullptr;
+    if (!form)
+        return std::nullopt;
+    for (const Tag* field : form->children()) {
+        if (field->findAttribute("var") != "pubsub#node")
+            continue;
+        gloox::StringList nodes;
+        for (const Tag* child : field->children())
+            addOnce(nodes, child->name() == "option" ? child->findChild("value") : nullptr);
+        return nodes;
+    }
+    return std::nullopt;
+}
+
+void deliverSubscription(ResultHandler& handler, const std::string& id, const gloox::JID& service,
+                         const std::string& node, const gloox::JID& asked, const Tag& iq,
+                         const gloox::Error* error) {
+    const Tag* subscription = descend(iq, "pubsub", "subscription");
+    const gloox::JID answered(attributeOf(subscription, "jid"));
+    handler.handleSubscriptionResult(id, service, node, attributeOf(subscription, "subid"),
+                                     answered ? answered : asked, subscriptionType(subscription, error),
+                                     error);
+}
+
+void deliverConfig(ResultHandler& handler, const std::string& id, const gloox::JID& service,
+                   const std::string& node, const Tag& iq, const gloox::Error* error) {
+    const Tag* configure = descend(iq, "pubsub", "configure");
+    const Tag* element = configure ? configure->findChild("x", "xmlns", gloox::XMLNS_X_DATA) : nullptr;
+    const auto form = element ? std::make_unique<gloox::DataForm>(element) : nullptr;
+    handler.handleNodeConfig(id, service, node, form.get(), error);
+}
+
+void deliverPending(ResultHandler& handler, const std::string& id, const Tag& iq, const gloox::Error* error) {
+    const Tag* command = iq.findChild("command");
+    const std::optional<gloox::StringList> nodes = pendingNodes(command);
+    handler.handlePendingRequest(id, attributeOf(command, "sessionid"), nodes ? &*nodes : nullptr, error);
+}
+
+std::unique_ptr<Tag> errorOfNode(const Tag& node) {
+    if (const Tag* error = node.findChild("error"))
+        return std::unique_ptr<Tag>(error->clone());
+    const std::string& condition = node.findAttribute("error");
+    return stanzaError(condition.empty() ? "undefined-condition" : condition);
+}
+
+}  // namespace
+
+void Manager::handleAnswer(const gloox::Tag& iq) {
+    const std::string id = iq.findAttribute("id");
+    const auto found = m_requests.find(id);
+    if (found == m_requests.end())
+        return;
+    const std::string& from = iq.findAttribute("from");
+    if (from != found->second.service.full() && gloox::JID(from).full() != found->second.service.full()) {
+        PrvPrintErr(__func__, __LINE__, "Ignored an answer from %s to a request that %s was asked",
+                    from.c_str(), found->second.service.full().c_str());
+        return;
+    }
+    const Request request = std::move(found->second);
+    m_requests.erase(found);
+    const std::unique_ptr<Tag> element = errorOf(iq);
+    if (request.bulk) {
+        handleBulkAnswer(request, iq, element.get());
+        return;
+    }
+    if (!element) {
+        deliver(request, id, iq, nullptr);
+        return;
+    }
+    const RawError error(*element);
+    deliver(request, id, iq, &error);
+}
+
+void Manager::handleBulkAnswer(const Request& request, const gloox::Tag& iq, const gloox::Tag* error) {
+    Bulk& bulk = *request.bulk;
+    const bool activates = request.operation == Operation::BulkActivate;
+    const auto fail = [&bulk](std::unique_ptr<Tag> element) {
+        ++bulk.failed;
+        if (!bulk.error)
+            bulk.error = std::move(element);
+    };
+    if (error)
+        fail(std::unique_ptr<Tag>(error->clone()));
+    const Tag* list = error ? nullptr : iq.findChild(activates ? "activate-nodes" : "delete-nodes");
+    for (const Tag* node : list ? list->findChildren("node") : gloox::TagList())
+        fail(errorOfNode(*node));
+    if (--bulk.unanswered > 0)
+        return;
+    if (!bulk.error) {
+        deliver(request, bulk.id, iq, nullptr);
+        return;
+    }
+    PrvPrintErr(__func__, __LINE__, "%s failed for %zu of its nodes, first: %s",
+                activates ? "Bulk activation" : "Bulk deletion", bulk.failed, bulk.error->xml().c_str());
+    const RawError first(*bulk.error);
+    deliver(request, bulk.id, iq, &first);
+}
+
+void Manager::deliver(const Request& request, const std::string& id, const gloox::Tag& iq,
+                      const gloox::Error* error) {
+    ResultHandler& handler = *request.handler;
+    const gloox::JID& service = request.service;
+    const std::string& node = request.node;
+    const gloox::Tag* key = iq.findChild("key");
+    const std::string keyText = key ? key->cdata() : std::string();
+    switch (request.operation) {
+        case Operation::CreateNode:
+            return handler.handleNodeCreation(id, service, node, error);
+        case Operation::CreateKeyNode:
+            return handler.handleCreateKey(id, service, keyText, attributeOf(key, "status"), error);
+        case Operation::DeleteNode:
+            return handler.handleNodeDeletation(id, service, node, error);
+        case Operation::PublishItem:
+            return handler.handleItemPublication(id, service, node, gloox::PubSub::ItemList(), error);
+        case Operation::GetConfig:
+            return deliverConfig(handler, id, service, node, iq, error);
+        case Operation::SetConfig:
+            return handler.handleNodeConfigResult(id, service, node, error);
+        case Operation::Subscribe:
+            return deliverSubscription(handler, id, service, node, request.subscriber, iq, error);
+        case Operation::Unsubscribe:
+            return handler.handleUnsubscriptionResult(id, service, node, request.subid, request.subscriber,
+                                                      error);
+        case Operation::GetKey:
+            return handler.handleGetKey(id, service, keyText, error);
+        case Operation::ActivateNode:
+            return handler.handleActivateNode(id, service, node, error);
+        case Operation::DeActivateNode:
+            return handler.handleDeActivateNode(id, service, node, error);
+        case Operation::BulkActivate:
+            return handler.handleBulkActivate(id, service, error);
+        case Operation::BulkDelete:
+            return handler.handleBulkDelete(id, service, error);
+        case Operation::PendingRequest:
+            return deliverPending(handler, id, iq, error);
+        case Operation::PendingNodeRequest:
+            return handler.handlePendingNodeRequest(id, service, node, error);
+    }
+}
+
+}  // namespace xmpp

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Names of the forms that the manager writes and reads. No state.
+#pragma once
+
+namespace xmpp {
+
+inline constexpr const char* kDeviceXmlns = "urn:zelt:pubsub:device:0";
+inline constexpr const char* kCommandsXmlns = "http://jabber.org/protocol/commands";
+inline constexpr const char* kGetPending = "http://jabber.org/protocol/pubsub#get-pending";
+inline constexpr const char* kNodeConfigForm = "http://jabber.org/protocol/pubsub#node_config";
+inline constexpr const char* kSubscribeOptionsForm = "http://jabber.org/protocol/pubsub#subscribe_options";
+inline constexpr const char* kAuthorizationForm = "http://jabber.org/protocol/pubsub#subscribe_authorization";
+
+}  // namespace xmpp

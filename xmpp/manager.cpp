@@ -1,0 +1,381 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The operations: each writes its whole stanza, and all of them leave through ask(), tell() or bulk().
+//
+// gloox's own manager is left without a client, so that it registers and sends nothing.
+#include "xmpp/manager.h"
+
+#include <glib.h>
+#include <gloox/gloox.h>
+
+#include <utility>
+
+#include "util/log.h"
+#include "xmpp/client.h"
+#include "xmpp/forms.h"
+#include "xmpp/xmltext.h"
+
+namespace xmpp {
+namespace {
+
+// A longer stanza ends the stream; the server counts every byte of it.
+constexpr std::size_t kStanzaLimit = 262'144;
+// Lists are cut far below it: the server adds what it read ahead of the next stanza to the count.
+constexpr std::size_t kListPart = 65'536;
+constexpr std::size_t kMaxHeld = 1'000;
+
+const std::string& idPrefix() {
+    static const std::string prefix = [] {
+        char* uuid = g_uuid_string_random();
+        std::string text = "ps-" + std::string(uuid) + "-";
+        g_free(uuid);
+        return text;
+    }();
+    return prefix;
+}
+
+StanzaWriter& openForm(StanzaWriter& stanza, const char* formType) {
+    stanza.open("x", gloox::XMLNS_X_DATA).attribute("type", "submit");
+    return stanza.field("FORM_TYPE", formType, true);
+}
+
+const char* accessModelName(gloox::PubSub::AccessModel access) {
+    switch (access) {
+        case gloox::PubSub::AccessOpen:
+            return "open";
+        case gloox::PubSub::AccessPresence:
+            return "presence";
+        case gloox::PubSub::AccessRoster:
+            return "roster";
+        case gloox::PubSub::AccessAuthorize:
+            return "authorize";
+        case gloox::PubSub::AccessWhitelist:
+            return "whitelist";
+        default:
+            return nullptr;
+    }
+}
+
+void writeNodeConfig(StanzaWriter& stanza, gloox::PubSub::NodeType type, const std::string& title,
+                     const std::string& parent, gloox::PubSub::AccessModel access, const StringMap* config) {
+    openForm(stanza, kNodeConfigForm);
+    if (type == gloox::PubSub::NodeLeaf || type == gloox::PubSub::NodeCollection)
+        stanza.field("pubsub#node_type", type == gloox::PubSub::NodeLeaf ? "leaf" : "collection");
+    if (!title.empty())
+        stanza.field("pubsub#title", title);
+    if (!parent.empty())
+        stanza.field("pubsub#collection", parent);
+    if (const char* model = accessModelName(access))
+        stanza.field("pubsub#access_model", model);
+    if (config)
+        for (const auto& [name, value] : *config)
+            stanza.field(name, value);
+    stanza.close();
+}
+
+StanzaWriter& openPendingCommand(StanzaWriter& stanza) {
+    return stanza.open("command", kCommandsXmlns)
+        .attribute("node", kGetPending)
+        .attribute("action", "execute");
+}
+
+}  // namespace
+
+Manager::Manager(Client* client) : gloox::PubSub::Manager(nullptr), m_client(client) {
+    if (!m_client)
+        return;
+    if (m_client->m_manager)
+        m_client->m_manager->detach();
+    m_client->m_manager = this;
+    m_streamUp = m_client->m_streamUp;
+}
+
+Manager::~Manager() {
+    detach();
+}
+
+void Manager::detach() {
+    if (m_client)
+        m_client->m_manager = nullptr;
+    m_client = nullptr;
+    m_requests.clear();
+    m_held.clear();
+}
+
+std::string Manager::createNode(gloox::PubSub::NodeType type, const gloox::JID& service,
+                                const std::string& node, ResultHandler* handler, const std::string& title,
+                                const std::string& parent, gloox::PubSub::AccessModel access,
+                                const StringMap* config) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("set", service, id);
+    stanza.open("pubsub", gloox::XMLNS_PUBSUB)
+        .open("create")
+        .attribute("node", node)
+        .close()
+        .open("configure");
+    writeNodeConfig(stanza, type, title, parent, access, config);
+    return ask({Operation::CreateNode, handler, service, node, {}, {}, {}}, id, stanza);
+}
+
+std::string Manager::createKeyNode(gloox::PubSub::NodeType type, const gloox::JID& service,
+                                   const std::string& node, ResultHandler* handler, const std::string& title,
+                                   const std::string& parent, gloox::PubSub::AccessModel access,
+                                   const StringMap* config) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("set", service, id);
+    stanza.open("create-key-node", kDeviceXmlns).attribute("node", node);
+    writeNodeConfig(stanza, type, title, parent, access, config);
+    return ask({Operation::CreateKeyNode, handler, service, node, {}, {}, {}}, id, stanza);
+}
+
+std::string Manager::deleteNode(const gloox::JID& service, const std::string& node, ResultHandler* handler) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("set", service, id);
+    stanza.open("pubsub", gloox::XMLNS_PUBSUB_OWNER).open("delete").attribute("node", node);
+    return ask({Operation::DeleteNode, handler, service, node, {}, {}, {}}, id, stanza);
+}
+
+std::string Manager::publishItem(const gloox::JID& service, const std::string& node, gloox::Tag* item,
+                                 ResultHandler* handler) {
+    const std::unique_ptr<gloox::Tag> owned(item);
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("set", service, id);
+    stanza.open("pubsub", gloox::XMLNS_PUBSUB).open("publish").attribute("node", node);
+    if (owned)
+        stanza.element(*owned);
+    return ask({Operation::PublishItem, handler, service, node, {}, {}, {}}, id, stanza);
+}
+
+std::string Manager::nodeConfig(const gloox::JID& service, const std::string& node, gloox::DataForm* form,
+                                ResultHandler* handler) {
+    const std::unique_ptr<gloox::DataForm> owned(form);
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq(form ? "set" : "get", service, id);
+    stanza.open("pubsub", gloox::XMLNS_PUBSUB_OWNER).open("configure").attribute("node", node);
+    if (!owned)
+        return ask({Operation::GetConfig, handler, service, node, {}, {}, {}}, id, stanza);
+    const std::unique_ptr<gloox::Tag> element(owned->tag());
+    if (!element)
+        return {};
+    stanza.element(*element);
+    return ask({Operation::SetConfig, handler, service, node, {}, {}, {}}, id, stanza);
+}
+
+std::string Manager::subscribe(const gloox::JID& service, const std::string& node, ResultHandler* handler,
+                               const gloox::JID& subscriber, gloox::PubSub::SubscriptionObject object,
+                               int depth) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("set", service, id);
+    stanza.open("pubsub", gloox::XMLNS_PUBSUB);
+    stanza.open("subscribe").attribute("node", node).attribute("jid", subscriber.full()).close();
+    if (depth != 1 || object != gloox::PubSub::SubscriptionNodes) {
+        openForm(stanza.open("options"), kSubscribeOptionsForm);
+        if (object == gloox::PubSub::SubscriptionItems)
+            stanza.field("pubsub#subscription_type", "items");
+        // The server knows no depth 0.
+        if (depth != 1)
+            stanza.field("pubsub#subscription_depth", depth == 0 ? "all" : std::to_string(depth));
+    }
+    return ask({Operation::Subscribe, handler, service, node, {}, subscriber, {}}, id, stanza);
+}
+
+std::string Manager::unsubscribe(const gloox::JID& service, const std::string& node, ResultHandler* handler,
+                                 const std::string& subid, const gloox::JID& subscriber) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("set", service, id);
+    stanza.open("pubsub", gloox::XMLNS_PUBSUB);
+    stanza.open("unsubscribe").attribute("node", node).attribute("jid", subscriber.full());
+    if (!subid.empty())
+        stanza.attribute("subid", subid);
+    return ask({Operation::Unsubscribe, handler, service, node, subid, subscriber, {}}, id, stanza);
+}
+
+std::string Manager::getKey(const gloox::JID& service, const std::string& node, ResultHandler* handler) {
+    return deviceRequest(Operation::GetKey, "get", "key", service, node, {}, handler);
+}
+
+std::string Manager::activateNode(const gloox::JID& service, const std::string& node,
+                                  const std::string& seqNo, ResultHandler* handler) {
+    return deviceRequest(Operation::ActivateNode, "set", "activate", service, node, seqNo, handler);
+}
+
+std::string Manager::deActivateNode(const gloox::JID& service, const std::string& node,
+                                    ResultHandler* handler) {
+    return deviceRequest(Operation::DeActivateNode, "set", "deactivate", service, node, {}, handler);
+}
+
+std::string Manager::deviceRequest(Operation operation, const char* type, const char* element,
+                                   const gloox::JID& service, const std::string& node,
+                                   const std::string& seqNo, ResultHandler* handler) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq(type, service, id);
+    stanza.open(element, kDeviceXmlns).attribute("node", node);
+    if (!seqNo.empty())
+        stanza.attribute("seqNo", seqNo);
+    return ask({operation, handler, service, node, {}, {}, {}}, id, stanza);
+}
+
+std::string Manager::bulkActivate(const gloox::JID& service, const gloox::StringList& nodes,
+                                  ResultHandler* handler) {
+    return bulk(Operation::BulkActivate, "activate-nodes", service, nodes, handler);
+}
+
+std::string Manager::bulkDelete(const gloox::JID& service, const gloox::StringList& nodes,
+                                ResultHandler* handler) {
+    return bulk(Operation::BulkDelete, "delete-nodes", service, nodes, handler);
+}
+
+std::string Manager::getPendingRequest(const gloox::JID& service, ResultHandler* handler) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("set", service, id);
+    openPendingCommand(stanza);
+    return ask({Operation::PendingRequest, handler, service, {}, {}, {}, {}}, id, stanza);
+}
+
+std::string Manager::getPendingNodeRequest(const gloox::JID& service, const std::string& node,
+                                           const std::string& session, ResultHandler* handler) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("set", service, id);
+    openPendingCommand(stanza).attribute("sessionid", session);
+    stanza.open("x", gloox::XMLNS_X_DATA).attribute("type", "submit").field("pubsub#node", node);
+    return ask({Operation::PendingNodeRequest, handler, service, node, {}, {}, {}}, id, stanza);
+}
+
+std::string Manager::approvePending(const gloox::JID& service, const std::string& node, const std::string& id,
+                                    const std::string& subid, const std::string& approve,
+                                    const std::string& subscriber) {
+    const std::string messageId = id.empty() ? nextId() : id;
+    StanzaWriter stanza;
+    stanza.open("message").attribute("to", service.full()).attribute("id", messageId);
+    openForm(stanza, kAuthorizationForm);
+    stanza.field("pubsub#subid", subid).field("pubsub#node", node);
+    stanza.field("pubsub#subscriber_jid", subscriber).field("pubsub#allow", approve);
+    return tell(service, messageId, stanza);
+}
+
+std::string Manager::ackItem(const gloox::JID& service, const std::string& node, const std::string& item) {
+    const std::string id = nextId();
+    StanzaWriter stanza;
+    stanza.open("message").attribute("to", service.full()).attribute("id", id);
+    stanza.open("ack", kDeviceXmlns).attribute("node", node).attribute("id", item);
+    return tell(service, id, stanza);
+}
+
+std::string Manager::bulk(Operation operation, const char* element, const gloox::JID& service,
+                          const gloox::StringList& nodes, ResultHandler* handler) {
+    if (!m_client || !service || !handler)
+        return {};
+    std::vector<std::pair<std::string, std::string>> parts;  // stanza id and stanza
+    auto node = nodes.begin();
+    do {
+        const std::string id = nextId();
+        StanzaWriter part = beginIq("set", service, id);
+        part.open(element, kDeviceXmlns);
+        for (; node != nodes.end() && part.size() < kListPart; ++node) {
+            // A name that fills a whole stanza cannot be one of the server's.
+            if (isXmlAttribute(*node) && node->size() < kListPart / 2)
+                part.open("node").attribute("id", *node).close();
+            else
+                PrvPrintErr(__func__, __LINE__, "Left node %s out of %s: its name cannot be sent",
+                            node->c_str(), element);
+        }
+        parts.emplace_back(id, part.finish());
+    } while (node != nodes.end());
+
+    if (!m_streamUp && m_held.size() + parts.size() > kMaxHeld) {
+        PrvPrintErr(__func__, __LINE__, "Too many operations wait for the connection, refused %s", element);
+        return {};
+    }
+    const std::string id = parts.front().first;
+    const auto bulk = std::make_shared<Bulk>();
+    bulk->id = id;
+    bulk->unanswered = parts.size();
+    for (auto& [partId, stanza] : parts) {
+        m_requests.emplace(partId, Request{operation, handler, service, {}, {}, {}, bulk});
+        pass(std::move(stanza));
+    }
+    return id;
+}
+
+bool Manager::isOurs(const std::string& id) {
+    return id.starts_with(idPrefix());
+}
+
+std::string Manager::nextId() {
+    static unsigned long count = 0;
+    return idPrefix() + std::to_string(++count);
+}
+
+StanzaWriter Manager::beginIq(const char* type, const gloox::JID& service, const std::string& id) {
+    StanzaWriter stanza;
+    stanza.open("iq").attribute("to", service.full()).attribute("id", id).attribute("type", type);
+    return stanza;
+}
+
+bool Manager::isUsable(const Request& request) const {
+    if (!m_client || !request.service || !request.handler)
+        return false;
+    if (request.operation == Operation::Subscribe || request.operation == Operation::Unsubscribe)
+        return !request.node.empty() && request.subscriber;
+    return request.operation == Operation::PendingRequest || !request.node.empty();
+}
+
+std::string Manager::ask(Request request, const std::string& id, StanzaWriter& stanza) {
+    if (!isUsable(request))
+        return {};
+    std::string text = stanza.finish();
+    if (!mayPass(text, "A request", request.node))
+        return {};
+    m_requests.emplace(id, std::move(request));
+    pass(std::move(text));
+    return id;
+}
+
+std::string Manager::tell(const gloox::JID& service, const std::string& id, StanzaWriter& stanza) {
+    if (!m_client || !service)
+        return {};
+    std::string text = stanza.finish();
+    if (!mayPass(text, "A message", id))
+        return {};
+    pass(std::move(text));
+    return id;
+}
+
+bool Manager::mayPass(const std::string& stanza, const char* what, const std::string& node) const {
+    if (stanza.empty()) {
+        PrvPrintErr(
+            __func__, __LINE__,
+            "%s (%s) was not sent: it holds a control character, a line break in a name, a bad element name "
+            "or text that is not UTF-8",
+            what, node.c_str());
+        return false;
+    }
+    if (stanza.size() >= kStanzaLimit) {
+        PrvPrintErr(__func__, __LINE__,
+                    "%s (%s) was not sent: its %zu bytes are more than the server takes (%zu)", what,
+                    node.c_str(), stanza.size(), kStanzaLimit);
+        return false;
+    }
+    if (!m_streamUp && m_held.size() >= kMaxHeld) {
+        PrvPrintErr(__func__, __LINE__, "%s (%s) was not sent: %zu others wait for the connection already",
+                    what, node.c_str(), m_held.size());
+        return false;
+    }
+    return true;
+}
+
+void Manager::pass(std::string stanza) {
+    if (m_streamUp)
+        m_client->sendStanza(stanza);
+    else
+        m_held.push_back(std::move(stanza));
+}
+
+void Manager::release() {
+    m_streamUp = true;
+    while (!m_held.empty()) {
+        m_client->sendStanza(m_held.front());
+        m_held.pop_front();
+    }
+}
+
+}  // namespace xmpp

@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The TCP connection: resolves and connects without ever blocking the loop, and queues what cannot be sent
+// yet.
+//
+// socket() is one number from connect() to the end: an event object until the connection stands, then the
+// socket itself in its place. It becomes readable for everything that recv() has to report. Errors are
+// reported by recv() alone, once; a send that fails marks the connection and leaves the report to it. Nothing
+// survives the connection.
+#pragma once
+
+#include <gio/gio.h>
+#include <gloox/connectiontcpclient.h>
+
+#include <array>
+#include <deque>
+#include <string>
+
+namespace xmpp {
+
+class Transport : public gloox::ConnectionTCPClient {
+  public:
+    // `localAddress`: numeric address to bind, "" for any. All arguments but `host` and `localAddress` are
+    // borrowed.
+    Transport(gloox::ConnectionDataHandler* handler, const gloox::LogSink& log, const std::string& host,
+              int port, const std::string& localAddress, GMainContext* context);
+    ~Transport() override;
+    Transport(const Transport&) = delete;
+    Transport& operator=(const Transport&) = delete;
+
+    // How long it may take from connect() to dropDeadline(); there is no timer at any other time.
+    void setDeadline(guint milliseconds) { m_deadline = milliseconds; }
+    void dropDeadline();
+    // Gives the connection up: the next recv() reports `error`. Only the first one counts.
+    void fail(gloox::ConnectionError error);
+    // Bytes that wait for the socket.
+    std::size_t queued() const { return m_out.size() - m_sent; }
+
+    gloox::ConnectionError connect() override;
+    gloox::ConnectionError recv(int timeout) override;
+    bool send(const std::string& data) override;
+    gloox::ConnectionError receive() override { return gloox::ConnNotConnected; }  // would block
+    void disconnect() override;
+    void cleanup() override;
+    gloox::ConnectionBase* newInstance() const override;
+
+  private:
+    void resolve();
+    static void onResolved(GObject* resolver, GAsyncResult* result, gpointer self);
+    void connectToNext();
+    bool startConnecting(GInetAddress* address);
+    void bindLocally(int fd, GSocketFamily family);
+    void onAttemptDone();
+    void takeOver();
+    void dropAttempt();
+    void watchWritable();
+    void dropWritable();
+    bool flush();
+    static gboolean onDeadline(gpointer self);
+
+    std::string m_host;
+    std::string m_localAddress;
+    GMainContext* m_context;                // one reference
+    GCancellable* m_resolving = nullptr;    // while the resolver works
+    std::deque<GInetAddress*> m_addresses;  // still to be tried, one reference each
+    int m_attempt = -1;                     // the socket of the attempt at hand
+    GSource* m_attemptSource = nullptr;
+    GSource* m_writableSource = nullptr;  // only while output waits
+    GSource* m_deadlineSource = nullptr;  // only until the session is established
+    guint m_deadline = 60'000;
+    std::string m_out;  // output from m_sent on waits
+    std::size_t m_sent = 0;
+    gloox::ConnectionError m_failure = gloox::ConnNoError;  // for the next recv() to report
+    std::array<char, 65'536> m_in;
+};
+
+}  // namespace xmpp
