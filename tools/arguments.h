@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The command line: the table of verbs and what a person may write after each. Keeps no state.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/exitcode.h"
+
+struct Invocation;
+class Console;
+
+struct OptionSpec {
+    const char* name;   // without the dashes
+    char letter;        // 0 when there is no short form
+    const char* value;  // what its value is called in the help; null for a switch
+    const char* help;
+};
+
+struct Verb {
+    std::vector<const char*> words;  // "node", "create"
+    const char* usage;               // the arguments, for the help
+    const char* help;
+    size_t minArguments;
+    size_t maxArguments;
+    std::vector<OptionSpec> options;
+    Exit (*run)(const Invocation&, Console&);
+};
+
+// What was asked for. Option values are stored under the long name; a switch holds "".
+struct Invocation {
+    const Verb* verb = nullptr;  // null for --help and --version alone
+    std::vector<std::string> arguments;
+    std::map<std::string, std::string> options;
+    bool json = false;
+    bool help = false;
+    bool version = false;
+    unsigned timeoutSeconds = 30;
+
+    bool has(const char* option) const { return options.count(option) > 0; }
+    std::string value(const char* option) const;
+};
+
+// `words` is the command line without the program's own name. False with what was wrong and what to do.
+bool parseArguments(const std::vector<std::string>& words, const std::vector<Verb>& verbs,
+                    Invocation& invocation, std::string& problem);
+// A whole number of at least 1; false for anything else.
+bool parseCount(const std::string& text, unsigned& value);
+
+std::string overview(const std::vector<Verb>& verbs);
+std::string helpText(const Verb& verb);

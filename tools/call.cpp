@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `call`: any method of the service, or of any other service on the bus by its whole URI. Prints every answer
+// as it came. Keeps no state.
+#include "tools/json.h"
+#include "tools/verbs.h"
+
+static Json subscribing(Json object) {
+    if (!hasMember(object.get(), "subscribe"))
+        json_object_object_add(object.get(), "subscribe", json_object_new_boolean(true));
+    return object;
+}
+
+bool callPayload(const Invocation& invocation, Console& console, std::string& payload, std::string& problem) {
+    payload = invocation.arguments.size() > 1 ? invocation.arguments[1] : "{}";
+    if (payload == "-" && !readWhole(console, "-", payload, problem))
+        return false;
+    if (invocation.has("raw"))
+        return true;
+    Json object = readJson(payload);
+    bool follow = invocation.has("follow");
+    if (!isJson(payload))
+        problem = "the payload is no JSON text: " + payload + " (--raw sends it all the same)";
+    else if (follow && !json_object_is_type(object.get(), json_type_object))
+        problem = "--follow needs a JSON object as payload, to add \"subscribe\" to it";
+    if (!problem.empty())
+        return false;
+    if (follow)
+        payload = jsonLine(subscribing(std::move(object)).get());
+    return true;
+}
+
+static Reply place(BusClient& client, const Invocation& invocation, const std::string& payload,
+                   Console& console) {
+    std::string uri = methodUri(invocation.arguments[0]);
+    auto show = [&](const Reply& answer) {
+        return console.line(console.json() ? oneLine(answer.payload) : answer.payload);
+    };
+    if (invocation.has("no-reply"))
+        return client.send(uri, payload);
+    if (invocation.has("follow"))
+        return client.follow(uri, payload, {.firstSeconds = invocation.timeoutSeconds}, show);
+    Reply reply = client.call(uri, payload, invocation.timeoutSeconds);
+    if (!reply.payload.empty())
+        show(reply);
+    return reply;
+}
+
+Exit runCall(const Invocation& invocation, Console& console) {
+    if (invocation.has("follow") && invocation.has("no-reply"))
+        return console.usage("--follow and --no-reply exclude each other");
+    std::string payload;
+    std::string problem;
+    if (!callPayload(invocation, console, payload, problem))
+        return console.usage(problem);
+    Reply reply;
+    auto client = openBus(invocation.has("public") ? QSBus::Public : QSBus::Private, reply);
+    if (client)
+        reply = place(*client, invocation, payload, console);
+    if (!reply.problem.empty())
+        console.complain(reply.problem);
+    return reply.exit;
+}

@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The bus client of the command line. The bus library quits the loop when the connection is lost; whatever
+// else ends a wait leaves its mark first, so an unmarked end is a lost bus.
+#include "tools/client.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "platform/bus/qsraii.h"
+#include "tools/json.h"
+
+std::string methodUri(const std::string& method) {
+    if (method.find("://") != std::string::npos)
+        return method;
+    return std::string("zelt://") + kService + "/" + method;
+}
+
+std::string serviceOf(const std::string& uri) {
+    size_t start = uri.find("://");
+    start = start == std::string::npos ? 0 : start + 3;
+    return uri.substr(start, uri.find('/', start) - start);
+}
+
+// One call in progress. Lives on the stack of `follow`; the call is cancelled before it goes.
+struct BusClient::Exchange {
+    BusClient* client;
+    const OnAnswer& onAnswer;
+    std::string service;
+    Wait wait;
+    Reply result = lostBus();
+    guint firstTimer = 0;
+    guint wholeTimer = 0;
+    bool forgotten = false;  // the bus library is through with the call
+    bool answered = false;   // at least once
+
+    void end(Reply reply) {
+        result = std::move(reply);
+        client->quit();
+    }
+    static gboolean onFirstTimer(gpointer data) {
+        auto* self = static_cast<Exchange*>(data);
+        self->firstTimer = 0;
+        self->end(timedOut(self->service, self->wait.firstSeconds));
+        return G_SOURCE_REMOVE;
+    }
+    static gboolean onWholeTimer(gpointer data) {
+        auto* self = static_cast<Exchange*>(data);
+        self->wholeTimer = 0;
+        self->end(timedOut(self->service, self->wait.wholeSeconds));
+        return G_SOURCE_REMOVE;
+    }
+    void startTimers() {
+        if (wait.firstSeconds)
+            firstTimer = g_timeout_add_seconds(wait.firstSeconds, onFirstTimer, this);
+        if (wait.wholeSeconds)
+            wholeTimer = g_timeout_add_seconds(wait.wholeSeconds, onWholeTimer, this);
+    }
+    static void stop(guint& timer) {
+        if (timer)
+            g_source_remove(timer);
+        timer = 0;
+    }
+};
+
+static Reply refusedCall(const std::string& uri, const BusError& error) {
+    Exit code = error.code() == -EINVAL ? Exit::Usage : Exit::NotConnected;
+    return {code, "", "cannot call " + uri + ": " + error.message()};
+}
+
+BusClient::BusClient() : m_loop(g_main_loop_new(nullptr, FALSE)) {}
+
+BusClient::~BusClient() {
+    BusError error;
+    if (m_handle)
+        QSUnregister(m_handle, error);
+    g_main_loop_unref(m_loop);
+}
+
+bool BusClient::connect(QSBus bus, const char* name, std::string& problem) {
+    BusError error;
+    if (QSRegister(bus, name, &m_handle, error))
+        return true;
+    m_handle = nullptr;
+    problem = error.message();
+    return false;
+}
+
+bool BusClient::serve(const QSMethod* methods, void* context, std::string& problem) {
+    BusError error;
+    if (QSRegisterCategory(m_handle, "/", methods, context, error))
+        return true;
+    problem = error.message();
+    return false;
+}
+
+bool BusClient::attach(std::string& problem) {
+    BusError error;
+    if (QSGmainAttach(m_handle, m_loop, error))
+        return true;
+    problem = error.message();
+    return false;
+}
+
+Reply BusClient::call(const std::string& uri, const std::string& payload, unsigned timeoutSeconds) {
+    OnAnswer enough = [](const Reply&) { return false; };
+    Exchange exchange{.client = this,
+                      .onAnswer = enough,
+                      .service = serviceOf(uri),
+                      .wait = {.firstSeconds = timeoutSeconds}};
+    return finish(exchange, uri, payload);
+}
+
+Reply BusClient::send(const std::string& uri, const std::string& payload) {
+    BusError error;
+    if (!QSCall(m_handle, uri.c_str(), payload.c_str(), nullptr, nullptr, nullptr, error))
+        return refusedCall(uri, error);
+    return {Exit::Ok, "", ""};
+}
+
+Reply BusClient::follow(const std::string& uri, const std::string& payload, Wait wait,
+                        const OnAnswer& onAnswer) {
+    Exchange exchange{.client = this, .onAnswer = onAnswer, .service = serviceOf(uri), .wait = wait};
+    // The bus tells a caller whose call is open, but not one that was answered already, that the service
+    // died.
+    watch(exchange.service, [&exchange](bool there) {
+        if (!there && exchange.answered)
+            exchange.end({Exit::NotConnected, "", exchange.service + " left the bus"});
+    });
+    Reply reply = finish(exchange, uri, payload);
+    m_onPresence = nullptr;
+    return reply;
+}
+
+bool BusClient::onReply(QSHandle*, QSMessage* message, void* context) {
+    auto* exchange = static_cast<Exchange*>(context);
+    if (exchange->client->m_quit)
+        return true;
+    Exchange::stop(exchange->firstTimer);
+    exchange->answered = true;
+    if (QSMessageIsError(message)) {
+        exchange->forgotten = true;
+        exchange->end(
+            judgeBusError(exchange->service, QSMessageGetErrorName(message), QSMessageGetPayload(message)));
+        return true;
+    }
+    Reply reply = judgeAnswer(QSMessageGetPayload(message));
+    if (!exchange->onAnswer(reply) || reply.exit != Exit::Ok)
+        exchange->end(std::move(reply));
+    return true;
+}
+
+Reply BusClient::finish(Exchange& exchange, const std::string& uri, const std::string& payload) {
+    QSToken token = 0;
+    BusError error;
+    if (!QSCall(m_handle, uri.c_str(), payload.c_str(), onReply, &exchange, &token, error))
+        return refusedCall(uri, error);
+    exchange.startTimers();
+    run();
+    Exchange::stop(exchange.firstTimer);
+    Exchange::stop(exchange.wholeTimer);
+    BusError gone;
+    if (!exchange.forgotten)
+        QSCallCancel(m_handle, token, gone);
+    return exchange.result;
+}
+
+bool BusClient::run() {
+    if (!m_quit)
+        g_main_loop_run(m_loop);
+    return std::exchange(m_quit, false);
+}
+
+void BusClient::quit() {
+    m_quit = true;
+    g_main_loop_quit(m_loop);
+}
+
+bool BusClient::onServerStatus(QSHandle*, QSMessage* message, void* context) {
+    Json status = readJson(QSMessageGetPayload(message));
+    auto* client = static_cast<BusClient*>(context);
+    if (client->m_onPresence)
+        client->m_onPresence(boolMember(status.get(), "connected"));
+    return true;
+}
+
+bool BusClient::watch(const std::string& service, OnPresence onPresence) {
+    m_onPresence = std::move(onPresence);
+    BusError error;
+    return QSCall(m_handle, "zelt://com.zelt.bus/signal/registerServerStatus",
+                  Payload().add("serviceName", service).text().c_str(), onServerStatus, this, nullptr, error);
+}

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// One connection to one bus and the loop that it runs on: calls that wait for one answer or for many. Nothing
+// outlives the object.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/bus/qs.h"
+#include "tools/reply.h"
+
+inline constexpr char kService[] = "com.zelt.pubsubservice";
+
+// The URI of a method of the service; a whole URI stays as it is.
+std::string methodUri(const std::string& method);
+// The bus name within a URI.
+std::string serviceOf(const std::string& uri);
+
+class BusClient {
+  public:
+    BusClient();
+    ~BusClient();
+    BusClient(const BusClient&) = delete;
+    BusClient& operator=(const BusClient&) = delete;
+
+    // `name` may be null. On failure `problem` is what the bus library said.
+    bool connect(QSBus bus, const char* name, std::string& problem);
+    // Serves one method under "/". To be called before `attach`.
+    bool serve(const QSMethod* methods, void* context, std::string& problem);
+    bool attach(std::string& problem);
+
+    // Calls and waits for the first answer.
+    Reply call(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
+
+    // Sends a call that nobody answers. It is on its way at the latest when the client is gone.
+    Reply send(const std::string& uri, const std::string& payload);
+
+    using OnAnswer = std::function<bool(const Reply&)>;  // false ends the wait
+    struct Wait {
+        unsigned firstSeconds = 0;  // for the first answer; 0 waits for ever
+        unsigned wholeSeconds = 0;  // for the end; 0 waits for ever
+    };
+    // Calls and hands on every answer until `onAnswer` has enough, an answer is a refusal, the service goes
+    // or a time is up. The result is the last answer, or what ended the wait.
+    Reply follow(const std::string& uri, const std::string& payload, Wait wait, const OnAnswer& onAnswer);
+
+    // Runs the loop until `quit` or the loss of the bus; false when the bus was lost. A `quit` between two
+    // runs ends the next one at once.
+    bool run();
+    void quit();
+
+    // Tells when a service comes and goes, from the next run on. One watch a client.
+    using OnPresence = std::function<void(bool there)>;
+    bool watch(const std::string& service, OnPresence onPresence);
+
+  private:
+    struct Exchange;
+    static bool onReply(QSHandle* handle, QSMessage* message, void* context);
+    static bool onServerStatus(QSHandle* handle, QSMessage* message, void* context);
+    Reply finish(Exchange& exchange, const std::string& uri, const std::string& payload);
+
+    GMainLoop* m_loop;
+    QSHandle* m_handle = nullptr;
+    bool m_quit = false;  // an end that was asked for, not the loss of the bus
+    OnPresence m_onPresence;
+};

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Where a command prints: results on one stream, complaints on the other, terse or as JSON. Borrows its
+// streams.
+#pragma once
+
+#include <istream>
+#include <ostream>
+#include <string>
+
+#include "tools/reply.h"
+
+class Console {
+  public:
+    Console(std::istream& in, std::ostream& out, std::ostream& err, bool json)
+        : m_in(in), m_out(out), m_err(err), m_json(json) {}
+
+    bool json() const { return m_json; }
+    std::istream& in() { return m_in; }
+    // Writes one line at once; false when nobody reads any more.
+    bool line(const std::string& text);
+    void complain(const std::string& text);
+    // Prints a finished call: the reply itself under --json, else `terse` when it went well. Returns its exit
+    // code.
+    Exit finish(const Reply& reply, const std::string& terse);
+    Exit usage(const std::string& problem);
+
+  private:
+    std::istream& m_in;
+    std::ostream& m_out;
+    std::ostream& m_err;
+    bool m_json;
+};
+
+// A payload as one line of JSON; text that is no JSON becomes a JSON string.
+std::string oneLine(const std::string& payload);

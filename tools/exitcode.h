@@ -1,0 +1,11 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// How a command ends. Scripts rely on the numbers.
+#pragma once
+
+enum class Exit {
+    Ok = 0,
+    Usage = 2,         // the command line was wrong; nothing was sent
+    Refused = 3,       // the service answered no
+    NotConnected = 4,  // no bus, no service, or the service has no connection to its server
+    TimedOut = 5,
+};

@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `handler`: becomes a service of its own on the private bus, has the items of a node delivered to it and
+// prints them. The service keeps a registration for ever, so it is withdrawn on every way out but a kill.
+#include <glib-unix.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "platform/bus/qsraii.h"
+#include "tools/json.h"
+#include "tools/verbs.h"
+
+namespace {
+
+class ItemHandler {
+  public:
+    ItemHandler(const Invocation& invocation, Console& console)
+        : m_console(console),
+          m_node(invocation.arguments[0]),
+          m_timeout(invocation.timeoutSeconds),
+          m_name("com.zelt.pubsubctl.p" + std::to_string(getpid())) {}
+    ~ItemHandler();
+    ItemHandler(const ItemHandler&) = delete;
+    ItemHandler& operator=(const ItemHandler&) = delete;
+
+    Exit run(unsigned count, unsigned seconds);
+
+  private:
+    bool open(Reply& failure);
+    void startSources(unsigned seconds);
+    Exit receive();
+    Exit withdraw();
+    std::string registration(bool withdrawing) const;
+    void tellPresence(bool there);
+    static bool onItem(QSHandle* handle, QSMessage* message, void* context);
+    static gboolean onSignal(gpointer data);
+    static gboolean onTimeUp(gpointer data);
+
+    Console& m_console;
+    BusClient m_client;
+    std::string m_node;
+    unsigned m_timeout;
+    std::string m_name;
+    unsigned m_wanted = 0;  // 0: no bound
+    unsigned m_received = 0;
+    bool m_leaving = false;  // interrupted, served, out of time, or nobody reads any more
+    bool m_timeUp = false;
+    bool m_wasGone = false;
+    guint m_sources[3] = {};  // two signals and the time
+};
+
+ItemHandler::~ItemHandler() {
+    for (guint source : m_sources) {
+        if (source)
+            g_source_remove(source);
+    }
+}
+
+bool ItemHandler::open(Reply& failure) {
+    static const QSMethod methods[] = {{"item", onItem, 0}, {nullptr, nullptr, 0}};
+    std::string words;
+    if (m_client.connect(QSBus::Private, m_name.c_str(), words) && m_client.serve(methods, this, words) &&
+        m_client.attach(words))
+        return true;
+    failure = noBus(words);
+    return false;
+}
+
+bool ItemHandler::onItem(QSHandle*, QSMessage* message, void* context) {
+    auto* self = static_cast<ItemHandler*>(context);
+    if (self->m_leaving)
+        return true;
+    bool heard = self->m_console.line(itemLine(QSMessageGetPayload(message), self->m_console.json()));
+    self->m_received++;
+    if (!heard || self->m_received == self->m_wanted) {
+        self->m_leaving = true;
+        self->m_client.quit();
+    }
+    return true;
+}
+
+gboolean ItemHandler::onSignal(gpointer data) {
+    auto* self = static_cast<ItemHandler*>(data);
+    self->m_leaving = true;
+    self->m_client.quit();
+    return G_SOURCE_CONTINUE;
+}
+
+gboolean ItemHandler::onTimeUp(gpointer data) {
+    auto* self = static_cast<ItemHandler*>(data);
+    self->m_sources[2] = 0;
+    self->m_timeUp = true;
+    self->m_leaving = true;
+    self->m_client.quit();
+    return G_SOURCE_REMOVE;
+}
+
+void ItemHandler::startSources(unsigned seconds) {
+    m_sources[0] = g_unix_signal_add(SIGINT, onSignal, this);
+    m_sources[1] = g_unix_signal_add(SIGTERM, onSignal, this);
+    if (seconds)
+        m_sources[2] = g_timeout_add_seconds(seconds, onTimeUp, this);
+}
+
+std::string ItemHandler::registration(bool withdrawing) const {
+    Payload payload;
+    payload.add("node", m_node).add("endpoint", "zelt://" + m_name + "/item");
+    if (withdrawing)
+        payload.add("app", false);
+    return payload.text();
+}
+
+void ItemHandler::tellPresence(bool there) {
+    if (!there)
+        m_console.complain(std::string(kService) + " left the bus; items go on when it is back");
+    else if (m_wasGone)
+        m_console.complain(std::string(kService) + " is back");
+    m_wasGone = !there;
+}
+
+Exit ItemHandler::run(unsigned count, unsigned seconds) {
+    m_wanted = count;
+    Reply reply;
+    if (!open(reply))
+        return m_console.finish(reply, "");
+    startSources(seconds);
+    reply = m_client.call(methodUri("registerItemCallback"), registration(false), m_timeout);
+    if (reply.exit != Exit::Ok && !m_leaving) {
+        m_console.complain(reply.problem);
+        return reply.exit;
+    }
+    if (!m_leaving)
+        m_console.complain("receiving the items of " + m_node + " as " + m_name);
+    Exit received = receive();
+    Exit withdrawn = withdraw();
+    return received == Exit::Ok ? withdrawn : received;
+}
+
+Exit ItemHandler::receive() {
+    m_client.watch(kService, [this](bool there) { tellPresence(there); });
+    while (!m_leaving) {
+        if (!m_client.run()) {
+            m_console.complain(lostBus().problem);
+            return Exit::NotConnected;
+        }
+    }
+    if (!m_timeUp || m_received >= m_wanted)
+        return Exit::Ok;
+    m_console.complain("the time is over: " + std::to_string(m_received) + " of " + std::to_string(m_wanted) +
+                       " items came");
+    return Exit::TimedOut;
+}
+
+// An interrupted registration is withdrawn too: it may have reached the service.
+Exit ItemHandler::withdraw() {
+    std::string payload = registration(true);
+    Reply reply = m_client.call(methodUri("unRegisterItemCallback"), payload, m_timeout);
+    if (reply.exit == Exit::Ok)
+        return Exit::Ok;
+    m_console.complain(reply.problem);
+    m_console.complain(
+        "the registration is still there; remove it with: pubsubctl call unRegisterItemCallback '" + payload +
+        "'");
+    return reply.exit;
+}
+
+}  // namespace
+
+std::string itemLine(const std::string& payload, bool json) {
+    Json item = readJson(payload);
+    if (!json)
+        return textMember(item.get(), "item");
+    return Payload()
+        .add("node", textMember(item.get(), "node"))
+        .add("itemid", textMember(item.get(), "itemid"))
+        .add("item", textMember(item.get(), "item"))
+        .text();
+}
+
+Exit runHandler(const Invocation& invocation, Console& console) {
+    unsigned count = 0;
+    unsigned seconds = 0;
+    if (invocation.has("count") && !parseCount(invocation.value("count"), count))
+        return console.usage("-C takes a whole number from 1 to 1000000, not \"" + invocation.value("count") +
+                             "\"");
+    if (invocation.has("wait") && !parseCount(invocation.value("wait"), seconds))
+        return console.usage("-W takes a whole number of seconds, not \"" + invocation.value("wait") + "\"");
+    return ItemHandler(invocation, console).run(count, seconds);
+}

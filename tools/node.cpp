@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `node`: create, delete, publish, subscribe, unsubscribe, each one call on the private bus. Keeps no state.
+#include <unistd.h>
+
+#include <charconv>
+
+#include "tools/json.h"
+#include "tools/verbs.h"
+
+bool createPayload(const Invocation& invocation, std::string& payload, std::string& problem) {
+    Payload request;
+    request.add("node", invocation.arguments[0]);
+    if (invocation.has("collection"))
+        request.add("nodeType", 2);
+    if (invocation.has("parent"))
+        request.add("parent", invocation.value("parent"));
+    if (invocation.has("title"))
+        request.add("title", invocation.value("title"));
+    if (invocation.has("access")) {
+        std::string access = invocation.value("access");
+        if (access != "open" && access != "authorize") {
+            problem = "--access is open or authorize, not \"" + access + "\"";
+            return false;
+        }
+        request.add("accessType", access == "open" ? 1 : 2);
+    }
+    payload = request.text();
+    return true;
+}
+
+Exit runNodeCreate(const Invocation& invocation, Console& console) {
+    std::string payload;
+    std::string problem;
+    if (!createPayload(invocation, payload, problem))
+        return console.usage(problem);
+    return console.finish(callService(invocation, "createNode", payload),
+                          "created " + invocation.arguments[0]);
+}
+
+Exit runNodeDelete(const Invocation& invocation, Console& console) {
+    std::string payload = Payload().add("node", invocation.arguments[0]).text();
+    return console.finish(callService(invocation, "deleteNode", payload),
+                          "deleted " + invocation.arguments[0]);
+}
+
+// The item as elements and attributes; only an object has any.
+static bool readObject(const Invocation& invocation, Console& console, Json& object, std::string& problem) {
+    std::string text = invocation.value("json");
+    if (text == "-" && !readWhole(console, "-", text, problem))
+        return false;
+    object = readJson(text);
+    if (json_object_is_type(object.get(), json_type_object))
+        return true;
+    problem =
+        "--json takes the item as a JSON object, such as {\"#\":\"text\"}; for JSON output write --json "
+        "before "
+        "the verb";
+    return false;
+}
+
+static bool readText(const Invocation& invocation, Console& console, std::string& text,
+                     std::string& problem) {
+    if (invocation.has("file"))
+        return readWhole(console, invocation.value("file"), text, problem);
+    std::string given = invocation.arguments.size() > 1 ? invocation.arguments[1] : "-";
+    if (given == "-")
+        return readWhole(console, "-", text, problem);
+    text = given;
+    return mayTravel(text, "TEXT", problem);
+}
+
+bool publishPayload(const Invocation& invocation, Console& console, std::string& payload,
+                    std::string& problem) {
+    int sources = (invocation.arguments.size() > 1) + invocation.has("file") + invocation.has("json");
+    if (sources > 1) {
+        problem = "give the item once: as TEXT, with --file or with --json";
+        return false;
+    }
+    Payload request;
+    request.add("node", invocation.arguments[0]);
+    if (invocation.has("json")) {
+        Json object;
+        if (!readObject(invocation, console, object, problem))
+            return false;
+        payload = request.add("xml", true).add("item", std::move(object)).text();
+        return true;
+    }
+    std::string text;
+    if (!readText(invocation, console, text, problem))
+        return false;
+    payload = request.add("item", text).text();
+    return true;
+}
+
+Exit runNodePublish(const Invocation& invocation, Console& console) {
+    std::string payload;
+    std::string problem;
+    if (!publishPayload(invocation, console, payload, problem))
+        return console.usage(problem);
+    return console.finish(callService(invocation, "publishItem", payload),
+                          "published to " + invocation.arguments[0]);
+}
+
+bool subscribePayload(const Invocation& invocation, std::string& payload, std::string& problem) {
+    Payload request;
+    request.add("node", invocation.arguments[0]);
+    if (invocation.has("jid"))
+        request.add("jid", invocation.value("jid"));
+    if (invocation.has("depth")) {
+        std::string text = invocation.value("depth");
+        int depth = -1;
+        auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), depth);
+        if (fault != std::errc() || end != text.data() + text.size() || depth < 0) {
+            problem = "--depth is a whole number, 0 or more, not \"" + text + "\"";
+            return false;
+        }
+        request.add("depth", depth);
+    }
+    payload = request.text();
+    return true;
+}
+
+Exit runNodeSubscribe(const Invocation& invocation, Console& console) {
+    std::string payload;
+    std::string problem;
+    if (!subscribePayload(invocation, payload, problem))
+        return console.usage(problem);
+    Reply reply = callService(invocation, "subscribeToNode", payload);
+    Json answer = readJson(reply.payload);
+    std::string subid = textMember(answer.get(), "subid");
+    std::string tail = subid.empty() ? "" : "  subid: " + subid;
+    return console.finish(reply, "subscribed to " + invocation.arguments[0] + tail);
+}
+
+Exit runNodeUnsubscribe(const Invocation& invocation, Console& console) {
+    for (const char* needed : {"jid", "subid"}) {
+        if (!invocation.has(needed))
+            return console.usage(std::string("--") + needed +
+                                 " is missing; `node subscribe` printed what it takes");
+    }
+    std::string payload = Payload()
+                              .add("node", invocation.arguments[0])
+                              .add("jid", invocation.value("jid"))
+                              .add("subid", invocation.value("subid"))
+                              .text();
+    Reply reply = callService(invocation, "unsubscribeFromNode", payload);
+    return console.finish(reply, "unsubscribed from " + invocation.arguments[0]);
+}

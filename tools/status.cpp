@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `status`: asks on the private bus, which says more, and on the public bus when the private one is closed to
+// the caller. Keeps no state.
+#include "tools/json.h"
+#include "tools/verbs.h"
+
+static const char* yesNo(bool value) {
+    return value ? "yes" : "no";
+}
+
+std::string statusLine(const std::string& payload) {
+    Json status = readJson(payload);
+    std::string line = boolMember(status.get(), "connected") ? "connected" : "not connected";
+    if (hasMember(status.get(), "network"))
+        line += std::string("  network: ") + yesNo(boolMember(status.get(), "network"));
+    if (hasMember(status.get(), "session"))
+        line += std::string("  account: ") + yesNo(boolMember(status.get(), "session"));
+    return line;
+}
+
+static bool connectedIn(const std::string& payload) {
+    Json status = readJson(payload);
+    return boolMember(status.get(), "connected");
+}
+
+// The exit code says whether the last status was "connected", so that a script need not read the text.
+static Exit conclude(const Reply& reply, Console& console) {
+    if (!reply.problem.empty())
+        console.complain(reply.problem);
+    if (reply.exit != Exit::Ok)
+        return reply.exit;
+    return connectedIn(reply.payload) ? Exit::Ok : Exit::NotConnected;
+}
+
+static Exit ask(BusClient& client, const std::string& uri, const Invocation& invocation, Console& console) {
+    bool follow = invocation.has("follow");
+    bool wait = invocation.has("wait");
+    auto onAnswer = [&](const Reply& reply) {
+        if (reply.exit != Exit::Ok)
+            return false;
+        bool heard = console.line(console.json() ? oneLine(reply.payload) : statusLine(reply.payload));
+        return heard && (follow || !connectedIn(reply.payload));
+    };
+    if (!follow && !wait) {
+        Reply reply = client.call(uri, "{}", invocation.timeoutSeconds);
+        onAnswer(reply);
+        return conclude(reply, console);
+    }
+    BusClient::Wait times{.firstSeconds = invocation.timeoutSeconds};
+    if (wait)
+        times.wholeSeconds = invocation.timeoutSeconds;
+    Reply reply = client.follow(uri, "{\"subscribe\":true}", times, onAnswer);
+    if (reply.exit == Exit::TimedOut && wait)
+        reply.problem = "not connected within " + std::to_string(invocation.timeoutSeconds) +
+                        " s; --timeout SECONDS waits longer";
+    return conclude(reply, console);
+}
+
+Exit runStatus(const Invocation& invocation, Console& console) {
+    if (invocation.has("follow") && invocation.has("wait"))
+        return console.usage("--follow and --wait exclude each other");
+    Reply failure;
+    Reply publicFailure;
+    auto client = invocation.has("public") ? nullptr : openBus(QSBus::Private, failure);
+    if (client)
+        return ask(*client, methodUri("subscribeConnStatus"), invocation, console);
+    client = openBus(QSBus::Public, publicFailure);
+    if (client)
+        return ask(*client, methodUri("connectStatus"), invocation, console);
+    if (!failure.problem.empty())
+        console.complain(failure.problem);
+    console.complain(publicFailure.problem);
+    return Exit::NotConnected;
+}

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The verbs of the command line; each group has a file of its own. Keeps no state.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/arguments.h"
+#include "tools/client.h"
+#include "tools/console.h"
+
+const std::vector<Verb>& allVerbs();
+
+// A client on a bus, ready to call; null with `failure` filled when the bus cannot be reached.
+std::unique_ptr<BusClient> openBus(QSBus bus, Reply& failure);
+// Calls a method of the service on the private bus with the invocation's timeout.
+Reply callService(const Invocation& invocation, const char* method, const std::string& payload);
+// False, with the reason, for a text that no bus message can carry; `place` says where it came from.
+bool mayTravel(const std::string& text, const std::string& place, std::string& problem);
+// Standard input ("-") or a file, whole; false with a reason.
+bool readWhole(Console& console, const std::string& place, std::string& text, std::string& problem);
+
+Exit runStatus(const Invocation& invocation, Console& console);
+Exit runNodeCreate(const Invocation& invocation, Console& console);
+Exit runNodeDelete(const Invocation& invocation, Console& console);
+Exit runNodePublish(const Invocation& invocation, Console& console);
+Exit runNodeSubscribe(const Invocation& invocation, Console& console);
+Exit runNodeUnsubscribe(const Invocation& invocation, Console& console);
+Exit runHandler(const Invocation& invocation, Console& console);
+Exit runCall(const Invocation& invocation, Console& console);
+
+// Parts that the tests look at alone.
+std::string statusLine(const std::string& payload);
+bool createPayload(const Invocation& invocation, std::string& payload, std::string& problem);
+bool publishPayload(const Invocation& invocation, Console& console, std::string& payload,
+                    std::string& problem);
+bool subscribePayload(const Invocation& invocation, std::string& payload, std::string& problem);
+bool callPayload(const Invocation& invocation, Console& console, std::string& payload, std::string& problem);
+// One delivered item: its text alone, or {"node","itemid","item"} under --json.
+std::string itemLine(const std::string& payload, bool json);
