@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What the administrator of a machine may say about it: /etc/zelt/host.conf, or the file that ZELT_HOST_CONF
+// names. Read once at start; a missing file is an ordinary machine.
+#pragma once
+
+#include <set>
+#include <string>
+
+struct HostConfig {
+    std::string stateDir = "/var/lib/zelt/host";                 // ZELT_HOST_STATE_DIR
+    bool loopbackIsInternet = false;                             // [network] loopback-is-internet
+    std::set<std::string> interfaces;                            // [network] interfaces, all when empty
+    std::string accountFile;                                     // [account] file, by default below stateDir
+    std::string applicationsFolder = "/usr/share/applications";  // [applications] folder
+    unsigned settleMs = 2000;                                    // [applications] settle-ms
+    std::set<std::string> services;                              // [services] enabled, all when empty
+
+    bool runs(const char* service) const { return services.empty() || services.count(service) > 0; }
+};
+
+// False with what was wrong when there is a file that cannot be used.
+bool readHostConfig(HostConfig& config, std::string& problem);
