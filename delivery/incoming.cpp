@@ -161,9 +161,6 @@ bool PubSubSession::sendMessageToServices(json_object* serviceObject, const std:
 
 bool PubSubSession::sendMessageToApp(json_object* serviceObject, json_object* appObject,
                                      const std::string& node) {
-    // A subscriber whose death has already been received must not take the item with it.
-    if (m_serviceHandle)
-        QSZeltServiceReadReceived(m_serviceHandle);
     bool found = false;
     std::string appId;
     std::string ignored;

@@ -193,6 +193,7 @@ void PubSubSession::onConnect() {
     m_spare3 = false;
     if (m_client)
         m_client->setPresence(gloox::JID(m_pubsubService), gloox::Presence::Available, 0, "online");
+    activateDeferredSubscribers();
     if (m_bootFinished && !m_activationDone)
         activateNodes();
     deleteBulkNodes();
@@ -231,10 +232,7 @@ void PubSubSession::cleanUpOnDisconnect() {
 void PubSubSession::disconnect() {
     if (!m_client)
         return;
-    m_client->disconnect();
-    // A connection that has failed, but whose failure no recv has reported yet, reports nothing any more.
-    if (m_connected || m_connecting)
-        onDisconnect(gloox::ConnUserDisconnected);
+    m_client->disconnect();  // reports the end to onDisconnect before it returns
     dropClient();
 }
 
