@@ -22,7 +22,8 @@ struct QSError {
     char* message;  // what was wrong, owned by the record; null when there is no error
 };
 
-// Method handler, reply callback and cancel function alike. The message is borrowed: take a reference to keep it.
+// Method handler, reply callback and cancel function alike. The message is borrowed: take a reference to keep
+// it.
 using QSFilter = bool (*)(QSHandle* handle, QSMessage* message, void* context);
 
 struct QSMethod {
@@ -42,9 +43,9 @@ void QSErrorFree(QSError* error);
 // Registers `name` on the private and the public bus (ZELT_PRIVATE_BUS, ZELT_PUBLIC_BUS).
 bool QSRegisterZeltService(const char* name, QSZeltService** service, QSError* error);
 // Public methods are served on both connections, private ones on the private connection only.
-bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category, const QSMethod* publicMethods,
-                                   const QSMethod* privateMethods, const QSSignal* signals, void* context,
-                                   QSError* error);
+bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category,
+                                   const QSMethod* publicMethods, const QSMethod* privateMethods,
+                                   const QSSignal* signals, void* context, QSError* error);
 // One source a connection. A connection that is lost afterwards quits the loop.
 bool QSGmainAttachZeltService(QSZeltService* service, GMainLoop* loop, QSError* error);
 QSHandle* QSZeltServiceGetPrivateConnection(QSZeltService* service);
@@ -54,15 +55,16 @@ void QSZeltServiceReadReceived(QSZeltService* service);
 // Releases the name and closes the connection. Messages that are still kept may be released later.
 bool QSUnregister(QSHandle* handle, QSError* error);
 
-// A connection of its own on one bus, for clients and for services that live on one bus alone (name null: none).
+// A connection of its own on one bus, for clients and for services that live on one bus alone (name null:
+// none).
 enum class QSBus { Private, Public };
 bool QSRegister(QSBus bus, const char* name, QSHandle** handle, QSError* error);
 bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* methods, void* context,
                         QSError* error);
 bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error);
 
-// Calls zelt://SERVICE/CATEGORY.../METHOD (quor:// is the same). Without a callback no reply is asked for. With
-// one it is called for the reply and, when the payload asks to "subscribe", for every later answer.
+// Calls zelt://SERVICE/CATEGORY.../METHOD (quor:// is the same). Without a callback no reply is asked for.
+// With one it is called for the reply and, when the payload asks to "subscribe", for every later answer.
 bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter callback, void* context,
             QSToken* token, QSError* error);
 // Forgets a call; a subscription of it ends at the service too.
@@ -73,7 +75,8 @@ const char* QSMessageGetMethod(QSMessage* message);
 const char* QSMessageGetCategory(QSMessage* message);
 // "ID PID" of the calling application, "" when it has no id; never null.
 const char* QSMessageGetApplicationID(QSMessage* message);
-// True for a reply that is a bus error: its payload is then {"returnValue":false,"errorCode":-1,"errorText":...}.
+// True for a reply that is a bus error: its payload is then
+// {"returnValue":false,"errorCode":-1,"errorText":...}.
 bool QSMessageIsError(QSMessage* message);
 // The D-Bus error name of such a reply, "" otherwise.
 const char* QSMessageGetErrorName(QSMessage* message);

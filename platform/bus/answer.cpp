@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Several answers on one request: the first is the method return, the later ones are signals to the caller
+// alone, named by the serial of the call. An answer that could not be sent does not count. No state of its
+// own.
+#include <cerrno>
+#include <utility>
+
+#include "platform/bus/error.h"
+#include "platform/bus/message.h"
+#include "platform/bus/peers.h"
+#include "platform/bus/text.h"
+
+namespace {
+
+int sendSignal(QSMessage* request, const char* member, const char* text) {
+    sd_bus* bus = request->handle->bus;
+    Wire signal;
+    int result =
+        sd_bus_message_new_signal(bus, Receive(signal), request->category, kSubscriptionInterface, member);
+    if (result >= 0)
+        result = sd_bus_message_append(signal.get(), "us", busSerial(request), text);
+    if (result >= 0)
+        result = sd_bus_message_set_destination(signal.get(), request->peer->name.c_str());
+    return result < 0 ? result : sd_bus_send(bus, signal.get(), nullptr);
+}
+
+bool canBeReached(const QSMessage* request) {
+    return request->handle->bus && request->peer->state != Peer::State::Gone;
+}
+
+void countAnswered(QSMessage* request) {
+    if (request->unanswered)
+        request->peer->unanswered--;
+    request->unanswered = false;
+}
+
+}  // namespace
+
+bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
+    if (!message || !message->peer)
+        return busFail(error, -EINVAL, "Only a request that a client has sent can be answered");
+    if (!message->handle->bus)
+        return busFail(error, -ENOTCONN, "The bus connection is closed");
+    if (message->peer->state == Peer::State::Gone)
+        return busFail(error, -ENOTCONN, "The client " + message->peer->name + " is gone");
+    // The return of the call itself is still owed: without it the caller's slot would stay open.
+    if (message->cancelled && !message->unanswered)
+        return busFail(error, -ECANCELED,
+                       "The client " + message->peer->name + " has cancelled the subscription");
+    std::string escaped;
+    const char* text = busWireText(payload, escaped, error);
+    if (!text)
+        return false;
+    int result = message->unanswered ? sd_bus_reply_method_return(message->wire.get(), "s", text)
+                                     : sendSignal(message, "Answer", text);
+    if (result < 0)
+        return busFailErrno(error, result,
+                            "Sending an answer to the client " + message->peer->name + " failed");
+    countAnswered(message);
+    return true;
+}
+
+void busCloseRequest(QSMessage* request) {
+    if (canBeReached(request)) {
+        if (request->unanswered && request->wantsReply)
+            sd_bus_reply_method_errorf(request->wire.get(), kErrorNoAnswer, "%s gives no answer",
+                                       request->method);
+        else if (request->subscribed)
+            sendSignal(request, "Ended", request->cancelled ? "cancelled" : "released");
+    }
+    countAnswered(request);
+    busForgetRequest(request);
+}
+
+bool QSMessageReply(QSHandle*, QSMessage* message, const char* payload, QSError* error) {
+    // The message knows the connection that it came in by; the handle stands in the call for its readers.
+    return busAnswer(message, payload, error);
+}
+
+bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error) {
+    return busAnswer(message, payload, error);
+}

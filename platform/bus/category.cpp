@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Method tables on the bus and the way in for requests: read, bound, identify the caller, hand to the
+// handler. The layer keeps the tables as long as the connection; a method that is in no table is answered by
+// sd-bus as unknown.
+#include "platform/bus/category.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/bus/error.h"
+#include "platform/bus/message.h"
+#include "platform/bus/peers.h"
+
+namespace {
+
+constexpr size_t kLongestPublicPayload = 64 * 1024;
+constexpr size_t kMostUnanswered = 128;
+
+int refuse(sd_bus_message* wire, const char* name, const std::string& text) {
+    return sd_bus_reply_method_errorf(wire, name, "%s", text.c_str());
+}
+
+// The texts go to the author of the client.
+int refuseBeyondBounds(sd_bus_message* wire, const char* payload, const Peer& peer) {
+    size_t length = std::strlen(payload);
+    if (length > kLongestPublicPayload)
+        return refuse(wire, kErrorLimitExceeded,
+                      "The payload has " + std::to_string(length) + " bytes; the public bus takes at most " +
+                          std::to_string(kLongestPublicPayload) + ". Send less in one call");
+    if (peer.unanswered >= kMostUnanswered)
+        return refuse(wire, kErrorLimitExceeded,
+                      std::to_string(peer.unanswered) +
+                          " requests of this client wait for an answer. Wait for some before sending more");
+    return 0;
+}
+
+int onRequest(sd_bus_message* wire, void* data, sd_bus_error*) {
+    auto* method = static_cast<Method*>(data);
+    QSHandle* handle = method->category->handle;
+    const char* payload = nullptr;
+    if (sd_bus_message_read(wire, "s", &payload) < 0)
+        return refuse(
+            wire, kErrorInvalidText,
+            "The payload holds a code point that the bus does not bear, such as U+FFFE or U+FDD0. Write "
+            "it as a JSON \\u escape");
+    const char* sender = sd_bus_message_get_sender(wire);
+    std::shared_ptr<Peer> peer = sender ? busPeer(handle, sender) : nullptr;
+    if (!peer)
+        return refuse(wire, SD_BUS_ERROR_FAILED, "The caller could not be identified. Call again");
+    if (busIsPublic(handle)) {
+        int refused = refuseBeyondBounds(wire, payload, *peer);
+        if (refused)
+            return refused < 0 ? refused : 1;
+    }
+    QSMessage* request = busNewRequest(handle, wire, payload, peer, method);
+    if (peer->state == Peer::State::Known)
+        busDispatch(request);
+    else
+        peer->held.push_back(request);
+    return 1;
+}
+
+int onCancel(sd_bus_message* wire, void* data, sd_bus_error*) {
+    auto* category = static_cast<Category*>(data);
+    uint32_t serial = 0;
+    const char* sender = sd_bus_message_get_sender(wire);
+    if (sd_bus_message_read(wire, "u", &serial) < 0 || !sender)
+        return refuse(wire, SD_BUS_ERROR_INVALID_ARGS,
+                      "Cancel takes the serial of the call, an unsigned number");
+    bool found = busCancelSerial(category->handle, sender, serial);
+    return sd_bus_reply_method_return(wire, "b", static_cast<int>(found));
+}
+
+const sd_bus_vtable kSubscriptionTable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_NAMES("Cancel", "u", SD_BUS_PARAM(serial), "b", SD_BUS_PARAM(found), onCancel,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL_WITH_NAMES("Answer", "us", SD_BUS_PARAM(serial) SD_BUS_PARAM(payload), 0),
+    SD_BUS_SIGNAL_WITH_NAMES("Ended", "us", SD_BUS_PARAM(serial) SD_BUS_PARAM(reason), 0),
+    SD_BUS_VTABLE_END,
+};
+
+void addMethods(Category& category, const QSMethod* table) {
+    for (; table && table->name; table++) {
+        auto same = [&](const Method& other) { return other.name == table->name; };
+        if (std::none_of(category.methods.begin(), category.methods.end(), same))
+            category.methods.push_back({&category, table->name, table->handler});
+    }
+}
+
+void buildTable(Category& category) {
+    category.table.push_back(SD_BUS_VTABLE_START(0));
+    for (size_t i = 0; i < category.methods.size(); i++)
+        category.table.push_back(SD_BUS_METHOD_WITH_NAMES_OFFSET(
+            category.methods[i].name.c_str(), "s", SD_BUS_PARAM(request), "s", SD_BUS_PARAM(reply), onRequest,
+            i * sizeof(Method), SD_BUS_VTABLE_UNPRIVILEGED));
+    for (const std::string& signal : category.signals)
+        category.table.push_back(SD_BUS_SIGNAL_WITH_NAMES(signal.c_str(), "s", SD_BUS_PARAM(payload), 0));
+    category.table.push_back(SD_BUS_VTABLE_END);
+}
+
+int publish(Category& category) {
+    sd_bus* bus = category.handle->bus;
+    const char* path = category.path.c_str();
+    int result = sd_bus_add_object_vtable(bus, Receive(category.object), path, category.handle->name.c_str(),
+                                          category.table.data(), category.methods.data());
+    if (result < 0)
+        return result;
+    return sd_bus_add_object_vtable(bus, Receive(category.subscriptionObject), path, kSubscriptionInterface,
+                                    kSubscriptionTable, &category);
+}
+
+}  // namespace
+
+bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<const QSMethod*> tables,
+                    const QSSignal* signals, void* context, QSError* error) {
+    if (!busIsOpen(handle, error))
+        return false;
+    if (handle->name.empty())
+        return busFail(error, -EINVAL, "A connection without a service name has no methods");
+    if (!path || sd_bus_object_path_is_valid(path) <= 0)
+        return busFail(error, -EINVAL,
+                       std::string("\"") + (path ? path : "") + "\" is no category; write /NAME");
+    auto category = std::make_unique<Category>();
+    category->handle = handle;
+    category->path = path;
+    category->context = context;
+    for (const QSMethod* table : tables)
+        addMethods(*category, table);
+    for (; signals && signals->name; signals++)
+        category->signals.emplace_back(signals->name);
+    buildTable(*category);
+    int result = publish(*category);
+    if (result < 0)
+        return busFailErrno(error, result, std::string("Registering the category ") + path + " failed");
+    handle->categories.push_back(std::move(category));
+    return true;
+}
+
+bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* methods, void* context,
+                        QSError* error) {
+    return busAddCategory(handle, category, {methods}, nullptr, context, error);
+}

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// A category of a service: an object of the bus whose interface is the service's name and whose methods are a
+// table.
+#pragma once
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "platform/bus/connection.h"
+
+// One method; sd-bus hands it to the request callback, so that dispatch is one look-up.
+struct Method {
+    Category* category;
+    std::string name;
+    QSFilter handler;
+};
+
+struct Category {
+    QSHandle* handle;
+    std::string path;
+    void* context;
+    std::vector<Method> methods;
+    std::vector<std::string> signals;
+    std::vector<sd_bus_vtable> table;
+    // Last, so that the registrations end before the tables that sd-bus reads at their end.
+    Slot object;
+    Slot subscriptionObject;
+};
+
+// Of two methods of one name in `tables` the first counts; a null table is an empty one.
+bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<const QSMethod*> tables,
+                    const QSSignal* signals, void* context, QSError* error);

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The state of one bus connection, shared by the files of this folder; callers see it as QSHandle alone.
+// A handle lives as long as its owner or a message of it does; `bus` is null from QSUnregister on.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/bus/knownnames.h"
+#include "platform/bus/qs.h"
+#include "platform/bus/slot.h"
+#include "platform/bus/subscriptions.h"
+
+struct Call;
+struct Category;
+struct Peer;
+
+struct QSHandle {
+    sd_bus* bus = nullptr;
+    QSBus side = QSBus::Private;
+    std::string name;  // the service name that the connection owns, "" for a mere client
+    QSZeltService* service = nullptr;
+    GMainLoop* loop = nullptr;
+    GSource* source = nullptr;
+    bool processing = false;  // a bus callback of this connection is on the stack
+    int references = 1;       // the owner's, and one for each living message
+
+    std::unordered_map<std::string, std::shared_ptr<Peer>> peers;  // callers by unique name
+    SubscriptionTable byKey;                                       // free keys
+    SubscriptionTable byMethod;                                    // category and method
+    QSFilter cancelFunction = nullptr;
+    void* cancelContext = nullptr;
+    std::vector<std::unique_ptr<Category>> categories;
+
+    QSToken lastToken = 0;
+    std::map<QSToken, std::unique_ptr<Call>> calls;     // placed calls and server-status watches
+    std::unordered_map<uint32_t, Call*> answeredCalls;  // those whose later answers are awaited, by serial
+    Slot answerFilter;
+    KnownNames names;
+
+    ~QSHandle();
+};
+
+// Both connections of one service; lives until both are unregistered.
+struct QSZeltService {
+    QSHandle* privateHandle = nullptr;
+    QSHandle* publicHandle = nullptr;
+    int open = 0;
+};
+
+const char* busSideName(const QSHandle* handle);
+inline bool busIsPublic(const QSHandle* handle) {
+    return handle->side == QSBus::Public;
+}
+// Connects, says hello and takes the name when there is one. Null, with the reason in `error`, when it fails.
+QSHandle* busOpen(QSBus side, const char* name, QSError* error);
+// False, with the reason in `error`, for a null handle and for one that is unregistered.
+bool busIsOpen(const QSHandle* handle, QSError* error);
+void busReference(QSHandle* handle);
+void busRelease(QSHandle* handle);
+
+// Handles up to `most` messages without waiting; false when the connection is lost. Does nothing inside a
+// callback.
+bool busProcess(QSHandle* handle, int most);
+// Logs the loss and ends the main loop.
+void busLost(QSHandle* handle);
+void busDetach(QSHandle* handle);

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The error record of the bus calls: one code and one text on the C heap, owned by the caller's record.
+#include "platform/bus/error.h"
+
+#include <cstdlib>
+#include <cstring>
+
+bool QSErrorInit(QSError* error) {
+    if (!error)
+        return false;
+    error->code = 0;
+    error->message = nullptr;
+    return true;
+}
+
+void QSErrorPrint(QSError* error, FILE* stream) {
+    if (error && stream)
+        std::fprintf(stream, "bus error %d: %s\n", error->code, error->message ? error->message : "");
+}
+
+void QSErrorFree(QSError* error) {
+    if (!error)
+        return;
+    std::free(error->message);
+    QSErrorInit(error);
+}
+
+bool busFail(QSError* error, int code, const std::string& message) {
+    if (!error)
+        return false;
+    QSErrorFree(error);
+    error->code = code;
+    error->message = strdup(message.c_str());
+    return false;
+}
+
+bool busFailErrno(QSError* error, int code, const std::string& what) {
+    return busFail(error, code, what + ": " + std::strerror(-code));
+}

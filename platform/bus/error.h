@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Filling the error record of a bus call, and the names of the D-Bus errors that the layer itself answers
+// with.
+#pragma once
+
+#include <string>
+
+#include "platform/bus/qs.h"
+
+inline constexpr const char* kErrorNoAnswer = "com.zelt.Error.NoAnswer";
+inline constexpr const char* kErrorLimitExceeded = "com.zelt.Error.LimitExceeded";
+inline constexpr const char* kErrorInvalidText = "com.zelt.Error.InvalidText";
+
+// Fills the record, which may be null, over whatever it held; always false. `code` is a negative errno.
+bool busFail(QSError* error, int code, const std::string& message);
+// The same with the system's words for the code: "WHAT: Connection refused".
+bool busFailErrno(QSError* error, int code, const std::string& what);

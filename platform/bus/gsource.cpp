@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// A bus connection on the main loop: one source each, at the default priority, with bounded work a turn,
+// because a flooding client must starve neither the other bus nor the other sources. At rest there is neither
+// a timer nor a wake-up: the loop waits for the descriptor alone.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "platform/bus/connection.h"
+#include "platform/bus/error.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr int kMessagesPerTurn = 32;
+// A read of what has been received ends here, so that a client that sends without pause cannot hold the
+// reader.
+constexpr int kMessagesPerRead = 256;
+constexpr uint64_t kNever = std::numeric_limits<uint64_t>::max();
+
+struct BusSource {
+    GSource base;
+    GPollFD descriptor;
+    QSHandle* handle;  // borrowed: the source is destroyed before the handle
+};
+
+BusSource* asBusSource(GSource* source) {
+    return reinterpret_cast<BusSource*>(source);
+}
+
+// Milliseconds until sd-bus has work of its own, -1 for never: a timeout only while the daemon owes an
+// answer.
+int timeLeft(sd_bus* bus) {
+    uint64_t due = kNever;
+    if (sd_bus_get_timeout(bus, &due) < 0 || due == kNever)
+        return -1;
+    auto now = static_cast<uint64_t>(g_get_monotonic_time());
+    if (due <= now)
+        return 0;
+    return static_cast<int>(std::min<uint64_t>((due - now + 999) / 1000, std::numeric_limits<int>::max()));
+}
+
+gboolean prepare(GSource* source, gint* timeout) {
+    BusSource* self = asBusSource(source);
+    int events = sd_bus_get_events(self->handle->bus);
+    self->descriptor.events = static_cast<gushort>(std::max(events, 0));
+    // A connection that gives no events is lost: the dispatch finds out why.
+    *timeout = events < 0 ? 0 : timeLeft(self->handle->bus);
+    return *timeout == 0;
+}
+
+gboolean check(GSource* source) {
+    BusSource* self = asBusSource(source);
+    return self->descriptor.revents != 0 || timeLeft(self->handle->bus) == 0;
+}
+
+gboolean dispatch(GSource* source, GSourceFunc, gpointer) {
+    QSHandle* handle = asBusSource(source)->handle;
+    busReference(handle);
+    bool alive = busProcess(handle, kMessagesPerTurn);
+    if (!alive)
+        busLost(handle);
+    busRelease(handle);
+    return G_SOURCE_CONTINUE;
+}
+
+GSourceFuncs busSourceFunctions = {prepare, check, dispatch, nullptr, nullptr, nullptr};
+
+}  // namespace
+
+bool busProcess(QSHandle* handle, int most) {
+    if (handle->processing)
+        return true;
+    handle->processing = true;
+    int result = 1;
+    for (int i = 0; i < most && result > 0 && handle->bus; i++)
+        result = sd_bus_process(handle->bus, nullptr);
+    handle->processing = false;
+    if (result < 0 && handle->bus)
+        PrvPrintErr(__func__, __LINE__, "The %s bus connection of %s is lost: %s", busSideName(handle),
+                    handle->name.empty() ? "this client" : handle->name.c_str(), std::strerror(-result));
+    return result >= 0 || !handle->bus;
+}
+
+void busLost(QSHandle* handle) {
+    GMainLoop* loop = handle->loop;
+    busDetach(handle);
+    if (loop)
+        g_main_loop_quit(loop);
+}
+
+void busDetach(QSHandle* handle) {
+    handle->loop = nullptr;
+    if (GSource* source = std::exchange(handle->source, nullptr)) {
+        g_source_destroy(source);
+        g_source_unref(source);
+    }
+}
+
+bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error) {
+    if (!busIsOpen(handle, error))
+        return false;
+    if (!loop || handle->source)
+        return busFail(error, -EINVAL,
+                       loop ? "The connection is attached to a main loop already" : "There is no main loop");
+    int descriptor = sd_bus_get_fd(handle->bus);
+    if (descriptor < 0)
+        return busFailErrno(error, descriptor, "Attaching the bus connection to the main loop failed");
+    GSource* source = g_source_new(&busSourceFunctions, sizeof(BusSource));
+    BusSource* self = asBusSource(source);
+    self->handle = handle;
+    self->descriptor = {descriptor, 0, 0};
+    g_source_add_poll(source, &self->descriptor);
+    g_source_set_name(source, busIsPublic(handle) ? "public bus" : "private bus");
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_attach(source, g_main_loop_get_context(loop));
+    handle->source = source;
+    handle->loop = loop;
+    return true;
+}
+
+void QSZeltServiceReadReceived(QSZeltService* service) {
+    if (!service)
+        return;
+    for (QSHandle* handle : {service->privateHandle, service->publicHandle}) {
+        busReference(handle);
+        bool alive = !handle->bus || busProcess(handle, kMessagesPerRead);
+        if (!alive)
+            busLost(handle);
+        busRelease(handle);
+    }
+}

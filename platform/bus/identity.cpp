@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Who a client is. The credentials come from the bus daemon, which had them from the kernel when the client
+// connected; nothing that a client says about itself counts. The installation's choices are read from the
+// environment for each new client. No state.
+#include "platform/bus/identity.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "platform/bus/applicationid.h"
+#include "util/log.h"
+
+namespace {
+
+bool isSwitchedOn(const char* variable) {
+    const char* value = std::getenv(variable);
+    return value && std::strcmp(value, "1") == 0;
+}
+
+std::string fileText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string procText(unsigned pid, const char* file) {
+    return fileText("/proc/" + std::to_string(pid) + "/" + file);
+}
+
+// Only root can have made a group that root owns: below a group that was handed to a user, the user owns what
+// he makes. A group that is not found where one of the usual layouts keeps it is not trusted.
+bool isGroupOfRoot(const std::string& cgroup) {
+    for (const char* root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified", "/sys/fs/cgroup/systemd"}) {
+        struct stat info;
+        if (::stat((root + cgroup).c_str(), &info) == 0)
+            return info.st_uid == 0;
+    }
+    return false;
+}
+
+std::string idFromEnvironment(const BusCredentials& who) {
+    if (!isSwitchedOn("ZELT_APP_ID_FROM_ENVIRONMENT"))
+        return {};
+    std::string id = environmentValue(procText(who.pid, "environ"), "ZELT_APP_ID");
+    return isApplicationId(id) ? id : std::string();
+}
+
+std::string idFromLabel(const BusCredentials& who) {
+    const char* prefix = std::getenv("ZELT_APP_ID_LABEL_PREFIX");
+    return prefix ? applicationIdOfLabel(who.label, prefix) : std::string();
+}
+
+std::string idFromUser(const BusCredentials& who) {
+    const char* table = std::getenv("ZELT_APP_ID_USERS");
+    return table ? applicationIdOfUser(fileText(table), who.user) : std::string();
+}
+
+std::string idFromUnit(const BusCredentials& who) {
+    AppUnit unit = appUnitOfCgroup(procText(who.pid, "cgroup"));
+    if (unit.applicationId.empty())
+        return {};
+    bool trusted = unit.ofLogin ? isSwitchedOn("ZELT_APP_ID_TRUST_USER_UNITS") : isGroupOfRoot(unit.cgroup);
+    return trusted ? unit.applicationId : std::string();
+}
+
+void readField(sd_bus_message* reply, BusCredentials& who) {
+    const char* key = nullptr;
+    const void* bytes = nullptr;
+    size_t length = 0;
+    if (sd_bus_message_read(reply, "s", &key) < 0)
+        return;
+    if (std::strcmp(key, "ProcessID") == 0) {
+        sd_bus_message_read(reply, "v", "u", &who.pid);
+    } else if (std::strcmp(key, "UnixUserID") == 0) {
+        sd_bus_message_read(reply, "v", "u", &who.user);
+    } else if (std::strcmp(key, "LinuxSecurityLabel") == 0 &&
+               sd_bus_message_enter_container(reply, 'v', "ay") > 0) {
+        if (sd_bus_message_read_array(reply, 'y', &bytes, &length) > 0)
+            who.label.assign(static_cast<const char*>(bytes), length);
+        sd_bus_message_exit_container(reply);
+    } else {
+        sd_bus_message_skip(reply, "v");
+    }
+}
+
+}  // namespace
+
+BusCredentials busReadCredentials(sd_bus_message* reply) {
+    BusCredentials who;
+    if (sd_bus_message_enter_container(reply, 'a', "{sv}") <= 0)
+        return who;
+    while (sd_bus_message_enter_container(reply, 'e', "sv") > 0) {
+        readField(reply, who);
+        sd_bus_message_exit_container(reply);
+    }
+    return who;
+}
+
+std::string busApplicationId(const BusCredentials& who) {
+    if (!who.pid)
+        return {};
+    for (auto rule : {idFromEnvironment, idFromLabel, idFromUser, idFromUnit}) {
+        std::string id = rule(who);
+        if (!id.empty())
+            return id + " " + std::to_string(who.pid);
+    }
+    return {};
+}
+
+void busWarnOfTrustedEnvironment() {
+    static bool said = false;
+    if (said || !isSwitchedOn("ZELT_APP_ID_FROM_ENVIRONMENT"))
+        return;
+    said = true;
+    PrvPrintErr(
+        __func__, __LINE__,
+        "ZELT_APP_ID_FROM_ENVIRONMENT=1: every client names itself. For development only; unset it on a "
+        "device");
+}

@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What is known about the other services of the platform, so that a call to one that cannot answer is refused
+// at once and the caller's own failure path runs. Names outside the platform's namespace are known only while
+// a server-status watch follows them. In memory, with the connection.
+#include "platform/bus/knownnames.h"
+
+#include "platform/bus/connection.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kDaemon = "org.freedesktop.DBus";
+constexpr const char* kDaemonPath = "/org/freedesktop/DBus";
+constexpr const char* kPlatformPrefix = "com.zelt.";
+constexpr const char* kPlatformRule =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/"
+    "DBus',interface='org.freedesktop.DBus',"
+    "member='NameOwnerChanged',arg0namespace='com.zelt'";
+
+int askDaemon(sd_bus* bus, Slot& slot, const char* method, sd_bus_message_handler_t callback, void* data) {
+    return sd_bus_call_method_async(bus, Receive(slot), kDaemon, kDaemonPath, kDaemon, method, callback, data,
+                                    "");
+}
+
+template <typename Each>
+bool readNames(sd_bus_message* reply, Each each) {
+    if (sd_bus_message_is_method_error(reply, nullptr) ||
+        sd_bus_message_enter_container(reply, 'a', "s") <= 0)
+        return false;
+    const char* name = nullptr;
+    while (sd_bus_message_read(reply, "s", &name) > 0)
+        each(name);
+    return true;
+}
+
+}  // namespace
+
+void KnownNames::start(QSHandle* handle) {
+    sd_bus* bus = handle->bus;
+    // The watch first: what changes while the list is under way is then seen.
+    if (sd_bus_add_match_async(bus, Receive(m_changes), kPlatformRule, onChanged, onInstalled, this) < 0 ||
+        askDaemon(bus, m_ownedQuery, "ListNames", onOwned, this) < 0 ||
+        askDaemon(bus, m_startableQuery, "ListActivatableNames", onStartable, this) < 0)
+        PrvPrintErr(__func__, __LINE__,
+                    "Asking the %s bus for its names failed; calls to absent services go out",
+                    busSideName(handle));
+}
+
+void KnownNames::stop() {
+    m_changes.reset();
+    m_ownedQuery.reset();
+    m_startableQuery.reset();
+    m_followed = false;
+}
+
+void KnownNames::note(const std::string& name, bool there) {
+    m_there[name] = there;
+}
+
+bool KnownNames::isDown(const std::string& name) const {
+    if (!m_startableKnown || m_startable.contains(name))
+        return false;
+    auto found = m_there.find(name);
+    if (found != m_there.end())
+        return !found->second;
+    return m_followed && m_ownedKnown && name.starts_with(kPlatformPrefix);
+}
+
+int KnownNames::onInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
+    static_cast<KnownNames*>(data)->m_followed = !sd_bus_message_is_method_error(reply, nullptr);
+    return 0;
+}
+
+int KnownNames::onOwned(sd_bus_message* reply, void* data, sd_bus_error*) {
+    auto* self = static_cast<KnownNames*>(data);
+    self->m_ownedKnown = readNames(reply, [self](const char* name) {
+        if (std::string_view(name).starts_with(kPlatformPrefix))
+            self->m_there[name] = true;
+    });
+    return 0;
+}
+
+int KnownNames::onStartable(sd_bus_message* reply, void* data, sd_bus_error*) {
+    auto* self = static_cast<KnownNames*>(data);
+    self->m_startableKnown = readNames(reply, [self](const char* name) { self->m_startable.insert(name); });
+    return 0;
+}
+
+int KnownNames::onChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
+    auto* self = static_cast<KnownNames*>(data);
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* after = nullptr;
+    if (sd_bus_message_read(signal, "sss", &name, &before, &after) >= 0)
+        self->m_there[name] = *after != '\0';
+    return 0;
+}

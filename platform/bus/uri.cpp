@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Reading the address of a bus method. Both schemes mean the same. No state.
+#include "platform/bus/uri.h"
+
+#include <systemd/sd-bus.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include "platform/bus/error.h"
+
+namespace {
+
+bool refuse(const char* uri, const std::string& why, QSError* error) {
+    return busFail(error, -EINVAL,
+                   "The address \"" + std::string(uri ? uri : "") + "\" " + why +
+                       "; write zelt://SERVICE/CATEGORY/METHOD");
+}
+
+bool takeScheme(std::string_view& rest) {
+    for (std::string_view scheme : {"zelt://", "quor://"}) {
+        if (rest.starts_with(scheme)) {
+            rest.remove_prefix(scheme.size());
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+bool busParseUri(const char* uri, BusAddress& address, QSError* error) {
+    std::string_view rest = uri ? uri : "";
+    if (!takeScheme(rest))
+        return refuse(uri, "begins with neither zelt:// nor quor://", error);
+    size_t first = rest.find('/');
+    if (first == std::string_view::npos)
+        return refuse(uri, "names no method", error);
+    size_t last = rest.rfind('/');
+    address.service = rest.substr(0, first);
+    address.path = first == last ? "/" : rest.substr(first, last - first);
+    address.method = rest.substr(last + 1);
+    // The service stands as destination and as interface, so it must be a name of both kinds.
+    if (sd_bus_service_name_is_valid(address.service.c_str()) <= 0 ||
+        sd_bus_interface_name_is_valid(address.service.c_str()) <= 0)
+        return refuse(uri, "names no valid service", error);
+    if (sd_bus_object_path_is_valid(address.path.c_str()) <= 0)
+        return refuse(uri, "has a category that D-Bus does not bear (letters, digits and _ only)", error);
+    if (sd_bus_member_name_is_valid(address.method.c_str()) <= 0)
+        return refuse(uri, "has a method name that D-Bus does not bear (letters, digits and _ only)", error);
+    return true;
+}

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Two bus daemons of a test, private and public, in a folder of their own, with the developer's
+// configuration. They are stopped by their process ids and the folder is removed at the end.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "platform/bus/qs.h"
+
+// A process that a test started; it is killed and reaped with this object, and dies with the test program.
+class OwnedProcess {
+  public:
+    OwnedProcess() = default;
+    explicit OwnedProcess(pid_t pid) : m_pid(pid) {}
+    OwnedProcess(OwnedProcess&& other) noexcept : m_pid(other.m_pid) { other.m_pid = -1; }
+    OwnedProcess& operator=(OwnedProcess&& other) noexcept;
+    ~OwnedProcess() { stop(); }
+
+    pid_t pid() const { return m_pid; }
+    void stop();
+
+  private:
+    pid_t m_pid = -1;
+};
+
+class RealBuses {
+  public:
+    // Starts both and points ZELT_PRIVATE_BUS and ZELT_PUBLIC_BUS at them. A folder with activation files may
+    // be given for both.
+    explicit RealBuses(const std::string& serviceFolder = {});
+    ~RealBuses();
+    RealBuses(const RealBuses&) = delete;
+    RealBuses& operator=(const RealBuses&) = delete;
+
+    const std::string& folder() const { return m_folder; }
+    std::string socketPath(QSBus bus) const;
+    std::string address(QSBus bus) const { return "unix:path=" + socketPath(bus); }
+    void stopDaemon(QSBus bus);
+
+  private:
+    OwnedProcess startDaemon(QSBus bus, const std::string& serviceFolder);
+
+    std::string m_folder;
+    OwnedProcess m_private;
+    OwnedProcess m_public;
+};
