@@ -90,6 +90,9 @@ OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& serviceFolder)
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         close(ready[0]);
+        std::string log = m_folder + "/" + busName(bus) + ".log";
+        if (!freopen(log.c_str(), "w", stderr))
+            _exit(127);
         std::string configOption = "--config-file=" + file;
         std::string addressOption = "--print-address=" + std::to_string(ready[1]);
         execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", configOption.c_str(),
@@ -103,6 +106,7 @@ OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& serviceFolder)
     bool listens = read(ready[0], &byte, 1) == 1;
     close(ready[0]);
     if (!listens)
-        throw std::runtime_error("the " + std::string(busName(bus)) + " bus daemon did not start");
+        throw std::runtime_error("the " + std::string(busName(bus)) + " bus daemon did not start: " +
+                                 readFile(m_folder + "/" + busName(bus) + ".log"));
     return daemon;
 }

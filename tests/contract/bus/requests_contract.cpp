@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The contract of requests: which methods are there, what a handler sees, and the answers that a caller gets.
+#include "tests/contract/bus/contractfixture.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+
+class Requests : public OnBothBuses {};
+INSTANTIATE_TEST_SUITE_P(, Requests, testing::Values(QSBus::Private, QSBus::Public), busOfCase);
+
+TEST_P(Requests, ReachTheHandlerWithTheirTexts) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* message = request(*client, call, "hold", R"({"a":"grün \u20ac"})");
+    ASSERT_NE(message, nullptr);
+    EXPECT_STREQ(QSMessageGetPayload(message), R"({"a":"grün \u20ac"})");
+    EXPECT_STREQ(QSMessageGetMethod(message), "hold");
+    EXPECT_STREQ(QSMessageGetCategory(message), "/");
+    EXPECT_FALSE(QSMessageIsError(message));
+    EXPECT_STREQ(QSMessageGetErrorName(message), "");
+}
+
+TEST_P(Requests, AreAnsweredByTheMethodReturn) {
+    auto client = m_engine->client(GetParam());
+    m_handlers["hold"] = [&](QSHandle* handle, QSMessage* message) {
+        EXPECT_EQ(handle, this->handle());
+        EXPECT_TRUE(QSMessageReply(handle, message, R"({"returnValue":true})", m_error));
+    };
+    size_t call = client->call("/", "hold", "{}");
+    ASSERT_TRUE(has(*client, call, 1));
+    m_engine->settle();
+    EXPECT_THAT(client->answers(call), ElementsAre(R"(reply {"returnValue":true})"));
+}
+
+TEST_P(Requests, AreHandledInTheOrderOfTheCaller) {
+    auto client = m_engine->client(GetParam());
+    for (const char* payload : {"1", "2", "3"})
+        client->call("/", "hold", payload);
+    ASSERT_TRUE(arrived(3));
+    Strings payloads;
+    for (const KeptMessage& kept : m_kept)
+        payloads.emplace_back(QSMessageGetPayload(kept.get()));
+    EXPECT_THAT(payloads, ElementsAre("1", "2", "3"));
+}
+
+TEST_P(Requests, MayBeAnsweredLaterAndInAnyOrder) {
+    auto client = m_engine->client(GetParam());
+    size_t first = 0;
+    size_t second = 0;
+    request(*client, first);
+    request(*client, second);
+    EXPECT_TRUE(respond(m_kept[1].get(), "two"));
+    EXPECT_TRUE(respond(m_kept[0].get(), "one"));
+    ASSERT_TRUE(has(*client, first, 1) && has(*client, second, 1));
+    EXPECT_THAT(client->answers(first), ElementsAre("reply one"));
+    EXPECT_THAT(client->answers(second), ElementsAre("reply two"));
+}
+
+TEST_P(Requests, TakeLaterAnswersAsAnswersOfTheirOwn) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* message = request(*client, call);
+    EXPECT_TRUE(reply(message, "first"));
+    EXPECT_TRUE(respond(message, "second"));
+    EXPECT_TRUE(reply(message, "third"));
+    ASSERT_TRUE(has(*client, call, 3));
+    EXPECT_THAT(client->answers(call), ElementsAre("reply first", "answer second", "answer third"));
+}
+
+TEST_P(Requests, WithoutAnAnswerAreClosedWithTheLastReference) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    request(*client, call);
+    m_engine->settle();
+    EXPECT_THAT(client->answers(call), IsEmpty());
+    m_kept.clear();
+    ASSERT_TRUE(has(*client, call, 1));
+    EXPECT_THAT(client->answers(call), ElementsAre("error com.zelt.Error.NoAnswer"));
+}
+
+TEST_P(Requests, ThatTheHandlerLetsGoAreClosedAtOnce) {
+    auto client = m_engine->client(GetParam());
+    m_handlers["hold"] = [](QSHandle*, QSMessage*) {};
+    size_t call = client->call("/", "hold", "{}");
+    ASSERT_TRUE(has(*client, call, 1));
+    EXPECT_THAT(client->answers(call), ElementsAre("error com.zelt.Error.NoAnswer"));
+}
+
+TEST_P(Requests, AreNotEndedWhenTheyNeverWereSubscriptions) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    EXPECT_TRUE(reply(request(*client, call), "only"));
+    m_kept.clear();
+    m_engine->settle();
+    EXPECT_THAT(client->answers(call), ElementsAre("reply only"));
+}
+
+TEST_P(Requests, ThatExpectNoReplyGetNoneAndTakeTheAnswerAsGiven) {
+    auto client = m_engine->client(GetParam());
+    size_t call = client->callWithoutReply("/", "hold", "{}");
+    ASSERT_TRUE(arrived(1));
+    EXPECT_TRUE(reply(m_kept[0].get(), "first"));
+    EXPECT_TRUE(reply(m_kept[0].get(), "second"));
+    m_engine->settle();
+    EXPECT_THAT(client->answers(call), ElementsAre("answer second"));
+}
+
+TEST_P(Requests, ThatExpectNoReplyAreDroppedInSilence) {
+    auto client = m_engine->client(GetParam());
+    size_t call = client->callWithoutReply("/", "hold", "{}");
+    ASSERT_TRUE(arrived(1));
+    m_kept.clear();
+    m_engine->settle();
+    EXPECT_THAT(client->answers(call), IsEmpty());
+}
+
+TEST_P(Requests, OfUnknownMethodsAreAnsweredAsUnknown) {
+    auto client = m_engine->client(GetParam());
+    size_t call = client->call("/", "getSubscriptions", "{}");
+    ASSERT_TRUE(has(*client, call, 1));
+    EXPECT_THAT(client->answers(call), ElementsAre("error org.freedesktop.DBus.Error.UnknownMethod"));
+}
+
+TEST_P(Requests, RefuseAnAnswerThatIsNotUtf8AndStayUnanswered) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* message = request(*client, call);
+    EXPECT_FALSE(reply(message, "{\"a\":\"\xff\"}"));
+    EXPECT_EQ(m_error.code(), -EILSEQ);
+    EXPECT_THAT(m_error.message(), HasSubstr("UTF-8"));
+    EXPECT_TRUE(reply(message, "{}"));
+    ASSERT_TRUE(has(*client, call, 1));
+    EXPECT_THAT(client->answers(call), ElementsAre("reply {}"));
+}
+
+TEST_P(Requests, CarryNonCharactersAsEscapes) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* message = request(*client, call);
+    EXPECT_TRUE(reply(message, "{\"a\":\"x\xEF\xBF\xBEy\"}"));
+    EXPECT_TRUE(reply(message, "\"\xEF\xB7\x90\""));
+    EXPECT_TRUE(reply(message, "\"\xF0\x9F\xBF\xBF\""));
+    ASSERT_TRUE(has(*client, call, 3));
+    EXPECT_THAT(client->answers(call),
+                ElementsAre(R"(reply {"a":"x\uFFFEy"})", R"(answer "\uFDD0")", R"(answer "\uD83F\uDFFF")"));
+}
+
+TEST_P(Requests, RefuseNullAnswers) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* message = request(*client, call);
+    EXPECT_FALSE(QSMessageReply(m_private, message, nullptr, m_error));
+    EXPECT_FALSE(QSMessageReply(m_private, nullptr, "{}", m_error));
+    EXPECT_EQ(m_error.code(), -EINVAL);
+}
+
+TEST_P(Requests, OfADeadClientCannotBeAnswered) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* message = request(*client, call, "follow", R"({"subscribe":true})");
+    ASSERT_TRUE(QSSubscriptionProcess(handle(), message, nullptr, m_error));
+    client.reset();
+    ASSERT_TRUE(m_engine->until([&] { return !m_cancelled.empty(); }));
+    EXPECT_FALSE(respond(message, "late"));
+    EXPECT_EQ(m_error.code(), -ENOTCONN);
+    EXPECT_THAT(m_error.message(), HasSubstr("gone"));
+}
+
+TEST_P(Requests, ReportTheIdAndTheProcessOfTheirApplication) {
+    auto client = m_engine->client(GetParam(), "com.example.app");
+    size_t call = 0;
+    QSMessage* message = request(*client, call);
+    EXPECT_THAT(QSMessageGetApplicationID(message), MatchesRegex("com\\.example\\.app [0-9]+"));
+    QSMessage* second = request(*client, call);
+    EXPECT_STREQ(QSMessageGetApplicationID(second), QSMessageGetApplicationID(message));
+}
+
+TEST_P(Requests, OfNoApplicationReportTheEmptyId) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    EXPECT_STREQ(QSMessageGetApplicationID(request(*client, call)), "");
+}
+
+TEST_P(Requests, MayBeReleasedAfterTheBusIsUnregistered) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* message = request(*client, call, "follow", R"({"subscribe":true,"endpoint":"e"})");
+    ASSERT_TRUE(QSSubscriptionProcess(handle(), message, nullptr, m_error));
+    request(*client, call);
+    QSHandle* gone = handle();
+    (GetParam() == QSBus::Public ? m_public : m_private) = nullptr;
+    EXPECT_TRUE(QSUnregister(gone, m_error)) << m_error.message();
+    EXPECT_STREQ(QSMessageGetPayload(message), R"({"subscribe":true,"endpoint":"e"})");
+    EXPECT_STREQ(QSMessageGetMethod(message), "follow");
+    EXPECT_FALSE(respond(message, "late"));
+    EXPECT_EQ(m_error.code(), -ENOTCONN);
+    m_kept.clear();
+    EXPECT_THAT(m_cancelled, IsEmpty());
+}
+
+class PrivateMethods : public BusContract {};
+
+TEST_F(PrivateMethods, DoNotExistOnThePublicBus) {
+    auto client = m_engine->client(QSBus::Public);
+    size_t call = client->call("/", "secret", "{}");
+    ASSERT_TRUE(has(*client, call, 1));
+    EXPECT_THAT(client->answers(call), ElementsAre("error org.freedesktop.DBus.Error.UnknownMethod"));
+    EXPECT_THAT(m_kept, IsEmpty());
+}
+
+TEST_F(PrivateMethods, StandOnThePrivateBusBesideThePublicOnes) {
+    auto client = m_engine->client(QSBus::Private);
+    size_t call = 0;
+    EXPECT_STREQ(QSMessageGetMethod(request(*client, call, "secret")), "secret");
+    EXPECT_STREQ(QSMessageGetMethod(request(*client, call, "hold")), "hold");
+}
+
+class Received : public BusContract {};
+
+TEST_F(Received, RequestsOfBothBusesAreHandledByOneRead) {
+    auto privateClient = m_engine->client(QSBus::Private);
+    auto publicClient = m_engine->client(QSBus::Public);
+    size_t call = 0;
+    request(*privateClient, call);
+    request(*publicClient, call);
+    m_kept.clear();
+    privateClient->call("/", "hold", "private");
+    publicClient->call("/", "hold", "public");
+    // The read does not wait, so it is repeated until the daemons have passed both on; the loop stands still.
+    Strings payloads;
+    gint64 deadline = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
+    while (m_kept.size() < 2 && g_get_monotonic_time() < deadline)
+        QSZeltServiceReadReceived(m_service);
+    for (const KeptMessage& kept : m_kept)
+        payloads.emplace_back(QSMessageGetPayload(kept.get()));
+    EXPECT_THAT(payloads, testing::UnorderedElementsAre("private", "public"));
+}
+
+TEST_F(Received, ReadingInsideAHandlerHandlesNothing) {
+    auto client = m_engine->client(QSBus::Private);
+    m_handlers["watch"] = [&](QSHandle* handle, QSMessage* message) {
+        QSZeltServiceReadReceived(m_service);
+        EXPECT_THAT(m_kept, IsEmpty());
+        EXPECT_TRUE(QSMessageReply(handle, message, "done", m_error));
+    };
+    size_t call = client->call("/", "watch", "{}");
+    client->call("/", "hold", "{}");
+    ASSERT_TRUE(has(*client, call, 1) && arrived(1));
+    EXPECT_THAT(client->answers(call), ElementsAre("reply done"));
+}
