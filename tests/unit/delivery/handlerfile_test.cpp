@@ -1,0 +1,314 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The node tables and the file that brings them over a restart: every record form, and what damage costs.
+#include <sys/stat.h>
+
+#include "tests/fakes/servicefixture.h"
+
+namespace {
+
+using Table = std::map<std::string, std::list<std::string>>;
+
+const std::string kZero(1, '\0');
+
+// A record as both writers leave it.
+std::string line(const std::string& record) {
+    return record + kZero + '\n';
+}
+
+std::string appendedRecord(const std::string& node, const std::string& endpoint,
+                           const std::string& more = "") {
+    return R"({"node":")" + node + R"(","endpoint":")" + endpoint + '"' + more + '}';
+}
+
+std::string rewrittenRecord(const std::string& node, bool app, const std::string& endpoint) {
+    return R"({ "node": ")" + node + R"(", "app": )" + (app ? "true" : "false") + R"(, "endpoint": ")" +
+           endpoint + R"(" })";
+}
+
+// A record of exactly `length` characters.
+std::string recordOfLength(std::size_t length, const std::string& node) {
+    const std::string start = R"({"node":")" + node + R"(","endpoint":"zelt://com.example.long/in","pad":")";
+    return start + std::string(length - start.size() - 2, 'x') + "\"}";
+}
+
+}  // namespace
+
+class NodeMaps : public ServiceTest {
+  protected:
+    bool add(const std::string& node, const std::string& endpoint, bool app) {
+        present = !present;
+        return session().addNodeToMap(node, endpoint, app, present);
+    }
+    bool present = false;
+};
+
+TEST_F(NodeMaps, KeepsEndpointsInTheOrderInWhichTheyCame) {
+    EXPECT_TRUE(add("a", "zelt://two", false));
+    EXPECT_FALSE(present);
+    EXPECT_TRUE(add("a", "zelt://one", false));
+    EXPECT_FALSE(present);
+    EXPECT_EQ(session().serviceNodeMap, (Table{{"a", {"zelt://two", "zelt://one"}}}));
+    EXPECT_TRUE(session().appNodeMap.empty());
+}
+
+TEST_F(NodeMaps, ReportsAPresentPairAndDoesNotRepeatIt) {
+    add("a", "x", true);
+    EXPECT_TRUE(add("a", "x", true));
+    EXPECT_TRUE(present);
+    EXPECT_EQ(session().appNodeMap, (Table{{"a", {"x"}}}));
+    EXPECT_TRUE(session().serviceNodeMap.empty());
+}
+
+TEST_F(NodeMaps, ChoosesTheTableByTheFlag) {
+    add("a", "x", false);
+    add("a", "x", true);
+    EXPECT_FALSE(present);
+    EXPECT_TRUE(session().removeNodeFromMap("a", "x", true));
+    EXPECT_TRUE(session().appNodeMap.empty());
+    EXPECT_EQ(session().serviceNodeMap, (Table{{"a", {"x"}}}));
+}
+
+TEST_F(NodeMaps, RemovesNothingForAnUnknownNodeOrEndpoint) {
+    add("a", "x", false);
+    EXPECT_FALSE(session().removeNodeFromMap("b", "x", false));
+    EXPECT_FALSE(session().removeNodeFromMap("a", "y", false));
+    EXPECT_FALSE(session().removeNodeFromMap("a", "x", true));
+    EXPECT_EQ(session().serviceNodeMap, (Table{{"a", {"x"}}}));
+    EXPECT_TRUE(session().appNodeMap.empty());
+}
+
+TEST_F(NodeMaps, ErasesTheNodeWithItsLastEndpoint) {
+    add("a", "x", false);
+    add("a", "y", false);
+    EXPECT_TRUE(session().removeNodeFromMap("a", "x", false));
+    EXPECT_EQ(session().serviceNodeMap, (Table{{"a", {"y"}}}));
+    EXPECT_TRUE(session().removeNodeFromMap("a", "y", false));
+    EXPECT_TRUE(session().serviceNodeMap.empty());
+    EXPECT_FALSE(session().removeNodeFromMap("a", "y", false));
+}
+
+class HandlerFile : public ServiceTest {
+  protected:
+    std::filesystem::path file() const { return stateFolder() / "pubsubhandlers.conf"; }
+    bool exists() const { return std::filesystem::exists(file()); }
+    std::string text() const { return fileText(file()); }
+    void load(const std::string& content) {
+        writeFile(file(), content);
+        session().ReadHandlerFile();
+    }
+    bool append(const std::string& record) { return session().UpdateHandlerFile(record.c_str(), true); }
+    bool rewrite() { return session().UpdateHandlerFile("not used", false); }
+    Table& services() { return session().serviceNodeMap; }
+    Table& apps() { return session().appNodeMap; }
+
+    const Texts kMalformed{"ReadHandlerFile: Malformed handler file. Stop reading \n"};
+};
+
+TEST_F(HandlerFile, WarnsWhenThereIsNone) {
+    session().ReadHandlerFile();
+    EXPECT_EQ(takeLogLines(), Texts{"ReadHandlerFile: Warning: No handler file present"});
+    EXPECT_TRUE(services().empty());
+    EXPECT_FALSE(exists());
+}
+
+TEST_F(HandlerFile, LoadsAnEmptyFileAsNothing) {
+    load("");
+    EXPECT_TRUE(services().empty());
+    EXPECT_TRUE(exists());
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(HandlerFile, LoadsRecordsWithAndWithoutTheirZeroByte) {
+    load(line(appendedRecord("a", "x")) + appendedRecord("b", "y") + "\n" + appendedRecord("c", "z"));
+    EXPECT_EQ(services(), (Table{{"a", {"x"}}, {"b", {"y"}}, {"c", {"z"}}}));
+    EXPECT_TRUE(exists());
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(HandlerFile, CarriesAppOverToRecordsThatHaveNone) {
+    load(line(appendedRecord("a", "x", R"(,"app":true)")) + line(appendedRecord("b", "y")));
+    EXPECT_EQ(apps(), (Table{{"a", {"x"}}, {"b", {"y"}}}));
+    EXPECT_TRUE(services().empty());
+}
+
+TEST_F(HandlerFile, BeginsWithServicesAndFollowsEveryAppThatIsGiven) {
+    load(line(appendedRecord("a", "x")) + line(appendedRecord("b", "y", R"(,"app":true)")) +
+         line(appendedRecord("c", "z", R"(,"app":false)")) + line(appendedRecord("d", "z")));
+    EXPECT_EQ(apps(), (Table{{"b", {"y"}}}));
+    EXPECT_EQ(services(), (Table{{"a", {"x"}}, {"c", {"z"}}, {"d", {"z"}}}));
+}
+
+TEST_F(HandlerFile, TakesANullAppForNone) {
+    load(line(appendedRecord("a", "x", R"(,"app":true)")) + line(appendedRecord("b", "y", R"(,"app":null)")));
+    EXPECT_EQ(apps(), (Table{{"a", {"x"}}, {"b", {"y"}}}));
+}
+
+TEST_F(HandlerFile, StartsEveryReadingWithServices) {
+    load(line(appendedRecord("a", "x", R"(,"app":true)")));
+    load(line(appendedRecord("b", "y")));
+    EXPECT_EQ(services(), (Table{{"b", {"y"}}}));
+}
+
+TEST_F(HandlerFile, SkipsARepeatedPair) {
+    load(line(appendedRecord("a", "x")) + line(appendedRecord("a", "x")) + line(appendedRecord("a", "y")));
+    EXPECT_EQ(services(), (Table{{"a", {"x", "y"}}}));
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(HandlerFile, IgnoresOtherMembersAndCleansNames) {
+    load(line(R"({"more":[1],"node":"\/a\/\"b\"","endpoint":"zelt:\/\/x","subscribe":true})"));
+    EXPECT_EQ(services(), (Table{{"/a/b", {"zelt://x"}}}));
+}
+
+class DamagedHandlerFile : public HandlerFile, public testing::WithParamInterface<const char*> {};
+
+TEST_P(DamagedHandlerFile, LosesTheFileButNotTheRecordsBefore) {
+    load(line(appendedRecord("a", "x")) + line(appendedRecord("b", "y")) + line(GetParam()) +
+         line(appendedRecord("c", "z")));
+    EXPECT_EQ(services(), (Table{{"a", {"x"}}, {"b", {"y"}}}));
+    EXPECT_TRUE(apps().empty());
+    EXPECT_FALSE(exists());
+    EXPECT_EQ(takeLogLines(), kMalformed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Records, DamagedHandlerFile,
+                         testing::Values("not json", "", "null", "5", "[]", "{}", R"({"node":"c"})",
+                                         R"({"endpoint":"z"})", R"({"node":"","endpoint":"z"})",
+                                         R"({"node":"c","endpoint":""})", R"({"node":null,"endpoint":"z"})",
+                                         R"({"node":"c","endpoint":null})", R"({"node":"c","endp)"));
+
+TEST_F(HandlerFile, StartsAnewAfterADamagedOne) {
+    load(line(appendedRecord("a", "x")) + "damaged\n");
+    ASSERT_FALSE(exists());
+    EXPECT_TRUE(append(appendedRecord("b", "y")));
+    EXPECT_EQ(text(), line(appendedRecord("b", "y")));
+    EXPECT_TRUE(rewrite());
+    EXPECT_EQ(text(), line(rewrittenRecord("a", false, "x")));
+}
+
+TEST_F(HandlerFile, AppendsTheRecordAsItIsWithZeroByteAndNewline) {
+    const std::string record = R"({"node":"a", "endpoint":"x","extra":{"k":[1,2]}})";
+    EXPECT_TRUE(append(record));
+    EXPECT_TRUE(append(appendedRecord("b", "y")));
+    EXPECT_EQ(text(), line(record) + line(appendedRecord("b", "y")));
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(HandlerFile, TurnsLineBreaksOfARecordIntoBlanks) {
+    EXPECT_TRUE(append("{\n  \"node\":\"a\",\r\n  \"endpoint\":\"x\"\n}"));
+    EXPECT_EQ(text(), line(R"({   "node":"a",    "endpoint":"x" })"));
+    session().ReadHandlerFile();
+    EXPECT_EQ(services(), (Table{{"a", {"x"}}}));
+}
+
+TEST_F(HandlerFile, RewritesServicesBeforeApplicationsInTheirOrders) {
+    bool present = false;
+    session().addNodeToMap("b", "two", false, present);
+    session().addNodeToMap("b", "one", false, present);
+    session().addNodeToMap("a", "zelt://com.example.mail/in", false, present);
+    session().addNodeToMap("0", "late", true, present);
+    writeFile(file(), line("what stood there before"));
+    EXPECT_TRUE(rewrite());
+    EXPECT_EQ(text(), line(rewrittenRecord("a", false, R"(zelt:\/\/com.example.mail\/in)")) +
+                          line(rewrittenRecord("b", false, "two")) +
+                          line(rewrittenRecord("b", false, "one")) +
+                          line(rewrittenRecord("0", true, "late")));
+}
+
+TEST_F(HandlerFile, LeavesAnEmptyFileForEmptyTables) {
+    writeFile(file(), line(appendedRecord("a", "x")));
+    EXPECT_TRUE(rewrite());
+    EXPECT_TRUE(exists());
+    EXPECT_EQ(text(), "");
+}
+
+TEST_F(HandlerFile, ReadsBackWhatItWrote) {
+    bool present = false;
+    session().addNodeToMap("/u/r/com/zelt/news", "zelt://com.example.news/item", false, present);
+    session().addNodeToMap("\xc3\xa4", "zelt://x", true, present);
+    const Table wroteServices = services();
+    const Table wroteApps = apps();
+    EXPECT_TRUE(rewrite());
+    restartService();
+    session().ReadHandlerFile();
+    EXPECT_EQ(services(), wroteServices);
+    EXPECT_EQ(apps(), wroteApps);
+}
+
+TEST_F(HandlerFile, LoadsTheLongestRecordAndWhatFollowsIt) {
+    EXPECT_TRUE(append(recordOfLength(4094, "a")));
+    EXPECT_TRUE(append(recordOfLength(4094, "b")));
+    EXPECT_TRUE(append(appendedRecord("c", "z")));
+    EXPECT_EQ(takeLogLines(), Texts{});
+    session().ReadHandlerFile();
+    EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(
+        services(),
+        (Table{{"a", {"zelt://com.example.long/in"}}, {"b", {"zelt://com.example.long/in"}}, {"c", {"z"}}}));
+}
+
+TEST_F(HandlerFile, RefusesALongerRecordAndKeepsTheFile) {
+    EXPECT_TRUE(append(appendedRecord("a", "x")));
+    EXPECT_FALSE(append(recordOfLength(4095, "b")));
+    EXPECT_EQ(text(), line(appendedRecord("a", "x")));
+    EXPECT_EQ(takeLogLines(),
+              Texts{"fitsLine: Handler record of 4095 characters not saved, the limit is 4094. "
+                    "Use a shorter node or endpoint."});
+}
+
+TEST_F(HandlerFile, SplitsALongerRecordThatSomebodyElseWrote) {
+    load(line(appendedRecord("a", "x")) + line(recordOfLength(4095, "b")) + line(appendedRecord("c", "z")));
+    // The record fits the buffer without its zero byte; what is left of its line reads as malformed.
+    EXPECT_EQ(services(), (Table{{"a", {"x"}}, {"b", {"zelt://com.example.long/in"}}}));
+    EXPECT_FALSE(exists());
+    EXPECT_EQ(takeLogLines(), kMalformed);
+}
+
+TEST_F(HandlerFile, LeavesARecordThatGrewTooLongOutOfTheRewrite) {
+    bool present = false;
+    session().addNodeToMap("a", "x", false, present);
+    session().addNodeToMap("b", std::string(4094, 'y'), false, present);
+    session().addNodeToMap("c", "z", true, present);
+    EXPECT_FALSE(rewrite());
+    EXPECT_EQ(text(), line(rewrittenRecord("a", false, "x")) + line(rewrittenRecord("c", true, "z")));
+    EXPECT_EQ(takeLogLines(),
+              Texts{"fitsLine: Handler record of 4139 characters not saved, the limit is 4094. "
+                    "Use a shorter node or endpoint."});
+}
+
+TEST_F(HandlerFile, CreatesItsFolder) {
+    std::filesystem::remove_all(stateFolder());
+    const mode_t mask = umask(0);
+    EXPECT_TRUE(append(appendedRecord("a", "x")));
+    umask(mask);
+    EXPECT_EQ(text(), line(appendedRecord("a", "x")));
+    struct stat folder = {};
+    ASSERT_EQ(stat(stateFolder().c_str(), &folder), 0);
+    EXPECT_EQ(folder.st_mode & 07777, 0744u);
+}
+
+TEST_F(HandlerFile, ReportsAFolderThatCannotBeCreated) {
+    writeFile(stateFolder() / "plain", "");
+    setenv("PUBSUB_STATE_DIR", (stateFolder() / "plain" / "below").c_str(), 1);
+    EXPECT_FALSE(append(appendedRecord("a", "x")));
+    EXPECT_FALSE(rewrite());
+    EXPECT_EQ(takeLog(), (Texts{"Creating /var/pubsub failed", "Creating /var/pubsub failed"}));
+}
+
+TEST_F(HandlerFile, ReportsAFileThatCannotBeOpened) {
+    std::filesystem::create_directory(file());
+    EXPECT_FALSE(append(appendedRecord("a", "x")));
+    EXPECT_FALSE(rewrite());
+    EXPECT_EQ(takeLog(), (Texts{"Cannot open handler file.", "Cannot open handler file."}));
+}
+
+TEST_F(HandlerFile, ReportsADiskThatIsFull) {
+    std::filesystem::create_symlink("/dev/full", file());
+    EXPECT_FALSE(append(appendedRecord("a", "x")));
+    bool present = false;
+    session().addNodeToMap("a", "x", false, present);
+    session().addNodeToMap("b", "y", false, present);
+    EXPECT_FALSE(rewrite());
+    EXPECT_EQ(takeLog(), (Texts{"Cannot write to file.", "Cannot write to file."}));
+    EXPECT_EQ(services().size(), 2u);
+}
