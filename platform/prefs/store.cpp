@@ -1,0 +1,317 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The store of one application over SQLite.
+//
+// The connection stays open over commits, so a commit costs one data sync and no opening. A connection whose
+// transaction cannot be ended, or whose file turns out damaged, is closed; the next use opens and checks it
+// anew.
+#include "platform/prefs/store.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/prefs/qp.h"
+#include "platform/prefs/setaside.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr int kFormat = 1;      // PRAGMA user_version of the files that this source writes
+constexpr int kBusyWait = 250;  // milliseconds: a commit of another process takes a few
+
+constexpr const char* kSettings =
+    "PRAGMA journal_mode=WAL;"
+    "PRAGMA synchronous=FULL;"
+    "PRAGMA wal_autocheckpoint=256;"
+    "PRAGMA journal_size_limit=1048576;"
+    "PRAGMA cache_size=-256;"
+    "PRAGMA trusted_schema=OFF;";
+constexpr const char* kSchema =
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE IF NOT EXISTS prefs(key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL) WITHOUT ROWID;"
+    "PRAGMA user_version=1;"
+    "COMMIT;";
+
+// Resets a prepared statement at the end of its use, so that it holds no lock.
+class Run {
+  public:
+    explicit Run(sqlite3_stmt* statement) : m_statement(statement) {}
+    ~Run() {
+        sqlite3_reset(m_statement);
+        sqlite3_clear_bindings(m_statement);
+    }
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+    void bind(int index, const std::string& text) {
+        sqlite3_bind_text(m_statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+    }
+    int step() { return sqlite3_step(m_statement); }
+    std::string text(int column) const {
+        const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(m_statement, column));
+        return bytes ? std::string(bytes, static_cast<std::size_t>(sqlite3_column_bytes(m_statement, column)))
+                     : "";
+    }
+
+  private:
+    sqlite3_stmt* m_statement;
+};
+
+int toResult(int result) {
+    switch (result & 0xff) {
+        case SQLITE_OK:
+        case SQLITE_ROW:
+        case SQLITE_DONE:
+            return QP_OK;
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+            return QP_BUSY;
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
+        case SQLITE_ERROR:  // our own statements are right: the file has other tables than ours
+            return QP_CORRUPT;
+        case SQLITE_TOOBIG:
+            return QP_BAD_ARGUMENT;
+        default:
+            return QP_IO;
+    }
+}
+
+bool isDiskFull(int result, int systemError) {
+    return (result & 0xff) == SQLITE_FULL || systemError == ENOSPC || systemError == EDQUOT ||
+           systemError == EFBIG;
+}
+
+bool isNoPermission(int result, int systemError) {
+    const int primary = result & 0xff;
+    return primary == SQLITE_READONLY || primary == SQLITE_PERM || systemError == EACCES ||
+           systemError == EPERM || systemError == EROFS || systemError == ENOENT || systemError == ENOTDIR;
+}
+
+std::string advice(int result, int systemError) {
+    const std::string folder = prefsFolder();
+    if (isDiskFull(result, systemError))
+        return "Free some space under " + folder;
+    if (isNoPermission(result, systemError))
+        return "Make " + folder + " a folder that user id " + std::to_string(geteuid()) +
+               " can write to, its files included";
+    if (result == SQLITE_FORMAT)
+        return "Install the newer release again, or move the file away";
+    switch (toResult(result)) {
+        case QP_BUSY:
+            return "Another process holds the file: find out which has it open";
+        case QP_CORRUPT:
+            return "The file is damaged and will be set aside";
+        case QP_BAD_ARGUMENT:
+            return "The value is too long";
+        default:
+            return "Check the disk under " + folder;
+    }
+}
+
+std::string reason(int result, int systemError) {
+    const std::string text = result == SQLITE_FORMAT ? "a newer release wrote it" : sqlite3_errstr(result);
+    return systemError == 0 ? text : text + " (" + strerror(systemError) + ')';
+}
+
+// SQLite keeps the last system error; it belongs to this failure only when this failure is the system's.
+int systemErrorOf(sqlite3* database, int result) {
+    const int primary = result & 0xff;
+    return database && (primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN)
+               ? sqlite3_system_errno(database)
+               : 0;
+}
+
+}  // namespace
+
+PrefsStore::PrefsStore(std::string appId, std::string file)
+    : m_appId(std::move(appId)), m_file(std::move(file)) {}
+
+PrefsStore::~PrefsStore() {
+    close();
+}
+
+int PrefsStore::open() {
+    if (m_database)
+        return QP_OK;
+    int result = tryOpen();
+    if (result == QP_CORRUPT && !setDamagedFileAside(m_appId, m_file).empty())
+        result = tryOpen();
+    return result;
+}
+
+void PrefsStore::close() {
+    for (sqlite3_stmt** statement : {&m_read, &m_keys, &m_set, &m_remove})
+        sqlite3_finalize(std::exchange(*statement, nullptr));
+    sqlite3_close(std::exchange(m_database, nullptr));
+}
+
+int PrefsStore::tryOpen() {
+    if (const int result = createFile())
+        return result;
+    int result =
+        sqlite3_open_v2(m_file.c_str(), &m_database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (result == SQLITE_OK) {
+        sqlite3_extended_result_codes(m_database, 1);
+        sqlite3_busy_timeout(m_database, kBusyWait);
+        result = execute(kSettings);
+    }
+    if (result == SQLITE_OK)
+        result = quickCheck();
+    if (result == SQLITE_OK)
+        result = checkVersion();
+    if (result == SQLITE_OK)
+        result = prepareStatements();
+    if (result == SQLITE_OK)
+        return QP_OK;
+    const int failed = failure("open", result);
+    close();
+    return failed;
+}
+
+// Made here rather than by SQLite so that nobody else can read it; SQLite gives the -wal and -shm files its
+// mode.
+int PrefsStore::createFile() {
+    int descriptor = ::open(m_file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor < 0 && errno == ENOENT) {
+        makePrefsFolder(m_file.substr(0, m_file.rfind('/')));
+        descriptor = ::open(m_file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    }
+    if (descriptor >= 0) {
+        ::close(descriptor);
+        return QP_OK;
+    }
+    const int systemError = errno;
+    PrvPrintErr("open", __LINE__, "Preferences of %s: cannot open %s: %s. %s", m_appId.c_str(),
+                m_file.c_str(), strerror(systemError), advice(SQLITE_IOERR, systemError).c_str());
+    return QP_IO;
+}
+
+int PrefsStore::quickCheck() {
+    sqlite3_stmt* statement = nullptr;
+    int result = sqlite3_prepare_v2(m_database, "PRAGMA quick_check(1)", -1, &statement, nullptr);
+    if (result == SQLITE_OK) {
+        Run check(statement);
+        result = check.step();
+        if (result == SQLITE_ROW)
+            result = check.text(0) == "ok" ? SQLITE_OK : SQLITE_CORRUPT;
+    }
+    sqlite3_finalize(statement);
+    return result;
+}
+
+int PrefsStore::checkVersion() {
+    sqlite3_stmt* statement = nullptr;
+    int format = 0;
+    int result = sqlite3_prepare_v2(m_database, "PRAGMA user_version", -1, &statement, nullptr);
+    if (result == SQLITE_OK && (result = sqlite3_step(statement)) == SQLITE_ROW) {
+        format = sqlite3_column_int(statement, 0);
+        result = SQLITE_OK;
+    }
+    sqlite3_finalize(statement);
+    if (result != SQLITE_OK || format == kFormat)
+        return result;
+    return format == 0 ? execute(kSchema) : SQLITE_FORMAT;
+}
+
+int PrefsStore::prepareStatements() {
+    const std::pair<sqlite3_stmt**, const char*> statements[] = {
+        {&m_read, "SELECT value FROM prefs WHERE key=?1"},
+        {&m_keys, "SELECT key FROM prefs"},
+        {&m_set, "INSERT INTO prefs VALUES(?1,?2) ON CONFLICT(key) DO UPDATE SET value=excluded.value"},
+        {&m_remove, "DELETE FROM prefs WHERE key=?1"}};
+    for (const auto& [statement, sql] : statements)
+        if (const int result =
+                sqlite3_prepare_v3(m_database, sql, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr))
+            return result;
+    return SQLITE_OK;
+}
+
+int PrefsStore::read(const std::string& key, std::string& value) {
+    if (const int result = open())
+        return result;
+    int result;
+    {
+        Run read(m_read);
+        read.bind(1, key);
+        result = read.step();
+        if (result == SQLITE_ROW)
+            value = read.text(0);
+    }
+    if (result == SQLITE_DONE)
+        return QP_NOT_FOUND;
+    return result == SQLITE_ROW ? QP_OK : failure("read", result);
+}
+
+int PrefsStore::readKeys(std::set<std::string>& keys) {
+    if (const int result = open())
+        return result;
+    int result;
+    {
+        Run list(m_keys);
+        while ((result = list.step()) == SQLITE_ROW)
+            keys.insert(list.text(0));
+    }
+    return result == SQLITE_DONE ? QP_OK : failure("list", result);
+}
+
+int PrefsStore::commit(const PrefsWrites& writes) {
+    PrefsWrites changes;
+    if (const int result = differing(writes, changes); result != QP_OK || changes.empty())
+        return result;
+    const int result = writeAll(changes);
+    if (result == SQLITE_OK)
+        return QP_OK;
+    const int failed = failure("commit", result);
+    if (m_database && !sqlite3_get_autocommit(m_database) && execute("ROLLBACK") != SQLITE_OK)
+        close();
+    return failed;
+}
+
+// A write equal to what is stored is no change: writing it would cost a sync for nothing.
+int PrefsStore::differing(const PrefsWrites& writes, PrefsWrites& changes) {
+    for (const auto& [key, value] : writes) {
+        std::string stored;
+        const int result = read(key, stored);
+        if (result != QP_OK && result != QP_NOT_FOUND)
+            return result;
+        const bool equal = result == QP_OK ? value == stored : !value;
+        if (!equal)
+            changes[key] = value;
+    }
+    return QP_OK;
+}
+
+int PrefsStore::writeAll(const PrefsWrites& changes) {
+    int result = execute("BEGIN IMMEDIATE");
+    for (auto change = changes.begin(); result == SQLITE_OK && change != changes.end(); ++change)
+        result = write(change->first, change->second);
+    return result == SQLITE_OK ? execute("COMMIT") : result;
+}
+
+int PrefsStore::write(const std::string& key, const std::optional<std::string>& value) {
+    Run run(value ? m_set : m_remove);
+    run.bind(1, key);
+    if (value)
+        run.bind(2, *value);
+    const int result = run.step();
+    return result == SQLITE_DONE ? SQLITE_OK : result;
+}
+
+int PrefsStore::execute(const char* sql) {
+    return sqlite3_exec(m_database, sql, nullptr, nullptr, nullptr);
+}
+
+int PrefsStore::failure(const char* doing, int result) {
+    const int systemError = systemErrorOf(m_database, result);
+    PrvPrintErr(doing, __LINE__, "Preferences of %s: cannot %s %s: %s. %s", m_appId.c_str(), doing,
+                m_file.c_str(), reason(result, systemError).c_str(), advice(result, systemError).c_str());
+    const int failed = toResult(result);
+    if (failed == QP_CORRUPT)
+        close();
+    return failed;
+}

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The store of one application: one SQLite database in write-ahead logging, open for the time of the process.
+//
+// State on disk: FOLDER/ID.db with its -wal and -shm files, table prefs(key, value). A commit is one
+// transaction and one data sync; what it acknowledged survives a kill and a power cut. Results are those of
+// QPResult; a function that fails has logged what to do.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+// Buffered writes by key; without a value the key is removed.
+using PrefsWrites = std::map<std::string, std::optional<std::string>>;
+
+class PrefsStore {
+  public:
+    PrefsStore(std::string appId, std::string file);
+    ~PrefsStore();
+    PrefsStore(const PrefsStore&) = delete;
+    PrefsStore& operator=(const PrefsStore&) = delete;
+
+    // Opens the database unless it is open; a damaged one is set aside and a fresh one made.
+    int open();
+    // QP_NOT_FOUND when the key is not there.
+    int read(const std::string& key, std::string& value);
+    int readKeys(std::set<std::string>& keys);
+    // Writes all of it or nothing. What equals the stored value is left alone and costs no sync.
+    int commit(const PrefsWrites& writes);
+    // The next use opens the database anew.
+    void close();
+
+  private:
+    int tryOpen();
+    int createFile();
+    int checkVersion();
+    int quickCheck();
+    int prepareStatements();
+    int differing(const PrefsWrites& writes, PrefsWrites& changes);
+    int writeAll(const PrefsWrites& changes);
+    int write(const std::string& key, const std::optional<std::string>& value);
+    int execute(const char* sql);
+    int failure(const char* doing, int result);
+
+    std::string m_appId;
+    std::string m_file;
+    sqlite3* m_database = nullptr;
+    sqlite3_stmt* m_read = nullptr;
+    sqlite3_stmt* m_keys = nullptr;
+    sqlite3_stmt* m_set = nullptr;
+    sqlite3_stmt* m_remove = nullptr;
+};
+
+// Whether an application id can be a file name: letters, digits, '.', '_' and '-', no '.' in front, 1 to 200
+// bytes.
+bool isPrefsAppId(const char* appId);
+// ZELT_PREFS_DIR, or /var/lib/zelt/prefs.
+std::string prefsFolder();
+// Makes the folder, for its owner alone, and what is missing above it. What cannot be made shows when a file
+// in it cannot be opened.
+void makePrefsFolder(const std::string& folder);
+// The store of an application, made at its first use and kept for the process.
+PrefsStore& prefsStoreOf(const std::string& appId);
+// Closes every database, as the end of the process does. Handles stay good: their next use opens it anew.
+void closePrefsStores();

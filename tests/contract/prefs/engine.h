@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What the contract of the preferences store needs of an engine besides the QP calls themselves.
+#pragma once
+
+#include <memory>
+
+// Begins with an empty store; nothing of it is left behind.
+class PrefsEngine {
+  public:
+    virtual ~PrefsEngine() = default;
+    // The process ends without freeing its handles, and another one begins.
+    virtual void restart() = 0;
+};
+
+std::unique_ptr<PrefsEngine> makePrefsEngine();
