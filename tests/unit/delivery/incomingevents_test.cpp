@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Messages that are not as expected, and the events that are not items: what is left of them, and who hears
+// of them.
+#include <gloox/message.h>
+#include <gloox/stanzaextension.h>
+
+#include <memory>
+#include <utility>
+
+#include "tests/unit/delivery/incomingtest.h"
+#include "xmpp/manager.h"
+
+// --- malformed and foreign items
+
+class MalformedItems : public Incoming, public testing::WithParamInterface<const char*> {};
+
+TEST_P(MalformedItems, AreDroppedWithoutAnAcknowledgement) {
+    registerService("zelt://com.example.one/item");
+    pushEvent(GetParam());
+    EXPECT_EQ(takeEvents(), Texts{kPing});
+    EXPECT_EQ(takeLogLines(),
+              Texts{"handleIncomingItem: Malformed items packet? Item will not be delivered"});
+    EXPECT_TRUE(session().m_activateMap.empty());
+    expectNothingKept();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, MalformedItems,
+    testing::Values("<items/>", "<items node='n'/>", "<items node='n'><item/></items>",
+                    "<items node='n'><item id='i' seqNo='1'/></items>",
+                    "<items node='n'><item id='i' seqNo='1'>text</item></items>",
+                    "<items node='n'><item id='i' seqNo='1'><other/></item></items>",
+                    "<items node='n'><retract id='i'/></items>",
+                    "<items node='n'><payload>x</payload></items>",
+                    // The first item counts, whatever the second has.
+                    "<items node='n'><item/><item id='i'><payload>x</payload></item></items>"));
+
+TEST_F(Incoming, ItemWithoutANodeIsNeitherKeptNorAcknowledged) {
+    pushEvent("<items><item id='i1' seqNo='1'><payload>x</payload></item></items>");
+    EXPECT_EQ(takeEvents(), Texts{kPing});
+    EXPECT_EQ(takeLogLines(), Texts{"saveItemInCache: Invalid node or payload  "});
+    expectNothingKept();
+}
+
+TEST_F(Incoming, ItemWithoutAnIdIsAcknowledgedByItsEmptyId) {
+    pushEvent("<items node='" + kNode + "'><item seqNo='7'><payload>x</payload></item></items>");
+    EXPECT_EQ(takeEvents(), join({{kPing}, persisted("7"), {ack("")}}));
+}
+
+TEST_F(Incoming, MessageWithoutAnythingKnownOnlyMovesThePing) {
+    push("<body>hello</body>", "type='chat'");
+    push("");
+    push("<event xmlns='urn:other'><items node='n'/></event>");
+    push("<x xmlns='urn:other' type='form'/>");
+    pushEvent("");
+    pushEvent("<purge node='n'/><delete node='n'/><configuration/>");
+    EXPECT_EQ(takeEvents(), Texts(6, kPing));
+    EXPECT_EQ(takeLogLines(), Texts{});
+    expectNothingKept();
+}
+
+TEST_F(Incoming, EventComesBeforeAForm) {
+    push("<x xmlns='jabber:x:data' type='form'/><event xmlns='http://jabber.org/protocol/pubsub#event'/>");
+    EXPECT_EQ(takeEvents(), Texts{kPing});
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(Incoming, EventsOfStrangersAreNotHeard) {
+    serverSends(
+        "<message from='mallory@example.org/x' to='u1234@example.org/dev42'><event "
+        "xmlns='http://jabber.org/protocol/pubsub#event'><items node='" +
+        kNode + "'><item id='i' seqNo='99'><payload>x</payload></item></items></event></message>");
+    EXPECT_EQ(takeEvents(), Texts{});
+    expectNothingKept();
+}
+
+TEST_F(Incoming, ItemIsHandledWithoutAManager) {
+    session().dropClient();
+    delete std::exchange(session().m_pubsub, nullptr);
+    gloox::Tag items("items");
+    items.addAttribute("node", kNode);
+    gloox::Tag* item = new gloox::Tag(&items, "item");
+    item->addAttribute("id", "i1");
+    item->addAttribute("seqNo", "7");
+    new gloox::Tag(item, "payload", "hello");
+    session().handleIncomingItem(items);
+    EXPECT_EQ(takeEvents(), persisted("7"));
+    EXPECT_EQ(cached(), appObject("hello"));
+}
+
+// --- messages that did not come the short way
+
+namespace {
+
+// An extension of a message that prints the given element.
+class RawExtension : public gloox::StanzaExtension {
+  public:
+    explicit RawExtension(const gloox::Tag& tag) : StanzaExtension(gloox::ExtUser + 77), m_tag(tag.clone()) {}
+    const std::string& filterString() const override { return gloox::EmptyString; }
+    gloox::StanzaExtension* newInstance(const gloox::Tag*) const override { return nullptr; }
+    gloox::Tag* tag() const override { return m_tag->clone(); }
+    gloox::StanzaExtension* clone() const override { return new RawExtension(*m_tag); }
+
+  private:
+    std::unique_ptr<gloox::Tag> m_tag;
+};
+
+}  // namespace
+
+TEST_F(Incoming, PlainMessageIsReadFromItsXml) {
+    gloox::Tag event("event", "xmlns", "http://jabber.org/protocol/pubsub#event");
+    auto* subscription = new gloox::Tag(&event, "subscription");
+    subscription->addAttribute("node", "n");
+    gloox::Message message(gloox::Message::Headline, gloox::JID(kFullJid));
+    message.addExtension(new RawExtension(event));
+    session().handleMessage(message);
+    EXPECT_EQ(takeLogLines(),
+              Texts{"pushSubscription: Warning: Sending item failed, no subscriber for Node? Bus error " +
+                    std::string("no subscriber under n ")});
+}
+
+TEST_F(Incoming, PlainMessageWithABodyIsIgnored) {
+    session().handleMessage(gloox::Message(gloox::Message::Chat, gloox::JID(kFullJid), "hello"));
+    EXPECT_EQ(takeEvents(), Texts{kPing});
+}
+
+// --- subscriptions and authorisation
+
+class PushedToSubscribers : public Incoming {
+  protected:
+    FakeMessage* listen(QSHandle* handle, const std::string& key) {
+        FakeMessage* message = fakeBus().request(handle, "subscribeNodeAuth", "{}");
+        EXPECT_TRUE(QSSubscriptionAdd(handle, key.c_str(), message, nullptr));
+        QSMessageUnref(message);
+        journal().take();
+        return message;
+    }
+    // A field of a form.
+    static std::string field(const std::string& var, const std::string& value) {
+        return "<field var='" + var + "'><value>" + value + "</value></field>";
+    }
+    void pushForm(const std::string& fields, const std::string& attributes = "type='form'") {
+        push("<x xmlns='jabber:x:data' " + attributes + ">" + fields + "</x>", "id='auth-7'");
+    }
+};
+
+TEST_F(PushedToSubscribers, ChangeOfASubscriptionReachesTheSubscribersOfItsNode) {
+    FakeMessage* listener = listen(privateHandle(), "/n");
+    pushEvent("<subscription node='/n' jid='a@b/c' subscription='subscribed'/>");
+    const std::string object = R"({ "node": "\/n", "jid": "a@b\/c", "subscription": "subscribed" })";
+    EXPECT_EQ(takeEvents(), (Texts{kPing, "bus.push /n " + object}));
+    EXPECT_EQ(listener->answers, Texts{object});
+    EXPECT_TRUE(listener->kept());
+}
+
+TEST_F(PushedToSubscribers, ChangeOfASubscriptionThatNobodyFollowsIsLogged) {
+    fakeBus().failNext("QSSubscriptionRespond", -2, "nobody");
+    pushEvent("<subscription/>");
+    EXPECT_EQ(
+        takeLogLines(),
+        Texts{"pushSubscription: Warning: Sending item failed, no subscriber for Node? Bus error nobody "});
+}
+
+TEST_F(PushedToSubscribers, RequestForApprovalReachesItsNodeAndTheListenersOfAllNodes) {
+    FakeMessage* own = listen(privateHandle(), "handleAuth:/n");
+    FakeMessage* all = listen(privateHandle(), "handleAuth:*");
+    pushForm(field("FORM_TYPE", "http://jabber.org/protocol/pubsub#subscribe_authorization") +
+             field("pubsub#subid", "s1") + field("pubsub#node", "/n") + field("pusub#subscriber_jid", "a@b") +
+             field("pubsub#subscriber_jid", "not read") + field("pubsub#allow", "false"));
+    const std::string object = R"({ "subid": "s1", "node": "\/n", "subscriber_jid": "a@b", "id": "auth-7" })";
+    EXPECT_EQ(takeEvents(),
+              (Texts{kPing, "bus.push handleAuth:/n " + object, "bus.push handleAuth:* " + object}));
+    EXPECT_EQ(own->answers, Texts{object});
+    EXPECT_EQ(all->answers, Texts{object});
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(PushedToSubscribers, RequestForApprovalThatNobodyHearsIsLoggedForBothKeys) {
+    fakeBus().failNext("QSSubscriptionRespond", -2, "nobody", 2);
+    pushForm(field("pubsub#node", "/n"));
+    EXPECT_EQ(takeLogLines(),
+              (Texts{"pushAuthorisation: Warning: No one approve message? Quor error nobody ",
+                     "pushAuthorisation: Warning: No one approve message? Quor error nobody "}));
+}
+
+TEST_F(PushedToSubscribers, FieldsThatTheFormLacksAreEmpty) {
+    FakeMessage* all = listen(privateHandle(), "handleAuth:*");
+    pushForm("<field var='pubsub#node'/><field/><other var='pubsub#subid'><value>s</value></other>text");
+    EXPECT_EQ(all->answers, Texts{R"({ "subid": "", "node": "", "subscriber_jid": "", "id": "auth-7" })"});
+}
+
+TEST_F(PushedToSubscribers, DataThatIsNoFormIsLogged) {
+    pushForm(field("pubsub#node", "/n"), "type='submit'");
+    pushForm("", "");
+    EXPECT_EQ(takeEvents(), (Texts{kPing, kPing}));
+    EXPECT_EQ(
+        takeLogLines(),
+        (Texts{"handleMessage: Warning: We have x-data that is not a form <x xmlns='jabber:x:data' "
+               "type='submit'><field var='pubsub#node'><value>/n</value></field></x>",
+               "handleMessage: Warning: We have x-data that is not a form <x xmlns='jabber:x:data'/>"}));
+}
