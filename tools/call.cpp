@@ -36,7 +36,7 @@ static Reply place(BusClient& client, const Invocation& invocation, const std::s
         return console.line(console.json() ? oneLine(answer.payload) : answer.payload);
     };
     if (invocation.has("no-reply"))
-        return client.send(uri, payload);
+        return client.send(uri, payload, invocation.timeoutSeconds);
     if (invocation.has("follow"))
         return client.follow(uri, payload, {.firstSeconds = invocation.timeoutSeconds}, show);
     Reply reply = client.call(uri, payload, invocation.timeoutSeconds);

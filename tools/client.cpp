@@ -9,6 +9,8 @@
 #include "platform/bus/qsraii.h"
 #include "tools/json.h"
 
+static constexpr char kNoMethod[] = "isAnybodyThere";
+
 std::string methodUri(const std::string& method) {
     if (method.find("://") != std::string::npos)
         return method;
@@ -67,13 +69,13 @@ static Reply refusedCall(const std::string& uri, const BusError& error) {
     return {code, "", "cannot call " + uri + ": " + error.message()};
 }
 
-BusClient::BusClient() : m_loop(g_main_loop_new(nullptr, FALSE)) {}
+BusClient::BusClient() : m_alive(g_main_loop_new(nullptr, TRUE)) {}
 
 BusClient::~BusClient() {
     BusError error;
     if (m_handle)
         QSUnregister(m_handle, error);
-    g_main_loop_unref(m_loop);
+    g_main_loop_unref(m_alive);
 }
 
 bool BusClient::connect(QSBus bus, const char* name, std::string& problem) {
@@ -95,7 +97,7 @@ bool BusClient::serve(const QSMethod* methods, void* context, std::string& probl
 
 bool BusClient::attach(std::string& problem) {
     BusError error;
-    if (QSGmainAttach(m_handle, m_loop, error))
+    if (QSGmainAttach(m_handle, m_alive, error))
         return true;
     problem = error.message();
     return false;
@@ -110,11 +112,15 @@ Reply BusClient::call(const std::string& uri, const std::string& payload, unsign
     return finish(exchange, uri, payload);
 }
 
-Reply BusClient::send(const std::string& uri, const std::string& payload) {
+Reply BusClient::send(const std::string& uri, const std::string& payload, unsigned timeoutSeconds) {
     BusError error;
     if (!QSCall(m_handle, uri.c_str(), payload.c_str(), nullptr, nullptr, nullptr, error))
         return refusedCall(uri, error);
-    return {Exit::Ok, "", ""};
+    // A service asks the bus who a new caller is before it hears it. One that has left by then is never
+    // heard, so this waits for the answer to a second call: an error, since there is no such method, but a
+    // later one.
+    Reply proof = call("zelt://" + serviceOf(uri) + "/" + kNoMethod, "{}", timeoutSeconds);
+    return proof.exit == Exit::Refused ? Reply{Exit::Ok, "", ""} : proof;
 }
 
 Reply BusClient::follow(const std::string& uri, const std::string& payload, Wait wait,
@@ -165,14 +171,14 @@ Reply BusClient::finish(Exchange& exchange, const std::string& uri, const std::s
 }
 
 bool BusClient::run() {
-    if (!m_quit)
-        g_main_loop_run(m_loop);
-    return std::exchange(m_quit, false);
+    while (!m_quit && g_main_loop_is_running(m_alive))
+        g_main_context_iteration(nullptr, TRUE);
+    m_quit = false;
+    return g_main_loop_is_running(m_alive);
 }
 
 void BusClient::quit() {
     m_quit = true;
-    g_main_loop_quit(m_loop);
 }
 
 bool BusClient::onServerStatus(QSHandle*, QSMessage* message, void* context) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// One connection to one bus and the loop that it runs on: calls that wait for one answer or for many. Nothing
-// outlives the object.
+// One connection to one bus, served on the default main context: calls that wait for one answer or for many.
+// Nothing outlives the object.
 #pragma once
 
 #include <functional>
@@ -33,8 +33,8 @@ class BusClient {
     // Calls and waits for the first answer.
     Reply call(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
 
-    // Sends a call that nobody answers. It is on its way at the latest when the client is gone.
-    Reply send(const std::string& uri, const std::string& payload);
+    // Sends a call that nobody answers, and waits until the service has it.
+    Reply send(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
 
     using OnAnswer = std::function<bool(const Reply&)>;  // false ends the wait
     struct Wait {
@@ -60,7 +60,9 @@ class BusClient {
     static bool onServerStatus(QSHandle* handle, QSMessage* message, void* context);
     Reply finish(Exchange& exchange, const std::string& uri, const std::string& payload);
 
-    GMainLoop* m_loop;
+    // Never run as a loop: the bus library quits it when the connection is lost, and so it tells that for
+    // good.
+    GMainLoop* m_alive;
     QSHandle* m_handle = nullptr;
     bool m_quit = false;  // an end that was asked for, not the loss of the bus
     OnPresence m_onPresence;

@@ -124,6 +124,7 @@ Exit ItemHandler::run(unsigned count, unsigned seconds) {
     if (!open(reply))
         return m_console.finish(reply, "");
     startSources(seconds);
+    m_client.watch(kService, [this](bool there) { tellPresence(there); });
     reply = m_client.call(methodUri("registerItemCallback"), registration(false), m_timeout);
     if (reply.exit != Exit::Ok && !m_leaving) {
         m_console.complain(reply.problem);
@@ -137,7 +138,6 @@ Exit ItemHandler::run(unsigned count, unsigned seconds) {
 }
 
 Exit ItemHandler::receive() {
-    m_client.watch(kService, [this](bool there) { tellPresence(there); });
     while (!m_leaving) {
         if (!m_client.run()) {
             m_console.complain(lostBus().problem);
