@@ -53,20 +53,19 @@ stage_stop() {
 
 # A D-Bus daemon of this folder: stage_bus DIR private|public
 stage_bus() {
-    local dir=$1 bus=$2 socket=$1/run/$2_bus
+    local dir=$1 bus=$2 sockets=$1/run extra=
     # A socket's path holds at most 107 bytes; a deeper folder gets its sockets in the temporary folder.
-    if ((${#socket} > 100)); then
-        local short
-        short=$(mktemp -d "${TMPDIR:-/tmp}/pubsub-XXXXXX")
-        echo "$short" >>"$dir/run/short-folders"
-        socket=$short/$bus
+    if ((${#sockets} > 90)); then
+        sockets=$(mktemp -d "${TMPDIR:-/tmp}/pubsub-XXXXXX")
+        echo "$sockets" >>"$dir/run/short-folders"
     fi
-    sed -e "s#@SOCKET@#$socket#g" -e "s#@SERVICES@#$dir/run/dbus-services#g" \
+    [[ $bus == private ]] && extra="<servicedir>$dir/run/dbus-services</servicedir>"
+    sed -e "s#@DIR@#$sockets#g" -e "s#@BUS@#$bus#g" -e "s#@EXTRA@#$extra#g" \
         "$STAGE_ROOT/packaging/dbus/zelt-dev.conf.in" >"$dir/run/$bus.conf"
-    rm -f "$socket"
+    rm -f "$sockets/${bus}_bus"
     stage_start "$dir" "$bus-bus" dbus-daemon --config-file="$dir/run/$bus.conf" --nofork --nopidfile --nosyslog
-    stage_wait 10 "the $bus bus to listen" test -S "$socket" || return 1
-    echo "unix:path=$socket" >"$dir/run/$bus.address"
+    stage_wait 10 "the $bus bus to listen" test -S "$sockets/${bus}_bus" || return 1
+    echo "unix:path=$sockets/${bus}_bus" >"$dir/run/$bus.address"
 }
 
 stage_processes=(service host public-bus private-bus)

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Receives item deliveries and prints the monotonic time at which the given count was reached: item_sink
+// COUNT... (one line for each count, counting from the line before).
+#include <ctime>
+
+#include "bench/busclient.h"
+
+static long gReceived = 0;
+
+static int onItem(sd_bus_message*, void*, sd_bus_error*) {
+    ++gReceived;
+    return 1;
+}
+
+static const sd_bus_vtable kTable[] = {SD_BUS_VTABLE_START(0),
+                                       SD_BUS_METHOD("item", "s", "s", onItem, SD_BUS_VTABLE_UNPRIVILEGED),
+                                       SD_BUS_VTABLE_END};
+
+int main(int argc, char** argv) {
+    sd_bus* bus = bench::connect("com.zelt.bench.sink");
+    bench::check(sd_bus_add_object_vtable(bus, nullptr, "/", "com.zelt.bench.sink", kTable, nullptr),
+                 "table");
+    std::puts("ready");
+    std::fflush(stdout);
+    for (int i = 1; i < argc; ++i) {
+        const long goal = gReceived + std::atol(argv[i]);
+        while (gReceived < goal) {
+            const int result = sd_bus_process(bus, nullptr);
+            bench::check(result, "processing");
+            if (result == 0)
+                bench::check(sd_bus_wait(bus, UINT64_MAX), "waiting");
+        }
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        std::printf("%lld.%09ld\n", static_cast<long long>(now.tv_sec), now.tv_nsec);
+        std::fflush(stdout);
+    }
+}

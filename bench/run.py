@@ -1,0 +1,236 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-only
+"""Measures the request road, the item road and the service at rest, each beside a reference of the same run."""
+
+import argparse
+import os
+import pathlib
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+from item_server import ItemServer  # noqa: E402
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BIN = ROOT / "build" / os.environ.get("PUBSUB_PRESET", "release") / "bin"
+NODE = "/bench/node"
+PAYLOAD = "x" * 100
+
+
+def wait_until(condition, what, seconds=20):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            sys.exit(f"not within {seconds} s: {what}")
+        time.sleep(0.02)
+
+
+class Table:
+    """Rows of figure, reference, ratio and the bound that the ratio is held to."""
+
+    def __init__(self):
+        self.rows = []
+
+    def add(self, what, value, unit, reference, reference_value, at_least=None, at_most=None):
+        ratio = value / reference_value if reference_value else float("nan")
+        bound = f">= {at_least}" if at_least else f"<= {at_most}"
+        kept = ratio >= at_least if at_least else ratio <= at_most
+        self.rows.append((what, f"{value:,.1f} {unit}", f"{reference}: {reference_value:,.1f}", f"{ratio:.2f}",
+                          bound, "kept" if kept else "MISSED"))
+
+    def add_plain(self, what, value, bound, kept):
+        self.rows.append((what, value, "", "", bound, "kept" if kept else "MISSED"))
+
+    def show(self):
+        print("| Figure | Measured | Reference of the same run | Ratio | Bound | |\n|---|---|---|---|---|---|")
+        for row in self.rows:
+            print("| " + " | ".join(row) + " |")
+
+    def all_kept(self):
+        return all(row[-1] == "kept" for row in self.rows)
+
+
+class Device:
+    """A private and a public bus, the host services, the service, and the scripted server, in one folder."""
+
+    def __init__(self, folder):
+        self.folder = pathlib.Path(folder)
+        self.processes = []
+        self.server = ItemServer()
+        for name in ("state/cache", "prefs", "host"):
+            (self.folder / name).mkdir(parents=True)
+        (self.folder / "prefs").chmod(0o700)
+        (self.folder / "host" / "host.conf").write_text("[network]\nloopback-is-internet=true\n")
+        credentials = self.folder / "state" / "pubsub.conf"
+        credentials.write_text("\n".join(
+            ["device@localhost", "secret", "127.0.0.1", str(self.server.port), "pubsub.localhost", "bench"]) + "\n")
+        (self.folder / "state" / "pubsubhandlers.conf").write_bytes(
+            f'{{"node":"{NODE}","endpoint":"zelt://com.zelt.bench.sink/item","app":false}}\0\n'.encode())
+        self.environment = dict(
+            os.environ, xmpp_config="plain", PUBSUB_STATE_DIR=str(self.folder / "state"),
+            PUBSUB_CA_FILE="/dev/null", ZELT_PREFS_DIR=str(self.folder / "prefs"),
+            ZELT_HOST_STATE_DIR=str(self.folder / "host"), ZELT_HOST_CONF=str(self.folder / "host" / "host.conf"))
+        for bus in ("private", "public"):
+            self._start_bus(bus)
+
+    def _start_bus(self, bus):
+        template = (ROOT / "packaging" / "dbus" / "zelt-dev.conf.in").read_text()
+        socket = self.folder / f"{bus}_bus"
+        config = self.folder / f"{bus}.conf"
+        config.write_text(
+            template.replace("@DIR@", str(self.folder)).replace("@BUS@", bus).replace("@EXTRA@", ""))
+        self.start(f"{bus}-bus", "dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog")
+        wait_until(socket.exists, f"the {bus} bus")
+        self.environment[f"ZELT_{bus.upper()}_BUS"] = f"unix:path={socket}"
+
+    def start(self, name, *command, ready=False):
+        log = open(self.folder / f"{name}.log", "ab")
+        process = subprocess.Popen([str(part) for part in command], env=self.environment, stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE if ready else log, stderr=log, text=ready)
+        self.processes.append(process)
+        if ready and process.stdout.readline().strip() != "ready":
+            sys.exit(f"{name} did not start")
+        return process
+
+    def connect_service(self):
+        self.start("host", BIN / "zelt-host")
+        service = self.start("service", BIN / "pubsubservice")
+        self.server.login()
+        return service
+
+    def output(self, *command):
+        return subprocess.run([str(part) for part in command], env=self.environment, check=True,
+                              capture_output=True, text=True).stdout
+
+    def close(self):
+        for process in reversed(self.processes):
+            process.kill()
+            process.wait()
+
+
+def load(device, service, pid, in_flight, calls):
+    words = device.output(BIN / "bench_load", service, "getJabberId", str(pid), str(in_flight), str(calls)).split()
+    return float(words[0]), float(words[1])
+
+
+def request_road(device, service, table, scale):
+    echo = device.start("echo", BIN / "bench_echo", ready=True)
+    for in_flight, calls in ((1, 20000 // scale), (64, 100000 // scale)):
+        pairs = []
+        for _ in range(5):  # in turns, so that both see the same neighbours on the machine
+            pairs.append((load(device, "com.zelt.pubsubservice", service.pid, in_flight, calls),
+                          load(device, "com.zelt.bench.echo", echo.pid, in_flight, calls)))
+        rate, cpu = (statistics.median(ours[i] for ours, _ in pairs) for i in (0, 1))
+        echo_rate, echo_cpu = (statistics.median(theirs[i] for _, theirs in pairs) for i in (0, 1))
+        table.add(f"getJabberId, {in_flight} in flight", rate, "calls/s", "sd-bus echo", echo_rate, at_least=0.9)
+        table.add(f"CPU a call, {in_flight} in flight", cpu, "us", "sd-bus echo", echo_cpu, at_most=1.25)
+
+
+def append_and_sync(folder, count):
+    """Appended records with fdatasync a second."""
+    path = pathlib.Path(folder) / "append"
+    record = b'{ "seqNo": "1234567890123456" }' + b" " * 97
+    descriptor = os.open(path, os.O_CREAT | os.O_WRONLY | os.O_APPEND, 0o600)
+    start = time.monotonic()
+    for _ in range(count):
+        os.write(descriptor, record)
+        os.fdatasync(descriptor)
+    seconds = time.monotonic() - start
+    os.close(descriptor)
+    return count / seconds
+
+
+def item_road(device, table, where, count, compare_with_sync):
+    rates, parts, syncs, number = [], [], [], 1
+    for _ in range(3):
+        sink = device.start("sink", BIN / "bench_sink", str(count), ready=True)
+        start, _ = device.server.push(NODE, number, count, PAYLOAD)
+        number += count
+        end = float(sink.stdout.readline())
+        rates.append(count / (end - start))
+        sink.wait()
+        sink = device.start("sink", BIN / "bench_sink", str(count), ready=True)
+        alone = device.output(BIN / "bench_parts", str(count), NODE, PAYLOAD)
+        sink.kill()
+        parts.append({line.split()[0]: float(line.split()[1]) for line in alone.splitlines()})
+        if compare_with_sync:
+            syncs.append(append_and_sync(device.folder, count))
+    rate = statistics.median(rates)
+    total = statistics.median(sum(part.values()) for part in parts)
+    table.add(f"items to the handler, store on {where}", rate, "items/s", "sum of the parts", 1e6 / total,
+              at_least=0.8)
+    print(f"parts on {where}, us an item: " +
+          ", ".join(f"{name} {statistics.median(part[name] for part in parts):.1f}" for name in parts[0]), flush=True)
+    if compare_with_sync:
+        table.add(f"items to the handler, store on {where}", rate, "items/s", "append + fdatasync",
+                  statistics.median(syncs), at_least=0.9)
+
+
+def switches(pid):
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        return sum(int(line.split()[1]) for line in status if "ctxt_switches" in line)
+
+
+def rest(service, table, seconds):
+    pid = service.pid
+    wait_until(lambda: len(os.listdir(f"/proc/{pid}/task")) == 1, "one thread alone", 60)
+    time.sleep(1)  # what was under way when the load ended is not rest
+    before = switches(pid)
+    calls = None
+    if shutil.which("strace"):
+        traced = subprocess.run(["timeout", "--signal=INT", str(seconds), "strace", "-f", "-p", str(pid)],
+                                capture_output=True, text=True, check=False).stderr
+        calls = sum(1 for line in traced.splitlines() if "(" in line and "strace:" not in line) - 1
+    else:
+        time.sleep(seconds)
+    woken = switches(pid) - before - (2 if calls is not None else 0)  # attaching and detaching stop it once each
+    table.add_plain(f"context switches in {seconds} s at rest", str(max(woken, 0)), "0", woken <= 0 or calls == 0)
+    if calls is not None:
+        table.add_plain(f"system calls in {seconds} s at rest", str(max(calls, 0)), "0", calls <= 0)
+    threads = len(os.listdir(f"/proc/{pid}/task"))
+    table.add_plain("threads at rest", str(threads), "1", threads == 1)
+    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as rollup:
+        private = sum(int(line.split()[1]) for line in rollup if line.startswith("Private_"))
+    table.add_plain("private memory", f"{private / 1024:.1f} MB", "< 6 MB", private < 6 * 1024)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--quick", action="store_true", help="a tenth of the work, for a first look")
+    parser.add_argument("--disk", default=str(ROOT / "build"), help="folder on the disk to measure (default: build)")
+    parser.add_argument("--tmpfs", default="/dev/shm", help="folder on a tmpfs (default: /dev/shm)")
+    parser.add_argument("--counts", action="store_true",
+                        help="only what does not depend on the machine's speed: the service at rest")
+    arguments = parser.parse_args()
+    scale = 10 if arguments.quick else 1
+    table = Table()
+    pathlib.Path(arguments.disk).mkdir(exist_ok=True)
+    for where, base in (("tmpfs", arguments.tmpfs), ("disk", arguments.disk)):
+        if arguments.counts and where == "disk":
+            continue
+        with tempfile.TemporaryDirectory(prefix="bench-", dir=base) as folder:
+            device = Device(folder)
+            try:
+                service = device.connect_service()
+                if not arguments.counts:
+                    if where == "tmpfs":
+                        print("request road", flush=True)
+                        request_road(device, service, table, scale)
+                    print(f"item road, store on {where}", flush=True)
+                    count = (20000 if where == "tmpfs" else 5000) // scale
+                    item_road(device, table, where, count, where == "disk")
+                if where == "tmpfs":
+                    print("at rest", flush=True)
+                    rest(service, table, 10)
+            finally:
+                device.close()
+    table.show()
+    return 0 if table.all_kept() or not arguments.counts else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
