@@ -48,13 +48,13 @@ void OwnedProcess::stop() {
     waitpid(pid, nullptr, 0);
 }
 
-RealBuses::RealBuses(const std::string& serviceFolder) {
+RealBuses::RealBuses(const std::string& extraConfig) {
     std::string pattern = (std::filesystem::temp_directory_path() / "zelt-bus-XXXXXX").string();
     if (!mkdtemp(pattern.data()))
         throw std::runtime_error("no folder for the test buses");
     m_folder = pattern;
-    m_private = startDaemon(QSBus::Private, serviceFolder);
-    m_public = startDaemon(QSBus::Public, serviceFolder);
+    m_private = startDaemon(QSBus::Private, extraConfig);
+    m_public = startDaemon(QSBus::Public, extraConfig);
     setenv("ZELT_PRIVATE_BUS", address(QSBus::Private).c_str(), 1);
     setenv("ZELT_PUBLIC_BUS", address(QSBus::Public).c_str(), 1);
 }
@@ -74,12 +74,11 @@ void RealBuses::stopDaemon(QSBus bus) {
     (bus == QSBus::Public ? m_public : m_private).stop();
 }
 
-OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& serviceFolder) {
+OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
     std::string config = readFile(std::string(TEST_SOURCE_DIR) + "/packaging/dbus/zelt-dev.conf.in");
     replaceAll(config, "@DIR@", m_folder);
     replaceAll(config, "@BUS@", busName(bus));
-    replaceAll(config, "@SERVICEDIR@",
-               serviceFolder.empty() ? "" : "<servicedir>" + serviceFolder + "</servicedir>");
+    replaceAll(config, "@EXTRA@", extraConfig);
     std::string file = m_folder + "/" + busName(bus) + ".conf";
     std::ofstream(file) << config;
 

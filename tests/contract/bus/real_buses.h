@@ -29,7 +29,7 @@ class RealBuses {
   public:
     // Starts both and points ZELT_PRIVATE_BUS and ZELT_PUBLIC_BUS at them. A folder with activation files may
     // be given for both.
-    explicit RealBuses(const std::string& serviceFolder = {});
+    explicit RealBuses(const std::string& extraConfig = {});
     ~RealBuses();
     RealBuses(const RealBuses&) = delete;
     RealBuses& operator=(const RealBuses&) = delete;
@@ -40,7 +40,7 @@ class RealBuses {
     void stopDaemon(QSBus bus);
 
   private:
-    OwnedProcess startDaemon(QSBus bus, const std::string& serviceFolder);
+    OwnedProcess startDaemon(QSBus bus, const std::string& extraConfig);
 
     std::string m_folder;
     OwnedProcess m_private;

@@ -314,7 +314,8 @@ class RealOtherService : public OtherService, private WireConnection {
 
 }  // namespace
 
-RealEngine::RealEngine() : m_loop(g_main_loop_new(nullptr, FALSE)) {
+RealEngine::RealEngine(const std::string& extraConfig)
+    : m_buses(extraConfig), m_loop(g_main_loop_new(nullptr, FALSE)) {
     setenv("ZELT_APP_ID_FROM_ENVIRONMENT", "1", 1);
     m_probes.push_back(std::make_unique<WireConnection>(*this, QSBus::Private));
     m_probes.push_back(std::make_unique<WireConnection>(*this, QSBus::Public));

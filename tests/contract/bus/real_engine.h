@@ -32,7 +32,7 @@ class WireConnection {
 
 class RealEngine : public BusEngine {
   public:
-    RealEngine();
+    explicit RealEngine(const std::string& extraConfig = {});
     ~RealEngine() override;
 
     GMainLoop* loop() override { return m_loop; }

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What nobody can do to the others on real buses: a flood, a subscriber that does not read, a burst; and that
+// the layer does nothing while nothing happens.
+#include <unistd.h>
+
+#include <fstream>
+
+#include "tests/contract/bus/real_fixture.h"
+
+using testing::ElementsAre;
+
+class Fairness : public RealBusTest {};
+
+TEST_F(Fairness, APublicFloodHoldsAPrivateRequestForOneTurnAtMost) {
+    WireConnection flooder(engine(), QSBus::Public);
+    WireConnection platform(engine(), QSBus::Private);
+    size_t handledPublic = 0;
+    bool handledPrivate = false;
+    m_handlers["hold"] = [&](QSHandle*, QSMessage*) { handledPublic++; };
+    m_handlers["secret"] = [&](QSHandle*, QSMessage*) { handledPrivate = true; };
+    // Both clients are known from here on, so that nothing waits for their identity.
+    send(flooder.bus(), "hold", "{}");
+    send(platform.bus(), "secret", "{}");
+    ASSERT_TRUE(m_engine->until([&] { return handledPublic == 1 && handledPrivate; }));
+    handledPublic = 0;
+    handledPrivate = false;
+
+    for (int i = 0; i < 5000; i++)
+        send(flooder.bus(), "hold", "{}");
+    send(platform.bus(), "secret", "{}");
+    ASSERT_TRUE(hasInput(m_public) && hasInput(m_private));
+    g_main_context_iteration(nullptr, FALSE);
+    EXPECT_TRUE(handledPrivate);
+    EXPECT_LE(handledPublic, 32u);
+    EXPECT_TRUE(m_engine->until([&] { return handledPublic == 5000; }));
+}
+
+TEST_F(Fairness, AReadOfWhatWasReceivedIsBounded) {
+    WireConnection flooder(engine(), QSBus::Public);
+    size_t handled = 0;
+    m_handlers["hold"] = [&](QSHandle*, QSMessage*) { handled++; };
+    send(flooder.bus(), "hold", "{}");
+    ASSERT_TRUE(m_engine->until([&] { return handled == 1; }));
+    for (int i = 0; i < 5000; i++)
+        send(flooder.bus(), "hold", "{}");
+    handled = 0;
+    QSZeltServiceReadReceived(m_service);
+    EXPECT_LE(handled, 256u);
+    EXPECT_TRUE(m_engine->until([&] { return handled == 5000; }));
+}
+
+TEST_F(Fairness, ABurstOfCallsLosesNone) {
+    auto other = m_engine->otherService("com.zelt.other");
+    m_engine->settle();
+    size_t replies = 0;
+    auto count = [](QSHandle*, QSMessage*, void* context) {
+        ++*static_cast<size_t*>(context);
+        return true;
+    };
+    for (int i = 0; i < 1000; i++) {
+        ASSERT_TRUE(
+            QSCall(m_private, "zelt://com.zelt.other/item", "{}", nullptr, nullptr, nullptr, m_error));
+        ASSERT_TRUE(QSCall(m_private, "zelt://com.zelt.other/item", "{}", count, &replies, nullptr, m_error));
+    }
+    ASSERT_TRUE(m_engine->until([&] { return other->calls().size() == 2000; }));
+    for (size_t i = 1; i < 2000; i += 2)
+        other->reply(i, "{}");
+    EXPECT_TRUE(m_engine->until([&] { return replies == 1000; }));
+}
+
+TEST_F(Fairness, ASubscriberThatDoesNotReadHoldsNobody) {
+    WireConnection stalled(engine(), QSBus::Public);
+    auto reader = m_engine->client(QSBus::Public);
+    std::string wish = R"({"subscribe":true})";
+    send(stalled.bus(), "follow", wish);
+    ASSERT_TRUE(arrived(1));
+    size_t call = 0;
+    request(*reader, call, "follow", wish);
+    for (const KeptMessage& kept : m_kept)
+        ASSERT_TRUE(QSSubscriptionProcess(m_public, kept.get(), nullptr, m_error));
+    engine().leave(&stalled);
+    std::string item(100 * 1024, 'x');
+    for (size_t i = 1; i <= 100; i++) {
+        ASSERT_TRUE(QSSubscriptionPost(m_public, "/", "follow", item.c_str(), m_error));
+        ASSERT_TRUE(has(*reader, call, i)) << i;
+    }
+    engine().join(&stalled);
+}
+
+namespace {
+
+// A service of its own process that does nothing but serve.
+[[noreturn]] void serveForEver() {
+    static const QSMethod methods[] = {{"follow",
+                                        [](QSHandle* handle, QSMessage* message, void*) {
+                                            return QSSubscriptionProcess(handle, message, nullptr, nullptr) &&
+                                                   QSMessageReply(handle, message, "{}", nullptr);
+                                        },
+                                        0},
+                                       {}};
+    BusError error;
+    QSZeltService* service = nullptr;
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    if (QSRegisterZeltService(kServiceName, &service, error) &&
+        QSZeltServiceRegisterCategory(service, "/", methods, nullptr, nullptr, nullptr, error) &&
+        QSGmainAttachZeltService(service, loop, error))
+        g_main_loop_run(loop);
+    QSErrorPrint(error, stderr);
+    _exit(1);
+}
+
+std::string statusLine(pid_t pid, const std::string& key) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(key + ":"))
+            return line.substr(line.find_first_not_of("\t ", key.size() + 1));
+    }
+    return {};
+}
+
+}  // namespace
+
+TEST(Rest, AServiceWithSubscribersDoesNotWake) {
+    RealEngine engine;
+    OwnedProcess service(fork());
+    if (service.pid() == 0)
+        serveForEver();
+    auto client = engine.client(QSBus::Public, "com.example.app");
+    std::vector<std::string> answers;
+    // The service may not have its name yet: the call is repeated until it has.
+    ASSERT_TRUE(engine.until([&] {
+        size_t call = client->call("/", "follow", R"({"subscribe":true})");
+        engine.until([&] { return !client->answers(call).empty(); });
+        answers = client->answers(call);
+        return answers == std::vector<std::string>{"reply {}"};
+    }));
+    // What the start left to do ends by itself; from the first quiet tenth of a second on nothing may happen.
+    std::string switches;
+    ASSERT_TRUE(engine.until([&] {
+        std::string before = statusLine(service.pid(), "voluntary_ctxt_switches");
+        g_usleep(100000);
+        switches = statusLine(service.pid(), "voluntary_ctxt_switches");
+        return before == switches;
+    }));
+    g_usleep(1500000);
+    EXPECT_EQ(statusLine(service.pid(), "voluntary_ctxt_switches"), switches);
+    EXPECT_EQ(statusLine(service.pid(), "Threads"), "1");
+}

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What comes and goes on real buses leaves nothing behind: clients, requests, connections, the process
+// itself.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/contract/bus/real_fixture.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class Lifetime : public RealBusTest {};
+
+TEST_F(Lifetime, AThousandShortLivedClientsLeaveNothing) {
+    m_handlers["hold"] = [&](QSHandle* handle, QSMessage* message) {
+        EXPECT_TRUE(QSMessageReply(handle, message, "{}", m_error)) << m_error.message();
+    };
+    size_t descriptors = openDescriptors();
+    for (int i = 0; i < 1000; i++) {
+        auto client = m_engine->client(i % 2 ? QSBus::Public : QSBus::Private);
+        size_t call = client->call("/", "hold", "{}");
+        ASSERT_TRUE(has(*client, call, 1)) << i;
+        ASSERT_THAT(client->answers(call), ElementsAre("reply {}"));
+    }
+    EXPECT_TRUE(m_engine->until([&] { return m_private->peers.empty() && m_public->peers.empty(); }));
+    EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST_F(Lifetime, ARequestOfAClientThatDiesBeforeItIsKnownIsDropped) {
+    {
+        WireConnection client(engine(), QSBus::Public);
+        send(client.bus(), "hold", "{}");
+        sd_bus_flush(client.bus());
+        ASSERT_TRUE(hasInput(m_public));
+    }
+    m_engine->settle();
+    EXPECT_TRUE(m_engine->until([&] { return m_public->peers.empty(); }));
+    EXPECT_THAT(m_kept, IsEmpty());
+}
+
+TEST_F(Lifetime, ADeathIsSeenAtWhateverMomentItFalls) {
+    m_handlers["follow"] = [&](QSHandle* handle, QSMessage* message) {
+        QSSubscriptionAdd(handle, "key", message, nullptr);
+    };
+    for (int turns = 0; turns < 60; turns++) {
+        auto client = m_engine->client(QSBus::Public);
+        client->call("/", "follow", "{}");
+        for (int i = 0; i < turns; i++)
+            engine().turn();
+        client.reset();
+        ASSERT_TRUE(m_engine->until([&] { return m_public->peers.empty(); })) << turns;
+        ASSERT_THAT(keysOf(m_public, "key"), IsEmpty()) << turns;
+    }
+}
+
+TEST_F(Lifetime, ListsOfKeysThatNobodyHoldsAreGone) {
+    auto client = m_engine->client(QSBus::Public);
+    size_t call = 0;
+    for (int i = 0; i < 50; i++)
+        ASSERT_TRUE(QSSubscriptionAdd(m_public, std::to_string(i).c_str(), request(*client, call), m_error));
+    EXPECT_EQ(m_public->byKey.size(), 50u);
+    client.reset();
+    EXPECT_TRUE(m_engine->until([&] { return m_cancelled.size() == 50; }));
+    EXPECT_TRUE(m_public->byKey.empty());
+}
+
+TEST_F(Lifetime, ACallThatWasAnsweredIsForgotten) {
+    auto other = m_engine->otherService("com.zelt.other");
+    m_engine->settle();
+    size_t replies = 0;
+    auto count = [](QSHandle*, QSMessage*, void* context) {
+        ++*static_cast<size_t*>(context);
+        return true;
+    };
+    for (const char* payload : {"{}", R"({"subscribe":true})", R"({"subscribe":true})"})
+        ASSERT_TRUE(QSCall(m_private, "zelt://com.zelt.other/x", payload, count, &replies, nullptr, m_error));
+    ASSERT_TRUE(m_engine->until([&] { return other->calls().size() == 3; }));
+    other->reply(0, "{}");
+    other->reply(1, "{}");
+    other->refuse(2, "com.example.Error", "no");
+    ASSERT_TRUE(m_engine->until([&] { return replies == 3; }));
+    EXPECT_EQ(m_private->calls.size(), 1u);
+    other.reset();
+    EXPECT_TRUE(
+        m_engine->until([&] { return m_private->calls.empty() && m_private->answeredCalls.empty(); }));
+}
+
+TEST_F(Lifetime, UnregisteringInsideAHandlerIsBorne) {
+    auto client = m_engine->client(QSBus::Public);
+    m_handlers["hold"] = [&](QSHandle* handle, QSMessage* message) {
+        EXPECT_TRUE(QSUnregister(handle, m_error)) << m_error.message();
+        EXPECT_STREQ(QSMessageGetPayload(message), "{}");
+        EXPECT_FALSE(QSMessageReply(handle, message, "{}", m_error));
+        m_public = nullptr;
+    };
+    client->call("/", "hold", "{}");
+    client->call("/", "hold", "{}");
+    EXPECT_TRUE(m_engine->until([&] { return m_public == nullptr; }));
+}
+
+class LostBus : public RealBusTest, public testing::WithParamInterface<QSBus> {};
+INSTANTIATE_TEST_SUITE_P(, LostBus, testing::Values(QSBus::Private, QSBus::Public), busOfCase);
+
+TEST_P(LostBus, EndsTheMainLoop) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* message = request(*client, call);
+    engine().buses().stopDaemon(GetParam());
+    bool overdue = false;
+    guint guard = g_timeout_add(
+        5000,
+        [](gpointer data) -> gboolean {
+            *static_cast<bool*>(data) = true;
+            return G_SOURCE_CONTINUE;
+        },
+        &overdue);
+    // The engine's own connections are not turned here, so that theirs does not end anything.
+    testing::internal::CaptureStderr();
+    g_main_loop_run(m_engine->loop());
+    std::string log = testing::internal::GetCapturedStderr();
+    g_source_remove(guard);
+    EXPECT_FALSE(overdue);
+    EXPECT_THAT(log, HasSubstr(GetParam() == QSBus::Public
+                                   ? "The public bus connection of com.zelt.contract is lost"
+                                   : "The private bus connection of com.zelt.contract is lost"));
+    EXPECT_FALSE(respond(message, "late"));
+    QSHandle* lost = handleOf(GetParam());
+    (GetParam() == QSBus::Public ? m_public : m_private) = nullptr;
+    EXPECT_FALSE(QSUnregister(lost, m_error));
+}
+
+namespace {
+
+// As in a service whose tables are static: they are destroyed after main, with the bus long gone.
+KeptMessage keptAtExit[2];
+QSHandle* exitHandles[3];
+
+bool keep(QSHandle* handle, QSMessage* message, void* loop) {
+    QSSubscriptionAdd(handle, "key", message, nullptr);
+    (keptAtExit[0] ? keptAtExit[1] : keptAtExit[0]) = KeptMessage(message);
+    if (keptAtExit[1])
+        g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return true;
+}
+
+[[noreturn]] void exitWithKeptMessages() {
+    static const QSMethod methods[] = {{"hold", keep, 0}, {}};
+    BusError error;
+    QSZeltService* service = nullptr;
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    QSRegisterZeltService(kServiceName, &service, error);
+    QSZeltServiceRegisterCategory(service, "/", methods, nullptr, nullptr, loop, error);
+    QSGmainAttachZeltService(service, loop, error);
+    auto answered = [](QSHandle*, QSMessage*, void*) { return true; };
+    for (QSBus bus : {QSBus::Private, QSBus::Public}) {
+        QSHandle*& client = exitHandles[bus == QSBus::Public ? 1 : 0];
+        QSRegister(bus, nullptr, &client, error);
+        QSCall(client, "zelt://com.zelt.contract/hold", "{}", answered, nullptr, nullptr, error);
+        QSGmainAttach(client, loop, error);
+    }
+    g_main_loop_run(loop);
+    // The way out of a service: the private connection is unregistered, the public one is not.
+    exitHandles[2] = QSZeltServiceGetPublicConnection(service);
+    QSUnregister(QSZeltServiceGetPrivateConnection(service), error);
+    g_main_loop_unref(loop);
+    std::exit(keptAtExit[1] ? 0 : 1);
+}
+
+}  // namespace
+
+TEST(ProcessExit, BearsMessagesThatStaticTablesStillKeep) {
+    RealBuses buses;
+    pid_t pid = fork();
+    if (pid == 0)
+        exitWithKeptMessages();
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
