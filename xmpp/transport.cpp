@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The transport's two halves: getting a connection (resolver, one attempt after the other) and using it.
+// The transport's two halves: getting a connection (lookup, one attempt after the other) and using it.
 #include "xmpp/transport.h"
 
 #include <fcntl.h>
@@ -39,28 +39,6 @@ void dropSource(GSource*& source) {
     source = nullptr;
 }
 
-struct NativeAddress {
-    sockaddr_storage storage{};
-    socklen_t length = 0;
-    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
-};
-
-NativeAddress nativeAddress(GInetAddress* address, int port) {
-    NativeAddress native;
-    GSocketAddress* socketAddress = g_inet_socket_address_new(address, static_cast<guint16>(port));
-    if (g_socket_address_to_native(socketAddress, &native.storage, sizeof native.storage, nullptr))
-        native.length = static_cast<socklen_t>(g_socket_address_get_native_size(socketAddress));
-    g_object_unref(socketAddress);
-    return native;
-}
-
-std::string textOf(GInetAddress* address) {
-    gchar* text = g_inet_address_to_string(address);
-    std::string copy(text);
-    g_free(text);
-    return copy;
-}
-
 }  // namespace
 
 Transport::Transport(gloox::ConnectionDataHandler* handler, const gloox::LogSink& log,
@@ -97,75 +75,64 @@ gloox::ConnectionError Transport::connect() {
     m_deadlineSource = g_timeout_source_new(m_deadline);
     g_source_set_callback(m_deadlineSource, &Transport::onDeadline, this, nullptr);
     g_source_attach(m_deadlineSource, m_context);
-    if (GInetAddress* address = g_inet_address_new_from_string(m_host.c_str())) {
-        m_addresses.push_back(address);
+    const SocketAddress numeric = SocketAddress::numeric(m_host, m_port);
+    if (numeric.length > 0) {
+        m_addresses.push_back(numeric);
         connectToNext();
-    } else {
-        resolve();
+        return gloox::ConnNoError;
     }
+    const auto done = [this](std::vector<SocketAddress> addresses, const std::string& error) {
+        onResolved(std::move(addresses), error);
+    };
+    // gloox keeps the name in its ASCII form.
+    m_lookup = std::make_unique<Lookup>(m_server.empty() ? m_host : m_server, m_port, m_context, done);
     return gloox::ConnNoError;
 }
 
-void Transport::resolve() {
-    m_resolving = g_cancellable_new();
-    GResolver* resolver = g_resolver_get_default();
-    // The answer comes on this context whichever is the caller's default.
-    g_main_context_push_thread_default(m_context);
-    g_resolver_lookup_by_name_async(resolver, m_host.c_str(), m_resolving, &Transport::onResolved, this);
-    g_main_context_pop_thread_default(m_context);
-    g_object_unref(resolver);
-}
-
-void Transport::onResolved(GObject* resolver, GAsyncResult* result, gpointer data) {
-    GError* error = nullptr;
-    GList* addresses = g_resolver_lookup_by_name_finish(G_RESOLVER(resolver), result, &error);
-    // Cancelled means given up by cleanup(), maybe deleted: `data` is not touched.
-    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-        g_error_free(error);
+void Transport::onResolved(std::vector<SocketAddress> addresses, const std::string& error) {
+    m_lookup.reset();
+    if (addresses.empty()) {
+        PrvPrintErr(__func__, __LINE__, "Cannot resolve %s: %s", m_host.c_str(), error.c_str());
+        fail(gloox::ConnDnsError);
         return;
     }
-    auto* self = static_cast<Transport*>(data);
-    g_clear_object(&self->m_resolving);
-    for (GList* entry = addresses; entry; entry = entry->next)
-        self->m_addresses.push_back(static_cast<GInetAddress*>(g_object_ref(entry->data)));
-    g_resolver_free_addresses(addresses);
-    if (error) {
-        PrvPrintErr(__func__, __LINE__, "Cannot resolve %s: %s", self->m_host.c_str(), error->message);
-        g_error_free(error);
-        self->fail(gloox::ConnDnsError);
-        return;
-    }
-    self->connectToNext();
+    m_addresses.assign(addresses.begin(), addresses.end());
+    // The local address is that of the network to be used: what it can reach comes first.
+    const SocketAddress local = SocketAddress::numeric(m_localAddress, 0);
+    if (local.length > 0)
+        std::stable_partition(m_addresses.begin(), m_addresses.end(), [&local](const SocketAddress& address) {
+            return address.family() == local.family();
+        });
+    connectToNext();
 }
 
 void Transport::connectToNext() {
     dropAttempt();
     while (!m_addresses.empty()) {
-        GInetAddress* address = m_addresses.front();
+        const SocketAddress address = m_addresses.front();
         m_addresses.pop_front();
-        const bool started = startConnecting(address);
-        g_object_unref(address);
-        if (started)
+        if (startConnecting(address))
             return;
+        dropAttempt();
     }
     fail(gloox::ConnConnectionRefused);
 }
 
-bool Transport::startConnecting(GInetAddress* address) {
-    const GSocketFamily family = g_inet_address_get_family(address);
-    m_attempt = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+bool Transport::startConnecting(const SocketAddress& address) {
+    m_attempt = ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (m_attempt < 0) {
-        PrvPrintErr(__func__, __LINE__, "No socket for %s: %s", textOf(address).c_str(), strerror(errno));
+        PrvPrintErr(__func__, __LINE__, "No socket for %s: %s", address.text().c_str(), strerror(errno));
         return false;
     }
     setOption(m_attempt, IPPROTO_TCP, TCP_NODELAY, 1);
     setOption(m_attempt, IPPROTO_TCP, TCP_USER_TIMEOUT, kUserTimeoutMs);
-    bindLocally(m_attempt, family);
-    const NativeAddress target = nativeAddress(address, m_port);
-    if (::connect(m_attempt, target.get(), target.length) != 0 && errno != EINPROGRESS) {
-        PrvPrintErr(__func__, __LINE__, "Cannot connect to %s port %d: %s", textOf(address).c_str(), m_port,
+    // A silent address gives way to the next one after 7 s; the last one has the rest of the deadline.
+    if (!m_addresses.empty())
+        setOption(m_attempt, IPPROTO_TCP, TCP_SYNCNT, 2);
+    bindLocally(address.family());
+    if (::connect(m_attempt, address.get(), address.length) != 0 && errno != EINPROGRESS) {
+        PrvPrintErr(__func__, __LINE__, "Cannot connect to %s port %d: %s", address.text().c_str(), m_port,
                     strerror(errno));
-        dropAttempt();
         return false;
     }
     m_attemptSource = g_unix_fd_source_new(m_attempt, GIOCondition(G_IO_OUT | G_IO_ERR | G_IO_HUP));
@@ -179,23 +146,21 @@ bool Transport::startConnecting(GInetAddress* address) {
 }
 
 // Networks come and go: an address that is no longer the host's is not worth losing the connection for.
-void Transport::bindLocally(int fd, GSocketFamily family) {
+void Transport::bindLocally(int family) {
     if (m_localAddress.empty())
         return;
-    GInetAddress* local = g_inet_address_new_from_string(m_localAddress.c_str());
-    if (!local) {
+    const SocketAddress local = SocketAddress::numeric(m_localAddress, 0);
+    if (local.length == 0) {
         PrvPrintErr(__func__, __LINE__, "Local address %s is no IP address, connecting from any",
                     m_localAddress.c_str());
         return;
     }
-    if (g_inet_address_get_family(local) == family) {
-        const NativeAddress native = nativeAddress(local, 0);
-        setOption(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1);
-        if (::bind(fd, native.get(), native.length) != 0)
-            PrvPrintErr(__func__, __LINE__, "Cannot use local address %s (%s), connecting from any",
-                        m_localAddress.c_str(), strerror(errno));
-    }
-    g_object_unref(local);
+    if (local.family() != family)
+        return;
+    setOption(m_attempt, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1);
+    if (::bind(m_attempt, local.get(), local.length) != 0)
+        PrvPrintErr(__func__, __LINE__, "Cannot use local address %s (%s), connecting from any",
+                    m_localAddress.c_str(), strerror(errno));
 }
 
 void Transport::onAttemptDone() {
@@ -220,8 +185,7 @@ void Transport::takeOver() {
         return;
     }
     dropAttempt();
-    for (GInetAddress* address : std::exchange(m_addresses, {}))
-        g_object_unref(address);
+    m_addresses.clear();
     m_state = gloox::StateConnected;
     m_handler->handleConnect(this);
 }
@@ -332,10 +296,7 @@ void Transport::fail(gloox::ConnectionError error) {
     m_failure = error;
     dropWritable();
     dropDeadline();
-    if (m_resolving) {
-        g_cancellable_cancel(m_resolving);
-        g_clear_object(&m_resolving);
-    }
+    m_lookup.reset();
     dropAttempt();
     // Either way the descriptor becomes readable, and the watch on it calls recv().
     if (m_state == gloox::StateConnected)
@@ -349,15 +310,11 @@ void Transport::disconnect() {
 }
 
 void Transport::cleanup() {
-    if (m_resolving) {
-        g_cancellable_cancel(m_resolving);
-        g_clear_object(&m_resolving);
-    }
+    m_lookup.reset();
     dropAttempt();
     dropWritable();
     dropDeadline();
-    for (GInetAddress* address : std::exchange(m_addresses, {}))
-        g_object_unref(address);
+    m_addresses.clear();
     m_out.clear();
     m_sent = 0;
     m_failure = gloox::ConnNoError;

@@ -8,12 +8,15 @@
 // survives the connection.
 #pragma once
 
-#include <gio/gio.h>
+#include <glib.h>
 #include <gloox/connectiontcpclient.h>
 
 #include <array>
 #include <deque>
+#include <memory>
 #include <string>
+
+#include "xmpp/lookup.h"
 
 namespace xmpp {
 
@@ -44,11 +47,10 @@ class Transport : public gloox::ConnectionTCPClient {
     gloox::ConnectionBase* newInstance() const override;
 
   private:
-    void resolve();
-    static void onResolved(GObject* resolver, GAsyncResult* result, gpointer self);
+    void onResolved(std::vector<SocketAddress> addresses, const std::string& error);
     void connectToNext();
-    bool startConnecting(GInetAddress* address);
-    void bindLocally(int fd, GSocketFamily family);
+    bool startConnecting(const SocketAddress& address);
+    void bindLocally(int family);
     void onAttemptDone();
     void takeOver();
     void dropAttempt();
@@ -60,8 +62,8 @@ class Transport : public gloox::ConnectionTCPClient {
     std::string m_host;
     std::string m_localAddress;
     GMainContext* m_context;                // one reference
-    GCancellable* m_resolving = nullptr;    // while the resolver works
-    std::deque<GInetAddress*> m_addresses;  // still to be tried, one reference each
+    std::unique_ptr<Lookup> m_lookup;       // while the name is being looked up
+    std::deque<SocketAddress> m_addresses;  // still to be tried
     int m_attempt = -1;                     // the socket of the attempt at hand
     GSource* m_attemptSource = nullptr;
     GSource* m_writableSource = nullptr;  // only while output waits

@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// A client, its manager and a server that the test plays by hand: the client's stanzas come out as text, the
+// test says what comes in. No socket, no TLS, no loop but for what is deferred.
+#pragma once
+
+#include <gloox/connectionbase.h>
+#include <gloox/connectionlistener.h>
+#include <gloox/messagehandler.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "xmpp/client.h"
+#include "xmpp/manager.h"
+
+// Plays the server's side of the login; afterwards every write of the client is one stanza of `sent`.
+class DialogueConnection : public gloox::ConnectionBase {
+  public:
+    explicit DialogueConnection(gloox::ConnectionDataHandler* handler) : ConnectionBase(handler) {}
+    ~DialogueConnection() override;
+
+    gloox::ConnectionError connect() override;
+    gloox::ConnectionError recv(int) override { return gloox::ConnNoError; }
+    bool send(const std::string& data) override;
+    gloox::ConnectionError receive() override { return gloox::ConnNotConnected; }
+    void disconnect() override {}
+    void cleanup() override { m_state = gloox::StateDisconnected; }
+    void getStatistics(long int&, long int&) override {}
+    gloox::ConnectionBase* newInstance() const override { return nullptr; }
+
+    void receives(const std::string& xml) { m_handler->handleReceivedData(this, xml); }
+    void loses(gloox::ConnectionError error) { m_handler->handleDisconnect(this, error); }
+
+    gloox::ConnectionError refusal = gloox::ConnNoError;
+    std::vector<std::string> sent;
+    std::function<void()> whenDeleted;
+};
+
+// The id that the manager gave is unknown beforehand: its place in an expected stanza.
+inline constexpr const char* kId = "ID";
+std::string withId(std::string xml, const std::string& id);
+
+// Runs the default context until nothing is due.
+void settle();
+
+// One line for each call of a result handler, the error element written out.
+class RecordingHandler : public xmpp::ResultHandler {
+  public:
+    std::vector<std::string> calls;
+    std::function<void()> then;  // runs inside every call
+
+    void handlePendingRequest(const std::string& id, const std::string& node, const gloox::StringList* nodes,
+                              const gloox::Error* error) override;
+    void handlePendingNodeRequest(const std::string& id, const gloox::JID& service, const std::string& node,
+                                  const gloox::Error* error) override;
+    void handleItemDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
+                              const gloox::PubSub::ItemList& items, const gloox::Error* error) override;
+    using xmpp::ResultHandler::handleUnsubscriptionResult;
+    void handleUnsubscriptionResult(const std::string& id, const gloox::JID& service, const std::string& node,
+                                    const std::string& subid, const gloox::JID& subscriber,
+                                    const gloox::Error* error) override;
+    void handleNodeDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
+                              const gloox::Error* error) override;
+    void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
+                         const std::string& status, const gloox::Error* error) override;
+    void handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
+                      const gloox::Error* error) override;
+    void handleActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
+                            const gloox::Error* error) override;
+    void handleDeActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
+                              const gloox::Error* error) override;
+    void handleBulkDelete(const std::string& id, const gloox::JID& service,
+                          const gloox::Error* error) override;
+    void handleActivateSysNodes(const std::string& id, const gloox::JID& service,
+                                const gloox::Error* error) override;
+    void handleBulkActivate(const std::string& id, const gloox::JID& service,
+                            const gloox::Error* error) override;
+    void handleNodeCreation(const std::string& id, const gloox::JID& service, const std::string& node,
+                            const gloox::Error* error) override;
+    void handleItemPublication(const std::string& id, const gloox::JID& service, const std::string& node,
+                               const gloox::PubSub::ItemList& items, const gloox::Error* error) override;
+    void handleSubscriptionResult(const std::string& id, const gloox::JID& service, const std::string& node,
+                                  const std::string& subid, const gloox::JID& subscriber,
+                                  gloox::PubSub::SubscriptionType type, const gloox::Error* error) override;
+    void handleNodeConfig(const std::string& id, const gloox::JID& service, const std::string& node,
+                          const gloox::DataForm* config, const gloox::Error* error) override;
+    void handleNodeConfigResult(const std::string& id, const gloox::JID& service, const std::string& node,
+                                const gloox::Error* error) override;
+
+    // Never called by the manager.
+    void handleItem(const gloox::JID&, const std::string&, const gloox::Tag*) override {}
+    void handleItems(const std::string&, const gloox::JID&, const std::string&,
+                     const gloox::PubSub::ItemList&, const gloox::Error*) override {}
+    void handleSubscriptionOptions(const std::string&, const gloox::JID&, const gloox::JID&,
+                                   const std::string&, const gloox::DataForm*, const std::string&,
+                                   const gloox::Error*) override {}
+    void handleSubscriptionOptionsResult(const std::string&, const gloox::JID&, const gloox::JID&,
+                                         const std::string&, const std::string&,
+                                         const gloox::Error*) override {}
+    void handleSubscribers(const std::string&, const gloox::JID&, const std::string&,
+                           const gloox::PubSub::SubscriptionList&, const gloox::Error*) override {}
+    void handleSubscribersResult(const std::string&, const gloox::JID&, const std::string&,
+                                 const gloox::PubSub::SubscriberList*, const gloox::Error*) override {}
+    void handleAffiliates(const std::string&, const gloox::JID&, const std::string&,
+                          const gloox::PubSub::AffiliateList*, const gloox::Error*) override {}
+    void handleAffiliatesResult(const std::string&, const gloox::JID&, const std::string&,
+                                const gloox::PubSub::AffiliateList*, const gloox::Error*) override {}
+    void handleNodePurge(const std::string&, const gloox::JID&, const std::string&,
+                         const gloox::Error*) override {}
+    void handleSubscriptions(const std::string&, const gloox::JID&, const gloox::PubSub::SubscriptionMap&,
+                             const gloox::Error*) override {}
+    void handleAffiliations(const std::string&, const gloox::JID&, const gloox::PubSub::AffiliationMap&,
+                            const gloox::Error*) override {}
+    void handleDefaultNodeConfig(const std::string&, const gloox::JID&, const gloox::DataForm*,
+                                 const gloox::Error*) override {}
+
+  private:
+    void record(const std::string& call, const gloox::Error* error);
+};
+
+// What the client reports, in order: "connect", "disconnect 17", "tls 0", "message <xml>".
+class RecordingListener : public gloox::ConnectionListener, public gloox::MessageHandler {
+  public:
+    std::vector<std::string> events;
+    std::function<void()> atConnect, atDisconnect, atMessage, atTls;
+    bool accepts = true;
+
+    void onConnect() override;
+    void onDisconnect(gloox::ConnectionError error) override;
+    bool onTLSConnect(const gloox::CertInfo& info) override;
+    void handleMessage(const gloox::Message& message, gloox::MessageSession* session) override;
+    int count(const std::string& beginning) const;
+
+    gloox::CertInfo certificate;
+};
+
+// A session of device@example.org/tv with the service pubsub.example.org.
+class Dialogue : public testing::Test {
+  protected:
+    Dialogue();
+    ~Dialogue() override;
+
+    // Up to and including onConnect.
+    void logIn();
+    // Up to the point where the server says that the resource is bound.
+    void logInUpToBind();
+    void bind();
+    void say(const std::string& xml) { connection->receives(xml); }
+    // An answer of the service.
+    void answer(const std::string& id, const std::string& type, const std::string& content = {});
+    void disposeClient();
+    // The last stanza that went out; empty when nothing has since the last look.
+    std::string last();
+
+    const gloox::JID service{"pubsub.example.org"};
+    DialogueConnection* connection = nullptr;
+    bool clientDeleted = false;
+    RecordingListener listener;
+    RecordingHandler handler;
+    xmpp::Client* client;
+    xmpp::Manager* manager;
+};
