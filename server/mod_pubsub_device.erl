@@ -32,13 +32,16 @@ start(Host, Opts) ->
 stop(Host) ->
     Left = maps:filter(fun(_, Each) -> Each /= Host end, persistent_term:get(?SERVICES, #{})),
     [ejabberd_hooks:delete(Hook, Host, Module, Function, 50) || {Hook, Module, Function} <- hooks()],
-    maps:foreach(fun(Service, Each) when Each == Host ->
-                         gen_iq_handler:remove_iq_handler(ejabberd_local, Service, ?NS_DEVICE);
+    maps:foreach(fun(Service, Each) when Each == Host -> hand_back(Service);
                     (_, _) -> ok
                  end, persistent_term:get(?SERVICES, #{})),
     persistent_term:put(?SERVICES, Left),
     map_size(Left) == 0 andalso stop_workers(),
     ok.
+
+hand_back(Service) ->
+    gen_iq_handler:remove_iq_handler(ejabberd_local, Service, ?NS_DEVICE),
+    gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_INFO, mod_pubsub, process_disco_info).
 
 reload(_Host, Opts, _OldOpts) ->
     keep_options(Opts).
@@ -105,7 +108,7 @@ mod_options(_) ->
      {max_devices, 100},
      {max_store, 1000000000},
      {max_backlog, 5000},
-     {max_payload, 60000},
+     {max_payload, 65536},
      {key_rate, 100},
      {key_burst, 1000},
      {sweep_interval, timer:minutes(10)}].

@@ -3,7 +3,7 @@
 %% operator's options of mod_pubsub_device; the counts of dropped items and the rates live in a table in memory.
 -module(pubsub_device_bounds).
 
--export([init/0, enforce/2, drop_aged/2, is_full/0, admits/1, forget_rates/0]).
+-export([init/0, enforce/2, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0]).
 
 -include_lib("kernel/include/logger.hrl").
 -include("pubsub_device.hrl").
@@ -59,9 +59,13 @@ drop_aged(Node, Device) ->
         _ -> ok
     end.
 
+%% Looks at the size of the store, which takes too long to be asked for every item.
+measure() ->
+    ets:insert(?TABLE, {store_full, pubsub_device_store:size_bytes() > mod_pubsub_device:option(max_store)}).
+
 %% Whether publishers should come back later: the store has its fill, or the writers lag behind.
 is_full() ->
-    pubsub_device_store:size_bytes() > mod_pubsub_device:option(max_store)
+    ets:lookup(?TABLE, store_full) == [{store_full, true}]
         orelse lists:any(fun lags/1, pubsub_device_writer:shards()).
 
 lags(Shard) ->
@@ -75,9 +79,10 @@ lags(Shard) ->
 
 %% Whether an item may be published with the key now: ok, `full`, or {wait, Seconds}.
 admits(Key) ->
-    case is_full() of
-        true -> full;
-        false -> take(Key)
+    case {is_full(), pubsub_device_store:node_of(Key)} of
+        {true, _} -> full;
+        {false, none} -> ok;  % it will be refused, and needs no bucket
+        {false, _} -> take(Key)
     end.
 
 %% One publication out of the key's bucket: ok, or the seconds to wait. Two takers at once may both have the last one,

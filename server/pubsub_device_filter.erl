@@ -50,19 +50,23 @@ incoming(Service, #message{from = From, sub_els = Elements} = Message) ->
         Acks -> [acknowledge(Service, From, Ack) || Ack <- Acks], drop
     end;
 incoming(_, #iq{type = set, sub_els = [#xmlel{name = <<"pubsub">>, children = Children}]} = IQ) ->
-    case [Name || #xmlel{name = Name} <- Children, Name == <<"publish">>] of
-        [] -> put(?CHANGE, true), IQ;
-        _ ->
-            case pubsub_device_bounds:is_full() of
-                true ->
-                    Text = <<"The service is full; try again later">>,
-                    ejabberd_router:route_error(IQ, xmpp:err_resource_constraint(Text, <<"en">>)),
-                    drop;
-                false -> pubsub_device_publish:begin_publish(), IQ
-            end
+    pubsub_device_publish:end_publish(),
+    put(?CHANGE, true),
+    case lists:any(fun(Child) -> is_record(Child, xmlel) andalso Child#xmlel.name == <<"publish">> end, Children) of
+        true -> publish(IQ);
+        false -> IQ
     end;
 incoming(_, Stanza) ->
     Stanza.
+
+publish(IQ) ->
+    case pubsub_device_bounds:is_full() of
+        true ->
+            Text = <<"The service is full; try again later">>,
+            ejabberd_router:route_error(IQ, xmpp:err_resource_constraint(Text, <<"en">>)),
+            drop;
+        false -> pubsub_device_publish:begin_publish(), IQ
+    end.
 
 %% An acknowledgement has no answer. It counts for the session that it comes from.
 acknowledge(Service, From, Ack) ->
@@ -78,14 +82,15 @@ answer(Service, IQ) ->
     pubsub_device_publish:end_publish(),
     case {erase(?CHANGE), IQ, Outcome} of
         {_, #iq{type = result}, {error, Error}} -> IQ#iq{type = error, sub_els = [Error]};
-        {true, #iq{type = result}, _} -> pubsub_device_commit:sync(), pubsub_device_forms:complete(Service, IQ);
+        {_, #iq{type = result}, {ok, _}} -> IQ;
+        {true, #iq{type = result}, none} -> pubsub_device_commit:sync(), pubsub_device_forms:complete(Service, IQ);
         _ -> IQ
     end.
 
 outgoing(Service, #message{sub_els = [#ps_event{items = #ps_items{node = NodeId, items = [_]}} | Rest]} = Message) ->
     case Rest == [] andalso pubsub_device_publish:catch_message(Message) of
         true -> drop;
-        false -> reach(stamp_last({Service, NodeId}, Message))
+        false -> stored({Service, NodeId}, Message)
     end;
 outgoing(Service, #message{sub_els = [#xdata{type = form} | _]} = Message) ->
     reach(pubsub_device_forms:authorisation(Service, Message));
@@ -94,13 +99,18 @@ outgoing(_, #message{type = error} = Message) ->
 outgoing(_, Message) ->
     reach(Message).
 
-%% An item that the engine sends out of its own store, on subscription. It is the node's newest, or, when newer ones
-%% were taken back, one whose number is not known any more and lies below all that follow: zero says so.
-stamp_last(Node, Message) ->
-    #ps_item{id = ItemId} = pubsub_device_stanza:item_of(Message),
+%% An item that the engine sends out of its own store, on subscription: the node's newest, which goes to devices in
+%% the order of all others. When newer ones were taken back, its number is not known any more; zero is below all.
+stored(Node, #message{to = To} = Message) ->
+    #ps_item{id = ItemId} = Item = pubsub_device_stanza:item_of(Message),
     case pubsub_device_store:last_item(Node) of
-        {Last, ItemId} -> pubsub_device_stanza:stamp(Message, Last);
-        _ -> pubsub_device_stanza:stamp(Message, 0)
+        {Last, ItemId} ->
+            Targets = pubsub_device_targets:find(Node, Item, [Message]),
+            [pubsub_device_writer:cast(Node, {keep_last, Node, Device, Last, ItemId, Item})
+             || {keep, Device, _} <- Targets, pubsub_device_targets:is_meant(Device, To)],
+            [pubsub_device_targets:send_live(Last, Target) || {live, _} = Target <- Targets],
+            drop;
+        _ -> reach(pubsub_device_stanza:stamp(Message, 0))
     end.
 
 %% To every session that should see it, or as it stands when there is none.

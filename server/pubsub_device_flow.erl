@@ -124,4 +124,11 @@ send_copy(none, Flow) ->
 send_copy(#pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, item = Item},
           #flow{pid = Pid, sent = Sent, out = Out} = Flow) ->
     ejabberd_c2s:route(Pid, {route, pubsub_device_stanza:item_message(Node, jid:make(Device), Item)}),
-    Flow#flow{sent = max(Sent, Number), out = Out ++ [{ItemId, Number}]}.
+    Flow#flow{sent = max(Sent, Number), out = shorten(Out ++ [{ItemId, Number}])}.
+
+%% A device that never acknowledges leaves sendings of copies that have been dropped meanwhile.
+shorten(Out) ->
+    case length(Out) > ?SENDINGS * mod_pubsub_device:option(max_kept_node) of
+        true -> tl(Out);
+        false -> Out
+    end.

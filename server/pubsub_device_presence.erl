@@ -21,7 +21,8 @@ announce(JID) ->
 
 attach(JID) ->
     {User, Server, Resource} = Device = jid:tolower(JID),
-    case Resource /= <<>> andalso ejabberd_sm:get_session_pid(User, Server, Resource) of
+    case Resource /= <<>> andalso ejabberd_router:is_my_host(Server)
+        andalso ejabberd_sm:get_session_pid(User, Server, Resource) of
         Pid when is_pid(Pid) ->
             pubsub_device_store:is_device(Device) orelse make_room(Device),
             pubsub_device_store:saw_device(Device),

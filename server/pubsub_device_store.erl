@@ -44,8 +44,13 @@ delete(Table, Key) -> mnesia:sync_dirty(fun() -> mnesia:delete({Table, Key}) end
 
 %%% devices
 
+%% To the minute: a client that announces itself often costs no writing.
 saw_device(Device) ->
-    write(#pubsub_device{jid = Device, seen = erlang:system_time(second)}).
+    Now = erlang:system_time(second),
+    case mnesia:dirty_read(pubsub_device, Device) of
+        [#pubsub_device{seen = Seen}] when Seen > Now - 60, Seen =< Now -> ok;
+        _ -> write(#pubsub_device{jid = Device, seen = Now})
+    end.
 
 is_device(Device) ->
     mnesia:dirty_read(pubsub_device, Device) /= [].
@@ -241,5 +246,6 @@ total_at_least(Device, Bound) ->
                                               [{#pubsub_device_pair{id = {Device, '_'}, count = '$1'}, [], ['$1']}]))
                 >= Bound.
 
+%% The table's own memory and the texts, which lie outside it.
 size_bytes() ->
-    mnesia:table_info(pubsub_device_copy, memory) * erlang:system_info(wordsize).
+    mnesia:table_info(pubsub_device_copy, memory) * erlang:system_info(wordsize) + erlang:memory(binary).

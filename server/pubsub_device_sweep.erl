@@ -1,15 +1,18 @@
 %% SPDX-License-Identifier: GPL-3.0-only
 %% Age: from time to time every member drops what is too old among the items of its own nodes, and one of them forgets
-%% the devices that have stayed away.
+%% the devices that have stayed away. The size of the store is looked at every second.
 -module(pubsub_device_sweep).
 -behaviour(gen_server).
 
 -export([start_link/0]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
 
+-define(MEASURE_INTERVAL, 1000).
+
 start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
 
 init([]) ->
+    self() ! measure,
     arm(),
     {ok, none}.
 
@@ -21,6 +24,10 @@ handle_info(sweep, State) ->
     lists:min(ejabberd_cluster:get_nodes()) == node() andalso forget_absent(),
     pubsub_device_bounds:forget_rates(),
     arm(),
+    {noreply, State};
+handle_info(measure, State) ->
+    pubsub_device_bounds:measure(),
+    erlang:send_after(?MEASURE_INTERVAL, self(), measure),
     {noreply, State};
 handle_info(_, State) ->
     {noreply, State}.

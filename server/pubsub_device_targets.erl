@@ -4,7 +4,7 @@
 %% A bare JID means all devices of the account. Other resources of it that are available get the ordinary notification.
 -module(pubsub_device_targets).
 
--export([find/3, send_live/2, reached/1]).
+-export([find/3, is_meant/2, send_live/2, reached/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 
@@ -20,6 +20,12 @@ kept(Node, Messages) ->
     Subscribed = lists:usort(lists:flatmap(fun(#message{to = To}) -> devices(jid:tolower(To)) end, Messages)),
     [{keep, Device, subscription} || Device <- Subscribed]
         ++ [{keep, Device, owner} || Device <- owned(Node) -- Subscribed].
+
+%% Whether the JID means the device, by its full name or by the account's.
+is_meant({User, Server, Resource}, #jid{luser = User, lserver = Server, lresource = Meant}) ->
+    Meant == <<>> orelse Meant == Resource;
+is_meant(_, _) ->
+    false.
 
 owned(Node) ->
     case pubsub_device_store:key_of(Node) of
@@ -70,5 +76,6 @@ reached(Full) ->
     [Full].
 
 available({User, Server, _}) ->
-    [{User, Server, Resource} || {Priority, Resource} <- ejabberd_sm:get_user_present_resources(User, Server),
+    [{User, Server, Resource} || ejabberd_router:is_my_host(Server),
+                                 {Priority, Resource} <- ejabberd_sm:get_user_present_resources(User, Server),
                                  Priority >= 0].

@@ -104,10 +104,19 @@ handle_cast({ack, Node, Device, Pid, ItemId}, State) ->
           end,
     next(with_flow(Node, Device, Ack, Ack, State));
 handle_cast({session_down, Device, Pid}, #state{flows = Flows} = State) ->
-    Old = maps:filter(fun(_, Flow) -> pubsub_device_flow:pid(Flow) == Pid end, maps:get(Device, Flows, #{})),
+    Present = pubsub_device_store:session(Device),
+    Old = maps:filter(fun(_, Flow) -> pubsub_device_flow:pid(Flow) /= Present end, maps:get(Device, Flows, #{})),
     [pubsub_device_store:deactivate(Node, Device) || Node <- maps:keys(Old),
                                                      pubsub_device_store:is_active(Node, Device, Pid)],
     next(lists:foldl(fun(Node, S) -> forget_flow(Node, Device, S) end, State, maps:keys(Old)));
+handle_cast({keep_last, Node, Device, Number, ItemId, Item}, State) ->
+    case pubsub_device_store:newest(Node, Device) of
+        #pubsub_device_copy{id = {_, _, Newest}} when Newest >= Number -> next(State);
+        _ ->
+            Element = pubsub_device_stanza:item(Item, Number),
+            pubsub_device_store:keep(Node, Device, Number, ItemId, subscription, Element),
+            next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:pump/3, State))
+    end;
 handle_cast({drop_oldest, Node, Device, Number}, State) ->
     pubsub_device_store:drop(Node, Device, Number),
     next(State);

@@ -160,11 +160,11 @@ class Client:
 
     def kill(self):
         """Resets the connection, as a link that breaks does."""
-        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         try:
+            self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             self._socket.shutdown(socket.SHUT_RD)
         except OSError:
-            pass
+            pass  # it is gone already
         self._socket.close()
 
     # ---- inside

@@ -1,0 +1,198 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""A server of its own for each test class, and the requests that the tests are written in."""
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+import urllib.error
+import urllib.request
+from xml.sax.saxutils import escape, quoteattr
+
+import xmppclient
+from xmppclient import CLIENT, CONFIG, DEVICE, OWNER, PUBSUB, Server, condition, connect, form, item
+
+RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "server", "run")
+ACCOUNTS = ("owner", "bob", "carol")
+PASSWORD = "secret"
+
+
+class Instance:
+    """A running server in a temporary folder."""
+
+    def __init__(self, options=()):
+        self.folder = tempfile.mkdtemp(prefix="pubsub-server-")
+        arguments = [each for option in options for each in ("--option", option)]
+        try:
+            self._run("up", self.folder, *arguments)
+            for name in ACCOUNTS:
+                self._run("account", self.folder, name, PASSWORD)
+        except BaseException:
+            self.remove()
+            raise
+
+    def _run(self, *arguments):
+        done = subprocess.run([RUN, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              check=False, timeout=120)
+        if done.returncode != 0:
+            raise AssertionError("server/run %s: %s" % (arguments[0], done.stdout))
+        if arguments[0] in ("up", "start"):
+            self.server = Server.from_env(self.folder + "/server.env")
+
+    def start(self):
+        self._run("start", self.folder)
+
+    def stop(self):
+        self._run("down", self.folder)
+
+    def kill(self):
+        """Kills the server without a warning and waits until it is gone."""
+        os.kill(int(self.server.env["SERVER_PID"]), 9)
+        self._run("down", self.folder)
+
+    def log(self):
+        with open(self.folder + "/log/server.log", errors="replace") as file:
+            return file.read()
+
+    def remove(self):
+        self._run("down", self.folder)
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+class ServerTest(unittest.TestCase):
+    """One server for the class; clients are closed after each test. Nothing in here waits without a deadline."""
+
+    options = ()
+
+    @classmethod
+    def setUpClass(cls):
+        cls.instance = Instance(cls.options)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.instance.remove()
+
+    def setUp(self):
+        self.clients = []
+        self.node = "/" + self.id().split(".")[-1]
+
+    def tearDown(self):
+        for client in self.clients:
+            client.kill()
+
+    @property
+    def server(self):
+        return self.instance.server
+
+    # ---- clients
+
+    def client(self, user, resource=None, presence=None):
+        client = connect(self.server, user, PASSWORD, resource, presence)
+        self.clients.append(client)
+        return client
+
+    def device(self, user, resource=None):
+        """A client that announced itself to the service."""
+        client = self.client(user, resource)
+        self.announce(client)
+        return client
+
+    def announce(self, client):
+        client.send("<presence to='%s'/>" % self.server.pubsub)
+        client.sync()
+
+    # ---- requests
+
+    def pubsub(self, client, content, kind="set", namespace=PUBSUB):
+        return client.iq(kind, "<pubsub xmlns='%s'>%s</pubsub>" % (namespace, content))
+
+    def succeed(self, answer):
+        self.assertEqual(answer.get("type"), "result", xmppclient.xml(answer))
+        return answer
+
+    def refused(self, answer, expected):
+        self.assertEqual(condition(answer), expected, xmppclient.xml(answer))
+        return answer
+
+    def create(self, client, node=None, **config):
+        fields = [("pubsub#" + name, value) for name, value in config.items()]
+        configure = "<configure>%s</configure>" % form(CONFIG, fields) if fields else ""
+        return self.pubsub(client, "<create node=%s/>%s" % (quoteattr(node or self.node), configure))
+
+    def delete(self, client, node=None):
+        return self.pubsub(client, "<delete node=%s/>" % quoteattr(node or self.node), namespace=OWNER)
+
+    def subscribe(self, client, jid=None, node=None, more=""):
+        return self.pubsub(client, "<subscribe node=%s jid=%s/>%s"
+                           % (quoteattr(node or self.node), quoteattr(jid or client.jid), more))
+
+    def publish_stanza(self, text, item_id=None, node=None):
+        name = " id=%s" % quoteattr(item_id) if item_id else ""
+        return ("<pubsub xmlns='%s'><publish node=%s><item%s><payload>%s</payload></item></publish></pubsub>"
+                % (PUBSUB, quoteattr(node or self.node), name, escape(text)))
+
+    def publish(self, client, text, item_id=None, node=None):
+        """Publishes and returns the item's id."""
+        answer = self.succeed(client.iq("set", self.publish_stanza(text, item_id, node)))
+        return answer.find(".//{%s}item" % PUBSUB).get("id")
+
+    def ext(self, client, content, kind="set"):
+        """A request of the extension; `content` is its element without the namespace."""
+        name, rest = content[1:].split(" ", 1) if " " in content.split(">")[0] else (None, None)
+        if name is None:
+            name = content[1:].split("/")[0].split(">")[0]
+            rest = content[1 + len(name):]
+            return client.iq(kind, "<%s xmlns='%s'%s" % (name, DEVICE, rest))
+        return client.iq(kind, "<%s xmlns='%s' %s" % (name, DEVICE, rest))
+
+    def key_node(self, client, node=None):
+        """Makes a key node and returns its key."""
+        answer = self.succeed(self.ext(client, "<create-key-node node=%s/>" % quoteattr(node or self.node)))
+        return answer.findtext("{%s}key" % DEVICE)
+
+    def activate(self, client, since=0, node=None):
+        return self.ext(client, "<activate node=%s seqNo='%s'/>" % (quoteattr(node or self.node), since))
+
+    def ack(self, client, item_id, node=None):
+        client.send("<message to='%s'><ack xmlns='%s' node=%s id=%s/></message>"
+                    % (self.server.pubsub, DEVICE, quoteattr(node or self.node), quoteattr(item_id)))
+
+    def post(self, key, body, method="POST", headers=None):
+        """Status, headers and the decoded body of an HTTP request to the key's endpoint."""
+        request = urllib.request.Request("%s/%s" % (self.server.env["HTTP_URL"], key), method=method,
+                                         data=body.encode() if isinstance(body, str) else body, headers=headers or {})
+        opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        try:
+            with opener.open(request, timeout=30) as answer:
+                return answer.status, answer.headers, json.loads(answer.read() or b"null")
+        except urllib.error.HTTPError as error:
+            return error.code, error.headers, json.loads(error.read() or b"null")
+
+    # ---- expectations
+
+    def take(self, client, count=1, node=None):
+        """The next `count` items of the node, in the order in which they came."""
+        wanted = node or self.node
+        return [item(client.wait_message(lambda each: item(each) is not None and item(each).node == wanted))
+                for _ in range(count)]
+
+    def texts(self, client, count, node=None):
+        return [each.text for each in self.take(client, count, node)]
+
+    def settle(self, *clients, node=None):
+        """Returns when the node's writer has done what was asked of it so far, and the clients have read it."""
+        for client in clients:
+            client.sync()
+        other = self.client("carol")
+        self.succeed(self.ext(other, "<deactivate node=%s/>" % quoteattr(node or self.node)))
+        for client in clients:
+            client.sync()
+
+    def assert_quiet(self, client, node=None):
+        self.settle(client, node=node)
+        self.assertEqual([xmppclient.xml(each) for each in client.messages()], [])
+
+    def assert_alive(self):
+        self.assertEqual(self.client("carol").iq("get", "<ping xmlns='urn:xmpp:ping'/>", to=self.server.domain)
+                         .get("type"), "result")
