@@ -90,7 +90,7 @@ class Peer:
 
     def close(self):
         async def end():
-            self._client.disconnect(wait=0.2)
+            await self._client.disconnect(wait=1.0)
         self._wait(end)
         self._loop.call_soon_threadsafe(self._loop.stop)
         self._thread.join(DEADLINE)

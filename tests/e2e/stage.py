@@ -100,10 +100,12 @@ class Stage:
         wait_until(lambda: not is_running(pid), "the service to end")
 
     def start_service(self, **extra):
+        """Starts the service anew and waits until it is on the bus."""
         with open(self.dir / "log" / "service.log", "ab") as log:
             self._services.append(subprocess.Popen(
                 [str(BIN / "pubsubservice")], env=dict(self.process_environment(), **extra),
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log))
+        wait_until(lambda: self.ctl("call", "getJabberId", "{}", check=False)[0] == 0, "the service on the bus")
 
     def server(self, *arguments):
         done = subprocess.run([str(ROOT / "server" / "run"), *arguments], stdin=subprocess.DEVNULL,

@@ -143,13 +143,14 @@ class Silence(StageTest):
             self.addCleanup(filler.close)
 
         self.stage.kill_service()
+        attached = self.stage.log("service").count("Attached socket")
         credentials = self.stage.path("state", "pubsub.conf")
         lines = credentials.read_text(encoding="utf-8").splitlines()
         lines[3] = str(listener.getsockname()[1])
         credentials.write_text("\n".join(lines) + "\n", encoding="utf-8")
         self.stage.start_service()
         client = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
-        wait_until(lambda: "Attached socket" in self.stage.log("service"), "the connect to begin")
+        wait_until(lambda: self.stage.log("service").count("Attached socket") > attached, "the connect to begin")
         longest, end = 0.0, time.monotonic() + 3
         while time.monotonic() < end:
             start = time.monotonic()

@@ -165,13 +165,20 @@ class Items(RoadsTest):
             lambda message: any(items.get("node") == "/e2e/order" for items in message.iter(EVENT + "items")))
         self.assertGreater(int(other.find(f".//{EVENT}item").get("seqNo")), 0)
 
-    def test_an_xml_item_carries_objects_and_says_null_for_plain_values(self):
+    def test_an_xml_item_carries_objects(self):
         received = self.handled_node("/e2e/xml")
         answer = self.private.call("publishItem", {"node": "/e2e/xml", "xml": True,
-                                                   "item": {"payload": {"#": "hi"}, "count": 5}})
+                                                   "item": {"payload": {"#": "hi", "@": {"lang": "en"}, "count": 5}}})
         self.assertEqual(answer, {"returnValue": True})
         self.wait_items(received, 1)
         self.assertEqual(received[0]["item"], '"hi"')
+
+    def test_an_xml_item_of_two_payloads_is_refused_by_the_server(self):
+        self.create("/e2e/two")
+        answer = self.private.call("publishItem", {"node": "/e2e/two", "xml": True,
+                                                   "item": {"payload": {"#": "hi"}, "count": 5}})
+        self.assertEqual(answer, {"returnValue": False, "errorCode": "modify",
+                                  "errorText": "bad-request invalid-payload"})
 
     def test_items_published_while_the_service_is_dead_arrive_after_its_restart(self):
         received = self.handled_node("/e2e/dead")
