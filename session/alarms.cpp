@@ -145,8 +145,8 @@ void PubSubSession::scheduleReconnect() {
     const bool shortWait = m_retryCount <= kLastShortRetry;
     const int32_t delay =
         shortWait ? generateRandomDelay(kShortMin, kShortMax) : generateRandomDelay(kLongMin, kLongMax);
-    char in[sizeof "00:00:00"];
-    snprintf(in, sizeof in, "%02d:%02d:%02d", delay / 3600 % 100, delay % 3600 / 60, delay % 60);
+    char in[32];
+    snprintf(in, sizeof in, "%02d:%02d:%02d", delay / 3600, delay % 3600 / 60, delay % 60);
     if (!setReconnectTimer(in)) {
         PrvPrintErr(__func__, __LINE__, "Setting timer to reconnect failed");
         return;

@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// What is forgotten, kept or activated again when a bus client's subscription is cancelled.
+#include "service/cancel.h"
+
+#include "tests/fakes/servicefixture.h"
+
+namespace {
+
+constexpr const char* kApp = "com.example.app 4711";
+constexpr const char* kNode = "/u1234/dev42/com.example.app/inbox";
+constexpr const char* kSubscribe = R"({"endpoint":"inbox","subscribe":true})";
+
+class Cancellation : public ServiceTest {
+  protected:
+    void SetUp() override {
+        ServiceTest::SetUp();
+        connectSession();
+        session().setSubMap(kNode, "com.example.app 4711", publicHandle());
+    }
+    void cancelled(QSFilter cancel, QSHandle* handle, const std::string& method, const std::string& payload,
+                   const std::string& appId = kApp) {
+        FakeMessage* message = fakeBus().request(handle, method, payload, appId);
+        EXPECT_TRUE(cancel(handle, message, nullptr));
+        EXPECT_EQ(message->answers, Texts{}) << "the client is gone";
+        QSMessageUnref(message);
+    }
+    void cancelledPublic(const std::string& payload, const std::string& appId = kApp) {
+        cancelled(publicCancelFunc, publicHandle(), "subscribe", payload, appId);
+    }
+    void cancelledPrivate(const std::string& method, const std::string& payload) {
+        cancelled(cancelFunction, privateHandle(), method, payload);
+    }
+    bool subscribed() { return session().subMap.contains(kNode); }
+    void expectRefused(const std::string& function, const std::string& payload, const std::string& code,
+                       const std::string& text) {
+        EXPECT_EQ(takeLogLines().back(),
+                  function + ": Payload bad? " + payload + " Errcode " + code + " ErrText " + text);
+        EXPECT_TRUE(subscribed());
+    }
+};
+
+TEST_F(Cancellation, ForgetsThePublicSubscriber) {
+    cancelledPublic(kSubscribe);
+    EXPECT_FALSE(subscribed());
+    EXPECT_EQ(stanzaCount(), 0u);
+}
+
+TEST_F(Cancellation, TakesEveryCancelledPublicSubscriptionForASubscribe) {
+    cancelled(publicCancelFunc, publicHandle(), "connectStatus", kSubscribe);
+    EXPECT_FALSE(subscribed());
+}
+
+TEST_F(Cancellation, ForgetsTheSubscriberOfAPrivateSubscribe) {
+    cancelledPrivate("subscribe", kSubscribe);
+    EXPECT_FALSE(subscribed());
+}
+
+TEST_F(Cancellation, NeedsNoConnection) {
+    session().m_connected = false;
+    cancelledPublic(kSubscribe);
+    EXPECT_FALSE(subscribed());
+    session().m_connected = true;
+}
+
+TEST_F(Cancellation, NeverActivatesWithoutAListenerForClosedApplications) {
+    session().setOfflineMap(kNode, "com.example.app");
+    cancelledPublic(kSubscribe);
+    EXPECT_FALSE(subscribed());
+    EXPECT_EQ(stanzaCount(), 0u);
+}
+
+TEST_F(Cancellation, ActivatesANodeThatIsKeptForTheClosedApplication) {
+    session().m_onCloseRegistered = true;
+    session().setOfflineMap(kNode, "com.example.app");
+    cancelledPublic(kSubscribe);
+    EXPECT_FALSE(subscribed());
+    EXPECT_NE(lastStanza().xml().find("<activate "), std::string::npos) << lastStanza().xml();
+    EXPECT_NE(lastStanza().xml().find(kNode), std::string::npos) << lastStanza().xml();
+}
+
+TEST_F(Cancellation, DoesNotActivateANodeThatIsNotKept) {
+    session().m_onCloseRegistered = true;
+    cancelledPublic(kSubscribe);
+    EXPECT_FALSE(subscribed());
+    EXPECT_EQ(stanzaCount(), 0u);
+}
+
+TEST_F(Cancellation, ActivatesForAPrivateSubscribeToo) {
+    session().m_onCloseRegistered = true;
+    session().setOfflineMap(kNode, "com.example.app");
+    cancelledPrivate("subscribe", kSubscribe);
+    EXPECT_EQ(stanzaCount(), 1u);
+}
+
+TEST_F(Cancellation, LogsAPayloadWithoutAnEndpoint) {
+    cancelledPublic(R"({"subscribe":true})");
+    expectRefused("publicCancelFunc", R"({"subscribe":true})", "parameterErr", "No endpoint provided");
+    cancelledPrivate("subscribe", R"({"endpoint":""})");
+    expectRefused("cancelFunction", R"({"endpoint":""})", "parameterErr", "Empty endpoint provided");
+}
+
+TEST_F(Cancellation, LogsAPayloadThatIsNoJson) {
+    cancelledPublic("no json");
+    expectRefused("publicCancelFunc", "no json", "parameterErr", "Malformed json");
+    cancelledPrivate("subscribe", "no json");
+    expectRefused("cancelFunction", "no json", "parameterErr", "Malformed json");
+}
+
+TEST_F(Cancellation, LogsAClientWithoutAnApplicationId) {
+    cancelledPublic(kSubscribe, "");
+    expectRefused("publicCancelFunc", kSubscribe, "libErr", "Error getting appid of calling app");
+}
+
+TEST_F(Cancellation, LogsAnEndpointThatMakesTooLongANode) {
+    const std::string payload = R"({"endpoint":")" + std::string(100, 'n') + R"("})";
+    cancelledPublic(payload);
+    expectRefused("publicCancelFunc", payload, "libErr", "endpoint too long");
+}
+
+TEST_F(Cancellation, LogsARequestFromBeforeTheFirstSession) {
+    restartService();
+    session().setSubMap(kNode, kApp, publicHandle());
+    cancelledPublic(kSubscribe);
+    expectRefused("publicCancelFunc", kSubscribe, "libErr", "Service not initialized");
+    session().m_onCloseRegistered = true;
+    cancelledPrivate("registerOnClose", R"({"subscribe":true})");
+    expectRefused("cancelFunction", R"({"subscribe":true})", "libErr", "Service not initialized");
+    EXPECT_TRUE(session().m_onCloseRegistered);
+}
+
+TEST_F(Cancellation, ForgetsTheListenerForClosedApplications) {
+    session().m_onCloseRegistered = true;
+    cancelledPrivate("registerOnClose", R"({"subscribe":true})");
+    EXPECT_EQ(takeLogLines(), Texts{"cancelFunction: Headless app crashed?"});
+    EXPECT_FALSE(session().m_onCloseRegistered);
+    session().setOfflineMap(kNode, "com.example.app");
+    cancelledPublic(kSubscribe);
+    EXPECT_EQ(stanzaCount(), 0u) << "the offline check is skipped from here on";
+}
+
+TEST_F(Cancellation, OfAnyOtherPrivateMethodChangesNothing) {
+    session().m_onCloseRegistered = true;
+    for (const char* method : {"subscribeConnStatus", "subscribeNodeAuth", "Subscribe", ""})
+        cancelledPrivate(method, kSubscribe);
+    EXPECT_TRUE(subscribed());
+    EXPECT_TRUE(session().m_onCloseRegistered);
+    EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(stanzaCount(), 0u);
+}
+
+}  // namespace
