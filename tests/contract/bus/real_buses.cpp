@@ -49,25 +49,26 @@ void OwnedProcess::stop() {
 }
 
 RealBuses::RealBuses(const std::string& extraConfig) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zelt-bus-XXXXXX").string();
-    if (!mkdtemp(pattern.data()))
-        throw std::runtime_error("no folder for the test buses");
-    m_folder = pattern;
     m_private = startDaemon(QSBus::Private, extraConfig);
     m_public = startDaemon(QSBus::Public, extraConfig);
     setenv("ZELT_PRIVATE_BUS", address(QSBus::Private).c_str(), 1);
     setenv("ZELT_PUBLIC_BUS", address(QSBus::Public).c_str(), 1);
 }
 
-RealBuses::~RealBuses() {
-    m_private.stop();
-    m_public.stop();
+TestFolder::TestFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "zelt-bus-XXXXXX").string();
+    if (!mkdtemp(pattern.data()))
+        throw std::runtime_error("no folder for the test buses");
+    m_path = pattern;
+}
+
+TestFolder::~TestFolder() {
     std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
+    std::filesystem::remove_all(m_path, ignored);
 }
 
 std::string RealBuses::socketPath(QSBus bus) const {
-    return m_folder + "/" + busName(bus) + "_bus";
+    return m_folder.path() + "/" + busName(bus) + "_bus";
 }
 
 void RealBuses::stopDaemon(QSBus bus) {
@@ -76,10 +77,10 @@ void RealBuses::stopDaemon(QSBus bus) {
 
 OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
     std::string config = readFile(std::string(TEST_SOURCE_DIR) + "/packaging/dbus/zelt-dev.conf.in");
-    replaceAll(config, "@DIR@", m_folder);
+    replaceAll(config, "@DIR@", m_folder.path());
     replaceAll(config, "@BUS@", busName(bus));
     replaceAll(config, "@EXTRA@", extraConfig);
-    std::string file = m_folder + "/" + busName(bus) + ".conf";
+    std::string file = m_folder.path() + "/" + busName(bus) + ".conf";
     std::ofstream(file) << config;
 
     int ready[2];
@@ -89,7 +90,7 @@ OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         close(ready[0]);
-        std::string log = m_folder + "/" + busName(bus) + ".log";
+        std::string log = m_folder.path() + "/" + busName(bus) + ".log";
         if (!freopen(log.c_str(), "w", stderr))
             _exit(127);
         std::string configOption = "--config-file=" + file;
@@ -106,6 +107,6 @@ OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
     close(ready[0]);
     if (!listens)
         throw std::runtime_error("the " + std::string(busName(bus)) + " bus daemon did not start: " +
-                                 readFile(m_folder + "/" + busName(bus) + ".log"));
+                                 readFile(m_folder.path() + "/" + busName(bus) + ".log"));
     return daemon;
 }

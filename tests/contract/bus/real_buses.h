@@ -25,16 +25,29 @@ class OwnedProcess {
     pid_t m_pid = -1;
 };
 
+// A folder that is removed, with all that is in it, at the end.
+class TestFolder {
+  public:
+    TestFolder();
+    ~TestFolder();
+    TestFolder(const TestFolder&) = delete;
+    TestFolder& operator=(const TestFolder&) = delete;
+
+    const std::string& path() const { return m_path; }
+
+  private:
+    std::string m_path;
+};
+
 class RealBuses {
   public:
     // Starts both and points ZELT_PRIVATE_BUS and ZELT_PUBLIC_BUS at them. A folder with activation files may
     // be given for both.
     explicit RealBuses(const std::string& extraConfig = {});
-    ~RealBuses();
     RealBuses(const RealBuses&) = delete;
     RealBuses& operator=(const RealBuses&) = delete;
 
-    const std::string& folder() const { return m_folder; }
+    const std::string& folder() const { return m_folder.path(); }
     std::string socketPath(QSBus bus) const;
     std::string address(QSBus bus) const { return "unix:path=" + socketPath(bus); }
     void stopDaemon(QSBus bus);
@@ -42,7 +55,7 @@ class RealBuses {
   private:
     OwnedProcess startDaemon(QSBus bus, const std::string& extraConfig);
 
-    std::string m_folder;
+    TestFolder m_folder;  // first, so that the daemons are stopped before it goes
     OwnedProcess m_private;
     OwnedProcess m_public;
 };

@@ -236,22 +236,18 @@ class FewMatchRules : public OtherConfiguration {
     FewMatchRules() : OtherConfiguration(R"(<limit name="max_match_rules_per_connection">3</limit>)") {}
 };
 
-// Activation files cannot be written before the folder is known, so this folder is the test's own.
-class WithActivation : public OtherConfiguration {
-  protected:
-    WithActivation() : OtherConfiguration("<servicedir>" + folder() + "</servicedir>") {}
-    ~WithActivation() override { std::filesystem::remove_all(folder()); }
-
-    static const std::string& folder() {
-        static const std::string path = [] {
-            std::string pattern = (std::filesystem::temp_directory_path() / "zelt-services-XXXXXX").string();
-            std::string made = mkdtemp(pattern.data());
-            std::ofstream(made + "/com.zelt.startable.service")
-                << "[D-BUS Service]\nName=com.zelt.startable\nExec=/bin/false\n";
-            return made;
-        }();
-        return path;
+// The activation files are written before the daemons start, so their folder is one of its own.
+struct ServiceFolder {
+    ServiceFolder() {
+        std::ofstream(folder.path() + "/com.zelt.startable.service")
+            << "[D-BUS Service]\nName=com.zelt.startable\nExec=/bin/false\n";
     }
+    TestFolder folder;
+};
+
+class WithActivation : private ServiceFolder, public OtherConfiguration {
+  protected:
+    WithActivation() : OtherConfiguration("<servicedir>" + folder.path() + "</servicedir>") {}
 };
 
 }  // namespace
