@@ -65,5 +65,17 @@ retry(Code, Seconds, Text) ->
 refuse(Code, Text) ->
     answer(Code, [], {[{error, Text}]}).
 
+%% The server has no words of its own for every status.
 answer(Code, Headers, Object) ->
-    {Code, [{<<"Content-Type">>, <<"application/json">>} | Headers], iolist_to_binary(jiffy:encode(Object))}.
+    {Code, phrase(Code), [{<<"Content-Type">>, <<"application/json">>} | Headers],
+     iolist_to_binary(jiffy:encode(Object))}.
+
+phrase(200) -> <<"OK">>;
+phrase(201) -> <<"Created">>;
+phrase(400) -> <<"Bad Request">>;
+phrase(404) -> <<"Not Found">>;
+phrase(405) -> <<"Method Not Allowed">>;
+phrase(413) -> <<"Content Too Large">>;
+phrase(429) -> <<"Too Many Requests">>;
+phrase(500) -> <<"Internal Server Error">>;
+phrase(503) -> <<"Service Unavailable">>.

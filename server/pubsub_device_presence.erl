@@ -6,6 +6,7 @@
 
 -export([announce/1, attach/1, leave/2, on_session_end/3, on_remove_user/2, forget/1]).
 
+-include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
@@ -63,6 +64,7 @@ on_remove_user(User, Server) ->
 
 %% Forgets the device first, so that nothing more is kept for it while its copies go.
 forget(Device) ->
+    ?LOG_INFO("Forgot the device ~ts; it stayed away", [jid:encode(Device)]),
     pubsub_device_store:forget_device(Device),
     [pubsub_device_writer:cast(Node, {drop_all, Node, Device}) || Node <- pubsub_device_store:nodes_for(Device)],
     ok.

@@ -5,13 +5,14 @@ import os
 import shutil
 import subprocess
 import tempfile
+import time
 import unittest
 import urllib.error
 import urllib.request
 from xml.sax.saxutils import escape, quoteattr
 
 import xmppclient
-from xmppclient import CLIENT, CONFIG, DEVICE, OWNER, PUBSUB, Server, condition, connect, form, item
+from xmppclient import CONFIG, DEVICE, OWNER, PUBSUB, Server, condition, connect, form, item
 
 RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "server", "run")
 ACCOUNTS = ("owner", "bob", "carol")
@@ -58,6 +59,11 @@ class Instance:
     def remove(self):
         self._run("down", self.folder)
         shutil.rmtree(self.folder, ignore_errors=True)
+
+
+def decoded(answer):
+    body = answer.read()
+    return json.loads(body) if answer.headers.get("Content-Type") == "application/json" else body
 
 
 class ServerTest(unittest.TestCase):
@@ -159,15 +165,15 @@ class ServerTest(unittest.TestCase):
                     % (self.server.pubsub, DEVICE, quoteattr(node or self.node), quoteattr(item_id)))
 
     def post(self, key, body, method="POST", headers=None):
-        """Status, headers and the decoded body of an HTTP request to the key's endpoint."""
+        """Status, headers and the body of an HTTP request to the key's endpoint; JSON is decoded."""
         request = urllib.request.Request("%s/%s" % (self.server.env["HTTP_URL"], key), method=method,
                                          data=body.encode() if isinstance(body, str) else body, headers=headers or {})
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
         try:
             with opener.open(request, timeout=30) as answer:
-                return answer.status, answer.headers, json.loads(answer.read() or b"null")
+                return answer.status, answer.headers, decoded(answer)
         except urllib.error.HTTPError as error:
-            return error.code, error.headers, json.loads(error.read() or b"null")
+            return error.code, error.headers, decoded(error)
 
     # ---- expectations
 
@@ -192,6 +198,13 @@ class ServerTest(unittest.TestCase):
     def assert_quiet(self, client, node=None):
         self.settle(client, node=node)
         self.assertEqual([xmppclient.xml(each) for each in client.messages()], [])
+
+    def wait_for(self, happened, deadline=30):
+        """Asks until it is so. For what is seen from outside alone, such as a log or a clock."""
+        end = time.monotonic() + deadline
+        while not happened():
+            self.assertLess(time.monotonic(), end, "it did not happen in time")
+            time.sleep(0.05)
 
     def assert_alive(self):
         self.assertEqual(self.client("carol").iq("get", "<ping xmlns='urn:xmpp:ping'/>", to=self.server.domain)

@@ -65,6 +65,7 @@ def connect(server, user, password, resource=None, presence=None):
 class Client:
     def __init__(self, server, user, password, resource=None):
         self.server = server
+        self.trace = None  # a list put here gets every stanza in the order of arrival
         self._lock = threading.Condition()
         self._send_lock = threading.Lock()
         self._answers = {}
@@ -227,6 +228,8 @@ class Client:
             self._lock.notify_all()
 
     def _sort(self, element):
+        if self.trace is not None:
+            self.trace.append(element)
         if element.tag == CLIENT + "iq" and element.get("type") in ("get", "set"):
             self.send("<iq type='result' id=%s to=%s/>" % (quoteattr(element.get("id")),
                                                           quoteattr(element.get("from") or self.server.domain)))
