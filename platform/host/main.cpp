@@ -7,23 +7,32 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cerrno>
 #include <cstring>
 #include <functional>
+#include <iostream>
+#include <string>
 #include <vector>
 
+#include "platform/host/accountcommand.h"
+#include "platform/host/accountservices.h"
+#include "platform/host/appinstaller.h"
 #include "platform/host/config.h"
 #include "platform/host/connectionmanager.h"
+#include "platform/host/portalwatch.h"
 #include "platform/host/power.h"
 #include "platform/host/say.h"
+#include "platform/host/systemmanager.h"
 
 namespace {
 
 constexpr char kUsage[] =
     "usage: zelt-host\n"
-    "\n"
-    "Provides the platform's services on the private bus (ZELT_PRIVATE_BUS): network state, alarms.\n"
-    "State is kept in ZELT_HOST_STATE_DIR, settings come from ZELT_HOST_CONF (/etc/zelt/host.conf).\n";
+    "           provides the platform's services on the private bus (ZELT_PRIVATE_BUS): power, network, "
+    "account,\n"
+    "           applications and boot; state is kept in ZELT_HOST_STATE_DIR (/var/lib/zelt/host), settings "
+    "come\n"
+    "           from ZELT_HOST_CONF (/etc/zelt/host.conf)\n";
 
 struct Service {
     const char* name;  // as in [services] enabled
@@ -76,58 +85,79 @@ bool prepareState(const HostConfig& config) {
     return false;
 }
 
+// Runs the services until told to end; false when they could not start or the bus was lost.
+bool serve(const HostConfig& config, const Ending& ending) {
+    GMainLoop* loop = ending.loop;
+    SystemBus system;
+    system.open();
+    Power power(config, system);
+    ConnectionManager network(config);
+    AccountServices account(config);
+    AppInstaller applications(config);
+    SystemManager boot(system, sd_booted() > 0);
+    PortalWatch portal(system, [&](bool captive) { network.setCaptivePortal(captive); });
+    ResumeWatch resume([&] {
+        power.ring();
+        network.refresh();
+    });
+    const std::vector<Service> services = {
+        {"power", [&] { return power.start(loop); }},
+        {"network", [&] { return network.start(loop); }},
+        {"account", [&] { return account.start(loop); }},
+        {"applications", [&] { return applications.start(loop); }},
+        {"boot", [&] { return boot.start(loop); }},
+    };
+    if (!startAll(services, config))
+        return false;
+    portal.start();
+    resume.open();
+    sd_notify(0, "READY=1");
+    g_main_loop_run(loop);
+    if (!ending.asked)
+        say("the private bus is lost; start again when it is back");
+    return ending.asked;
+}
+
 int runDaemon(const HostConfig& config) {
-    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    Ending ending{loop};
+    if (!prepareState(config))
+        return 1;
+    Ending ending{g_main_loop_new(nullptr, FALSE)};
     int signals = openSignals();
-    guint signalSource = g_unix_fd_add(signals, G_IO_IN, onSignal, &ending);
-    {
-        SystemBus system;
-        system.open();
-        ConnectionManager network(config);
-        Power power(config, system);
-        ResumeWatch resume([&] {
-            power.ring();
-            network.refresh();
-        });
-        resume.open();
-        const std::vector<Service> services = {
-            {"power", [&] { return power.start(loop); }},
-            {"network", [&] { return network.start(loop); }},
-        };
-        if (startAll(services, config)) {
-            sd_notify(0, "READY=1");
-            g_main_loop_run(loop);
-            if (!ending.asked)
-                say("the private bus is lost; start again when it is back");
-        }
-    }
-    g_source_remove(signalSource);
+    guint source = g_unix_fd_add(signals, G_IO_IN, onSignal, &ending);
+    bool well = serve(config, ending);
+    g_source_remove(source);
     close(signals);
-    g_main_loop_unref(loop);
-    return ending.asked ? 0 : 1;
+    g_main_loop_unref(ending.loop);
+    return well ? 0 : 1;
+}
+
+int misuse(const std::string& word) {
+    say("unknown argument %s; see zelt-host --help", word.c_str());
+    return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::vector<std::string> words(argv + 1, argv + argc);
+    std::string word = words.empty() ? "" : words[0];
+    if (word == "--help" || word == "-h") {
+        std::cout << kUsage << kAccountUsage;
+        return 0;
+    }
+    if (word == "--version") {
+        std::cout << "zelt-host " << ZELT_VERSION << "\n";
+        return 0;
+    }
+    if (!word.empty() && word != "account")
+        return misuse(word);
     HostConfig config;
     std::string problem;
-    if (argc > 1 && (!strcmp(argv[1], "--help") || !strcmp(argv[1], "-h"))) {
-        fputs(kUsage, stdout);
-        return 0;
-    }
-    if (argc > 1 && !strcmp(argv[1], "--version")) {
-        puts("zelt-host " ZELT_VERSION);
-        return 0;
-    }
-    if (argc > 1) {
-        say("unknown argument %s; see zelt-host --help", argv[1]);
-        return 2;
-    }
     if (!readHostConfig(config, problem)) {
         say("%s", problem.c_str());
         return 1;
     }
-    return prepareState(config) ? runDaemon(config) : 1;
+    if (word == "account")
+        return runAccountCommand({words.begin() + 1, words.end()}, config, std::cin, std::cout, std::cerr);
+    return runDaemon(config);
 }

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// com.zelt.accountservices: hands out the machine's push account. The file is read at each call, so a change
+// counts at once; nothing is kept.
+#pragma once
+
+#include "platform/host/busservice.h"
+#include "platform/host/config.h"
+
+class AccountServices {
+  public:
+    explicit AccountServices(const HostConfig& config) : m_file(config.accountFile) {}
+    Presence start(GMainLoop* loop);
+
+  private:
+    static bool onGetAccountToken(QSHandle* handle, QSMessage* message, void* context);
+
+    BusService m_bus;
+    std::string m_file;
+};

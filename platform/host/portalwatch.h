@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Tells whether NetworkManager has found a captive portal. Where it does not run nobody has looked for one.
+// Keeps the last verdict.
+#pragma once
+
+#include <functional>
+
+#include "platform/host/systembus.h"
+
+class PortalWatch {
+  public:
+    using OnVerdict = std::function<void(bool captive)>;
+
+    PortalWatch(SystemBus& system, OnVerdict onVerdict)
+        : m_system(system), m_onVerdict(std::move(onVerdict)) {}
+    ~PortalWatch();
+    PortalWatch(const PortalWatch&) = delete;
+    PortalWatch& operator=(const PortalWatch&) = delete;
+
+    void start();
+
+  private:
+    void ask();
+    void judge(bool captive);
+    static int onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error* error);
+    static int onPropertiesChanged(sd_bus_message* signal, void* data, sd_bus_error* error);
+    static int onMatched(sd_bus_message* reply, void* data, sd_bus_error* error);
+    static int onConnectivity(sd_bus_message* reply, void* data, sd_bus_error* error);
+
+    SystemBus& m_system;
+    OnVerdict m_onVerdict;
+    bool m_captive = false;
+    sd_bus_slot* m_owner = nullptr;
+    sd_bus_slot* m_properties = nullptr;
+    sd_bus_slot* m_query = nullptr;
+};

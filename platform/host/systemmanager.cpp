@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The system manager service. The signal is asked for before the state, so that a boot that ends in between
+// is seen.
+#include "platform/host/systemmanager.h"
+
+#include "platform/host/say.h"
+
+static constexpr char kSystemd[] = "org.freedesktop.systemd1";
+static constexpr char kPath[] = "/org/freedesktop/systemd1";
+static constexpr char kManager[] = "org.freedesktop.systemd1.Manager";
+
+static const char* bootPayload(bool finished) {
+    return finished ? "{\"returnValue\":true,\"finished\":true}"
+                    : "{\"returnValue\":true,\"finished\":false}";
+}
+
+SystemManager::~SystemManager() {
+    sd_bus_slot_unref(m_match);
+    sd_bus_slot_unref(m_query);
+}
+
+Presence SystemManager::start(GMainLoop* loop) {
+    static const QSMethod methods[] = {{"getBootStatus", onGetBootStatus, 0}, {nullptr, nullptr, 0}};
+    Presence presence = m_bus.take("com.zelt.systemmanager");
+    if (presence != Presence::Up)
+        return presence;
+    if (!m_finished && !askSystemd()) {
+        say("systemd cannot be asked about the boot; it is taken as finished");
+        m_finished = true;
+    }
+    return m_bus.serve("/", methods, this) && m_bus.attach(loop) ? Presence::Up : Presence::Failed;
+}
+
+bool SystemManager::askSystemd() {
+    sd_bus* bus = m_system.get();
+    return bus &&
+           sd_bus_match_signal_async(bus, &m_match, kSystemd, kPath, kManager, "StartupFinished",
+                                     onStartupFinished, onMatched, this) >= 0 &&
+           sd_bus_call_method_async(bus, nullptr, kSystemd, kPath, kManager, "Subscribe", onMatched, this,
+                                    "") >= 0 &&
+           sd_bus_call_method_async(bus, &m_query, kSystemd, kPath, "org.freedesktop.DBus.Properties", "Get",
+                                    onFinishTime, this, "ss", kManager, "FinishTimestampMonotonic") >= 0;
+}
+
+void SystemManager::finish() {
+    if (m_finished)
+        return;
+    m_finished = true;
+    m_bus.post("/", "getBootStatus", bootPayload(true));
+}
+
+int SystemManager::onStartupFinished(sd_bus_message*, void* data, sd_bus_error*) {
+    static_cast<SystemManager*>(data)->finish();
+    return 0;
+}
+
+int SystemManager::onMatched(sd_bus_message* reply, void*, sd_bus_error*) {
+    if (const sd_bus_error* error = sd_bus_message_get_error(reply))
+        say("systemd does not report the end of the boot: %s", error->message);
+    return 0;
+}
+
+int SystemManager::onFinishTime(sd_bus_message* reply, void* data, sd_bus_error*) {
+    auto* self = static_cast<SystemManager*>(data);
+    uint64_t finished = 0;
+    if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
+        say("systemd cannot be asked about the boot: %s; it is taken as finished", error->message);
+        self->finish();
+    } else if (sd_bus_message_read(reply, "v", "t", &finished) >= 0 && finished > 0) {
+        self->finish();
+    }
+    return 0;
+}
+
+bool SystemManager::onGetBootStatus(QSHandle*, QSMessage* message, void* context) {
+    auto* self = static_cast<SystemManager*>(context);
+    self->m_bus.replyAndSubscribe(message, bootPayload(self->m_finished));
+    return true;
+}

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// com.zelt.systemmanager: tells whether the machine has finished booting, by systemd where it runs. Elsewhere
+// a machine that runs this has booted. Nothing survives a restart.
+#pragma once
+
+#include "platform/host/busservice.h"
+#include "platform/host/systembus.h"
+
+class SystemManager {
+  public:
+    // `systemdRuns`: systemd is the machine's init.
+    SystemManager(SystemBus& system, bool systemdRuns) : m_system(system), m_finished(!systemdRuns) {}
+    ~SystemManager();
+    SystemManager(const SystemManager&) = delete;
+    SystemManager& operator=(const SystemManager&) = delete;
+
+    Presence start(GMainLoop* loop);
+
+  private:
+    bool askSystemd();
+    void finish();
+    static bool onGetBootStatus(QSHandle* handle, QSMessage* message, void* context);
+    static int onStartupFinished(sd_bus_message* signal, void* data, sd_bus_error* error);
+    static int onMatched(sd_bus_message* reply, void* data, sd_bus_error* error);
+    static int onFinishTime(sd_bus_message* reply, void* data, sd_bus_error* error);
+
+    BusService m_bus;
+    SystemBus& m_system;
+    bool m_finished;
+    sd_bus_slot* m_match = nullptr;
+    sd_bus_slot* m_query = nullptr;
+};
