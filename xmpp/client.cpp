@@ -191,7 +191,16 @@ void Client::handleConnect(const gloox::ConnectionBase* connection) {
 
 void Client::handleReceivedData(const gloox::ConnectionBase* connection, const std::string& data) {
     Busy busy(*this);
+    const bool plain = !m_encryptionActive;
     gloox::Client::handleReceivedData(connection, data);
+    if (plain)
+        noteStreamEnd(data);
+}
+
+void Client::handleDecryptedData(const gloox::TLSBase* tls, const std::string& data) {
+    Busy busy(*this);
+    gloox::Client::handleDecryptedData(tls, data);
+    noteStreamEnd(data);
 }
 
 void Client::handleDisconnect(const gloox::ConnectionBase* connection, gloox::ConnectionError reason) {

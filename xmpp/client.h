@@ -77,6 +77,7 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     void handleTag(gloox::Tag* tag) override;
     void handleConnect(const gloox::ConnectionBase* connection) override;
     void handleReceivedData(const gloox::ConnectionBase* connection, const std::string& data) override;
+    void handleDecryptedData(const gloox::TLSBase* tls, const std::string& data) override;
     void handleDisconnect(const gloox::ConnectionBase* connection, gloox::ConnectionError reason) override;
 
   private:
@@ -102,12 +103,14 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     bool isForeignEvent(const gloox::Tag& message);
     void passMessage(const gloox::Tag& message);
     void logIncoming(const gloox::Tag& tag);
+    void noteStreamEnd(const std::string& data);
 
     std::vector<gloox::ConnectionListener*> m_listeners;
     std::vector<gloox::MessageHandler*> m_messageHandlers;
     Manager* m_manager = nullptr;   // borrowed; it takes itself out
     gloox::JID m_service;           // the one sender of events and forms
     std::string m_serviceSpelling;  // how that sender last wrote itself: spares preparing it for each stanza
+    std::string m_tail;             // the last characters of the stream, for its end
     gloox::StringList m_caFiles;
     gloox::LogSink m_log;               // what the outside registers on; this client relays gloox's own to it
     GMainContext* m_context = nullptr;  // one reference from connect() on

@@ -33,6 +33,14 @@ const std::string& idPrefix() {
     return prefix;
 }
 
+// A name that was refused may hold anything: it must not spoil the log too.
+std::string printable(const std::string& name) {
+    gchar* escaped = g_strescape(name.substr(0, 120).c_str(), nullptr);
+    std::string text(escaped);
+    g_free(escaped);
+    return text;
+}
+
 StanzaWriter& openForm(StanzaWriter& stanza, const char* formType) {
     stanza.open("x", gloox::XMLNS_X_DATA).attribute("type", "submit");
     return stanza.field("FORM_TYPE", formType, true);
@@ -276,7 +284,7 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
                 part.open("node").attribute("id", *node).close();
             else
                 PrvPrintErr(__func__, __LINE__, "Left node %s out of %s: its name cannot be sent",
-                            node->c_str(), element);
+                            printable(*node).c_str(), element);
         }
         parts.emplace_back(id, part.finish());
     } while (node != nodes.end());
@@ -346,18 +354,18 @@ bool Manager::mayPass(const std::string& stanza, const char* what, const std::st
             __func__, __LINE__,
             "%s (%s) was not sent: it holds a control character, a line break in a name, a bad element name "
             "or text that is not UTF-8",
-            what, node.c_str());
+            what, printable(node).c_str());
         return false;
     }
     if (stanza.size() >= kStanzaLimit) {
         PrvPrintErr(__func__, __LINE__,
                     "%s (%s) was not sent: its %zu bytes are more than the server takes (%zu)", what,
-                    node.c_str(), stanza.size(), kStanzaLimit);
+                    printable(node).c_str(), stanza.size(), kStanzaLimit);
         return false;
     }
     if (!m_streamUp && m_held.size() >= kMaxHeld) {
         PrvPrintErr(__func__, __LINE__, "%s (%s) was not sent: %zu others wait for the connection already",
-                    what, node.c_str(), m_held.size());
+                    what, printable(node).c_str(), m_held.size());
         return false;
     }
     return true;

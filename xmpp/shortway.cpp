@@ -6,6 +6,9 @@
 #include <gloox/messagehandler.h>
 #include <gloox/tlsbase.h>
 
+#include <algorithm>
+#include <string_view>
+
 #include "util/log.h"
 #include "xmpp/client.h"
 #include "xmpp/manager.h"
@@ -33,7 +36,22 @@ bool mayBePlain(const gloox::Tag& tag) {
     return (tag.name() == "proceed" || tag.name() == "failure") && tag.xmlns() == gloox::XMLNS_STREAM_TLS;
 }
 
+constexpr std::string_view kStreamEnd = "</stream:stream>";
+constexpr std::string_view kBlanks = " \t\r\n";
+
 }  // namespace
+
+// gloox's parser passes over the end of the stream; without this a server that waits for ours keeps us for
+// ever.
+void Client::noteStreamEnd(const std::string& data) {
+    if (m_ended)
+        return;
+    m_tail.append(data, data.size() - std::min(data.size(), kStreamEnd.size() * 2));
+    m_tail.erase(m_tail.find_last_not_of(kBlanks) + 1);
+    if (m_tail.ends_with(kStreamEnd))
+        gloox::ClientBase::disconnect(gloox::ConnStreamClosed);
+    m_tail.erase(0, m_tail.size() - std::min(m_tail.size(), kStreamEnd.size()));
+}
 
 void Client::handleTag(gloox::Tag* tag) {
     if (m_disposed || m_ended)

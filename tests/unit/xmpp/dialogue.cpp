@@ -57,8 +57,8 @@ void RecordingHandler::record(const std::string& call, const gloox::Error* error
         line += " error " + (element ? element->xml() : std::string("(none)"));
     }
     calls.push_back(line);
-    if (then)
-        then();
+    if (const auto hook = then)
+        hook();
 }
 
 void RecordingHandler::handlePendingRequest(const std::string& id, const std::string& node,
@@ -151,28 +151,28 @@ void RecordingHandler::handleNodeConfigResult(const std::string& id, const gloox
 
 void RecordingListener::onConnect() {
     events.push_back("connect");
-    if (atConnect)
-        atConnect();
+    if (const auto hook = atConnect)
+        hook();
 }
 
 void RecordingListener::onDisconnect(gloox::ConnectionError error) {
     events.push_back("disconnect " + std::to_string(error));
-    if (atDisconnect)
-        atDisconnect();
+    if (const auto hook = atDisconnect)
+        hook();
 }
 
 bool RecordingListener::onTLSConnect(const gloox::CertInfo& info) {
     certificate = info;
     events.push_back("tls " + std::to_string(info.status));
-    if (atTls)
-        atTls();
+    if (const auto hook = atTls)
+        hook();
     return accepts && info.status == gloox::CertOk;
 }
 
 void RecordingListener::handleMessage(const gloox::Message& message, gloox::MessageSession*) {
     events.push_back("message " + dynamic_cast<const xmpp::ReceivedMessage&>(message).element().xml());
-    if (atMessage)
-        atMessage();
+    if (const auto hook = atMessage)
+        hook();
 }
 
 int RecordingListener::count(const std::string& beginning) const {

@@ -1,0 +1,324 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Texts that must never reach the stream, and operations that wait for it.
+#include <gloox/dataform.h>
+
+#include <memory>
+
+#include "dialogue.h"
+#include "xmpp/xmltext.h"
+
+namespace {
+
+using gloox::PubSub::AccessDefault;
+using gloox::PubSub::NodeLeaf;
+using gloox::PubSub::SubscriptionNodes;
+
+const gloox::JID kMe("me@example.org/tv");
+
+// What no text of a stanza may hold.
+const std::vector<std::string> kBadTexts = {std::string("nul\0nul", 7),
+                                            "bell\x07",
+                                            "escape\x1b[0m",
+                                            "\x1f",
+                                            "lone \xff",
+                                            "cut \xe2\x82",
+                                            "overlong \xc0\xaf",
+                                            "overlong \xe0\x80\xaf",
+                                            "overlong \xf0\x80\x80\xaf",
+                                            "surrogate \xed\xa0\x80",
+                                            "U+FFFE \xef\xbf\xbe",
+                                            "U+FFFF \xef\xbf\xbf",
+                                            "above U+10FFFF \xf4\x90\x80\x80",
+                                            "five bytes \xf8\x88\x80\x80\x80",
+                                            "tail \x80"};
+// And no name, since a parser makes blanks of them.
+const std::vector<std::string> kBadNames = {"tab\tin", "line\nin", "return\rin"};
+
+std::vector<std::string> badNames() {
+    std::vector<std::string> all = kBadTexts;
+    all.insert(all.end(), kBadNames.begin(), kBadNames.end());
+    return all;
+}
+
+class BadNames : public Dialogue, public testing::WithParamInterface<std::string> {
+  protected:
+    BadNames() { logIn(); }
+    ~BadNames() override { EXPECT_TRUE(connection->sent.empty()); }
+};
+
+TEST_P(BadNames, AreRefusedAsNodes) {
+    const std::string& bad = GetParam();
+    EXPECT_EQ(manager->createNode(NodeLeaf, service, bad, &handler, "", "", AccessDefault, nullptr), "");
+    EXPECT_EQ(manager->createKeyNode(NodeLeaf, service, bad, &handler, "", "", AccessDefault, nullptr), "");
+    EXPECT_EQ(manager->deleteNode(service, bad, &handler), "");
+    EXPECT_EQ(manager->publishItem(service, bad, new gloox::Tag("item"), &handler), "");
+    EXPECT_EQ(manager->nodeConfig(service, bad, nullptr, &handler), "");
+    EXPECT_EQ(manager->nodeConfig(service, bad, new gloox::DataForm(gloox::TypeSubmit), &handler), "");
+    EXPECT_EQ(manager->subscribe(service, bad, &handler, kMe, SubscriptionNodes, 1), "");
+    EXPECT_EQ(manager->unsubscribe(service, bad, &handler, "s", kMe), "");
+    EXPECT_EQ(manager->getKey(service, bad, &handler), "");
+    EXPECT_EQ(manager->activateNode(service, bad, "1", &handler), "");
+    EXPECT_EQ(manager->deActivateNode(service, bad, &handler), "");
+    EXPECT_EQ(manager->ackItem(service, bad, "1"), "");
+}
+
+TEST_P(BadNames, AreRefusedAsEveryOtherAttribute) {
+    const std::string& bad = GetParam();
+    EXPECT_EQ(manager->unsubscribe(service, "/a", &handler, bad, kMe), "");
+    EXPECT_EQ(manager->activateNode(service, "/a", bad, &handler), "");
+    EXPECT_EQ(manager->getPendingNodeRequest(service, "/a", bad, &handler), "");
+    EXPECT_EQ(manager->approvePending(service, "/a", bad, "s", "true", "x@y"), "");
+    EXPECT_EQ(manager->ackItem(service, "/a", bad), "");
+    const xmpp::StringMap config{{bad, "1"}};
+    EXPECT_EQ(manager->createNode(NodeLeaf, service, "/a", &handler, "", "", AccessDefault, &config), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, BadNames, testing::ValuesIn(badNames()));
+
+class BadTexts : public Dialogue, public testing::WithParamInterface<std::string> {
+  protected:
+    BadTexts() { logIn(); }
+};
+
+TEST_P(BadTexts, AreRefusedAsFieldValues) {
+    const std::string& bad = GetParam();
+    EXPECT_EQ(manager->createNode(NodeLeaf, service, "/a", &handler, bad, "", AccessDefault, nullptr), "");
+    EXPECT_EQ(manager->createNode(NodeLeaf, service, "/a", &handler, "", bad, AccessDefault, nullptr), "");
+    const xmpp::StringMap config{{"pubsub#x", bad}};
+    EXPECT_EQ(manager->createKeyNode(NodeLeaf, service, "/a", &handler, "", "", AccessDefault, &config), "");
+    EXPECT_EQ(manager->getPendingNodeRequest(service, bad, "s", &handler), "");
+    EXPECT_EQ(manager->approvePending(service, bad, "m", "s", "true", "x@y"), "");
+    EXPECT_EQ(manager->approvePending(service, "/a", "m", bad, "true", "x@y"), "");
+    EXPECT_EQ(manager->approvePending(service, "/a", "m", "s", bad, "x@y"), "");
+    EXPECT_EQ(manager->approvePending(service, "/a", "m", "s", "true", bad), "");
+    EXPECT_TRUE(connection->sent.empty());
+}
+
+TEST_P(BadTexts, AreNoXmlText) {
+    EXPECT_FALSE(xmpp::isXmlText(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, BadTexts, testing::ValuesIn(kBadTexts));
+
+class GoodTexts : public testing::TestWithParam<std::string> {};
+
+TEST_P(GoodTexts, AreXmlText) {
+    EXPECT_TRUE(xmpp::isXmlText(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, GoodTexts,
+                         testing::Values("", "plain", "tab\tline\nreturn\r", "\x7f", "\xc2\x80", "\xdf\xbf",
+                                         "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbd",
+                                         "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf", "\xef\xb7\x90"));
+
+class PublishedItems : public Dialogue {
+  protected:
+    PublishedItems() { logIn(); }
+    std::string publish(gloox::Tag* item) { return manager->publishItem(service, "/a", item, &handler); }
+    static gloox::Tag* itemWith(const std::string& child) {
+        auto* item = new gloox::Tag("item");
+        new gloox::Tag(item, child);
+        return item;
+    }
+};
+
+class BadElements : public PublishedItems, public testing::WithParamInterface<std::string> {};
+
+TEST_P(BadElements, AreRefusedAsElementAndAsAttribute) {
+    EXPECT_EQ(publish(itemWith(GetParam())), "");
+    auto* item = new gloox::Tag("item");
+    (new gloox::Tag(item, "payload"))->addAttribute(GetParam() == "" ? "\x01" : GetParam(), "value");
+    EXPECT_EQ(publish(item), "");
+    EXPECT_TRUE(connection->sent.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, BadElements,
+                         testing::Values("", "two words", "1st", "-dash", ".dot", "a<b", "a>b", "a&b", "a'b",
+                                         "a\"b", "a/b", "a=b", "\xc2\xb7start", "\xff", "unbound:name",
+                                         ":name", "name:", "a:b:c", "multi\xc3\x97ply", "\xe2\x82\xac"));
+
+class GoodElements : public PublishedItems, public testing::WithParamInterface<std::string> {};
+
+TEST_P(GoodElements, ArePublished) {
+    EXPECT_NE(publish(itemWith(GetParam())), "");
+    EXPECT_NE(last().find("<" + GetParam() + "/>"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, GoodElements,
+                         testing::Values("payload", "_x", "a-b.c_d1", "\xc3\xa4rger",
+                                         "\xe6\x97\xa5\xe6\x9c\xac"));
+
+TEST_F(PublishedItems, MayHoldPrefixesThatTheyDeclare) {
+    auto* item = new gloox::Tag("item");
+    auto* outer = new gloox::Tag(item, "p:outer");
+    outer->addAttribute("xmlns:p", "urn:example");
+    new gloox::Tag(outer, "p:inner", "p:note", "1");
+    EXPECT_NE(publish(item), "");
+    EXPECT_EQ(publish(itemWith("p:outer")), "");
+}
+
+TEST_F(PublishedItems, MayNotUseAPrefixOutsideItsElement) {
+    auto* item = new gloox::Tag("item");
+    new gloox::Tag(item, "p:first", "xmlns:p", "urn:example");
+    new gloox::Tag(item, "p:second");
+    EXPECT_EQ(publish(item), "");
+}
+
+TEST_F(PublishedItems, MayNotBindWhatXmlReserves) {
+    const std::pair<const char*, const char*> bindings[] = {
+        {"xmlns:xmlns", "urn:example"},
+        {"xmlns:xml", "urn:example"},
+        {"xmlns:p", "http://www.w3.org/XML/1998/namespace"},
+        {"xmlns:p", "http://www.w3.org/2000/xmlns/"},
+        {"xmlns", "http://www.w3.org/XML/1998/namespace"},
+        {"xmlns", "http://www.w3.org/2000/xmlns/"}};
+    for (const auto& [name, uri] : bindings)
+        EXPECT_EQ(publish(new gloox::Tag("item", name, uri)), "") << name << " " << uri;
+    EXPECT_NE(publish(new gloox::Tag("item", "xml:lang", "de")), "");
+}
+
+TEST_F(PublishedItems, MayNotRepeatAnAttributeUnderTwoPrefixes) {
+    auto* item = new gloox::Tag("item", "xmlns:a", "urn:example");
+    item->addAttribute("xmlns:b", "urn:example");
+    item->addAttribute("a:x", "1");
+    item->addAttribute("b:x", "2");
+    EXPECT_EQ(publish(item), "");
+}
+
+TEST_F(PublishedItems, MayHoldLineBreaksInTextButNotInAttributes) {
+    auto* good = new gloox::Tag("item");
+    new gloox::Tag(good, "payload", "one\n\ttwo");
+    EXPECT_NE(publish(good), "");
+    EXPECT_EQ(publish(new gloox::Tag("item", "note", "one\ntwo")), "");
+    EXPECT_EQ(publish(new gloox::Tag("item", "note", "one\ttwo")), "");
+}
+
+TEST_F(PublishedItems, AreCheckedAtEveryDepth) {
+    auto* item = new gloox::Tag("item");
+    gloox::Tag* inner = item;
+    for (int depth = 0; depth < 20; ++depth)
+        inner = new gloox::Tag(inner, "level");
+    inner->addAttribute("note", "\xed\xa0\x80");
+    EXPECT_EQ(publish(item), "");
+}
+
+TEST_F(PublishedItems, OfBottomlessDepthAreRefused) {
+    auto* item = new gloox::Tag("item");
+    gloox::Tag* inner = item;
+    for (int depth = 0; depth < 1'000; ++depth)
+        inner = new gloox::Tag(inner, "level");
+    EXPECT_EQ(publish(item), "");
+}
+
+TEST_F(PublishedItems, ReachTheServersLimitAndNoFurther) {
+    const auto itemOf = [](std::size_t size) {
+        auto* item = new gloox::Tag("item");
+        item->setCData(std::string(size, 'x'));
+        return item;
+    };
+    ASSERT_NE(publish(itemOf(1)), "");
+    const std::size_t frame = connection->sent.back().size() - 1;
+    connection->sent.clear();
+    // Ids grow by a digit now and then, and with them the frame.
+    EXPECT_NE(publish(itemOf(262'143 - frame - 8)), "");
+    EXPECT_EQ(publish(itemOf(262'144 - frame)), "");
+    EXPECT_EQ(connection->sent.size(), 1u);
+}
+
+class Lists : public Dialogue {
+  protected:
+    Lists() { logIn(); }
+};
+
+TEST_F(Lists, LeaveOutNamesThatCannotBeSent) {
+    for (const std::string& bad : badNames()) {
+        const std::string id = manager->bulkActivate(service, {"/a", bad, "/b"}, &handler);
+        EXPECT_EQ(last(), "<iq to='pubsub.example.org' id='" + id +
+                              "' type='set'><activate-nodes xmlns='urn:zelt:pubsub:device:0'><node id='/a'/>"
+                              "<node id='/b'/></activate-nodes></iq>");
+    }
+}
+
+TEST_F(Lists, LeaveOutANameThatFillsAStanza) {
+    const std::string id = manager->bulkDelete(service, {"/a", std::string(300'000, 'n')}, &handler);
+    EXPECT_EQ(last(), "<iq to='pubsub.example.org' id='" + id +
+                          "' type='set'><delete-nodes xmlns='urn:zelt:pubsub:device:0'><node id='/a'/>"
+                          "</delete-nodes></iq>");
+}
+
+TEST_F(Lists, AreNoPlaceForEmptyNodesOfSingleOperations) {
+    EXPECT_EQ(manager->createNode(NodeLeaf, service, "", &handler, "", "", AccessDefault, nullptr), "");
+    EXPECT_EQ(manager->deleteNode(service, "", &handler), "");
+    EXPECT_EQ(manager->publishItem(service, "", new gloox::Tag("item"), &handler), "");
+    EXPECT_EQ(manager->subscribe(service, "", &handler, kMe, SubscriptionNodes, 1), "");
+    EXPECT_EQ(manager->getPendingNodeRequest(service, "", "s", &handler), "");
+    EXPECT_EQ(manager->subscribe(service, "/a", &handler, gloox::JID(), SubscriptionNodes, 1), "");
+    EXPECT_TRUE(connection->sent.empty());
+}
+
+// --- operations that wait for the stream
+
+class BeforeTheStream : public Dialogue {};
+
+TEST_F(BeforeTheStream, OperationsAreHeldAndSentInOrderBehindTheListenersPresence) {
+    const std::string first = manager->getKey(service, "/a", &handler);
+    listener.atConnect = [this] {
+        client->setPresence(service, gloox::Presence::Available, 0, "online");
+        manager->ackItem(service, "/c", "3");
+    };
+    logInUpToBind();
+    const std::string second = manager->deActivateNode(service, "/b", &handler);
+    bind();
+    ASSERT_EQ(connection->sent.size(), 4u);
+    EXPECT_EQ(connection->sent[0],
+              "<presence to='pubsub.example.org' from='device@example.org/tv' xmlns='jabber:client'>"
+              "<priority>0</priority><status>online</status></presence>");
+    EXPECT_NE(connection->sent[1].find(first), std::string::npos);
+    EXPECT_NE(connection->sent[2].find(second), std::string::npos);
+    EXPECT_NE(connection->sent[3].find("<ack "), std::string::npos);
+    answer(first, "result");
+    answer(second, "result");
+    EXPECT_EQ(handler.calls.size(), 2u);
+}
+
+TEST_F(BeforeTheStream, AThousandOperationsAreHeldAndNoMore) {
+    for (int i = 0; i < 1'000; ++i)
+        ASSERT_NE(manager->getKey(service, "/a", &handler), "");
+    EXPECT_EQ(manager->getKey(service, "/a", &handler), "");
+    EXPECT_EQ(manager->ackItem(service, "/a", "1"), "");
+    EXPECT_EQ(manager->bulkDelete(service, {"/a"}, &handler), "");
+    logIn();
+    EXPECT_EQ(connection->sent.size(), 1'000u);
+    EXPECT_NE(manager->getKey(service, "/a", &handler), "");
+}
+
+TEST_F(BeforeTheStream, HeldOperationsGoWithTheClient) {
+    EXPECT_NE(manager->getKey(service, "/a", &handler), "");
+    logInUpToBind();
+    connection->sent.clear();
+    std::vector<std::string> sent;
+    connection->whenDeleted = [this, &sent] { sent = connection->sent; };
+    disposeClient();
+    EXPECT_EQ(sent, std::vector<std::string>{"</stream:stream>"});
+}
+
+TEST_F(BeforeTheStream, NothingHeldIsSentWhenTheListenerDisposesOfTheClient) {
+    manager->getKey(service, "/a", &handler);
+    logInUpToBind();
+    std::vector<std::string> sent;
+    connection->whenDeleted = [this, &sent] { sent = connection->sent; };
+    listener.atConnect = [this] { disposeClient(); };
+    bind();
+    settle();
+    EXPECT_EQ(sent, std::vector<std::string>{"</stream:stream>"});
+}
+
+TEST_F(BeforeTheStream, OperationsAreHeldAgainAfterALoss) {
+    logIn();
+    connection->loses(gloox::ConnIoError);
+    connection->sent.clear();
+    EXPECT_NE(manager->getKey(service, "/a", &handler), "");
+    EXPECT_TRUE(connection->sent.empty());
+}
+
+}  // namespace
