@@ -17,7 +17,7 @@ namespace xmpp {
 bool isXmlText(std::string_view text);
 // The same without tabs and line breaks: a parser turns those of an attribute value into blanks.
 bool isXmlAttribute(std::string_view value);
-// A name without a colon (Namespaces in XML 1.0, production NCName).
+// A name without a colon (Namespaces in XML 1.0, production NCName) that every parser takes for one.
 bool isXmlName(std::string_view name);
 // Whether the element and everything beneath it can be written as it stands: names, declared prefixes, texts.
 bool isXmlElement(const gloox::Tag& tag);

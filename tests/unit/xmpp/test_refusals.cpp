@@ -127,8 +127,13 @@ class BadElements : public PublishedItems, public testing::WithParamInterface<st
 TEST_P(BadElements, AreRefusedAsElementAndAsAttribute) {
     EXPECT_EQ(publish(itemWith(GetParam())), "");
     auto* item = new gloox::Tag("item");
-    (new gloox::Tag(item, "payload"))->addAttribute(GetParam() == "" ? "\x01" : GetParam(), "value");
-    EXPECT_EQ(publish(item), "");
+    item->addAttribute(GetParam(), "value");
+    // gloox leaves out an attribute that it knows to be bad by itself.
+    if (!item->attributes().empty()) {
+        EXPECT_EQ(publish(item), "");
+    } else {
+        delete item;
+    }
     EXPECT_TRUE(connection->sent.empty());
 }
 
