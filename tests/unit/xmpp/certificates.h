@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Certificates made for a test: an authority with a file of its own, and servers that it vouches for.
+#pragma once
+
+#include <gnutls/gnutls.h>
+#include <gnutls/x509.h>
+
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+// A folder that goes with the object.
+class TemporaryFolder {
+  public:
+    TemporaryFolder();
+    ~TemporaryFolder() { std::filesystem::remove_all(m_path); }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+  private:
+    std::string m_path;
+};
+
+// Certificate and key in PEM.
+struct Identity {
+    std::string certificate;
+    std::string key;
+};
+
+class Authority {
+  public:
+    explicit Authority(const std::string& name);
+    ~Authority();
+    Authority(const Authority&) = delete;
+    Authority& operator=(const Authority&) = delete;
+
+    // Names with digits and dots alone are IP addresses.
+    Identity vouchFor(const std::vector<std::string>& names, std::time_t from, std::time_t until) const;
+    Identity vouchFor(const std::vector<std::string>& names) const;
+    // The authority's certificate, for a client to trust.
+    const std::string& file() const { return m_file; }
+
+  private:
+    TemporaryFolder m_folder;
+    std::string m_file;
+    gnutls_x509_privkey_t m_key = nullptr;
+    gnutls_x509_crt_t m_certificate = nullptr;
+};
