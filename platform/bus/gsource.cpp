@@ -23,6 +23,7 @@ constexpr uint64_t kNever = std::numeric_limits<uint64_t>::max();
 struct BusSource {
     GSource base;
     GPollFD descriptor;
+    uint64_t due;      // as of the last prepare, monotonic microseconds
     QSHandle* handle;  // borrowed: the source is destroyed before the handle
 };
 
@@ -30,30 +31,46 @@ BusSource* asBusSource(GSource* source) {
     return reinterpret_cast<BusSource*>(source);
 }
 
-// Milliseconds until sd-bus has work of its own, -1 for never: a timeout only while the daemon owes an
-// answer.
-int timeLeft(sd_bus* bus) {
+// When sd-bus has work of its own: at once for messages that it has read already, later only while the daemon
+// owes an answer, otherwise never.
+uint64_t dueTime(sd_bus* bus) {
     uint64_t due = kNever;
-    if (sd_bus_get_timeout(bus, &due) < 0 || due == kNever)
+    return sd_bus_get_timeout(bus, &due) < 0 ? kNever : due;
+}
+
+bool isDue(uint64_t due) {
+    return due == 0 || (due != kNever && due <= static_cast<uint64_t>(g_get_monotonic_time()));
+}
+
+int millisecondsUntil(uint64_t due) {
+    if (due == kNever)
         return -1;
-    auto now = static_cast<uint64_t>(g_get_monotonic_time());
-    if (due <= now)
-        return 0;
-    return static_cast<int>(std::min<uint64_t>((due - now + 999) / 1000, std::numeric_limits<int>::max()));
+    uint64_t now = static_cast<uint64_t>(g_get_monotonic_time());
+    uint64_t left = due > now ? (due - now + 999) / 1000 : 0;
+    return static_cast<int>(std::min<uint64_t>(left, std::numeric_limits<int>::max()));
 }
 
 gboolean prepare(GSource* source, gint* timeout) {
     BusSource* self = asBusSource(source);
+    self->due = kNever;
+    self->descriptor.events = 0;
+    *timeout = -1;
+    // A main loop inside a bus callback waits for other sources; this one has its turn afterwards.
+    if (self->handle->processing)
+        return FALSE;
     int events = sd_bus_get_events(self->handle->bus);
-    self->descriptor.events = static_cast<gushort>(std::max(events, 0));
     // A connection that gives no events is lost: the dispatch finds out why.
-    *timeout = events < 0 ? 0 : timeLeft(self->handle->bus);
-    return *timeout == 0;
+    self->due = events < 0 ? 0 : dueTime(self->handle->bus);
+    self->descriptor.events = static_cast<gushort>(std::max(events, 0));
+    if (isDue(self->due))
+        return TRUE;
+    *timeout = millisecondsUntil(self->due);
+    return FALSE;
 }
 
 gboolean check(GSource* source) {
     BusSource* self = asBusSource(source);
-    return self->descriptor.revents != 0 || timeLeft(self->handle->bus) == 0;
+    return !self->handle->processing && (self->descriptor.revents != 0 || isDue(self->due));
 }
 
 gboolean dispatch(GSource* source, GSourceFunc, gpointer) {
@@ -112,8 +129,13 @@ bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error) {
     BusSource* self = asBusSource(source);
     self->handle = handle;
     self->descriptor = {descriptor, 0, 0};
+    self->due = kNever;
     g_source_add_poll(source, &self->descriptor);
     g_source_set_name(source, busIsPublic(handle) ? "public bus" : "private bus");
+    // Not for recursion, which `processing` holds off: a source that may not recurse is taken out of the poll
+    // set and put back around each dispatch, and each of the two wakes the loop by a write to its own
+    // descriptor.
+    g_source_set_can_recurse(source, TRUE);
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_attach(source, g_main_loop_get_context(loop));
     handle->source = source;

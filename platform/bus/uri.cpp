@@ -32,6 +32,11 @@ bool isMember(const std::string& name) {
     return sd_bus_member_name_is_valid(name.c_str()) > 0 && !(name.front() >= '0' && name.front() <= '9');
 }
 
+// D-Bus keeps these for the library's own use; a bus daemon closes the connection that sends one.
+bool isReserved(const BusAddress& address) {
+    return address.service == "org.freedesktop.DBus.Local" || address.path == "/org/freedesktop/DBus/Local";
+}
+
 }  // namespace
 
 bool busParseUri(const char* uri, BusAddress& address, QSError* error) {
@@ -54,5 +59,7 @@ bool busParseUri(const char* uri, BusAddress& address, QSError* error) {
         return refuse(uri, "has a category that D-Bus does not bear (letters, digits and _ only)", error);
     if (!isMember(address.method))
         return refuse(uri, "has a method name that D-Bus does not bear (letters, digits and _ only)", error);
+    if (isReserved(address))
+        return refuse(uri, "is one that D-Bus reserves", error);
     return true;
 }

@@ -51,5 +51,7 @@ TEST(Address, SaysWhatIsWrongWithIt) {
     EXPECT_THAT(reason("zelt://com.zelt.power/1st"), HasSubstr("method name"));
     EXPECT_THAT(reason("zelt://com.zelt.power/set#x"), HasSubstr("method name"));
     EXPECT_THAT(reason(("zelt://com.zelt.power/" + std::string(256, 'm')).c_str()), HasSubstr("method name"));
+    EXPECT_THAT(reason("zelt://org.freedesktop.DBus.Local/x"), HasSubstr("reserves"));
+    EXPECT_THAT(reason("zelt://com.zelt.power/org/freedesktop/DBus/Local/x"), HasSubstr("reserves"));
     EXPECT_THAT(reason(("zelt://" + std::string(250, 's') + ".zelt.power/m").c_str()), HasSubstr("service"));
 }
