@@ -80,9 +80,13 @@ OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
     replaceAll(config, "@DIR@", m_folder.path());
     replaceAll(config, "@BUS@", busName(bus));
     replaceAll(config, "@EXTRA@", extraConfig);
-    std::string file = m_folder.path() + "/" + busName(bus) + ".conf";
-    std::ofstream(file) << config;
+    return startBusDaemon(m_folder.path(), busName(bus), config);
+}
 
+OwnedProcess startBusDaemon(const std::string& folder, const std::string& name, const std::string& config) {
+    std::string file = folder + "/" + name + ".conf";
+    std::string log = folder + "/" + name + ".log";
+    std::ofstream(file) << config;
     int ready[2];
     if (pipe(ready) != 0)
         throw std::runtime_error("no pipe to the bus daemon");
@@ -90,7 +94,6 @@ OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         close(ready[0]);
-        std::string log = m_folder.path() + "/" + busName(bus) + ".log";
         if (!freopen(log.c_str(), "w", stderr))
             _exit(127);
         std::string configOption = "--config-file=" + file;
@@ -106,7 +109,6 @@ OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
     bool listens = read(ready[0], &byte, 1) == 1;
     close(ready[0]);
     if (!listens)
-        throw std::runtime_error("the " + std::string(busName(bus)) + " bus daemon did not start: " +
-                                 readFile(m_folder.path() + "/" + busName(bus) + ".log"));
+        throw std::runtime_error("the " + name + " bus daemon did not start: " + readFile(log));
     return daemon;
 }

@@ -39,6 +39,9 @@ class TestFolder {
     std::string m_path;
 };
 
+// Starts a bus daemon with this configuration, kept as FOLDER/NAME.conf; it listens when this returns.
+OwnedProcess startBusDaemon(const std::string& folder, const std::string& name, const std::string& config);
+
 class RealBuses {
   public:
     // Starts both and points ZELT_PRIVATE_BUS and ZELT_PUBLIC_BUS at them. A folder with activation files may

@@ -99,6 +99,22 @@ TEST_F(Lifetime, UnregisteringInsideAHandlerIsBorne) {
     EXPECT_TRUE(m_engine->until([&] { return m_public == nullptr; }));
 }
 
+TEST_F(Lifetime, AMainLoopInsideAHandlerHandlesNothingOfTheSameBus) {
+    auto client = m_engine->client(QSBus::Public);
+    m_handlers["follow"] = [&](QSHandle* handle, QSMessage* message) {
+        ASSERT_TRUE(hasInput(m_public));
+        EXPECT_FALSE(g_main_context_iteration(nullptr, FALSE));
+        EXPECT_THAT(m_kept, IsEmpty());
+        EXPECT_TRUE(QSMessageReply(handle, message, "{}", m_error));
+    };
+    size_t known = 0;
+    EXPECT_TRUE(reply(request(*client, known), "{}"));
+    m_kept.clear();
+    size_t call = client->call("/", "follow", "{}");
+    client->call("/", "hold", "{}");
+    ASSERT_TRUE(has(*client, call, 1) && arrived(1));
+}
+
 class LostBus : public RealBusTest, public testing::WithParamInterface<QSBus> {};
 INSTANTIATE_TEST_SUITE_P(, LostBus, testing::Values(QSBus::Private, QSBus::Public), busOfCase);
 
