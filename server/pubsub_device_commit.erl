@@ -1,10 +1,10 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The group commit of a member: callers wait until what they have written is on disk. One sync answers everybody who
-%% asked before it began, so its cost is shared by all writers.
+%% The group commit of a member: callers wait until what they have written is on disk, and answers that say so wait
+%% here. One sync serves everybody who asked before it began, so its cost is shared by all.
 -module(pubsub_device_commit).
 -behaviour(gen_server).
 
--export([start_link/0, sync/0]).
+-export([start_link/0, sync/0, answer/1]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
 
 start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
@@ -15,20 +15,28 @@ sync() ->
         false -> ok
     end.
 
+%% Sends the answer once all that was written before is on disk. The session that asked goes on meanwhile.
+answer(IQ) ->
+    gen_server:cast(?MODULE, {answer, IQ}).
+
 %% This process outlives the writers, so the counts are its own.
 init([]) ->
     pubsub_device_bounds:init(),
     {ok, []}.
 
-handle_call(sync, From, Waiting) -> {noreply, [From | Waiting], 0}.
+handle_call(sync, From, Waiting) -> {noreply, [{reply, From} | Waiting], 0}.
+
+handle_cast({answer, IQ}, Waiting) -> {noreply, [{answer, IQ} | Waiting], 0}.
 
 handle_info(timeout, Waiting) ->
-    ok = mnesia:sync_log(),
-    [gen_server:reply(From, ok) || From <- Waiting],
+    mod_pubsub_device:option(sync) andalso (ok = mnesia:sync_log()),
+    lists:foreach(fun finish/1, lists:reverse(Waiting)),
     {noreply, []};
 handle_info(_, Waiting) ->
     {noreply, Waiting, 0}.
 
-handle_cast(_, Waiting) -> {noreply, Waiting, 0}.
+finish({reply, From}) -> gen_server:reply(From, ok);
+finish({answer, IQ}) -> ejabberd_router:route(IQ).
+
 terminate(_, _) -> ok.
 code_change(_, Waiting, _) -> {ok, Waiting}.

@@ -65,7 +65,7 @@ publish(IQ) ->
             Text = <<"The service is full; try again later">>,
             ejabberd_router:route_error(IQ, xmpp:err_resource_constraint(Text, <<"en">>)),
             drop;
-        false -> pubsub_device_publish:begin_publish(), IQ
+        false -> pubsub_device_publish:begin_publish(ahead), IQ
     end.
 
 %% An acknowledgement has no answer. It counts for the session that it comes from.
@@ -76,14 +76,14 @@ acknowledge(Service, From, Ack) ->
 
 %%% outwards
 
-%% What the service says it has done is on disk first, as an item is.
+%% What the service says it has done is on disk first, as an item is. The session does not wait for that: it goes on
+%% with the next request, and the answer follows.
 answer(Service, IQ) ->
-    Outcome = pubsub_device_publish:outcome(),
+    Published = pubsub_device_publish:hand_over(IQ),
     pubsub_device_publish:end_publish(),
-    case {erase(?CHANGE), IQ, Outcome} of
-        {_, #iq{type = result}, {error, Error}} -> IQ#iq{type = error, sub_els = [Error]};
-        {_, #iq{type = result}, {ok, _}} -> IQ;
-        {true, #iq{type = result}, none} -> pubsub_device_commit:sync(), pubsub_device_forms:complete(Service, IQ);
+    case {erase(?CHANGE), IQ} of
+        _ when Published -> drop;
+        {true, #iq{type = result}} -> pubsub_device_commit:answer(pubsub_device_forms:complete(Service, IQ)), drop;
         _ -> IQ
     end.
 

@@ -83,8 +83,8 @@ create_key_node({_, NodeId} = Node, Element, #iq{from = From} = IQ) ->
             case pubsub_device_writer:call(Node, {create_key, Node, account(From), Create}) of
                 {ok, Key, Status} ->
                     pubsub_device_presence:announce(From),
-                    pubsub_device_commit:sync(),
-                    answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, Status)});
+                    pubsub_device_commit:answer(answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, Status)})),
+                    ignore;
                 Error -> answer(IQ, Error)
             end
     end.

@@ -2,16 +2,21 @@
 %% From the engine to the writer. While an item is being published, the publisher's process holds a context: the
 %% engine's notifications are caught in it instead of being sent, and the engine's hook hands them to the node's
 %% writer. The context lasts for one request; the process dictionary is the only thing that the engine's calls share.
+%%
+%% A session publishes ahead: it does not wait for the writer, a waiter does, and sends the engine's answer when the
+%% item is on disk. The session's own requests reach the writer in the order in which it made them.
 -module(pubsub_device_publish).
 
--export([begin_publish/0, end_publish/0, is_publishing/0, catch_message/1, outcome/0, on_publish/6, by_key/3]).
+-export([begin_publish/1, end_publish/0, is_publishing/0, catch_message/1, hand_over/1, on_publish/6, by_key/3]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
 
 -define(CONTEXT, '$pubsub_device_publish').
+-define(TIMEOUT, 60000).
 
-begin_publish() -> put(?CONTEXT, #{messages => []}), ok.
+%% How: `ahead`, or `waiting` for the outcome.
+begin_publish(How) -> put(?CONTEXT, #{how => How, messages => []}), ok.
 end_publish() -> erase(?CONTEXT), ok.
 is_publishing() -> get(?CONTEXT) /= undefined.
 
@@ -22,11 +27,11 @@ catch_message(Message) ->
         undefined -> false
     end.
 
-%% What became of the item: {ok, Number}, {error, Error}, or `none` when nothing was published.
-outcome() ->
+%% Gives the engine's answer to the waiter, if there is one.
+hand_over(IQ) ->
     case get(?CONTEXT) of
-        #{outcome := Outcome} -> Outcome;
-        _ -> none
+        #{waiter := Waiter} -> Waiter ! {answer, IQ}, true;
+        _ -> false
     end.
 
 on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, ItemId, Payload) ->
@@ -37,14 +42,30 @@ on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, Ite
                        [First | _] -> pubsub_device_stanza:item_of(First);
                        [] -> #ps_item{id = ItemId, sub_els = Payload}
                    end,
-            Node = {Service, NodeId},
-            Outcome = pubsub_device_writer:call(Node, {publish, Node, {ItemId, Item, Messages}}),
-            put(?CONTEXT, #{messages => [], outcome => Outcome}),
+            put(?CONTEXT, written(get(?CONTEXT), {Service, NodeId}, {ItemId, Item, Messages})),
             ok;
         false -> ok
     end;
 on_publish(_, _, _, _, _, _) ->
     ok.
+
+written(#{how := ahead} = Context, Node, Publication) ->
+    Waiter = spawn(fun() -> wait(Node, Publication) end),
+    pubsub_device_writer:publish_ahead(Node, Publication, Waiter),
+    Context#{messages := [], waiter => Waiter};
+written(Context, Node, Publication) ->
+    Outcome = pubsub_device_writer:call(Node, {publish, Node, Publication}),
+    (case Context of undefined -> #{how => waiting}; _ -> Context end)#{messages => [], outcome => Outcome}.
+
+wait(Node, Publication) ->
+    Monitor = pubsub_device_writer:watch(Node),
+    receive
+        {answer, IQ} -> ejabberd_router:route(judged(IQ, pubsub_device_writer:await(Node, Publication, Monitor)))
+    after ?TIMEOUT -> ok  % the session is gone, and with it the one who wants to know
+    end.
+
+judged(IQ, {ok, _}) -> IQ;
+judged(IQ, {error, Error}) -> IQ#iq{type = error, sub_els = [Error]}.
 
 caught() ->
     case get(?CONTEXT) of
@@ -60,7 +81,7 @@ by_key(Key, ItemId, Payload) ->
     case pubsub_device_store:node_of(Key) of
         none -> {error, xmpp:err_item_not_found()};
         {{Service, NodeId}, Owner} ->
-            begin_publish(),
+            begin_publish(waiting),
             try publish(Service, NodeId, Owner, ItemId, Payload)
             catch Class:Reason:Stack ->
                     ?LOG_ERROR("Publishing to node ~ts with its key failed: ~p:~p ~p", [NodeId, Class, Reason, Stack]),
@@ -73,9 +94,9 @@ publish(Service, NodeId, Owner, ItemId, Payload) ->
     ServerHost = ejabberd_router:host_of_route(Service),
     case mod_pubsub:publish_item(Service, ServerHost, NodeId, jid:make(Owner), ItemId, Payload) of
         {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} ->
-            case outcome() of
-                {ok, Number} -> {ok, NodeId, Published, Number};
-                {error, Error} -> {error, Error}
+            case get(?CONTEXT) of
+                #{outcome := {ok, Number}} -> {ok, NodeId, Published, Number};
+                #{outcome := {error, Error}} -> {error, Error}
             end;
         {error, Error} -> {error, Error}
     end.

@@ -11,7 +11,7 @@
 -module(pubsub_device_writer).
 -behaviour(gen_server).
 
--export([shards/0, start_link/1, name/1, locate/1, call/2, cast/2, cast_all/1]).
+-export([shards/0, start_link/1, name/1, locate/1, call/2, cast/2, cast_all/1, publish_ahead/3, watch/1, await/3]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
 
 -include_lib("kernel/include/logger.hrl").
@@ -54,6 +54,25 @@ call(Node, Request, Left) ->
         exit:_ -> timer:sleep(?PAUSE), call(Node, Request, Left - 1)
     end.
 
+%% Publishes without waiting; the process `Waiter` watches the writer and learns the outcome with await/3.
+publish_ahead(Node, Publication, Waiter) ->
+    cast(Node, {publish, Node, Publication, Waiter}).
+
+watch(Node) ->
+    monitor(process, locate(Node)).
+
+%% Waits for what publish_ahead/3 began, and publishes itself when the writer went away without a word.
+await(Node, Publication, Monitor) ->
+    receive
+        {published, Number} -> demonitor(Monitor, [flush]), {ok, Number};
+        moved -> demonitor(Monitor, [flush]), call(Node, {publish, Node, Publication});
+        {'DOWN', Monitor, _, _, _} ->
+            receive {published, Number} -> {ok, Number}
+            after 0 -> call(Node, {publish, Node, Publication})
+            end
+    after ?TIMEOUT -> call(Node, none, 0)
+    end.
+
 cast(Node, Request) -> gen_server:cast(locate(Node), Request).
 
 %% To all writers: which of them have flows of a device is known only to themselves.
@@ -70,8 +89,8 @@ handle_call(Request, From, State) ->
         false -> {reply, moved, State, pause(State)}
     end.
 
-asked({publish, _, _} = Request, From, #state{batch = Batch} = State) ->
-    next(State#state{batch = [{Request, From} | Batch]});
+asked({publish, Node, Publication}, From, #state{batch = Batch} = State) ->
+    next(State#state{batch = [{Node, Publication, From} | Batch]});
 asked({activate, Node, Device, Since, Answer}, From, State) ->
     ejabberd_router:route(Answer),
     gen_server:reply(From, ok),
@@ -91,6 +110,11 @@ asked({forget, Node}, From, #state{shard = Shard} = State) ->
     gen_server:reply(From, ok),
     next(lists:foldl(fun(Device, S) -> forget_flow(Node, Device, S) end, State, Devices)).
 
+handle_cast({publish, Node, Publication, Waiter}, #state{batch = Batch} = State) ->
+    case member(Node) == node() of
+        true -> next(State#state{batch = [{Node, Publication, Waiter} | Batch]});
+        false -> Waiter ! moved, next(State)
+    end;
 handle_cast({announce, Node, Device}, State) ->
     next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:again/3, State));
 handle_cast({activate, Node, Device}, State) ->
@@ -156,13 +180,16 @@ activate(Node, Device, Since, State) ->
 commit(#state{batch = []} = State) ->
     State;
 commit(#state{batch = Batch, shard = Shard} = State) ->
-    Written = [{store(Request, Shard), From} || {Request, From} <- lists:reverse(Batch)],
+    Written = [{store(Node, Publication, Shard), From} || {Node, Publication, From} <- lists:reverse(Batch)],
     pubsub_device_commit:sync(),
-    [gen_server:reply(From, {ok, Number}) || {{Number, _, _}, From} <- Written],
+    [tell(From, Number) || {{Number, _, _}, From} <- Written],
     lists:foldl(fun({Item, _}, S) -> deliver(Item, S) end, State#state{batch = []}, Written).
 
+tell(Waiter, Number) when is_pid(Waiter) -> Waiter ! {published, Number};
+tell(From, Number) -> gen_server:reply(From, {ok, Number}).
+
 %% Numbers are microseconds where the clock allows, so that even a store that was lost starts above them.
-store({publish, Node, {ItemId, Item, Messages}}, Shard) ->
+store(Node, {ItemId, Item, Messages}, Shard) ->
     Number = max(pubsub_device_store:last_number(Node, Shard) + 1, erlang:system_time(microsecond)),
     pubsub_device_store:put_number(Node, Number, ItemId),
     Targets = pubsub_device_targets:find(Node, Item, Messages),

@@ -40,7 +40,9 @@ class Printed(unittest.TestResult):
         print("FAILED  %s\n%s" % (name_of(test), text), flush=True)
         instance = getattr(test, "instance", None)
         if instance is not None:
-            print("the server's log ends:\n%s" % "\n".join(instance.log().splitlines()[-15:]), flush=True)
+            lines = instance.log().splitlines()
+            worse = [line for line in lines if "[info]" not in line][-20:]
+            print("the server's log ends:\n%s" % "\n".join(worse + ["..."] + lines[-10:]), flush=True)
 
 
 def name_of(test):
