@@ -86,10 +86,11 @@ bool readReply(QSMessage* reply, const char* key, const char* missing, const cha
 }  // namespace
 
 int32_t generateRandomDelay(int32_t min, int32_t max) {
-    if (max <= min)
+    const int64_t width = int64_t{max} - min;
+    if (width <= 0)
         return min;
     srand(randomSeed());
-    return min + rand() / (RAND_MAX / (max - min) + 1);
+    return static_cast<int32_t>(min + rand() / (RAND_MAX / width + 1));
 }
 
 bool PubSubSession::setReconnectTimer(const std::string& in) {
