@@ -170,9 +170,11 @@ bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter cal
         return false;
     if (busIsServerStatus(address))
         return busWatchServer(handle, address, payload, callback, context, token, error);
-    if (handle->names.isDown(address.service))
+    if (handle->names.isDown(address.service)) {
+        handle->names.refreshStartable();
         return busFail(error, -EHOSTUNREACH,
                        "The service " + address.service + " does not run, and the bus cannot start it");
+    }
     Wire wire = newMethodCall(handle, address, payload, error);
     if (!wire)
         return false;

@@ -144,7 +144,7 @@ bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error) {
 }
 
 void QSZeltServiceReadReceived(QSZeltService* service) {
-    if (!service)
+    if (!service || service->privateHandle->processing || service->publicHandle->processing)
         return;
     for (QSHandle* handle : {service->privateHandle, service->publicHandle}) {
         busReference(handle);

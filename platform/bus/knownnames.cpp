@@ -36,6 +36,7 @@ bool readNames(sd_bus_message* reply, Each each) {
 }  // namespace
 
 void KnownNames::start(QSHandle* handle) {
+    m_handle = handle;
     sd_bus* bus = handle->bus;
     // The watch first: what changes while the list is under way is then seen.
     if (sd_bus_add_match_async(bus, Receive(m_changes), kPlatformRule, onChanged, onInstalled, this) < 0 ||
@@ -50,6 +51,7 @@ void KnownNames::stop() {
     m_changes.reset();
     m_ownedQuery.reset();
     m_startableQuery.reset();
+    m_handle = nullptr;
     m_followed = false;
 }
 
@@ -64,6 +66,11 @@ bool KnownNames::isDown(const std::string& name) const {
     if (found != m_there.end())
         return !found->second;
     return m_followed && m_ownedKnown && name.starts_with(kPlatformPrefix);
+}
+
+void KnownNames::refreshStartable() {
+    if (m_handle && !m_startableQuery)
+        askDaemon(m_handle->bus, m_startableQuery, "ListActivatableNames", onStartable, this);
 }
 
 int KnownNames::onInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
@@ -82,7 +89,12 @@ int KnownNames::onOwned(sd_bus_message* reply, void* data, sd_bus_error*) {
 
 int KnownNames::onStartable(sd_bus_message* reply, void* data, sd_bus_error*) {
     auto* self = static_cast<KnownNames*>(data);
-    self->m_startableKnown = readNames(reply, [self](const char* name) { self->m_startable.insert(name); });
+    std::set<std::string> startable;
+    if (readNames(reply, [&](const char* name) { startable.insert(name); })) {
+        self->m_startable = std::move(startable);
+        self->m_startableKnown = true;
+    }
+    self->m_startableQuery.reset();
     return 0;
 }
 

@@ -19,6 +19,8 @@ class KnownNames {
     void note(const std::string& name, bool there);
     // True when the name is known to be neither there nor startable; false while nothing is known.
     bool isDown(const std::string& name) const;
+    // Asks again for the names that the daemon can start: one may have been installed since.
+    void refreshStartable();
 
   private:
     static int onInstalled(sd_bus_message* reply, void* self, sd_bus_error*);
@@ -26,6 +28,7 @@ class KnownNames {
     static int onStartable(sd_bus_message* reply, void* self, sd_bus_error*);
     static int onChanged(sd_bus_message* signal, void* self, sd_bus_error*);
 
+    QSHandle* m_handle = nullptr;
     bool m_followed = false;        // the daemon reports changes of the platform's names
     bool m_ownedKnown = false;      // m_there holds every platform name that has an owner
     bool m_startableKnown = false;  // m_startable is complete

@@ -245,7 +245,7 @@ struct ServiceFolder {
     TestFolder folder;
 };
 
-class WithActivation : private ServiceFolder, public OtherConfiguration {
+class WithActivation : protected ServiceFolder, public OtherConfiguration {
   protected:
     WithActivation() : OtherConfiguration("<servicedir>" + folder.path() + "</servicedir>") {}
 };
@@ -282,4 +282,20 @@ TEST_F(WithActivation, ACallToAServiceThatTheBusCanStartGoesOut) {
     ASSERT_TRUE(m_engine->until([&] { return !error.empty(); }));
     EXPECT_THAT(error, HasSubstr("org.freedesktop.DBus.Error.Spawn"));
     EXPECT_FALSE(QSCall(m_private, "zelt://com.zelt.absent/x", "{}", nullptr, nullptr, nullptr, m_error));
+}
+
+TEST_F(WithActivation, AServiceThatIsInstalledLaterIsFoundAfterOneRefusal) {
+    m_engine->settle();
+    EXPECT_FALSE(QSCall(m_private, "zelt://com.zelt.later/x", "{}", nullptr, nullptr, nullptr, m_error));
+    m_engine->settle();
+    std::ofstream(folder.path() + "/com.zelt.later.service")
+        << "[D-BUS Service]\nName=com.zelt.later\nExec=/bin/false\n";
+    WireConnection administrator(engine(), QSBus::Private);
+    EXPECT_TRUE(m_engine->until([&] {
+        sd_bus_call_method_async(administrator.bus(), nullptr, "org.freedesktop.DBus",
+                                 "/org/freedesktop/DBus", "org.freedesktop.DBus", "ReloadConfig", nullptr,
+                                 nullptr, "");
+        m_engine->settle();
+        return QSCall(m_private, "zelt://com.zelt.later/x", "{}", nullptr, nullptr, nullptr, m_error);
+    }));
 }
