@@ -40,7 +40,8 @@ bool QSErrorInit(QSError* error);
 void QSErrorPrint(QSError* error, FILE* stream);
 void QSErrorFree(QSError* error);
 
-// Registers `name` on the private and the public bus (ZELT_PRIVATE_BUS, ZELT_PUBLIC_BUS).
+// Registers `name` on the private and the public bus (ZELT_PRIVATE_BUS, ZELT_PUBLIC_BUS; docs/bus.md). The
+// service is freed when both its connections are unregistered.
 bool QSRegisterZeltService(const char* name, QSZeltService** service, QSError* error);
 // Public methods are served on both connections, private ones on the private connection only.
 bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category,
@@ -50,9 +51,11 @@ bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category,
 bool QSGmainAttachZeltService(QSZeltService* service, GMainLoop* loop, QSError* error);
 QSHandle* QSZeltServiceGetPrivateConnection(QSZeltService* service);
 QSHandle* QSZeltServiceGetPublicConnection(QSZeltService* service);
-// Handles, once, what both connections have received by now; never waits. Not for use inside a bus callback.
+// Handles, once, what both connections have received by now, within a bound; never waits. Inside a bus
+// callback it does nothing.
 void QSZeltServiceReadReceived(QSZeltService* service);
-// Releases the name and closes the connection. Messages that are still kept may be released later.
+// Releases the name and closes the connection; subscribers are told that no answer follows, the cancel
+// function does not run. Messages that are still kept may be released later, at process exit too.
 bool QSUnregister(QSHandle* handle, QSError* error);
 
 // A connection of its own on one bus, for clients and for services that live on one bus alone (name null:
@@ -64,7 +67,10 @@ bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* 
 bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error);
 
 // Calls zelt://SERVICE/CATEGORY.../METHOD (quor:// is the same). Without a callback no reply is asked for.
-// With one it is called for the reply and, when the payload asks to "subscribe", for every later answer.
+// With one it is called for the reply, without a time limit, and when the payload asks to "subscribe" for
+// every later answer. Refused at once: an address that D-Bus does not bear, a payload that is not UTF-8, a
+// service that is known to be neither there nor startable. zelt://com.zelt.bus/signal/registerServerStatus
+// with {"serviceName":NAME} reports {"connected":true|false}.
 bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter callback, void* context,
             QSToken* token, QSError* error);
 // Forgets a call; a subscription of it ends at the service too.
@@ -82,7 +88,9 @@ bool QSMessageIsError(QSMessage* message);
 const char* QSMessageGetErrorName(QSMessage* message);
 void QSMessageRef(QSMessage* message);
 void QSMessageUnref(QSMessage* message);
-// The first answer is the method return, every later one reaches the caller as a signal of its own.
+// The first answer is the method return, every later one reaches the caller as a signal of its own. An answer
+// that could not be sent (the client is gone, the text is not UTF-8) does not count. A request whose last
+// reference goes without an answer is closed with the error com.zelt.Error.NoAnswer.
 bool QSMessageReply(QSHandle* handle, QSMessage* message, const char* payload, QSError* error);
 bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error);
 
