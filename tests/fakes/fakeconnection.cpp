@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <regex>
 #include <utility>
 
 #include "tests/fakes/journal.h"
@@ -34,8 +33,13 @@ std::string iqResult(const gloox::Tag& iq, const std::string& content) {
 }  // namespace
 
 std::string withoutId(const std::string& xml) {
-    static const std::regex kId(R"(^(<[^<>]*?\sid=)(['"]).*?\2)");
-    return std::regex_replace(xml, kId, "$1$2ID$2", std::regex_constants::format_first_only);
+    const std::size_t end = xml.find('>');
+    const std::size_t name = xml.find(" id=");
+    if (end == std::string::npos || name > end)
+        return xml;
+    const std::size_t value = name + 5;  // behind the quote
+    const std::size_t close = xml.find(xml[value - 1], value);
+    return xml.substr(0, value) + "ID" + xml.substr(close);
 }
 
 std::string SentStanza::textWithoutId() const {

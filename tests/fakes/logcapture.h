@@ -11,7 +11,7 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <regex>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -94,22 +94,35 @@ class LogCapture {
             __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(descriptor)));
     }
 
+    // Reads "[function: line]: " at `at`; returns how long it is, 0 when there is none.
+    static std::size_t readHead(const std::string& raw, std::size_t at, Record& record) {
+        const std::size_t colon = raw.find(": ", at);
+        const std::size_t end = raw.find("]: ", at);
+        if (raw[at] != '[' || colon == std::string::npos || end == std::string::npos || colon >= end)
+            return 0;
+        const std::string line = raw.substr(colon + 2, end - colon - 2);
+        record = {raw.substr(at + 1, colon - at - 1), std::atoi(line.c_str()), ""};
+        const bool isHead = line.find_first_not_of("0123456789") == std::string::npos &&
+                            record.function.find_first_of(" []\n") == std::string::npos;
+        return isHead ? end + 3 - at : 0;
+    }
+
     static std::vector<Record> parse(const std::string& raw) {
-        static const std::regex kHead(R"((^|\n)\[([A-Za-z_~][A-Za-z0-9_]*): ([0-9]+)\]: )");
         std::vector<Record> found;
-        std::size_t textBegin = 0;
-        for (std::sregex_iterator head(raw.begin(), raw.end(), kHead), end; head != end; ++head) {
+        Record record;
+        for (std::size_t at = 0; at < raw.size();) {
+            std::size_t lineEnd = raw.find('\n', at);
+            lineEnd = lineEnd == std::string::npos ? raw.size() : lineEnd + 1;
+            const std::size_t head = readHead(raw, at, record);
+            if (head > 0)
+                found.push_back(record);
             if (!found.empty())
-                found.back().text =
-                    raw.substr(textBegin, static_cast<std::size_t>(head->position()) - textBegin);
-            found.push_back({(*head)[2], std::stoi((*head)[3]), ""});
-            textBegin = static_cast<std::size_t>(head->position() + head->length());
+                found.back().text += raw.substr(at + head, lineEnd - at - head);
+            at = lineEnd;
         }
-        if (!found.empty()) {
-            found.back().text = raw.substr(textBegin);
-            if (found.back().text.ends_with('\n'))
-                found.back().text.pop_back();
-        }
+        for (Record& complete : found)
+            if (complete.text.ends_with('\n'))
+                complete.text.pop_back();
         return found;
     }
 
