@@ -118,12 +118,23 @@ std::string reason(int result, int systemError) {
     return systemError == 0 ? text : text + " (" + strerror(systemError) + ')';
 }
 
+// A write or sync of the log leaves its system error with the log's file alone.
+int logErrorOf(sqlite3* database) {
+    sqlite3_file* log = nullptr;
+    int systemError = 0;
+    sqlite3_file_control(database, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log);
+    if (log && log->pMethods)
+        log->pMethods->xFileControl(log, SQLITE_FCNTL_LAST_ERRNO, &systemError);
+    return systemError;
+}
+
 // SQLite keeps the last system error; it belongs to this failure only when this failure is the system's.
 int systemErrorOf(sqlite3* database, int result) {
     const int primary = result & 0xff;
-    return database && (primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN)
-               ? sqlite3_system_errno(database)
-               : 0;
+    if (!database || (primary != SQLITE_IOERR && primary != SQLITE_CANTOPEN))
+        return 0;
+    const int systemError = sqlite3_system_errno(database);
+    return systemError != 0 ? systemError : logErrorOf(database);
 }
 
 }  // namespace

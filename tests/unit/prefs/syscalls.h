@@ -1,0 +1,11 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Counts the data syncs of this process, and lets them fail: the test program's own fsync and fdatasync stand
+// before the C library's.
+#pragma once
+
+struct Syncs {
+    int count = 0;
+    int failNext = 0;  // so many of the next ones fail with EIO
+};
+
+Syncs& syncs();
