@@ -112,10 +112,17 @@ Reply BusClient::call(const std::string& uri, const std::string& payload, unsign
     return finish(exchange, uri, payload);
 }
 
-Reply BusClient::send(const std::string& uri, const std::string& payload, unsigned timeoutSeconds) {
+Reply BusClient::notify(const std::string& uri, const std::string& payload) {
     BusError error;
     if (!QSCall(m_handle, uri.c_str(), payload.c_str(), nullptr, nullptr, nullptr, error))
         return refusedCall(uri, error);
+    return {Exit::Ok, "", ""};
+}
+
+Reply BusClient::send(const std::string& uri, const std::string& payload, unsigned timeoutSeconds) {
+    Reply sent = notify(uri, payload);
+    if (sent.exit != Exit::Ok)
+        return sent;
     // A service asks the bus who a new caller is before it hears it. One that has left by then is never
     // heard, so this waits for the answer to a second call: an error, since there is no such method, but a
     // later one.

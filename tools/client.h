@@ -33,6 +33,8 @@ class BusClient {
     // Calls and waits for the first answer.
     Reply call(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
 
+    // Sends a call that nobody answers, from a client that stays.
+    Reply notify(const std::string& uri, const std::string& payload);
     // Sends a call that nobody answers, and waits until the service has it.
     Reply send(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
 

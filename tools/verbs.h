@@ -22,6 +22,10 @@ bool mayTravel(const std::string& text, const std::string& place, std::string& p
 bool readWhole(Console& console, const std::string& place, std::string& text, std::string& problem);
 
 Exit runStatus(const Invocation& invocation, Console& console);
+Exit runSessionLogin(const Invocation& invocation, Console& console);
+Exit runSessionDisconnect(const Invocation& invocation, Console& console);
+Exit runSessionJid(const Invocation& invocation, Console& console);
+Exit runDoctor(const Invocation& invocation, Console& console);
 Exit runNodeCreate(const Invocation& invocation, Console& console);
 Exit runNodeDelete(const Invocation& invocation, Console& console);
 Exit runNodePublish(const Invocation& invocation, Console& console);
@@ -31,6 +35,16 @@ Exit runHandler(const Invocation& invocation, Console& console);
 Exit runCall(const Invocation& invocation, Console& console);
 
 // Parts that the tests look at alone.
+
+// What a login looks like from the connection status: the status now, the loss of a standing connection, then
+// the new one or another loss.
+struct LoginProgress {
+    bool first = true;
+    bool up = false;
+    int lossesToBear = 0;
+    bool take(bool connected);  // false once the login is over; `up` says how
+};
+
 std::string statusLine(const std::string& payload);
 bool createPayload(const Invocation& invocation, std::string& payload, std::string& problem);
 bool publishPayload(const Invocation& invocation, Console& console, std::string& payload,

@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The checks of `doctor`, against places that are broken in a known way.
+#include "tools/doctor.h"
+
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <sstream>
+#include <thread>
+
+#include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/fakeservice.h"
+#include "tools/verbs.h"
+
+namespace {
+
+using testing::HasSubstr;
+using State = Finding::State;
+
+// An authority that vouches for nobody.
+constexpr char kAuthority[] = R"(-----BEGIN CERTIFICATE-----
+MIIBiTCCAS+gAwIBAgIUBg00ujSA0WpzQfSlW0T0tWWk7zYwCgYIKoZIzj0EAwIw
+GTEXMBUGA1UEAwwOdGVzdCBhdXRob3JpdHkwIBcNMjYxMTIxMTAwMTE5WhgPMjEy
+NjEwMjgxMDAxMTlaMBkxFzAVBgNVBAMMDnRlc3QgYXV0aG9yaXR5MFkwEwYHKoZI
+zj0CAQYIKoZIzj0DAQcDQgAE+eh0JI4yVUQCabebHD85Y/sKDMhTBxzZjo7DNNqn
+1AKpqLPRJBdLrJVbsYwfsAXMpSQ1Ur+MMywvqLKR4eMWqqNTMFEwHQYDVR0OBBYE
+FJ87fgH+Bl3oGgNJgE46voc4yhfnMB8GA1UdIwQYMBaAFJ87fgH+Bl3oGgNJgE46
+voc4yhfnMA8GA1UdEwEB/wQFMAMBAf8wCgYIKoZIzj0EAwIDSAAwRQIhAMsf+ZDR
+aPdGXSPxssGplOz/uuEXukJKvakuufp+Ui9fAiAGeq42hr5PXhpZGWtlOd1tazoI
+gyXw/OuK03uEyUosRA==
+-----END CERTIFICATE-----
+)";
+
+std::string writeAuthority(const TestFolder& folder) {
+    std::ofstream(folder / "ca.crt") << kAuthority;
+    return folder / "ca.crt";
+}
+
+// A listener on loopback that answers its first client from a script and closes.
+class Server {
+  public:
+    explicit Server(std::string answer) : m_answer(std::move(answer)) {
+        m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bind(m_listener, reinterpret_cast<sockaddr*>(&address), length);
+        listen(m_listener, 1);
+        getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length);
+        port = std::to_string(ntohs(address.sin_port));
+        m_thread = std::thread([this] { serve(); });
+    }
+    ~Server() {
+        shutdown(m_listener, SHUT_RDWR);
+        m_thread.join();
+        close(m_listener);
+    }
+    std::string port;
+
+  private:
+    void serve() {
+        int client = accept(m_listener, nullptr, nullptr);
+        char request[4096];
+        if (client < 0 || recv(client, request, sizeof request, 0) <= 0)
+            return;
+        send(client, m_answer.data(), m_answer.size(), MSG_NOSIGNAL);
+        shutdown(client, SHUT_WR);
+        while (recv(client, request, sizeof request, 0) > 0) {
+        }
+        close(client);
+    }
+
+    std::string m_answer;
+    int m_listener = -1;
+    std::thread m_thread;
+};
+
+std::vector<State> states(const std::vector<Finding>& findings) {
+    std::vector<State> list;
+    for (const Finding& finding : findings)
+        list.push_back(finding.state);
+    return list;
+}
+
+TEST(DoctorPlace, ComesFromTheAccountService) {
+    ServerPlace place;
+    EXPECT_TRUE(placeFromAccount(R"({"returnValue":true,"jabberId":"{\"user\":\"u\",\"service\":\"d\",)"
+                                 R"(\"url\":\"h\",\"port\":\"5222\"}","uniqueId":"t"})",
+                                 place));
+    EXPECT_EQ(place.user + "@" + place.domain + " " + place.host + " " + place.port, "u@d h 5222");
+    ServerPlace none;
+    for (const char* payload : {"", "{}", R"({"returnValue":false})", R"({"jabberId":"{\"user\":\"u\"}"})"})
+        EXPECT_FALSE(placeFromAccount(payload, none)) << payload;
+    EXPECT_EQ(none.domain, "");
+}
+
+TEST(DoctorPlace, ComesFromTheCredentialsFileOtherwise) {
+    ServerPlace place;
+    EXPECT_TRUE(placeFromCredentials("u@d\nsecret\nh\n5222\npubsub.d\n", place));
+    EXPECT_EQ(place.user + "@" + place.domain + " " + place.host + " " + place.port, "u@d h 5222");
+    for (const char* text : {"", "u@d\n", "u@d\nsecret\nh\n", "u\nsecret\nh\n5222\n"})
+        EXPECT_FALSE(placeFromCredentials(text, place)) << text;
+}
+
+TEST(DoctorServer, WhoseNameIsUnknownLeavesTheRestUnknown) {
+    auto findings = checkServer({"u", "d", "no-such-host.invalid", "5222"}, "/nowhere", 2);
+    EXPECT_THAT(states(findings), testing::ElementsAre(State::Bad, State::Unknown, State::Unknown));
+    EXPECT_THAT(findings[0].detail, HasSubstr("no-such-host.invalid: "));
+    EXPECT_EQ(findings[0].advice, "check the name in the account and the machine's name servers");
+}
+
+TEST(DoctorServer, ThatRefusesConnectionsIsToldSo) {
+    std::string port = Server("").port;  // closed again by now
+    auto findings = checkServer({"u", "d", "127.0.0.1", port}, "/nowhere", 2);
+    EXPECT_THAT(states(findings), testing::ElementsAre(State::Good, State::Bad, State::Unknown));
+    EXPECT_EQ(findings[1].detail, "127.0.0.1 port " + port + ": Connection refused");
+}
+
+TEST(DoctorServer, WithoutTlsIsToldSo) {
+    TestFolder folder;
+    Server server("<stream:features/></stream:stream>");
+    auto findings = checkServer({"u", "d.example", "127.0.0.1", server.port}, writeAuthority(folder), 2);
+    EXPECT_THAT(states(findings), testing::ElementsAre(State::Good, State::Good, State::Bad));
+    EXPECT_EQ(findings[2].detail, "the server offers no TLS for d.example");
+}
+
+TEST(DoctorServer, CannotBeVerifiedWithoutAuthorities) {
+    Server server("");
+    auto findings = checkServer({"u", "d", "127.0.0.1", server.port}, "/nowhere/ca.crt", 2);
+    EXPECT_EQ(findings.back().detail, "/nowhere/ca.crt holds no certificate authority");
+    EXPECT_EQ(findings.back().state, State::Bad);
+}
+
+TEST(DoctorServer, ThatSpeaksNoTlsAfterAllIsToldSo) {
+    TestFolder folder;
+    Server server("<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/><proceed xmlns='x'/>garbage");
+    auto findings = checkServer({"u", "d", "127.0.0.1", server.port}, writeAuthority(folder), 2);
+    EXPECT_EQ(findings.back().check, "certificate");
+    EXPECT_EQ(findings.back().state, State::Bad);
+}
+
+TEST(DoctorFolder, IsThereOrMissing) {
+    TestFolder folder;
+    EXPECT_EQ(checkFolder("store", folder.path()).state, State::Good);
+    Finding missing = checkFolder("store", folder / "none");
+    EXPECT_EQ(missing.state, State::Bad);
+    EXPECT_EQ(missing.detail, (folder / "none") + ": No such file or directory");
+}
+
+TEST(DoctorExtension, IsKnownByTheErrorOfAnUnknownNode) {
+    EXPECT_EQ(
+        judgeExtension(R"({"returnValue":false,"errorCode":"xmppErr","errorText":"item-not-found"})").state,
+        State::Good);
+    EXPECT_EQ(judgeExtension(R"({"returnValue":true,"endpoint":"/n"})").state, State::Good);
+    Finding missing =
+        judgeExtension(R"({"returnValue":false,"errorCode":"xmppErr","errorText":"service-unavailable"})");
+    EXPECT_EQ(missing.state, State::Bad);
+    EXPECT_EQ(missing.detail, "the server answers device operations with: service-unavailable");
+    EXPECT_EQ(judgeExtension("").state, State::Unknown);
+}
+
+TEST(DoctorOutput, IsALineWithItsAdviceOrAnObject) {
+    Finding finding{"store", State::Bad, "why", "what to do"};
+    EXPECT_EQ(findingLine(finding, false), "bad     store: why\n        -> what to do");
+    EXPECT_EQ(findingLine({"store", State::Good, "/d", ""}, false), "ok      store: /d");
+    EXPECT_EQ(findingLine(finding, true),
+              R"({"check":"store","state":"bad","detail":"why","advice":"what to do"})");
+}
+
+TEST(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
+    PrivateBus bus;
+    TestFolder folder;
+    setenv("PUBSUB_STATE_DIR", folder.path().c_str(), 1);
+    setenv("ZELT_PREFS_DIR", folder.path().c_str(), 1);
+    setenv("ZELT_PUBLIC_BUS", "unix:path=/nowhere/bus", 1);
+    FakeService service;
+    service.script["subscribeConnStatus"] = R"({"returnValue":true,"connected":false})";
+    std::istringstream in;
+    std::ostringstream out;
+    std::ostringstream err;
+    Console console(in, out, err, false);
+    Invocation invocation;
+    EXPECT_EQ(runDoctor(invocation, console), Exit::NotConnected);
+    for (const char* line :
+         {"ok      private bus: reachable\n", "bad     public bus: ", "ok      push service: answers\n",
+          "bad     power service: com.zelt.power is not on the bus",
+          "bad     network: ", "bad     account: ", "        -> set it with `zelt-host account set`\n",
+          "unknown certificate: needs an account\n", "bad     login: the service is not connected\n",
+          "unknown server extension: needs a login\n", "ok      store: "})
+        EXPECT_THAT(out.str(), HasSubstr(line));
+    for (const char* variable : {"PUBSUB_STATE_DIR", "ZELT_PREFS_DIR", "ZELT_PUBLIC_BUS"})
+        unsetenv(variable);
+}
+
+}  // namespace

@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `doctor`: looks at everything between a client and the server, in the order in which it is needed. Changes
+// nothing.
+#include "tools/doctor.h"
+
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "tools/json.h"
+#include "tools/verbs.h"
+
+namespace {
+
+constexpr unsigned kStepSeconds = 5;
+constexpr unsigned long long kLeastSpace = 16ULL * 1024 * 1024;
+
+const char* stateWord(Finding::State state) {
+    switch (state) {
+        case Finding::State::Good:
+            return "ok";
+        case Finding::State::Bad:
+            return "bad";
+        default:
+            return "unknown";
+    }
+}
+
+std::string fromEnvironment(const char* variable, const char* fallback) {
+    const char* value = std::getenv(variable);
+    return value && *value ? value : fallback;
+}
+
+Finding fromReply(const std::string& check, const Reply& reply, const std::string& detail,
+                  const std::string& advice) {
+    if (reply.exit == Exit::Ok)
+        return {check, Finding::State::Good, detail, ""};
+    return {check, Finding::State::Bad, reply.problem, advice};
+}
+
+// The platform services that the push service relies on, each with a question that changes nothing.
+struct Needed {
+    const char* check;
+    const char* uri;
+    const char* payload;
+};
+const Needed kNeeded[] = {
+    {"power service", "zelt://com.zelt.power/timeout/clear", "{\"key\":\"pubsubctl.doctor\"}"},
+    {"installer service", "zelt://com.zelt.appinstaller/notifyOnChange", "{}"},
+    {"boot service", "zelt://com.zelt.systemmanager/getBootStatus", "{}"},
+};
+constexpr char kStartHost[] = "start zelt-host, or whatever provides it on this machine";
+
+Finding judgeNetwork(const Reply& reply) {
+    if (reply.exit != Exit::Ok)
+        return {"network", Finding::State::Bad, reply.problem, kStartHost};
+    Json status = readJson(reply.payload);
+    if (boolMember(status.get(), "isInternetConnectionAvailable"))
+        return {"network", Finding::State::Good, "the Internet is reachable", ""};
+    return {"network", Finding::State::Bad, "no link leads to the Internet",
+            "check the links and the default route; a machine with loopback alone needs "
+            "loopback-is-internet=true "
+            "in the host's settings"};
+}
+
+Finding judgeLogin(const Reply& reply) {
+    if (reply.exit != Exit::Ok)
+        return {"login", Finding::State::Bad, reply.problem, "start pubsubservice"};
+    Json status = readJson(reply.payload);
+    if (boolMember(status.get(), "connected"))
+        return {"login", Finding::State::Good, "the service is logged in", ""};
+    return {"login", Finding::State::Bad, "the service is not connected",
+            "put right what stands above, then `pubsubctl session login`; the service's log has the reason"};
+}
+
+std::string readText(const std::string& path) {
+    std::ifstream file(path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+class Doctor {
+  public:
+    Doctor(const Invocation& invocation, Console& console) : m_invocation(invocation), m_console(console) {}
+    Exit run();
+
+  private:
+    void tell(const Finding& finding);
+    void checkBuses();
+    void checkServices();
+    bool findPlace(ServerPlace& place);
+    void checkWayToServer();
+    void checkFolders();
+    Reply ask(const std::string& uri, const std::string& payload);
+
+    const Invocation& m_invocation;
+    Console& m_console;
+    std::unique_ptr<BusClient> m_private;
+    bool m_well = true;
+};
+
+void Doctor::tell(const Finding& finding) {
+    m_console.line(findingLine(finding, m_console.json()));
+    m_well = m_well && finding.state != Finding::State::Bad;
+}
+
+Reply Doctor::ask(const std::string& uri, const std::string& payload) {
+    if (!m_private)
+        return {Exit::NotConnected, "", "needs the private bus"};
+    return m_private->call(uri, payload, std::min(m_invocation.timeoutSeconds, kStepSeconds));
+}
+
+void Doctor::checkBuses() {
+    for (auto [bus, name] :
+         {std::pair{QSBus::Private, "private bus"}, std::pair{QSBus::Public, "public bus"}}) {
+        Reply reply{Exit::Ok, "", ""};
+        auto client = openBus(bus, reply);
+        tell(fromReply(name, reply, "reachable", "start it; its address is in the variable named above"));
+        if (bus == QSBus::Private)
+            m_private = std::move(client);
+    }
+}
+
+void Doctor::checkServices() {
+    Reply status = ask(methodUri("subscribeConnStatus"), "{}");
+    tell(fromReply("push service", status, "answers", "start pubsubservice"));
+    for (const Needed& needed : kNeeded)
+        tell(fromReply(needed.check, ask(needed.uri, needed.payload), "answers", kStartHost));
+    tell(judgeNetwork(ask("zelt://com.zelt.connectionmanager/getstatus", "{}")));
+}
+
+bool Doctor::findPlace(ServerPlace& place) {
+    std::string file = fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub") + "/pubsub.conf";
+    Reply reply = ask("zelt://com.zelt.accountservices/getAccountToken", "");
+    if (placeFromAccount(reply.payload, place))
+        tell({"account", Finding::State::Good, place.user + "@" + place.domain, ""});
+    else if (placeFromCredentials(readText(file), place))
+        tell({"account", Finding::State::Good, place.user + "@" + place.domain + ", from " + file, ""});
+    else
+        tell({"account", Finding::State::Bad,
+              reply.problem.empty() ? "the answer names no account" : reply.problem,
+              "set it with `zelt-host account set`"});
+    return !place.domain.empty();
+}
+
+void Doctor::checkWayToServer() {
+    ServerPlace place;
+    if (!findPlace(place)) {
+        for (const char* check : {"name resolution", "connection", "certificate"})
+            tell({check, Finding::State::Unknown, "needs an account", ""});
+        return;
+    }
+    std::string caFile = fromEnvironment("PUBSUB_CA_FILE", "/etc/ssl/certs/ca-certificates.crt");
+    for (const Finding& finding : checkServer(place, caFile, kStepSeconds))
+        tell(finding);
+}
+
+void Doctor::checkFolders() {
+    tell(checkFolder("state folder", fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub")));
+    tell(checkFolder("store", fromEnvironment("ZELT_PREFS_DIR", "/var/lib/zelt/prefs")));
+}
+
+Exit Doctor::run() {
+    checkBuses();
+    checkServices();
+    checkWayToServer();
+    Finding login = judgeLogin(ask(methodUri("subscribeConnStatus"), "{}"));
+    tell(login);
+    if (login.state == Finding::State::Good)
+        tell(judgeExtension(ask(methodUri("activateNode"), "{\"node\":\"/pubsubctl/doctor\"}").payload));
+    else
+        tell({"server extension", Finding::State::Unknown, "needs a login", ""});
+    checkFolders();
+    return m_well ? Exit::Ok : Exit::NotConnected;
+}
+
+}  // namespace
+
+bool placeFromAccount(const std::string& payload, ServerPlace& place) {
+    std::string text = textMember(readJson(payload).get(), "jabberId");
+    std::erase(text, '\\');
+    Json account = readJson(text);
+    ServerPlace read{textMember(account.get(), "user"), textMember(account.get(), "service"),
+                     textMember(account.get(), "url"), textMember(account.get(), "port")};
+    if (read.user.empty() || read.domain.empty() || read.host.empty() || read.port.empty())
+        return false;
+    place = read;
+    return true;
+}
+
+bool placeFromCredentials(const std::string& text, ServerPlace& place) {
+    std::istringstream lines(text);
+    std::string jid;
+    std::string password;
+    ServerPlace read;
+    std::getline(lines, jid) && std::getline(lines, password) && std::getline(lines, read.host) &&
+        std::getline(lines, read.port);
+    size_t at = jid.find('@');
+    if (at == std::string::npos || read.host.empty() || read.port.empty())
+        return false;
+    read.user = jid.substr(0, at);
+    read.domain = jid.substr(at + 1);
+    place = read;
+    return true;
+}
+
+Finding checkFolder(const std::string& check, const std::string& folder) {
+    struct statvfs space = {};
+    if (statvfs(folder.c_str(), &space) != 0)
+        return {check, Finding::State::Bad, folder + ": " + strerror(errno),
+                "create it for the user that pubsubservice runs as"};
+    if (static_cast<unsigned long long>(space.f_bavail) * space.f_frsize < kLeastSpace)
+        return {check, Finding::State::Bad, folder + " has less than 16 MiB left", "make room on its disk"};
+    if (access(folder.c_str(), W_OK) != 0 && errno == EROFS)
+        return {check, Finding::State::Bad, folder + " is on a read-only disk", "mount it for writing"};
+    return {check, Finding::State::Good, folder, ""};
+}
+
+// The node does not exist, so a server with the extension answers that it does not know it.
+Finding judgeExtension(const std::string& payload) {
+    Json answer = readJson(payload);
+    std::string text = textMember(answer.get(), "errorText");
+    bool understood =
+        boolMember(answer.get(), "returnValue") || text.find("item-not-found") != std::string::npos;
+    if (understood)
+        return {"server extension", Finding::State::Good, "the server knows device operations", ""};
+    if (payload.empty())
+        return {"server extension", Finding::State::Unknown, "no answer from the server", ""};
+    return {"server extension", Finding::State::Bad, "the server answers device operations with: " + text,
+            "load mod_pubsub_device on the server"};
+}
+
+std::string findingLine(const Finding& finding, bool json) {
+    if (json)
+        return Payload()
+            .add("check", finding.check)
+            .add("state", stateWord(finding.state))
+            .add("detail", finding.detail)
+            .add("advice", finding.advice)
+            .text();
+    std::string state = stateWord(finding.state);
+    state.resize(8, ' ');
+    std::string line = state + finding.check + ": " + finding.detail;
+    return finding.advice.empty() ? line : line + "\n        -> " + finding.advice;
+}
+
+Exit runDoctor(const Invocation& invocation, Console& console) {
+    return Doctor(invocation, console).run();
+}
