@@ -4,10 +4,19 @@
 -module(pubsub_device_commit).
 -behaviour(gen_server).
 
--export([start_link/0, sync/0, answer/1]).
+-export([start_link/0, members/0, sync/0, answer/1]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
 
 start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
+
+-define(GROUP, pubsub_device_members).
+
+%% The members of the cluster that run the extension. The server's own list has a joining member long before that.
+members() ->
+    case lists:usort([node(Pid) || Pid <- pg:get_members(?GROUP, ?MODULE)]) of
+        [] -> [node()];
+        Members -> Members
+    end.
 
 sync() ->
     case mod_pubsub_device:option(sync) of
@@ -22,6 +31,8 @@ answer(IQ) ->
 %% This process outlives the writers, so the counts are its own.
 init([]) ->
     pubsub_device_bounds:init(),
+    {ok, _} = pg:start_link(?GROUP),
+    ok = pg:join(?GROUP, ?MODULE, self()),
     {ok, []}.
 
 handle_call(sync, From, Waiting) -> {noreply, [{reply, From} | Waiting], 0}.

@@ -1,10 +1,10 @@
 %% SPDX-License-Identifier: GPL-3.0-only
 %% The tables: devices, sessions, keys, numbers and what is kept. Only the node's writer changes its numbers and
-%% copies, so reading and writing them takes no transaction. Writes wait for every member of a cluster (sync_dirty);
-%% that they are on disk is the business of pubsub_device_commit.
+%% copies, so reading and writing them takes no transaction on a server of its own. Writes wait for every member of a
+%% cluster (sync_dirty); that they are on disk is the business of pubsub_device_commit.
 -module(pubsub_device_store).
 
--export([init/0]).
+-export([init/0, together/1]).
 -export([saw_device/1, is_device/1, devices/1, all_devices/0, seen/1, forget_device/1]).
 -export([attach/2, detach/2, session/1, sessions/0, forget_session/1]).
 -export([activate/3, deactivate/2, is_active/3, stale_activations/0]).
@@ -39,8 +39,22 @@ count_pairs('$end_of_table') ->
 count_pairs(_) ->
     ok.
 
-write(Record) -> mnesia:sync_dirty(fun() -> mnesia:write(Record) end).
-delete(Table, Key) -> mnesia:sync_dirty(fun() -> mnesia:delete({Table, Key}) end).
+write(Record) -> act(fun() -> mnesia:write(Record) end).
+delete(Table, Key) -> act(fun() -> mnesia:delete({Table, Key}) end).
+
+act(Fun) ->
+    case mnesia:is_transaction() of
+        true -> Fun();
+        false -> mnesia:sync_dirty(Fun)
+    end.
+
+%% In a cluster two members may take themselves for a node's writer for a moment. A number and the copies that have it
+%% are written in one transaction there, so the next number is given out only when they are in place.
+together(Fun) ->
+    case mnesia:system_info(db_nodes) of
+        [_] -> Fun();
+        _ -> {atomic, Result} = mnesia:sync_transaction(Fun), Result
+    end.
 
 %%% devices
 
@@ -141,7 +155,11 @@ delete_key(Node) -> delete(pubsub_device_key, Node).
 %%% numbers
 
 last_number(Node, Shard) ->
-    case mnesia:dirty_read(pubsub_device_number, Node) of
+    Records = case mnesia:is_transaction() of
+                  true -> mnesia:read(pubsub_device_number, Node, write);
+                  false -> mnesia:dirty_read(pubsub_device_number, Node)
+              end,
+    case Records of
         [#pubsub_device_number{last = Last}] -> Last;
         [] -> floor_of(Shard)
     end.

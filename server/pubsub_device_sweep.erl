@@ -21,7 +21,7 @@ arm() -> erlang:send_after(mod_pubsub_device:option(sweep_interval), self(), swe
 handle_info(sweep, State) ->
     [pubsub_device_writer:cast(Node, {drop_aged, Node, Device})
      || {Device, Node} <- pubsub_device_store:pairs(), element(2, pubsub_device_writer:locate(Node)) == node()],
-    lists:min(ejabberd_cluster:get_nodes()) == node() andalso forget_absent(),
+    hd(pubsub_device_commit:members()) == node() andalso forget_absent(),
     pubsub_device_bounds:forget_rates(),
     arm(),
     {noreply, State};

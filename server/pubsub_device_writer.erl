@@ -3,8 +3,10 @@
 %% without a gap in the order and everything that leaves for a device leaves in order.
 %%
 %% A node belongs to one shard of one member of the cluster, found by hashing over the members that run: there is no
-%% table to keep, and when a member goes, the others agree on the next writer at once. All that has to survive is in
-%% the store; a writer remembers only the flows of the present sessions.
+%% table to keep, and when a member goes, the others agree on the next writer at once. While members do not see the
+%% same members yet, a node may have two writers: the store hands numbers out in order all the same, and the new writer
+%% begins with all that is kept, so a device may get an item again, but none out of turn for good. All that has to
+%% survive is in the store; a writer remembers only the flows of the present sessions.
 %%
 %% Publishing is a group commit: what has piled up while the log was synced is written together, synced once, answered
 %% and then sent. No publisher is answered before its item is on disk.
@@ -35,7 +37,7 @@ locate(Node) ->
     {name(erlang:phash2(Node, ?SHARDS)), member(Node)}.
 
 member(Node) ->
-    {_, Member} = lists:max([{erlang:phash2({Node, Member}), Member} || Member <- ejabberd_cluster:get_nodes()]),
+    {_, Member} = lists:max([{erlang:phash2({Node, Member}), Member} || Member <- pubsub_device_commit:members()]),
     Member.
 
 %% Asks the writer, and asks the next one when the member that it runs on goes away. An item whose answer was lost with
@@ -77,7 +79,7 @@ cast(Node, Request) -> gen_server:cast(locate(Node), Request).
 
 %% To all writers: which of them have flows of a device is known only to themselves.
 cast_all(Request) ->
-    [gen_server:cast({name(Shard), Member}, Request) || Shard <- shards(), Member <- ejabberd_cluster:get_nodes()],
+    [gen_server:cast({name(Shard), Member}, Request) || Shard <- shards(), Member <- pubsub_device_commit:members()],
     ok.
 
 init(Shard) ->
@@ -190,13 +192,16 @@ tell(From, Number) -> gen_server:reply(From, {ok, Number}).
 
 %% Numbers are microseconds where the clock allows, so that even a store that was lost starts above them.
 store(Node, {ItemId, Item, Messages}, Shard) ->
-    Number = max(pubsub_device_store:last_number(Node, Shard) + 1, erlang:system_time(microsecond)),
-    pubsub_device_store:put_number(Node, Number, ItemId),
     Targets = pubsub_device_targets:find(Node, Item, Messages),
-    Element = pubsub_device_stanza:item(Item, Number),
-    Kept = [{Device, Via} || {keep, Device, Via} <- Targets],
-    [pubsub_device_store:keep(Node, Device, Number, ItemId, Via, Element) || {Device, Via} <- Kept],
-    {Number, Node, Targets}.
+    Store = fun() ->
+                    Number = max(pubsub_device_store:last_number(Node, Shard) + 1, erlang:system_time(microsecond)),
+                    pubsub_device_store:put_number(Node, Number, ItemId),
+                    Element = pubsub_device_stanza:item(Item, Number),
+                    [pubsub_device_store:keep(Node, Device, Number, ItemId, Via, Element)
+                     || {keep, Device, Via} <- Targets],
+                    Number
+            end,
+    {pubsub_device_store:together(Store), Node, Targets}.
 
 deliver({Number, Node, Targets}, State) ->
     [pubsub_device_targets:send_live(Number, Target) || Target <- Targets, element(1, Target) /= keep],

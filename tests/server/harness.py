@@ -20,14 +20,16 @@ PASSWORD = "secret"
 
 
 class Instance:
-    """A running server in a temporary folder."""
+    """A running server in a temporary folder: one of its own, a first member of a cluster, or one that joins."""
 
-    def __init__(self, options=()):
+    def __init__(self, options=(), member=None, join=None):
         self.folder = tempfile.mkdtemp(prefix="pubsub-server-")
         arguments = [each for option in options for each in ("--option", option)]
+        arguments += ["--member", member] if member else []
+        arguments += ["--join", join] if join else []
         try:
             self._run("up", self.folder, *arguments)
-            for name in ACCOUNTS:
+            for name in ACCOUNTS if join is None else ():
                 self._run("account", self.folder, name, PASSWORD)
         except BaseException:
             self.remove()

@@ -2,7 +2,7 @@
 """Authorisation of subscribers, pending requests, and collections."""
 import xmppclient
 from harness import ServerTest
-from xmppclient import CLIENT, CONFIG, DATA, EVENT, OWNER, PUBSUB, form
+from xmppclient import CONFIG, DATA, EVENT, OWNER, PUBSUB, form
 
 COMMANDS = "http://jabber.org/protocol/commands"
 GET_PENDING = "http://jabber.org/protocol/pubsub#get-pending"
