@@ -157,15 +157,23 @@ class Client:
             self.wait_end(5)
         except (OSError, AssertionError):
             pass
-        self._socket.close()
+        self._hang_up()
 
     def kill(self):
         """Resets the connection, as a link that breaks does."""
         try:
             self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            self._socket.shutdown(socket.SHUT_RD)
         except OSError:
             pass  # it is gone already
+        self._hang_up()
+
+    def _hang_up(self):
+        """Closes only when the reader has let go: it would read from the next socket of this number."""
+        try:
+            self._socket.shutdown(socket.SHUT_RD)
+        except OSError:
+            pass
+        self._reader.join(DEADLINE)
         self._socket.close()
 
     # ---- inside
