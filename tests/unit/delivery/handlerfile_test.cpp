@@ -264,6 +264,12 @@ TEST_F(HandlerFile, SplitsALongerRecordThatSomebodyElseWrote) {
     EXPECT_EQ(takeLogLines(), kMalformed);
 }
 
+TEST_F(HandlerFile, ReadsALongLineInPiecesWithoutLosingACharacter) {
+    load(recordOfLength(4095, "b") + line(appendedRecord("c", "z")));
+    EXPECT_EQ(services(), (Table{{"b", {"zelt://com.example.long/in"}}, {"c", {"z"}}}));
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
 TEST_F(HandlerFile, LeavesARecordThatGrewTooLongOutOfTheRewrite) {
     bool present = false;
     session().addNodeToMap("a", "x", false, present);
