@@ -11,33 +11,42 @@
 namespace {
 
 constexpr const char* kUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
-constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* kNoAnswer = "com.zelt.Error.NoAnswer";
+constexpr const char* kLimitExceeded = "com.zelt.Error.LimitExceeded";
 constexpr std::size_t kPublicPayloadLimit = 64 * 1024;
-constexpr int kUnansweredLimit = 128;
+constexpr std::ptrdiff_t kUnansweredLimit = 128;
 
 std::string withoutScheme(const std::string& uri) {
     const std::size_t at = uri.find("://");
     return at == std::string::npos ? uri : uri.substr(at + 3);
 }
 
-FakeMessage* refused(FakeMessage* message, const char* errorName) {
+// The bus answers in the service's place.
+void refuseRequest(FakeMessage* message, const char* errorName) {
     message->isError = true;
     message->errorName = errorName;
+    if (message->wantsReply)
+        message->arrivals.push_back(std::string("error ") + errorName);
     message->references = 0;
-    return message;
 }
 
-int unansweredOf(const FakeBusState& state, const QSMessage& request) {
-    return static_cast<int>(
-        std::count_if(state.messages.begin(), state.messages.end(), [&](const auto& other) {
-            return other->isRequest && other->kept() && other->answers.empty() &&
-                   other->client == request.client && other.get() != &request;
-        }));
+std::ptrdiff_t unansweredOf(const FakeBusState& state, const QSMessage& request) {
+    return std::count_if(state.messages.begin(), state.messages.end(), [&](const auto& other) {
+        return other->arrived && other->kept() && other->answers.empty() && other->client == request.client;
+    });
 }
 
 bool beyondBounds(const FakeBusState& state, const QSMessage& request) {
     return request.handle->isPublic &&
            (request.payload.size() > kPublicPayloadLimit || unansweredOf(state, request) >= kUnansweredLimit);
+}
+
+void handOver(FakeBusState& state, FakeMessage* message, QSFilter handler, void* context) {
+    if (beyondBounds(state, *message))
+        return refuseRequest(message, kLimitExceeded);
+    message->arrived = true;
+    runFilter(handler, message->handle, message, context);
+    QSMessageUnref(message);
 }
 
 PlacedCall* findOpen(FakeBusState& state, const std::string& uri, const std::string* callPayload) {
@@ -48,19 +57,41 @@ PlacedCall* findOpen(FakeBusState& state, const std::string& uri, const std::str
     return nullptr;
 }
 
+PlacedCall* findOpen(FakeBusState& state, QSToken token) {
+    for (PlacedCall& call : state.calls)
+        if (call.token == token && call.open)
+            return &call;
+    return nullptr;
+}
+
 bool deliver(FakeBusState& state, PlacedCall* placed, const std::string& payload,
              const std::string& errorName) {
     if (!placed)
         return false;
     const PlacedCall call = *placed;  // the callback may place further calls
     placed->open = call.subscribes && errorName.empty();
+    if (errorName == kNoAnswer)
+        return true;  // nothing to tell
     QSMessage* reply = state.makeMessage(call.handle);
+    reply->method = call.uri.substr(call.uri.rfind('/') + 1);
     reply->payload = payload;
     reply->isError = !errorName.empty();
     reply->errorName = errorName;
-    call.callback(call.handle, reply, call.context);
+    runFilter(call.callback, call.handle, reply, call.context);
     QSMessageUnref(reply);
     return true;
+}
+
+std::string errorPayload(const std::string& text) {
+    JsonRef error(json_object_new_object());
+    json_object_object_add(error.get(), "returnValue", json_object_new_boolean(false));
+    json_object_object_add(error.get(), "errorCode", json_object_new_int(-1));
+    json_object_object_add(error.get(), "errorText", json_object_new_string(text.c_str()));
+    return json_object_to_json_string_ext(error.get(), JSON_C_TO_STRING_PLAIN);
+}
+
+bool isCallTo(const PlacedCall& call, const std::string& service) {
+    return withoutScheme(call.uri).starts_with(service + '/');
 }
 
 }  // namespace
@@ -84,51 +115,61 @@ FakeMessage* FakeBus::request(QSHandle* handle, const std::string& method, const
     return message;
 }
 
+void FakeBus::dispatch(FakeMessage* message) {
+    const auto& categories = message->handle->categories;
+    const auto category = categories.find(message->category);
+    if (category == categories.end() || !category->second.contains(message->method))
+        return refuseRequest(message, kUnknownMethod);
+    const auto& [handler, context] = category->second.at(message->method);
+    handOver(*m_state, message, handler, context);
+}
+
 FakeMessage* FakeBus::call(QSHandle* handle, const std::string& method, const std::string& payload,
                            const std::string& appId, const std::string& client) {
-    for (const auto& [category, methods] : handle->categories) {
-        const auto found = methods.find(method);
-        if (found == methods.end())
-            continue;
-        FakeMessage* message = request(handle, method, payload, appId, client);
-        message->category = category;
-        if (beyondBounds(*m_state, *message))
-            return refused(message, kLimitsExceeded);
-        found->second.first(handle, message, found->second.second);
-        QSMessageUnref(message);
-        return message;
-    }
-    return refused(request(handle, method, payload, appId, client), kUnknownMethod);
+    FakeMessage* message = request(handle, method, payload, appId, client);
+    for (const auto& [category, methods] : handle->categories)
+        if (methods.contains(method))
+            message->category = category;
+    dispatch(message);
+    return message;
 }
 
 FakeMessage* FakeBus::call(QSHandle* handle, QSFilter handler, const std::string& method,
                            const std::string& payload, const std::string& appId, const std::string& client) {
     FakeMessage* message = request(handle, method, payload, appId, client);
-    if (beyondBounds(*m_state, *message))
-        return refused(message, kLimitsExceeded);
-    handler(handle, message, nullptr);
-    QSMessageUnref(message);
+    handOver(*m_state, message, handler, nullptr);
     return message;
 }
 
 void FakeBus::clientDies(FakeMessage* message) {
-    const std::string client = message->client;
     std::vector<QSMessage*> requests;
     for (const auto& other : m_state->messages)
-        if (other->isRequest && other->client == client)
+        if (other->isRequest && other->client == message->client)
             requests.push_back(other.get());
     for (QSMessage* request : requests)
         request->clientGone = true;
-    for (QSMessage* request : requests)
-        cancelSubscriptions(request, true);
+    cancelSubscriptions(requests, false);
 }
 
 void FakeBus::clientDiesUnseen(FakeMessage* message) {
-    m_state->unseenDeaths.push_back(message);
+    queue([this, message] { clientDies(message); });
+}
+
+void FakeBus::queue(std::function<void()> arrival) {
+    m_state->received.push_back(std::move(arrival));
+}
+
+bool FakeBus::readOne() {
+    if (m_state->received.empty())
+        return false;
+    const std::function<void()> arrival = std::move(m_state->received.front());
+    m_state->received.pop_front();
+    arrival();
+    return true;
 }
 
 bool FakeBus::cancel(FakeMessage* message) {
-    return cancelSubscriptions(message, true);
+    return cancelSubscriptions({message}, false);
 }
 
 bool FakeBus::replyTo(const std::string& uri, const std::string& payload) {
@@ -140,31 +181,43 @@ bool FakeBus::replyTo(const std::string& uri, const std::string& callPayload, co
 }
 
 bool FakeBus::replyErrorTo(const std::string& uri, const std::string& errorName, const std::string& text) {
-    JsonRef error(json_object_new_object());
-    json_object_object_add(error.get(), "returnValue", json_object_new_boolean(false));
-    json_object_object_add(error.get(), "errorCode", json_object_new_int(-1));
-    json_object_object_add(error.get(), "errorText", json_object_new_string(text.c_str()));
-    return deliver(*m_state, findOpen(*m_state, uri, nullptr), json_object_to_json_string(error.get()),
-                   errorName);
+    return deliver(*m_state, findOpen(*m_state, uri, nullptr), errorPayload(text), errorName);
+}
+
+bool FakeBus::reply(QSToken token, const std::string& payload) {
+    return deliver(*m_state, findOpen(*m_state, token), payload, "");
+}
+
+bool FakeBus::refuse(QSToken token, const std::string& errorName, const std::string& text) {
+    return deliver(*m_state, findOpen(*m_state, token), errorPayload(text), errorName);
+}
+
+void FakeBus::endCall(QSToken token) {
+    if (PlacedCall* call = findOpen(*m_state, token))
+        call->open = false;
 }
 
 bool FakeBus::serverStatus(const std::string& service, bool connected) {
-    const std::string payload = connected ? "{\"connected\":true}" : "{\"connected\":false}";
+    if (connected)
+        m_state->present.insert(service);
+    else
+        m_state->present.erase(service);
     std::vector<QSToken> watches;
-    for (const PlacedCall& call : m_state->calls) {
-        const JsonRef asked = parseJson(call.payload.c_str());
-        json_object* name = jsonMember(asked.get(), "serviceName");
-        if (call.open && withoutScheme(call.uri) == "com.zelt.bus/signal/registerServerStatus" && name &&
-            json_object_get_string(name) == service)
+    for (PlacedCall& call : m_state->calls) {
+        BusAddress address;
+        if (call.open && parseBusAddress(call.uri, address) && isServerStatus(address) &&
+            watchedService(call.payload) == service)
             watches.push_back(call.token);
+        if (!connected && call.subscribes && isCallTo(call, service))
+            call.open = false;
     }
     for (QSToken token : watches)
-        for (PlacedCall& call : m_state->calls)
-            if (call.token == token) {
-                deliver(*m_state, &call, payload, "");
-                break;
-            }
+        reply(token, connected ? "{\"connected\":true}" : "{\"connected\":false}");
     return !watches.empty();
+}
+
+void FakeBus::knowServices() {
+    m_state->knowsServices = true;
 }
 
 void FakeBus::serviceMissing(const std::string& service) {
@@ -239,13 +292,15 @@ bool FakeBus::registered(const std::string& name) const {
 }
 
 void FakeBus::dropSubscriptions() {
-    std::vector<QSMessage*> all;
-    for (const auto& message : m_state->messages)
-        all.push_back(message.get());
-    for (QSMessage* message : all)
-        cancelSubscriptions(message, false);
+    cancelSubscriptions(m_state->subscribed, true);
 }
 
+// What somebody still holds must bear being released later, as it must when the real bus is unregistered.
 void FakeBus::reset() {
+    static std::vector<std::unique_ptr<FakeBusState>> retired;
+    for (const auto& handle : m_state->handles)
+        handle->closed = true;
+    if (!liveMessages().empty())
+        retired.push_back(std::move(m_state));
     m_state = std::make_unique<FakeBusState>();
 }

@@ -6,6 +6,7 @@
 // with reset(); messages stay readable for the test after the service has released them.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,13 +22,16 @@ struct QSMessage {
     std::string payload;
     std::string appId;  // "ID PID", "" for none
     bool isRequest = false;
+    bool wantsReply = true;
+    bool arrived = false;  // a handler has seen it
     bool clientGone = false;
     bool isError = false;
     std::string errorName;
 
-    std::vector<std::string> answers;  // what the caller got, in order
-    bool closedUnanswered = false;     // the caller got com.zelt.Error.NoAnswer
-    bool ended = false;                // the caller was told that no further answer follows
+    std::vector<std::string> answers;   // what was answered, in order
+    std::vector<std::string> arrivals;  // what the caller saw: "reply T", "answer T", "error NAME", "ended"
+    bool closedUnanswered = false;      // the caller got com.zelt.Error.NoAnswer
+    bool ended = false;                 // the caller was told that no further answer follows
     bool wasSubscribed = false;
     bool cancelled = false;
     int references = 0;
@@ -51,6 +55,7 @@ struct PlacedCall {
     void* context;
     bool subscribes;  // stays open after a reply
     bool open;        // a reply can still be delivered
+    bool cancelled;   // by the service
 };
 
 class FakeBus {
@@ -70,10 +75,16 @@ class FakeBus {
     // A request that no handler has seen, with one reference for the test to release with QSMessageUnref.
     FakeMessage* request(QSHandle* handle, const std::string& method, const std::string& payload,
                          const std::string& appId = "", const std::string& client = "");
+    // Hands such a request to the handler that the tables name, and releases it.
+    void dispatch(FakeMessage* message);
     // The caller leaves the bus: its subscriptions are cancelled, its requests cannot be answered any more.
     void clientDies(FakeMessage* message);
     // The same, but the service learns of it only when it reads what its connections have received.
     void clientDiesUnseen(FakeMessage* message);
+    // Anything else that has arrived, but waits until the connections are read.
+    void queue(std::function<void()> arrival);
+    // Reads the oldest arrival; false when there is none.
+    bool readOne();
     // The caller ends this one subscription; false when the message was not subscribed.
     bool cancel(FakeMessage* message);
 
@@ -84,8 +95,16 @@ class FakeBus {
     bool replyTo(const std::string& uri, const std::string& callPayload, const std::string& payload);
     // The call fails: its callback gets a bus error.
     bool replyErrorTo(const std::string& uri, const std::string& errorName, const std::string& text);
-    // Tells every watch on `service` that it came or went; false when nobody watches it.
+    // The same for one call; a reply that its call does not take any more is lost.
+    bool reply(QSToken token, const std::string& payload);
+    bool refuse(QSToken token, const std::string& errorName, const std::string& text);
+    void endCall(QSToken token);
+    // Tells every watch on `service` that it came or went; false when nobody watches it. Subscriptions to a
+    // service that goes end.
     bool serverStatus(const std::string& service, bool connected);
+    // From now on a watched service that has not come, or has gone, is known to be missing, and a watch on
+    // one that has come reports it at the next read. Without this word every service takes calls.
+    void knowServices();
     // Calls to `service` are refused at once: it is neither running nor can it be started.
     void serviceMissing(const std::string& service);
     const std::vector<PlacedCall>& calls() const;

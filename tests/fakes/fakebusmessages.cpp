@@ -3,6 +3,7 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,34 +14,23 @@
 
 namespace {
 
-struct Address {
-    std::string service;
-    std::string path;
-    std::string method;
-};
-
-bool parseUri(const std::string& uri, Address& address) {
-    if (!uri.starts_with("quor://") && !uri.starts_with("zelt://"))
-        return false;
-    const std::string rest = uri.substr(7);
-    const std::size_t first = rest.find('/');
-    const std::size_t last = rest.rfind('/');
-    if (first == std::string::npos)
-        return false;
-    address = {rest.substr(0, first), first == last ? "/" : rest.substr(first, last - first),
-               rest.substr(last + 1)};
-    return g_dbus_is_name(address.service.c_str()) && address.service[0] != ':' &&
-           g_variant_is_object_path(address.path.c_str()) && g_dbus_is_member_name(address.method.c_str());
+// Whether a call to the service can be placed at all.
+bool isMissing(const FakeBusState& state, const std::string& service) {
+    const bool isWatched = std::any_of(state.calls.begin(), state.calls.end(), [&](const PlacedCall& call) {
+        BusAddress address;
+        return parseBusAddress(call.uri, address) && isServerStatus(address) &&
+               watchedService(call.payload) == service;
+    });
+    return state.missing.contains(service) ||
+           (state.knowsServices && isWatched && !state.present.contains(service));
 }
 
-bool isServerStatus(const Address& address) {
-    return address.service == "com.zelt.bus" && address.method == "registerServerStatus";
-}
-
-bool namesAService(const char* payload) {
-    const JsonRef asked = parseJson(payload);
-    json_object* name = jsonMember(asked.get(), "serviceName");
-    return name && g_dbus_is_name(json_object_get_string(name));
+// The first status of a watch comes by itself, when the service is there.
+void reportPresence(QSToken token, const std::string& service) {
+    fakeBus().queue([token, service] {
+        if (fakeBus().state().present.contains(service))
+            fakeBus().reply(token, "{\"connected\":true}");
+    });
 }
 
 bool addMethods(QSHandle* handle, const char* category, const QSMethod* methods, void* context) {
@@ -113,8 +103,22 @@ bool answerMessage(QSMessage* message, const char* payload, QSError* error) {
         return failWith(error, -ENOTCONN, "client " + message->client + " is gone");
     if (!payload || !g_utf8_validate(payload, -1, nullptr))
         return failWith(error, -EILSEQ, "payload is not UTF-8");
-    message->answers.emplace_back(payload);
+    if (message->cancelled && !message->answers.empty())
+        return failWith(error, -ECANCELED, "client " + message->client + " has cancelled the call");
+    const std::string text = withoutNonCharacters(payload);
+    if (!message->answers.empty())
+        message->arrivals.push_back("answer " + text);
+    else if (message->wantsReply)
+        message->arrivals.push_back("reply " + text);
+    message->answers.push_back(text);
     return true;
+}
+
+void runFilter(QSFilter filter, QSHandle* handle, QSMessage* message, void* context) {
+    FakeBusState& state = fakeBus().state();
+    ++state.callbackDepth;
+    filter(handle, message, context);
+    --state.callbackDepth;
 }
 
 std::string busName(const QSHandle* handle) {
@@ -181,8 +185,10 @@ QSHandle* QSZeltServiceGetPublicConnection(QSZeltService* service) {
 }
 
 void QSZeltServiceReadReceived(QSZeltService*) {
-    for (QSMessage* message : std::exchange(fakeBus().state().unseenDeaths, {}))
-        fakeBus().clientDies(message);
+    if (fakeBus().state().callbackDepth > 0)
+        return;
+    while (fakeBus().readOne()) {
+    }
 }
 
 bool QSRegister(QSBus bus, const char* name, QSHandle** handle, QSError* error) {
@@ -211,9 +217,11 @@ bool QSUnregister(QSHandle* handle, QSError* error) {
         return false;
     if (!handle || handle->closed)
         return failWith(error, -ENOTCONN, "the bus connection is closed");
-    for (const auto& message : fakeBus().state().messages)
+    std::vector<QSMessage*> subscribed;
+    for (QSMessage* message : fakeBus().state().subscribed)
         if (message->handle == handle)
-            cancelSubscriptions(message.get(), false);
+            subscribed.push_back(message);
+    cancelSubscriptions(subscribed, true);
     handle->closed = true;
     return true;
 }
@@ -226,22 +234,27 @@ bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter cal
         *token = 0;
     if (faultInjected("QSCall", error))
         return false;
-    Address address;
-    if (!handle || !uri || !parseUri(uri, address))
+    BusAddress address;
+    if (!handle || !uri || !parseBusAddress(uri, address))
         return failWith(error, -EINVAL, "not a bus address: " + std::string(uri ? uri : "(none)"));
     if (handle->closed)
         return failWith(error, -ENOTCONN, "the bus connection is closed");
     if (!payload || !g_utf8_validate(payload, -1, nullptr))
         return failWith(error, -EILSEQ, "payload is not UTF-8");
+    const bool watches = isServerStatus(address);
+    if (watches && (watchedService(payload).empty() || !callback))
+        return failWith(error, -EINVAL, "a server status needs a serviceName and a callback");
     FakeBusState& state = fakeBus().state();
-    if (isServerStatus(address) ? !namesAService(payload) : state.missing.contains(address.service))
+    if (!watches && isMissing(state, address.service))
         return failWith(error, -EHOSTUNREACH, "no service " + address.service);
-    journal().add(std::string("bus.call ") + uri + ' ' + payload);
-    const bool subscribes = isServerStatus(address) || asksToSubscribe(payload);
-    state.calls.push_back(
-        {handle, state.nextToken++, uri, payload, callback, context, subscribes, callback != nullptr});
+    const std::string text = withoutNonCharacters(payload);
+    journal().add(std::string("bus.call ") + uri + ' ' + text);
+    state.calls.push_back({handle, state.nextToken++, uri, text, callback, context,
+                           watches || asksToSubscribe(text), callback != nullptr, false});
     if (token && callback)
         *token = state.calls.back().token;
+    if (watches && state.knowsServices)
+        reportPresence(state.calls.back().token, watchedService(payload));
     return true;
 }
 
@@ -251,6 +264,7 @@ bool QSCallCancel(QSHandle*, QSToken token, QSError* error) {
     for (PlacedCall& call : fakeBus().state().calls)
         if (call.token == token && call.open) {
             call.open = false;
+            call.cancelled = true;
             return true;
         }
     return failWith(error, -ENOENT, "no such call");
@@ -291,15 +305,19 @@ void QSMessageUnref(QSMessage* message) {
     if (!usable(message, __func__) || --message->references > 0 || !message->isRequest)
         return;
     const bool reachable = !message->clientGone && !message->handle->closed;
-    message->closedUnanswered = reachable && message->answers.empty();
+    message->closedUnanswered = reachable && message->wantsReply && message->answers.empty();
     message->ended = reachable && message->wasSubscribed && !message->answers.empty();
+    if (message->closedUnanswered)
+        message->arrivals.emplace_back("error com.zelt.Error.NoAnswer");
+    if (message->ended)
+        message->arrivals.emplace_back("ended");
 }
 
 bool QSMessageReply(QSHandle*, QSMessage* message, const char* payload, QSError* error) {
     if (faultInjected("QSMessageReply", error) || (message && !usable(message, __func__)) ||
         !answerMessage(message, payload, error))
         return false;
-    journal().add("bus.reply " + message->method + ' ' + payload);
+    journal().add("bus.reply " + message->method + ' ' + message->answers.back());
     return true;
 }
 
@@ -307,6 +325,6 @@ bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error) {
     if (faultInjected("QSMessageRespond", error) || (message && !usable(message, __func__)) ||
         !answerMessage(message, payload, error))
         return false;
-    journal().add("bus.respond " + message->method + ' ' + payload);
+    journal().add("bus.respond " + message->method + ' ' + message->answers.back());
     return true;
 }

@@ -3,6 +3,8 @@
 // subscriptions.
 #pragma once
 
+#include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -56,13 +58,32 @@ struct FakeBusState {
     std::vector<PlacedCall> calls;
     std::map<std::string, Fault> faults;
     std::set<std::string> missing;
-    std::vector<QSMessage*> unseenDeaths;
+    std::set<std::string> present;  // services that have come
+    bool knowsServices = false;     // a watched service that is not present is missing
+    std::deque<std::function<void()>> received;
+    int callbackDepth = 0;
+    std::vector<QSMessage*> subscribed;  // oldest first
     QSToken nextToken = 1;
     unsigned nextClient = 1;
 
     QSMessage* makeMessage(QSHandle* handle);
     QSHandle* makeHandle(const std::string& name, bool isPublic);
 };
+
+// Runs a handler, a callback or a cancel function.
+void runFilter(QSFilter filter, QSHandle* handle, QSMessage* message, void* context);
+
+struct BusAddress {
+    std::string service;
+    std::string path;
+    std::string method;
+};
+bool parseBusAddress(const std::string& uri, BusAddress& address);
+bool isServerStatus(const BusAddress& address);
+// The member "serviceName" of a server status request; "" when it is no service name.
+std::string watchedService(const std::string& payload);
+// Code points that D-Bus refuses become escapes of JSON.
+std::string withoutNonCharacters(const std::string& text);
 
 // Fills the error record; returns false so that a failing call can return it.
 bool failWith(QSError* error, int code, const std::string& text);
@@ -74,6 +95,7 @@ bool usable(QSMessage* message, const char* operation);
 bool asksToSubscribe(const std::string& payload);
 // Hands one answer to the caller.
 bool answerMessage(QSMessage* message, const char* payload, QSError* error);
-// Takes a message out of every list; the cancel function runs when it had been in one.
-bool cancelSubscriptions(QSMessage* message, bool callCancelFunction);
+// Takes messages out of every list and then, unless silent, runs the cancel function for those that had been
+// in one, oldest first. False when none had been.
+bool cancelSubscriptions(const std::vector<QSMessage*>& messages, bool silent);
 std::string busName(const QSHandle* handle);

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr std::size_t kSubscriptionLimit = 64;
+constexpr std::ptrdiff_t kSubscriptionLimit = 64;
 
 bool contains(const SubscriberList& list, QSMessage* message) {
     return std::find(list.begin(), list.end(), message) != list.end();
@@ -24,12 +24,16 @@ bool subscribedAnywhere(QSMessage* message) {
            std::any_of(handle.byMethod.begin(), handle.byMethod.end(), has);
 }
 
-std::size_t subscriptionsOf(const std::string& client) {
-    const auto& messages = fakeBus().state().messages;
-    return static_cast<std::size_t>(std::count_if(messages.begin(), messages.end(), [&](const auto& message) {
-        return message->isRequest && message->client == client && message->kept() &&
-               subscribedAnywhere(message.get());
-    }));
+// The message has left its last list.
+void releaseSubscribed(QSMessage* message) {
+    std::erase(fakeBus().state().subscribed, message);
+    QSMessageUnref(message);
+}
+
+std::ptrdiff_t subscriptionsOf(const std::string& client) {
+    const auto& subscribed = fakeBus().state().subscribed;
+    return std::count_if(subscribed.begin(), subscribed.end(),
+                         [&](const QSMessage* message) { return message->client == client; });
 }
 
 bool addTo(SubscriberList& list, QSMessage* message, const std::string& name, QSError* error) {
@@ -37,8 +41,10 @@ bool addTo(SubscriberList& list, QSMessage* message, const std::string& name, QS
         return true;
     if (!subscribedAnywhere(message)) {
         if (message->handle->isPublic && subscriptionsOf(message->client) >= kSubscriptionLimit)
-            return failWith(error, -EDQUOT, "client " + message->client + " has too many subscriptions");
+            return failWith(error, -EDQUOT,
+                            "client " + message->client + " has 64 subscriptions: cancel some");
         QSMessageRef(message);
+        fakeBus().state().subscribed.push_back(message);
     }
     list.push_back(message);
     message->wasSubscribed = true;
@@ -55,23 +61,21 @@ bool acceptable(QSHandle* handle, QSMessage* message, QSError* error) {
         return failWith(error, -ENOTCONN, "the bus connection is closed");
     if (message->clientGone)
         return failWith(error, -ENOTCONN, "client " + message->client + " is gone");
+    if (message->cancelled)
+        return failWith(error, -ECANCELED, "client " + message->client + " has cancelled the call");
     return true;
 }
 
-// Returns how many lists the message was in.
 template <typename Map, typename Name>
-int leaveAll(Map& lists, QSMessage* message, bool journalled, Name name) {
-    int left = 0;
+void leaveAll(Map& lists, QSMessage* message, bool journalled, Name name) {
     for (auto entry = lists.begin(); entry != lists.end();) {
         if (contains(entry->second, message)) {
-            ++left;
             entry->second.remove(message);
             if (journalled)
                 journal().add("bus.unsubscribe " + busName(message->handle) + ' ' + name(entry->first));
         }
         entry = entry->second.empty() ? lists.erase(entry) : std::next(entry);
     }
-    return left;
 }
 
 std::string methodKey(const std::pair<std::string, std::string>& key) {
@@ -93,20 +97,23 @@ int pushTo(const SubscriberList& list, const char* payload, QSError* error) {
 
 }  // namespace
 
-bool cancelSubscriptions(QSMessage* message, bool callCancelFunction) {
-    if (!message->isRequest || !message->kept())
-        return false;
-    QSHandle* handle = message->handle;
-    const int left =
-        leaveAll(handle->byKey, message, callCancelFunction, [](const std::string& key) { return key; }) +
-        leaveAll(handle->byMethod, message, callCancelFunction, methodKey);
-    if (left == 0)
-        return false;
-    message->cancelled = callCancelFunction;
-    if (callCancelFunction && handle->cancel)
-        handle->cancel(handle, message, handle->cancelContext);
-    QSMessageUnref(message);
-    return true;
+bool cancelSubscriptions(const std::vector<QSMessage*>& messages, bool silent) {
+    std::vector<QSMessage*> left;
+    for (QSMessage* message : std::vector<QSMessage*>(fakeBus().state().subscribed)) {
+        if (std::find(messages.begin(), messages.end(), message) == messages.end())
+            continue;
+        leaveAll(message->handle->byKey, message, !silent, [](const std::string& key) { return key; });
+        leaveAll(message->handle->byMethod, message, !silent, methodKey);
+        left.push_back(message);
+    }
+    for (QSMessage* message : left) {
+        QSHandle* handle = message->handle;
+        message->cancelled = !silent;
+        if (!silent && handle->cancel)
+            runFilter(handle->cancel, handle, message, handle->cancelContext);
+        releaseSubscribed(message);
+    }
+    return !left.empty();
 }
 
 bool QSSubscriptionProcess(QSHandle* handle, QSMessage* message, bool* subscribed, QSError* error) {
@@ -168,7 +175,7 @@ void QSSubscriptionRemove(QSSubscriptionIter* iter) {
         iter->handle->byKey.erase(list);
     journal().add("bus.unsubscribe " + busName(iter->handle) + ' ' + iter->key);
     if (!subscribedAnywhere(message))
-        QSMessageUnref(message);
+        releaseSubscribed(message);
 }
 
 void QSSubscriptionRelease(QSSubscriptionIter* iter) {

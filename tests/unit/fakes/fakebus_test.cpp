@@ -116,6 +116,15 @@ TEST_F(FakeBusTest, ReportsTheUseOfAReleasedMessage) {
     EXPECT_NONFATAL_FAILURE(QSMessageUnref(message), "released");
 }
 
+TEST_F(FakeBusTest, BearsAReleaseAfterAReset) {
+    fakeBus().call(fakeBus().privateHandle(), keep, "keep", "{\"kept\":true}");
+    fakeBus().reset();
+    EXPECT_STREQ(QSMessageGetPayload(gKept.get()), "{\"kept\":true}");
+    EXPECT_FALSE(QSMessageRespond(gKept.get(), "{}", nullptr));
+    gKept = KeptMessage();
+    EXPECT_THAT(fakeBus().liveMessages(), IsEmpty());
+}
+
 TEST_F(FakeBusTest, RunsTheCancelFunctionAfterTheMessageLeftItsLists) {
     ASSERT_TRUE(QSSubscriptionSetCancelFunction(
         fakeBus().publicHandle(),
@@ -171,12 +180,11 @@ TEST_F(FakeBusTest, KeepsASubscribingCallOpenUntilAnError) {
         QSCall(fakeBus().privateHandle(), uri, "{\"subscribe\":true}", seeError, nullptr, nullptr, nullptr));
     EXPECT_TRUE(fakeBus().replyTo(uri, "one"));
     EXPECT_TRUE(fakeBus().replyTo(uri, "two"));
-    EXPECT_TRUE(fakeBus().replyErrorTo(uri, "com.zelt.Error.NoAnswer", "gone"));
+    EXPECT_TRUE(fakeBus().replyErrorTo(uri, "com.zelt.Error.Gone", "gone"));
     EXPECT_FALSE(fakeBus().replyTo(uri, "three"));
-    EXPECT_THAT(gSeen,
-                ElementsAre("no error  one", "no error  two",
-                            "error com.zelt.Error.NoAnswer { \"returnValue\": false, \"errorCode\": -1, "
-                            "\"errorText\": \"gone\" }"));
+    EXPECT_THAT(gSeen, ElementsAre("no error  one", "no error  two",
+                                   "error com.zelt.Error.Gone {\"returnValue\":false,\"errorCode\":-1,"
+                                   "\"errorText\":\"gone\"}"));
 }
 
 TEST_F(FakeBusTest, TellsTheWatchesOfOneService) {
