@@ -5,6 +5,7 @@
 // character.
 #include "xmpp/xmltext.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <set>
 #include <utility>
@@ -56,6 +57,14 @@ bool everyCodePoint(std::string_view text, Predicate allowed) {
     return true;
 }
 
+// Most texts are plain ASCII, and some are long.
+std::string_view behindPlain(std::string_view text) {
+    const auto isPlain = [](char c) { return c >= 0x20 && static_cast<unsigned char>(c) < 0x7F; };
+    text.remove_prefix(
+        static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isPlain) - text.begin()));
+    return text;
+}
+
 bool isChar(char32_t c) {
     if (c < 0x20)
         return c == '\t' || c == '\n' || c == '\r';
@@ -73,15 +82,15 @@ bool within(char32_t c, const Range* begin, const Range* end) {
     return false;
 }
 
-// The server's parser goes by the letters of the fourth edition of XML 1.0, not by the wide ranges of the fifth.
-// These are its large blocks: Latin, Greek, Cyrillic, Hebrew, Arabic, kana, ideographs, Hangul.
+// The server's parser goes by the letters of the fourth edition of XML 1.0, not by the wide ranges of the
+// fifth. These are its large blocks: Latin, Greek, Cyrillic, Hebrew, Arabic, kana, ideographs, Hangul.
 bool isNameStart(char32_t c) {
     static constexpr Range kRanges[] = {
-        {'A', 'Z'},         {'_', '_'},         {'a', 'z'},         {0xC0, 0xD6},       {0xD8, 0xF6},
-        {0xF8, 0x131},      {0x134, 0x13E},     {0x141, 0x148},     {0x14A, 0x17E},     {0x180, 0x1C3},
-        {0x388, 0x38A},     {0x38E, 0x3A1},     {0x3A3, 0x3CE},     {0x401, 0x40C},     {0x40E, 0x44F},
-        {0x451, 0x45C},     {0x45E, 0x481},     {0x5D0, 0x5EA},     {0x621, 0x63A},     {0x641, 0x64A},
-        {0x3041, 0x3094},   {0x30A1, 0x30FA},   {0x4E00, 0x9FA5},   {0xAC00, 0xD7A3}};
+        {'A', 'Z'},       {'_', '_'},       {'a', 'z'},       {0xC0, 0xD6},    {0xD8, 0xF6},
+        {0xF8, 0x131},    {0x134, 0x13E},   {0x141, 0x148},   {0x14A, 0x17E},  {0x180, 0x1C3},
+        {0x388, 0x38A},   {0x38E, 0x3A1},   {0x3A3, 0x3CE},   {0x401, 0x40C},  {0x40E, 0x44F},
+        {0x451, 0x45C},   {0x45E, 0x481},   {0x5D0, 0x5EA},   {0x621, 0x63A},  {0x641, 0x64A},
+        {0x3041, 0x3094}, {0x30A1, 0x30FA}, {0x4E00, 0x9FA5}, {0xAC00, 0xD7A3}};
     return within(c, std::begin(kRanges), std::end(kRanges));
 }
 
@@ -193,11 +202,11 @@ void appendEscaped(std::string& out, std::string_view text) {
 }  // namespace
 
 bool isXmlText(std::string_view text) {
-    return everyCodePoint(text, isChar);
+    return everyCodePoint(behindPlain(text), isChar);
 }
 
 bool isXmlAttribute(std::string_view value) {
-    return everyCodePoint(value, [](char32_t c) { return c >= 0x20 && isChar(c); });
+    return everyCodePoint(behindPlain(value), [](char32_t c) { return c >= 0x20 && isChar(c); });
 }
 
 bool isXmlName(std::string_view name) {
@@ -236,8 +245,14 @@ StanzaWriter& StanzaWriter::element(const gloox::Tag& tag) {
     endStartTag();
     // A parser reads a bare carriage return as a line feed; only the reference keeps it. Attributes have none
     // here.
-    for (const char c : tag.xml())
-        c == '\r' ? m_out.append("&#13;") : m_out.append(1, c);
+    const std::string xml = tag.xml();
+    for (std::size_t begin = 0; begin < xml.size();) {
+        const std::size_t end = std::min(xml.find('\r', begin), xml.size());
+        m_out.append(xml, begin, end - begin);
+        if (end < xml.size())
+            m_out += "&#13;";
+        begin = end + 1;
+    }
     return *this;
 }
 
