@@ -50,7 +50,8 @@ request({set, <<"delete-nodes">>}, Element, #iq{from = From, to = #jid{lserver =
                                   {error, #stanza_error{reason = Reason}}
                                       <- [mod_pubsub:delete_node(Service, NodeId, From)],
                                   Reason /= 'item-not-found'],
-    answer(IQ, {ok, pubsub_device_stanza:nodes(<<"delete-nodes">>, Failed)});
+    pubsub_device_commit:answer(answer(IQ, {ok, pubsub_device_stanza:nodes(<<"delete-nodes">>, Failed)})),
+    ignore;
 request({set, <<"publish">>}, Element, IQ) -> publish(Element, IQ);
 request(_, _, IQ) ->
     answer(IQ, {error, xmpp:err_bad_request(<<"No such request in this namespace">>, <<"en">>)}).

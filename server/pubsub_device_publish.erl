@@ -42,20 +42,25 @@ on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, Ite
                        [First | _] -> pubsub_device_stanza:item_of(First);
                        [] -> #ps_item{id = ItemId, sub_els = Payload}
                    end,
-            put(?CONTEXT, written(get(?CONTEXT), {Service, NodeId}, {ItemId, Item, Messages})),
-            ok;
+            written(get(?CONTEXT), {Service, NodeId}, {ItemId, Item, Messages});
         false -> ok
     end;
 on_publish(_, _, _, _, _, _) ->
     ok.
 
+%% Without a context somebody else in the server publishes: the item is numbered and kept, and nobody waits to hear.
+written(undefined, Node, Publication) ->
+    pubsub_device_writer:call(Node, {publish, Node, Publication}),
+    ok;
 written(#{how := ahead} = Context, Node, Publication) ->
     Waiter = spawn(fun() -> wait(Node, Publication) end),
     pubsub_device_writer:publish_ahead(Node, Publication, Waiter),
-    Context#{messages := [], waiter => Waiter};
-written(Context, Node, Publication) ->
+    put(?CONTEXT, Context#{messages := [], waiter => Waiter}),
+    ok;
+written(#{how := waiting} = Context, Node, Publication) ->
     Outcome = pubsub_device_writer:call(Node, {publish, Node, Publication}),
-    (case Context of undefined -> #{how => waiting}; _ -> Context end)#{messages => [], outcome => Outcome}.
+    put(?CONTEXT, Context#{messages := [], outcome => Outcome}),
+    ok.
 
 wait(Node, Publication) ->
     Monitor = pubsub_device_writer:watch(Node),
