@@ -89,17 +89,35 @@ stage_environment() {
     export ZELT_PRIVATE_BUS ZELT_PUBLIC_BUS
     ZELT_PRIVATE_BUS=$(cat "$dir/run/private.address")
     ZELT_PUBLIC_BUS=$(cat "$dir/run/public.address")
-    export ZELT_PREFS_DIR=$dir/prefs PUBSUB_STATE_DIR=$dir/state PUBSUB_CA_FILE=$CA_FILE
-    export ZELT_HOST_STATE_DIR=$dir/host ZELT_HOST_CONF=$dir/host/host.conf
+    export ZELT_PREFS_DIR=$dir/prefs PUBSUB_STATE_DIR=$dir/state PUBSUB_CA_FILE=$dir/server/tls/ca.crt
+    export ZELT_HOST_STATE_DIR=$dir/host ZELT_HOST_CONF=$dir/host/host.conf ZELT_MACHINE_ID_FILE=$dir/machine-id
+}
+
+# Lets the private bus start the host daemon whenever one of its services is called and it is not there.
+stage_activation() {
+    local dir=$1 name
+    stage_environment "$dir"
+    {
+        echo '#!/bin/bash'
+        export -p | grep -E ' (ZELT|PUBSUB)_[A-Z_]+='
+        printf 'source %q\n' "$STAGE_ROOT/scripts/stage.sh"
+        printf 'echo "$$ $(stage_start_time $$)" >%q\n' "$dir/run/host.pid"
+        printf 'exec %q >>%q 2>&1\n' "$STAGE_BIN/zelt-host" "$dir/log/host.log"
+    } >"$dir/run/start-host"
+    chmod 755 "$dir/run/start-host"
+    for name in "$STAGE_ROOT"/packaging/dbus-services/*.service.in; do
+        sed -e "s#^Exec=.*#Exec=$dir/run/start-host#" -e '/^User=/d' -e '/^SystemdService=/d' "$name" \
+            >"$dir/run/dbus-services/$(basename "$name" .in)"
+    done
 }
 
 stage_connected() {
-    "$STAGE_BIN/pubsubctl" --json status --timeout 5 | grep -q '"connected": *true'
+    "$STAGE_BIN/pubsubctl" --json --timeout 5 status | grep -q '"connected": *true'
 }
 
 stage_start_host() {
     stage_environment "$1"
-    stage_start "$1" host "$STAGE_BIN/zelt-host"
+    stage_start "$1" host "$1/run/start-host"
 }
 
 stage_start_service() {
@@ -110,8 +128,8 @@ stage_start_service() {
 # stage_up DIR: everything, in order; returns when the service is connected. STAGE_SAY is called with each step.
 stage_up() {
     local dir=$1
-    mkdir -p "$dir"/{run,log,state,prefs,host,run/dbus-services}
-    chmod 700 "$dir/prefs"
+    mkdir -p "$dir"/{run,log,state,prefs,host,applications,run/dbus-services}
+    chmod 700 "$dir/prefs" "$dir/host"
     $STAGE_SAY "Starting the private and the public bus"
     stage_bus "$dir" private && stage_bus "$dir" public || return 1
 
@@ -121,15 +139,25 @@ stage_up() {
     # shellcheck disable=SC1091
     source "$dir/server/server.env"
     ln -sf ../server/log/server.log "$dir/log/server.log"
-    local user=device resource=dev1 password
+    local user=device password
     password=$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
     "$STAGE_ROOT/server/run" account "$dir/server" "$user" "$password" >>"$dir/log/server-start.log" 2>&1 ||
         { stage_fail "The account could not be registered; see $dir/log/server-start.log."; return 1; }
 
-    # JID, password, host, port, pub-sub service, resource: one a line.
-    (umask 077 && printf '%s\n' "$user@$XMPP_DOMAIN" "$password" "$XMPP_HOST" "$XMPP_PORT" "$PUBSUB_JID" \
-        "$resource" >"$dir/state/pubsub.conf")
-    printf '[network]\nloopback-is-internet=true\n' >"$dir/host/host.conf"
+    if [[ ${STAGE_LOGIN:-account} == file ]]; then
+        # JID, password, host, port, pub-sub service, resource: one a line.
+        (umask 077 && printf '%s\n' "$user@$XMPP_DOMAIN" "$password" "$XMPP_HOST" "$XMPP_PORT" "$PUBSUB_JID" dev1 \
+            >"$dir/state/pubsub.conf")
+    fi
+    printf '[network]\nloopback-is-internet=true\n[applications]\nfolder=%s\n' "$dir/applications" \
+        >"$dir/host/host.conf"
+    od -An -N16 -tx1 /dev/urandom | tr -d ' \n' >"$dir/machine-id"
+    stage_activation "$dir"
+    if [[ ${STAGE_LOGIN:-account} == account ]]; then
+        "$STAGE_BIN/zelt-host" account set --user "$user" --service "$XMPP_DOMAIN" --url "$XMPP_HOST" \
+            --port "$XMPP_PORT" <<<"$password" >>"$dir/log/host.log" 2>&1 ||
+            { stage_fail "The device's account could not be stored; see $dir/log/host.log."; return 1; }
+    fi
 
     $STAGE_SAY "Starting the Linux host services"
     stage_start_host "$dir"
@@ -139,7 +167,8 @@ stage_up() {
 
     {
         local name
-        DEVICE_USER=$user DEVICE_RESOURCE=$resource STATE_DIR=$dir/state
+        DEVICE_USER=$user STATE_DIR=$dir/state
+        DEVICE_RESOURCE=$("$STAGE_BIN/pubsubctl" --json call getResource | sed 's/.*"resource": *"\([^"]*\)".*/\1/')
         SERVICE_PID=$(stage_pid "$dir" service) HOST_PID=$(stage_pid "$dir" host)
         for name in ZELT_PRIVATE_BUS ZELT_PUBLIC_BUS ZELT_PREFS_DIR STATE_DIR XMPP_HOST XMPP_PORT XMPP_DOMAIN \
             PUBSUB_JID DEVICE_USER DEVICE_RESOURCE HTTP_URL API_URL CA_FILE SERVICE_PID SERVER_PID HOST_PID; do
