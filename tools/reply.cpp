@@ -19,6 +19,7 @@ const Hint kHints[] = {
     {"Service not initialized",
      "the service never reached its server yet; see `pubsubctl status` and its log"},
     {"item-not-found", "the server knows no such node; create it with `pubsubctl node create`"},
+    {"item-required", "the item needs a child element; `payload` is the one that receivers are handed"},
     {"conflict", "a node of this name is there already"},
     {"forbidden", "this account may not do that to this node; ask the node's owner"},
     {"not-authorized", "this account may not do that to this node; ask the node's owner"},

@@ -182,6 +182,11 @@ INSTANTIATE_TEST_SUITE_P(
             "cancel: item-not-found (the server knows no such node; create it with `pubsubctl node create`)"},
         Verdict{R"({"returnValue":false,"errorText":"\"in\" must be \"00:25:00\""})", Exit::Refused,
                 "\"in\" must be \"00:25:00\""},
+        Verdict{
+            R"({"returnValue":false,"errorCode":"modify","errorText":"bad-request item-required"})",
+            Exit::Refused,
+            "modify: bad-request item-required (the item needs a child element; `payload` is the one that "
+            "receivers are handed)"},
         Verdict{"[]", Exit::Refused, "the answer is no JSON object: []"},
         Verdict{"", Exit::Refused, "the answer is no JSON object: "}));
 
