@@ -3,14 +3,13 @@
 //
 // An item counts as cached, and is acknowledged, only when its file is on the disk: the text is synced before
 // the file takes the old one's name, and the folder after it.
-#include "delivery/cache.h"
-
 #include <glib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <memory>
 
+#include "session/pubsubsession.h"
 #include "util/jsonref.h"
 #include "util/log.h"
 #include "util/paths.h"
@@ -25,14 +24,14 @@ struct FreeError {
 
 }  // namespace
 
-void getFilePathFromNodeId(const std::string& node, std::string& path) {
+void PubSubSession::getFilePathFromNodeId(const std::string& node, std::string& path) {
     const std::size_t slash = node.find('/', 1);
     std::string name = slash == std::string::npos ? node : node.substr(slash + 1);
     std::replace(name.begin(), name.end(), '/', '-');
     path = cacheDir() + name;
 }
 
-bool saveItemInCache(const std::string& node, json_object* item) {
+bool PubSubSession::saveItemInCache(const std::string& node, json_object* item) {
     if (node.empty() || !item) {
         PrvPrintErr(__func__, __LINE__, "Invalid node or payload %s ", node.c_str());
         return false;
@@ -45,7 +44,7 @@ bool saveItemInCache(const std::string& node, json_object* item) {
     return updateFile(node, text);
 }
 
-bool updateFile(const std::string& node, const std::string& text) {
+bool PubSubSession::updateFile(const std::string& node, const std::string& text) {
     std::string path;
     getFilePathFromNodeId(node, path);
     GError* error = nullptr;
@@ -61,7 +60,7 @@ bool updateFile(const std::string& node, const std::string& text) {
     return false;
 }
 
-json_object* getItemFromCache(const std::string& node) {
+json_object* PubSubSession::getItemFromCache(const std::string& node) {
     if (node.empty()) {
         PrvPrintErr(__func__, __LINE__, "Empty node passed %s ", node.c_str());
         return nullptr;
@@ -82,7 +81,7 @@ json_object* getItemFromCache(const std::string& node) {
     return item.release();
 }
 
-void deleteItemFromCache(const std::string& node) {
+void PubSubSession::deleteItemFromCache(const std::string& node) {
     if (node.empty()) {
         PrvPrintErr(__func__, __LINE__, "Invalid node %s ", node.c_str());
         return;

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <memory>
 
-#include "delivery/cache.h"
 #include "platform/bus/qsraii.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"

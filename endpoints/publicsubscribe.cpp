@@ -6,7 +6,6 @@
 // node activated. Nothing survives a restart.
 #include <vector>
 
-#include "delivery/cache.h"
 #include "endpoints/methods.h"
 #include "endpoints/publicrequest.h"
 #include "service/requestframe.h"
@@ -55,7 +54,7 @@ void handOver(const PublicRequest& request, json_object* item) {
         return;
     BusError error;
     if (QSMessageRespond(message.get(), json_object_to_json_string(item), error))
-        deleteItemFromCache(request.node);
+        PubSubSession::deleteItemFromCache(request.node);
     else
         PrvPrintErr(__func__, __LINE__,
                     "Warning: Sending item failed, no subscriber for Node?  Bus error %s ", error.message());
@@ -107,7 +106,7 @@ bool subscribe(QSHandle* handle, QSMessage* message, void*) {
         respondToSubscribe(message, reply, "");
         return true;
     }
-    if (const JsonRef item{getItemFromCache(request.node)}) {
+    if (const JsonRef item{PubSubSession::getItemFromCache(request.node)}) {
         handOver(request, item.get());
         return true;
     }

@@ -7,7 +7,6 @@
 
 #include "endpoints/methods.h"
 #include "endpoints/publicrequest.h"
-#include "maintenance/deletestore.h"
 #include "nodes/names.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"

@@ -6,8 +6,6 @@
 // {"appid": [...]}, the keys of the records whose bulk deletion the server has not answered yet. In memory
 // only PubSubSession::m_deleteMap, the bulk deletions in flight. Every write is committed at once, which
 // replaces PubSubSession::m_prefsHandle.
-#include "maintenance/deletestore.h"
-
 #include <gloox/error.h>
 
 #include <cstdlib>

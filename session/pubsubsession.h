@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // PubSubSession: the one XMPP session and every registry that bus methods and result handlers share.
 //
-// This is the only declaration; the methods are grouped by the file that defines them. All members are touched on
-// the main loop's thread alone. Nothing here survives a restart but what the handler file and the preferences hold.
+// This is the only declaration; the methods are grouped by the file that defines them. All members are
+// touched on the main loop's thread alone. Nothing here survives a restart but what the handler file and the
+// preferences hold.
 #pragma once
 
 #include <glib.h>
@@ -44,8 +45,8 @@ class PubSubSession : public gloox::MessageHandler,
 
     void setSessionDetails(const std::string& jid, const std::string& password, const std::string& resource,
                            const std::string& server, const std::string& service, int port);
-    void getSessionDetails(std::string& jid, std::string& password, std::string& resource, std::string& server,
-                           std::string& service, int& port);
+    void getSessionDetails(std::string& jid, std::string& password, std::string& resource,
+                           std::string& server, std::string& service, int& port);
     void createCacheDir();
     void turnOffTls();
 
@@ -91,13 +92,14 @@ class PubSubSession : public gloox::MessageHandler,
     void handleSubscriptionOptions(const std::string& id, const gloox::JID& service, const gloox::JID& jid,
                                    const std::string& node, const gloox::DataForm* options,
                                    const std::string& subid, const gloox::Error* error) override;
-    void handleSubscriptionOptionsResult(const std::string& id, const gloox::JID& service, const gloox::JID& jid,
-                                         const std::string& node, const std::string& subid,
-                                         const gloox::Error* error) override;
+    void handleSubscriptionOptionsResult(const std::string& id, const gloox::JID& service,
+                                         const gloox::JID& jid, const std::string& node,
+                                         const std::string& subid, const gloox::Error* error) override;
     void handleSubscribers(const std::string& id, const gloox::JID& service, const std::string& node,
                            const gloox::PubSub::SubscriptionList& list, const gloox::Error* error) override;
     void handleSubscribersResult(const std::string& id, const gloox::JID& service, const std::string& node,
-                                 const gloox::PubSub::SubscriberList* list, const gloox::Error* error) override;
+                                 const gloox::PubSub::SubscriberList* list,
+                                 const gloox::Error* error) override;
     void handleAffiliates(const std::string& id, const gloox::JID& service, const std::string& node,
                           const gloox::PubSub::AffiliateList* list, const gloox::Error* error) override;
     void handleAffiliatesResult(const std::string& id, const gloox::JID& service, const std::string& node,
@@ -117,8 +119,8 @@ class PubSubSession : public gloox::MessageHandler,
                              const gloox::PubSub::SubscriptionMap& map, const gloox::Error* error) override;
     void handleAffiliations(const std::string& id, const gloox::JID& service,
                             const gloox::PubSub::AffiliationMap& map, const gloox::Error* error) override;
-    void handleDefaultNodeConfig(const std::string& id, const gloox::JID& service, const gloox::DataForm* config,
-                                 const gloox::Error* error) override;
+    void handleDefaultNodeConfig(const std::string& id, const gloox::JID& service,
+                                 const gloox::DataForm* config, const gloox::Error* error) override;
     // endpoints/publishkeys.cpp
     void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
                          const std::string& status, const gloox::Error* error) override;
@@ -130,11 +132,13 @@ class PubSubSession : public gloox::MessageHandler,
     void handleDeActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
                               const gloox::Error* error) override;
     // maintenance/deletestore.cpp
-    void handleBulkDelete(const std::string& id, const gloox::JID& service, const gloox::Error* error) override;
+    void handleBulkDelete(const std::string& id, const gloox::JID& service,
+                          const gloox::Error* error) override;
     // maintenance/activation.cpp
     void handleActivateSysNodes(const std::string& id, const gloox::JID& service,
                                 const gloox::Error* error) override;
-    void handleBulkActivate(const std::string& id, const gloox::JID& service, const gloox::Error* error) override;
+    void handleBulkActivate(const std::string& id, const gloox::JID& service,
+                            const gloox::Error* error) override;
     // session/unusedresults.cpp
     void handleDiscoInfo(const gloox::JID& from, const gloox::Disco::Info& info, int context) override;
     void handleDiscoItems(const gloox::JID& from, const gloox::Disco::Items& items, int context) override;
@@ -198,11 +202,22 @@ class PubSubSession : public gloox::MessageHandler,
     QPHandle* getOfflinePrefHandle();
     void commitOfflinePrefHandle();
     void setOfflineMap(const std::string& node, const std::string& value);
-    void checkOfflineMap(const std::string& node, bool& found, std::string& errorCode, std::string& errorText);
+    void checkOfflineMap(const std::string& node, bool& found, std::string& errorCode,
+                         std::string& errorText);
     void removeOfflineMap(const std::string& node);
     void persistOfflineMap(const std::string& node, const std::string& value);
     void deleteOfflineMap(const std::string& node);
     void loadOfflineMapFromDisk();
+
+    // delivery/cache.cpp: one file for each node, holding the newest item that nobody took
+    // sic: the first segment of the name is dropped, so nodes that differ in it alone share one file.
+    static void getFilePathFromNodeId(const std::string& node, std::string& path);
+    // Both replace the node's file as a unit; true once it is on the disk.
+    static bool saveItemInCache(const std::string& node, json_object* item);
+    static bool updateFile(const std::string& node, const std::string& text);
+    // The cached item, which the caller owns; null when there is none.
+    static json_object* getItemFromCache(const std::string& node);
+    static void deleteItemFromCache(const std::string& node);
 
     // delivery/incoming.cpp
     void handleIncomingItem(const gloox::Tag& items);
@@ -238,13 +253,13 @@ class PubSubSession : public gloox::MessageHandler,
     std::size_t m_pendingCursor = kNoCursor;      // position in m_pendingList
     std::map<std::string, std::list<std::string>> appNodeMap;      // node -> application handlers
     std::map<std::string, std::list<std::string>> serviceNodeMap;  // node -> service handlers
-    gloox::JID m_jid;                             // the account
-    xmpp::Client* m_client = nullptr;             // owned; replaced by every new session
-    xmpp::Manager* m_pubsub = nullptr;            // owned; outlives its client until the next session
-    bool m_connected = false;                     // the stream is up
-    int m_socket = 0;                             // descriptor of the connection
-    std::string m_pubsubService;                  // JID of the pub-sub service
-    QSHandle* m_privateHandle = nullptr;          // private bus: outgoing calls, private subscriptions
+    gloox::JID m_jid;                                              // the account
+    xmpp::Client* m_client = nullptr;                              // owned; replaced by every new session
+    xmpp::Manager* m_pubsub = nullptr;    // owned; outlives its client until the next session
+    bool m_connected = false;             // the stream is up
+    int m_socket = 0;                     // descriptor of the connection
+    std::string m_pubsubService;          // JID of the pub-sub service
+    QSHandle* m_privateHandle = nullptr;  // private bus: outgoing calls, private subscriptions
     GMainLoop* m_mainLoop = nullptr;
     std::string m_password;
     std::string m_server;    // host to connect to
@@ -252,35 +267,41 @@ class PubSubSession : public gloox::MessageHandler,
     std::string m_resource;  // empty: the server chooses one
     std::string m_domain;    // destination of the keep-alive ping
     int m_port = 0;
-    bool m_networkAvailable = false;  // last word of the connection manager
-    bool m_connecting = false;        // a connect attempt is in progress
-    int m_lastError = 0;              // last gloox::ConnectionError
-    int m_retryCount = -1;            // reconnect attempts since the last connect
-    std::string m_ipAddress;          // local address to connect from
-    bool m_spare1 = false;            // read by nothing
-    bool m_reconnectPending = false;  // the reconnect alarm is set
-    QPHandle* m_prefsHandle = nullptr;                       // preferences of the service
-    std::map<std::string, _endpointStruct> m_endpointMap;    // public requests waiting for a result
-    QSHandle* m_publicHandle = nullptr;                      // public bus
-    std::map<std::string, std::string> m_offlineMap;         // node -> application to be told while it is closed
-    bool m_onCloseRegistered = false;                        // a client listens for on-close notices
-    std::map<std::string, _subMapStruct> subMap;             // node -> public subscriber
-    QSZeltService* m_serviceHandle = nullptr;                // both connections
-    std::map<std::string, std::string> m_deleteMap;          // bulk deletes in flight: request id -> store key
-    bool m_debugLog = false;                                 // log gloox's own lines
-    bool m_spare2 = false;                                   // read by nothing
-    QPHandle* m_offlinePrefHandle = nullptr;                 // the offline store
-    std::map<std::string, bool> m_activateMap;               // node -> confirmed active in this connection
-    bool m_bootFinished = false;                             // the system manager reported boot finished
-    bool m_activationDone = false;  // sic: cleared on disconnect and set by nothing, so activation always runs
-    bool m_spare3 = false;          // holds node activation back; set by nothing
-    bool m_onWan = false;           // the connection runs over the mobile link
+    bool m_networkAvailable = false;                       // last word of the connection manager
+    bool m_connecting = false;                             // a connect attempt is in progress
+    int m_lastError = 0;                                   // last gloox::ConnectionError
+    int m_retryCount = -1;                                 // reconnect attempts since the last connect
+    std::string m_ipAddress;                               // local address to connect from
+    bool m_spare1 = false;                                 // read by nothing
+    bool m_reconnectPending = false;                       // the reconnect alarm is set
+    QPHandle* m_prefsHandle = nullptr;                     // preferences of the service
+    std::map<std::string, _endpointStruct> m_endpointMap;  // public requests waiting for a result
+    QSHandle* m_publicHandle = nullptr;                    // public bus
+    std::map<std::string, std::string> m_offlineMap;  // node -> application to be told while it is closed
+    bool m_onCloseRegistered = false;                 // a client listens for on-close notices
+    std::map<std::string, _subMapStruct> subMap;      // node -> public subscriber
+    QSZeltService* m_serviceHandle = nullptr;         // both connections
+    std::map<std::string, std::string> m_deleteMap;   // bulk deletes in flight: request id -> store key
+    bool m_debugLog = false;                          // log gloox's own lines
+    bool m_spare2 = false;                            // read by nothing
+    QPHandle* m_offlinePrefHandle = nullptr;          // the offline store
+    std::map<std::string, bool> m_activateMap;        // node -> confirmed active in this connection
+    bool m_bootFinished = false;                      // the system manager reported boot finished
+    bool m_activationDone =
+        false;              // sic: cleared on disconnect and set by nothing, so activation always runs
+    bool m_spare3 = false;  // holds node activation back; set by nothing
+    bool m_onWan = false;   // the connection runs over the mobile link
     bool m_survivedOutage = false;  // it stayed up over the mobile link while there was no Internet
-    std::map<std::string, _endpointStruct> m_deferredSubscribes;  // node -> subscribe without its first answer yet
+    std::map<std::string, _endpointStruct>
+        m_deferredSubscribes;  // node -> subscribe without its first answer yet
 
-    static GSource* m_source;  // watch on the XMPP socket, borrowed from the main context; null when there is none
+    static GSource*
+        m_source;  // watch on the XMPP socket, borrowed from the main context; null when there is none
     static constexpr std::size_t kNoCursor = static_cast<std::size_t>(-1);
 };
+
+// maintenance/deletestore.cpp: forgets the number of the node's last item; a node without one is fine.
+void removeSeqNo(const std::string& node, PubSubSession& session);
 
 // The factory that other programs of the platform use to log in by themselves.
 class PubSubService {

@@ -19,7 +19,7 @@ MAY_INCLUDE = {
     "session": SESSION_MAY,
     "nodes": OPERATION_MAY,
     "delivery": SESSION_MAY,
-    "endpoints": SESSION_MAY | {"delivery/cache.h", "maintenance/deletestore.h"},
+    "endpoints": SESSION_MAY,
     "maintenance": SESSION_MAY,
     "service/requestframe": {"session/pubsubsession.h", "util", "platform"},
     "service": {"session", "nodes", "delivery", "endpoints", "maintenance", "util", "platform", "xmpp"},

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The item cache: file names, replacing writes, and files that are missing, empty or damaged.
-#include "delivery/cache.h"
-
 #include "tests/fakes/servicefixture.h"
 #include "util/jsonref.h"
 
@@ -14,7 +12,7 @@ class Cache : public ServiceTest {
     std::filesystem::path folder() const { return stateFolder() / "cache"; }
     std::string pathOf(const std::string& node) const {
         std::string path;
-        getFilePathFromNodeId(node, path);
+        PubSubSession::getFilePathFromNodeId(node, path);
         return path;
     }
     std::size_t files() const {
@@ -22,10 +20,10 @@ class Cache : public ServiceTest {
         return static_cast<std::size_t>(std::distance(begin(all), end(all)));
     }
     bool save(const std::string& node, const std::string& item) {
-        return saveItemInCache(node, parseJson(item.c_str()).get());
+        return PubSubSession::saveItemInCache(node, parseJson(item.c_str()).get());
     }
     std::string cached(const std::string& node) {
-        const JsonRef item(getItemFromCache(node));
+        const JsonRef item(PubSubSession::getItemFromCache(node));
         return item ? json_object_to_json_string(item.get()) : "none";
     }
 };
@@ -67,7 +65,7 @@ TEST_F(Cache, KeepsTheLaterOfTwoItems) {
 
 TEST_F(Cache, RefusesAnEmptyNodeOrAMissingObject) {
     EXPECT_FALSE(save("", "{}"));
-    EXPECT_FALSE(saveItemInCache("/u/in", nullptr));
+    EXPECT_FALSE(PubSubSession::saveItemInCache("/u/in", nullptr));
     EXPECT_EQ(takeLogLines(), (Texts{"saveItemInCache: Invalid node or payload  ",
                                      "saveItemInCache: Invalid node or payload /u/in "}));
     EXPECT_EQ(files(), 0u);
@@ -89,7 +87,7 @@ TEST_F(Cache, CannotHoldANodeThatIsNoFileName) {
         EXPECT_EQ(takeLog().size(), 1u) << node;
         EXPECT_EQ(cached(node), "none") << node;
         takeLog();
-        deleteItemFromCache(node);
+        PubSubSession::deleteItemFromCache(node);
     }
     EXPECT_TRUE(std::filesystem::is_directory(folder()));
     EXPECT_EQ(files(), 0u);
@@ -128,26 +126,26 @@ TEST_F(Cache, LeavesADamagedFileOnTheDisk) {
 TEST_F(Cache, DeletesTheItemOfTheNodeAlone) {
     save("/u/a", "{}");
     save("/u/b", "{}");
-    deleteItemFromCache("/u/a");
+    PubSubSession::deleteItemFromCache("/u/a");
     EXPECT_FALSE(std::filesystem::exists(pathOf("/u/a")));
     EXPECT_TRUE(std::filesystem::exists(pathOf("/u/b")));
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
 TEST_F(Cache, DeletesWithoutAWordWhatIsNotThere) {
-    deleteItemFromCache("/u/a");
+    PubSubSession::deleteItemFromCache("/u/a");
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
 TEST_F(Cache, LogsAnEmptyNodeToDelete) {
     save("/u/a", "{}");
-    deleteItemFromCache("");
+    PubSubSession::deleteItemFromCache("");
     EXPECT_EQ(takeLogLines(), Texts{"deleteItemFromCache: Invalid node  "});
     EXPECT_EQ(files(), 1u);
 }
 
 TEST_F(Cache, NeverTakesItsOwnFolderForAFile) {
-    deleteItemFromCache("/u/");
+    PubSubSession::deleteItemFromCache("/u/");
     EXPECT_TRUE(std::filesystem::is_directory(folder()));
 }
 

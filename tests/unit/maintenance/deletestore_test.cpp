@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The deletion store: which nodes an application owns, and how all of them go with it.
-#include "maintenance/deletestore.h"
-
 #include <utility>
 
 #include "tests/fakes/servicefixture.h"
