@@ -30,7 +30,7 @@ MAY_INCLUDE = {
 ENGINES = {
     r"systemd/sd-bus": {"platform"},
     r"sqlite3\.h": {"platform"},
-    r"gnutls/": {"xmpp"},
+    r"gnutls/": {"xmpp", "tools"},
     r"gloox/": {"xmpp", "session", "nodes", "delivery", "endpoints", "maintenance", "service", "util"},
 }
 
