@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <string>
 
-// The value with every backslash and double quote removed; "" when it is missing or empty. The reason is written
-// into the by-value argument alone, so it never reaches the caller (sic: callers that need a text use V2).
-std::string getJSONString(json_object* object, const char* key, std::string errorText, std::string spare = {});
+// The value with every backslash and double quote removed; "" when it is missing or empty. The reason is
+// written into the by-value argument alone, so it never reaches the caller (sic: callers that need a text use
+// V2).
+std::string getJSONString(json_object* object, const char* key, std::string errorText,
+                          std::string spare = {});
 // The strict form: false with a reason in `errorText` when the member is missing or empty.
 bool getJSONStringV2(json_object* object, const char* key, std::string& errorText, std::string& value);
 bool getJSONboolean(json_object* object, const char* key, std::string& errorText, bool& value);
@@ -21,4 +23,5 @@ void cleanSlashes(std::string& text);  // every backslash, then every double quo
 void getStringFromJSONObject(json_object* object, std::string& text);
 
 // {"item", "itemid", "node", "returnValue": true}; the caller owns it.
-json_object* getResponseJsonObject(const std::string& node, const std::string& itemId, const std::string& item);
+json_object* getResponseJsonObject(const std::string& node, const std::string& itemId,
+                                   const std::string& item);

@@ -17,7 +17,8 @@ inline JsonRef parseJson(const char* text) {
     return JsonRef(text ? json_tokener_parse(text) : nullptr);
 }
 
-// The member `key` of an object, borrowed. Null when `object` is no object, has no such member, or it is null.
+// The member `key` of an object, borrowed. Null when `object` is no object, has no such member, or it is
+// null.
 inline json_object* jsonMember(json_object* object, const char* key) {
     json_object* value = nullptr;
     if (!json_object_is_type(object, json_type_object))

@@ -3,8 +3,10 @@
 #pragma once
 
 // `function` is the plain name of the calling function, `line` its source line. printf-style.
-void PrvPrintErr(const char* function, int line, const char* format, ...) __attribute__((format(printf, 3, 4)));
-void PrvPrintDbg(const char* function, int line, const char* format, ...) __attribute__((format(printf, 3, 4)));
+void PrvPrintErr(const char* function, int line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+void PrvPrintDbg(const char* function, int line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
 void PrintDbgRelease(const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 void glooxDbg(const char* function, int line, const char* format, ...) __attribute__((format(printf, 3, 4)));

@@ -1,0 +1,267 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The stream on its way up and down, in order, and the requests that wait while it goes down.
+#include "tests/unit/session/connectionfixture.h"
+
+namespace {
+
+constexpr const char* kClearReconnectAlarm =
+    R"(bus.call zelt://com.zelt.power/timeout/clear {"key":"reconnectTimer"})";
+constexpr const char* kPingAlarm =
+    R"(bus.call zelt://com.zelt.power/timeout/set {"key":"keepAliveTimer", )"
+    R"("uri":"quor://com.zelt.pubsubservice/keepAliveTimer", "in":"00:25:00", "wakeup":true, "params":"{}"})";
+constexpr const char* kClearPingAlarm =
+    R"(bus.call zelt://com.zelt.power/timeout/clear {"key":"keepAliveTimer"})";
+constexpr const char* kPresence =
+    "xmpp.send <presence to='pubsub.example.org' from='u1234@example.org/dev42' xmlns='jabber:client'>"
+    "<priority>0</priority><status>online</status></presence>";
+
+const Texts kConnectedPosts = {R"(bus.post private / subscribeConnStatus )"
+                               R"({"returnValue":true, "connected":true, "session" : true, "network": true})",
+                               R"(bus.post public / connectStatus {"returnValue":true, "connected":true})",
+                               R"(bus.post private / connectStatus {"returnValue":true, "connected":true})"};
+const Texts kLostPosts = {R"(bus.post private / subscribeConnStatus )"
+                          R"({"returnValue":true, "connected":false, "session":true, "network":true})",
+                          R"(bus.post public / connectStatus {"returnValue":true, "connected":false})",
+                          R"(bus.post private / connectStatus {"returnValue":true, "connected":false})"};
+
+Texts joined(Texts first, const Texts& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+using Stream = Connection;
+
+// --- the stream comes up
+
+TEST_F(Stream, ComesUpInItsOrder) {
+    beginConnecting();
+    session().m_retryCount = 3;
+    session().m_survivedOutage = true;
+    session().m_spare3 = true;
+    pump();
+    EXPECT_TRUE(session().m_connected);
+    EXPECT_FALSE(session().m_connecting);
+    EXPECT_FALSE(session().m_survivedOutage);
+    EXPECT_FALSE(session().m_spare3);
+    EXPECT_EQ(session().m_lastError, 0);
+    EXPECT_EQ(session().m_retryCount, -1);
+    EXPECT_EQ(takeLogLines(), Texts{"onConnect: We formed a connection with the xmpp server"});
+    EXPECT_EQ(takeEvents(), joined({kPingAlarm, kPresence}, kConnectedPosts));
+}
+
+TEST_F(Stream, ClearsAPendingReconnectAlarmFirst) {
+    beginConnecting();
+    session().m_reconnectPending = true;
+    pump();
+    EXPECT_FALSE(session().m_reconnectPending);
+    EXPECT_EQ(takeEvents(), joined({kClearReconnectAlarm, kPingAlarm, kPresence}, kConnectedPosts));
+}
+
+TEST_F(Stream, ActivatesTheNodesThenRepeatsTheDeletesThenTells) {
+    beginConnecting();
+    session().m_reconnectPending = true;
+    session().m_bootFinished = true;
+    session().m_offlineMap["/u/r/a/n"] = "a";
+    fakePrefs().store("com.zelt.pubsubservice", "delete", R"({"appid":["deletea"]})");
+    fakePrefs().store("com.zelt.pubsubservice", "\"deletea\"", R"({"nodes":["/u/r/a/gone"]})");
+    pump();
+    const Texts events = takeEvents();
+    const std::string all = testing::PrintToString(events);
+    ASSERT_GE(events.size(), 3u);
+    EXPECT_EQ(Texts(events.begin(), events.begin() + 3),
+              (Texts{kClearReconnectAlarm, kPingAlarm, kPresence}));
+    const std::size_t activation = all.find("<activate-nodes"), deletion = all.find("<delete-nodes"),
+                      record = all.find("prefs.set com.zelt.pubsubservice delete"),
+                      post = all.find("bus.post");
+    ASSERT_NE(deletion, std::string::npos) << all;
+    EXPECT_LT(activation, deletion) << all;
+    EXPECT_LT(record, post) << all;
+}
+
+TEST_F(Stream, ActivatesNothingBeforeTheBootHasFinishedOrOnceItIsDone) {
+    beginConnecting();
+    pump();
+    for (const std::string& event : takeEvents())
+        EXPECT_EQ(event.find("<activate-nodes"), std::string::npos) << event;
+    session().disconnect();
+    beginConnecting();
+    session().m_bootFinished = session().m_activationDone = true;
+    pump();
+    for (const std::string& event : takeEvents())
+        EXPECT_EQ(event.find("<activate-nodes"), std::string::npos) << event;
+}
+
+TEST_F(Stream, ActivatesTheNodesAtEveryConnect) {
+    session().m_bootFinished = true;
+    for (int round = 0; round < 2; ++round) {
+        connectSession();
+        session().disconnect();
+        EXPECT_FALSE(session().m_activationDone);
+        beginConnecting();
+        pump();
+        Texts events = takeEvents();
+        EXPECT_NE(testing::PrintToString(events).find("<activate-nodes"), std::string::npos);
+        session().disconnect();
+    }
+}
+
+// --- the stream goes down
+
+TEST_F(Stream, GoesDownInItsOrderAndArmsAReconnect) {
+    connectSession();
+    session().m_activationDone = session().m_spare3 = session().m_survivedOutage = true;
+    session().m_deleteMap["id"] = "deletea";
+    session().m_activateMap["/n"] = true;
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    EXPECT_FALSE(session().m_connected || session().m_connecting || session().m_activationDone ||
+                 session().m_spare3 || session().m_survivedOutage);
+    EXPECT_TRUE(session().m_deleteMap.empty());
+    EXPECT_TRUE(session().m_activateMap.empty());
+    EXPECT_EQ(PubSubSession::m_source, nullptr);
+    EXPECT_EQ(session().m_retryCount, 0);
+    EXPECT_EQ(session().m_lastError, gloox::ConnIoError);
+    const Texts lines = takeLogLines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], lostLine(gloox::ConnIoError));
+    EXPECT_TRUE(lines[1].starts_with("scheduleReconnect: We will try connecting after 00:"));
+    EXPECT_EQ(lines[2],
+              "xmppCallback: We had some type of connection error " + std::to_string(gloox::ConnIoError));
+    Texts events = takeEvents();
+    ASSERT_EQ(events.size(), 5u);
+    EXPECT_EQ(events[0], kClearPingAlarm);
+    EXPECT_TRUE(events[1].starts_with(kReconnectAlarmStart));
+    EXPECT_EQ(Texts(events.begin() + 2, events.end()), kLostPosts);
+}
+
+TEST_F(Stream, ThatIsEndedOnPurposeArmsNoReconnect) {
+    connectSession();
+    session().disconnect();
+    EXPECT_EQ(takeLogLines(), Texts{"onDisconnect: Disconnected from xmpp server 17"});
+    EXPECT_EQ(takeEvents(), joined({kClearPingAlarm}, kLostPosts));
+    EXPECT_EQ(session().m_lastError, 0);
+    EXPECT_EQ(session().m_client, nullptr);
+    EXPECT_EQ(PubSubSession::m_source, nullptr);
+    EXPECT_FALSE(session().m_reconnectPending);
+    EXPECT_TRUE(fakeServer().streamClosedByClient());
+}
+
+TEST_F(Stream, ThatEndsWithoutAnErrorArmsNoReconnect) {
+    session().onDisconnect(gloox::ConnNoError);
+    EXPECT_EQ(session().m_lastError, 0);
+    EXPECT_FALSE(session().m_reconnectPending);
+    EXPECT_EQ(takeLogLines(), Texts{"onDisconnect: Disconnected from xmpp server 0"});
+}
+
+TEST_F(Stream, KeepsAnAttemptQuietThatIsEndedOnPurpose) {
+    beginConnecting();
+    session().disconnect();
+    EXPECT_FALSE(session().m_connecting);
+    EXPECT_EQ(takeLogLines(), Texts{"onDisconnect: Disconnected from xmpp server 17"});
+    EXPECT_FALSE(session().m_reconnectPending);
+    pump();
+    EXPECT_FALSE(fakeServer().connected());
+}
+
+TEST_F(Stream, DisconnectsNothingWithoutAClient) {
+    session().disconnect();
+    EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(takeEvents(), Texts{});
+}
+
+TEST_F(Stream, ThatTheServerClosesArmsAReconnect) {
+    connectSession();
+    fakeServer().closesStream();
+    pump();
+    EXPECT_FALSE(session().m_connected);
+    EXPECT_TRUE(session().m_reconnectPending);
+}
+
+TEST_F(Stream, ArmsOneAlarmForTwoLosses) {
+    connectSession();
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    session().onDisconnect(gloox::ConnStreamClosed);
+    EXPECT_EQ(fakeBus().payloadsTo("zelt://com.zelt.power/timeout/set").size(), 2u)
+        << "a ping's and a reconnect's";
+    EXPECT_EQ(session().m_lastError, gloox::ConnStreamClosed);
+}
+
+TEST_F(Stream, ComesBackAfterALoss) {
+    connectSession();
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    EXPECT_TRUE(session().connectToService());
+    pump();
+    EXPECT_TRUE(session().m_connected);
+    EXPECT_EQ(session().m_lastError, 0);
+    EXPECT_FALSE(session().m_reconnectPending);
+    EXPECT_EQ(session().m_retryCount, -1);
+}
+
+// --- requests that wait while the stream goes down
+
+class WaitingRequests : public Connection {
+  protected:
+    void SetUp() override {
+        Connection::SetUp();
+        connectSession();
+    }
+    FakeMessage* keep(const std::string& id, const std::string& method, const std::string& endpoint,
+                      const std::string& node) {
+        FakeMessage* message = fakeBus().request(publicHandle(), method, "{}", "com.example.app 1");
+        session().m_endpointMap[id] = {endpoint, "com.example.app", node, KeptMessage(message)};
+        QSMessageUnref(message);
+        return message;
+    }
+    static std::string lostAnswer(const std::string& endpoint) {
+        return R"({ "returnValue": false, "endpoint": ")" + endpoint +
+               R"(", "errorCode": "connectionErr", "errorText": "pubsubservice disconnected" })";
+    }
+};
+
+TEST_F(WaitingRequests, AreAnsweredInTheOrderOfTheirIds) {
+    keep("b", "getPublishKey", "second", "");
+    keep("a", "createEndpoint", "first", "/n1");
+    keep("c", "subscribe", "third", "/n3");
+    session().setSubMap("/n3", "com.example.app", publicHandle());
+    session().setSubMap("/n1", "com.example.app", publicHandle());
+    session().disconnect();
+    EXPECT_EQ(journal().eventsOf("bus.respond "), (Texts{"bus.respond createEndpoint " + lostAnswer("first"),
+                                                         "bus.respond getPublishKey " + lostAnswer("second"),
+                                                         "bus.respond subscribe " + lostAnswer("third")}));
+    EXPECT_TRUE(session().m_endpointMap.empty());
+    EXPECT_FALSE(session().subMap.contains("/n3")) << "a tentative subscriber goes with its request";
+    EXPECT_TRUE(session().subMap.contains("/n1")) << "only a subscribe takes its subscriber along";
+}
+
+TEST_F(WaitingRequests, AreReleasedWhenTheyAreAnswered) {
+    const FakeMessage* message = keep("a", "createEndpoint", "first", "/n1");
+    EXPECT_TRUE(message->kept());
+    session().disconnect();
+    EXPECT_FALSE(message->kept());
+    EXPECT_EQ(message->answers.size(), 1u);
+}
+
+TEST_F(WaitingRequests, WhoseAnswerFailsAreLoggedAndReleased) {
+    const FakeMessage* message = keep("a", "createEndpoint", "first", "/n1");
+    fakeBus().failNext("QSMessageRespond", -107, "gone");
+    session().disconnect();
+    EXPECT_EQ(takeLogLines(), (Texts{"onDisconnect: Disconnected from xmpp server 17",
+                                     "cleanUpOnDisconnect: Sending response to message failed Error gone "}));
+    EXPECT_FALSE(message->kept());
+    EXPECT_TRUE(session().m_endpointMap.empty());
+}
+
+TEST_F(WaitingRequests, OfPrivateMethodsStayAndGetNoAnswer) {
+    FakeMessage* message = fakeBus().request(privateHandle(), "createNode", "{}");
+    session().m_msgMap["id"] = KeptMessage(message);
+    QSMessageUnref(message);
+    session().disconnect();
+    EXPECT_TRUE(session().m_msgMap.contains("id"));
+    EXPECT_TRUE(message->kept());
+    EXPECT_EQ(message->answers, Texts{});
+    session().m_msgMap.clear();
+}
+
+}  // namespace

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The watch on the XMPP socket: what it logs, when it ends, and what it reads first.
+#include <gloox/connectionlistener.h>
+
+#include <functional>
+
+#include "session/methods.h"
+#include "tests/fakes/fakebusstate.h"
+#include "tests/unit/session/connectionfixture.h"
+#include "xmpp/client.h"
+
+namespace {
+
+// Runs what the test says from inside the client's own callbacks.
+class Listener : public gloox::ConnectionListener {
+  public:
+    explicit Listener(std::function<void()> act) : m_act(std::move(act)) {}
+    void onConnect() override { m_act(); }
+    void onDisconnect(gloox::ConnectionError) override {}
+    bool onTLSConnect(const gloox::CertInfo&) override { return true; }
+
+  private:
+    std::function<void()> m_act;
+};
+
+class Watch : public Connection {};
+
+TEST_F(Watch, LogsEveryConditionInItsOrder) {
+    const std::pair<int, Texts> conditions[] = {
+        {G_IO_IN, {}},
+        {G_IO_HUP, {"xmppCallback: xmpp server socket disconnected"}},
+        {G_IO_ERR, {"xmppCallback: xmpp server socket io error"}},
+        {G_IO_NVAL, {"xmppCallback: xmpp server socket closed"}},
+        {G_IO_IN | G_IO_NVAL | G_IO_ERR | G_IO_HUP,
+         {"xmppCallback: xmpp server socket disconnected", "xmppCallback: xmpp server socket io error",
+          "xmppCallback: xmpp server socket closed"}}};
+    connectSession();
+    for (const auto& [condition, lines] : conditions) {
+        EXPECT_TRUE(PubSubSession::xmppCallback(nullptr, static_cast<GIOCondition>(condition), &session()));
+        EXPECT_EQ(takeLogLines(), lines);
+    }
+}
+
+TEST_F(Watch, EndsWithoutAClient) {
+    session().m_lastError = 5;
+    EXPECT_EQ(session().recv(), gloox::ConnNotConnected);
+    EXPECT_EQ(session().m_lastError, 5);
+    EXPECT_FALSE(PubSubSession::xmppCallback(nullptr, G_IO_IN, &session()));
+    EXPECT_EQ(takeLogLines(), Texts{"xmppCallback: We had some type of connection error 18"});
+    EXPECT_EQ(session().m_lastError, 18);
+}
+
+TEST_F(Watch, IsGoneOnceItsCallbackHasEndedIt) {
+    connectSession();
+    ASSERT_NE(PubSubSession::m_source, nullptr);
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    EXPECT_EQ(PubSubSession::m_source, nullptr);
+}
+
+TEST_F(Watch, EndsWhenTheSessionIsDisconnectedFromInsideTheClient) {
+    beginConnecting();
+    Listener listener([&] { session().disconnect(); });
+    session().m_client->registerConnectionListener(&listener);
+    pump();
+    EXPECT_EQ(PubSubSession::m_source, nullptr);
+    EXPECT_EQ(session().m_client, nullptr);
+    EXPECT_FALSE(session().m_connected);
+    EXPECT_FALSE(session().m_reconnectPending);
+}
+
+TEST_F(Watch, LeavesTheNewSessionsWatchAloneWhenTheSessionIsReplacedFromInsideTheClient) {
+    beginConnecting();
+    int rounds = 0;
+    Listener listener([&] {
+        if (++rounds > 1)
+            return;
+        session().disconnect();
+        session().connectToService();
+    });
+    session().m_client->registerConnectionListener(&listener);
+    pump();
+    EXPECT_EQ(fakeServer().connects(), 2);
+    EXPECT_TRUE(session().m_connected);
+    EXPECT_NE(PubSubSession::m_source, nullptr);
+}
+
+TEST_F(Watch, ReadsWhatTheBusHasReceivedBeforeTheStream) {
+    connectSession();
+    const Answer subscriber =
+        callPrivate(subscribeConnStatus, "subscribeConnStatus", R"({"subscribe":true})");
+    fakeBus().clientDiesUnseen(subscriber.message());
+    serverSends("<message from='pubsub.example.org'><body>wake</body></message>");
+    EXPECT_TRUE(fakeBus().methodSubscribers(privateHandle(), "/", "subscribeConnStatus").empty());
+}
+
+TEST_F(Watch, EndsWithoutReadingTheStreamWhenABusRequestHasEndedTheSession) {
+    connectSession();
+    // A cancelled subscription stands for any request that is read before the stream.
+    privateHandle()->cancel = [](QSHandle*, QSMessage*, void*) {
+        gCurrentSession.disconnect();
+        return true;
+    };
+    const Answer subscriber =
+        callPrivate(subscribeConnStatus, "subscribeConnStatus", R"({"subscribe":true})");
+    fakeBus().clientDiesUnseen(subscriber.message());
+    takeLog();
+    fakeServer().sends("<message from='pubsub.example.org'><body>wake</body></message>");
+    pump();
+    privateHandle()->cancel = nullptr;
+    EXPECT_EQ(session().m_client, nullptr);
+    EXPECT_EQ(PubSubSession::m_source, nullptr);
+    EXPECT_EQ(session().m_lastError, 0) << "no read without a client";
+    EXPECT_EQ(takeLogLines(), Texts{"onDisconnect: Disconnected from xmpp server 17"});
+}
+
+TEST_F(Watch, IsDestroyedByDroppingIt) {
+    connectSession();
+    GSource* watch = g_source_ref(PubSubSession::m_source);
+    session().dropSocketWatch();
+    EXPECT_TRUE(g_source_is_destroyed(watch));
+    g_source_unref(watch);
+    EXPECT_EQ(PubSubSession::m_source, nullptr);
+    session().dropSocketWatch();
+}
+
+TEST_F(Watch, NeverOutlivesItsClient) {
+    connectSession();
+    GSource* watch = g_source_ref(PubSubSession::m_source);
+    session().dropClient();
+    EXPECT_TRUE(g_source_is_destroyed(watch));
+    g_source_unref(watch);
+    session().m_connected = false;
+}
+
+}  // namespace
