@@ -131,7 +131,8 @@ TEST_F(PowerService, AcceptsAnActivityWithoutLogind) {
 
 TEST_F(PowerService, RefusesAnActivityWithoutASensibleDuration) {
     constexpr char refusal[] =
-        R"({"returnValue":false,"errorText":"\"duration_ms\" must be a whole number of milliseconds from 1 to 900000"})";
+        R"({"returnValue":false,"errorText":"\"duration_ms\" must be a whole number of milliseconds )"
+        R"(from 1 to 900000"})";
     for (const char* payload : {"{}", "", R"({"duration_ms":0})", R"({"duration_ms":-5})",
                                 R"({"duration_ms":"2000"})", R"({"duration_ms":900001})"})
         EXPECT_EQ(caller.call(kActivity, payload), refusal) << payload;
