@@ -1,6 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The device extension of the pub-sub service: an ejabberd module that stands beside mod_pubsub and uses its public
-%% extension points alone. This file is the entry: options, processes, hooks. docs/protocol.md says what it does.
+%% The device extension of the pub-sub service: an ejabberd module that stands beside mod_pubsub and uses its
+%% public extension points alone. This file is the entry: options, processes, hooks. docs/protocol.md says
+%% what it does.
 -module(mod_pubsub_device).
 -behaviour(gen_mod).
 

@@ -1,7 +1,8 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The node tree of the pub-sub service: the stock tree with collections that deliver. A node's parents are what its
-%% own `pubsub#collection` names, read at every delivery, so nothing else is stored and nothing can go stale. Deleting
-%% a node looks at that node alone (the stock tree walks every node), and publishing never creates one.
+%% The node tree of the pub-sub service: the stock tree with collections that deliver. A node's parents are
+%% what its own `pubsub#collection` names, read at every delivery, so nothing else is stored and nothing can
+%% go stale. Deleting a node looks at that node alone (the stock tree walks every node), and publishing never
+%% creates one.
 -module(nodetree_device).
 -behaviour(gen_pubsub_nodetree).
 
@@ -70,8 +71,9 @@ above(Host, Records, Depth, Seen) ->
         _ -> [{Depth, Found} | above(Host, Found, Depth + 1, Names ++ Seen)]
     end.
 
-%% A collection takes nodes of its own owners, and anybody's when its owner opened it with the association policy. The
-%% question is asked again at delivery: a name that was deleted and made anew by somebody else hands nothing out.
+%% A collection takes nodes of its own owners, and anybody's when its owner opened it with the association
+%% policy. The question is asked again at delivery: a name that was deleted and made anew by somebody else
+%% hands nothing out.
 may_hold(#pubsub_node{options = Options, owners = Owners}, ChildOwners) ->
     proplists:get_value(node_type, Options) == collection
         andalso (Owners -- ChildOwners /= Owners

@@ -1,6 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% How much is kept and for how long, how fast a key may publish, and when the service is full. The bounds are the
-%% operator's options of mod_pubsub_device; the counts of dropped items and the rates live in a table in memory.
+%% How much is kept and for how long, how fast a key may publish, and when the service is full. The bounds are
+%% the operator's options of mod_pubsub_device; the counts of dropped items and the rates live in a table in
+%% memory.
 -module(pubsub_device_bounds).
 
 -export([init/0, enforce/2, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0]).
@@ -13,8 +14,8 @@
 init() ->
     ets:new(?TABLE, [named_table, public, {write_concurrency, true}]).
 
-%% The device's oldest item goes when one more than the bound is kept. A single busy node is bounded on its own, so
-%% that it cannot push the items of all other nodes out.
+%% The device's oldest item goes when one more than the bound is kept. A single busy node is bounded on its
+%% own, so that it cannot push the items of all other nodes out.
 enforce(Node, Device) ->
     case pubsub_device_store:count(Node, Device) > mod_pubsub_device:option(max_kept_node) of
         true ->
@@ -85,8 +86,8 @@ admits(Key) ->
         {false, _} -> take(Key)
     end.
 
-%% One publication out of the key's bucket: ok, or the seconds to wait. Two takers at once may both have the last one,
-%% which a rate bears.
+%% One publication out of the key's bucket: ok, or the seconds to wait. Two takers at once may both have the
+%% last one, which a rate bears.
 take(Key) ->
     Rate = mod_pubsub_device:option(key_rate),
     Burst = mod_pubsub_device:option(key_burst),

@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The group commit of a member: callers wait until what they have written is on disk, and answers that say so wait
-%% here. One sync serves everybody who asked before it began, so its cost is shared by all.
+%% The group commit of a member: callers wait until what they have written is on disk, and answers that say so
+%% wait here. One sync serves everybody who asked before it began, so its cost is shared by all.
 -module(pubsub_device_commit).
 -behaviour(gen_server).
 
@@ -11,7 +11,8 @@ start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
 
 -define(GROUP, pubsub_device_members).
 
-%% The members of the cluster that run the extension. The server's own list has a joining member long before that.
+%% The members of the cluster that run the extension. The server's own list has a joining member long before
+%% that.
 members() ->
     case lists:usort([node(Pid) || Pid <- pg:get_members(?GROUP, ?MODULE)]) of
         [] -> [node()];

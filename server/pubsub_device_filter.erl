@@ -1,7 +1,8 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% What passes between the server's router and the service: one filter for every stanza, run in the process that sends
-%% it. Inwards it takes presences and acknowledgements and marks requests; outwards it catches the notifications of an
-%% item that is being published and sees that messages to an account reach its devices. Everything else passes.
+%% What passes between the server's router and the service: one filter for every stanza, run in the process
+%% that sends it. Inwards it takes presences and acknowledgements and marks requests; outwards it catches the
+%% notifications of an item that is being published and sees that messages to an account reach its devices.
+%% Everything else passes.
 -module(pubsub_device_filter).
 
 -export([filter_packet/1]).
@@ -76,8 +77,8 @@ acknowledge(Service, From, Ack) ->
 
 %%% outwards
 
-%% What the service says it has done is on disk first, as an item is. The session does not wait for that: it goes on
-%% with the next request, and the answer follows.
+%% What the service says it has done is on disk first, as an item is. The session does not wait for that: it
+%% goes on with the next request, and the answer follows.
 answer(Service, IQ) ->
     Published = pubsub_device_publish:hand_over(IQ),
     pubsub_device_publish:end_publish(),
@@ -99,8 +100,9 @@ outgoing(_, #message{type = error} = Message) ->
 outgoing(_, Message) ->
     reach(Message).
 
-%% An item that the engine sends out of its own store, on subscription: the node's newest, which goes to devices in
-%% the order of all others. When newer ones were taken back, its number is not known any more; zero is below all.
+%% An item that the engine sends out of its own store, on subscription: the node's newest, which goes to
+%% devices in the order of all others. When newer ones were taken back, its number is not known any more; zero
+%% is below all.
 stored(Node, #message{to = To} = Message) ->
     #ps_item{id = ItemId} = Item = pubsub_device_stanza:item_of(Message),
     case pubsub_device_store:last_item(Node) of

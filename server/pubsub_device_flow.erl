@@ -1,12 +1,13 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% How the items of one node leave for one device in one session: in rising numbers, what is kept before what is live.
+%% How the items of one node leave for one device in one session: in rising numbers, what is kept before what
+%% is live.
 %%
-%% A flow lives in the node's writer and dies with the session. Losing it costs repeated sendings, never an item: the
-%% copies themselves are in the store until the device acknowledges them.
+%% A flow lives in the node's writer and dies with the session. Losing it costs repeated sendings, never an
+%% item: the copies themselves are in the store until the device acknowledges them.
 %%
-%% `sent` is the highest number sent in the session, `out` the sendings that are not acknowledged yet, oldest first. A
-%% device acknowledges by item id, and several copies, or several sendings of one copy, can have the same id: each
-%% acknowledgement answers the oldest sending under that id.
+%% `sent` is the highest number sent in the session, `out` the sendings that are not acknowledged yet, oldest
+%% first. A device acknowledges by item id, and several copies, or several sendings of one copy, can have the
+%% same id: each acknowledgement answers the oldest sending under that id.
 -module(pubsub_device_flow).
 
 -export([new/1, pid/1, pump/3, again/3, activated/4, acked/4]).
@@ -41,8 +42,8 @@ again(Node, Device, Flow) ->
         _ -> pump(Node, Device, Flow)
     end.
 
-%% The device activated the node. `Since` is the last number that it has, or `bulk`, when it names none and wants
-%% nothing twice.
+%% The device activated the node. `Since` is the last number that it has, or `bulk`, when it names none and
+%% wants nothing twice.
 activated(Node, Device, bulk, Flow) ->
     pump(Node, Device, Flow);
 activated(Node, Device, Since, Flow) ->
@@ -61,8 +62,8 @@ acked(Node, Device, ItemId, #flow{out = Out} = Flow) ->
         false -> Flow
     end.
 
-%% An ordinary node is open to its subscribers. A key node is open to a device that subscribed, and lets a device of
-%% its owner have one item after the other once the device has activated it in this session.
+%% An ordinary node is open to its subscribers. A key node is open to a device that subscribed, and lets a
+%% device of its owner have one item after the other once the device has activated it in this session.
 gate(Node, Device, #flow{pid = Pid}) ->
     case pubsub_device_store:key_of(Node) of
         none -> open;
@@ -117,8 +118,8 @@ forget_until(Node, Device, Since) ->
         _ -> ok
     end.
 
-%% Straight to the session that announced the device: a later session of the same resource, which has not announced
-%% itself yet, would take a live item for the newest and every kept one after it for stale.
+%% Straight to the session that announced the device: a later session of the same resource, which has not
+%% announced itself yet, would take a live item for the newest and every kept one after it for stale.
 send_copy(none, Flow) ->
     Flow;
 send_copy(#pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, item = Item},

@@ -10,7 +10,8 @@
 %% sic: the variable that clients read the subscriber from is misspelt, and is matched exactly.
 -define(SUBSCRIBER, <<"pusub#subscriber_jid">>).
 
-%% The form that asks an owner. It gets a message id, since the owner's answer goes under it, and the subscription's id.
+%% The form that asks an owner. It gets a message id, since the owner's answer goes under it, and the
+%% subscription's id.
 authorisation(Service, #message{id = Id, sub_els = [#xdata{fields = Fields} = Form | Rest]} = Message) ->
     Subscriber = value(<<"pubsub#subscriber_jid">>, Fields),
     SubId = pending_id(Service, value(<<"pubsub#node">>, Fields), Subscriber),

@@ -1,6 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The requests of the namespace urn:zelt:pubsub:device:0. Keeps no state. A request runs in the process of the session
-%% that sent it; the writer answers an activation itself, so that the answer leaves before the items.
+%% The requests of the namespace urn:zelt:pubsub:device:0. Keeps no state. A request runs in the process of
+%% the session that sent it; the writer answers an activation itself, so that the answer leaves before the
+%% items.
 -module(pubsub_device_iq).
 
 -export([process/1, decode_iq_subel/1, process_disco_info/1]).
@@ -138,8 +139,8 @@ activate_nodes(Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
      || {NodeId, ok} <- Verdicts],
     ignore.
 
-%% A key node is for its owner's devices and its subscribers; an ordinary node is not gated, so activating it asks for
-%% what is kept and nothing more.
+%% A key node is for its owner's devices and its subscribers; an ordinary node is not gated, so activating it
+%% asks for what is kept and nothing more.
 may_receive({Service, NodeId} = Node, From) ->
     Account = account(From),
     case {mod_pubsub:tree_action(Service, get_node, [Service, NodeId]), pubsub_device_store:key_of(Node)} of

@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Devices and their sessions. A device is a full JID of this server that announced itself: by directed presence to the
-%% service, by creating a key node or by activating a node. It is remembered until it has stayed away for too long;
-%% the session is known only while it lasts.
+%% Devices and their sessions. A device is a full JID of this server that announced itself: by directed
+%% presence to the service, by creating a key node or by activating a node. It is remembered until it has
+%% stayed away for too long; the session is known only while it lasts.
 -module(pubsub_device_presence).
 
 -export([announce/1, attach/1, leave/2, on_session_end/3, on_remove_user/2, forget/1]).
@@ -10,7 +10,8 @@
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
-%% The session is on record before we look for what is kept: an item that is kept after this look finds it there.
+%% The session is on record before we look for what is kept: an item that is kept after this look finds it
+%% there.
 announce(JID) ->
     case attach(JID) of
         ok ->
@@ -32,7 +33,8 @@ attach(JID) ->
         _ -> stranger
     end.
 
-%% A client without a resource of its own is a new device at every connect, so the account's longest absent one goes.
+%% A client without a resource of its own is a new device at every connect, so the account's longest absent
+%% one goes.
 make_room(Device) ->
     Devices = pubsub_device_store:devices(Device),
     case length(Devices) >= mod_pubsub_device:option(max_devices) of

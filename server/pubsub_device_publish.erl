@@ -1,10 +1,11 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% From the engine to the writer. While an item is being published, the publisher's process holds a context: the
-%% engine's notifications are caught in it instead of being sent, and the engine's hook hands them to the node's
-%% writer. The context lasts for one request; the process dictionary is the only thing that the engine's calls share.
+%% From the engine to the writer. While an item is being published, the publisher's process holds a context:
+%% the engine's notifications are caught in it instead of being sent, and the engine's hook hands them to the
+%% node's writer. The context lasts for one request; the process dictionary is the only thing that the
+%% engine's calls share.
 %%
-%% A session publishes ahead: it does not wait for the writer, a waiter does, and sends the engine's answer when the
-%% item is on disk. The session's own requests reach the writer in the order in which it made them.
+%% A session publishes ahead: it does not wait for the writer, a waiter does, and sends the engine's answer
+%% when the item is on disk. The session's own requests reach the writer in the order in which it made them.
 -module(pubsub_device_publish).
 
 -export([begin_publish/1, end_publish/0, is_publishing/0, catch_message/1, hand_over/1, on_publish/6, by_key/3]).
@@ -48,7 +49,8 @@ on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, Ite
 on_publish(_, _, _, _, _, _) ->
     ok.
 
-%% Without a context somebody else in the server publishes: the item is numbered and kept, and nobody waits to hear.
+%% Without a context somebody else in the server publishes: the item is numbered and kept, and nobody waits to
+%% hear.
 written(undefined, Node, Publication) ->
     pubsub_device_writer:call(Node, {publish, Node, Publication}),
     ok;

@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The stanzas of the extension, built and read. Numbers are added to encoded items: the codec's item record has no
-%% place for them.
+%% The stanzas of the extension, built and read. Numbers are added to encoded items: the codec's item record
+%% has no place for them.
 -module(pubsub_device_stanza).
 
 -export([item/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
@@ -59,7 +59,8 @@ published(NodeId, ItemId, Number) ->
     #xmlel{name = <<"item">>,
            attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"node">>, NodeId}, {<<"id">>, ItemId}, seq_no(Number)]}.
 
-%% A number as a client writes it. Twenty digits hold every 64-bit number; longer ones are not worth the arithmetic.
+%% A number as a client writes it. Twenty digits hold every 64-bit number; longer ones are not worth the
+%% arithmetic.
 number(<<>>) ->
     {ok, 0};
 number(Text) when byte_size(Text) =< 20 ->

@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The tables: devices, sessions, keys, numbers and what is kept. Only the node's writer changes its numbers and
-%% copies, so reading and writing them takes no transaction on a server of its own. Writes wait for every member of a
-%% cluster (sync_dirty); that they are on disk is the business of pubsub_device_commit.
+%% The tables: devices, sessions, keys, numbers and what is kept. Only the node's writer changes its numbers
+%% and copies, so reading and writing them takes no transaction on a server of its own. Writes wait for every
+%% member of a cluster (sync_dirty); that they are on disk is the business of pubsub_device_commit.
 -module(pubsub_device_store).
 
 -export([init/0, together/1]).
@@ -48,8 +48,8 @@ act(Fun) ->
         false -> mnesia:sync_dirty(Fun)
     end.
 
-%% In a cluster two members may take themselves for a node's writer for a moment. A number and the copies that have it
-%% are written in one transaction there, so the next number is given out only when they are in place.
+%% In a cluster two members may take themselves for a node's writer for a moment. A number and the copies that
+%% have it are written in one transaction there, so the next number is given out only when they are in place.
 together(Fun) ->
     case mnesia:system_info(db_nodes) of
         [_] -> Fun();
@@ -92,7 +92,8 @@ attach(Device, Pid) ->
         _ -> write(#pubsub_device_session{jid = Device, pid = Pid})
     end.
 
-%% Only for the session that ends: a resource conflict closes the old one after the new one has announced itself.
+%% Only for the session that ends: a resource conflict closes the old one after the new one has announced
+%% itself.
 detach(Device, Pid) ->
     case mnesia:dirty_read(pubsub_device_session, Device) of
         [#pubsub_device_session{pid = Pid}] -> delete(pubsub_device_session, Device), true;
@@ -173,8 +174,8 @@ last_item(Node) ->
 put_number(Node, Last, Item) ->
     write(#pubsub_device_number{node = Node, last = Last, item = Item}).
 
-%% The node is gone; its number lives on in the floor. The floor is written first, so a crash between the two loses
-%% nothing.
+%% The node is gone; its number lives on in the floor. The floor is written first, so a crash between the two
+%% loses nothing.
 retire_number(Node, Shard) ->
     case mnesia:dirty_read(pubsub_device_number, Node) of
         [#pubsub_device_number{last = Last}] ->

@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Age: from time to time every member drops what is too old among the items of its own nodes, and one of them forgets
-%% the devices that have stayed away. The size of the store is looked at every second.
+%% Age: from time to time every member drops what is too old among the items of its own nodes, and one of them
+%% forgets the devices that have stayed away. The size of the store is looked at every second.
 -module(pubsub_device_sweep).
 -behaviour(gen_server).
 

@@ -1,15 +1,18 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Who gets what the service sends: devices, for which an item is kept, and everybody else, live. Keeps no state.
+%% Who gets what the service sends: devices, for which an item is kept, and everybody else, live. Keeps no
+%% state.
 %%
-%% A bare JID means all devices of the account. Other resources of it that are available get the ordinary notification.
+%% A bare JID means all devices of the account. Other resources of it that are available get the ordinary
+%% notification.
 -module(pubsub_device_targets).
 
 -export([find/3, is_meant/2, send_live/2, reached/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 
-%% The targets of one item; `Messages` are the notifications that the engine made for its subscribers. A device that is
-%% meant more than once, by its full JID, by its bare one, through a collection or as the owner's, gets one copy.
+%% The targets of one item; `Messages` are the notifications that the engine made for its subscribers. A
+%% device that is meant more than once, by its full JID, by its bare one, through a collection or as the
+%% owner's, gets one copy.
 find(Node, Item, Messages) ->
     case pubsub_device_stanza:has_payload(Item) of
         true -> kept(Node, Messages) ++ ordinary(Messages);
@@ -64,8 +67,8 @@ live({Service, _} = Node, #ps_item{} = Item, Messages) ->
 send_live(Number, {live, Message}) ->
     ejabberd_router:route(pubsub_device_stanza:stamp(Message, Number)).
 
-%% The sessions that a message to the JID should reach: those of the account's devices that announced themselves,
-%% available or not, and every other that is available. The JID itself when there is none.
+%% The sessions that a message to the JID should reach: those of the account's devices that announced
+%% themselves, available or not, and every other that is available. The JID itself when there is none.
 reached({_, _, <<>>} = Account) ->
     Present = [Device || Device <- pubsub_device_store:devices(Account), pubsub_device_store:session(Device) /= none],
     case lists:usort(Present ++ available(Account)) of

@@ -1,15 +1,16 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The one writer of a node. It numbers the node's items, keeps them for the devices and sends them, so numbers rise
-%% without a gap in the order and everything that leaves for a device leaves in order.
+%% The one writer of a node. It numbers the node's items, keeps them for the devices and sends them, so
+%% numbers rise without a gap in the order and everything that leaves for a device leaves in order.
 %%
-%% A node belongs to one shard of one member of the cluster, found by hashing over the members that run: there is no
-%% table to keep, and when a member goes, the others agree on the next writer at once. While members do not see the
-%% same members yet, a node may have two writers: the store hands numbers out in order all the same, and the new writer
-%% begins with all that is kept, so a device may get an item again, but none out of turn for good. All that has to
-%% survive is in the store; a writer remembers only the flows of the present sessions.
+%% A node belongs to one shard of one member of the cluster, found by hashing over the members that run: there
+%% is no table to keep, and when a member goes, the others agree on the next writer at once. While members do
+%% not see the same members yet, a node may have two writers: the store hands numbers out in order all the
+%% same, and the new writer begins with all that is kept, so a device may get an item again, but none out of
+%% turn for good. All that has to survive is in the store; a writer remembers only the flows of the present
+%% sessions.
 %%
-%% Publishing is a group commit: what has piled up while the log was synced is written together, synced once, answered
-%% and then sent. No publisher is answered before its item is on disk.
+%% Publishing is a group commit: what has piled up while the log was synced is written together, synced once,
+%% answered and then sent. No publisher is answered before its item is on disk.
 -module(pubsub_device_writer).
 -behaviour(gen_server).
 
@@ -40,8 +41,8 @@ member(Node) ->
     {_, Member} = lists:max([{erlang:phash2({Node, Member}), Member} || Member <- pubsub_device_commit:members()]),
     Member.
 
-%% Asks the writer, and asks the next one when the member that it runs on goes away. An item whose answer was lost with
-%% the member is then published twice, under two numbers, rather than not at all.
+%% Asks the writer, and asks the next one when the member that it runs on goes away. An item whose answer was
+%% lost with the member is then published twice, under two numbers, rather than not at all.
 call(Node, Request) ->
     call(Node, Request, ?ATTEMPTS).
 
@@ -213,8 +214,8 @@ deliver({Number, Node, Targets}, State) ->
 
 %%% flows
 
-%% Does `New` with a fresh flow when the session has none yet, else `Known` with the one it has. Without a session
-%% there is nobody to send to.
+%% Does `New` with a fresh flow when the session has none yet, else `Known` with the one it has. Without a
+%% session there is nobody to send to.
 with_flow(Node, Device, New, Known, #state{flows = Flows} = State) ->
     case pubsub_device_store:session(Device) of
         none -> State;
