@@ -90,7 +90,8 @@ class Stage:
             os.environ, ZELT_PRIVATE_BUS=self.env["ZELT_PRIVATE_BUS"], ZELT_PUBLIC_BUS=self.env["ZELT_PUBLIC_BUS"],
             ZELT_PREFS_DIR=self.env["ZELT_PREFS_DIR"], PUBSUB_STATE_DIR=self.env["STATE_DIR"],
             PUBSUB_CA_FILE=self.env["CA_FILE"], ZELT_HOST_STATE_DIR=str(self.dir / "host"),
-            ZELT_HOST_CONF=str(self.dir / "host" / "host.conf"))
+            ZELT_HOST_CONF=str(self.dir / "host" / "host.conf"), ZELT_MACHINE_ID_FILE=str(self.dir / "machine-id"),
+            ZELT_APP_ID_FROM_ENVIRONMENT="1")
 
     def kill_service(self, how=signal.SIGKILL):
         pid = self.service_pid
