@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Elliptic keys: made in no time, so that every test has its own.
-#include "certificates.h"
+#include "tests/unit/xmpp/certificates.h"
 
 #include <arpa/inet.h>
 

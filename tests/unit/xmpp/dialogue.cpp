@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The hand-played server and the recorders.
-#include "dialogue.h"
+#include "tests/unit/xmpp/dialogue.h"
 
 #include <gloox/dataform.h>
 #include <gloox/error.h>

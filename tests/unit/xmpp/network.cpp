@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The watched client.
-#include "network.h"
+#include "tests/unit/xmpp/network.h"
 
 #include <filesystem>
 

@@ -9,8 +9,8 @@
 #include <memory>
 #include <string>
 
-#include "dialogue.h"
-#include "scriptedserver.h"
+#include "tests/unit/xmpp/dialogue.h"
+#include "tests/unit/xmpp/scriptedserver.h"
 
 // Runs the default context until `condition` holds; false when it does not within `milliseconds`.
 bool waitFor(const std::function<bool()>& condition, int milliseconds = 10'000);

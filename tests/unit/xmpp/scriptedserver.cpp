@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The scripted server: blocking sockets, one connection after the other.
-#include "scriptedserver.h"
+#include "tests/unit/xmpp/scriptedserver.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>

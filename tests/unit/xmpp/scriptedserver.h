@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "certificates.h"
+#include "tests/unit/xmpp/certificates.h"
 
 // The server's end of one connection. Every wait has a deadline; what goes wrong is thrown and ends the
 // script.

@@ -2,7 +2,7 @@
 // Answers of the service and of strangers, and what the result handlers are told.
 #include <memory>
 
-#include "dialogue.h"
+#include "tests/unit/xmpp/dialogue.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // Every operation of the manager as it goes over the wire, compared whole.
 #include <gloox/dataform.h>
 
-#include "dialogue.h"
+#include "tests/unit/xmpp/dialogue.h"
 
 namespace {
 

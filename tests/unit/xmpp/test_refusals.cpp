@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "dialogue.h"
+#include "tests/unit/xmpp/dialogue.h"
 #include "xmpp/xmltext.h"
 
 namespace {

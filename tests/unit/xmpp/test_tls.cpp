@@ -2,7 +2,7 @@
 // TLS against real servers, good and bad ones.
 #include <fstream>
 
-#include "network.h"
+#include "tests/unit/xmpp/network.h"
 
 namespace {
 

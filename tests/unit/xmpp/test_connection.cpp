@@ -1,0 +1,265 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The connection in use: output that waits, giving up in the middle, what is left behind, and rest.
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "tests/unit/xmpp/connection.h"
+
+namespace {
+
+// --- output
+
+TEST_F(Connection, OutputThatTheSocketCannotTakeWaitsAndArrivesWhole) {
+    std::atomic<bool> mayRead = false;
+    std::size_t received = 0;
+    start([&](Peer& peer) {
+        peer.logIn();
+        while (!mayRead)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        for (int i = 0; i < 30; ++i)
+            received += peer.until("</iq>").size();
+        peer.send("<message/>");
+        peer.untilEnd();
+    });
+    logIn();
+    for (int i = 0; i < 30; ++i) {
+        auto* item = new gloox::Tag("item");
+        item->setCData(std::string(200'000, static_cast<char>('a' + i % 26)));
+        ASSERT_NE(manager->publishItem(kService, "/a", item, &handler), "");
+    }
+    EXPECT_GT(transport().queued(), 0u);
+    mayRead = true;
+    ASSERT_TRUE(waitFor([this] { return listener.count("message") > 0; })) << server->failure();
+    EXPECT_EQ(transport().queued(), 0u);
+    disposeClient();
+    server->stop();
+    EXPECT_GT(received, 6'000'000u);
+}
+
+TEST_F(Connection, AServerThatNeverReadsIsGivenUpAtEightMebibytesByTheNextRecv) {
+    std::atomic<bool> over = false;
+    start([&](Peer& peer) {
+        peer.logIn();
+        while (!over)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+    logIn();
+    for (int i = 0; i < 100; ++i) {
+        auto* item = new gloox::Tag("item");
+        item->setCData(std::string(200'000, 'x'));
+        manager->publishItem(kService, "/a", item, &handler);
+        EXPECT_LE(transport().queued(), 8u << 20);
+    }
+    EXPECT_EQ(listener.events, Events{"connect"});
+    EXPECT_TRUE(waitFor([this] { return isOver(); }));
+    EXPECT_EQ(listener.events, (Events{"connect", "disconnect 7"}));
+    over = true;
+    server->stop();
+}
+
+TEST_F(Connection, SendingIntoADeadConnectionIsReportedByRecvAlone) {
+    start([](Peer& peer) {
+        peer.logIn();
+        peer.reset();
+    });
+    // The reset comes while the loop does not run: it is found by a send.
+    listener.atConnect = [this] {
+        const gint64 end = g_get_monotonic_time() + 5'000'000;
+        tcp_info info{};
+        while (info.tcpi_state != TCP_CLOSE && g_get_monotonic_time() < end) {
+            socklen_t length = sizeof info;
+            getsockopt(client->socket(), IPPROTO_TCP, TCP_INFO, &info, &length);
+        }
+        for (int i = 0; i < 10; ++i)
+            client->setPresence(kService, gloox::Presence::Available, 0, "online");
+        EXPECT_EQ(listener.events, Events{"connect"});
+    };
+    ASSERT_TRUE(connect());
+    ASSERT_TRUE(waitFor([this] { return isOver(); }));
+    EXPECT_EQ(listener.count("disconnect"), 1);
+}
+
+TEST_F(Connection, OneTurnReadsABoundedAmount) {
+    start([&](Peer& peer) {
+        peer.logIn();
+        peer.send("<message><body>" + std::string(300'000, 'b') + "</body></message>");
+        peer.untilEnd();
+    });
+    logIn();
+    long before = 0, after = 0, ignored = 0;
+    dynamic_cast<gloox::ConnectionTCPBase*>(client->connectionImpl())->getStatistics(before, ignored);
+    g_usleep(50'000);
+    EXPECT_EQ(client->recv(10), gloox::ConnNoError);
+    dynamic_cast<gloox::ConnectionTCPBase*>(client->connectionImpl())->getStatistics(after, ignored);
+    EXPECT_GT(after, before);
+    EXPECT_LE(after - before, 65'536);
+    EXPECT_TRUE(waitFor([this] { return listener.count("message") > 0; }));
+}
+
+// --- giving up
+
+TEST_F(Connection, AConnectingClientIsDisposedOfWithoutAWord) {
+    const BlackHole hole;
+    const int before = descriptors();
+    makeClient("127.0.0.1", hole.port());
+    ASSERT_TRUE(connect());
+    disposeClient();
+    settle();
+    EXPECT_TRUE(listener.events.empty());
+    EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(Connection, AResolvingClientIsDisposedOfWithoutAWord) {
+    makeClient("localhost", freePort());
+    const int before = descriptors();
+    ASSERT_TRUE(connect());
+    disposeClient();
+    runFor(100);
+    EXPECT_TRUE(listener.events.empty());
+    EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(Connection, TheUserMayDisconnectWhileConnecting) {
+    const BlackHole hole;
+    makeClient("127.0.0.1", hole.port());
+    ASSERT_TRUE(connect());
+    client->disconnect();
+    client->disconnect();
+    settle();
+    EXPECT_EQ(listener.events, Events{"disconnect 17"});
+}
+
+TEST_F(Connection, TheUserMayDisconnectWhileResolving) {
+    makeClient("localhost", freePort());
+    ASSERT_TRUE(connect());
+    client->disconnect();
+    runFor(100);
+    EXPECT_EQ(listener.events, Events{"disconnect 17"});
+}
+
+TEST_F(Connection, ASecondConnectChangesNothing) {
+    start(logInAndWait);
+    logIn();
+    const int number = client->socket();
+    EXPECT_TRUE(client->connect("", nullptr));
+    EXPECT_EQ(client->socket(), number);
+    EXPECT_EQ(server->connections(), 1);
+}
+
+TEST_F(Connection, NoDescriptorIsLeftBehind) {
+    start(logInAndWait);
+    const int port = server->port();
+    const int refused = freePort();
+    disposeClient();
+    const int before = descriptors();
+    for (int i = 0; i < 25; ++i) {
+        for (const int target : {port, refused}) {
+            listener.events.clear();
+            makeClient("localhost", target);
+            ASSERT_TRUE(connect());
+            ASSERT_TRUE(waitFor([this] { return isConnected() || isOver(); }));
+            disposeClient();
+        }
+    }
+    server->stop();
+    EXPECT_LE(descriptors(), before);
+}
+
+TEST_F(Connection, DescriptorsAboveAThousandAreFine) {
+    rlimit old{};
+    getrlimit(RLIMIT_NOFILE, &old);
+    rlimit wide = old;
+    wide.rlim_cur = std::min<rlim_t>(old.rlim_max, 4'096);
+    ASSERT_GT(wide.rlim_cur, 1'500u) << "the hard limit of open files is too low for this test";
+    setrlimit(RLIMIT_NOFILE, &wide);
+    start(logInAndWait);
+    std::vector<int> fillers;
+    do
+        fillers.push_back(::dup(STDERR_FILENO));
+    while (fillers.back() >= 0 && fillers.back() < 1'100);
+    ASSERT_TRUE(connect());
+    EXPECT_GT(client->socket(), 1'024);
+    EXPECT_TRUE(waitFor([this] { return isConnected(); })) << server->failure();
+    disposeClient();
+    for (const int fd : fillers)
+        ::close(fd);
+    setrlimit(RLIMIT_NOFILE, &old);
+}
+
+// --- rest and liveliness
+
+int threads() {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+        ++count;
+    return count;
+}
+
+TEST_F(Connection, AtRestThereIsNoThreadAndNoTimer) {
+    start(logInAndWait, "localhost");
+    const int before = threads();
+    logIn();
+    ASSERT_TRUE(waitFor([before] { return threads() <= before; }));
+    settle();
+    // What the loop would wait for: nothing but descriptors, and of those only the one that is watched.
+    GMainContext* context = g_main_context_default();
+    ASSERT_TRUE(g_main_context_acquire(context));
+    int priority = 0;
+    EXPECT_FALSE(g_main_context_prepare(context, &priority));
+    int timeout = 0;
+    GPollFD polled[16];
+    const int count = g_main_context_query(context, G_MAXINT, &timeout, polled, 16);
+    g_main_context_release(context);
+    EXPECT_EQ(timeout, -1);
+    EXPECT_EQ(count, 2);  // the context's own wake-up and the socket
+    EXPECT_TRUE(
+        std::any_of(polled, polled + count, [this](const GPollFD& fd) { return fd.fd == client->socket(); }));
+}
+
+// The longest time that the loop, with a timer due every millisecond, does not get to it.
+class StallMeter {
+  public:
+    StallMeter() : m_last(g_get_monotonic_time()) { m_source = g_timeout_add(1, &StallMeter::tick, this); }
+    ~StallMeter() { g_source_remove(m_source); }
+    gint64 longest() const { return m_longest; }
+
+  private:
+    static gboolean tick(gpointer data) {
+        auto* self = static_cast<StallMeter*>(data);
+        const gint64 now = g_get_monotonic_time();
+        self->m_longest = std::max(self->m_longest, now - self->m_last);
+        self->m_last = now;
+        return G_SOURCE_CONTINUE;
+    }
+    gint64 m_last;
+    gint64 m_longest = 0;
+    guint m_source;
+};
+
+class Liveliness : public Connection, public testing::WithParamInterface<const char*> {};
+
+TEST_P(Liveliness, IsKeptWhileNobodyAnswers) {
+    const BlackHole hole;
+    // A busy machine may take the processor away for longer than the bound: the best of a few runs counts.
+    gint64 best = G_MAXINT64;
+    for (int run = 0; run < 5 && best > 20'000; ++run) {
+        makeClient(GetParam(), hole.port());
+        const StallMeter meter;
+        ASSERT_TRUE(connect());
+        runFor(300);
+        disposeClient();
+        best = std::min(best, meter.longest());
+    }
+    RecordProperty("longestStallMicroseconds", static_cast<int>(best));
+    EXPECT_LT(best, 20'000);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Liveliness, testing::Values("127.0.0.1", "localhost", "no-such-host.invalid"));
+
+}  // namespace
