@@ -31,6 +31,7 @@ class Call:
     def __init__(self, client, serial):
         self.client, self.serial = client, serial
         self.texts, self.error, self.ended = [], None, None
+        self.signals = 0  # how many of the answers came after the call's own reply
 
     @property
     def answers(self):
@@ -70,6 +71,7 @@ class BusClient:
             call = self.calls.get(int(serial))
             if call and message.get_member() == "Answer":
                 call.texts.append(str(text))
+                call.signals += 1
             elif call and message.get_member() == "Ended":
                 call.ended = str(text)
         elif kind == dbus.lowlevel.MESSAGE_TYPE_METHOD_CALL and message.get_member() in self.handlers:
