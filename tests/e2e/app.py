@@ -135,21 +135,29 @@ def main(address):
                 del calls[number]
         return True
 
-    def command(_channel, _condition):
-        line = sys.stdin.readline()
-        if not line:
-            loop.quit()
-            return False
-        words = json.loads(line)
+    def command(words):
         if "cancel" in words:
             calls[words["cancel"]].cancel()
-            return True
+            return
         call = client.start(words["method"], words["payload"])
         call.texts = Told(words["id"])
         calls[words["id"]] = call
+
+    rest = b""
+
+    def read(_channel, _condition):
+        # Not through sys.stdin: a second line in its buffer would wake nobody.
+        nonlocal rest
+        data = os.read(0, 65536)
+        if not data:
+            loop.quit()
+            return False
+        *lines, rest = (rest + data).split(b"\n")
+        for line in lines:
+            command(json.loads(line))
         return True
 
-    GLib.io_add_watch(sys.stdin, GLib.IO_IN | GLib.IO_HUP, command)
+    GLib.io_add_watch(0, GLib.PRIORITY_DEFAULT, GLib.IO_IN | GLib.IO_HUP, read)
     GLib.timeout_add(20, watch)
     loop.run()
 
