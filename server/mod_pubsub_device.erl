@@ -6,7 +6,7 @@
 -behaviour(gen_mod).
 
 -export([start/2, stop/1, reload/3, depends/2, mod_options/1, mod_opt_type/1, mod_doc/0]).
--export([is_service/1, option/1, on_delete/4]).
+-export([is_service/1, option/1, on_delete/4, on_register/2]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
@@ -52,6 +52,7 @@ depends(_, _) -> [{mod_pubsub, hard}].
 hooks() ->
     [{pubsub_publish_item, pubsub_device_publish, on_publish},
      {pubsub_delete_node, ?MODULE, on_delete},
+     {register_user, ?MODULE, on_register},
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
      {remove_user, pubsub_device_presence, on_remove_user}].
 
@@ -93,6 +94,10 @@ on_delete(_Host, Service, NodeId, _Nidx) when is_binary(Service) ->
     ok;
 on_delete(_, _, _, _) ->
     ok.
+
+%% Whoever registers an account hands it to a device, so it must outlive the server from then on.
+on_register(_User, _Host) ->
+    pubsub_device_commit:sync().
 
 mod_opt_type(sync) -> econf:bool();
 mod_opt_type(max_age) -> econf:timeout(second);
