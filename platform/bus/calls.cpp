@@ -27,6 +27,19 @@ std::string errorPayload(const sd_bus_error* error) {
     return json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
 }
 
+// Out of the table before the callback, so that the token is spent when it runs.
+void endSubscribedCall(QSHandle* handle, QSToken token, const char* reason) {
+    auto node = handle->calls.extract(token);
+    if (!node || !node.mapped()->ended)
+        return;
+    Call& call = *node.mapped();
+    call.callback = call.ended;
+    call.context = call.endedContext;
+    JsonRef object(json_object_new_object());
+    json_object_object_add(object.get(), "reason", json_object_new_string(reason));
+    busTell(call, nullptr, json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN), "");
+}
+
 // A later answer or the end of a subscription, named by the serial of our call and counted only from its
 // server.
 int onSubscriptionSignal(sd_bus_message* signal, void* data, sd_bus_error*) {
@@ -42,7 +55,7 @@ int onSubscriptionSignal(sd_bus_message* signal, void* data, sd_bus_error*) {
     if (found == handle->answeredCalls.end() || found->second->server != sender)
         return 1;
     if (std::strcmp(sd_bus_message_get_member(signal), "Ended") == 0)
-        busEndCall(handle, found->second->token);
+        endSubscribedCall(handle, found->second->token, text);
     else
         busTell(*found->second, signal, text, "");
     return 1;
@@ -60,7 +73,7 @@ bool awaitLaterAnswers(Call& call, sd_bus_message* reply) {
     call.server = server;
     call.watch = NameWatch::start(handle, call.server, [handle, token = call.token](bool there) {
         if (!there)
-            busEndCall(handle, token);
+            endSubscribedCall(handle, token, "gone");
     });
     if (!call.watch)
         return false;
@@ -203,5 +216,17 @@ bool QSCallCancel(QSHandle* handle, QSToken token, QSError* error) {
                        "No call is open under this token; it was answered, ended or never placed");
     tellServerOfCancel(*found->second);
     busEndCall(handle, token);
+    return true;
+}
+
+bool QSCallSetEndFunction(QSHandle* handle, QSToken token, QSFilter ended, void* context, QSError* error) {
+    if (!busIsOpen(handle, error))
+        return false;
+    auto found = handle->calls.find(token);
+    if (found == handle->calls.end())
+        return busFail(error, -ENOENT,
+                       "No call is open under this token; it was answered, ended or never placed");
+    found->second->ended = ended;
+    found->second->endedContext = context;
     return true;
 }

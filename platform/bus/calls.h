@@ -21,6 +21,8 @@ struct Call {
     Slot reply;                        // pending until the first answer
     std::string server;                // who gave the first answer, when later ones are awaited
     std::shared_ptr<NameWatch> watch;  // of that server, or of the watched service
+    QSFilter ended = nullptr;          // told when no answer follows; may be null
+    void* endedContext = nullptr;
 
     ~Call();
 };

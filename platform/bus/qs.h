@@ -75,6 +75,10 @@ bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter cal
             QSToken* token, QSError* error);
 // Forgets a call; a subscription of it ends at the service too.
 bool QSCallCancel(QSHandle* handle, QSToken token, QSError* error);
+// Has `ended` called once when no answer follows to an answered call that subscribed, with {"reason":TEXT}:
+// `released` or `cancelled` by the service's word, `gone` when it left the bus. A bus error in place of the
+// reply ends a call without it, and so does QSCallCancel.
+bool QSCallSetEndFunction(QSHandle* handle, QSToken token, QSFilter ended, void* context, QSError* error);
 
 const char* QSMessageGetPayload(QSMessage* message);
 const char* QSMessageGetMethod(QSMessage* message);

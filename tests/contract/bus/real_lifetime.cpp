@@ -86,6 +86,34 @@ TEST_F(Lifetime, ACallThatWasAnsweredIsForgotten) {
         m_engine->until([&] { return m_private->calls.empty() && m_private->answeredCalls.empty(); }));
 }
 
+TEST_F(Lifetime, ACallersEndFunctionSaysOnceWhyNoAnswerFollows) {
+    auto other = m_engine->otherService("com.zelt.other");
+    m_engine->settle();
+    std::vector<std::string> ends;
+    auto ignore = [](QSHandle*, QSMessage*, void*) { return true; };
+    auto note = [](QSHandle*, QSMessage* message, void* context) {
+        static_cast<std::vector<std::string>*>(context)->push_back(QSMessageGetPayload(message));
+        return true;
+    };
+    QSToken tokens[4] = {};
+    for (QSToken& token : tokens) {
+        ASSERT_TRUE(QSCall(m_private, "zelt://com.zelt.other/x", R"({"subscribe":true})", ignore, nullptr,
+                           &token, m_error));
+        ASSERT_TRUE(QSCallSetEndFunction(m_private, token, note, &ends, m_error));
+    }
+    ASSERT_TRUE(m_engine->until([&] { return other->calls().size() == 4; }));
+    for (size_t call : {0, 1, 3})
+        other->reply(call, "{}");
+    other->refuse(2, "com.example.Error", "an error is told as the reply, not as an end");
+    other->end(0);
+    ASSERT_TRUE(m_engine->until([&] { return !ends.empty(); }));
+    EXPECT_FALSE(QSCallSetEndFunction(m_private, tokens[0], note, &ends, m_error));
+    EXPECT_TRUE(QSCallCancel(m_private, tokens[1], m_error)) << m_error.message();
+    other.reset();
+    ASSERT_TRUE(m_engine->until([&] { return m_private->calls.empty(); }));
+    EXPECT_THAT(ends, ElementsAre(R"({"reason":"released"})", R"({"reason":"gone"})"));
+}
+
 TEST_F(Lifetime, UnregisteringInsideAHandlerIsBorne) {
     auto client = m_engine->client(QSBus::Public);
     m_handlers["hold"] = [&](QSHandle* handle, QSMessage* message) {
