@@ -10,6 +10,7 @@
 static const OptionSpec kGlobalOptions[] = {
     {"json", 0, nullptr, "print machine-readable JSON, one object a line"},
     {"timeout", 0, "SECONDS", "how long to wait for an answer (30)"},
+    {"app", 0, "ID", "call as this application; works where the service lets callers name themselves"},
     {"help", 'h', nullptr, "show this help, or the help of a verb"},
     {"version", 0, nullptr, "show the version"},
 };
@@ -17,6 +18,21 @@ static const OptionSpec kGlobalOptions[] = {
 std::string Invocation::value(const char* option) const {
     auto found = options.find(option);
     return found == options.end() ? "" : found->second;
+}
+
+std::vector<std::string> Invocation::values(const char* option) const {
+    std::vector<std::string> list;
+    for (const auto& [name, text] : given) {
+        if (name == option)
+            list.push_back(text);
+    }
+    return list;
+}
+
+bool isApplicationId(const std::string& text) {
+    static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
+    return !text.empty() && text.size() <= 255 && text[0] != '.' &&
+           text.find_first_not_of(kLetters) == std::string::npos;
 }
 
 bool parseCount(const std::string& text, unsigned& value) {
@@ -57,11 +73,18 @@ class Reader {
     bool readWord(const std::string& word) {
         if (m_onlyArguments || word == "-" || word.empty() || word[0] != '-')
             return takePlain(word);
-        if (word == "--") {
-            m_onlyArguments = true;
-            return true;
-        }
+        if (word == "--")
+            return takeDashes();
         return word[1] == '-' ? readLong(word) : readShort(word);
+    }
+
+    bool takeDashes() {
+        m_onlyArguments = true;
+        if (!m_result.verb || !m_result.verb->takesCommand)
+            return true;
+        m_result.command.assign(m_words.begin() + static_cast<std::ptrdiff_t>(m_next), m_words.end());
+        m_next = m_words.size();
+        return !m_result.command.empty() || fail("a COMMAND is missing after --");
     }
 
     bool takePlain(const std::string& word) {
@@ -144,6 +167,7 @@ class Reader {
         std::string name = spec.name;
         if (!m_global) {
             m_result.options[name] = value;
+            m_result.given.emplace_back(name, value);
             return true;
         }
         if (name == "json")
@@ -152,9 +176,17 @@ class Reader {
             m_result.help = true;
         else if (name == "version")
             m_result.version = true;
+        else if (name == "app")
+            return takeApplication(value);
         else if (!parseCount(value, m_result.timeoutSeconds))
             return fail("--timeout takes a whole number of seconds from 1 to 1000000, not \"" + value + "\"");
         return true;
+    }
+
+    bool takeApplication(const std::string& id) {
+        m_result.app = id;
+        return isApplicationId(id) ||
+               fail("--app takes an application id of letters, digits, '.', '_' and '-', not \"" + id + "\"");
     }
 
     bool unknown(const std::string& word) {
@@ -222,8 +254,10 @@ std::string overview(const std::vector<Verb>& verbs) {
         text += "  " + verbName(verb) + " " + verb.usage + "\n      " + verb.help + "\n";
     text += "\nOptions:\n" + optionLines(kGlobalOptions);
     text +=
-        "\nExit codes: 0 done, 2 wrong usage, 3 refused by the service, 4 not connected, 5 timed out.\n"
-        "ZELT_PRIVATE_BUS and ZELT_PUBLIC_BUS say where the buses are.\n";
+        "\nExit codes: 0 done, 1 a command failed, 2 wrong usage, 3 refused by the service, 4 not connected, "
+        "5 timed out.\n"
+        "ZELT_PRIVATE_BUS and ZELT_PUBLIC_BUS say where the buses are, PUBSUB_HTTP_URL or HTTP_URL where to\n"
+        "publish with a key.\n";
     return text;
 }
 

@@ -26,6 +26,7 @@ struct Verb {
     size_t maxArguments;
     std::vector<OptionSpec> options;
     Exit (*run)(const Invocation&, Console&);
+    bool takesCommand = false;  // whether -- begins a command to run, not further arguments
 };
 
 // What was asked for. Option values are stored under the long name; a switch holds "".
@@ -33,6 +34,9 @@ struct Invocation {
     const Verb* verb = nullptr;  // null for --help and --version alone
     std::vector<std::string> arguments;
     std::map<std::string, std::string> options;
+    std::vector<std::pair<std::string, std::string>> given;  // the options again, repeated ones too, in order
+    std::vector<std::string> command;                        // what stood after --
+    std::string app;                                         // the application to pass for; "" names none
     bool json = false;
     bool help = false;
     bool version = false;
@@ -40,11 +44,14 @@ struct Invocation {
 
     bool has(const char* option) const { return options.count(option) > 0; }
     std::string value(const char* option) const;
+    std::vector<std::string> values(const char* option) const;  // of an option that may be repeated
 };
 
 // `words` is the command line without the program's own name. False with what was wrong and what to do.
 bool parseArguments(const std::vector<std::string>& words, const std::vector<Verb>& verbs,
                     Invocation& invocation, std::string& problem);
+// What the platform takes for an application id.
+bool isApplicationId(const std::string& text);
 // A whole number of at least 1; false for anything else.
 bool parseCount(const std::string& text, unsigned& value);
 

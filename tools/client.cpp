@@ -72,6 +72,7 @@ static Reply refusedCall(const std::string& uri, const BusError& error) {
 BusClient::BusClient() : m_alive(g_main_loop_new(nullptr, TRUE)) {}
 
 BusClient::~BusClient() {
+    close();
     BusError error;
     if (m_handle)
         QSUnregister(m_handle, error);
@@ -175,6 +176,42 @@ Reply BusClient::finish(Exchange& exchange, const std::string& uri, const std::s
     if (!exchange.forgotten)
         QSCallCancel(m_handle, token, gone);
     return exchange.result;
+}
+
+bool BusClient::onOpenReply(QSHandle*, QSMessage* message, void* context) {
+    auto* client = static_cast<BusClient*>(context);
+    std::string payload = QSMessageGetPayload(message);
+    client->m_onOpenAnswer(QSMessageIsError(message)
+                               ? judgeBusError(client->m_openService, QSMessageGetErrorName(message), payload)
+                               : judgeAnswer(payload));
+    return true;
+}
+
+bool BusClient::onOpenEnd(QSHandle*, QSMessage* message, void* context) {
+    Json end = readJson(QSMessageGetPayload(message));
+    // A service that is gone did not end it; whoever watches the service hears of that.
+    if (textMember(end.get(), "reason") != "gone")
+        static_cast<BusClient*>(context)->m_onOpenEnd();
+    return true;
+}
+
+Reply BusClient::open(const std::string& uri, const std::string& payload, OnOpenAnswer onAnswer,
+                      OnEnd onEnd) {
+    close();
+    m_onOpenAnswer = std::move(onAnswer);
+    m_onOpenEnd = std::move(onEnd);
+    m_openService = serviceOf(uri);
+    BusError error;
+    if (!QSCall(m_handle, uri.c_str(), payload.c_str(), onOpenReply, this, &m_open, error) ||
+        !QSCallSetEndFunction(m_handle, m_open, onOpenEnd, this, error))
+        return refusedCall(uri, error);
+    return {Exit::Ok, "", ""};
+}
+
+void BusClient::close() {
+    BusError ended;
+    if (m_open)
+        QSCallCancel(m_handle, std::exchange(m_open, 0), ended);
 }
 
 bool BusClient::run() {

@@ -47,6 +47,14 @@ class BusClient {
     // or a time is up. The result is the last answer, or what ended the wait.
     Reply follow(const std::string& uri, const std::string& payload, Wait wait, const OnAnswer& onAnswer);
 
+    // Calls and hands on every answer, the last of which may be a bus error, until `close`; then `onEnd` when
+    // the service says that no answer follows. One open call a client; the functions may only take notes and
+    // `quit`.
+    using OnOpenAnswer = std::function<void(Reply)>;
+    using OnEnd = std::function<void()>;
+    Reply open(const std::string& uri, const std::string& payload, OnOpenAnswer onAnswer, OnEnd onEnd);
+    void close();
+
     // Runs the loop until `quit` or the loss of the bus; false when the bus was lost. A `quit` between two
     // runs ends the next one at once.
     bool run();
@@ -59,6 +67,8 @@ class BusClient {
   private:
     struct Exchange;
     static bool onReply(QSHandle* handle, QSMessage* message, void* context);
+    static bool onOpenReply(QSHandle* handle, QSMessage* message, void* context);
+    static bool onOpenEnd(QSHandle* handle, QSMessage* message, void* context);
     static bool onServerStatus(QSHandle* handle, QSMessage* message, void* context);
     Reply finish(Exchange& exchange, const std::string& uri, const std::string& payload);
 
@@ -68,4 +78,8 @@ class BusClient {
     QSHandle* m_handle = nullptr;
     bool m_quit = false;  // an end that was asked for, not the loss of the bus
     OnPresence m_onPresence;
+    QSToken m_open = 0;  // the open call; the bus library may be through with it
+    std::string m_openService;
+    OnOpenAnswer m_onOpenAnswer;
+    OnEnd m_onOpenEnd;
 };

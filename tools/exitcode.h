@@ -4,8 +4,9 @@
 
 enum class Exit {
     Ok = 0,
-    Usage = 2,         // the command line was wrong; nothing was sent
-    Refused = 3,       // the service answered no
-    NotConnected = 4,  // no bus, no service, or the service has no connection to its server
+    CommandFailed = 1,  // a command that was run for an item failed
+    Usage = 2,          // the command line was wrong; nothing was sent
+    Refused = 3,        // the service answered no
+    NotConnected = 4,   // no bus, no service, or the service has no connection to its server
     TimedOut = 5,
 };

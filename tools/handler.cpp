@@ -178,12 +178,9 @@ std::string itemLine(const std::string& payload, bool json) {
 }
 
 Exit runHandler(const Invocation& invocation, Console& console) {
-    unsigned count = 0;
-    unsigned seconds = 0;
-    if (invocation.has("count") && !parseCount(invocation.value("count"), count))
-        return console.usage("-C takes a whole number from 1 to 1000000, not \"" + invocation.value("count") +
-                             "\"");
-    if (invocation.has("wait") && !parseCount(invocation.value("wait"), seconds))
-        return console.usage("-W takes a whole number of seconds, not \"" + invocation.value("wait") + "\"");
-    return ItemHandler(invocation, console).run(count, seconds);
+    Bounds bounds;
+    std::string problem;
+    if (!readBounds(invocation, bounds, problem))
+        return console.usage(problem);
+    return ItemHandler(invocation, console).run(bounds.count, bounds.seconds);
 }

@@ -1,10 +1,27 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // pubsubctl: the command line of the push connection. Reads the command line, runs one verb, ends with its
 // code.
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 #include "tools/verbs.h"
+
+// Makes the kernel show the application id in this process's environment, where the service looks for it:
+// that is fixed when a program starts, so this one starts anew. Returns only when there is nothing to do or
+// on failure.
+static bool takeApplicationId(const std::string& id, char** argv) {
+    const char* present = std::getenv("ZELT_APP_ID");
+    if (id.empty() || (present && id == present))
+        return true;
+    setenv("ZELT_APP_ID", id.c_str(), 1);
+    execv("/proc/self/exe", argv);
+    return false;
+}
 
 int main(int argc, char** argv) {
     // A reader that goes away ends a verb by a failed write, so that it can still clean up after itself.
@@ -15,6 +32,10 @@ int main(int argc, char** argv) {
     Console console(std::cin, std::cout, std::cerr, invocation.json);
     if (!understood)
         return static_cast<int>(console.usage(problem));
+    if (!takeApplicationId(invocation.app, argv)) {
+        console.complain(std::string("cannot start anew for --app: ") + std::strerror(errno));
+        return static_cast<int>(Exit::NotConnected);
+    }
     if (invocation.help)
         std::cout << (invocation.verb ? helpText(*invocation.verb) : overview(allVerbs()));
     else if (invocation.version)

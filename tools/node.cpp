@@ -58,8 +58,7 @@ static bool readObject(const Invocation& invocation, Console& console, Json& obj
     return false;
 }
 
-static bool readText(const Invocation& invocation, Console& console, std::string& text,
-                     std::string& problem) {
+bool itemText(const Invocation& invocation, Console& console, std::string& text, std::string& problem) {
     if (invocation.has("file"))
         return readWhole(console, invocation.value("file"), text, problem);
     std::string given = invocation.arguments.size() > 1 ? invocation.arguments[1] : "-";
@@ -86,7 +85,7 @@ bool publishPayload(const Invocation& invocation, Console& console, std::string&
         return true;
     }
     std::string text;
-    if (!readText(invocation, console, text, problem))
+    if (!itemText(invocation, console, text, problem))
         return false;
     payload = request.add("item", text).text();
     return true;

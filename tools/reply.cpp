@@ -18,11 +18,15 @@ const Hint kHints[] = {
      "the service has no connection to its server; watch it with `pubsubctl status --follow`"},
     {"Service not initialized",
      "the service never reached its server yet; see `pubsubctl status` and its log"},
-    {"item-not-found", "the server knows no such node; create it with `pubsubctl node create`"},
+    {"item-not-found",
+     "the server knows no such node; create it with `pubsubctl node create` or `pubsubctl endpoint create`"},
     {"item-required", "the item needs a child element; `payload` is the one that receivers are handed"},
     {"conflict", "a node of this name is there already"},
     {"forbidden", "this account may not do that to this node; ask the node's owner"},
     {"not-authorized", "this account may not do that to this node; ask the node's owner"},
+    {"Error getting appid of calling app",
+     "the platform knows no application behind this process; where the service allows it, `--app ID` names "
+     "one"},
     {"closed-node", "the node takes only members that its owner lists"},
 };
 

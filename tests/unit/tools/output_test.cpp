@@ -177,9 +177,9 @@ INSTANTIATE_TEST_SUITE_P(
             "connectionErr: Not connected to xmpp server (the service has no connection to its server; watch "
             "it "
             "with `pubsubctl status --follow`)"},
-        Verdict{
-            R"({"returnValue":false,"errorCode":"cancel","errorText":"item-not-found"})", Exit::Refused,
-            "cancel: item-not-found (the server knows no such node; create it with `pubsubctl node create`)"},
+        Verdict{R"({"returnValue":false,"errorCode":"cancel","errorText":"item-not-found"})", Exit::Refused,
+                "cancel: item-not-found (the server knows no such node; create it with `pubsubctl node "
+                "create` or `pubsubctl endpoint create`)"},
         Verdict{R"({"returnValue":false,"errorText":"\"in\" must be \"00:25:00\""})", Exit::Refused,
                 "\"in\" must be \"00:25:00\""},
         Verdict{

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `endpoint`: create, delete, key, each one call on the public bus in the name of an application. A key is
+// printed alone, for scripts. Keeps no state.
+#include "tools/json.h"
+#include "tools/verbs.h"
+
+static std::string statusOf(const Reply& reply) {
+    return textMember(readJson(reply.payload).get(), "status");
+}
+
+static std::string keyOf(const Reply& reply) {
+    return textMember(readJson(reply.payload).get(), "publishKey");
+}
+
+Exit runEndpointCreate(const Invocation& invocation, Console& console) {
+    Payload request;
+    request.add("endpoint", invocation.arguments[0]);
+    if (invocation.has("description"))
+        request.add("description", invocation.value("description"));
+    if (invocation.has("access")) {
+        if (invocation.value("access") != "authorize")
+            return console.usage("--access is authorize or left out, not \"" + invocation.value("access") +
+                                 "\"");
+        request.add("accessType", 2);
+    }
+    Reply reply = callPublic(invocation, "createEndpoint", request.text());
+    if (reply.exit == Exit::Ok && statusOf(reply) == "exists")
+        console.complain("the endpoint was there already; this is its key");
+    return console.finish(reply, keyOf(reply));
+}
+
+Exit runEndpointDelete(const Invocation& invocation, Console& console) {
+    const std::string& name = invocation.arguments[0];
+    Reply reply = callPublic(invocation, "deleteEndpoint", Payload().add("endpoint", name).text());
+    bool missing = statusOf(reply) == "notfound";
+    return console.finish(reply, missing ? "there was no " + name : "deleted " + name);
+}
+
+Exit runEndpointKey(const Invocation& invocation, Console& console) {
+    std::string payload = Payload().add("endpoint", invocation.arguments[0]).text();
+    Reply reply = callPublic(invocation, "getPublishKey", payload);
+    return console.finish(reply, keyOf(reply));
+}

@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The HTTP side of publishing, on libcurl. Whoever has a key may publish, so no message names one.
+#include "tools/http.h"
+
+#include <curl/curl.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "tools/json.h"
+
+static constexpr size_t kMostAnswer = 65536;
+
+namespace {
+
+struct Meaning {
+    long status;
+    const char* words;
+};
+
+const Meaning kMeanings[] = {
+    {400, "the server does not take this text: it is empty, or has characters that XML does not carry"},
+    {404, "no endpoint has this key; `pubsubctl endpoint key` prints the right one"},
+    {405, "this is no address to publish to; check the address before the key"},
+    {413, "the text is too long for the server; publish a reference to it instead"},
+    {429, "too many items for this key"},
+    {503, "the server has no room at the moment"},
+};
+
+std::string wordsFor(const HttpAnswer& answer) {
+    std::string words = "the server answered with status " + std::to_string(answer.status);
+    for (const Meaning& meaning : kMeanings) {
+        if (meaning.status == answer.status)
+            words = meaning.words;
+    }
+    std::string reason = textMember(readJson(answer.body).get(), "error");
+    if (!reason.empty())
+        words += " (" + reason + ")";
+    if (!answer.retryAfter.empty())
+        words += "; try again in " + answer.retryAfter + " s";
+    return words;
+}
+
+struct CurlEnd {
+    void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+size_t onBody(char* data, size_t size, size_t count, void* context) {
+    auto& body = static_cast<HttpAnswer*>(context)->body;
+    if (body.size() + size * count > kMostAnswer)
+        return 0;
+    body.append(data, size * count);
+    return size * count;
+}
+
+std::string headerOf(CURL* curl, const char* name) {
+    curl_header* header = nullptr;
+    return curl_easy_header(curl, name, 0, CURLH_HEADER, -1, &header) == CURLHE_OK ? header->value : "";
+}
+
+void prepare(CURL* curl, const std::string& url, const std::string& text, unsigned timeoutSeconds) {
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(timeoutSeconds));
+    curl_easy_setopt(curl, CURLOPT_POST, 1L);
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, text.data());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(text.size()));
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
+    if (const char* authorities = std::getenv("PUBSUB_CA_FILE"))
+        curl_easy_setopt(curl, CURLOPT_CAINFO, authorities);
+}
+
+Reply failure(CURLcode code, const char* details, unsigned timeoutSeconds) {
+    std::string words = *details ? details : curl_easy_strerror(code);
+    if (code == CURLE_OPERATION_TIMEDOUT)
+        return {Exit::TimedOut, "",
+                "the server did not answer within " + std::to_string(timeoutSeconds) +
+                    " s; --timeout SECONDS waits longer. The item may have been stored all the same"};
+    if (code == CURLE_URL_MALFORMAT || code == CURLE_UNSUPPORTED_PROTOCOL)
+        return {Exit::Usage, "", "this is no HTTP address: " + words};
+    return {Exit::NotConnected, "", "the server cannot be reached: " + words};
+}
+
+}  // namespace
+
+bool publishUrl(const std::string& target, const std::string& base, std::string& url, std::string& problem) {
+    static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
+    url = target;
+    if (target.starts_with("http://") || target.starts_with("https://"))
+        return true;
+    if (target.empty() || target.find_first_not_of(kLetters) != std::string::npos)
+        problem = "a key has letters, digits, - and _; give one, or a whole http:// address";
+    else if (base.empty())
+        problem =
+            "where to publish is not known; give --url, or set PUBSUB_HTTP_URL to the address before the key";
+    else
+        url = base + (base.ends_with('/') ? "" : "/") + target;
+    return problem.empty();
+}
+
+Reply judgeHttp(const HttpAnswer& answer) {
+    if (answer.status == 201)
+        return {Exit::Ok, answer.body, ""};
+    Json body = readJson(answer.body);
+    bool object = json_object_is_type(body.get(), json_type_object);
+    return {Exit::Refused, object ? answer.body : "", wordsFor(answer)};
+}
+
+Reply postItem(const std::string& url, const std::string& text, unsigned timeoutSeconds) {
+    std::unique_ptr<CURL, CurlEnd> curl(curl_easy_init());
+    // No wait for a leave to send the body, and no guess at its kind.
+    std::unique_ptr<curl_slist, CurlEnd> headers(curl_slist_append(nullptr, "Expect:"));
+    curl_slist_append(headers.get(), "Content-Type: text/plain; charset=utf-8");
+    HttpAnswer answer;
+    char details[CURL_ERROR_SIZE] = "";
+    prepare(curl.get(), url, text, timeoutSeconds);
+    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &answer);
+    curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, details);
+    CURLcode code = curl_easy_perform(curl.get());
+    if (code != CURLE_OK)
+        return failure(code, details, timeoutSeconds);
+    curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &answer.status);
+    answer.retryAfter = headerOf(curl.get(), "Retry-After");
+    return judgeHttp(answer);
+}

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `node config`: what the service reports of a node's configuration, and setting options. Keeps no state.
+#include "tools/json.h"
+#include "tools/verbs.h"
+
+bool configPayload(const Invocation& invocation, std::string& payload, std::string& problem) {
+    Json options(json_object_new_object());
+    for (const std::string& given : invocation.values("set")) {
+        size_t equals = given.find('=');
+        if (equals == std::string::npos || equals == 0) {
+            problem = "--set takes NAME=VALUE, such as access_model=open, not \"" + given + "\"";
+            return false;
+        }
+        std::string name = given.substr(0, equals);
+        if (name.find('#') == std::string::npos)
+            name = "pubsub#" + name;
+        std::string value = given.substr(equals + 1);
+        json_object_object_add(options.get(), name.c_str(), json_object_new_string(value.c_str()));
+    }
+    payload = Payload().add("node", invocation.arguments[0]).add("options", std::move(options)).text();
+    return true;
+}
+
+static std::string optionsOf(const std::string& payload) {
+    Json reply = readJson(payload);
+    json_object* options = nullptr;
+    json_object_object_get_ex(reply.get(), "options", &options);
+    std::string lines;
+    if (!json_object_is_type(options, json_type_object))
+        return lines;
+    json_object_object_foreach(options, name, value) {
+        (void)value;
+        lines += (lines.empty() ? "" : "\n") + std::string(name) + "  " + textMember(options, name);
+    }
+    return lines;
+}
+
+static Exit show(const Invocation& invocation, Console& console) {
+    Json nodes(json_object_new_array());
+    json_object_array_add(nodes.get(), json_object_new_string(invocation.arguments[0].c_str()));
+    std::string payload = Payload().add("nodes", std::move(nodes)).text();
+    Reply reply = callService(invocation, "getNodeConfig", payload);
+    std::string options = reply.exit == Exit::Ok ? optionsOf(reply.payload) : "";
+    return console.finish(reply, options.empty() ? "no options are reported" : options);
+}
+
+Exit runNodeConfig(const Invocation& invocation, Console& console) {
+    if (!invocation.has("set"))
+        return show(invocation, console);
+    std::string payload;
+    std::string problem;
+    if (!configPayload(invocation, payload, problem))
+        return console.usage(problem);
+    return console.finish(callService(invocation, "setNodeConfig", payload),
+                          "configured " + invocation.arguments[0]);
+}

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `onclose`: the notices for closed applications, and which endpoints have them. Keeps no state.
+#include "tools/json.h"
+#include "tools/listener.h"
+#include "tools/verbs.h"
+
+std::string noticeLine(const std::string& payload, bool json) {
+    if (json)
+        return oneLine(payload);
+    Json notice = readJson(payload);
+    std::string who = textMember(notice.get(), "appid");
+    if (boolMember(notice.get(), "open"))
+        return "open  " + who;
+    return "item  " + who + "  " + textMember(notice.get(), "node") + "  " + textMember(notice.get(), "item");
+}
+
+Exit runOnCloseListen(const Invocation& invocation, Console& console) {
+    Bounds bounds;
+    std::string problem;
+    if (!readBounds(invocation, bounds, problem))
+        return console.usage(problem);
+    auto take = [&](const Reply& reply) {
+        if (!hasMember(readJson(reply.payload).get(), "appid"))
+            return Listener::Then::Wait;
+        bool heard = console.line(noticeLine(reply.payload, console.json()));
+        return heard ? Listener::Then::Counted : Listener::Then::Leave;
+    };
+    return Listener(console, bounds).run({QSBus::Private, "registerOnClose", "{\"subscribe\":true}"}, take);
+}
+
+static Exit change(const Invocation& invocation, Console& console, const char* method, const char* done) {
+    const std::string& endpoint = invocation.arguments[0];
+    Reply reply = callPublic(invocation, method, Payload().add("endpoint", endpoint).text());
+    return console.finish(reply, done + endpoint);
+}
+
+Exit runOnCloseAdd(const Invocation& invocation, Console& console) {
+    return change(invocation, console, "subscribeOnClose", "notices for ");
+}
+
+Exit runOnCloseRemove(const Invocation& invocation, Console& console) {
+    return change(invocation, console, "unsubscribeOnClose", "no notices for ");
+}

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `publish`: one item to the endpoint that has a key, as any publisher does it from anywhere. Needs no bus.
+#include <cstdlib>
+
+#include "tools/http.h"
+#include "tools/json.h"
+#include "tools/verbs.h"
+
+static std::string baseAddress(const Invocation& invocation) {
+    if (invocation.has("url"))
+        return invocation.value("url");
+    for (const char* name : {"PUBSUB_HTTP_URL", "HTTP_URL"}) {
+        if (const char* value = std::getenv(name))
+            return value;
+    }
+    return "";
+}
+
+Exit runPublish(const Invocation& invocation, Console& console) {
+    if (invocation.arguments.size() > 1 && invocation.has("file"))
+        return console.usage("give the item once: as TEXT or with --file");
+    std::string url;
+    std::string text;
+    std::string problem;
+    if (!publishUrl(invocation.arguments[0], baseAddress(invocation), url, problem) ||
+        !itemText(invocation, console, text, problem))
+        return console.usage(problem);
+    Reply reply = postItem(url, text, invocation.timeoutSeconds);
+    Json answer = readJson(reply.payload);
+    return console.finish(reply, "published  id: " + textMember(answer.get(), "id") +
+                                     "  seqNo: " + textMember(answer.get(), "seqNo"));
+}

@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// `subscribe` and `unsubscribe`: an application's wait for the items of its endpoint. The service uses a
+// subscription up with its first item, so each item is followed by a new one. Keeps no state.
+#include <csignal>
+
+#include "tools/command.h"
+#include "tools/json.h"
+#include "tools/listener.h"
+#include "tools/verbs.h"
+
+std::string endpointItem(const std::string& payload, bool json) {
+    Json item = readJson(payload);
+    if (!json)
+        return textMember(item.get(), "item");
+    return Payload()
+        .add("endpoint", textMember(item.get(), "endpoint"))
+        .add("item", textMember(item.get(), "item"))
+        .text();
+}
+
+namespace {
+
+class Subscriber {
+  public:
+    Subscriber(const Invocation& invocation, Console& console, Bounds bounds)
+        : m_console(console),
+          m_endpoint(invocation.arguments[0]),
+          m_command(invocation.command),
+          m_listener(console, bounds) {}
+
+    Exit run() {
+        if (m_command.given() && !m_command.exists())
+            return m_console.usage("there is no program " + m_command.name() +
+                                   "; nothing was received for it");
+        std::string payload = Payload().add("endpoint", m_endpoint).add("subscribe", true).text();
+        Exit exit = m_listener.run(
+            {QSBus::Public, "subscribe", payload}, [this](Reply& reply) { return take(reply); },
+            [this](int number) { pass(number); });
+        return m_failed && (exit == Exit::Ok || exit == Exit::TimedOut) ? Exit::CommandFailed : exit;
+    }
+
+  private:
+    using Then = Listener::Then;
+
+    Then take(Reply& reply) {
+        Json answer = readJson(reply.payload);
+        if (hasMember(answer.get(), "item"))
+            return takeItem(reply.payload);
+        if (textMember(answer.get(), "status") == "subscribed") {
+            reply = {Exit::Refused, "",
+                     "another process of this application waits for " + m_endpoint +
+                         " already and gets its next item; `pubsubctl unsubscribe` ends its wait"};
+            return Then::Refuse;
+        }
+        if (!m_announced)
+            m_console.complain("receiving the items of " + m_endpoint);
+        m_announced = true;
+        return Then::Wait;
+    }
+
+    Then takeItem(const std::string& payload) {
+        std::string text = endpointItem(payload, m_console.json());
+        if (!m_command.given())
+            return m_console.line(text) ? Then::Again : Then::Leave;
+        // The subscription is used up: what comes meanwhile waits in the service and on the server.
+        m_listener.client().close();
+        std::string problem;
+        if (!m_command.run(text, m_listener.client(), problem)) {
+            m_console.complain(problem);
+            m_failed = true;
+        }
+        return Then::Again;
+    }
+
+    // A terminal interrupts the command itself.
+    void pass(int number) const {
+        if (number != SIGINT)
+            m_command.signal(number);
+    }
+
+    Console& m_console;
+    std::string m_endpoint;
+    Command m_command;
+    Listener m_listener;
+    bool m_announced = false;
+    bool m_failed = false;
+};
+
+// The second answer comes from the server, and only when the service was connected at the first; a connection
+// that was lost in between has answered it by the time that the status is known.
+class Unsubscription {
+  public:
+    Unsubscription(const Invocation& invocation, BusClient& client)
+        : m_timeout(invocation.timeoutSeconds), m_client(client) {}
+
+    Reply run(const std::string& payload) {
+        Reply opened = m_client.open(
+            methodUri("unsubscribe"), payload, [this](Reply reply) { take(std::move(reply)); }, [] {});
+        if (opened.exit != Exit::Ok)
+            return opened;
+        if (!waitFor(1))
+            return timedOut(kService, m_timeout);
+        if (m_last.exit != Exit::Ok || hasMember(readJson(m_last.payload).get(), "status"))
+            return m_last;
+        Reply status = m_client.call(methodUri("connectStatus"), "{}", m_timeout);
+        if (boolMember(readJson(status.payload).get(), "connected") && !waitFor(2))
+            return timedOut(kService, m_timeout);
+        return m_last;
+    }
+
+  private:
+    void take(Reply reply) {
+        m_last = std::move(reply);
+        m_answers++;
+        if (m_answers == m_awaited)
+            m_client.quit();
+    }
+    static gboolean onTimeUp(gpointer data) {
+        auto* self = static_cast<Unsubscription*>(data);
+        self->m_timeUp = true;
+        self->m_client.quit();
+        return G_SOURCE_CONTINUE;
+    }
+    bool waitFor(unsigned answers) {
+        m_awaited = answers;
+        m_timeUp = false;
+        guint timer = g_timeout_add_seconds(m_timeout, onTimeUp, this);
+        bool alive = true;
+        while (m_answers < m_awaited && !m_timeUp && alive)
+            alive = m_client.run();
+        g_source_remove(timer);
+        m_awaited = 0;
+        if (!alive)
+            m_last = lostBus();
+        return m_answers >= answers || !alive;
+    }
+
+    unsigned m_timeout;
+    BusClient& m_client;
+    Reply m_last;
+    unsigned m_answers = 0;
+    unsigned m_awaited = 0;  // how many end the wait; 0 while nobody waits
+    bool m_timeUp = false;
+};
+
+}  // namespace
+
+Exit runSubscribe(const Invocation& invocation, Console& console) {
+    Bounds bounds;
+    std::string problem;
+    if (!readBounds(invocation, bounds, problem))
+        return console.usage(problem);
+    return Subscriber(invocation, console, bounds).run();
+}
+
+Exit runUnsubscribe(const Invocation& invocation, Console& console) {
+    const std::string& endpoint = invocation.arguments[0];
+    Payload payload;
+    payload.add("endpoint", endpoint);
+    if (invocation.has("onclose"))
+        payload.add("onclose", true);
+    // Asks for the second answer; the service itself does not read it here.
+    payload.add("subscribe", true);
+    Reply reply;
+    auto client = openBus(QSBus::Public, reply);
+    if (client)
+        reply = Unsubscription(invocation, *client).run(payload.text());
+    bool nobody = textMember(readJson(reply.payload).get(), "status") == "not subscribed";
+    return console.finish(reply,
+                          nobody ? "nobody was subscribed to " + endpoint : "unsubscribed from " + endpoint);
+}
