@@ -1,0 +1,52 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""The page of methods keeps up with the method tables, and the tests that it points to exist."""
+
+import pathlib
+import re
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+PAGE = (ROOT / "docs/methods.md").read_text(encoding="utf-8")
+
+
+def served(table):
+    source = (ROOT / "service/methods.cpp").read_text(encoding="utf-8")
+    body = source.split(f"const QSMethod {table}[] = {{")[1].split("};")[0]
+    return re.findall(r'\{"(\w+)"', body)
+
+
+def described(heading):
+    section = PAGE.split(f"\n## {heading}\n")[1].split("\n## ")[0]
+    return re.findall(r"^### (\w+)$", section, re.MULTILINE)
+
+
+def exists(file, name):
+    source = (ROOT / "tests" / file).read_text(encoding="utf-8")
+    if file.endswith(".py"):
+        return f"def {name}(" in source
+    suite, _, case = name.partition(".")
+    if not case:
+        return re.search(rf"\b{suite}\b", source) is not None
+    return re.search(rf"TEST(_F|_P)?\({suite},\s*{case}\)", source) is not None
+
+
+class MethodsPage(unittest.TestCase):
+    def test_every_method_of_both_tables_has_its_section(self):
+        self.assertCountEqual(described("Public methods"), served("pubMethods"))
+        self.assertCountEqual(described("Private methods"), served("methods"))
+
+    def test_every_row_points_to_a_test_that_exists(self):
+        rows = [line for line in PAGE.splitlines() if line.startswith("| ") and not line.startswith("| When ")]
+        self.assertTrue(rows)
+        for row in rows:
+            shown_by = row.rstrip(" |").rpartition(" | ")[2]
+            if shown_by == "the same":
+                continue
+            with self.subTest(row):
+                pointer = re.fullmatch(r"`([\w/.]+)` `([\w.]+)`", shown_by)
+                self.assertTrue(pointer, "a row ends with `FILE` `TEST`")
+                self.assertTrue(exists(*pointer.groups()), shown_by)
+
+
+if __name__ == "__main__":
+    unittest.main()
