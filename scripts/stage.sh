@@ -125,20 +125,29 @@ stage_start_service() {
     stage_start "$1" service env "${STAGE_SERVICE_ENV[@]}" "$STAGE_BIN/pubsubservice"
 }
 
-# stage_up DIR: everything, in order; returns when the service is connected. STAGE_SAY is called with each step.
-stage_up() {
+# stage_ground DIR [OPTION...]: the folders, both buses and the XMPP server, which gets the options. Nobody is on the
+# buses yet, and the private bus starts nobody.
+stage_ground() {
     local dir=$1
+    shift
     mkdir -p "$dir"/{run,log,state,prefs,host,applications,run/dbus-services}
     chmod 700 "$dir/prefs" "$dir/host"
     $STAGE_SAY "Starting the private and the public bus"
     stage_bus "$dir" private && stage_bus "$dir" public || return 1
 
     $STAGE_SAY "Starting the XMPP server (ejabberd with the device extension)"
-    "$STAGE_ROOT/server/run" up "$dir/server" >"$dir/log/server-start.log" 2>&1 ||
+    "$STAGE_ROOT/server/run" up "$dir/server" "$@" >"$dir/log/server-start.log" 2>&1 ||
         { tail -n 20 "$dir/log/server-start.log" >&2; stage_fail "The XMPP server did not start."; return 1; }
+    ln -sf ../server/log/server.log "$dir/log/server.log"
+    od -An -N16 -tx1 /dev/urandom | tr -d ' \n' >"$dir/machine-id"
+}
+
+# stage_up DIR: everything, in order; returns when the service is connected. STAGE_SAY is called with each step.
+stage_up() {
+    local dir=$1
+    stage_ground "$dir" || return 1
     # shellcheck disable=SC1091
     source "$dir/server/server.env"
-    ln -sf ../server/log/server.log "$dir/log/server.log"
     local user=device password
     password=$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
     "$STAGE_ROOT/server/run" account "$dir/server" "$user" "$password" >>"$dir/log/server-start.log" 2>&1 ||
@@ -151,7 +160,6 @@ stage_up() {
     fi
     printf '[network]\nloopback-is-internet=true\n[applications]\nfolder=%s\n' "$dir/applications" \
         >"$dir/host/host.conf"
-    od -An -N16 -tx1 /dev/urandom | tr -d ' \n' >"$dir/machine-id"
     stage_activation "$dir"
     if [[ ${STAGE_LOGIN:-account} == account ]]; then
         "$STAGE_BIN/zelt-host" account set --user "$user" --service "$XMPP_DOMAIN" --url "$XMPP_HOST" \

@@ -1,0 +1,361 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""The connection that comes back by itself: networks, losses, alarms and boot, with time driven by the test."""
+
+import os
+import re
+import signal
+import subprocess
+import unittest
+
+from app import App
+from bus import BusClient
+from endpoints import Publisher
+from platformstubs import PlatformTest, kick
+from stage import StageTest, is_running, wait_until
+
+SHORT, LONG = range(300, 1200), range(3600, 5400)
+PING_DELAY = "00:25:00"
+
+
+def seconds(delay):
+    hours, minutes, rest = re.fullmatch(r"(\d\d):(\d\d):(\d\d)", delay).groups()
+    return int(hours) * 3600 + int(minutes) * 60 + int(rest)
+
+
+class Networks(PlatformTest):
+    def test_without_internet_it_leaves_and_waits_and_with_internet_it_is_back(self):
+        self.start_connected()
+        self.network.say(internet=False)
+        self.wait_disconnected()
+        self.assertEqual(self.status.answers[-1],
+                         {"returnValue": True, "connected": False, "session": True, "network": False})
+        self.settle()
+        self.assertEqual(self.power.alarms, {}, "neither a ping nor an attempt is due without a network")
+        self.assertEqual(self.power.delays("reconnectTimer"), [])
+        self.network.say(wifi="127.0.0.1")
+        self.wait_connected()
+        self.assertEqual(list(self.power.alarms), ["keepAliveTimer"])
+
+    def test_the_connection_moves_to_wan_survives_an_outage_there_and_moves_back(self):
+        self.network.say(wifi="127.0.0.2")
+        self.start_connected()
+        self.assertEqual(self.local_addresses(), ["127.0.0.2"])
+        self.network.say(wan="127.0.0.3")
+        self.wait_disconnected()
+        self.wait_connected()
+        self.assertEqual(self.local_addresses(), ["127.0.0.3"])
+        told = len(self.status.texts)
+        self.network.say(internet=False, wan="127.0.0.3")
+        self.settle()
+        self.network.say(wan="127.0.0.3")
+        self.settle()
+        self.assertEqual((self.local_addresses(), len(self.status.texts)), (["127.0.0.3"], told))
+        self.assertTrue(self.call("createNode", {"node": "/e2e/survived"})["returnValue"])
+        self.network.say(wifi="127.0.0.2", wan="127.0.0.3")
+        self.pump(lambda: len(self.status.texts) == told + 2, "a disconnect and a connect")
+        self.wait_connected()
+        self.assertEqual(self.local_addresses(), ["127.0.0.2"])
+        self.assertEqual(self.power.delays("reconnectTimer"), [], "moving is no loss")
+
+    def test_an_outage_of_both_links_ends_a_connection_over_wan(self):
+        self.network.say(wan="127.0.0.3")
+        self.start_connected()
+        self.network.say(internet=False)
+        self.wait_disconnected()
+        self.assertEqual(self.power.delays("reconnectTimer"), [])
+
+    def test_reports_that_make_no_sense_change_nothing(self):
+        self.start_connected()
+        told = len(self.status.texts)
+        for report in ({}, {"wifi": {"state": "disconnected"}}, {"isInternetConnectionAvailable": True},
+                       {"isInternetConnectionAvailable": True, "wifi": {}}, "no object", None):
+            self.network.say_raw(report)
+        self.wait_log("Checking wifi failed - We ran into some parse error?", 2)
+        self.wait_log("Error in getting connectionStatus", 4)
+        self.assertEqual((len(self.status.texts), self.is_connected()), (told, True))
+
+    def test_a_local_address_that_changes_while_connected_does_not_keep_it_from_coming_back(self):
+        # 192.0.2.0/24 is nobody's: the network of that address is gone by the time of the next attempt.
+        self.network.say(wifi="127.0.0.2")
+        self.start_connected()
+        self.network.say(wifi="192.0.2.1")
+        self.settle()
+        self.assertEqual(self.local_addresses(), ["127.0.0.2"])
+        self.lose()
+        self.network.say(wifi="192.0.2.1")
+        self.wait_alarm(1)
+        self.power.fire("reconnectTimer")
+        self.wait_connected()
+        self.assertIn("Cannot use local address 192.0.2.1", self.log())
+
+    def test_a_second_arrival_of_the_connection_manager_is_subscribed_to_anew(self):
+        self.start_connected()
+        self.network.leave()
+        self.wait_log("Connection manager went down!!")
+        self.network.arrive()
+        self.pump(lambda: len(self.network.called("getstatus")) == 2, "the second subscription")
+        self.network.say(internet=False)
+        self.wait_disconnected()
+
+
+class Losses(PlatformTest):
+    def test_delays_are_short_four_times_then_long_and_short_again_after_a_connect(self):
+        self.addCleanup(self.stage.start_server)
+        self.start_connected()
+        self.stage.kill_server()
+        self.wait_disconnected()
+        for attempt in range(1, 6):
+            self.wait_alarm(attempt)
+            self.power.fire("reconnectTimer")
+        delays = [seconds(delay) for delay in self.wait_alarm(6)]
+        for delay in delays[:4]:
+            self.assertIn(delay, SHORT)
+        for delay in delays[4:]:
+            self.assertIn(delay, LONG)
+        self.stage.start_server()
+        self.power.fire("reconnectTimer")
+        self.wait_connected()
+        self.lose()
+        self.assertIn(seconds(self.wait_alarm(7)[-1]), SHORT)
+
+    def test_the_alarms_are_asked_for_with_exactly_these_words(self):
+        self.start_connected()
+        self.lose()
+        delay = self.wait_alarm(1)[0]
+        alarm = ('{"key":"%s", "uri":"quor://com.zelt.pubsubservice/%s", "in":"%s", "wakeup":true, '
+                 '"params":"{}"}')
+        self.assertEqual(self.power.called("timeout/set"),
+                         [alarm % ("keepAliveTimer", "keepAliveTimer", PING_DELAY),
+                          alarm % ("reconnectTimer", "reconnectTimer", delay)])
+        self.assertEqual(self.power.called("timeout/clear"), ['{"key":"keepAliveTimer"}'])
+        self.assertIn(f"We will try connecting after {delay} {seconds(delay)}", self.log())
+
+    def test_two_losses_arm_one_alarm_and_the_connect_clears_it(self):
+        self.addCleanup(self.stage.start_server)
+        self.start_connected()
+        self.stage.kill_server()
+        self.wait_disconnected()
+        self.wait_alarm(1)
+        self.call("connectStatus")
+        self.wait_log("Disconnected from xmpp server", 2)
+        self.wait_alarm(1)
+        self.stage.start_server()
+        self.call("connectStatus")
+        self.wait_connected()
+        self.settle()
+        self.assertEqual(list(self.power.alarms), ["keepAliveTimer"])
+        self.lose()
+        self.wait_alarm(2)
+
+    def test_an_answer_of_the_power_service_after_the_connect_does_not_keep_the_next_alarm_away(self):
+        self.start_connected()
+        self.settle()
+        self.power.holding = True
+        self.lose()
+        self.pump(self.power.waits, "the alarm to be asked for")
+        self.call("connectStatus")
+        self.wait_connected()
+        self.power.release()
+        self.settle()
+        self.lose()
+        self.wait_alarm(2)
+        self.power.fire("reconnectTimer")
+        self.wait_connected()
+
+    def test_an_alarm_that_the_power_service_refuses_is_asked_for_again_at_the_next_loss(self):
+        self.start_connected()
+        self.power.accepts = False
+        self.lose()
+        self.wait_log('Alarm set failed. This is bad {"returnValue": false}')
+        self.power.accepts = True
+        self.call("connectStatus")
+        self.wait_connected()
+        self.lose()
+        self.wait_alarm(1)
+
+    def test_without_a_power_service_an_attempt_is_still_made_when_somebody_asks(self):
+        self.start(absent=(self.power,))
+        self.wait_connected()
+        self.lose()
+        self.wait_log("Setting timer to reconnect failed")
+        self.power.arrive()
+        self.call("connectStatus")
+        self.wait_connected()
+        self.pump(lambda: self.power.alarms, "the ping's alarm at the power service that has come")
+        self.lose()
+        self.wait_alarm(1)
+
+    def test_a_network_report_after_a_loss_leaves_the_attempt_to_the_alarm(self):
+        self.start_connected()
+        self.lose()
+        self.wait_alarm(1)
+        self.network.say(wifi="127.0.0.1")
+        self.settle()
+        self.assertIn("We had some connection err in the past. So nop.", self.log())
+        self.assertFalse(self.is_connected())
+        self.power.fire("reconnectTimer")
+        self.wait_connected()
+
+    def test_a_server_that_stalls_in_the_login_holds_up_nobody_and_the_attempt_can_be_given_up(self):
+        pid = int(self.stage.env["SERVER_PID"])
+        self.start_connected()
+        self.network.say(internet=False)
+        self.wait_disconnected()
+        self.addCleanup(os.kill, pid, signal.SIGCONT)
+        os.kill(pid, signal.SIGSTOP)
+        attached = self.log().count("Attached socket")
+        self.network.say(wifi="127.0.0.1")
+        self.wait_log("Attached socket", attached + 1)
+        self.assertEqual(self.call("getJabberId")["username"], "device")
+        self.assertEqual(self.call("connectStatus")["connected"], False)
+        self.network.say(wifi="127.0.0.1")
+        self.settle()
+        self.assertEqual(self.log().count("Attached socket"), attached + 1, "one attempt at a time")
+        self.network.say(internet=False)
+        self.settle()
+        self.assertEqual(self.power.delays("reconnectTimer"), [])
+        os.kill(pid, signal.SIGCONT)
+        self.network.say(wifi="127.0.0.1")
+        self.wait_connected()
+
+    def test_a_server_that_stalls_while_connected_is_waited_for(self):
+        pid = int(self.stage.env["SERVER_PID"])
+        self.start_connected()
+        self.addCleanup(os.kill, pid, signal.SIGCONT)
+        os.kill(pid, signal.SIGSTOP)
+        request = self.private.start("createNode", {"node": "/e2e/stalled"})
+        self.power.fire("keepAliveTimer")
+        self.pump(lambda: len(self.power.delays("keepAliveTimer")) == 2, "the ping's next alarm")
+        self.assertEqual(request.texts, [])
+        os.kill(pid, signal.SIGCONT)
+        self.assertTrue(request.wait()["returnValue"])
+        self.assertTrue(self.is_connected())
+
+    def test_a_certificate_of_a_stranger_is_refused_at_every_attempt(self):
+        strange = self.stage.path("strange.crt")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                        "-subj", "/CN=strange authority", "-keyout", "/dev/null", "-out", str(strange)],
+                       check=True, capture_output=True)
+        self.start(PUBSUB_CA_FILE=str(strange))
+        self.wait_alarm(1)
+        self.wait_log("Certificate validation failed")
+        self.assertRegex(self.log(), r"Cert Info status: [1-9]")
+        self.power.fire("reconnectTimer")
+        self.wait_alarm(2)
+        self.assertEqual(self.log().count("Certificate validation failed"), 2)
+        self.assertNotIn("We formed a connection", self.log())
+
+    def test_a_refused_login_is_tried_again_with_a_fresh_token(self):
+        self.account.reply = self.account.made(token="not the token")
+        self.start()
+        self.wait_alarm(1)
+        self.assertNotIn("We formed a connection", self.log())
+        self.account.reply = self.account.made()
+        self.power.fire("reconnectTimer")
+        self.wait_connected()
+        self.assertNotIn("the token", self.log())
+
+
+class KeepAlive(PlatformTest):
+    def pings(self):
+        return self.stage.log("server").count("urn:xmpp:ping")
+
+    def test_a_ping_leaves_when_its_alarm_fires_and_the_alarm_is_armed_again(self):
+        self.start_connected()
+        self.pump(lambda: self.power.delays("keepAliveTimer") == [PING_DELAY], "the first alarm")
+        for number in (1, 2):
+            before = self.pings()
+            self.power.fire("keepAliveTimer")
+            self.pump(lambda: self.pings() > before, "the ping at the server")  # pylint: disable=cell-var-from-loop
+            self.pump(lambda: len(self.power.armed) == 1 + number, "the next alarm")
+        self.assertEqual(self.power.delays("keepAliveTimer"), [PING_DELAY] * 3)
+        self.assertTrue(self.is_connected())
+
+    def test_a_ping_alarm_that_fires_while_disconnected_neither_pings_nor_arms(self):
+        self.start_connected()
+        alarm = self.power.alarms
+        self.pump(lambda: "keepAliveTimer" in alarm, "the alarm")
+        left = dict(alarm)
+        self.network.say(internet=False)
+        self.wait_disconnected()
+        self.settle()
+        before = self.pings()
+        self.power.alarms.update(left)  # it went off before the power service heard that it is cleared
+        self.power.fire("keepAliveTimer")
+        self.settle()
+        self.assertEqual((self.power.alarms, self.power.armed), ({}, [("keepAliveTimer", PING_DELAY)]))
+        self.assertEqual(self.pings(), before)
+
+
+class Boot(PlatformTest):
+    def setUp(self):
+        super().setUp()
+        self.app = App(self.stage.env["ZELT_PUBLIC_BUS"], "com.example.mail")
+        self.addCleanup(self.app.close)
+        self.publisher = Publisher(self.stage.env["HTTP_URL"])
+        self.addCleanup(self.publisher.close)
+
+    def wait_answers(self, call, count):
+        def arrived():
+            self.app.drain()
+            return len(call.texts) >= count
+        self.pump(arrived, f"answer {count} at the application")
+        return call.answers[count - 1]
+
+    def subscribed_anew(self, endpoint):
+        """An endpoint with a subscriber, in a session that has not activated it; returns its key and the call."""
+        key = self.wait_answers(self.app.start("createEndpoint", {"endpoint": endpoint}), 1)["publishKey"]
+        waiting = self.app.start("subscribe", {"endpoint": endpoint})
+        self.wait_answers(waiting, 2)
+        self.lose()
+        self.wait_alarm(1)
+        self.power.fire("reconnectTimer")
+        self.wait_connected()
+        return key, waiting
+
+    def test_boot_that_finished_before_the_connect_activates_with_the_connect(self):
+        self.start_connected()
+        key, waiting = self.subscribed_anew("early")
+        self.publisher.publish(key, "after the connect")
+        self.assertEqual(self.wait_answers(waiting, 3)["item"], "after the connect")
+
+    def test_boot_that_finishes_after_the_connect_activates_then(self):
+        self.system.finished = False
+        self.start_connected()
+        key, waiting = self.subscribed_anew("late")
+        self.publisher.publish(key, "before the boot has finished")
+        # A round trip to the server: what it had to send before is here.
+        self.assertTrue(self.call("createNode", {"node": "/e2e/late"})["returnValue"])
+        self.app.drain(0.1)
+        self.assertEqual(len(waiting.texts), 2)
+        self.system.finish()
+        self.assertEqual(self.wait_answers(waiting, 3)["item"], "before the boot has finished")
+
+
+class HostDaemon(StageTest):
+    """The real host services, which the bus starts again when they are called."""
+
+    def host_pid(self):
+        return int(self.stage.path("run", "host.pid").read_text(encoding="ascii").split()[0])
+
+    def test_a_loss_while_the_host_services_are_dead_still_ends_in_a_connection(self):
+        private = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
+        self.addCleanup(private.close)
+        status = private.start("subscribeConnStatus", {"subscribe": True})
+        self.assertTrue(status.wait(1)["connected"])
+        dead = self.host_pid()
+        os.kill(dead, signal.SIGKILL)
+        wait_until(lambda: not is_running(dead), "the host daemon to end")
+        wait_until(lambda: "Connection manager went down!!" in self.stage.log("service"), "the service to know")
+        kick(self.stage.env)
+        self.assertFalse(status.wait(2)["connected"])
+        wait_until(lambda: self.host_pid() != dead and is_running(self.host_pid()), "the bus to start it again")
+        wait_until(lambda: any("reconnectTimer" in path.read_text(encoding="utf-8", errors="replace")
+                               for path in self.stage.path("host").iterdir()), "the alarm on the host's disk")
+        private.start("reconnectTimer", {})
+        self.assertTrue(status.wait(3)["connected"])
+        self.assertTrue(private.call("createNode", {"node": "/e2e/back"})["returnValue"])
+
+
+if __name__ == "__main__":
+    unittest.main()
