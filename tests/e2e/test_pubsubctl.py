@@ -1,0 +1,261 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""The command line as a person and a script use it: every verb against a real device, its output and exit code."""
+
+import json
+import signal
+import subprocess
+import threading
+import unittest
+import urllib.request
+from xml.etree import ElementTree
+
+from peer import Peer
+from stage import BIN, StageTest, wait_until
+
+MAIL, CHAT = ("--app", "com.example.mail"), ("--app", "com.example.chat")
+
+
+class Running:
+    """A pubsubctl that stays; its lines are collected as they come."""
+
+    def __init__(self, stage, *arguments):
+        self._process = subprocess.Popen(
+            [str(BIN / "pubsubctl"), *arguments], env=environment(stage), stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.lines, self.complaints = [], []
+        self._readers = [threading.Thread(target=self._read, args=pair, daemon=True) for pair in
+                         ((self._process.stdout, self.lines), (self._process.stderr, self.complaints))]
+        for reader in self._readers:
+            reader.start()
+
+    @staticmethod
+    def _read(stream, lines):
+        for line in stream:
+            lines.append(line.rstrip("\n"))
+
+    def wait_said(self, words, seconds=20):
+        wait_until(lambda: any(words in line for line in self.complaints), f"{words!r} in {self.complaints}", seconds)
+        return self
+
+    def wait_lines(self, count, seconds=20):
+        wait_until(lambda: len(self.lines) >= count, f"{count} lines", seconds)
+        return self.lines
+
+    def signal(self, number):
+        self._process.send_signal(number)
+
+    def end(self, seconds=20):
+        """Waits for its end; returns (exit code, lines)."""
+        code = self._process.wait(seconds)
+        for reader in self._readers:
+            reader.join(seconds)
+        self._process.stdout.close()
+        self._process.stderr.close()
+        return code, self.lines
+
+
+def environment(stage):
+    return dict(stage.process_environment(), HTTP_URL=stage.env["HTTP_URL"])
+
+
+class CommandLine(StageTest):
+    def run_ctl(self, *arguments, text=None):
+        """(exit code, standard output, standard error)"""
+        done = subprocess.run([str(BIN / "pubsubctl"), *arguments], env=environment(self.stage), input=text,
+                              stdin=subprocess.DEVNULL if text is None else None, capture_output=True, text=True,
+                              check=False, timeout=60)
+        return done.returncode, done.stdout, done.stderr
+
+    def good(self, *arguments, text=None):
+        code, output, complaints = self.run_ctl(*arguments, text=text)
+        self.assertEqual(code, 0, complaints)
+        return output.rstrip("\n")
+
+    def refused(self, code, words, *arguments):
+        found, output, complaints = self.run_ctl(*arguments)
+        self.assertEqual((found, words in complaints), (code, True), complaints)
+        self.assertEqual(output, "")
+
+    def start(self, *arguments):
+        running = Running(self.stage, *arguments)
+        self.addCleanup(lambda: running._process.poll() is None and running._process.kill())
+        return running
+
+    def post(self, key, text):
+        request = urllib.request.Request(f"{self.stage.env['HTTP_URL']}/{key}", text.encode())
+        with urllib.request.urlopen(request, timeout=20) as answer:
+            return json.load(answer)
+
+
+class Device:
+    def test_status_and_session_name_the_device(self):
+        self.assertEqual(self.good("status"), "connected  network: yes  account: yes")
+        self.assertEqual(self.good("status", "--public"), "connected")
+        self.assertTrue(self.good("session", "jid").startswith(self.stage.env["DEVICE_USER"]))
+        self.assertEqual(json.loads(self.good("--json", "status"))["connected"], True)
+
+    def test_a_node_lives_from_its_creation_to_its_deletion(self):
+        self.assertEqual(self.good("node", "create", "/ctl/news"), "created /ctl/news")
+        self.refused(3, "a node of this name is there already", "node", "create", "/ctl/news")
+        self.assertRegex(self.good("node", "subscribe", "/ctl/news"), r"^subscribed to /ctl/news  subid: \S+$")
+        handler = self.start("--json", "handler", "/ctl/news", "-C", "2", "-W", "30").wait_said("receiving")
+        self.good("node", "publish", "/ctl/news", "-", text="two\nlines")
+        self.good("node", "publish", "/ctl/news", "--json", '{"payload":{"#":"element"}}')
+        code, lines = handler.end()
+        self.assertEqual((code, [json.loads(line)["item"] for line in lines]), (0, ["two\nlines", '"element"']))
+        self.assertEqual(self.good("node", "delete", "/ctl/news"), "deleted /ctl/news")
+        self.refused(3, "item-not-found", "node", "delete", "/ctl/news")
+
+    def test_configuration_is_shown_and_set(self):
+        self.good("node", "create", "/ctl/config", "--access", "open")
+        self.assertEqual(self.good("node", "config", "/ctl/config"), "pubsub#access_model  open")
+        self.assertEqual(self.good("node", "config", "/ctl/config", "--set", "access_model=authorize", "--set",
+                                   "pubsub#title=A title"), "configured /ctl/config")
+        self.assertEqual(self.good("node", "config", "/ctl/config"), "pubsub#access_model  authorize")
+        self.refused(3, "item-not-found", "node", "config", "/ctl/nowhere")
+
+    def test_an_owner_lists_approves_and_denies_who_waits(self):
+        self.good("node", "create", "/ctl/door", "--access", "authorize")
+        watching = self.start("--json", "pending", "list", "/ctl/door")
+        self.stage.account("visitor", "secret")
+        visitors = [Peer(self.stage, "visitor", "secret", resource) for resource in ("one", "two")]
+        for visitor in visitors:
+            self.addCleanup(visitor.close)
+            visitor.subscribe("/ctl/door")
+        waiting = {}
+        wait_until(lambda: waiting.update((json.loads(line)["subscriber_jid"], json.loads(line))
+                                          for line in watching.lines) or len(waiting) == 2, "both requests")
+        for verb, visitor, outcome in (("approve", visitors[0], "subscribed"), ("deny", visitors[1], "none")):
+            asked = waiting[visitor.jid]
+            self.good("pending", verb, "/ctl/door", "--id", asked["id"], "--subid", asked["subid"], "--jid",
+                      visitor.jid)
+            visitor.wait_message(lambda message, words=outcome: f'subscription="{words}"' in text_of(message))
+        watching.signal(signal.SIGTERM)
+        self.assertEqual(watching.end()[0], 0)
+
+    def test_wrong_usage_sends_nothing(self):
+        self.refused(2, "unknown verb", "frobnicate")
+        self.refused(2, "an argument is missing", "endpoint", "create")
+        self.refused(2, "application id", "--app", "no id", "status")
+        self.refused(2, "--subid is missing", "pending", "deny", "/n", "--id", "1")
+        self.refused(2, "there is no program", *MAIL, "subscribe", "x", "--", "no-such-program")
+
+
+class Endpoints:
+    def test_an_endpoint_has_one_key_for_its_life(self):
+        key = self.good(*MAIL, "endpoint", "create", "life", "--description", "x" * 49)
+        code, again, complaints = self.run_ctl(*MAIL, "endpoint", "create", "life")
+        self.assertEqual((code, again, "was there already" in complaints), (0, key + "\n", True))
+        self.assertEqual(json.loads(self.good("--json", *MAIL, "endpoint", "key", "life")),
+                         {"returnValue": True, "endpoint": "life", "publishKey": key})
+        self.refused(3, "description too long", *MAIL, "endpoint", "create", "long", "--description", "x" * 50)
+        self.assertEqual(self.good(*MAIL, "endpoint", "delete", "life"), "deleted life")
+        self.assertEqual(self.good(*MAIL, "endpoint", "delete", "life"), "there was no life")
+        self.refused(3, "item-not-found", *MAIL, "endpoint", "key", "life")
+        self.refused(3, "no endpoint has this key", "publish", key, "late")
+        self.assertNotEqual(self.good(*MAIL, "endpoint", "create", "life"), key)
+
+    def test_a_caller_without_an_id_is_no_application(self):
+        self.refused(3, "--app ID", "endpoint", "create", "nobody")
+
+    def test_items_are_received_one_after_the_other_by_their_application_alone(self):
+        mail, chat = (self.good(*app, "endpoint", "create", "inbox") for app in (MAIL, CHAT))
+        self.assertNotEqual(mail, chat)
+        receiver = self.start(*MAIL, "subscribe", "inbox", "-C", "3", "-W", "30").wait_said("receiving")
+        stranger = self.start("--json", *CHAT, "subscribe", "inbox", "-C", "1", "-W", "30").wait_said("receiving")
+        self.assertTrue(self.post(mail, "by any client")["seqNo"].isdigit())
+        self.assertRegex(self.good("publish", mail, "by its key"), r"^published  id: \S+  seqNo: \d+$")
+        sent = json.loads(self.good("--json", "publish", f"{self.stage.env['HTTP_URL']}/{mail}", text="by its address"))
+        self.assertEqual(sorted(sent), ["id", "seqNo"])
+        self.assertEqual(receiver.end(), (0, ["by any client", "by its key", "by its address"]))
+        self.good("publish", chat, "for the other")
+        self.assertEqual(stranger.end(), (0, ['{"endpoint":"inbox","item":"for the other"}']))
+
+    def test_a_command_is_run_for_each_item_and_its_failure_is_the_exit_code(self):
+        key = self.good(*MAIL, "endpoint", "create", "jobs")
+        worker = self.start(*MAIL, "subscribe", "jobs", "-C", "3", "-W", "30", "--", "sh", "-c",
+                            'read -r job; echo "done: $job"; test "$job" != bad').wait_said("receiving")
+        for job in ("first", "bad", "last"):
+            self.good("publish", key, job + "\n")
+        self.assertEqual(worker.end(), (1, ["done: first", "done: bad", "done: last"]))
+        self.assertIn("pubsubctl: sh ended with code 1", worker.complaints)
+
+    def test_a_wait_ends_by_signal_by_time_and_by_unsubscribing(self):
+        self.good(*MAIL, "endpoint", "create", "wait")
+        self.assertEqual(self.good(*MAIL, "unsubscribe", "wait"), "nobody was subscribed to wait")
+        self.refused(5, "0 of 1 came", *MAIL, "subscribe", "wait", "-C", "1", "-W", "1")
+        waiting = self.start(*MAIL, "subscribe", "wait").wait_said("receiving")
+        self.refused(3, "another process of this application", *MAIL, "subscribe", "wait")
+        self.assertEqual(self.good(*MAIL, "unsubscribe", "wait"), "unsubscribed from wait")
+        # It subscribes again, since its wait was ended by somebody else.
+        key = self.good(*MAIL, "endpoint", "key", "wait")
+        self.good("publish", key, "again")
+        self.assertEqual(waiting.wait_lines(1), ["again"])
+        waiting.signal(signal.SIGINT)
+        self.assertEqual(waiting.end()[0], 0)
+        wait_until(lambda: self.good(*MAIL, "unsubscribe", "wait") == "nobody was subscribed to wait", "the end")
+
+    def test_a_closed_application_is_announced(self):
+        key = self.good(*MAIL, "endpoint", "create", "closed")
+        listener = self.start("onclose", "listen", "-C", "2", "-W", "30")
+        self.assertEqual(self.good(*MAIL, "onclose", "add", "closed"), "notices for closed")
+        # The second wish is announced, once the listener is there.
+        wait_until(lambda: self.good(*MAIL, "onclose", "add", "closed") and listener.lines, "the notice")
+        self.assertRegex(listener.lines[0], r"^open  /.*/com\.example\.mail/closed$")
+        waiting = self.start(*MAIL, "subscribe", "closed", "-C", "1", "-W", "30").wait_said("receiving")
+        self.good("publish", key, "while open")
+        self.assertEqual(waiting.end(), (0, ["while open"]))
+        self.assertEqual(self.good(*MAIL, "onclose", "remove", "closed"), "no notices for closed")
+        listener.signal(signal.SIGTERM)
+        listener.end()
+
+    def test_publishing_says_what_is_wrong_in_its_exit_code(self):
+        key = self.good(*MAIL, "endpoint", "create", "errors")
+        self.refused(3, "no endpoint has this key", "publish", "NoSuchKey", "x")
+        self.refused(3, "does not take this text", "publish", key, "")
+        self.refused(2, "a key has letters", "publish", "no/key", "x")
+        self.refused(4, "cannot be reached", "publish", "http://127.0.0.1:1/push/key", "x")
+
+
+class Outages:
+    def test_a_receiver_stays_while_the_connection_and_the_service_come_and_go(self):
+        key = self.good(*MAIL, "endpoint", "create", "steady")
+        receiver = self.start(*MAIL, "subscribe", "steady", "-C", "2", "-W", "60").wait_said("receiving")
+        self.assertEqual(self.good("session", "disconnect"), "disconnected")
+        code, output, _ = self.run_ctl("status")
+        self.assertEqual((code, output.startswith("not connected")), (4, True))
+        self.refused(4, "connectionErr", *MAIL, "endpoint", "key", "steady")
+        self.assertEqual(self.good(*CHAT, "unsubscribe", "steady"), "nobody was subscribed to steady")
+        self.good("publish", key, "while away")
+        self.assertEqual(self.good("session", "login"), "connected")
+        receiver.wait_lines(1)
+
+        self.stage.kill_service()
+        receiver.wait_said("left the bus")
+        self.refused(4, "not on the bus", *MAIL, "endpoint", "key", "steady")
+        self.stage.start_service()
+        receiver.wait_said("is back")
+        self.assertTrue(self.good("status", "--wait").endswith("connected  network: yes  account: yes"))
+        self.good("publish", key, "after the restart")
+        self.assertEqual(receiver.end(), (0, ["while away", "after the restart"]))
+
+    def test_unsubscribing_without_a_connection_has_one_answer(self):
+        self.good(*MAIL, "endpoint", "create", "alone")
+        waiting = self.start(*MAIL, "subscribe", "alone").wait_said("receiving")
+        self.good("session", "disconnect")
+        self.assertEqual(self.good("--timeout", "20", *MAIL, "unsubscribe", "alone"), "unsubscribed from alone")
+        waiting.signal(signal.SIGTERM)
+        self.assertEqual(waiting.end()[0], 0)
+        self.good("session", "login")
+
+
+class PubSubCtl(Device, Endpoints, Outages, CommandLine):
+    """All of it on one stage."""
+
+
+def text_of(message):
+    return ElementTree.tostring(message, encoding="unicode")
+
+
+if __name__ == "__main__":
+    unittest.main()
