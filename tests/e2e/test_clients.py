@@ -60,7 +60,7 @@ class ClientsTest(StageTest):
         wait_until(lambda: self.cached(app_id, endpoint) == shown, f"{text} in the cache")
 
     def kill(self, app):
-        """Kills the application; returns when the bus has told the service before anything that is sent later."""
+        """Kills the application; what is sent from now on reaches the service after the news of its end."""
         app.kill()
         wait_until(lambda: app.pid not in self.pids(self.public), "the bus to notice the end")
 
@@ -123,8 +123,8 @@ class OnClose(ClientsTest):
         self.push(app, "while closed")
         notice = listener.wait(2)
         self.assertTrue(notice.pop("itemid"))
-        self.assertEqual(notice, {"item": "while closed", "node": self.node(name, "inbox"), "returnValue": True,
-                                  "appid": name})
+        self.assertEqual(notice, {"item": "while closed", "node": self.node(name, "inbox"),
+                                  "returnValue": True, "appid": name})
         self.wait_cached(name, "inbox", "while closed")
         opened = self.app(name).start("subscribe", {"endpoint": "inbox"})
         self.assertEqual([opened.wait(1), opened.wait(2)],
@@ -155,7 +155,8 @@ class OnClose(ClientsTest):
             name = f"com.example.withdrawn{number}"
             app = self.owner_of(name, "inbox")
             app.call("subscribeOnClose", {"endpoint": "inbox"})
-            self.assertTrue(self.private.call("activateNode", {"node": self.node(name, "inbox")})["returnValue"])
+            activated = self.private.call("activateNode", {"node": self.node(name, "inbox")})
+            self.assertTrue(activated["returnValue"])
             self.assertTrue(app.call(*payload)["returnValue"])
             self.push(app, "untold")
             self.wait_cached(name, "inbox", "untold")
@@ -253,8 +254,7 @@ class Vanishing(ClientsTest):
         app = self.owner_of(name, "inbox")
         self.private.call("disconnect", {})
         waiting = app.start("subscribe", {"endpoint": "inbox"})
-        # The private bus is served after what the application sent once a public answer came.
-        app.call("subscribeOnClose", {"endpoint": "other"})
+        app.call("subscribeOnClose", {"endpoint": "other"})  # its answer says that the one before was taken
         self.kill(app)
         other = self.assert_forgotten(name)
         self.assertEqual(waiting.texts, [])
@@ -297,6 +297,24 @@ class Vanishing(ClientsTest):
         follower.call("connectStatus", {"subscribe": True, "endpoint": "inbox"})
         self.kill(follower)
         self.assert_forgotten(name)
+
+    def test_clients_that_vanish_while_there_is_no_connection_are_noticed(self):
+        refused = 'Payload bad? {"subscribe": true} Errcode parameterErr ErrText No endpoint provided'
+        refusals, crashes = self.log_count(refused), self.log_count("Headless app crashed?")
+        listener = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
+        listener.call("registerOnClose", {"subscribe": True})
+        name = "com.example.unheard"
+        app, follower = self.subscriber(name), self.app("com.example.follows")
+        follower.call("connectStatus", {"subscribe": True})
+        self.private.call("disconnect", {})
+        for client in (app, follower):
+            self.kill(client)
+        listener.close()
+        self.wait_logged(refused, refusals + 1)
+        self.wait_logged("Headless app crashed?", crashes + 1)
+        self.assert_forgotten(name)
+        self.private.call("connectStatus", {})
+        self.stage.wait_connected()
 
     def test_private_followers_that_vanish_change_nothing(self):
         kept = self.private.start("subscribeConnStatus", {"subscribe": True})

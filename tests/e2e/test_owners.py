@@ -153,12 +153,13 @@ class Pending(OwnersTest):
         other = "/owners/unheard"
         self.create(other, accessType=2)
         self.ask(other)
+        before = self.log_count(RESET)
         listener = self.listen("*")
-        # Every renewal so far is over when a later request has been answered.
-        before = wait_until(lambda: self.log_count(RESET), "the renewal")
+        wait_until(lambda: self.log_count(RESET) > before, "the renewal of the listener's question")
+        before = self.log_count(RESET)
         self.assertEqual(self.owner.call("getPendingAuth", {}), {"returnValue": True})
         wait_until(lambda: self.log_count(RESET) > before, "the renewal of the owner's question")
-        for number in range(20):
+        for _ in range(20):  # a further renewal would be answered before these
             self.owner.call("getNodeConfig", {"nodes": [other]})
         self.assertEqual(self.log_count(RESET), before + 1)
         self.assertEqual(len(listener.texts), 1, "what was pending goes to the node's own listeners alone")
@@ -180,7 +181,8 @@ class Pending(OwnersTest):
 
     def test_what_is_wrong_with_a_listener_is_answered_in_the_order_of_the_keys(self):
         no_array = "Malformed json - nodes takes an array of nodes "
-        for payload, text in (({}, "No subscribe provided"), ({"subscribe": False}, "Subscribe should be true"),
+        for payload, text in (({}, "No subscribe provided"),
+                              ({"subscribe": False}, "Subscribe should be true"),
                               ({"subscribe": True}, no_array), ({"subscribe": True, "nodes": "/a"}, no_array),
                               ({"subscribe": True, "nodes": []}, "No nodes provided")):
             with self.subTest(payload):
