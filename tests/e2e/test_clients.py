@@ -179,6 +179,21 @@ class OnClose(ClientsTest):
         self.push(app, "second")
         self.assertEqual(listener.wait(2)["item"], "second")
 
+    def test_one_listener_that_vanishes_leaves_the_other_with_renewals_alone(self):
+        name = "com.example.two"
+        app = self.owner_of(name, "inbox")
+        app.call("subscribeOnClose", {"endpoint": "inbox"})
+        self.private.call("activateNode", {"node": self.node(name, "inbox")})
+        stays, crashed = self.register(), self.log_count("Headless app crashed?")
+        client = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
+        client.call("registerOnClose", {"subscribe": True})
+        client.close()
+        self.wait_logged("Headless app crashed?", crashed + 1)
+        self.push(app, "untold")
+        self.wait_cached(name, "inbox", "untold")
+        app.call("subscribeOnClose", {"endpoint": "inbox"})
+        self.assertEqual(stays.wait(2), {"returnValue": True, "appid": self.node(name, "inbox"), "open": True})
+
     def test_what_is_wrong_is_answered(self):
         for payload, text in (("{", "Malformed json"), ({}, "No subscribe provided"),
                               ({"subscribe": False}, "Subscribe should be true")):
