@@ -87,6 +87,31 @@ TEST(Arguments, TakeAnEmptyTextAsAnArgument) {
     EXPECT_THAT(parsed.invocation.arguments, testing::ElementsAre("/n", ""));
 }
 
+TEST(Arguments, TakeTheCommandAfterTwoDashesWhereAVerbRunsOne) {
+    Parsed parsed = parse({"subscribe", "box", "-C", "1", "--", "sh", "-c", "--"});
+    ASSERT_TRUE(parsed.ok) << parsed.problem;
+    EXPECT_THAT(parsed.invocation.arguments, testing::ElementsAre("box"));
+    EXPECT_THAT(parsed.invocation.command, testing::ElementsAre("sh", "-c", "--"));
+    EXPECT_EQ(parsed.invocation.options, (Options{{"count", "1"}}));
+}
+
+TEST(Arguments, KeepEveryValueOfARepeatedOption) {
+    Parsed parsed = parse({"node", "config", "/n", "--set", "b=1", "--set=a=2"});
+    ASSERT_TRUE(parsed.ok) << parsed.problem;
+    EXPECT_THAT(parsed.invocation.values("set"), testing::ElementsAre("b=1", "a=2"));
+    EXPECT_THAT(parsed.invocation.values("other"), testing::IsEmpty());
+}
+
+TEST(Arguments, NameTheApplicationToPassFor) {
+    Parsed parsed = parse({"--app", "com.example.mail", "endpoint", "key", "box"});
+    ASSERT_TRUE(parsed.ok) << parsed.problem;
+    EXPECT_EQ(parsed.invocation.app, "com.example.mail");
+    EXPECT_TRUE(isApplicationId(std::string(255, 'a')));
+    for (const char* wrong : {"", ".a", "a b", "a/b", "\xc3\xa4"})
+        EXPECT_FALSE(isApplicationId(wrong)) << wrong;
+    EXPECT_FALSE(isApplicationId(std::string(256, 'a')));
+}
+
 TEST(Arguments, AskForHelpWithoutTheArgumentsOfTheVerb) {
     Parsed parsed = parse({"node", "create", "--help"});
     ASSERT_TRUE(parsed.ok) << parsed.problem;
@@ -131,6 +156,13 @@ INSTANTIATE_TEST_SUITE_P(
                             "--timeout takes a whole number of seconds from 1 to 1000000, not \"0\""},
                     Refusal{{"--timeout", "1s", "status"},
                             "--timeout takes a whole number of seconds from 1 to 1000000, not \"1s\""},
+                    Refusal{{"subscribe", "box", "--"}, "a COMMAND is missing after --"},
+                    Refusal{{"subscribe", "box", "cat"},
+                            "one argument too many: \"cat\"; usage: pubsubctl subscribe ENDPOINT [-C COUNT] "
+                            "[-W SECONDS] [-- COMMAND...]"},
+                    Refusal{
+                        {"--app", "no id", "status"},
+                        "--app takes an application id of letters, digits, '.', '_' and '-', not \"no id\""},
                     Refusal{{"node", "publish", "/n", "--json"}, "--json needs a value: OBJECT"}));
 
 TEST(Arguments, NameEveryVerbInTheOverviewAndEveryOptionInTheHelp) {

@@ -6,6 +6,7 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <map>
 #include <string>
@@ -30,13 +31,26 @@ class FakeService {
                                       "getJabberId",
                                       "getResource",
                                       "disconnect",
-                                      "initializeAccount"};
+                                      "initializeAccount",
+                                      "createEndpoint",
+                                      "deleteEndpoint",
+                                      "getPublishKey",
+                                      "subscribe",
+                                      "unsubscribe",
+                                      "subscribeOnClose",
+                                      "unsubscribeOnClose",
+                                      "registerOnClose",
+                                      "subscribeNodeAuth",
+                                      "approvePending",
+                                      "getNodeConfig",
+                                      "setNodeConfig"};
         for (const char* name : names)
             m_methods.push_back({name, onCall, 0});
         m_methods.push_back({nullptr, nullptr, 0});
         BusError error;
         bool up = QSRegister(bus, "com.zelt.pubsubservice", &m_handle, error) &&
                   QSRegisterCategory(m_handle, "/", m_methods.data(), this, error) &&
+                  QSSubscriptionSetCancelFunction(m_handle, onCancel, this, error) &&
                   QSGmainAttach(m_handle, m_loop, error);
         EXPECT_TRUE(up) << error.message();
     }
@@ -47,17 +61,42 @@ class FakeService {
 
     // Calls look like `createNode {"node":"/n"}`.
     std::vector<std::string> calls;
+    std::vector<std::string> cancelled;  // in the same form
     Script script;
     std::function<void(const std::string& method)> afterReply;
 
     void post(const char* method, const char* payload) {
         BusError error;
-        EXPECT_TRUE(QSSubscriptionPost(m_handle, "/", method, payload, error)) << error.message();
+        for (const Subscribed& call : m_subscribed) {
+            bool sent = call.method != method || QSMessageRespond(call.message.get(), payload, error);
+            EXPECT_TRUE(sent) << error.message();
+        }
     }
     void deliver(const std::string& uri, const std::string& payload) {
         BusError error;
         EXPECT_TRUE(QSCall(m_handle, uri.c_str(), payload.c_str(), nullptr, nullptr, nullptr, error))
             << error.message();
+    }
+    // Lets go of the calls that subscribed to a method, which tells their callers that no answer follows.
+    void endSubscriptions(const std::string& method) {
+        std::erase_if(m_subscribed, [&](const Subscribed& call) { return call.method == method; });
+        QSSubscriptionIter* list = nullptr;
+        BusError error;
+        EXPECT_TRUE(QSSubscriptionAcquire(m_handle, method.c_str(), &list, error)) << error.message();
+        while (QSSubscriptionHasNext(list)) {
+            QSSubscriptionNext(list);
+            QSSubscriptionRemove(list);
+        }
+        QSSubscriptionRelease(list);
+    }
+    // Serves until the condition holds; false when it does not within five seconds.
+    static bool until(const std::function<bool()>& condition) {
+        gint64 deadline = g_get_monotonic_time() + 5 * G_TIME_SPAN_SECOND;
+        while (!condition() && g_get_monotonic_time() < deadline) {
+            if (!g_main_context_iteration(nullptr, FALSE))
+                g_usleep(1000);
+        }
+        return condition();
     }
     void leave() {
         BusError error;
@@ -65,16 +104,35 @@ class FakeService {
             QSUnregister(m_handle, error);
         m_handle = nullptr;
         m_open.clear();
+        m_subscribed.clear();
     }
 
   private:
+    struct Subscribed {
+        std::string method;
+        KeptMessage message;
+    };
+
+    void keep(const std::string& method, QSMessage* message) {
+        BusError error;
+        EXPECT_TRUE(QSSubscriptionAdd(m_handle, method.c_str(), message, error)) << error.message();
+        m_subscribed.push_back({method, KeptMessage(message)});
+    }
+    static bool onCancel(QSHandle*, QSMessage* message, void* context) {
+        auto* self = static_cast<FakeService*>(context);
+        self->cancelled.push_back(std::string(QSMessageGetMethod(message)) + " " +
+                                  QSMessageGetPayload(message));
+        std::erase_if(self->m_subscribed,
+                      [&](const Subscribed& call) { return call.message.get() == message; });
+        return true;
+    }
     static bool onCall(QSHandle* handle, QSMessage* message, void* context) {
         auto* self = static_cast<FakeService*>(context);
         std::string method = QSMessageGetMethod(message);
         self->calls.push_back(method + " " + QSMessageGetPayload(message));
         BusError error;
-        bool subscribed = false;
-        EXPECT_TRUE(QSSubscriptionProcess(handle, message, &subscribed, error)) << error.message();
+        if (std::strstr(QSMessageGetPayload(message), "\"subscribe\":true"))
+            self->keep(method, message);
         if (self->script[method].empty())
             self->m_open.emplace_back(message);
         else
@@ -89,4 +147,5 @@ class FakeService {
     QSHandle* m_handle = nullptr;
     std::vector<QSMethod> m_methods;
     std::vector<KeptMessage> m_open;
+    std::vector<Subscribed> m_subscribed;
 };

@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The verbs of applications and of node owners: what is asked on which bus, what is printed, how it ends.
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+#include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/fakeservice.h"
+#include "tools/verbs.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+struct VerbCase {
+    QSBus bus;
+    std::vector<std::string> words;
+    const char* call;
+    const char* reply;
+    const char* terse;
+};
+
+class OneCall : public testing::TestWithParam<VerbCase> {
+  protected:
+    Exit run(std::vector<std::string> words) {
+        Invocation invocation;
+        std::string problem;
+        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
+        Console console(in, out, err, invocation.json);
+        return invocation.verb->run(invocation, console);
+    }
+    std::string method() const {
+        std::string call = GetParam().call;
+        return call.substr(0, call.find(' '));
+    }
+
+    PrivateBus bus{GetParam().bus == QSBus::Public ? "ZELT_PUBLIC_BUS" : "ZELT_PRIVATE_BUS"};
+    FakeService service{GetParam().bus};
+    std::istringstream in;
+    std::ostringstream out;
+    std::ostringstream err;
+};
+
+TEST_P(OneCall, AsksOnceAndPrintsTheOutcome) {
+    service.script[method()] = GetParam().reply;
+    EXPECT_EQ(run(GetParam().words), Exit::Ok);
+    EXPECT_THAT(service.calls, ElementsAre(GetParam().call));
+    EXPECT_EQ(out.str(), std::string(GetParam().terse) + "\n");
+}
+
+TEST_P(OneCall, PrintsTheReplyItselfUnderJson) {
+    service.script[method()] = GetParam().reply;
+    std::vector<std::string> words = GetParam().words;
+    words.insert(words.begin(), "--json");
+    EXPECT_EQ(run(words), Exit::Ok);
+    EXPECT_EQ(out.str(), std::string(GetParam().reply) + "\n");
+}
+
+TEST_P(OneCall, EndsWithThreeAndTheReasonWhenRefused) {
+    service.script[method()] =
+        R"({"returnValue":false,"errorCode":"libErr","errorText":"Error getting appid of calling app"})";
+    EXPECT_EQ(run(GetParam().words), Exit::Refused);
+    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(err.str(),
+              "pubsubctl: libErr: Error getting appid of calling app (the platform knows no application "
+              "behind this process; where the service allows it, `--app ID` names one)\n");
+}
+
+constexpr char kKey[] = R"({"returnValue":true,"endpoint":"box","publishKey":"KEY"})";
+constexpr char kBox[] = R"({"returnValue":true,"endpoint":"box"})";
+
+INSTANTIATE_TEST_SUITE_P(
+    Endpoint, OneCall,
+    testing::Values(
+        VerbCase{QSBus::Public,
+                 {"endpoint", "create", "box"},
+                 R"(createEndpoint {"endpoint":"box"})",
+                 kKey,
+                 "KEY"},
+        VerbCase{QSBus::Public,
+                 {"endpoint", "create", "box", "--description", "d", "--access", "authorize"},
+                 R"(createEndpoint {"endpoint":"box","description":"d","accessType":2})",
+                 kKey,
+                 "KEY"},
+        VerbCase{
+            QSBus::Public, {"endpoint", "key", "box"}, R"(getPublishKey {"endpoint":"box"})", kKey, "KEY"},
+        VerbCase{QSBus::Public,
+                 {"endpoint", "delete", "box"},
+                 R"(deleteEndpoint {"endpoint":"box"})",
+                 kBox,
+                 "deleted box"},
+        VerbCase{QSBus::Public,
+                 {"endpoint", "delete", "box"},
+                 R"(deleteEndpoint {"endpoint":"box"})",
+                 R"({"returnValue":true,"endpoint":"box","status":"notfound"})",
+                 "there was no box"},
+        VerbCase{QSBus::Public,
+                 {"onclose", "add", "box"},
+                 R"(subscribeOnClose {"endpoint":"box"})",
+                 kBox,
+                 "notices for box"},
+        VerbCase{QSBus::Public,
+                 {"onclose", "remove", "box"},
+                 R"(unsubscribeOnClose {"endpoint":"box"})",
+                 kBox,
+                 "no notices for box"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Owner, OneCall,
+    testing::Values(
+        VerbCase{QSBus::Private,
+                 {"node", "config", "/n"},
+                 R"(getNodeConfig {"nodes":["/n"]})",
+                 R"({"returnValue":true,"node":"/n","options":{"pubsub#access_model":"open"}})",
+                 "pubsub#access_model  open"},
+        VerbCase{QSBus::Private,
+                 {"node", "config", "/n"},
+                 R"(getNodeConfig {"nodes":["/n"]})",
+                 R"({"returnValue":true,"node":"/n"})",
+                 "no options are reported"},
+        VerbCase{QSBus::Private,
+                 {"node", "config", "/n", "--set", "access_model=open", "--set", "x#title=a=b"},
+                 R"(setNodeConfig {"node":"/n","options":{"pubsub#access_model":"open","x#title":"a=b"}})",
+                 R"({"returnValue":true,"node":"/n"})",
+                 "configured /n"},
+        VerbCase{
+            QSBus::Private,
+            {"pending", "approve", "/n", "--id", "1", "--subid", "2", "--jid", "a@b"},
+            R"(approvePending {"node":"/n","id":"1","subid":"2","approve":"true","subscriber_jid":"a@b"})",
+            R"({"returnValue":true})",
+            "approved a@b"},
+        VerbCase{
+            QSBus::Private,
+            {"pending", "deny", "/n", "--id", "1", "--subid", "2", "--jid", "a@b"},
+            R"(approvePending {"node":"/n","id":"1","subid":"2","approve":"false","subscriber_jid":"a@b"})",
+            R"({"returnValue":true})",
+            "denied a@b"}));
+
+struct UsageCase {
+    std::vector<std::string> words;
+    const char* problem;
+};
+
+class WrongUsage : public testing::TestWithParam<UsageCase> {};
+
+TEST_P(WrongUsage, IsToldBeforeAnythingIsSent) {
+    Invocation invocation;
+    std::string problem;
+    ASSERT_TRUE(parseArguments(GetParam().words, allVerbs(), invocation, problem)) << problem;
+    std::istringstream in;
+    std::ostringstream out;
+    std::ostringstream err;
+    Console console(in, out, err, false);
+    EXPECT_EQ(invocation.verb->run(invocation, console), Exit::Usage);
+    EXPECT_EQ(err.str(), "pubsubctl: " + std::string(GetParam().problem) + "\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, WrongUsage,
+    testing::Values(
+        UsageCase{{"endpoint", "create", "box", "--access", "open"},
+                  "--access is authorize or left out, not \"open\""},
+        UsageCase{{"node", "config", "/n", "--set", "title"},
+                  "--set takes NAME=VALUE, such as access_model=open, not \"title\""},
+        UsageCase{{"node", "config", "/n", "--set", "=x"},
+                  "--set takes NAME=VALUE, such as access_model=open, not \"=x\""},
+        UsageCase{{"pending", "approve", "/n", "--id", "1", "--subid", "2"},
+                  "--jid is missing; `pending list` printed what it takes"},
+        UsageCase{{"pending", "list", "-C", "none"},
+                  "-C takes a whole number from 1 to 1000000, not \"none\""},
+        UsageCase{{"onclose", "listen", "-W", "0"}, "-W takes a whole number of seconds, not \"0\""},
+        UsageCase{{"subscribe", "box", "-C", "0"}, "-C takes a whole number from 1 to 1000000, not \"0\""},
+        UsageCase{{"publish", "KEY", "text", "--file", "f"}, "give the item once: as TEXT or with --file"}));
+
+class Listening : public testing::Test {
+  protected:
+    // Runs a verb to which the service posts these texts once it has answered.
+    std::string receive(std::vector<std::string> words, const std::string& method,
+                        std::vector<std::string> posts) {
+        service.calls.clear();
+        service.script[method] = R"({"returnValue":true})";
+        m_posts = std::move(posts);
+        service.afterReply = [this, method](const std::string&) {
+            for (const std::string& text : m_posts)
+                service.post(method.c_str(), text.c_str());
+        };
+        Invocation invocation;
+        std::string problem;
+        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
+        std::ostringstream out;
+        Console console(in, out, err, invocation.json);
+        EXPECT_EQ(invocation.verb->run(invocation, console), Exit::Ok);
+        return out.str();
+    }
+
+    PrivateBus bus;
+    FakeService service;
+    std::istringstream in;
+    std::ostringstream err;
+
+  private:
+    std::vector<std::string> m_posts;
+};
+
+TEST_F(Listening, PrintsWhoWaitsForApproval) {
+    std::string request = R"({"subid":"S","node":"/n","subscriber_jid":"a@b/c","id":"1"})";
+    EXPECT_EQ(receive({"pending", "list", "/n", "/m", "-C", "2"}, "subscribeNodeAuth", {request, request}),
+              "/n  subscriber_jid: a@b/c  subid: S  id: 1\n/n  subscriber_jid: a@b/c  subid: S  id: 1\n");
+    EXPECT_THAT(service.calls, ElementsAre(R"(subscribeNodeAuth {"subscribe":true,"nodes":["/n","/m"]})"));
+    EXPECT_EQ(receive({"--json", "pending", "list", "-C", "1"}, "subscribeNodeAuth", {request}),
+              R"({"node":"/n","subscriber_jid":"a@b/c","subid":"S","id":"1"})"
+              "\n");
+    EXPECT_THAT(service.calls, ElementsAre(R"(subscribeNodeAuth {"subscribe":true,"nodes":["*"]})"));
+}
+
+TEST_F(Listening, PrintsNoticesForClosedApplications) {
+    std::string open = R"({"returnValue":true,"appid":"/d/a/box","open":true})";
+    std::string item = R"({"item":"text","itemid":"1","node":"/d/a/box","returnValue":true,"appid":"a"})";
+    EXPECT_EQ(receive({"onclose", "listen", "-C", "2"}, "registerOnClose", {open, item}),
+              "open  /d/a/box\nitem  a  /d/a/box  text\n");
+    EXPECT_THAT(service.calls, ElementsAre(R"(registerOnClose {"subscribe":true})"));
+    EXPECT_EQ(receive({"--json", "onclose", "listen", "-C", "1"}, "registerOnClose", {item}), item + "\n");
+}
+
+}  // namespace

@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Subscriptions that last, against a small service on a real bus: what is asked anew, what is printed, what
+// ends them.
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+#include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/fakeservice.h"
+#include "tools/verbs.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr char kAccepted[] = R"({"returnValue":true,"endpoint":"box"})";
+constexpr char kNotInitialized[] =
+    R"({"returnValue":false,"errorCode":"libErr","errorText":"Service not initialized"})";
+constexpr char kLost[] =
+    R"({"returnValue":false,"errorCode":"connectionErr","errorText":"pubsubservice disconnected"})";
+
+class Receiver : public testing::Test {
+  protected:
+    Receiver() { service.script["subscribe"] = kAccepted; }
+
+    Exit run(std::vector<std::string> words) {
+        Invocation invocation;
+        std::string problem;
+        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
+        Console console(in, out, err, invocation.json);
+        return invocation.verb->run(invocation, console);
+    }
+    // What the service does after its reply to the call number 1, 2, ... of the method.
+    void after(const std::string& method, std::vector<std::function<void()>> steps) {
+        m_steps[method] = std::move(steps);
+        service.afterReply = [this](const std::string& called) {
+            size_t number = m_counts[called]++;
+            if (number < m_steps[called].size())
+                schedule(m_steps[called][number]);
+        };
+    }
+    static void schedule(const std::function<void()>& step) {
+        g_idle_add(
+            [](gpointer data) -> gboolean {
+                std::unique_ptr<std::function<void()>> held(static_cast<std::function<void()>*>(data));
+                (*held)();
+                return FALSE;
+            },
+            new std::function<void()>(step));
+    }
+    // An item as the service hands it on: it uses the subscription up.
+    std::function<void()> item(const std::string& text) {
+        return [this, text] {
+            service.post("subscribe",
+                         (R"({"item":")" + text + R"(","endpoint":"box","returnValue":true})").c_str());
+            service.endSubscriptions("subscribe");
+        };
+    }
+
+    PrivateBus publicBus{"ZELT_PUBLIC_BUS"};
+    FakeService service{QSBus::Public};
+    std::string subscription = R"(subscribe {"endpoint":"box","subscribe":true})";
+    std::istringstream in;
+    std::ostringstream out;
+    std::ostringstream err;
+
+  private:
+    std::map<std::string, std::vector<std::function<void()>>> m_steps;
+    std::map<std::string, size_t> m_counts;
+};
+
+TEST_F(Receiver, SubscribesAgainAfterEachItemUntilTheCount) {
+    after("subscribe", {item("one"), item("two\\nlines")});
+    EXPECT_EQ(run({"subscribe", "box", "-C", "2"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "one\ntwo\nlines\n");
+    EXPECT_EQ(err.str(), "pubsubctl: receiving the items of box\n");
+    EXPECT_THAT(service.calls, ElementsAre(subscription, subscription));
+}
+
+TEST_F(Receiver, PrintsObjectsUnderJson) {
+    after("subscribe", {item("a\\\"b")});
+    EXPECT_EQ(run({"--json", "subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "{\"endpoint\":\"box\",\"item\":\"a\\\"b\"}\n");
+}
+
+TEST_F(Receiver, SubscribesAgainWhenItsSubscriptionIsEndedWithoutAnItem) {
+    after("subscribe", {[this] { service.endSubscriptions("subscribe"); }, item("one")});
+    EXPECT_EQ(run({"subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "one\n");
+    EXPECT_THAT(service.calls, ElementsAre(subscription, subscription));
+}
+
+TEST_F(Receiver, RefusesToWaitBesideAnotherProcessOfTheApplication) {
+    service.script["subscribe"] = R"({"returnValue":true,"endpoint":"box","status":"subscribed"})";
+    EXPECT_EQ(run({"subscribe", "box"}), Exit::Refused);
+    EXPECT_EQ(err.str(),
+              "pubsubctl: another process of this application waits for box already and gets its next item; "
+              "`pubsubctl unsubscribe` ends its wait\n");
+}
+
+TEST_F(Receiver, EndsWithARefusalThatComesAsTheSecondAnswer) {
+    after("subscribe", {[this] {
+              service.post("subscribe",
+                           R"({"returnValue":false,"errorCode":"xmppErr","errorText":"forbidden"})");
+          }});
+    EXPECT_EQ(run({"subscribe", "box"}), Exit::Refused);
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: xmppErr: forbidden"));
+}
+
+TEST_F(Receiver, StaysWhenTheConnectionIsLostUnderAnAcceptedSubscription) {
+    after("subscribe", {[this] {
+              service.post("subscribe", kLost);
+              item("later")();
+          }});
+    EXPECT_EQ(run({"subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "later\n");
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: the connection was lost; items go on when it is back\n"));
+    EXPECT_THAT(service.calls, ElementsAre(subscription));
+}
+
+TEST_F(Receiver, WaitsForTheFirstConnectionOfTheService) {
+    service.script["subscribe"] = kNotInitialized;
+    service.script["connectStatus"] = R"({"returnValue":true,"connected":false})";
+    after("connectStatus", {[this] {
+              service.script["subscribe"] = kAccepted;
+              service.post("connectStatus", R"({"returnValue":true,"connected":true})");
+          }});
+    EXPECT_EQ(run({"subscribe", "box", "-C", "1", "-W", "1"}), Exit::TimedOut);
+    EXPECT_THAT(service.calls,
+                ElementsAre(subscription, R"(connectStatus {"subscribe":true})", subscription));
+    EXPECT_EQ(err.str(),
+              "pubsubctl: the service has no connection to its server; waiting for it\n"
+              "pubsubctl: receiving the items of box\n"
+              "pubsubctl: the time is over: 0 of 1 came\n");
+}
+
+TEST_F(Receiver, SaysWhenNoAnswerComesAndGoesOnWaiting) {
+    service.script["subscribe"] = "";
+    EXPECT_EQ(run({"subscribe", "box", "-W", "4"}), Exit::Ok);
+    EXPECT_EQ(err.str(), "pubsubctl: no answer yet: the service has no connection to its server; waiting\n");
+}
+
+TEST_F(Receiver, EndsWithFourWhenTheServiceIsNotThereOrTheBusGoes) {
+    after("subscribe", {[this] { publicBus.stop(); }});
+    EXPECT_EQ(run({"subscribe", "box"}), Exit::NotConnected);
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: the bus closed the connection\n"));
+}
+
+TEST_F(Receiver, EndsWithFourWhenThereNeverWasAService) {
+    service.leave();
+    EXPECT_EQ(run({"subscribe", "box"}), Exit::NotConnected);
+    EXPECT_THAT(err.str(), HasSubstr("com.zelt.pubsubservice is not on the bus"));
+}
+
+TEST_F(Receiver, WaitsForAServiceThatLeftAndSubscribesAtTheNextOne) {
+    std::unique_ptr<FakeService> next;
+    after("subscribe", {[&] {
+              service.leave();
+              schedule([&] {
+                  next = std::make_unique<FakeService>(QSBus::Public);
+                  next->script["subscribe"] = R"({"returnValue":true,"item":"new","endpoint":"box"})";
+              });
+          }});
+    EXPECT_EQ(run({"subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "new\n");
+    EXPECT_EQ(err.str(),
+              "pubsubctl: receiving the items of box\n"
+              "pubsubctl: com.zelt.pubsubservice left the bus; waiting until it is back\n"
+              "pubsubctl: com.zelt.pubsubservice is back\n");
+}
+
+TEST_F(Receiver, EndsWhenInterruptedAndTheServiceHearsOfIt) {
+    for (int signal : {SIGINT, SIGTERM}) {
+        service.cancelled.clear();
+        after("subscribe", {});
+        service.afterReply = [signal](const std::string&) { kill(getpid(), signal); };
+        EXPECT_EQ(run({"subscribe", "box"}), Exit::Ok);
+        EXPECT_TRUE(service.until([this] { return !service.cancelled.empty(); }));
+        EXPECT_THAT(service.cancelled, ElementsAre(subscription));
+    }
+}
+
+TEST_F(Receiver, RunsTheCommandForEachItemAndReportsItsFailures) {
+    after("subscribe", {item("good"), item("bad")});
+    std::string file = testing::TempDir() + "pubsubctl-items-" + std::to_string(getpid());
+    EXPECT_EQ(run({"subscribe", "box", "-C", "2", "--", "sh", "-c",
+                   "cat >>" + file + "; echo >>" + file + "; ! grep -q bad " + file}),
+              Exit::CommandFailed);
+    std::string text;
+    std::string problem;
+    Console console(in, out, err, false);
+    EXPECT_TRUE(readWhole(console, file, text, problem));
+    unlink(file.c_str());
+    EXPECT_EQ(text, "good\nbad\n");
+    EXPECT_EQ(out.str(), "");
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: sh ended with code 1\n"));
+    EXPECT_THAT(service.calls, ElementsAre(subscription, subscription));
+}
+
+TEST_F(Receiver, SaysWhichSignalEndedACommand) {
+    after("subscribe", {item("one")});
+    EXPECT_EQ(run({"subscribe", "box", "-C", "1", "--", "sh", "-c", "kill -9 $$"}), Exit::CommandFailed);
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: sh was ended by signal 9\n"));
+}
+
+TEST_F(Receiver, NeedsTheProgramBeforeItReceivesAnything) {
+    EXPECT_EQ(run({"subscribe", "box", "--", "no-such-program"}), Exit::Usage);
+    EXPECT_TRUE(service.calls.empty());
+}
+
+class Unsubscriber : public Receiver {
+  protected:
+    std::string request = R"(unsubscribe {"endpoint":"box","subscribe":true})";
+    Unsubscriber() { service.script["unsubscribe"] = kAccepted; }
+};
+
+TEST_F(Unsubscriber, TakesTheSecondAnswerWhileTheServiceIsConnected) {
+    service.script["connectStatus"] = R"({"returnValue":true,"connected":true})";
+    after("connectStatus", {[this] {
+              service.post("unsubscribe",
+                           R"({"returnValue":false,"errorCode":"xmppErr","errorText":"forbidden"})");
+          }});
+    EXPECT_EQ(run({"unsubscribe", "box"}), Exit::Refused);
+    EXPECT_THAT(err.str(), HasSubstr("xmppErr: forbidden"));
+    EXPECT_THAT(service.calls, ElementsAre(request, "connectStatus {}"));
+}
+
+TEST_F(Unsubscriber, TakesTheSecondAnswerThatComesAtOnce) {
+    service.script["connectStatus"] = R"({"returnValue":true,"connected":true})";
+    after("unsubscribe", {[this] { service.post("unsubscribe", kAccepted); }});
+    EXPECT_EQ(run({"--timeout", "5", "unsubscribe", "box"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "unsubscribed from box\n");
+}
+
+TEST_F(Unsubscriber, TakesTheFirstAnswerWithoutAConnection) {
+    service.script["connectStatus"] = R"({"returnValue":true,"connected":false})";
+    EXPECT_EQ(run({"unsubscribe", "box"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "unsubscribed from box\n");
+}
+
+TEST_F(Unsubscriber, AsksNoFurtherWhenNobodyWasSubscribed) {
+    service.script["unsubscribe"] = R"({"returnValue":true,"endpoint":"box","status":"not subscribed"})";
+    EXPECT_EQ(run({"unsubscribe", "box", "--onclose"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "nobody was subscribed to box\n");
+    EXPECT_THAT(service.calls,
+                ElementsAre(R"(unsubscribe {"endpoint":"box","onclose":true,"subscribe":true})"));
+}
+
+TEST_F(Unsubscriber, EndsInTimeWhenTheSecondAnswerNeverComes) {
+    service.script["connectStatus"] = R"({"returnValue":true,"connected":true})";
+    EXPECT_EQ(run({"--timeout", "1", "unsubscribe", "box"}), Exit::TimedOut);
+}
+
+}  // namespace
