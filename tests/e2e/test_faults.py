@@ -7,6 +7,7 @@ import socket
 import threading
 import time
 import unittest
+from unittest import mock
 
 from bus import BusClient, BusError
 from stage import StageTest, is_running, wait_until
@@ -126,6 +127,11 @@ class Faults(FaultsTest):
 
 class Silence(StageTest):
     """A service whose server never answers: the connect is under way, everything else goes on."""
+
+    @classmethod
+    def setUpClass(cls):
+        with mock.patch.dict(os.environ, STAGE_LOGIN="file"):  # a file that the test can turn to another server
+            super().setUpClass()
 
     def test_a_black_holed_connect_stalls_nobody(self):
         # A listener whose backlog is full answers no SYN: the connect hangs.
