@@ -125,8 +125,8 @@ stage_start_service() {
     stage_start "$1" service env "${STAGE_SERVICE_ENV[@]}" "$STAGE_BIN/pubsubservice"
 }
 
-# stage_ground DIR [OPTION...]: the folders, both buses and the XMPP server, which gets the options. Nobody is on the
-# buses yet, and the private bus starts nobody.
+# stage_ground DIR [OPTION...]: the folders, both buses and the XMPP server, which gets the options. Nobody is
+# on the buses yet, and the private bus starts nobody.
 stage_ground() {
     local dir=$1
     shift

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The platform services in the hands of a test: time passes when the test fires an alarm, networks change when it says.
+"""The platform services in the hands of a test: time passes when it fires an alarm, networks change when it says.
 
-They live in the test's own process, each on a connection of its own to the private bus, and answer while the test
-pumps the main loop. A stage made here has no host daemon, and its bus starts nobody.
+They live in the test's own process, each on a connection of its own to the private bus, and answer while the
+test pumps the main loop. A stage made here has no host daemon, and its bus starts nobody.
 """
 
 import json
@@ -24,7 +24,7 @@ USER, TOKEN = "device", "the token"
 
 
 class PlatformService:
-    """One service on the bus. `methods` gives for each method the function from a payload to the answering object."""
+    """One service on the bus. `methods` gives for each method the function from a payload to the answer."""
 
     def __init__(self, address, name, methods):
         self._address, self._name, self._methods = address, name, methods
@@ -113,7 +113,8 @@ class Power(PlatformService):
         """The time of the alarm has come: it is gone, and its address is called with its parameters."""
         alarm = self.alarms.pop(key)
         service, method = alarm["uri"].removeprefix("quor://").split("/")
-        call = dbus.lowlevel.MethodCallMessage(destination=service, path="/", interface=service, method=method)
+        call = dbus.lowlevel.MethodCallMessage(destination=service, path="/", interface=service,
+                                               method=method)
         call.append(alarm["params"], signature="s")
         call.set_no_reply(True)
         self._connection.send_message(call)
@@ -130,7 +131,8 @@ class Network(PlatformService):
     def _report(internet=True, wifi=None, wan=None):
         def link(ip):
             return {"state": "connected" if ip else "disconnected", "ipAddress": ip or ""}
-        return {"returnValue": True, "isInternetConnectionAvailable": internet, "wifi": link(wifi), "wan": link(wan)}
+        return {"returnValue": True, "isInternetConnectionAvailable": internet, "wifi": link(wifi),
+                "wan": link(wan)}
 
     def say(self, internet=True, wifi=None, wan=None):
         """The links with these addresses are there; the others are not."""
@@ -159,7 +161,8 @@ class Account(PlatformService):
 
 class System(PlatformService):
     def __init__(self, address):
-        super().__init__(address, "com.zelt.systemmanager", {"getBootStatus": lambda _: {"finished": self.finished}})
+        super().__init__(address, "com.zelt.systemmanager",
+                         {"getBootStatus": lambda _: {"finished": self.finished}})
         self.finished = True
 
     def finish(self, finished=True):
@@ -172,15 +175,16 @@ class PlatformStage(Stage):
 
     def up(self):
         script = 'source "$STAGE_ROOT/scripts/stage.sh"; stage_ground "$1" --loglevel debug'
-        done = subprocess.run(["bash", "-c", script, "bash", str(self.dir)], stdin=subprocess.DEVNULL, text=True,
+        done = subprocess.run(["bash", "-c", script, "bash", str(self.dir)], stdin=subprocess.DEVNULL,
                               env=dict(os.environ, STAGE_ROOT=str(ROOT), STAGE_BIN=str(BIN), STAGE_SAY=":"),
-                              capture_output=True, check=False)
+                              capture_output=True, text=True, check=False)
         if done.returncode:
             raise AssertionError(f"the buses and the server did not start:\n{done.stdout}{done.stderr}")
         self.env = {
             "ZELT_PRIVATE_BUS": self.path("run", "private.address").read_text(encoding="utf-8").strip(),
             "ZELT_PUBLIC_BUS": self.path("run", "public.address").read_text(encoding="utf-8").strip(),
-            "ZELT_PREFS_DIR": str(self.path("prefs")), "STATE_DIR": str(self.path("state")), "DEVICE_USER": USER}
+            "ZELT_PREFS_DIR": str(self.path("prefs")), "STATE_DIR": str(self.path("state")),
+            "DEVICE_USER": USER}
         self.take_server(self.path("server", "server.env").read_text(encoding="utf-8"))
         self.account(USER, TOKEN)
         return self
@@ -230,7 +234,8 @@ class PlatformTest(StageTest):
         self.private = BusClient(address)
         self.addCleanup(self.private.close)
         self.status = None
-        self._log_start = len(self.stage.log("service")) if self.stage.path("log", "service.log").exists() else 0
+        self.stage.path("log", "service.log").touch()
+        self._log_start = len(self.stage.log("service"))
 
     def start(self, absent=(), **extra):
         """Starts the service with all platform services that are not absent."""

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The login over the account service, absent, late and with every kind of bad answer, and the credentials file."""
+"""The login over the account service, absent, late and with every bad answer, and the credentials file."""
 
 import os
 import unittest
@@ -19,7 +19,7 @@ class AccountService(PlatformTest):
         self.private.start("initializeAccount", {})
 
     def bad_answers(self):
-        """Answers that lack something, in the order in which they are read, with what the log says of each."""
+        """Answers that lack something, in the order of their reading, with what the log says of each."""
         made = self.account.made
         absent = "obj null, First is not run yet / Acct services went down?"
         return [("not JSON", "{", MALFORMED),
@@ -155,7 +155,8 @@ class CredentialsFile(StageTest):
         self.addCleanup(private.close)
         self.assertEqual(private.call("getResource", {}), {"returnValue": True, "resource": "dev1"})
         status = private.start("subscribeConnStatus", {"subscribe": True})
-        self.assertEqual(status.wait(1), {"returnValue": True, "connected": True, "session": True, "network": True})
+        self.assertEqual(status.wait(1),
+                         {"returnValue": True, "connected": True, "session": True, "network": True})
         self.assertEqual(self.stage.log("service").count("We are connecting to the vbx server."), 1)
         self.assertNotIn("Create session failed", self.stage.log("service"))
         kick(self.stage.env)
