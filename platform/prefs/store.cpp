@@ -27,8 +27,8 @@ constexpr const char* kSettings =
     "PRAGMA journal_mode=WAL;"
     "PRAGMA synchronous=FULL;"
     "PRAGMA wal_autocheckpoint=256;"
-    // Above what 256 pages and their frames take: a log that is cut at every checkpoint grows again with every
-    // commit, and a sync of a file that grew costs the file system's own journal as well.
+    // Above what 256 pages and their frames take: a log that is cut at every checkpoint grows again with
+    // every commit, and a sync of a file that grew costs the file system's own journal as well.
     "PRAGMA journal_size_limit=4194304;"
     "PRAGMA cache_size=-256;"
     "PRAGMA trusted_schema=OFF;";
