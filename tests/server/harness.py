@@ -30,7 +30,7 @@ class Instance:
         try:
             self._run("up", self.folder, *arguments)
             for name in ACCOUNTS if join is None else ():
-                self._run("account", self.folder, name, PASSWORD)
+                self.register(name)
         except BaseException:
             self.remove()
             raise
@@ -42,6 +42,9 @@ class Instance:
             raise AssertionError("server/run %s: %s" % (arguments[0], done.stdout))
         if arguments[0] in ("up", "start"):
             self.server = Server.from_env(self.folder + "/server.env")
+
+    def register(self, name):
+        self._run("account", self.folder, name, PASSWORD)
 
     def start(self):
         self._run("start", self.folder)

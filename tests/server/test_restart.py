@@ -69,6 +69,12 @@ class Restart(ServerTest):
         self.publish(owner, "1")
         self.assertEqual(self.texts(bob, 1), ["1"])
 
+    def test_an_account_survives_a_kill_right_after_its_registration(self):
+        self.instance.register("newcomer")
+        self.instance.kill()
+        self.instance.start()
+        self.client("newcomer").sync()
+
     def test_numbers_rise_when_a_node_is_made_anew_after_a_restart(self):
         owner, bob = self.subscribed("floor")
         self.publish(owner, "1")
