@@ -130,7 +130,7 @@ Exit ItemHandler::run(unsigned count, unsigned seconds) {
         m_console.complain(reply.problem);
         return reply.exit;
     }
-    if (!m_leaving)
+    if (!m_leaving || m_received)  // items may overtake the reply
         m_console.complain("receiving the items of " + m_node + " as " + m_name);
     Exit received = receive();
     Exit withdrawn = withdraw();
