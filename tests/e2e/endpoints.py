@@ -12,6 +12,9 @@ import signal
 import sqlite3
 import urllib.parse
 
+import dbus
+import dbus.bus
+
 from app import App
 from bus import BusClient
 from stage import StageTest, is_running, wait_until
@@ -93,6 +96,7 @@ class EndpointsTest(StageTest):
     def setUpClass(cls):
         super().setUpClass()
         cls.private = BusClient(cls.stage.env["ZELT_PRIVATE_BUS"])
+        cls.public = dbus.bus.BusConnection(cls.stage.env["ZELT_PUBLIC_BUS"])
         cls.publisher = Publisher(cls.stage.env["HTTP_URL"])
         cls.names = 0
 
@@ -100,6 +104,7 @@ class EndpointsTest(StageTest):
     def tearDownClass(cls):
         cls.publisher.close()
         cls.private.close()
+        cls.public.close()
         super().tearDownClass()
 
     def setUp(self):
@@ -110,6 +115,17 @@ class EndpointsTest(StageTest):
         app = App(self.stage.env["ZELT_PUBLIC_BUS"], app_id)
         self.addCleanup(app.close)
         return app
+
+    def kill(self, app):
+        """Kills an application and waits until the bus has seen its end; what is published then comes after it."""
+        def ask(member, *arguments):
+            return self.public.call_blocking("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                             member, "s" * len(arguments), arguments)
+        mine = [name for name in ask("ListNames")
+                if name.startswith(":") and ask("GetConnectionUnixProcessID", name) == app.pid]
+        self.assertEqual(len(mine), 1)
+        app.kill()
+        wait_until(lambda: not ask("NameHasOwner", mine[0]), "the bus to see the end of the application")
 
     def node(self, app_id, endpoint):
         return f"/{self.stage.env['DEVICE_USER']}/{self.stage.env['DEVICE_RESOURCE']}/{app_id}/{endpoint}"

@@ -11,7 +11,7 @@ import unittest
 from endpoints import MAIL, EndpointsTest, offline_map, preferences, start_server
 from stage import ROOT, wait_until
 
-BULK = int(os.environ.get("PUBSUB_BULK_NODES", "2000"))
+BULK = int(os.environ.get("PUBSUB_BULK_NODES", "1000"))
 BURST = 1000
 
 

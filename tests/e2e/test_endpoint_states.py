@@ -50,7 +50,7 @@ class States(EndpointsTest):
 
     def test_a_killed_application_finds_it_in_the_cache_when_it_is_back(self):
         self.subscribe(self.mail, self.endpoint)
-        self.mail.kill()
+        self.kill(self.mail)
         self.publisher.publish(self.key, "while gone")
         self.wait_cached(MAIL, self.endpoint, "while gone")
         self.expect_cached_item(self.app(), self.endpoint, "while gone")
@@ -60,7 +60,7 @@ class States(EndpointsTest):
         second = self.app()
         self.assertEqual(second.call("subscribe", {"endpoint": self.endpoint}),
                          {"returnValue": True, "endpoint": self.endpoint, "status": "subscribed"})
-        self.mail.kill()
+        self.kill(self.mail)
         calls = []
 
         def took_over():
@@ -88,7 +88,7 @@ class States(EndpointsTest):
 
     def test_an_item_cached_before_a_kill_is_still_there(self):
         self.subscribe(self.mail, self.endpoint)
-        self.mail.kill()
+        self.kill(self.mail)
         self.publisher.publish(self.key, "cached")
         self.wait_cached(MAIL, self.endpoint, "cached")
         self.stage.kill_service()
@@ -183,7 +183,7 @@ class States(EndpointsTest):
     def test_the_death_of_the_application_before_then_drops_it(self):
         self.disconnect()
         self.subscribe_offline()
-        self.mail.kill()
+        self.kill(self.mail)
         self.publisher.publish(self.key, "nobody waits")
         self.connect()
         self.expect_item(self.app().start("subscribe", {"endpoint": self.endpoint}), self.endpoint, "nobody waits", 2)

@@ -56,7 +56,8 @@ class Endpoints(EndpointsTest):
                 self.assertNotEqual(answer.get("publishKey"), key, (method, name))
                 if method == "deleteEndpoint":
                     self.assertIn(answer.get("status"), (None, "notfound"))
-        taken = [stranger.start("subscribe", {"endpoint": name, "appId": MAIL}) for name in (self.endpoint, f"/../{MAIL}/{self.endpoint}")]
+        taken = [stranger.start("subscribe", {"endpoint": name, "appId": MAIL})
+                 for name in (self.endpoint, f"/../{MAIL}/{self.endpoint}")]
         for call in taken:
             call.wait(2)  # the second is a refusal: the stranger's own node of that name is gone by now
         self.assertEqual([call.answers[1]["errorText"] for call in taken], ["item-not-found"] * 2)
@@ -188,8 +189,8 @@ class Endpoints(EndpointsTest):
                                  {"returnValue": True, "endpoint": read})
 
     def test_private_methods_refuse_them_too(self):
-        members = {"item": "x", "title": "x", "endpoint": "zelt://com.zelt.e2e/x", "app": False, "jid": "a@b", "subid": "1",
-                   "subscriber_jid": "a@b", "id": "1", "accessType": 2, "approve": True}
+        members = {"item": "x", "title": "x", "endpoint": "zelt://com.zelt.e2e/x", "app": False, "jid": "a@b",
+                   "subid": "1", "subscriber_jid": "a@b", "id": "1", "accessType": 2, "approve": True}
         for method in ("createNode", "deleteNode", "publishItem", "subscribeToNode", "unsubscribeFromNode",
                        "setNodeConfig", "getNodeConfig", "approvePending", "activateNode"):
             for name in UNCARRIED:
