@@ -16,13 +16,20 @@ create(Node, Owner, Create) ->
         {true, {Key, Owner}} -> {ok, Key, <<"exists">>};
         {true, _} -> {error, xmpp:err_conflict()};
         {false, _} ->
-            Key = base64url:encode(crypto:strong_rand_bytes(?KEY_BYTES)),
+            Key = new_key(),
             pubsub_device_store:put_key(Node, Key, Owner),
             try Create() of
                 ok -> {ok, Key, <<>>};
                 {error, Error} -> pubsub_device_store:delete_key(Node), {error, Error}
             catch _:_ -> pubsub_device_store:delete_key(Node), {error, xmpp:err_internal_server_error()}
             end
+    end.
+
+%% A key stands on command lines: one that begins with a dash would be read as an option there.
+new_key() ->
+    case base64url:encode(crypto:strong_rand_bytes(?KEY_BYTES)) of
+        <<"-", _/binary>> -> new_key();
+        Key -> Key
     end.
 
 get(Node, Account) ->

@@ -21,6 +21,11 @@ class Keys(ServerTest):
         self.assertEqual(first.text, again.text)
         self.assertGreaterEqual(len(first.text) * 6, 160)
 
+    def test_no_key_can_be_taken_for_an_option_of_a_command(self):
+        owner = self.client("owner")
+        keys = [self.key_node(owner, "%s/%d" % (self.node, number)) for number in range(300)]
+        self.assertEqual([key for key in keys if key.startswith("-")], [])
+
     def test_somebody_elses_name_conflicts(self):
         self.key_node(self.client("owner"))
         self.refused(self.ext(self.client("bob"), "<create-key-node node='%s'/>" % self.node), "conflict")
