@@ -3,19 +3,26 @@
 #include "tests/fakes/servicefixture.h"
 
 #include <gloox/tag.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <utility>
 
+#include "tests/fakes/systemlog.h"
 #include "xmpp/client.h"
 #include "xmpp/manager.h"
 
 namespace {
 
 constexpr int kMostTurns = 20000;
+
+// All that the service logs below the priority of an error.
+const std::set<std::string> kTraces = {"Calling mainloop", "Trying to get login value now that AC is up",
+                                       "We had some connection err in the past. So nop."};
 
 std::string escaped(const std::string& text) {
     const gloox::Tag carrier("x", text);
@@ -42,6 +49,7 @@ void ServiceTest::SetUp() {
     m_loop = g_main_loop_new(nullptr, FALSE);
     freshSession();
     journal().take();
+    systemLog().clear();
     m_log.emplace();
 }
 
@@ -49,6 +57,7 @@ void ServiceTest::TearDown() {
     const std::string log = m_log->raw();
     dropSession();
     checkMessages();
+    checkPriorities();
     m_log.reset();
     if (HasFailure() && !log.empty())
         std::fprintf(stderr, "--- log of the failed test\n%s---\n", log.c_str());
@@ -92,6 +101,14 @@ void ServiceTest::checkMessages() {
             ADD_FAILURE() << "A bus message is still held: " << message->method << ' ' << message->payload
                           << ", " << message->references << " reference(s)";
     m_mayStay.clear();
+}
+
+void ServiceTest::checkPriorities() {
+    for (const SystemLogLine& line : systemLog()) {
+        const std::string text = line.text.substr(line.text.find("]: ") + 3);
+        EXPECT_EQ(line.priority, kTraces.contains(text) ? LOG_INFO : LOG_ERR) << line.text;
+    }
+    systemLog().clear();
 }
 
 void ServiceTest::giveDetails() {

@@ -1,40 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The diagnostics log: both outputs of every entry point, the cut at 511 characters, and the newline helpers.
-//
-// The program's own syslog() stands in for the C library's and keeps what it is given.
 #include "util/log.h"
 
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "tests/fakes/logcapture.h"
-
-namespace {
-
-struct SystemLogLine {
-    int priority;
-    std::string text;
-    bool operator==(const SystemLogLine&) const = default;
-};
-
-std::vector<SystemLogLine> systemLog;
-
-}  // namespace
-
-extern "C" void syslog(int priority, const char* format, ...) {
-    char text[2048];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    systemLog.push_back({priority, text});
-}
+#include "tests/fakes/systemlog.h"
 
 namespace {
 
@@ -48,14 +23,14 @@ struct EntryPoint {
 
 class LogEntry : public testing::TestWithParam<EntryPoint> {
   protected:
-    LogEntry() { systemLog.clear(); }
+    LogEntry() { systemLog().clear(); }
 };
 
 TEST_P(LogEntry, WritesTheLineToStandardErrorAndToTheSystemLogAtItsPriority) {
     LogCapture log;
     GetParam().write("handler", 42, "answer %d for %s", 7, "node");
     EXPECT_EQ(log.raw(), "[handler: 42]: answer 7 for node\n");
-    EXPECT_EQ(systemLog,
+    EXPECT_EQ(systemLog(),
               (std::vector<SystemLogLine>{{GetParam().priority, "[handler: 42]: answer 7 for node"}}));
 }
 
@@ -63,7 +38,7 @@ TEST_P(LogEntry, CutsAMessageOf600CharactersToItsFirst511) {
     LogCapture log;
     GetParam().write("handler", 1, "%s", (std::string(511, 'a') + std::string(89, 'b')).c_str());
     EXPECT_EQ(log.raw(), "[handler: 1]: " + std::string(511, 'a') + "\n");
-    EXPECT_EQ(systemLog.at(0).text, "[handler: 1]: " + std::string(511, 'a'));
+    EXPECT_EQ(systemLog().at(0).text, "[handler: 1]: " + std::string(511, 'a'));
 }
 
 TEST_P(LogEntry, WritesAMessageOf511CharactersWhole) {
@@ -76,14 +51,14 @@ TEST_P(LogEntry, KeepsTheNewlineOfTheFormat) {
     LogCapture log;
     GetParam().write("handler", 1, "Malformed json packet? \n");
     EXPECT_EQ(log.raw(), "[handler: 1]: Malformed json packet? \n\n");
-    EXPECT_EQ(systemLog.at(0).text, "[handler: 1]: Malformed json packet? \n");
+    EXPECT_EQ(systemLog().at(0).text, "[handler: 1]: Malformed json packet? \n");
 }
 
 TEST_P(LogEntry, DoesNotReadTheMessageAsAFormatAgain) {
     LogCapture log;
     GetParam().write("handler", 1, "%s", "100%s %n");
     EXPECT_EQ(log.raw(), "[handler: 1]: 100%s %n\n");
-    EXPECT_EQ(systemLog.at(0).text, "[handler: 1]: 100%s %n");
+    EXPECT_EQ(systemLog().at(0).text, "[handler: 1]: 100%s %n");
 }
 
 INSTANTIATE_TEST_SUITE_P(AllEntryPoints, LogEntry,
@@ -108,6 +83,13 @@ TEST(StripNewline, LooksNoFurtherThanTheLength) {
     EXPECT_STREQ(buffer, "abc\ndef");
     strip_newline(buffer, 4);
     EXPECT_STREQ(buffer, "abc");
+}
+
+TEST(StripNewline, LooksAtTheOneByteOfALengthOfOne) {
+    char buffer[] = "\nabc";
+    strip_newline(buffer, 1);
+    EXPECT_STREQ(buffer, "");
+    EXPECT_STREQ(buffer + 1, "abc");
 }
 
 TEST(StripNewline, ChangesNothingForALengthBelowOne) {
