@@ -104,8 +104,10 @@ TEST_F(ErrorReply, PutsTheHandlersOwnMembersFirstAndReleasesTheObject) {
 }
 
 TEST_F(ErrorReply, LogsAReplyThatCannotBeSent) {
+    JsonRef object(json_object_new_object());
     fakeBus().failNext("QSMessageReply", -107, "gone");
-    HandleError(privateHandle(), m_message, "libErr", "text", nullptr);
+    HandleError(privateHandle(), m_message, "libErr", "text", json_object_get(object.get()));
+    EXPECT_EQ(json_object_put(object.release()), 1) << "the object is released all the same";
     EXPECT_EQ(takeLogLines(),
               (Texts{"HandleError: Sending return error { \"returnValue\": false, \"errorCode\": "
                      "\"libErr\", \"errorText\": \"text\" } \n",

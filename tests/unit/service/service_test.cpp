@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Start-up step by step, every way out of it, and the method tables that a caller meets.
+// Start-up step by step, every way out of it, and the methods that a caller meets.
 #include "service/service.h"
 
 #include <sys/stat.h>
@@ -7,11 +7,13 @@
 #include <functional>
 
 #include "service/cancel.h"
-#include "service/methods.h"
 #include "tests/fakes/fakebusstate.h"
 #include "tests/fakes/servicefixture.h"
 
 namespace {
+
+// Before any test has touched it.
+const int32_t kPortAtStart = gport;
 
 constexpr const char* kExiting = "main: Exiting main because of errors";
 constexpr const char* kExits = "main: PUBSUB SERVICE EXITS BECAUSE OF ERRORS";
@@ -31,6 +33,7 @@ class Service : public ServiceTest {
     }
     // The bus makes a new connection for whoever asks after the end.
     bool unregistered() const { return m_private->closed; }
+    const QSHandle* privateConnection() const { return m_private; }
 
     // Runs the service, does `whileRunning` from its main loop, then ends the loop.
     int run(std::function<void()> whileRunning = [] {}) {
@@ -69,6 +72,7 @@ TEST_F(Service, RunsItsLoopAndEndsWithStatus0WhenTheLoopEnds) {
     EXPECT_EQ(mainLog(), (Texts{"main: Calling mainloop", kExiting, kExits}));
     EXPECT_TRUE(unregistered());
     EXPECT_EQ(gpMainLoop, nullptr);
+    EXPECT_EQ(session().m_mainLoop, nullptr);
 }
 
 TEST_F(Service, StartsItsFourWatchesInOrderAndNothingElse) {
@@ -101,6 +105,18 @@ TEST_F(Service, InstallsOneCancelFunctionForEachConnection) {
     EXPECT_TRUE(ranItsLoop());
 }
 
+TEST_F(Service, OffersItsMethodsInOneCategoryWithoutUserData) {
+    run([&] {
+        for (QSHandle* handle : {privateHandle(), publicHandle()}) {
+            ASSERT_EQ(handle->categories.size(), 1u);
+            EXPECT_EQ(handle->categories.begin()->first, "/");
+            for (const auto& [name, served] : handle->categories.begin()->second)
+                EXPECT_EQ(served.second, nullptr) << name;
+        }
+    });
+    EXPECT_TRUE(ranItsLoop());
+}
+
 TEST_F(Service, BeginsFromAPristineSession) {
     session().m_username = "left over";
     session().m_retryCount = 7;
@@ -127,6 +143,27 @@ TEST_F(Service, LoadsTheHandlerFileAndTheOfflineMap) {
         EXPECT_EQ(session().m_offlineMap["/u/r/a/n"], "com.example.app");
     });
     EXPECT_TRUE(ranItsLoop());
+}
+
+TEST_F(Service, LoadsTheHandlersBeforeTheOfflineMap) {
+    writeFile(stateFolder() / "pubsubhandlers.conf", "no json\n");
+    fakePrefs().store("pubsubservice.offlineMap", "/u/r/a/n", "com.example.app");
+    fakePrefs().failNext("QPAppCopyValueString", QP_IO);
+    run();
+    EXPECT_EQ(takeLogLines(),
+              (Texts{"ReadHandlerFile: Malformed handler file. Stop reading \n",
+                     "loadOfflineMapFromDisk: Could not read value for node in offline store /u/r/a/n",
+                     "main: Calling mainloop", kExiting, kExits}));
+}
+
+TEST_F(Service, RunsWithoutTheOfflineMapsStoreWhichIsTheFirstToBeOpened) {
+    fakePrefs().failNext("QPAppGetHandle", QP_IO, 1);
+    run([&] {
+        EXPECT_EQ(session().m_offlinePrefHandle, nullptr);
+        EXPECT_NE(session().m_prefsHandle, nullptr);
+    });
+    EXPECT_TRUE(ranItsLoop());
+    EXPECT_FALSE(fakePrefs().faultPending("QPAppGetHandle"));
 }
 
 TEST_F(Service, StartsWithoutACredentialsFileAndSaysNothingOfIt) {
@@ -156,6 +193,10 @@ TEST_F(Service, TakesTheSessionDetailsFromTheCredentialsFile) {
         EXPECT_EQ(gport, 5223);
     });
     EXPECT_EQ(fakeServer().connects(), 0) << "the start itself never dials";
+}
+
+TEST(Globals, HoldTheDefaultPortFromTheStart) {
+    EXPECT_EQ(kPortAtStart, 5222);
 }
 
 TEST_F(Service, KeepsTheDefaultPortForAShortCredentialsFile) {
@@ -222,6 +263,22 @@ TEST_F(Service, EndsWhenThePreferencesCannotBeOpened) {
     EXPECT_TRUE(unregistered());
 }
 
+TEST_F(Service, NamesTheReasonWhyThePreferencesCannotBeOpened) {
+    fakePrefs().failNext("QPAppGetHandle", QP_NOT_FOUND, 2);
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(mainLog(), (Texts{"main: Error: QPAppGetHandle returned 1", kExiting, kExits}));
+}
+
+TEST_F(Service, HasLoadedAllElseWhenThePreferencesCannotBeOpened) {
+    writeFile(stateFolder() / "pubsub.conf", "u1@example.org\nsecret\nxmpp.example.org\n");
+    fakePrefs().failNext("QPAppGetHandle", QP_IO, 2);
+    run();
+    EXPECT_EQ(session().m_username, "u1");
+    EXPECT_EQ(session().m_domain, "example.org");
+    EXPECT_EQ(session().m_prefsHandle, nullptr);
+    EXPECT_TRUE(std::filesystem::is_directory(stateFolder() / "cache"));
+}
+
 TEST_F(Service, EndsWhenTheConnectionManagerCannotBeWatched) {
     fakeBus().failNext("QSCall", -5, "no bus");
     EXPECT_EQ(run(), 0);
@@ -255,6 +312,7 @@ TEST_F(Service, LeavesWhenOnlyThePublicCancelFunctionIsRefused) {
     EXPECT_EQ(run(), 0);
     EXPECT_FALSE(ranItsLoop());
     EXPECT_EQ(mainLog(), (Texts{"main: Failed registering cancel function no bus\n", kExiting, kExits}));
+    EXPECT_EQ(privateConnection()->cancel, cancelFunction) << "the private one is installed first";
 }
 
 TEST_F(Service, PrintsTheBusErrorWhenItCannotUnregister) {
@@ -264,48 +322,7 @@ TEST_F(Service, PrintsTheBusErrorWhenItCannotUnregister) {
     EXPECT_EQ(takeLogLines().back(), kExits);
 }
 
-// --- the tables
-
-Texts namesOf(const QSMethod* table) {
-    Texts names;
-    for (; table->name; ++table) {
-        EXPECT_EQ(table->flags, 0u) << table->name;
-        EXPECT_NE(table->handler, nullptr) << table->name;
-        names.push_back(table->name);
-    }
-    return names;
-}
-
-TEST(MethodTables, HoldThePublicMethods) {
-    EXPECT_EQ(namesOf(pubMethods),
-              (Texts{"createEndpoint", "deleteEndpoint", "subscribe", "unsubscribe", "getPublishKey",
-                     "connectStatus", "subscribeOnClose", "unsubscribeOnClose"}));
-}
-
-TEST(MethodTables, HoldThePrivateMethods) {
-    EXPECT_EQ(namesOf(methods), (Texts{"createNode",
-                                       "deleteNode",
-                                       "publishItem",
-                                       "registerItemCallback",
-                                       "registerItemCallbackV2",
-                                       "unRegisterItemCallback",
-                                       "subscribeToNode",
-                                       "unsubscribeFromNode",
-                                       "setNodeConfig",
-                                       "getNodeConfig",
-                                       "getPendingAuth",
-                                       "approvePending",
-                                       "subscribeNodeAuth",
-                                       "subscribeConnStatus",
-                                       "initializeAccount",
-                                       "getJabberId",
-                                       "disconnect",
-                                       "getResource",
-                                       "registerOnClose",
-                                       "keepAliveTimer",
-                                       "reconnectTimer",
-                                       "activateNode"}));
-}
+// --- the methods
 
 TEST_F(Service, ServesPublicMethodsOnBothConnectionsAndPrivateOnesOnThePrivateAlone) {
     run([&] {

@@ -2,6 +2,7 @@
 // The watches on the platform's services: what they ask the bus, and what each report makes the service do.
 #include "service/watchers.h"
 
+#include "service/network.h"
 #include "tests/fakes/servicefixture.h"
 
 namespace {
@@ -114,6 +115,9 @@ TEST_F(ServiceUp, ConnectionManagerIsAskedForItsStatus) {
     EXPECT_EQ(takeEvents(),
               Texts{R"(bus.call quor://com.zelt.connectionmanager/getstatus {"subscribe":true})"});
     EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(fakeBus().calls().back().callback, connectionStatusV2);
+    EXPECT_EQ(fakeBus().calls().back().context, nullptr);
+    EXPECT_EQ(fakeBus().calls().back().handle, privateHandle());
 }
 
 TEST_F(ServiceUp, ConnectionManagerIsAskedAnewAtASecondReport) {
@@ -142,7 +146,10 @@ TEST_F(ServiceUp, AppInstallerIsAskedForAllApplications) {
     EXPECT_EQ(
         takeEvents(),
         Texts{R"(bus.call quor://com.zelt.appinstaller/notifyOnChange {"appId": "*", "subscribe":true})"});
+    EXPECT_EQ(takeLogLines(), Texts{});
     EXPECT_EQ(fakeBus().calls().back().callback, appInstallChange);
+    EXPECT_EQ(fakeBus().calls().back().context, nullptr);
+    EXPECT_EQ(fakeBus().calls().back().handle, privateHandle());
 }
 
 TEST_F(ServiceUp, AppInstallerThatCannotBeAskedIsLoggedWithTheTextOfAnotherCall) {
