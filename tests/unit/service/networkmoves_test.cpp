@@ -3,6 +3,9 @@
 // connection.
 #include "service/network.h"
 
+#include <gmock/gmock.h>
+
+#include "session/methods.h"
 #include "tests/unit/service/networktest.h"
 
 namespace {
@@ -130,6 +133,16 @@ TEST_F(Network, DropsTheConnectionOverWifi) {
     expectIdle();
     EXPECT_FALSE(session().m_reconnectPending);
     EXPECT_EQ(takeLogLines(), Texts{"onDisconnect: Disconnected from xmpp server 17"});
+}
+
+TEST_F(Network, TellsTheFollowersOfTheLossThatThereIsNoNetwork) {
+    connectedOver(kOverWifi);
+    callPrivate(subscribeConnStatus, "subscribeConnStatus", R"({"subscribe":true})");
+    takeEvents();
+    report(kNoNetwork);
+    const Texts events = takeEvents();
+    EXPECT_THAT(events, testing::Contains(testing::EndsWith(
+                            R"({"returnValue":true, "connected":false, "session":true, "network":false})")));
 }
 
 TEST_F(Network, DropsTheConnectionOverWifiEvenWhenTheMobileLinkIsUp) {

@@ -2,13 +2,41 @@
 // Start-up step by step, every way out of it, and the methods that a caller meets.
 #include "service/service.h"
 
+#include <dlfcn.h>
+#include <glib.h>
 #include <sys/stat.h>
 
 #include <functional>
+#include <utility>
 
 #include "service/cancel.h"
 #include "tests/fakes/fakebusstate.h"
 #include "tests/fakes/servicefixture.h"
+
+namespace {
+
+bool loopRefused = false;                        // the next main loop cannot be made
+std::function<void(GMainLoop*)> onLoopReleased;  // called before a main loop gives a reference back
+
+template <typename Function>
+Function* inGlib(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// The program's own two stand in for GLib's, which never fails and tells nobody.
+GMainLoop* g_main_loop_new(GMainContext* context, gboolean running) {
+    static auto* const make = inGlib<decltype(g_main_loop_new)>("g_main_loop_new");
+    return std::exchange(loopRefused, false) ? nullptr : make(context, running);
+}
+
+void g_main_loop_unref(GMainLoop* loop) {
+    static auto* const release = inGlib<decltype(g_main_loop_unref)>("g_main_loop_unref");
+    if (onLoopReleased)
+        onLoopReleased(loop);
+    release(loop);
+}
 
 namespace {
 
@@ -79,6 +107,32 @@ TEST_F(Service, StartsItsFourWatchesInOrderAndNothingElse) {
     run();
     EXPECT_EQ(takeEvents(), (Texts{watchCall("connectionmanager"), watchCall("appinstaller"),
                                    watchCall("accountservices"), watchCall("systemmanager")}));
+    for (const PlacedCall& watch : fakeBus().calls())
+        EXPECT_EQ(watch.handle, privateConnection()) << watch.payload;
+}
+
+TEST_F(Service, ReleasesItsLoopBeforeItsLastWord) {
+    GMainLoop* loop = nullptr;
+    Texts before;
+    onLoopReleased = [&](GMainLoop* released) {
+        EXPECT_EQ(released, loop);
+        before = mainLog();
+    };
+    run([&] { loop = gpMainLoop; });
+    onLoopReleased = nullptr;
+    EXPECT_EQ(before, (Texts{"main: Calling mainloop", kExiting}));
+    EXPECT_EQ(mainLog(), Texts{kExits});
+}
+
+TEST_F(Service, EndsWhenItHasNoLoop) {
+    loopRefused = true;
+    onLoopReleased = [](GMainLoop* released) { ADD_FAILURE() << "there is none to release: " << released; };
+    EXPECT_EQ(run(), 0);
+    onLoopReleased = nullptr;
+    EXPECT_FALSE(ranItsLoop());
+    EXPECT_EQ(takeLogLines(), (Texts{"main: Creating new mainloop failed \n", kExiting, kExits}));
+    EXPECT_FALSE(unregistered());
+    EXPECT_EQ(takeEvents(), Texts{});
 }
 
 TEST_F(Service, StoresItsHandlesAndItsLoopInTheSession) {

@@ -186,6 +186,15 @@ TEST_F(AccountServiceUp, IsAskedForALogin) {
     EXPECT_EQ(takeLogLines(), Texts{"accountServicesUp: Trying to get login value now that AC is up"});
 }
 
+TEST_F(AccountServiceUp, IsAnnouncedInTheLogBeforeItIsAsked) {
+    fakeBus().failNext("QSCall", -12, "no memory", 1, 1);
+    comesUp();
+    const Texts lines = takeLogLines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "accountServicesUp: Trying to get login value now that AC is up");
+    EXPECT_TRUE(lines[1].starts_with("getLoginDetails: ")) << lines[1];
+}
+
 TEST_F(AccountServiceUp, IsNotAskedWhenTheSessionHasAJidAlready) {
     session().m_jid = gloox::JID("u1@example.org");
     comesUp();
@@ -227,6 +236,10 @@ class AppInstallChange : public ServiceTest {
     }
     // Cleaning up lists the application's key for deletion.
     bool cleaned() { return fakePrefs().stored("com.zelt.pubsubservice").contains("delete"); }
+    void expectNothingTouched() {
+        EXPECT_FALSE(cleaned());
+        EXPECT_EQ(takeEvents(), Texts{});
+    }
 };
 
 TEST_F(AppInstallChange, CleansUpAfterARemovedApplication) {
@@ -236,11 +249,18 @@ TEST_F(AppInstallChange, CleansUpAfterARemovedApplication) {
               std::string::npos);
 }
 
+TEST_F(AppInstallChange, IsHandledAlsoWhenTheCleanUpFails) {
+    fakePrefs().failNext("QPAppGetHandle", QP_IO, 100);
+    session().m_prefsHandle = nullptr;
+    EXPECT_TRUE(notify(R"({"statusChange":"REMOVED","appId":"com.example.app"})"));
+    EXPECT_FALSE(cleaned());
+}
+
 TEST_F(AppInstallChange, IgnoresEveryOtherChange) {
     for (const char* change : {"INSTALLED", "UPDATED", "removed", "Removed", "REMOVED "})
         EXPECT_TRUE(notify(std::string(R"({"statusChange":")") + change + R"(","appId":"com.example.app"})"))
             << change;
-    EXPECT_FALSE(cleaned());
+    expectNothingTouched();
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
@@ -248,20 +268,21 @@ TEST_F(AppInstallChange, LogsANoticeThatIsNoJson) {
     EXPECT_FALSE(notify("no json"));
     EXPECT_EQ(takeLogLines(), (Texts{"appInstallChange: Malformed json packet? \n",
                                      "appInstallChange: Error?  Incoming no json"}));
-    EXPECT_FALSE(cleaned());
+    expectNothingTouched();
 }
 
 TEST_F(AppInstallChange, LogsANoticeWithoutAChange) {
     EXPECT_FALSE(notify(R"({"appId":"com.example.app"})"));
     EXPECT_EQ(takeLogLines(), Texts{R"(appInstallChange: Error? No statusChange provided Incoming )"
                                     R"({"appId":"com.example.app"})"});
-    EXPECT_FALSE(cleaned());
+    expectNothingTouched();
 }
 
 TEST_F(AppInstallChange, LogsANoticeWithAnEmptyChange) {
     EXPECT_FALSE(notify(R"({"statusChange":""})"));
     EXPECT_EQ(takeLogLines(),
               Texts{R"(appInstallChange: Error? Empty statusChange provided Incoming {"statusChange":""})"});
+    expectNothingTouched();
 }
 
 TEST_F(AppInstallChange, CleansNothingForARemovalWithoutAnApplication) {
@@ -272,7 +293,7 @@ TEST_F(AppInstallChange, CleansNothingForARemovalWithoutAnApplication) {
         (Texts{
             R"(appInstallChange: Error? No appId provided Incoming {"statusChange":"REMOVED"})",
             R"(appInstallChange: Error? Empty appId provided Incoming {"statusChange":"REMOVED","appId":""})"}));
-    EXPECT_FALSE(cleaned());
+    expectNothingTouched();
 }
 
 }  // namespace
