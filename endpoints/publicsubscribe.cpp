@@ -172,6 +172,8 @@ void PubSubSession::activateDeferredSubscribers() {
         } else {
             QSHandle* handle = subMap[request.node].handle;
             removeSubMap(request.node);
+            PrvPrintErr(__func__, __LINE__, "Error %s, Incoming %s", kNotInitialized,
+                        QSMessageGetPayload(request.message.get()));
             JsonRef context(json_object_new_object());
             addMember(context, "endpoint", request.endpoint);
             HandleError(handle, request.message.get(), "libErr", kNotInitialized, context.release());

@@ -118,6 +118,7 @@ TEST_F(DeferredSubscribe, IsRefusedAtTheConnectWhenItsNodeCannotBeActivated) {
     reconnect();
     EXPECT_EQ(reply.all(),
               Texts{refusal(R"(a\u0001)", "libErr", "pubsubservice library is not initialized")});
+    EXPECT_TRUE(log().contains("Error pubsubservice library is not initialized, Incoming " + payload));
     EXPECT_FALSE(reply.kept());
     EXPECT_TRUE(session().subMap.empty());
     EXPECT_TRUE(session().m_deferredSubscribes.empty());
@@ -132,6 +133,16 @@ TEST_F(DeferredSubscribe, IsRefusedAtTheConnectWhenServicesHaveTakenItsNode) {
     EXPECT_EQ(reply.all(), Texts{refusal("inbox", "libErr", "pubsubservice library is not initialized")});
     EXPECT_FALSE(reply.kept());
     EXPECT_TRUE(session().subMap.empty());
+}
+
+TEST_F(DeferredSubscribe, IsAnsweredAtTheConnectWhenItsNodeIsActiveByThen) {
+    const Answer reply = askSubscribe();
+    session().activated(kNode, true);
+    reconnect();
+    EXPECT_EQ(reply.all(), Texts{kSuccess});
+    EXPECT_TRUE(reply.kept());
+    EXPECT_TRUE(session().subMap.contains(kNode));
+    EXPECT_TRUE(session().m_deferredSubscribes.empty());
 }
 
 TEST_F(DeferredSubscribe, IsDroppedByAWithdrawal) {
