@@ -59,6 +59,28 @@ TEST_F(PublicSubscribe, SecondSubscriberOfANodeIsToldAndChangesNothing) {
     EXPECT_EQ(fakeBus().subscribers(publicHandle(), kNode).size(), 1u);
 }
 
+TEST_F(PublicSubscribe, SecondSubscriberIsToldSoAlsoWhenAnItemWaits) {
+    askSubscribe();
+    writeFile(cacheFile(), item("hello"));
+    EXPECT_EQ(askSubscribe().all(), Texts{kSubscribed});
+    EXPECT_EQ(fileText(cacheFile()), item("hello"));
+}
+
+TEST_F(PublicSubscribe, RecordsTheConnectionThatTheRequestCameOver) {
+    callPrivate(subscribe, "subscribe", kInbox, "com.example.app 4711");
+    EXPECT_EQ(session().subMap.at(kNode).handle, privateHandle());
+    EXPECT_EQ(fakeBus().subscribers(privateHandle(), kNode).size(), 1u);
+}
+
+TEST_F(PublicSubscribe, GetsNoAnswerWhileActivationIsHeldBack) {
+    session().m_spare3 = true;
+    const Answer reply = askSubscribe();
+    EXPECT_TRUE(reply.waiting());
+    EXPECT_EQ(takeEvents(), Texts{"bus.subscribe public " + kNode});
+    EXPECT_TRUE(session().m_endpointMap.empty());
+    EXPECT_TRUE(session().m_deferredSubscribes.contains(kNode));
+}
+
 TEST_F(PublicSubscribe, WaitingItemIsHandedOverAndItsFileGoes) {
     pushItem(kNode, "7", "i1", "hello");
     ASSERT_TRUE(std::filesystem::exists(cacheFile()));
@@ -238,7 +260,11 @@ TEST_F(PublicSubscribe, WithdrawalDropsTheOfflineEntryOnlyWhenAsked) {
     askUnsubscribe(R"({"endpoint":"inbox","onclose":false})");
     askUnsubscribe(R"({"endpoint":"inbox","onclose":null})");
     EXPECT_TRUE(session().m_offlineMap.contains(kNode));
-    EXPECT_EQ(askUnsubscribe(R"({"endpoint":"inbox","onclose":true})").all(), Texts{kNotSubscribed});
+    takeEvents();
+    askUnsubscribe(R"({"endpoint":"inbox","onclose":true})");
+    EXPECT_EQ(takeEvents(),
+              (Texts{"prefs.remove pubsubservice.offlineMap " + kNode,
+                     "prefs.commit pubsubservice.offlineMap", "bus.respond unsubscribe " + kNotSubscribed}));
     EXPECT_FALSE(session().m_offlineMap.contains(kNode));
     EXPECT_EQ(fakePrefs().stored("pubsubservice.offlineMap"), FakePrefs::Values{});
 }
@@ -253,6 +279,18 @@ TEST_F(PublicSubscribe, WithdrawalWithoutAConnectionTakesEffectAtOnce) {
     EXPECT_EQ(reply.all(), Texts{kSuccess});
     EXPECT_FALSE(reply.kept());
     EXPECT_FALSE(subscriber.kept());
+    EXPECT_TRUE(session().subMap.empty());
+    EXPECT_EQ(session().m_activateMap, (std::map<std::string, bool>{{kNode, false}}));
+}
+
+TEST_F(PublicSubscribe, WithdrawalTakesEffectAtOnceWhileActivationIsHeldBack) {
+    askSubscribe();
+    answer(lastId());
+    session().m_spare3 = true;
+    takeEvents();
+    EXPECT_EQ(askUnsubscribe().all(), Texts{kSuccess});
+    EXPECT_EQ(takeEvents(),
+              (Texts{"bus.unsubscribe public " + kNode, "bus.respond unsubscribe " + kSuccess}));
     EXPECT_TRUE(session().subMap.empty());
 }
 
@@ -270,4 +308,10 @@ TEST_F(PublicSubscribe, WithdrawalLogsAnAnswerThatCannotBeSent) {
     askUnsubscribe();
     EXPECT_EQ(takeLogLines(),
               Texts{"respondToUnsubscribe: Sending response to unsubscribe failed id  Error no way "});
+    askSubscribe();
+    takeLog();
+    fakeBus().failNext("QSMessageRespond", -5, "no way");
+    askUnsubscribe();
+    EXPECT_EQ(takeLogLines(), Texts{"respondToUnsubscribe: Sending response to unsubscribe failed id " +
+                                    lastId() + " Error no way "});
 }

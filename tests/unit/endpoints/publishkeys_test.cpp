@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Endpoints and their publish keys: the stanzas, the answers, and what a created or deleted endpoint leaves.
+#include <gloox/error.h>
+
 #include "tests/unit/endpoints/endpointtest.h"
 
 namespace {
@@ -8,6 +10,18 @@ const std::string kStore = "com.zelt.pubsubservice";
 
 std::string keyResult(const std::string& key, const std::string& attributes = "") {
     return "<key xmlns='urn:zelt:pubsub:device:0' node='" + kNode + "'" + attributes + ">" + key + "</key>";
+}
+
+std::string createStanza(const std::string& title, const std::string& access) {
+    const auto field = [](const std::string& name, const std::string& value) {
+        return "<field var='pubsub#" + name + "'><value>" + value + "</value></field>";
+    };
+    return deviceIq("set",
+                    "<create-key-node xmlns='urn:zelt:pubsub:device:0' node='" + kNode +
+                        "'><x xmlns='jabber:x:data' type='submit'><field var='FORM_TYPE' type='hidden'>"
+                        "<value>http://jabber.org/protocol/pubsub#node_config</value></field>" +
+                        field("node_type", "leaf") + (title.empty() ? "" : field("title", title)) +
+                        field("access_model", access) + "</x></create-key-node>");
 }
 
 std::string getKeyStanza() {
@@ -64,22 +78,20 @@ TEST_F(PublishKeys, MapGivesTheReferenceOfAReplacedRequestBack) {
 TEST_F(PublishKeys, CreationWaitsUnderItsIdWithNodeAndApplication) {
     const Answer reply = create();
     EXPECT_TRUE(reply.waiting());
-    EXPECT_TRUE(lastHas("<create-key-node xmlns='urn:zelt:pubsub:device:0' node='" + kNode + "'"))
-        << lastStanza().xml();
-    const _endpointStruct& entry = session().m_endpointMap.at(lastId());
+    const std::string id = expectStanza(createStanza("", "whitelist"));
+    const _endpointStruct& entry = session().m_endpointMap.at(id);
     EXPECT_EQ(entry.endpoint, "inbox");
     EXPECT_EQ(entry.node, kNode);
     EXPECT_EQ(entry.appId, "com.example.app");
 }
 
 TEST_F(PublishKeys, CreationAsksForTheAccessModelAndTheTitle) {
-    create();
-    EXPECT_TRUE(lastHas("<value>whitelist</value>")) << lastStanza().xml();
-    create(R"({"endpoint":"inbox","accessType":1})");
-    EXPECT_TRUE(lastHas("<value>whitelist</value>")) << lastStanza().xml();
     create(R"({"endpoint":"inbox","accessType":2,"description":"My news"})");
-    EXPECT_TRUE(lastHas("<value>authorize</value>")) << lastStanza().xml();
-    EXPECT_TRUE(lastHas("<value>My news</value>")) << lastStanza().xml();
+    expectStanza(createStanza("My news", "authorize"));
+    for (const std::string accessType : {"0", "1", "3", "-2", "\"x\"", "null"}) {
+        create(R"({"endpoint":"inbox","accessType":)" + accessType + "}");
+        expectStanza(createStanza("", "whitelist"));
+    }
 }
 
 TEST_F(PublishKeys, CreationAnswersWithTheKeyAndEntersTheDeleteStore) {
@@ -115,6 +127,21 @@ TEST_F(PublishKeys, CreationReportsTheServersRefusal) {
                                      "printerror: ERR in func handleCreateKey: " + kForbidden}));
     EXPECT_FALSE(reply.kept());
     EXPECT_EQ(fakePrefs().stored(kStore), FakePrefs::Values{});
+}
+
+TEST_F(PublishKeys, CreationIsAnsweredAlsoWhenTheDeleteStoreFails) {
+    const Answer reply = create();
+    fakePrefs().failNext("QPAppSetValue", QP_BUSY);
+    answer(lastId(), keyResult("k-1"));
+    EXPECT_EQ(reply, R"({ "returnValue": true, "endpoint": "inbox", "publishKey": "k-1" })");
+    EXPECT_EQ(takeLog(), Texts{"Error: QPAppSetValue returned 4, On failed"});
+}
+
+TEST_F(PublishKeys, CreationThatIsRefusedNamesNoKeyAndNoStatus) {
+    const Answer reply = create();
+    const gloox::Error forbidden(gloox::StanzaErrorTypeAuth, gloox::StanzaErrorForbidden);
+    session().handleCreateKey(lastId(), gloox::JID(kService), "k-1", "exists", &forbidden);
+    EXPECT_EQ(reply, kServerRefused);
 }
 
 TEST_F(PublishKeys, CreationLogsAnAnswerThatCannotBeSent) {

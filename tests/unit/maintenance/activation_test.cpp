@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Node activation: when the server is asked, what its answers change, and who gets them.
+#include <gloox/error.h>
+
 #include <utility>
 
 #include "maintenance/methods.h"
@@ -77,6 +79,12 @@ TEST_F(Activation, IsNotAskedForANodeThatServicesTake) {
     registerService();
     EXPECT_EQ(activate(), std::pair(true, std::string("before")));
     EXPECT_EQ(stanzaCount(), 0u);
+}
+
+TEST_F(Activation, LooksForServicesBeforeItLooksForTheMark) {
+    registerService();
+    session().activated(kNode, true);
+    EXPECT_EQ(activate(), std::pair(true, std::string("before")));
 }
 
 TEST_F(Activation, TakesNoNoticeOfApplicationHandlers) {
@@ -283,8 +291,11 @@ TEST_F(Activation, BulkResultIsOnlyLogged) {
 
 TEST_F(Activation, SystemNodesResultIsOnlyLogged) {
     session().handleActivateSysNodes("id", gloox::JID(kService), nullptr);
-    EXPECT_EQ(takeEvents(), Texts{});
     EXPECT_EQ(takeLogLines(), Texts{});
+    const gloox::Error forbidden(gloox::StanzaErrorTypeAuth, gloox::StanzaErrorForbidden);
+    session().handleActivateSysNodes("id", gloox::JID(kService), &forbidden);
+    EXPECT_EQ(takeEvents(), Texts{});
+    EXPECT_EQ(takeLogLines(), Texts{"printerror: ERR in func handleActivateSysNodes: " + kNotAllowed});
 }
 
 // --- the bus method
@@ -302,6 +313,18 @@ TEST_F(Activation, MethodWaitsForTheServerAndAnswersWithTheNode) {
     EXPECT_EQ(takeEvents(), (Texts{kPing, "bus.respond activateNode " + success()}));
     EXPECT_FALSE(reply.kept());
     EXPECT_TRUE(session().m_activateMap.at(kNode));
+}
+
+TEST_F(Activation, MethodReportsTheServersRefusalAndTheSubscriberGoes) {
+    session().setSubMap(kNode, "com.example.app", nullptr);
+    const Answer reply = askForNode();
+    takeEvents();
+    answerError(lastId(), "auth", "forbidden");
+    EXPECT_EQ(takeEvents(),
+              (Texts{kPing, R"(bus.respond activateNode { "returnValue": false, "endpoint": ")" + kShown +
+                                R"(", "errorCode": "xmppErr", "errorText": "forbidden" })"}));
+    EXPECT_FALSE(reply.kept());
+    EXPECT_TRUE(session().subMap.empty());
 }
 
 TEST_F(Activation, MethodAnswersLibErrAtOnceForANodeThatServicesTake) {

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The deletion store: which nodes an application owns, and how all of them go with it.
+#include <gloox/error.h>
+
 #include <utility>
 
 #include "tests/fakes/servicefixture.h"
@@ -14,6 +16,8 @@ const std::string kCommit = "prefs.commit " + kStore;
 const std::string kPing =
     R"(bus.call zelt://com.zelt.power/timeout/set {"key":"keepAliveTimer", )"
     R"("uri":"quor://com.zelt.pubsubservice/keepAliveTimer", "in":"00:25:00", "wakeup":true, "params":"{}"})";
+const std::string kForbidden =
+    "<error type='auth'><forbidden xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>";
 
 std::string nodesOf(const std::string& nodes) {
     return R"({ "nodes": [ )" + nodes + " ] }";
@@ -259,12 +263,16 @@ TEST_F(CleanUp, ListsTheRecordBeforeAnyTraceGoes) {
     session().persistSeqNo("/u/a", "42");
     session().m_offlineMap["/u/a"] = kApp;
     fakePrefs().store("pubsubservice.offlineMap", "/u/a", kApp);
+    FakeMessage* subscriber = fakeBus().request(publicHandle(), "subscribe", "{}", "com.example.app 1");
+    ASSERT_TRUE(QSSubscriptionAdd(publicHandle(), "/u/a", subscriber, nullptr));
+    QSMessageUnref(subscriber);
+    session().setSubMap("/u/a", kApp, publicHandle());
     takeEvents();
     cleanUp();
     EXPECT_EQ(takeEvents(),
               (Texts{"prefs.set " + kStore + " delete " + kListedOnce, kCommit,
                      "prefs.remove pubsubservice.offlineMap /u/a", "prefs.commit pubsubservice.offlineMap",
-                     "prefs.remove " + kStore + " /u/a", kCommit,
+                     "bus.unsubscribe public /u/a", "prefs.remove " + kStore + " /u/a", kCommit,
                      "xmpp.send <iq to='pubsub.example.org' id='ID' type='set'><delete-nodes "
                      "xmlns='urn:zelt:pubsub:device:0'><node id='/u/a'/></delete-nodes></iq>"}));
 }
@@ -386,17 +394,20 @@ TEST_F(CleanUp, ErrorAnswerRemovesTheRecordsAllTheSame) {
     cleanUp();
     takeEvents();
     answerError(lastId(), "auth", "forbidden");
-    EXPECT_TRUE(
-        log().contains("ERR in func handleBulkDelete: <error type='auth'><forbidden "
-                       "xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>"));
+    EXPECT_TRUE(log().contains("ERR in func handleBulkDelete: " + kForbidden));
     EXPECT_FALSE(stored().contains(kKey));
     EXPECT_FALSE(stored().contains("delete"));
 }
 
-TEST_F(CleanUp, UnknownAnswerOnlyMovesThePing) {
+TEST_F(CleanUp, UnknownAnswerOnlyMovesThePingAndLogsItsError) {
     giveTraces();
     session().handleBulkDelete("unknown", gloox::JID(kService), nullptr);
     EXPECT_EQ(takeEvents(), Texts{kPing});
+    EXPECT_EQ(takeLog(), Texts{});
+    const gloox::Error forbidden(gloox::StanzaErrorTypeAuth, gloox::StanzaErrorForbidden);
+    session().handleBulkDelete("unknown", gloox::JID(kService), &forbidden);
+    EXPECT_EQ(takeEvents(), Texts{kPing});
+    EXPECT_EQ(takeLog(), Texts{"ERR in func handleBulkDelete: " + kForbidden});
     EXPECT_TRUE(stored().contains(kKey));
 }
 
@@ -409,6 +420,18 @@ TEST_F(CleanUp, AnswerLeavesADamagedListingAlone) {
     answer(lastId());
     EXPECT_EQ(takeLogLines(), Texts{"unlistDeletion: Parsing value failed"});
     EXPECT_EQ(at("delete"), "damaged");
+    EXPECT_FALSE(stored().contains(kKey));
+}
+
+TEST_F(CleanUp, AnswerRemovesTheRecordAlsoWhenItsListingCannotBeWritten) {
+    store(kKey, nodesOf(R"("\/u\/a")"));
+    store("delete", listed(R"("deletecom.example.more")"));
+    cleanUp();
+    takeLog();
+    fakePrefs().failNext("QPAppSetValue", QP_BUSY);
+    answer(lastId());
+    EXPECT_EQ(takeLog(), Texts{"Error: QPAppSetValue returned 4, On failed"});
+    EXPECT_EQ(at("delete"), listed(R"("deletecom.example.more", "deletecom.example.app")"));
     EXPECT_FALSE(stored().contains(kKey));
 }
 
@@ -435,11 +458,14 @@ TEST_F(CleanUp, RetryHandsOnEachEntryWithItsQuotes) {
     store("delete", listed(R"("plain", 5)"));
     store("plain", nodesOf(R"("\/u\/a")"));
     store("\"plain\"", nodesOf(R"("\/u\/b")"));
+    store("5", nodesOf(R"("\/u\/c")"));
     session().deleteBulkNodes();
-    expectStanza(
-        "<iq to='pubsub.example.org' id='ID' type='set'><delete-nodes xmlns='urn:zelt:pubsub:device:0'>"
-        "<node id='/u/b'/></delete-nodes></iq>");
-    EXPECT_EQ(stanzaCount(), 1u);
+    ASSERT_EQ(stanzaCount(), 2u);
+    for (const auto& [at, node] : {std::pair(0, "/u/b"), std::pair(1, "/u/c")})
+        EXPECT_EQ(fakeServer().stanzas()[at].textWithoutId(),
+                  "<iq to='pubsub.example.org' id='ID' type='set'><delete-nodes "
+                  "xmlns='urn:zelt:pubsub:device:0'><node id='" +
+                      std::string(node) + "'/></delete-nodes></iq>");
 }
 
 TEST_F(CleanUp, RetryWithoutAListingDoesNothing) {
