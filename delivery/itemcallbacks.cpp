@@ -4,8 +4,6 @@
 //
 // A registration is a pair of node and endpoint in serviceNodeMap and a record of the handler file. It
 // outlives its caller and this process until it is unregistered.
-#include <algorithm>
-
 #include "delivery/methods.h"
 #include "service/requestframe.h"
 #include "session/pubsubsession.h"
@@ -77,15 +75,12 @@ bool refuseRegistration(const char* function, int line, QSHandle* handle, QSMess
 
 // Whether the pair is registered and its record is in the file. A record that could not be written leaves the
 // pair registered until the next start.
-bool addRegistration(PubSubSession& session, const CallbackRequest& request, std::string record) {
+bool addRegistration(PubSubSession& session, const CallbackRequest& request, const std::string& record) {
     bool alreadyPresent = false;
     if (!session.addNodeToMap(request.node, request.endpoint, false, alreadyPresent))
         return false;
     if (alreadyPresent)
         return true;
-    // The file holds one record a line.
-    std::replace_if(
-        record.begin(), record.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
     return session.UpdateHandlerFile(record.c_str(), true);
 }
 
