@@ -29,6 +29,9 @@ namespace {
 constexpr std::size_t kLineLength = 4095;
 constexpr std::size_t kRecordLength = kLineLength - 1;
 
+// The log names the operation and not the step of it that failed.
+constexpr const char* kUpdate = "UpdateHandlerFile";
+
 struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
 };
@@ -73,7 +76,7 @@ bool parseRecord(const std::string& line, Record& record, bool& app) {
 bool makeStateDir() {
     if (mkdir(stateDir().c_str(), 0744) == 0 || errno == EEXIST)
         return true;
-    PrvPrintErr(__func__, __LINE__, "Creating /var/pubsub failed");
+    PrvPrintErr(kUpdate, __LINE__, "Creating /var/pubsub failed");
     return false;
 }
 
@@ -82,7 +85,7 @@ bool fitsLine(std::string_view record) {
     if (record.size() <= kRecordLength)
         return true;
     PrvPrintErr(
-        __func__, __LINE__,
+        kUpdate, __LINE__,
         "Handler record of %zu characters not saved, the limit is %zu. Use a shorter node or endpoint.",
         record.size(), kRecordLength);
     return false;
@@ -91,7 +94,7 @@ bool fitsLine(std::string_view record) {
 File openHandlerFile(const char* mode) {
     File file(std::fopen(handlerFile().c_str(), mode));
     if (!file)
-        PrvPrintErr(__func__, __LINE__, "Cannot open handler file.");
+        PrvPrintErr(kUpdate, __LINE__, "Cannot open handler file.");
     return file;
 }
 
@@ -101,7 +104,7 @@ bool writeRecord(FILE* file, const std::string& record) {
     // Flushed here, so that a full disk is an error of this record and not of the close.
     if (std::fflush(file) == 0 && !std::ferror(file))
         return true;
-    PrvPrintErr(__func__, __LINE__, "Cannot write to file.");
+    PrvPrintErr(kUpdate, __LINE__, "Cannot write to file.");
     return false;
 }
 

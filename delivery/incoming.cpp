@@ -24,6 +24,9 @@ namespace {
 constexpr const char* kEventNamespace = "http://jabber.org/protocol/pubsub#event";
 constexpr const char* kFormNamespace = "jabber:x:data";
 
+// The log names the operation and not the step of it that failed.
+constexpr const char* kHandleMessage = "handleMessage";
+
 const gloox::Tag* childIn(const gloox::Tag& parent, const std::string& name, const char* xmlns) {
     for (const gloox::Tag* child : parent.children())
         if (child->name() == name && child->xmlns() == xmlns)
@@ -54,8 +57,8 @@ void pushSubscription(QSZeltService* service, const gloox::Tag& subscription) {
     addText(object.get(), "subscription", subscription.findAttribute("subscription"));
     BusError error;
     if (!QSSubscriptionRespond(service, node.c_str(), json_object_to_json_string(object.get()), error))
-        PrvPrintErr(__func__, __LINE__, "Warning: Sending item failed, no subscriber for Node? Bus error %s ",
-                    error.message());
+        PrvPrintErr(kHandleMessage, __LINE__,
+                    "Warning: Sending item failed, no subscriber for Node? Bus error %s ", error.message());
 }
 
 void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std::string& messageId) {
@@ -70,7 +73,7 @@ void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std
     for (const std::string& key : {"handleAuth:" + node, std::string("handleAuth:*")}) {
         BusError error;
         if (!QSSubscriptionRespond(service, key.c_str(), payload, error))
-            PrvPrintErr(__func__, __LINE__, "Warning: No one approve message? Quor error %s ",
+            PrvPrintErr(kHandleMessage, __LINE__, "Warning: No one approve message? Quor error %s ",
                         error.message());
     }
 }

@@ -252,7 +252,7 @@ TEST_F(HandlerFile, RefusesALongerRecordAndKeepsTheFile) {
     EXPECT_FALSE(append(recordOfLength(4095, "b")));
     EXPECT_EQ(text(), line(appendedRecord("a", "x")));
     EXPECT_EQ(takeLogLines(),
-              Texts{"fitsLine: Handler record of 4095 characters not saved, the limit is 4094. "
+              Texts{"UpdateHandlerFile: Handler record of 4095 characters not saved, the limit is 4094. "
                     "Use a shorter node or endpoint."});
 }
 
@@ -278,7 +278,7 @@ TEST_F(HandlerFile, LeavesARecordThatGrewTooLongOutOfTheRewrite) {
     EXPECT_FALSE(rewrite());
     EXPECT_EQ(text(), line(rewrittenRecord("a", false, "x")) + line(rewrittenRecord("c", true, "z")));
     EXPECT_EQ(takeLogLines(),
-              Texts{"fitsLine: Handler record of 4139 characters not saved, the limit is 4094. "
+              Texts{"UpdateHandlerFile: Handler record of 4139 characters not saved, the limit is 4094. "
                     "Use a shorter node or endpoint."});
 }
 
@@ -298,14 +298,16 @@ TEST_F(HandlerFile, ReportsAFolderThatCannotBeCreated) {
     setenv("PUBSUB_STATE_DIR", (stateFolder() / "plain" / "below").c_str(), 1);
     EXPECT_FALSE(append(appendedRecord("a", "x")));
     EXPECT_FALSE(rewrite());
-    EXPECT_EQ(takeLog(), (Texts{"Creating /var/pubsub failed", "Creating /var/pubsub failed"}));
+    EXPECT_EQ(takeLogLines(), (Texts{"UpdateHandlerFile: Creating /var/pubsub failed",
+                                     "UpdateHandlerFile: Creating /var/pubsub failed"}));
 }
 
 TEST_F(HandlerFile, ReportsAFileThatCannotBeOpened) {
     std::filesystem::create_directory(file());
     EXPECT_FALSE(append(appendedRecord("a", "x")));
     EXPECT_FALSE(rewrite());
-    EXPECT_EQ(takeLog(), (Texts{"Cannot open handler file.", "Cannot open handler file."}));
+    EXPECT_EQ(takeLogLines(), (Texts{"UpdateHandlerFile: Cannot open handler file.",
+                                     "UpdateHandlerFile: Cannot open handler file."}));
 }
 
 TEST_F(HandlerFile, ReportsADiskThatIsFull) {
@@ -315,6 +317,7 @@ TEST_F(HandlerFile, ReportsADiskThatIsFull) {
     session().addNodeToMap("a", "x", false, present);
     session().addNodeToMap("b", "y", false, present);
     EXPECT_FALSE(rewrite());
-    EXPECT_EQ(takeLog(), (Texts{"Cannot write to file.", "Cannot write to file."}));
+    EXPECT_EQ(takeLogLines(), (Texts{"UpdateHandlerFile: Cannot write to file.",
+                                     "UpdateHandlerFile: Cannot write to file."}));
     EXPECT_EQ(services().size(), 2u);
 }

@@ -115,7 +115,7 @@ TEST_F(Incoming, PlainMessageIsReadFromItsXml) {
     message.addExtension(new RawExtension(event));
     session().handleMessage(message);
     EXPECT_EQ(takeLogLines(),
-              Texts{"pushSubscription: Warning: Sending item failed, no subscriber for Node? Bus error " +
+              Texts{"handleMessage: Warning: Sending item failed, no subscriber for Node? Bus error " +
                     std::string("no subscriber under n ")});
 }
 
@@ -158,7 +158,7 @@ TEST_F(PushedToSubscribers, ChangeOfASubscriptionThatNobodyFollowsIsLogged) {
     pushEvent("<subscription/>");
     EXPECT_EQ(
         takeLogLines(),
-        Texts{"pushSubscription: Warning: Sending item failed, no subscriber for Node? Bus error nobody "});
+        Texts{"handleMessage: Warning: Sending item failed, no subscriber for Node? Bus error nobody "});
 }
 
 TEST_F(PushedToSubscribers, RequestForApprovalReachesItsNodeAndTheListenersOfAllNodes) {
@@ -178,9 +178,8 @@ TEST_F(PushedToSubscribers, RequestForApprovalReachesItsNodeAndTheListenersOfAll
 TEST_F(PushedToSubscribers, RequestForApprovalThatNobodyHearsIsLoggedForBothKeys) {
     fakeBus().failNext("QSSubscriptionRespond", -2, "nobody", 2);
     pushForm(field("pubsub#node", "/n"));
-    EXPECT_EQ(takeLogLines(),
-              (Texts{"pushAuthorisation: Warning: No one approve message? Quor error nobody ",
-                     "pushAuthorisation: Warning: No one approve message? Quor error nobody "}));
+    EXPECT_EQ(takeLogLines(), (Texts{"handleMessage: Warning: No one approve message? Quor error nobody ",
+                                     "handleMessage: Warning: No one approve message? Quor error nobody "}));
 }
 
 TEST_F(PushedToSubscribers, FieldsThatTheFormLacksAreEmpty) {

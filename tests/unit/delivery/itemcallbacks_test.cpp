@@ -154,7 +154,7 @@ TEST_F(ItemCallbacks, KeepsAPairWhoseRecordCannotBeWrittenAndSaysSo) {
     std::filesystem::create_directory(handlerFile());
     EXPECT_EQ(call(registerItemCallback, R"({"node":"a","endpoint":"e"})"), kNotDone);
     EXPECT_EQ(session().serviceNodeMap, (Handlers{{"a", {"e"}}}));
-    EXPECT_EQ(takeLog(), Texts{"Cannot open handler file."});
+    EXPECT_EQ(takeLogLines(), Texts{"UpdateHandlerFile: Cannot open handler file."});
     EXPECT_EQ(call(registerItemCallbackV2, R"({"node":"a","endpoint":"e"})"), kNotDone);
 }
 
