@@ -1,7 +1,31 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The item cache: file names, replacing writes, and files that are missing, empty or damaged.
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include "tests/fakes/servicefixture.h"
 #include "util/jsonref.h"
+
+namespace {
+
+// What was synced since the last look: the path, and whether the item's file stood under its name by then.
+struct Synced {
+    std::filesystem::path path;
+    bool inPlace;
+};
+std::vector<Synced> synced;
+std::filesystem::path watchedFile;
+
+}  // namespace
+
+// Takes the place of the C library's for GLib too.
+extern "C" int fsync(int descriptor) {
+    std::error_code none;
+    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+    synced.push_back({std::filesystem::read_symlink(link, none), std::filesystem::exists(watchedFile, none)});
+    return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
 
 class Cache : public ServiceTest {
   protected:
@@ -56,6 +80,35 @@ TEST_F(Cache, HoldsTheTextOfTheObjectWithoutANewline) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
+TEST_F(Cache, HasTheItemAndItsNameOnTheDiskBeforeItCountsAsSaved) {
+    watchedFile = pathOf("/u/in");
+    synced.clear();
+    EXPECT_TRUE(save("/u/in", "{}"));
+    ASSERT_EQ(synced.size(), 2u);
+    EXPECT_TRUE(synced[0].path.string().starts_with(watchedFile.string() + '.')) << synced[0].path;
+    EXPECT_FALSE(synced[0].inPlace);
+    EXPECT_TRUE(std::filesystem::equivalent(synced[1].path, folder())) << synced[1].path;
+    EXPECT_TRUE(synced[1].inPlace);
+}
+
+TEST_F(Cache, MakesFilesThatTheUmaskAloneProtects) {
+    const mode_t mask = umask(0027);
+    EXPECT_TRUE(save("/u/in", "{}"));
+    umask(mask);
+    struct stat file = {};
+    ASSERT_EQ(stat(pathOf("/u/in").c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 07777, 0640u);
+}
+
+TEST_F(Cache, RefusesAnObjectWithoutAText) {
+    const JsonRef item(json_object_new_object());
+    json_object_set_serializer(
+        item.get(), [](json_object*, printbuf*, int, int) { return -1; }, nullptr, nullptr);
+    EXPECT_FALSE(PubSubSession::saveItemInCache("/u/in", item.get()));
+    EXPECT_EQ(takeLogLines(), Texts{"saveItemInCache: String null - cache not updated"});
+    EXPECT_EQ(files(), 0u);
+}
+
 TEST_F(Cache, KeepsTheLaterOfTwoItems) {
     save("/u/in", R"({"item":"first"})");
     save("/u/in", R"({"item":"second"})");
@@ -78,6 +131,7 @@ TEST_F(Cache, ReportsAFileThatCannotBeWritten) {
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].starts_with("updateFile: Error saving item to cache Failed to create file"))
         << lines[0];
+    EXPECT_TRUE(lines[0].ends_with("No such file or directory")) << lines[0];
 }
 
 TEST_F(Cache, CannotHoldANodeThatIsNoFileName) {
