@@ -149,6 +149,15 @@ TEST_F(OfflineMap, LoadsEveryEntryAndWritesItBack) {
     EXPECT_EQ(fakePrefs().openHandles(), 1u);
 }
 
+TEST_F(OfflineMap, KeepsWhatItHasWhenTheStoreIsLoaded) {
+    session().m_offlineMap["/com/a"] = "com.example.first";
+    fakePrefs().store(kApp, "/com/a", "com.example.a");
+    fakePrefs().store(kApp, "/com/b", "com.example.b");
+    session().loadOfflineMapFromDisk();
+    EXPECT_EQ(map(), (Map{{"/com/a", "com.example.first"}, {"/com/b", "com.example.b"}}));
+    EXPECT_EQ(takeEvents(), (Texts{"prefs.set " + kApp + " /com/b com.example.b", kCommit}));
+}
+
 TEST_F(OfflineMap, GoesOnAfterAKeyThatCannotBeRead) {
     fakePrefs().store(kApp, "/a", "com.example.a");
     fakePrefs().store(kApp, "/b", "com.example.b");

@@ -105,6 +105,21 @@ TEST_F(SeqNo, CountsTextThatIsNoNumberAsZero) {
     EXPECT_FALSE(stale("1"));
 }
 
+TEST_F(SeqNo, IsDecimalWhateverItLooksLike) {
+    store(R"({"seqNo": "010"})");
+    EXPECT_TRUE(stale("10"));
+    EXPECT_TRUE(stale("0x20"));
+    EXPECT_FALSE(stale("011"));
+    EXPECT_TRUE(stale("9 and more"));
+}
+
+TEST_F(SeqNo, IsReadFromAnyMemberThatHasAText) {
+    store(R"({"seqNo": 42})");
+    EXPECT_EQ(read(), std::pair(true, std::string("42")));
+    store(R"({"seqNo": "\"4\\2\""})");
+    EXPECT_EQ(read(), std::pair(true, std::string("42")));
+}
+
 TEST_F(SeqNo, IsNeverStaleWithoutAStoredNumber) {
     EXPECT_FALSE(stale("0"));
     EXPECT_FALSE(stale("abc"));
@@ -147,8 +162,9 @@ TEST_F(SeqNo, NamesTheNumberInPlaceOfAnEmptyNode) {
 }
 
 TEST_F(SeqNo, IsDroppedSilentlyWhenTheStoreCannotBeOpened) {
-    fakePrefs().failNext("QPAppGetHandle", QP_IO);
+    fakePrefs().failNext("QPAppGetHandle", QP_IO, 2);
     session().persistSeqNo("/a", "42");
+    session().persistSeqNo("", "42");
     EXPECT_EQ(takeLogLines(), Texts{});
     EXPECT_EQ(takeEvents(), Texts{});
 }
@@ -157,6 +173,7 @@ TEST_F(SeqNo, LogsAValueThatCannotBeSet) {
     fakePrefs().failNext("QPAppSetValue", QP_BUSY);
     session().persistSeqNo("/a", "42");
     EXPECT_EQ(takeLogLines(), Texts{"persistSeqNo: Error: QPAppSetValue returned 4, On failed"});
+    EXPECT_EQ(takeEvents(), Texts{"prefs.commit " + kAppName});
     EXPECT_EQ(fakePrefs().stored(kApp), FakePrefs::Values{});
     session().persistSeqNo("/a", "43");
     EXPECT_EQ(fakePrefs().stored(kApp), (FakePrefs::Values{{"/a", R"({ "seqNo": "43" })"}}));
@@ -175,6 +192,7 @@ TEST_F(SeqNo, BearsACommitThatFails) {
     session().persistSeqNo("/a", "41");
     fakePrefs().failNext("QPAppFreeHandle", QP_IO);
     session().persistSeqNo("/a", "42");
+    EXPECT_EQ(takeLogLines(), Texts{});
     EXPECT_FALSE(stale("42"));
     EXPECT_EQ(fakePrefs().openHandles(), 1u);
 }
