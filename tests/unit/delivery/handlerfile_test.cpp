@@ -59,6 +59,17 @@ TEST_F(NodeMaps, ReportsAPresentPairAndDoesNotRepeatIt) {
     EXPECT_TRUE(session().serviceNodeMap.empty());
 }
 
+TEST_F(NodeMaps, ComparesEndpointsInTheirWholeLength) {
+    add("a", "zelt://x/item", false);
+    EXPECT_TRUE(add("a", "zelt://x", false));
+    EXPECT_FALSE(present);
+    EXPECT_TRUE(add("a", "zelt://X", false));
+    EXPECT_FALSE(present);
+    EXPECT_TRUE(session().removeNodeFromMap("a", "zelt://x", false));
+    EXPECT_FALSE(session().removeNodeFromMap("a", "zelt://", false));
+    EXPECT_EQ(session().serviceNodeMap, (Table{{"a", {"zelt://x/item", "zelt://X"}}}));
+}
+
 TEST_F(NodeMaps, ChoosesTheTableByTheFlag) {
     add("a", "x", false);
     add("a", "x", true);

@@ -120,6 +120,17 @@ TEST_F(ItemCallbacks, RegistersANodeAsTheCallerSentItAndKeepsThePayloadAsReceive
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
+TEST_F(ItemCallbacks, RegistersAServiceWhateverAppTheCallerGives) {
+    const std::string payload = R"({"node":"a","endpoint":"e","app":true})";
+    EXPECT_EQ(call(registerItemCallback, payload), kDone);
+    EXPECT_EQ(call(registerItemCallbackV2, payload), kDone);
+    EXPECT_EQ(session().serviceNodeMap, (Handlers{{"a", {"e"}}, {"/u1234/dev42/com/zelt/a", {"e"}}}));
+    EXPECT_TRUE(session().appNodeMap.empty());
+    EXPECT_EQ(file(),
+              record(payload) +
+                  record(R"({ "node": "\/u1234\/dev42\/com\/zelt\/a", "endpoint": "e", "app": true })"));
+}
+
 TEST_F(ItemCallbacks, NeedsNoSession) {
     session().setSessionDetails("", "", "", "", "", 0);
     EXPECT_EQ(call(registerItemCallback, R"({"node":"/a","endpoint":"e"})"), kDone);
@@ -156,6 +167,16 @@ TEST_F(ItemCallbacks, KeepsAPairWhoseRecordCannotBeWrittenAndSaysSo) {
     EXPECT_EQ(session().serviceNodeMap, (Handlers{{"a", {"e"}}}));
     EXPECT_EQ(takeLogLines(), Texts{"UpdateHandlerFile: Cannot open handler file."});
     EXPECT_EQ(call(registerItemCallbackV2, R"({"node":"a","endpoint":"e"})"), kNotDone);
+}
+
+TEST_F(ItemCallbacks, KeepsAPairWhoseRecordIsTooLongAndSaysSo) {
+    const std::string payload = R"({"node":"a","endpoint":"e","pad":")" + std::string(4094, 'x') + R"("})";
+    EXPECT_EQ(call(registerItemCallback, payload), kNotDone);
+    EXPECT_EQ(session().serviceNodeMap, (Handlers{{"a", {"e"}}}));
+    EXPECT_FALSE(std::filesystem::exists(handlerFile()));
+    EXPECT_EQ(takeLogLines(),
+              Texts{"UpdateHandlerFile: Handler record of " + std::to_string(payload.size()) +
+                    " characters not saved, the limit is 4094. Use a shorter node or endpoint."});
 }
 
 TEST_F(ItemCallbacks, LogsAReplyThatCannotBeSent) {
