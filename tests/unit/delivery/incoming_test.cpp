@@ -194,6 +194,16 @@ TEST_F(Incoming, StaleItemOfASubscribedNodeHasItActivatedAgain) {
     EXPECT_TRUE(session().m_endpointMap.empty());
 }
 
+TEST_F(Incoming, StaleItemOfASubscriberThatCancelledHasItsNodeActivatedAsWell) {
+    session().setSubMap(kNode, "com.example.app", nullptr);
+    storeSeqNo("10");
+    pushItem(kNode, "10", "i1", "hello");
+    const Texts events = takeEvents();
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[1], ack("i1"));
+    EXPECT_NE(events[2].find("<activate "), std::string::npos) << events[2];
+}
+
 TEST_F(Incoming, SecondItemWithoutANumberIsStale) {
     pushEvent("<items node='" + kNode + "'><item id='i1'><payload>a</payload></item></items>");
     EXPECT_EQ(takeEvents(), join({{kPing}, persisted(""), {ack("i1")}}));

@@ -52,9 +52,11 @@ TEST_F(Incoming, MessageWithoutAnythingKnownOnlyMovesThePing) {
     push("");
     push("<event xmlns='urn:other'><items node='n'/></event>");
     push("<x xmlns='urn:other' type='form'/>");
+    push("<events xmlns='http://jabber.org/protocol/pubsub#event'><items node='n'/></events>");
+    push("<y xmlns='jabber:x:data'/>");
     pushEvent("");
     pushEvent("<purge node='n'/><delete node='n'/><configuration/>");
-    EXPECT_EQ(takeEvents(), Texts(6, kPing));
+    EXPECT_EQ(takeEvents(), Texts(8, kPing));
     EXPECT_EQ(takeLogLines(), Texts{});
     expectNothingKept();
 }

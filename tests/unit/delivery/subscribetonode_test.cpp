@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // subscribeToNode: its refusals, whom it subscribes and how deep, and the server's answer.
+#include <gloox/error.h>
+
 #include <utility>
 
 #include "delivery/methods.h"
@@ -75,6 +77,8 @@ INSTANTIATE_TEST_SUITE_P(
                      "<subscribe node='a' jid='u1234@example.org'/>"},
         Subscription{"DepthNullCountsAsAbsent", R"({"node":"a","depth":null})",
                      "<subscribe node='a' jid='u1234@example.org'/>"},
+        Subscription{"DepthThatIsATextIsConverted", R"({"node":"a","depth":"1"})",
+                     "<subscribe node='a' jid='u1234@example.org'/>"},
         Subscription{"DepthZero", R"({"node":"a","depth":0})",
                      "<subscribe node='a' jid='u1234@example.org'/><options>"
                      "<x xmlns='jabber:x:data' type='submit'><field var='FORM_TYPE' type='hidden'>"
@@ -112,6 +116,19 @@ TEST_F(SubscribeToNode, AnswersWithTheServersError) {
         reply,
         R"({ "returnValue": false, "node": "\/a", "errorCode": "cancel", "errorText": "item-not-found" })");
     EXPECT_EQ(takeLogLines(), errorLog("handleSubscriptionResult", "Node /a", kNotFound));
+}
+
+TEST_F(SubscribeToNode, SubscribesTheSessionsJidAsItIsHeld) {
+    session().m_jid = gloox::JID(kFullJid);
+    ask(subscribeToNode, R"({"node":"a"})");
+    expectStanza(pubsubStanza("<subscribe node='a' jid='u1234@example.org/dev42'/>"));
+}
+
+TEST_F(SubscribeToNode, LogsTheFullNameOfTheServiceThatRefused) {
+    const gloox::Error error(gloox::StanzaErrorTypeCancel, gloox::StanzaErrorItemNotFound);
+    session().handleSubscriptionResult("unknown", gloox::JID("nodes@example.org/a"), "a", "", gloox::JID(),
+                                       gloox::PubSub::SubscriptionNone, &error);
+    EXPECT_EQ(takeLog().front(), "Node a error:  from nodes@example.org/a");
 }
 
 TEST_F(SubscribeToNode, LogsAnAnswerThatCannotBeSent) {

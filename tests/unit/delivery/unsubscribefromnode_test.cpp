@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // unsubscribeFromNode: its refusals in their order, its stanza, and the server's answer.
+#include <gloox/error.h>
+
 #include <utility>
 
 #include "delivery/methods.h"
@@ -65,6 +67,13 @@ TEST_F(UnsubscribeFromNode, AnswersWithTheServersErrorAndTheNode) {
         errorLog("handleUnsubscriptionResult", "Unsubscribe /a",
                  "<error type='cancel'><unexpected-request xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/>"
                  "<not-subscribed xmlns='http://jabber.org/protocol/pubsub#errors'/></error>"));
+}
+
+TEST_F(UnsubscribeFromNode, LogsTheFullNameOfTheServiceThatRefused) {
+    const gloox::Error error(gloox::StanzaErrorTypeCancel, gloox::StanzaErrorItemNotFound);
+    session().handleUnsubscriptionResult("unknown", gloox::JID("nodes@example.org/a"), "a", "", gloox::JID(),
+                                         &error);
+    EXPECT_EQ(takeLog().front(), "Unsubscribe a error:  from nodes@example.org/a");
 }
 
 TEST_F(UnsubscribeFromNode, LogsAnAnswerThatCannotBeSentAsOneToADeletion) {
