@@ -129,6 +129,10 @@ TEST_F(ItemCallbacks, RegistersAServiceWhateverAppTheCallerGives) {
     EXPECT_EQ(file(),
               record(payload) +
                   record(R"({ "node": "\/u1234\/dev42\/com\/zelt\/a", "endpoint": "e", "app": true })"));
+    session().serviceNodeMap.clear();
+    session().ReadHandlerFile();
+    EXPECT_TRUE(session().serviceNodeMap.empty());
+    EXPECT_EQ(session().appNodeMap.size(), 2u);
 }
 
 TEST_F(ItemCallbacks, NeedsNoSession) {
@@ -201,6 +205,15 @@ TEST_F(ItemCallbacks, V2RecordsAreReadBack) {
     session().serviceNodeMap.clear();
     session().ReadHandlerFile();
     EXPECT_EQ(session().serviceNodeMap, (Handlers{{"/u1234/dev42/com/zelt/inbox", {kEndpoint}}}));
+}
+
+TEST_F(ItemCallbacks, V2AcceptsAnEndpointOfQuotesAloneAndItsRecordReadsAsDamaged) {
+    EXPECT_EQ(call(registerItemCallbackV2, R"({"node":"inbox","endpoint":"\"\\"})"), kDone);
+    EXPECT_EQ(session().serviceNodeMap, (Handlers{{"/u1234/dev42/com/zelt/inbox", {""}}}));
+    session().serviceNodeMap.clear();
+    session().ReadHandlerFile();
+    EXPECT_TRUE(session().serviceNodeMap.empty());
+    EXPECT_FALSE(std::filesystem::exists(handlerFile()));
 }
 
 TEST_F(ItemCallbacks, V2LeavesOneRecordOfAPairThatIsRegisteredTwice) {
