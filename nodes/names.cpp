@@ -21,11 +21,11 @@ std::unique_ptr<gloox::Tag> elementOf(const gloox::Error* error) {
     return std::unique_ptr<gloox::Tag>(error ? error->tag() : nullptr);
 }
 
-// The name of the first child in a namespace; "" when there is none. The human-readable text of a stanza
-// error shares the namespace of its condition and is passed over.
-std::string conditionIn(const gloox::Tag& element, const std::string& xmlns) {
+// The name of the first child in a namespace that is not called `passedOver`; "" when there is none.
+std::string conditionIn(const gloox::Tag& element, const std::string& xmlns,
+                        const std::string& passedOver = "") {
     for (const gloox::Tag* child : element.children())
-        if (child->xmlns() == xmlns && child->name() != "text")
+        if (child->xmlns() == xmlns && child->name() != passedOver)
             return child->name();
     return {};
 }
@@ -57,7 +57,8 @@ void getErrorCode(const gloox::Error* error, std::string& errorCode, std::string
         PrvPrintErr(__func__, __LINE__, "Warning, there is no error Type in response %s!",
                     element->xml().c_str());
 
-    const std::string condition = conditionIn(*element, gloox::XMLNS_XMPP_STANZAS);
+    // The human-readable text of a stanza error shares the namespace of its condition.
+    const std::string condition = conditionIn(*element, gloox::XMLNS_XMPP_STANZAS, "text");
     if (condition.empty())
         PrvPrintErr(__func__, __LINE__, "Warning, there is no xmpp-stanza in error! %s",
                     element->xml().c_str());

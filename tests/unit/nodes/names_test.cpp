@@ -157,6 +157,14 @@ INSTANTIATE_TEST_SUITE_P(
                 "<error type='wait'><text " + kStanza + ">Later</text><resource-constraint " + kStanza +
                     "/></error>",
                 {"wait", "resource-constraint"}},
+        Mapping{"PubSubConditionCalledText",
+                "<error type='cancel'><text " + kPubSub + "/><text " + kStanza + "/><conflict " + kStanza +
+                    "/></error>",
+                {"cancel", "conflict text"}},
+        Mapping{"TwoPubSubConditions",
+                "<error type='cancel'><conflict " + kStanza + "/><nodeid-required " + kPubSub +
+                    "/><unsupported " + kPubSub + "/></error>",
+                {"cancel", "conflict nodeid-required"}},
         Mapping{"TwoStanzaConditions",
                 "<error type='auth'><forbidden " + kStanza + "/><conflict " + kStanza + "/></error>",
                 {"auth", "forbidden"}},
