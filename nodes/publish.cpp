@@ -14,6 +14,7 @@
 #include "util/jsonargs.h"
 #include "util/jsonxml.h"
 #include "xmpp/manager.h"
+#include "xmpp/xmltext.h"
 
 namespace {
 
@@ -41,13 +42,13 @@ bool itemFromText(json_object* payload, ItemTag& item, FailureWords& words) {
     const std::string text = textOf(jsonMember(payload, "item"));
     if (text.empty())
         return false;
-    item.reset(getItemTag(text));
-    // A text with characters outside XML 1.0 is refused; without this an empty item would go out in its
+    // A text with characters outside XML 1.0 is refused; without this an empty item could go out in its
     // place.
-    if (item && item->findChild("payload")->cdata() == text)
-        return true;
-    words.text = "Item parse error";
-    return false;
+    if (xmpp::isXmlText(text))
+        item.reset(getItemTag(text));
+    else
+        words.text = "Item parse error";
+    return item != nullptr;
 }
 
 }  // namespace

@@ -55,6 +55,7 @@ INSTANTIATE_TEST_SUITE_P(
                                "GetXmlFromJSON: Invalid JSON object"),
                     unparsable("TextThatXmlCannotCarry", R"({"node":"a","item":"x\u0001"})"),
                     unparsable("TextWithANul", R"({"node":"a","item":"x\u0000y"})"),
+                    unparsable("TextWithANonCharacter", R"({"node":"a","item":"x\uFFFE"})"),
                     given("NoClient", Given::NoClient, R"({"node":"a","item":"x"})", kNoLibrary)),
     caseName);
 
@@ -131,7 +132,7 @@ TEST_F(PublishItem, RefusesNamesThatXmlCannotCarry) {
     EXPECT_EQ(call(publishItemToNode, R"({"node":"a\u0001","item":"x"})"), kNoLibrary);
     EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"a b":{}}})"), kNoLibrary);
     EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"":{}}})"), kNoLibrary);
-    EXPECT_EQ(call(publishItemToNode, R"({"node":"a","item":"\uFFFE"})"), kNoLibrary);
+    EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"#":"\uFFFE"}})"), kNoLibrary);
     EXPECT_EQ(stanzaCount(), 0u);
 }
 
