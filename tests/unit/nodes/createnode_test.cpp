@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "nodes/methods.h"
+#include "nodes/roads.h"
 #include "tests/unit/nodes/refusal.h"
 #include "tests/unit/nodes/roadtest.h"
 
@@ -146,6 +147,18 @@ TEST_F(CreateNode, KeepsOneReferenceUntilTheAnswer) {
     EXPECT_EQ(reply.message()->references, 1);
     answer(lastId());
     EXPECT_EQ(reply.message()->references, 0);
+}
+
+TEST_F(CreateNode, GivesTheReferenceOfARequestBackWhenALaterOneTakesItsId) {
+    FakeMessage* first = fakeBus().request(privateHandle(), "createNode", "{}");
+    FakeMessage* second = fakeBus().request(privateHandle(), "createNode", "{}");
+    FailureWords words;
+    EXPECT_TRUE(keepRequest(session(), "id1", first, words));
+    EXPECT_TRUE(keepRequest(session(), "id1", second, words));
+    EXPECT_EQ(first->references, 1) << "the test's own";
+    EXPECT_EQ(session().m_msgMap.at("id1").get(), second);
+    QSMessageUnref(first);
+    QSMessageUnref(second);
 }
 
 TEST_F(CreateNode, AnswersSeveralRequestsEachByItsOwnResult) {

@@ -124,13 +124,20 @@ TEST_F(DeleteEndpoint, LeavesEveryRegistryBeforeTheAnswer) {
     EXPECT_EQ(events.back(), R"(bus.respond deleteEndpoint { "returnValue": true, "endpoint": "inbox" })");
 }
 
-TEST_F(DeleteEndpoint, ForgetsTheOfflineEntryBeforeTheDeleteStore) {
+TEST_F(DeleteEndpoint, ForgetsTheSubscriberThenTheOfflineEntryThenTheDeleteStore) {
+    BusError error;
+    FakeMessage* subscriber = fakeBus().request(publicHandle(), "subscribe", "{}", "com.example.app 1");
+    ASSERT_TRUE(QSSubscriptionAdd(publicHandle(), kNode, subscriber, error));
+    QSMessageUnref(subscriber);
+    session().setSubMapHandle(kNode, publicHandle());
+    takeEvents();
     finish();
     Texts removals;
     for (const std::string& event : takeEvents())
-        if (event.starts_with("prefs.remove "))
+        if (event.starts_with("prefs.remove ") || event.starts_with("bus.unsubscribe "))
             removals.push_back(event);
-    EXPECT_EQ(removals, (Texts{std::string("prefs.remove pubsubservice.offlineMap ") + kNode,
+    EXPECT_EQ(removals, (Texts{std::string("bus.unsubscribe public ") + kNode,
+                               std::string("prefs.remove pubsubservice.offlineMap ") + kNode,
                                "prefs.remove com.zelt.pubsubservice deletecom.example.app"}));
 }
 

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // setNodeConfig and getNodeConfig: refusals, the form that goes out, and what of the answered form reaches
 // the caller.
+#include <gloox/dataform.h>
+#include <gloox/error.h>
+
 #include <utility>
 
 #include "nodes/methods.h"
@@ -111,6 +114,7 @@ INSTANTIATE_TEST_SUITE_P(
             "EscapesAndSpacingStay", R"({"a":"x/y\"z","b":["p","q"]})",
             R"(<field var='a'><value>x\/y\z</value></field><field var='b'><value>[ p, q ]</value></field>)"},
         Options{"NullAsItsText", R"({"a":null})", "<field var='a'><value>null</value></field>"},
+        Options{"EmptyText", R"({"a":""})", "<field var='a'><value/></field>"},
         Options{"NoneAtAll", "{}", ""}, Options{"ArrayInPlaceOfTheObject", R"(["a"])", ""},
         Options{"TextInPlaceOfTheObject", R"("open")", ""}),
     [](const auto& test) { return test.param.name; });
@@ -175,6 +179,26 @@ TEST_F(NodeConfig, ReportsAnAccessModelWithoutAValueAsEmpty) {
     answer(lastId(), answeredForm("<field var='pubsub#access_model'/>"));
     expectAnswered(reply,
                    R"({ "returnValue": true, "node": "a", "options": { "pubsub#access_model": "" } })");
+}
+
+TEST_F(NodeConfig, ReportsTheFirstOfSeveralAccessModels) {
+    const Answer reply = ask(getNodeConfig, R"({"nodes":["a"]})");
+    answer(
+        lastId(),
+        answeredForm("<field var='pubsub#access_model' type='list-multi'><value>open</value><value>whitelist"
+                     "</value></field>"));
+    expectAnswered(reply,
+                   R"({ "returnValue": true, "node": "a", "options": { "pubsub#access_model": "open" } })");
+}
+
+TEST_F(NodeConfig, ReportsNoOptionsWithAnError) {
+    const Answer reply = ask(getNodeConfig, R"({"nodes":["a"]})");
+    gloox::DataForm form(gloox::TypeForm);
+    form.addField(gloox::DataFormField::TypeNone, "pubsub#access_model", "open");
+    const gloox::Error error(gloox::StanzaErrorTypeAuth, gloox::StanzaErrorForbidden);
+    session().handleNodeConfig(lastId(), gloox::JID(kService), "a", &form, &error);
+    expectAnswered(reply,
+                   R"({ "returnValue": false, "node": "a", "errorCode": "auth", "errorText": "forbidden" })");
 }
 
 TEST_F(NodeConfig, AnswersARefusedReadWithTheServersError) {

@@ -166,21 +166,50 @@ TEST_F(PendingAuth, GivesAnEarlierListenersReferenceBackWhenALaterOneComes) {
     EXPECT_EQ(session().m_msgMap.at("handleAuth:a").get(), second.message());
 }
 
-TEST_F(PendingAuth, StopsAtANodeThatTheBusRefusesAndKeepsTheEarlierOnes) {
+class RefusedByTheBus : public PendingAuth {
+  protected:
+    // Asks for "b", "c" and "d"; the bus takes the first `taken` of them and refuses the next.
+    Answer listenToThree(int taken) {
+        fakeBus().failNext("QSSubscriptionAdd", -12, "too many subscriptions", 1, taken);
+        const Answer refused = call(subscribeNodeAuth, R"({"subscribe":true,"nodes":["b","c","d"]})");
+        EXPECT_EQ(refused.all(), Texts{kReply});
+        EXPECT_EQ(takeLogLines(), (Texts{"subscribeNodeAuth: Adding pending auth subscription callback "
+                                         "failed too many subscriptions\n",
+                                         "HandleError: Sending return error " + kReply + " \n"}));
+        return refused;
+    }
+
+    const std::string kReply = errorReply("quorbusErr", "too many subscriptions - QSAddSubscription- failed");
+};
+
+TEST_F(RefusedByTheBus, AListenerKeepsNothingOfItsFirstNode) {
     listen(R"(["a"])");
     takeEvents();
-    takeLog();
-    fakeBus().failNext("QSSubscriptionAdd", -12, "too many subscriptions");
-    const Answer refused = call(subscribeNodeAuth, R"({"subscribe":true,"nodes":["b","c"]})");
-    const std::string reply = errorReply("quorbusErr", "too many subscriptions - QSAddSubscription- failed");
-    EXPECT_EQ(refused.all(), Texts{reply});
-    EXPECT_EQ(takeEvents(), Texts{"bus.reply method " + reply});
-    EXPECT_EQ(
-        takeLogLines(),
-        (Texts{"subscribeNodeAuth: Adding pending auth subscription callback failed too many subscriptions\n",
-               "HandleError: Sending return error " + reply + " \n"}));
+    const Answer refused = listenToThree(0);
+    EXPECT_EQ(takeEvents(), Texts{"bus.reply method " + kReply});
     EXPECT_EQ(session().m_msgMap.size(), 1u);
     EXPECT_FALSE(refused.kept());
+}
+
+TEST_F(RefusedByTheBus, AListenerStopsAtItsSecondNodeAndGoesOnHearingOfTheFirst) {
+    const Answer refused = listenToThree(1);
+    EXPECT_EQ(takeEvents(), (Texts{"bus.subscribe private handleAuth:b", "bus.reply method " + kReply}));
+    EXPECT_EQ(stanzaCount(), 0u) << "nothing is asked of the server";
+    EXPECT_EQ(session().m_msgMap.size(), 1u);
+    EXPECT_EQ(session().m_msgMap.at("handleAuth:b").get(), refused.message());
+
+    BusError error;
+    EXPECT_TRUE(QSSubscriptionRespond(serviceHandle(), "handleAuth:b", R"({"subid":"1"})", error));
+    EXPECT_FALSE(QSSubscriptionRespond(serviceHandle(), "handleAuth:c", "{}", error));
+    EXPECT_EQ(refused.all(), (Texts{kReply, R"({"subid":"1"})"}));
+}
+
+TEST_F(RefusedByTheBus, AListenerLeavesTheEarlierOneOfItsSecondNodeInPlace) {
+    const Answer earlier = listen(R"(["c"])");
+    takeLog();
+    const Answer refused = listenToThree(1);
+    EXPECT_EQ(session().m_msgMap.at("handleAuth:c").get(), earlier.message());
+    EXPECT_EQ(session().m_msgMap.at("handleAuth:b").get(), refused.message());
 }
 
 TEST_F(PendingAuth, RefusesAListenerWhenTheServerCannotBeAskedButKeepsItListening) {
@@ -299,6 +328,18 @@ TEST_F(PendingAuth, AsksForTheListenedNodesBeforeItRenewsForTheRest) {
     EXPECT_EQ(eventsAfterPing(),
               (Texts{"xmpp.send " + askNode("a", "S1"), std::string("xmpp.send ") + kAskAll}));
     EXPECT_EQ(session().m_pendingList, std::list<std::string>{"other"});
+}
+
+TEST_F(PendingAuth, ForgetsTheNodesOfAnEarlierAnswer) {
+    call(getPendingAuth, "{}");
+    answerPending(lastId(), "S1", {"a"});
+    answerPending(lastId(), "S2", {"b"});
+    EXPECT_EQ(session().m_pendingList, std::list<std::string>{"b"});
+    listen(R"(["b"])");
+    takeEvents();
+    answerPending(lastId(), "S3", {});
+    EXPECT_EQ(eventsAfterPing(), Texts{}) << "nothing is pending any more";
+    EXPECT_TRUE(session().m_pendingList.empty());
 }
 
 TEST_F(PendingAuth, RenewsAgainAfterANewRequest) {

@@ -45,6 +45,16 @@ TEST_F(Cancellation, ForgetsThePublicSubscriber) {
     EXPECT_EQ(stanzaCount(), 0u);
 }
 
+TEST_F(Cancellation, LeavesOtherListenersOfTheNodeOnTheBus) {
+    FakeMessage* other = fakeBus().request(publicHandle(), "subscribe", kSubscribe, kApp);
+    BusError error;
+    ASSERT_TRUE(QSSubscriptionAdd(publicHandle(), kNode, other, error));
+    QSMessageUnref(other);
+    cancelledPublic(kSubscribe);
+    EXPECT_FALSE(subscribed());
+    EXPECT_EQ(fakeBus().subscribers(publicHandle(), kNode), std::vector<FakeMessage*>{other});
+}
+
 TEST_F(Cancellation, TakesEveryCancelledPublicSubscriptionForASubscribe) {
     cancelled(publicCancelFunc, publicHandle(), "connectStatus", kSubscribe);
     EXPECT_FALSE(subscribed());
@@ -74,8 +84,13 @@ TEST_F(Cancellation, ActivatesANodeThatIsKeptForTheClosedApplication) {
     session().setOfflineMap(kNode, "com.example.app");
     cancelledPublic(kSubscribe);
     EXPECT_FALSE(subscribed());
-    EXPECT_NE(lastStanza().xml().find("<activate "), std::string::npos) << lastStanza().xml();
-    EXPECT_NE(lastStanza().xml().find(kNode), std::string::npos) << lastStanza().xml();
+    EXPECT_EQ(stanzaCount(), 1u);
+    expectStanza(
+        "<iq to='pubsub.example.org' id='ID' type='set'><activate "
+        "xmlns='urn:zelt:pubsub:device:0' node='" +
+        std::string(kNode) + "' seqNo='0'/></iq>");
+    EXPECT_TRUE(session().m_offlineMap.contains(kNode)) << "only read";
+    EXPECT_TRUE(session().m_endpointMap.empty()) << "nobody waits for the result";
 }
 
 TEST_F(Cancellation, DoesNotActivateANodeThatIsNotKept) {
@@ -102,13 +117,18 @@ TEST_F(Cancellation, LogsAPayloadWithoutAnEndpoint) {
 TEST_F(Cancellation, LogsAPayloadThatIsNoJson) {
     cancelledPublic("no json");
     expectRefused("publicCancelFunc", "no json", "parameterErr", "Malformed json");
-    cancelledPrivate("subscribe", "no json");
-    expectRefused("cancelFunction", "no json", "parameterErr", "Malformed json");
+    // The payload is looked at before the method.
+    for (const char* method : {"subscribe", "registerOnClose", "subscribeConnStatus"}) {
+        cancelledPrivate(method, "no json");
+        expectRefused("cancelFunction", "no json", "parameterErr", "Malformed json");
+    }
 }
 
 TEST_F(Cancellation, LogsAClientWithoutAnApplicationId) {
     cancelledPublic(kSubscribe, "");
     expectRefused("publicCancelFunc", kSubscribe, "libErr", "Error getting appid of calling app");
+    cancelled(cancelFunction, privateHandle(), "subscribe", kSubscribe, "");
+    expectRefused("cancelFunction", kSubscribe, "libErr", "Error getting appid of calling app");
 }
 
 TEST_F(Cancellation, LogsAnEndpointThatMakesTooLongANode) {
