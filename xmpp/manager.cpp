@@ -7,6 +7,7 @@
 #include <glib.h>
 #include <gloox/gloox.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "util/log.h"
@@ -78,6 +79,16 @@ void writeNodeConfig(StanzaWriter& stanza, gloox::PubSub::NodeType type, const s
         for (const auto& [name, value] : *config)
             stanza.field(name, value);
     stanza.close();
+}
+
+// gloox leaves out what XML cannot carry, and empty names, so that a form would go out as another one.
+bool isWritable(const gloox::DataForm& form) {
+    const auto& fields = form.fields();
+    return std::all_of(fields.begin(), fields.end(), [](const gloox::DataFormField* field) {
+        const gloox::StringList& values = field->values();
+        return !field->name().empty() && isXmlAttribute(field->name()) &&
+               std::all_of(values.begin(), values.end(), isXmlText);
+    });
 }
 
 StanzaWriter& openPendingCommand(StanzaWriter& stanza) {
@@ -161,6 +172,8 @@ std::string Manager::nodeConfig(const gloox::JID& service, const std::string& no
     stanza.open("pubsub", gloox::XMLNS_PUBSUB_OWNER).open("configure").attribute("node", node);
     if (!owned)
         return ask({Operation::GetConfig, handler, service, node, {}, {}, {}}, id, stanza);
+    if (!isWritable(*owned))
+        return {};
     const std::unique_ptr<gloox::Tag> element(owned->tag());
     if (!element)
         return {};

@@ -119,6 +119,18 @@ INSTANTIATE_TEST_SUITE_P(
         Options{"TextInPlaceOfTheObject", R"("open")", ""}),
     [](const auto& test) { return test.param.name; });
 
+TEST_F(NodeConfig, RefusesOptionsThatXmlCannotCarry) {
+    const std::string refusal = nodeErrorReply("a", "libErr", "gloox library is not initialized");
+    for (const char* options :
+         {R"({"a\u0001":"x"})", R"({"a\n":"x"})", R"({"":"x"})", R"({"a":"\uFFFE"})", R"({"a":["\uFFFE"]})"})
+        EXPECT_EQ(call(setNodeConfig, std::string(R"({"node":"a","options":)") + options + "}"), refusal)
+            << options;
+    EXPECT_EQ(call(setNodeConfig, R"({"node":"a\u0001","options":{}})"),
+              nodeErrorReply(R"(a\u0001)", "libErr", "gloox library is not initialized"));
+    EXPECT_EQ(stanzaCount(), 0u);
+    EXPECT_TRUE(session().m_msgMap.empty());
+}
+
 TEST_F(NodeConfig, AnswersASetWithTheNode) {
     const Answer reply = ask(setNodeConfig, R"({"node":"/a/b","options":{}})");
     answer(lastId());

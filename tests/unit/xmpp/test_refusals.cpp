@@ -40,6 +40,12 @@ std::vector<std::string> badNames() {
     return all;
 }
 
+gloox::DataForm* formWith(const std::string& name, const std::string& value) {
+    auto* form = new gloox::DataForm(gloox::TypeSubmit);
+    form->addField(gloox::DataFormField::TypeNone, name, value);
+    return form;
+}
+
 class BadNames : public Dialogue, public testing::WithParamInterface<std::string> {
   protected:
     BadNames() { logIn(); }
@@ -71,6 +77,7 @@ TEST_P(BadNames, AreRefusedAsEveryOtherAttribute) {
     EXPECT_EQ(manager->ackItem(service, "/a", bad), "");
     const xmpp::StringMap config{{bad, "1"}};
     EXPECT_EQ(manager->createNode(NodeLeaf, service, "/a", &handler, "", "", AccessDefault, &config), "");
+    EXPECT_EQ(manager->nodeConfig(service, "/a", formWith(bad, "1"), &handler), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(All, BadNames, testing::ValuesIn(badNames()));
@@ -86,6 +93,7 @@ TEST_P(BadTexts, AreRefusedAsFieldValues) {
     EXPECT_EQ(manager->createNode(NodeLeaf, service, "/a", &handler, "", bad, AccessDefault, nullptr), "");
     const xmpp::StringMap config{{"pubsub#x", bad}};
     EXPECT_EQ(manager->createKeyNode(NodeLeaf, service, "/a", &handler, "", "", AccessDefault, &config), "");
+    EXPECT_EQ(manager->nodeConfig(service, "/a", formWith("pubsub#x", bad), &handler), "");
     EXPECT_EQ(manager->getPendingNodeRequest(service, bad, "s", &handler), "");
     EXPECT_EQ(manager->approvePending(service, bad, "m", "s", "true", "x@y"), "");
     EXPECT_EQ(manager->approvePending(service, "/a", "m", bad, "true", "x@y"), "");
@@ -110,6 +118,16 @@ INSTANTIATE_TEST_SUITE_P(All, GoodTexts,
                          testing::Values("", "plain", "tab\tline\nreturn\r", "\x7f", "\xc2\x80", "\xdf\xbf",
                                          "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbd",
                                          "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf", "\xef\xb7\x90"));
+
+class Forms : public Dialogue {
+  protected:
+    Forms() { logIn(); }
+};
+
+TEST_F(Forms, AreRefusedWithAFieldThatHasNoName) {
+    EXPECT_EQ(manager->nodeConfig(service, "/a", formWith("", "1"), &handler), "");
+    EXPECT_TRUE(connection->sent.empty());
+}
 
 class PublishedItems : public Dialogue {
   protected:
