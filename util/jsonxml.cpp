@@ -12,6 +12,10 @@
 
 namespace {
 
+// Stands for an attribute name that gloox would leave out in silence, the empty one too: no stanza can carry
+// it, so the item is refused as one with a bad element name is.
+constexpr char kNoName[] = " ";
+
 json_object* newString(const std::string& text) {
     return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
 }
@@ -20,7 +24,9 @@ void addAttributes(gloox::Tag* tag, json_object* attributes) {
     if (!json_object_is_type(attributes, json_type_object))
         return;
     json_object_object_foreach(attributes, name, value) {
-        tag->addAttribute(name, json_object_to_json_string(value));
+        const char* text = json_object_to_json_string(value);
+        if (!tag->addAttribute(name, text))
+            tag->addAttribute(kNoName, text);
     }
 }
 

@@ -11,7 +11,8 @@ namespace gloox {
 class Tag;
 }
 
-// A new "item" element with the members of `object`, owned by the caller; null for a null object.
+// A new "item" element with the members of `object`, owned by the caller; null for a null object. Names that
+// XML cannot carry give an element that no stanza takes.
 gloox::Tag* GetXmlFromJSON(json_object* object);
 // Adds the members of `object` to `tag`, in their order; nothing when it is no object.
 void RecurseJsonTag(gloox::Tag* tag, json_object* object);

@@ -132,6 +132,11 @@ TEST_F(PublishItem, RefusesNamesThatXmlCannotCarry) {
     EXPECT_EQ(call(publishItemToNode, R"({"node":"a\u0001","item":"x"})"), kNoLibrary);
     EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"a b":{}}})"), kNoLibrary);
     EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"":{}}})"), kNoLibrary);
+    EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"a\u0001":{}}})"), kNoLibrary);
+    EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"@":{"a b":1}}})"), kNoLibrary);
+    EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"@":{"":1}}})"), kNoLibrary);
+    EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"x":{"@":{"a\u0001":1}}}})"),
+              kNoLibrary);
     EXPECT_EQ(call(publishItemToNode, R"({"node":"a","xml":true,"item":{"#":"\uFFFE"}})"), kNoLibrary);
     EXPECT_EQ(stanzaCount(), 0u);
 }

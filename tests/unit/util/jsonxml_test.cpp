@@ -68,6 +68,8 @@ INSTANTIATE_TEST_SUITE_P(
         Conversion{"SeveralAttributeMembersAddUp", R"({"@1":{"a":1},"@2":{"b":null}})",
                    "<item a='1' b='null'/>"},
         Conversion{"AttributesThatAreNoObject", R"({"@":5,"@2":["a"],"@3":null,"@4":"x"})", "<item/>"},
+        Conversion{"AttributeNamesThatXmlCannotCarry", R"({"@":{"a\u0001":1,"b":2},"x":{"@":{"":3}}})",
+                   "<item  ='1' b='2'><x  ='3'/></item>"},
         Conversion{"ChildrenInTheirOrder", R"({"b":{},"a":{"c":{"#":1}}})",
                    "<item><b/><a><c>1</c></a></item>"},
         Conversion{"ArrayInPlaceOfTheItem", "[1,2]", "<item/>"},
