@@ -21,9 +21,9 @@ void removeAll(std::string& text, char character) {
 
 }  // namespace
 
-std::string getJSONString(json_object* object, const char* key, std::string errorText, std::string) {
+std::string getJSONString(json_object* object, const char* key, const std::string&, std::string spare) {
     std::string value;
-    getJSONStringV2(object, key, errorText, value);
+    getJSONStringV2(object, key, spare, value);
     return value;
 }
 

@@ -8,9 +8,9 @@
 #include <string>
 
 // The value with every backslash and double quote removed; "" when it is missing or empty. The reason is
-// written into the by-value argument alone, so it never reaches the caller (sic: callers that need a text use
-// V2).
-std::string getJSONString(json_object* object, const char* key, std::string errorText,
+// written into the last argument alone, which is a copy, so it never reaches the caller (sic: callers that
+// need a text use V2).
+std::string getJSONString(json_object* object, const char* key, const std::string& errorText,
                           std::string spare = {});
 // The strict form: false with a reason in `errorText` when the member is missing or empty.
 bool getJSONStringV2(json_object* object, const char* key, std::string& errorText, std::string& value);
