@@ -105,7 +105,8 @@ void ServiceTest::checkMessages() {
 
 void ServiceTest::checkPriorities() {
     for (const SystemLogLine& line : systemLog()) {
-        const std::string text = line.text.substr(line.text.find("]: ") + 3);
+        const std::size_t head = line.text.find("]: ");
+        const std::string text = head == std::string::npos ? line.text : line.text.substr(head + 3);
         EXPECT_EQ(line.priority, kTraces.contains(text) ? LOG_INFO : LOG_ERR) << line.text;
     }
     systemLog().clear();
