@@ -69,7 +69,8 @@ gloox::ConnectionError FakeConnection::connect() {
     return gloox::ConnNoError;
 }
 
-gloox::ConnectionError FakeConnection::recv(int) {
+gloox::ConnectionError FakeConnection::recv(int timeout) {
+    m_fakeServer.m_receiveTimeout = timeout;
     if (m_socket < 0)
         return gloox::ConnNotConnected;
     std::uint64_t wakes = 0;
@@ -154,6 +155,7 @@ void FakeServer::reset() {
     m_host.clear();
     m_port = 0;
     m_localAddress.clear();
+    m_receiveTimeout = -1;
     m_mechanism = "PLAIN";
     m_loginRefusal.clear();
     m_boundJid.clear();

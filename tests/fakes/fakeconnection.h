@@ -97,6 +97,7 @@ class FakeServer : private gloox::TagHandler {
     const std::string& host() const { return m_host; }
     int port() const { return m_port; }
     const std::string& localAddress() const { return m_localAddress; }
+    int receiveTimeout() const { return m_receiveTimeout; }  // of the last recv(), microseconds
     const std::vector<SentStanza>& stanzas() const { return m_stanzas; }
     void forgetStanzas() { m_stanzas.clear(); }
 
@@ -117,6 +118,7 @@ class FakeServer : private gloox::TagHandler {
     std::string m_host;
     int m_port = 0;
     std::string m_localAddress;
+    int m_receiveTimeout = -1;
     std::string m_domain;
     std::string m_user;
     std::string m_mechanism;

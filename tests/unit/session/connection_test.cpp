@@ -48,10 +48,11 @@ TEST_F(Connection, LetsTheServerChooseAResource) {
 
 TEST_F(Connection, ReplacesAClientThatIsThere) {
     connectSession();
-    const xmpp::Client* client = session().m_client;
+    session().m_client->setTls(
+        gloox::TLSOptional);  // tells the old one from the new, which may take its place
     EXPECT_TRUE(session().createSession());
-    EXPECT_NE(session().m_client, nullptr);
-    EXPECT_NE(session().m_client, client);
+    ASSERT_NE(session().m_client, nullptr);
+    EXPECT_EQ(session().m_client->tls(), gloox::TLSRequired);
     EXPECT_EQ(PubSubSession::m_source, nullptr);
     EXPECT_EQ(takeLogLines(), (Texts{"createSession: Overriding session with new session.",
                                      "onDisconnect: Disconnected from xmpp server 17"}));
@@ -71,22 +72,34 @@ TEST_F(Connection, NeedsANetwork) {
     EXPECT_EQ(session().m_lastError, 0);
     EXPECT_EQ(session().m_client, nullptr);
     EXPECT_EQ(takeEvents(), Texts{}) << "nothing is scheduled";
+    EXPECT_FALSE(session().tryConnecting()) << "the same call under its other name";
+}
+
+TEST_F(Connection, IsNotSaidToStandWithoutANetworkEvenWhileItStands) {
+    connectSession();
+    session().m_networkAvailable = false;
+    EXPECT_FALSE(session().connectToService());
+    EXPECT_EQ(takeLogLines(),
+              Texts{"connectToService: There is no network available, cannot connect to service"});
+    EXPECT_TRUE(session().m_connected);
+    EXPECT_NE(session().m_client, nullptr);
 }
 
 TEST_F(Connection, IsNotMadeTwice) {
     connectSession();
     session().m_lastError = 5;
-    const xmpp::Client* client = session().m_client;
     EXPECT_TRUE(session().connectToService());
-    EXPECT_EQ(session().m_client, client);
     EXPECT_EQ(session().m_lastError, 0);
+    EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(takeEvents(), Texts{});
+    EXPECT_EQ(fakeServer().connects(), 1);
     session().disconnect();
     beginConnecting();
-    client = session().m_client;
     EXPECT_TRUE(session().connectToService());
     EXPECT_TRUE(session().tryConnecting());
-    EXPECT_EQ(session().m_client, client);
     EXPECT_EQ(takeLogLines(), Texts{});
+    pump();
+    EXPECT_EQ(fakeServer().connects(), 2);
 }
 
 TEST_F(Connection, FailsWithoutDetails) {
@@ -123,6 +136,45 @@ TEST_F(Connection, IsTriedWithoutALocalAddress) {
     pump();
     EXPECT_TRUE(session().m_connected);
     EXPECT_EQ(fakeServer().localAddress(), "");
+}
+
+TEST_F(Connection, IsMadeFromTheAddressThatIsGiven) {
+    giveDetails();
+    ASSERT_TRUE(session().createSession());
+    EXPECT_TRUE(session().connectToServer("192.0.2.9"));
+    EXPECT_EQ(fakeServer().localAddress(), "192.0.2.9");
+    EXPECT_EQ(session().m_socket, session().m_client->socket());
+    EXPECT_EQ(PubSubSession::m_source, nullptr) << "the watch is not made here";
+}
+
+// A connection that is no TCP connection has no descriptor to watch.
+class Unwatchable : public gloox::ConnectionBase {
+  public:
+    using ConnectionBase::ConnectionBase;
+    gloox::ConnectionError connect() override { return gloox::ConnNoError; }
+    gloox::ConnectionError recv(int) override { return gloox::ConnNoError; }
+    bool send(const std::string&) override { return false; }
+    gloox::ConnectionError receive() override { return gloox::ConnNoError; }
+    void disconnect() override {}
+    void cleanup() override {}
+    void getStatistics(long int& in, long int& out) override { in = out = 0; }
+    ConnectionBase* newInstance() const override { return nullptr; }
+};
+
+TEST_F(Connection, ThatHasNoSocketFailsAndTellsItsCallerNothing) {
+    giveDetails();
+    session().m_socket = 77;
+    xmpp::Client::setConnectionFactory(
+        [](xmpp::Client& client, auto&&...) { return new Unwatchable(&client); });
+    EXPECT_TRUE(session().connectToService());
+    EXPECT_FALSE(session().m_connecting);
+    EXPECT_EQ(session().m_socket, 77);
+    EXPECT_EQ(PubSubSession::m_source, nullptr);
+    EXPECT_EQ(takeLogLines(),
+              (Texts{"connectToService: We are connecting to the vbx server.",
+                     "connectToService: There is no server or network, connection to server fails",
+                     "connectToService: Warning: We are not connected to the vbx server"}));
+    EXPECT_FALSE(session().connectToServer("")) << "the session sees it from the result";
 }
 
 TEST_F(Connection, ThatIsRefusedAtOnceArmsAReconnectAndTellsItsCallerNothing) {
@@ -190,6 +242,35 @@ TEST_F(Connection, LogsTheLibrarysLinesOnlyWhenAskedTo) {
     for (const std::string& line : takeLogLines())
         found |= line.starts_with("handleLog: Gloox dbg: ");
     EXPECT_TRUE(found);
+}
+
+TEST_F(Connection, LogsEveryLevelAndEveryAreaOfTheLibraryWhenAskedTo) {
+    giveDetails();
+    session().m_debugLog = true;
+    ASSERT_TRUE(session().connectToService());
+    takeLog();
+    Texts expected;
+    for (int bit = 0; bit < 24; ++bit) {
+        session().m_client->logInstance().log(gloox::LogLevelDebug, static_cast<gloox::LogArea>(1 << bit),
+                                              std::to_string(bit));
+        expected.push_back("handleLog: Gloox dbg: " + std::to_string(bit));
+    }
+    EXPECT_EQ(takeLogLines(), expected);
+}
+
+TEST_F(Connection, TakesEventsOfThePubSubServiceAlone) {
+    connectSession();
+    serverSends(
+        "<message from='mallory@evil.example'><event xmlns='http://jabber.org/protocol/pubsub#event'>"
+        "<items node='/n'><item id='1' seqNo='1'/></items></event></message>");
+    EXPECT_EQ(takeLogLines(), Texts{"passMessage: Dropped an event or form from mallory@evil.example, which "
+                                    "is not the pub-sub service"});
+    EXPECT_EQ(takeEvents(), Texts{});
+    pushItem("/n", "1", "item", "text");
+    EXPECT_NE(takeEvents(), Texts{}) << "the item is stored and acknowledged";
+    EXPECT_FALSE(
+        log().contains("Dropped an event or form from pubsub.example.org, which is not the pub-sub "
+                       "service"));
 }
 
 // --- the certificate

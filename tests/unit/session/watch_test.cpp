@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The watch on the XMPP socket: what it logs, when it ends, and what it reads first.
 #include <gloox/connectionlistener.h>
+#include <unistd.h>
 
 #include <functional>
 
@@ -14,13 +15,15 @@ namespace {
 // Runs what the test says from inside the client's own callbacks.
 class Listener : public gloox::ConnectionListener {
   public:
-    explicit Listener(std::function<void()> act) : m_act(std::move(act)) {}
-    void onConnect() override { m_act(); }
-    void onDisconnect(gloox::ConnectionError) override {}
+    explicit Listener(
+        std::function<void()> onUp, std::function<void()> onDown = [] {})
+        : m_onUp(std::move(onUp)), m_onDown(std::move(onDown)) {}
+    void onConnect() override { m_onUp(); }
+    void onDisconnect(gloox::ConnectionError) override { m_onDown(); }
     bool onTLSConnect(const gloox::CertInfo&) override { return true; }
 
   private:
-    std::function<void()> m_act;
+    std::function<void()> m_onUp, m_onDown;
 };
 
 class Watch : public Connection {};
@@ -41,6 +44,35 @@ TEST_F(Watch, LogsEveryConditionInItsOrder) {
     }
 }
 
+TEST_F(Watch, HearsOfAHangUpAnErrorAndAClosedDescriptor) {
+    connectSession();
+    const int number = session().m_socket;
+    const auto linesOfOneTurn = [this] {
+        g_main_context_iteration(nullptr, FALSE);
+        return takeLogLines();
+    };
+    int hungUp[2], broken[2];
+    ASSERT_EQ(pipe(hungUp), 0);
+    ASSERT_EQ(pipe(broken), 0);
+    close(hungUp[1]);
+    dup2(hungUp[0], number);
+    EXPECT_EQ(linesOfOneTurn(), Texts{"xmppCallback: xmpp server socket disconnected"});
+    close(broken[0]);
+    dup2(broken[1], number);
+    EXPECT_EQ(linesOfOneTurn(), Texts{"xmppCallback: xmpp server socket io error"});
+    close(number);
+    EXPECT_EQ(linesOfOneTurn(), Texts{"xmppCallback: xmpp server socket closed"});
+    dup2(broken[1], number);  // for the connection to close
+    close(hungUp[0]);
+    close(broken[1]);
+    EXPECT_TRUE(session().m_connected) << "the client alone says that the stream is lost";
+}
+
+TEST_F(Watch, ReadsWithoutWaiting) {
+    connectSession();
+    EXPECT_EQ(fakeServer().receiveTimeout(), 10);
+}
+
 TEST_F(Watch, EndsWithoutAClient) {
     session().m_lastError = 5;
     EXPECT_EQ(session().recv(), gloox::ConnNotConnected);
@@ -56,6 +88,28 @@ TEST_F(Watch, IsGoneOnceItsCallbackHasEndedIt) {
     fakeServer().closesWith(gloox::ConnIoError);
     pump();
     EXPECT_EQ(PubSubSession::m_source, nullptr);
+}
+
+TEST_F(Watch, IsForgottenByTheCallbackItselfWhenTheLossIsReportedToNobody) {
+    connectSession();
+    session().m_client->removeConnectionListener(&session());
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    EXPECT_EQ(PubSubSession::m_source, nullptr);
+    EXPECT_EQ(session().m_lastError, gloox::ConnIoError);
+    EXPECT_EQ(takeLogLines(), Texts{"xmppCallback: We had some type of connection error " +
+                                    std::to_string(gloox::ConnIoError)});
+}
+
+TEST_F(Watch, OfASessionMadeWhileTheLossIsReportedStays) {
+    connectSession();
+    Listener listener([] {}, [&] { session().connectToService(); });
+    session().m_client->registerConnectionListener(&listener);
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    EXPECT_EQ(fakeServer().connects(), 2);
+    EXPECT_TRUE(session().m_connected);
+    EXPECT_NE(PubSubSession::m_source, nullptr);
 }
 
 TEST_F(Watch, EndsWhenTheSessionIsDisconnectedFromInsideTheClient) {
