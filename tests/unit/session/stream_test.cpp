@@ -36,6 +36,7 @@ using Stream = Connection;
 TEST_F(Stream, ComesUpInItsOrder) {
     beginConnecting();
     session().m_retryCount = 3;
+    session().m_lastError = 5;
     session().m_survivedOutage = true;
     session().m_spare3 = true;
     pump();
@@ -55,6 +56,23 @@ TEST_F(Stream, ClearsAPendingReconnectAlarmFirst) {
     pump();
     EXPECT_FALSE(session().m_reconnectPending);
     EXPECT_EQ(takeEvents(), joined({kClearReconnectAlarm, kPingAlarm, kPresence}, kConnectedPosts));
+}
+
+TEST_F(Stream, ComesUpInItsOrderThoughNothingCanBeSent) {
+    beginConnecting();
+    session().m_reconnectPending = true;
+    fakeBus().failNext("QSCall", -107, "gone", 2);
+    fakeBus().failNext("QSSubscriptionPost", -107, "gone", 3);
+    pump();
+    EXPECT_EQ(takeLogLines(), (Texts{"onConnect: We formed a connection with the xmpp server",
+                                     "removeReconnectTimer: Removing reconnect failed. Error gone ",
+                                     "setPingTimer: Setting Ping Alarm failed. Error gone ",
+                                     "onConnect: Sending connection status failed. Error gone ",
+                                     "onConnect: Sending connection status failed . Error gone ",
+                                     "onConnect: Sending connection status failed . Error gone "}));
+    EXPECT_EQ(takeEvents(), Texts{kPresence});
+    EXPECT_TRUE(session().m_connected);
+    EXPECT_FALSE(session().m_reconnectPending);
 }
 
 TEST_F(Stream, ActivatesTheNodesThenRepeatsTheDeletesThenTells) {
@@ -132,6 +150,22 @@ TEST_F(Stream, GoesDownInItsOrderAndArmsAReconnect) {
     EXPECT_EQ(events[0], kClearPingAlarm);
     EXPECT_TRUE(events[1].starts_with(kReconnectAlarmStart));
     EXPECT_EQ(Texts(events.begin() + 2, events.end()), kLostPosts);
+}
+
+TEST_F(Stream, GoesDownInItsOrderThoughNothingCanBeSent) {
+    connectSession();
+    fakeBus().failNext("QSCall", -107, "gone", 2);
+    fakeBus().failNext("QSSubscriptionPost", -107, "gone", 3);
+    session().onDisconnect(gloox::ConnIoError);
+    EXPECT_EQ(takeLogLines(),
+              (Texts{lostLine(gloox::ConnIoError), "removePingTimer: Setting Ping Alarm failed. Error gone ",
+                     "setReconnectTimer: Setting Reconnect Alarm failed. Error gone ",
+                     "scheduleReconnect: Setting timer to reconnect failed",
+                     "onDisconnect: Sending connection status failed. Error gone ",
+                     "onDisconnect: Sending connection status failed . Error gone ",
+                     "onDisconnect: Sending connection status failed . Error gone "}));
+    EXPECT_FALSE(session().m_reconnectPending) << "the next trigger tries again";
+    EXPECT_EQ(PubSubSession::m_source, nullptr) << "whoever reports the loss";
 }
 
 TEST_F(Stream, ThatIsEndedOnPurposeArmsNoReconnect) {
@@ -233,6 +267,21 @@ TEST_F(WaitingRequests, AreAnsweredInTheOrderOfTheirIds) {
     EXPECT_TRUE(session().m_endpointMap.empty());
     EXPECT_FALSE(session().subMap.contains("/n3")) << "a tentative subscriber goes with its request";
     EXPECT_TRUE(session().subMap.contains("/n1")) << "only a subscribe takes its subscriber along";
+}
+
+TEST_F(WaitingRequests, AreAnsweredAfterTheNewsWithTheirSubscriberGone) {
+    FakeMessage* message = keep("a", "subscribe", "first", "/n1");
+    session().setSubMap("/n1", "com.example.app", publicHandle());
+    ASSERT_TRUE(QSSubscriptionAdd(publicHandle(), "/n1", message, nullptr));
+    keep("b", "unsubscribe", "second", "/n2");
+    session().setSubMap("/n2", "com.example.app", publicHandle());
+    takeEvents();
+    session().disconnect();
+    EXPECT_EQ(takeEvents(),
+              joined(joined({kClearPingAlarm}, kLostPosts),
+                     {"bus.unsubscribe public /n1", "bus.respond subscribe " + lostAnswer("first"),
+                      "bus.respond unsubscribe " + lostAnswer("second")}));
+    EXPECT_TRUE(session().subMap.contains("/n2"));
 }
 
 TEST_F(WaitingRequests, AreReleasedWhenTheyAreAnswered) {
