@@ -72,6 +72,9 @@ TEST_F(Account, InitializeAccountArmsTheReconnectAlarmWhenNobodyCanBeAsked) {
 TEST_F(Account, DisconnectEndsTheConnectionAndReplies) {
     connectSession();
     EXPECT_EQ(callPrivate(disconnect, "disconnect", "ignored"), R"({"returnValue":true})");
+    const Texts events = takeEvents();
+    ASSERT_EQ(events.size(), 5u) << "the ping's alarm is cleared, three are told, and the caller is answered";
+    EXPECT_EQ(events.back(), R"(bus.reply disconnect {"returnValue":true})");
     EXPECT_FALSE(session().m_connected);
     EXPECT_EQ(session().m_client, nullptr);
     EXPECT_NE(session().m_pubsub, nullptr) << "the manager stays until the next session";
@@ -92,6 +95,8 @@ class CreateSession : public ServiceTest {};
 
 TEST_F(CreateSession, TakesTheDetailsConnectsAndReplies) {
     session().m_networkAvailable = true;
+    session().m_resource = "old";
+    session().m_ipAddress = kLocalAddress;
     EXPECT_EQ(
         call(createSession, R"({"jid":"u1@example.org","password":"secret","server":"xmpp.example.org",)"
                             R"("service":"pubsub.example.org","port":5223})"),
@@ -103,6 +108,9 @@ TEST_F(CreateSession, TakesTheDetailsConnectsAndReplies) {
     EXPECT_EQ(session().m_port, 5223);
     EXPECT_EQ(session().m_resource, "");
     EXPECT_TRUE(session().m_connecting);
+    EXPECT_EQ(takeLogLines(), (Texts{"connectToService: We are connecting to the vbx server.",
+                                     "attachSocketToMainLoop: Attached socket " +
+                                         std::to_string(session().m_socket) + " to mainloop"}));
 }
 
 TEST_F(CreateSession, RepliesWellWhateverTheConnectComesTo) {
@@ -113,10 +121,11 @@ TEST_F(CreateSession, RepliesWellWhateverTheConnectComesTo) {
 
 TEST_F(CreateSession, RefusesAPayloadThatIsNoJson) {
     for (const char* payload : {"no json", "null", ""}) {
-        EXPECT_EQ(
-            call(createSession, payload),
-            R"({ "returnValue": false, "errorCode": "\"errBadArgument\"", "errorText": "Malformed json" })");
-        EXPECT_EQ(takeLogLines().front(), "createSession: Malformed json packet? \n");
+        const std::string malformed =
+            R"({ "returnValue": false, "errorCode": "\"errBadArgument\"", "errorText": "Malformed json" })";
+        EXPECT_EQ(call(createSession, payload).all(), Texts{malformed});
+        EXPECT_EQ(takeLogLines(), (Texts{"createSession: Malformed json packet? \n",
+                                         "HandleError: Sending return error " + malformed + " \n"}));
     }
 }
 
@@ -128,7 +137,7 @@ TEST_F(CreateSession, RefusesEveryMissingOrEmptyMember) {
                                 R"({"jid":"u","password":"p","server":"s","port":1})",
                                 R"({"jid":"u","password":"p","server":"s","service":"x"})",
                                 R"({"jid":"u","password":"p","server":"s","service":"x","port":null})"})
-        EXPECT_EQ(call(createSession, payload), kBadArgument) << payload;
+        EXPECT_EQ(call(createSession, payload).all(), Texts{kBadArgument}) << payload;
     EXPECT_EQ(session().m_username, "") << "nothing is taken over from a refused request";
 }
 

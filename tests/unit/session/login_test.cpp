@@ -109,6 +109,28 @@ TEST_F(Login, ReplacesTheRetiredHostInServiceAndUrl) {
     EXPECT_EQ(session().m_server, kDefaultHost);
 }
 
+TEST_F(Login, RemovesQuotesAndBackslashesFromEveryMember) {
+    // Single quotes around the inner texts: between double ones the inner text cannot hold any.
+    answers(answerWith(R"({'user':'u"1"','service':'"example".org','url':'"h"','port':'"52"24'})",
+                       R"(,"uniqueId":"to\\k\"en")"));
+    EXPECT_EQ(session().m_username, "u1");
+    EXPECT_EQ(session().m_jid.full(), "u1@example.org");
+    EXPECT_EQ(session().m_server, "h");
+    EXPECT_EQ(session().m_port, 5224);
+    EXPECT_EQ(session().m_password, "token");
+}
+
+TEST_F(Login, KeepsAHostThatOnlyLooksLikeTheRetiredOne) {
+    for (const std::string& host :
+         Texts{std::string("x") + kRetiredHost, kRetiredHost + std::string(".org")}) {
+        answers(
+            answerWith(R"({"user":"u1","service":")" + host + R"(","url":")" + host + R"(","port":"5222"})"));
+        EXPECT_EQ(session().m_domain, host);
+        EXPECT_EQ(session().m_server, host);
+        session().disconnect();
+    }
+}
+
 TEST_F(Login, ReplacesTheRetiredHostInTheUrlAlone) {
     answers(answerWith(std::string(R"({"user":"u1","service":"example.org","url":")") + kRetiredHost +
                        R"(","port":"5222"})"));
@@ -124,6 +146,8 @@ TEST_F(Login, TakesAPortThatIsNoneForZeroAndConnectsAllTheSame) {
                            R"("})"));
         EXPECT_EQ(session().m_port, port) << text;
         EXPECT_TRUE(session().m_connecting) << text;
+        pump();
+        EXPECT_EQ(fakeServer().port(), port > 0 ? port : 5222) << text << ", the default port stands for 0";
         session().disconnect();
     }
 }

@@ -131,8 +131,13 @@ TEST_F(Session, LetsTheFactoryCreateASessionFromDetails) {
     EXPECT_TRUE(factory.createSession("u1@example.org", "secret", "dev42", "xmpp.example.org",
                                       "pubsub.example.org", 5223));
     EXPECT_EQ(session().m_jid.full(), "u1@example.org");
+    EXPECT_EQ(session().m_password, "secret");
+    EXPECT_EQ(session().m_resource, "dev42");
+    EXPECT_EQ(session().m_server, "xmpp.example.org");
+    EXPECT_EQ(session().m_pubsubService, "pubsub.example.org");
     EXPECT_EQ(session().m_port, 5223);
-    EXPECT_NE(session().m_client, nullptr);
+    ASSERT_NE(session().m_client, nullptr);
+    EXPECT_EQ(session().m_client->jid().full(), "u1@example.org/dev42");
     EXPECT_FALSE(
         factory.createSession("u1@example.org", "", "dev42", "xmpp.example.org", "pubsub.example.org", 5223));
 }

@@ -23,6 +23,16 @@ TEST_F(Status, ConnectStatusTellsThatTheStreamIsUp) {
     EXPECT_EQ(publicStatus("{}"), R"({ "returnValue": true, "connected": true })");
     EXPECT_EQ(takeEvents(), Texts{R"(bus.reply connectStatus { "returnValue": true, "connected": true })"});
     EXPECT_EQ(fakeServer().connects(), 1);
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(Status, ConnectStatusAsksForNoConnectionWhileTheStreamIsUp) {
+    connectSession();
+    session().m_networkAvailable = false;
+    session().m_lastError = 5;
+    EXPECT_EQ(publicStatus("{}"), R"({ "returnValue": true, "connected": true })");
+    EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(session().m_lastError, 5);
 }
 
 TEST_F(Status, ConnectStatusConnectsWhenTheStreamIsDown) {
@@ -93,6 +103,16 @@ TEST_F(Status, SubscribeConnStatusTellsOfASessionWithDetailsEvenWhileItIsDown) {
     EXPECT_EQ(details("{}"),
               R"({ "returnValue": true, "connected": false, "session": true, "network": true })");
     EXPECT_FALSE(session().m_connecting) << "no connect attempt";
+}
+
+TEST_F(Status, SubscribeConnStatusTellsOfASessionByItsJidAlone) {
+    session().m_jid = gloox::JID("example.org");
+    EXPECT_EQ(details("{}"),
+              R"({ "returnValue": true, "connected": false, "session": true, "network": false })");
+    giveDetails();
+    session().m_jid = gloox::JID();
+    EXPECT_EQ(details("{}"),
+              R"({ "returnValue": true, "connected": false, "session": false, "network": true })");
 }
 
 TEST_F(Status, SubscribeConnStatusTellsOfAConnectedSession) {
