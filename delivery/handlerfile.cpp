@@ -93,18 +93,24 @@ bool fitsLine(std::string_view record) {
 
 File openHandlerFile(const char* mode) {
     File file(std::fopen(handlerFile().c_str(), mode));
-    if (!file)
+    if (file)
+        // So that an error is one of the record at hand, and nothing of it is left for the close to write.
+        std::setvbuf(file.get(), nullptr, _IONBF, 0);
+    else
         PrvPrintErr(kUpdate, __LINE__, "Cannot open handler file.");
     return file;
 }
 
 bool writeRecord(FILE* file, const std::string& record) {
-    std::fwrite(record.c_str(), 1, record.size() + 1, file);
-    std::fputc('\n', file);
-    // Flushed here, so that a full disk is an error of this record and not of the close.
-    if (std::fflush(file) == 0 && !std::ferror(file))
+    struct stat before = {};
+    fstat(fileno(file), &before);
+    const std::string line = record + std::string("\0\n", 2);
+    std::fwrite(line.data(), 1, line.size(), file);
+    if (!std::ferror(file))
         return true;
     PrvPrintErr(kUpdate, __LINE__, "Cannot write to file.");
+    // The piece of a record that a full disk still took would read as damage, and damage costs the file.
+    [[maybe_unused]] const int trimmed = ftruncate(fileno(file), before.st_size);
     return false;
 }
 

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The node tables and the file that brings them over a restart: every record form, and what damage costs.
+#include <sys/resource.h>
 #include <sys/stat.h>
+
+#include <csignal>
 
 #include "tests/fakes/servicefixture.h"
 
@@ -319,6 +322,53 @@ TEST_F(HandlerFile, ReportsAFileThatCannotBeOpened) {
     EXPECT_FALSE(rewrite());
     EXPECT_EQ(takeLogLines(), (Texts{"UpdateHandlerFile: Cannot open handler file.",
                                      "UpdateHandlerFile: Cannot open handler file."}));
+}
+
+// A disk with room for `bytes` in a file, as long as it lives.
+class SmallDisk {
+  public:
+    explicit SmallDisk(rlim_t bytes) {
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit{bytes, m_before.rlim_max};
+        m_signal = std::signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~SmallDisk() {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, m_signal);
+    }
+
+  private:
+    rlimit m_before = {};
+    void (*m_signal)(int) = nullptr;
+};
+
+TEST_F(HandlerFile, LeavesNoPieceOfARecordThatADiskHadNoRoomFor) {
+    const std::string first = recordOfLength(1000, "a");
+    {
+        const SmallDisk disk(1500);
+        EXPECT_TRUE(append(first));
+        EXPECT_FALSE(append(recordOfLength(1000, "b")));
+        EXPECT_EQ(text(), line(first));
+    }
+    EXPECT_TRUE(append(appendedRecord("c", "z")));
+    EXPECT_EQ(text(), line(first) + line(appendedRecord("c", "z")));
+    EXPECT_EQ(takeLogLines(), Texts{"UpdateHandlerFile: Cannot write to file."});
+}
+
+TEST_F(HandlerFile, KeepsTheRecordsOfARewriteThatADiskHadRoomFor) {
+    bool present = false;
+    const std::string endpoint(1000, 'x');
+    for (const char* node : {"a", "b", "c"})
+        session().addNodeToMap(node, endpoint, false, present);
+    session().addNodeToMap("d", "y", true, present);
+    {
+        const SmallDisk disk(1500);
+        EXPECT_FALSE(rewrite());
+    }
+    EXPECT_EQ(text(), line(rewrittenRecord("a", false, endpoint)));
+    EXPECT_EQ(takeLogLines(), Texts{"UpdateHandlerFile: Cannot write to file."});
+    EXPECT_EQ(services().size(), 3u);
 }
 
 TEST_F(HandlerFile, ReportsADiskThatIsFull) {
