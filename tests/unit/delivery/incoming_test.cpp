@@ -153,6 +153,16 @@ TEST_F(Incoming, EveryItemsChildIsHandledInItsOrder) {
                     {ack("i2")}}));
 }
 
+TEST_F(Incoming, ChildThatFailsKeepsNothingFromTheNext) {
+    registerService("zelt://com.example.one/item");
+    pushEvent("<subscription node='nobody'/><items node='" + kNode + "'/><items node='" + kNode +
+              "'><item id='i1' seqNo='1'><payload>a</payload></item></items>");
+    EXPECT_EQ(takeEvents(), join({{kPing, "bus.call zelt://com.example.one/item " + serviceObject("a", "i1")},
+                                  persisted("1"),
+                                  {ack("i1")}}));
+    EXPECT_EQ(takeLog().size(), 2u);
+}
+
 TEST_F(Incoming, OnlyTheFirstItemOfAnItemsElementCounts) {
     pushEvent("<items node='" + kNode +
               "'><item id='i1' seqNo='1'><payload>a</payload></item>"
@@ -173,8 +183,10 @@ TEST_F(Incoming, StaleItemIsAcknowledgedAndNotDelivered) {
     registerService("zelt://com.example.one/item");
     storeSeqNo("7");
     pushItem(kNode, "7", "i1", "hello");
+    session().activated(kNode, true);
     pushItem(kNode, "6", "i0", "hello");
     EXPECT_EQ(takeEvents(), (Texts{kPing, ack("i1"), kPing, ack("i0")}));
+    EXPECT_FALSE(session().m_activateMap.at(kNode));
     EXPECT_EQ(fakeBus().payloadsTo("zelt://com.example.one/item"), Texts{});
     EXPECT_FALSE(isCached());
     EXPECT_EQ(takeLogLines(), Texts{});

@@ -87,9 +87,14 @@ INSTANTIATE_TEST_SUITE_P(
                         "Bad Argument"},
         CallbackRefusal{"EndpointMissing", registerItemCallback, R"({"node":"n"})", "errBadArgument",
                         "Bad Argument"},
+        CallbackRefusal{"EndpointEmpty", registerItemCallback, R"({"node":"n","endpoint":""})",
+                        "errBadArgument", "Bad Argument"},
+        CallbackRefusal{"NodeOfQuotesAlone", registerItemCallback, R"({"node":"\"","endpoint":"e"})",
+                        "errBadArgument", "Bad Argument"},
         CallbackRefusal{"EndpointNull", registerItemCallback, R"({"node":"n","endpoint":null})",
                         "errBadArgument", "Bad Argument"},
         CallbackRefusal{"V2NoJson", registerItemCallbackV2, "{", "errBadArgument", "Malformed json"},
+        CallbackRefusal{"V2NullPayload", registerItemCallbackV2, "null", "errBadArgument", "Malformed json"},
         CallbackRefusal{"V2ArrayPayload", registerItemCallbackV2, "[]", "errBadArgument", "No node provided"},
         CallbackRefusal{"V2NodeMissing", registerItemCallbackV2, R"({"endpoint":"e"})", "errBadArgument",
                         "No node provided"},
@@ -100,6 +105,12 @@ INSTANTIATE_TEST_SUITE_P(
         CallbackRefusal{"V2EndpointEmpty", registerItemCallbackV2, R"({"node":"n","endpoint":""})",
                         "errBadArgument", "Empty endpoint provided"},
         CallbackRefusal{"UnNoJson", unRegisterItemCallback, "{", "errBadArgument", "Malformed json"},
+        CallbackRefusal{"UnNullPayload", unRegisterItemCallback, "null", "errBadArgument", "Malformed json"},
+        CallbackRefusal{"UnArrayPayload", unRegisterItemCallback, "[]", "errBadArgument", "Bad Argument"},
+        CallbackRefusal{"UnNodeEmpty", unRegisterItemCallback, R"({"node":"","endpoint":"e","app":false})",
+                        "errBadArgument", "Bad Argument"},
+        CallbackRefusal{"UnEndpointEmpty", unRegisterItemCallback,
+                        R"({"node":"n","endpoint":"","app":false})", "errBadArgument", "Bad Argument"},
         CallbackRefusal{"UnNodeMissing", unRegisterItemCallback, R"({"endpoint":"e","app":false})",
                         "errBadArgument", "Bad Argument"},
         CallbackRefusal{"UnEndpointMissing", unRegisterItemCallback, R"({"node":"n","app":false})",
@@ -271,6 +282,14 @@ TEST_F(ItemCallbacks, UnregisteringAnApplicationLeavesTheServices) {
     EXPECT_EQ(call(unRegisterItemCallback, R"({"node":"a","endpoint":"e","app":true})"), kDone);
     EXPECT_TRUE(session().appNodeMap.empty());
     EXPECT_EQ(session().serviceNodeMap, (Handlers{{"a", {"e"}}}));
+}
+
+TEST_F(ItemCallbacks, UnregisteringWithoutAppRemovesNothing) {
+    const std::string payload = R"({"node":"a","endpoint":"e"})";
+    call(registerItemCallback, payload);
+    EXPECT_EQ(call(unRegisterItemCallback, payload), errorReply("errBadArgument", "No app provided"));
+    EXPECT_EQ(session().serviceNodeMap, (Handlers{{"a", {"e"}}}));
+    EXPECT_EQ(file(), record(payload));
 }
 
 TEST_F(ItemCallbacks, UnregisteringAnUnknownPairSucceedsAndWritesNothing) {
