@@ -2,6 +2,7 @@
 // Answers of the service and of strangers, and what the result handlers are told.
 #include <memory>
 
+#include "tests/fakes/logcapture.h"
 #include "tests/unit/xmpp/dialogue.h"
 
 namespace {
@@ -252,11 +253,15 @@ TEST_F(Answers, OfGetPendingRequestWithoutTheFieldHoldNoList) {
 }
 
 TEST_F(Answers, OfABulkListGiveTheFirstNamedFailure) {
+    const LogCapture log;
     const std::string id = manager->bulkActivate(service, {"/a", "/b", "/c"}, &handler);
     answer(id, "result",
            "<activate-nodes xmlns='urn:zelt:pubsub:device:0'><node id='/b'>" + kForbidden +
                "</node><node id='/c'><error type='cancel'/></node></activate-nodes>");
     EXPECT_EQ(call(), "bulkActivate " + id + " pubsub.example.org error " + kForbidden);
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "handleBulkAnswer: Bulk activation failed for 2 of its nodes, first: " + kForbidden}));
 }
 
 TEST_F(Answers, OfABulkListTakeAConditionForAnError) {
