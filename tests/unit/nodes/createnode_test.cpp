@@ -149,6 +149,20 @@ TEST_F(CreateNode, KeepsOneReferenceUntilTheAnswer) {
     EXPECT_EQ(reply.message()->references, 0);
 }
 
+TEST_F(CreateNode, AnswersAnErrorWithoutAStanzaConditionWithWhatThereIs) {
+    const std::string head = "<iq type='error' from='pubsub.example.org' id='";
+    const Answer first = askFor("a");
+    serverSends(head + lastId() +
+                "'><error type='cancel'><unsupported "
+                "xmlns='http://jabber.org/protocol/pubsub#errors'/></error></iq>");
+    EXPECT_EQ(first,
+              R"({ "returnValue": false, "node": "a", "errorCode": "cancel", "errorText": " unsupported" })");
+    takeEvents();
+    const Answer second = askFor("a");
+    serverSends(head + lastId() + "'><error/></iq>");
+    EXPECT_EQ(second, R"({ "returnValue": false, "node": "a", "errorCode": "", "errorText": "" })");
+}
+
 TEST_F(CreateNode, GivesTheReferenceOfARequestBackWhenALaterOneTakesItsId) {
     FakeMessage* first = fakeBus().request(privateHandle(), "createNode", "{}");
     FakeMessage* second = fakeBus().request(privateHandle(), "createNode", "{}");

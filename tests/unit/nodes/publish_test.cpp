@@ -90,6 +90,7 @@ INSTANTIATE_TEST_SUITE_P(
              "<item><payload>{ &quot;a&quot;: 1 }</payload></item>"},
         Item{"XmlNullCountsAsFalse", R"({"node":"/a/b","xml":null,"item":"x"})",
              "<item><payload>x</payload></item>"},
+        Item{"XmlByItsTruth", R"({"node":"/a/b","xml":1,"item":{"a":{}}})", "<item><a/></item>"},
         Item{"Elements", R"({"node":"/a/b","xml":true,"item":{"payload":{"#":"hi","@":{"v":1}}}})",
              "<item><payload v='1'>&quot;hi&quot;</payload></item>"},
         Item{"PlainMembersReadNull", R"({"node":"/a/b","xml":true,"item":{"count":5,"name":"n"}})",

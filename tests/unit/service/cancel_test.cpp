@@ -90,6 +90,7 @@ TEST_F(Cancellation, ActivatesANodeThatIsKeptForTheClosedApplication) {
         "xmlns='urn:zelt:pubsub:device:0' node='" +
         std::string(kNode) + "' seqNo='0'/></iq>");
     EXPECT_TRUE(session().m_offlineMap.contains(kNode)) << "only read";
+    EXPECT_TRUE(session().m_onCloseRegistered);
     EXPECT_TRUE(session().m_endpointMap.empty()) << "nobody waits for the result";
 }
 
@@ -156,6 +157,11 @@ TEST_F(Cancellation, ForgetsTheListenerForClosedApplications) {
     session().setOfflineMap(kNode, "com.example.app");
     cancelledPublic(kSubscribe);
     EXPECT_EQ(stanzaCount(), 0u) << "the offline check is skipped from here on";
+}
+
+TEST_F(Cancellation, OfAListenerForClosedApplicationsTakesNoSubscriberAlong) {
+    cancelledPrivate("registerOnClose", kSubscribe);
+    EXPECT_TRUE(subscribed());
 }
 
 TEST_F(Cancellation, OfAnyOtherPrivateMethodChangesNothing) {
