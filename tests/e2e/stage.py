@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """A whole device in a folder: buses, XMPP server, host services and the service, started by the demo's own command."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -107,6 +108,16 @@ class Stage:
                 [str(BIN / "pubsubservice")], env=dict(self.process_environment(), **extra),
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log))
         wait_until(lambda: self.ctl("call", "getJabberId", "{}", check=False)[0] == 0, "the service on the bus")
+
+    @contextlib.contextmanager
+    def server_held(self):
+        """The server is there, takes what it is sent, and answers nothing until the block is left."""
+        pid = int(self.env["SERVER_PID"])
+        os.kill(pid, signal.SIGSTOP)
+        try:
+            yield
+        finally:
+            os.kill(pid, signal.SIGCONT)
 
     def server(self, *arguments):
         done = subprocess.run([str(ROOT / "server" / "run"), *arguments], stdin=subprocess.DEVNULL,

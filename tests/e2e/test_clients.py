@@ -3,7 +3,6 @@
 
 import json
 import os
-import signal
 import unittest
 import urllib.request
 
@@ -229,15 +228,11 @@ class Vanishing(ClientsTest):
         name = "com.example.early"
         app = self.owner_of(name, "inbox")
         unanswered = self.log_count("Sending response to handleActivateNode failed id")
-        server = int(self.stage.env["SERVER_PID"])
-        os.kill(server, signal.SIGSTOP)
-        try:
+        with self.stage.server_held():
             waiting = app.start("subscribe", {"endpoint": "inbox"})
             waiting.wait(1)
             self.kill(app)
             other = self.assert_forgotten(name)
-        finally:
-            os.kill(server, signal.SIGCONT)
         self.wait_logged("Sending response to handleActivateNode failed id", unanswered + 1)
         # The server has activated the node all the same: its item comes, and waits for the next subscriber.
         self.push(app, "for nobody")
@@ -375,14 +370,10 @@ class Vanishing(ClientsTest):
         """An application ends while the server has yet to switch its node off; the node is kept for it."""
         app = self.subscriber(name)
         app.call("subscribeOnClose", {"endpoint": "inbox"})
-        server = int(self.stage.env["SERVER_PID"])
-        os.kill(server, signal.SIGSTOP)
-        try:
+        with self.stage.server_held():
             app.call("unsubscribe", {"endpoint": "inbox"})
             self.kill(app)
             self.assert_forgotten(name)
-        finally:
-            os.kill(server, signal.SIGCONT)
         self.push(app, "to a closed application")
         return app
 

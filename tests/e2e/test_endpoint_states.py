@@ -218,7 +218,10 @@ class States(EndpointsTest):
         self.connect()
 
     def test_two_requests_before_the_first_result_are_both_answered(self):
-        calls = [self.activate(), self.activate()]
+        with self.stage.server_held():
+            calls = [self.activate(), self.activate()]
+            self.private.call("getJabberId", {})  # answered after the service has taken both
+            self.assertEqual([call.texts for call in calls], [[], []])
         self.assertEqual([call.wait(1) for call in calls], [self.done] * 2)
 
     def test_a_node_whose_items_services_take_is_never_activated(self):
