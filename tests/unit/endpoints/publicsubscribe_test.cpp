@@ -184,6 +184,12 @@ TEST_F(PublicSubscribe, ThatIsRefusedTakesNobodyElseOutOfTheBusList) {
     EXPECT_EQ(fakeBus().subscribers(publicHandle(), kNode), std::vector<FakeMessage*>{other});
 }
 
+TEST_F(PublicSubscribe, OfANameMadeOfQuotesAndBackslashesIsThatOfTheEmptyName) {
+    const Answer reply = askSubscribe(R"({"endpoint":"\"\\\""})");
+    EXPECT_EQ(reply, R"({ "returnValue": true, "endpoint": "" })");
+    expectStanza(activateStanza("0", "/u1234/dev42/com.example.app/"));
+}
+
 TEST_F(PublicSubscribe, OfANameThatXmlCannotCarryIsRefused) {
     const Answer reply = askSubscribe(kUnsendable);
     EXPECT_EQ(reply, refusal(R"(a\u0001)", "libErr", kNotInitialized));
