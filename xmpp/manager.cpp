@@ -172,12 +172,11 @@ std::string Manager::nodeConfig(const gloox::JID& service, const std::string& no
     stanza.open("pubsub", gloox::XMLNS_PUBSUB_OWNER).open("configure").attribute("node", node);
     if (!owned)
         return ask({Operation::GetConfig, handler, service, node, {}, {}, {}}, id, stanza);
-    if (!isWritable(*owned))
-        return {};
     const std::unique_ptr<gloox::Tag> element(owned->tag());
-    if (!element)
-        return {};
-    stanza.element(*element);
+    if (element && isWritable(*owned))
+        stanza.element(*element);
+    else
+        stanza.spoil();
     return ask({Operation::SetConfig, handler, service, node, {}, {}, {}}, id, stanza);
 }
 
@@ -365,8 +364,8 @@ bool Manager::mayPass(const std::string& stanza, const char* what, const std::st
     if (stanza.empty()) {
         PrvPrintErr(
             __func__, __LINE__,
-            "%s (%s) was not sent: it holds a control character, a line break in a name, a bad element name "
-            "or text that is not UTF-8",
+            "%s (%s) was not sent: it holds a control character, a line break in a name, a bad or missing "
+            "name or text that is not UTF-8",
             what, printable(node).c_str());
         return false;
     }

@@ -33,6 +33,8 @@ class StanzaWriter {
     // <field var='...' [type='hidden']><value>...</value></field>
     StanzaWriter& field(std::string_view var, std::string_view value, bool hidden = false);
     StanzaWriter& close();
+    // For what the caller knows that XML cannot carry.
+    void spoil() { m_spoilt = true; }
 
     // Bytes written so far.
     std::size_t size() const { return m_out.size(); }

@@ -117,6 +117,11 @@ TEST_P(EveryOperation, IgnoresTheAnswersOfStrangersAndTakesTheRightOneAfterwards
                              " from='example.org'", " from='pubsub.example.org/other'", "", " from=''"})
         say("<iq type='result' id='" + id + "'" + from + "/>");
     EXPECT_TRUE(handler.calls.empty());
+    LogCapture log;
+    say("<iq type='result' id='" + id + "' from='mallory@evil.example/x'/>");
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"handleAnswer: Ignored an answer from mallory@evil.example/x to a "
+                                       "request that pubsub.example.org was asked"});
     answer(id, "result");
     EXPECT_EQ(handler.calls.size(), 1u);
 }

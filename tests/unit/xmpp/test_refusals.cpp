@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "tests/fakes/logcapture.h"
 #include "tests/unit/xmpp/dialogue.h"
 #include "xmpp/xmltext.h"
 
@@ -39,6 +40,9 @@ std::vector<std::string> badNames() {
     all.insert(all.end(), kBadNames.begin(), kBadNames.end());
     return all;
 }
+
+const std::string kUnsendable =
+    "it holds a control character, a line break in a name, a bad or missing name or text that is not UTF-8";
 
 gloox::DataForm* formWith(const std::string& name, const std::string& value) {
     auto* form = new gloox::DataForm(gloox::TypeSubmit);
@@ -78,6 +82,17 @@ TEST_P(BadNames, AreRefusedAsEveryOtherAttribute) {
     const xmpp::StringMap config{{bad, "1"}};
     EXPECT_EQ(manager->createNode(NodeLeaf, service, "/a", &handler, "", "", AccessDefault, &config), "");
     EXPECT_EQ(manager->nodeConfig(service, "/a", formWith(bad, "1"), &handler), "");
+}
+
+TEST_F(Dialogue, RefusalsAreLoggedWithWhatTheyAreAboutMadePrintable) {
+    logIn();
+    LogCapture log;
+    manager->getKey(service, "a\x07\n", &handler);
+    manager->approvePending(service, "/a", "m\n", "s", "true", "x@y");
+    manager->ackItem(service, "/a\n", std::string(200, 'n'));
+    EXPECT_EQ(log.lines().at(0), R"(mayPass: A request (a\007\n) was not sent: )" + kUnsendable);
+    EXPECT_EQ(log.lines().at(1), R"(mayPass: A message (m\n) was not sent: )" + kUnsendable);
+    EXPECT_EQ(log.lines().size(), 3u);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, BadNames, testing::ValuesIn(badNames()));
@@ -125,8 +140,10 @@ class Forms : public Dialogue {
 };
 
 TEST_F(Forms, AreRefusedWithAFieldThatHasNoName) {
+    LogCapture log;
     EXPECT_EQ(manager->nodeConfig(service, "/a", formWith("", "1"), &handler), "");
     EXPECT_TRUE(connection->sent.empty());
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"mayPass: A request (/a) was not sent: " + kUnsendable});
 }
 
 class PublishedItems : public Dialogue {
@@ -244,6 +261,11 @@ TEST_F(PublishedItems, ReachTheServersLimitAndNoFurther) {
     connection->sent.clear();
     // Ids grow by a digit now and then, and with them the frame.
     EXPECT_NE(publish(itemOf(262'143 - frame - 8)), "");
+    LogCapture log;
+    EXPECT_EQ(publish(itemOf(270'000 - frame)), "");
+    EXPECT_EQ(log.lines().size(), 1u);
+    EXPECT_TRUE(log.lines().front().starts_with("mayPass: A request (/a) was not sent: its 27")) << log.raw();
+    EXPECT_TRUE(log.lines().front().ends_with(" bytes are more than the server takes (262144)")) << log.raw();
     EXPECT_EQ(publish(itemOf(262'144 - frame)), "");
     EXPECT_EQ(connection->sent.size(), 1u);
 }
@@ -263,7 +285,10 @@ TEST_F(Lists, LeaveOutNamesThatCannotBeSent) {
 }
 
 TEST_F(Lists, LeaveOutANameThatFillsAStanza) {
+    LogCapture log;
     const std::string id = manager->bulkDelete(service, {"/a", std::string(300'000, 'n')}, &handler);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"bulk: Left node " + std::string(120, 'n') +
+                                                    " out of delete-nodes: its name cannot be sent"});
     EXPECT_EQ(last(), "<iq to='pubsub.example.org' id='" + id +
                           "' type='set'><delete-nodes xmlns='urn:zelt:pubsub:device:0'><node id='/a'/>"
                           "</delete-nodes></iq>");
@@ -307,12 +332,25 @@ TEST_F(BeforeTheStream, OperationsAreHeldAndSentInOrderBehindTheListenersPresenc
 TEST_F(BeforeTheStream, AThousandOperationsAreHeldAndNoMore) {
     for (int i = 0; i < 1'000; ++i)
         ASSERT_NE(manager->getKey(service, "/a", &handler), "");
+    LogCapture log;
     EXPECT_EQ(manager->getKey(service, "/a", &handler), "");
-    EXPECT_EQ(manager->ackItem(service, "/a", "1"), "");
     EXPECT_EQ(manager->bulkDelete(service, {"/a"}, &handler), "");
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "mayPass: A request (/a) was not sent: 1000 others wait for the connection already",
+                  "bulk: Too many operations wait for the connection, refused delete-nodes"}));
+    EXPECT_EQ(manager->ackItem(service, "/a", "1"), "");
     logIn();
     EXPECT_EQ(connection->sent.size(), 1'000u);
     EXPECT_NE(manager->getKey(service, "/a", &handler), "");
+}
+
+TEST_F(BeforeTheStream, AManagerMadeAfterwardsHoldsNothing) {
+    logIn();
+    xmpp::Manager later(client);
+    EXPECT_EQ(manager->getKey(service, "/a", &handler), "") << "it has lost its client";
+    EXPECT_NE(later.getKey(service, "/a", &handler), "");
+    EXPECT_EQ(connection->sent.size(), 1u);
 }
 
 TEST_F(BeforeTheStream, HeldOperationsGoWithTheClient) {
