@@ -117,7 +117,12 @@ constexpr const char* kHeader =
 INSTANTIATE_TEST_SUITE_P(
     All, Phases,
     testing::Values(
-        Phase{"ResetAtOnce", [](Peer& peer) { peer.reset(); }, {"disconnect 7"}},
+        Phase{"ResetBehindTheHeader",
+              [](Peer& peer) {
+                  peer.until("version='1.0'>");
+                  peer.reset();
+              },
+              {"disconnect 7"}},
         Phase{"CloseBehindTheHeader", [](Peer& peer) { peer.until("version='1.0'>"); }, {"disconnect 3"}},
         Phase{"CloseBehindItsOwnHeader",
               [](Peer& peer) {
