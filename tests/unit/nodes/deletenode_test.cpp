@@ -141,6 +141,14 @@ TEST_F(DeleteEndpoint, ForgetsTheSubscriberThenTheOfflineEntryThenTheDeleteStore
                                "prefs.remove com.zelt.pubsubservice deletecom.example.app"}));
 }
 
+TEST_F(DeleteEndpoint, KeepsTheNumberOfAnItemThatStillCame) {
+    session().persistSeqNo(kNode, "7");
+    finish();
+    std::string seqNo;
+    EXPECT_TRUE(session().getSeqNo(kNode, seqNo));
+    EXPECT_EQ(seqNo, "7");
+}
+
 TEST_F(DeleteEndpoint, CountsAnUnknownNodeAsDeletedAndCleansNothing) {
     const gloox::Error error(gloox::StanzaErrorTypeCancel, gloox::StanzaErrorItemNotFound);
     finish(&error);
