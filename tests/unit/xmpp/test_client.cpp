@@ -114,6 +114,12 @@ TEST_F(Messages, AreLoggedNoMoreOnceTheClientIsDisposedOf) {
 
 class Stream : public Dialogue {};
 
+TEST_F(Stream, IsMadeForTlsAndWithoutCompression) {
+    const xmpp::Client fresh(gloox::JID("device@example.org/tv"), "secret", 5222);
+    EXPECT_EQ(fresh.tls(), gloox::TLSRequired);
+    EXPECT_FALSE(fresh.compression());
+}
+
 TEST_F(Stream, AnnouncesNothingToTheWorld) {
     logIn();
     EXPECT_TRUE(connection->sent.empty());

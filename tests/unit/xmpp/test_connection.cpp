@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "tests/fakes/logcapture.h"
 #include "tests/unit/xmpp/connection.h"
 
 namespace {
@@ -37,6 +38,8 @@ TEST_F(Connection, OutputThatTheSocketCannotTakeWaitsAndArrivesWhole) {
     mayRead = true;
     ASSERT_TRUE(waitFor([this] { return listener.count("message") > 0; })) << server->failure();
     EXPECT_EQ(transport().queued(), 0u);
+    EXPECT_TRUE(waitFor([] { return !g_main_context_pending(nullptr); }, 5'000))
+        << "room in the socket is watched for only while something waits for it";
     disposeClient();
     server->stop();
     EXPECT_GT(received, 6'000'000u);
@@ -50,6 +53,7 @@ TEST_F(Connection, AServerThatNeverReadsIsGivenUpAtEightMebibytesByTheNextRecv) 
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     });
     logIn();
+    const LogCapture log;
     for (int i = 0; i < 100; ++i) {
         auto* item = new gloox::Tag("item");
         item->setCData(std::string(200'000, 'x'));
@@ -57,6 +61,12 @@ TEST_F(Connection, AServerThatNeverReadsIsGivenUpAtEightMebibytesByTheNextRecv) 
         EXPECT_LE(transport().queued(), 8u << 20);
     }
     EXPECT_EQ(listener.events, Events{"connect"});
+    const Events lines = log.lines();
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(),
+                      [](const std::string& line) { return line.ends_with("giving the connection up"); }),
+        1)
+        << "nothing more is queued once it is given up";
     EXPECT_TRUE(waitFor([this] { return isOver(); }));
     EXPECT_EQ(listener.events, (Events{"connect", "disconnect 7"}));
     over = true;
@@ -83,6 +93,25 @@ TEST_F(Connection, SendingIntoADeadConnectionIsReportedByRecvAlone) {
     ASSERT_TRUE(connect());
     ASSERT_TRUE(waitFor([this] { return isOver(); }));
     EXPECT_EQ(listener.count("disconnect"), 1);
+}
+
+TEST_F(Connection, NothingToReadIsNoLoss) {
+    start(logInAndWait);
+    logIn();
+    settle();
+    EXPECT_EQ(client->recv(10), gloox::ConnNoError);
+    EXPECT_EQ(listener.events, Events{"connect"});
+}
+
+TEST_F(Connection, TheFirstOfTwoFailuresIsReported) {
+    start(logInAndWait);
+    logIn();
+    auto& connection = dynamic_cast<xmpp::Transport&>(*client->connectionImpl());
+    connection.fail(gloox::ConnIoError);
+    connection.fail(gloox::ConnDnsError);
+    ASSERT_TRUE(waitFor([this] { return isOver(); }));
+    settle();
+    EXPECT_EQ(listener.events, (Events{"connect", "disconnect 7"}));
 }
 
 TEST_F(Connection, OneTurnReadsABoundedAmount) {
@@ -136,11 +165,12 @@ TEST_F(Connection, TheUserMayDisconnectWhileConnecting) {
 }
 
 TEST_F(Connection, TheUserMayDisconnectWhileResolving) {
-    makeClient("localhost", freePort());
+    start(logInAndWait, "localhost");
     ASSERT_TRUE(connect());
     client->disconnect();
     runFor(100);
     EXPECT_EQ(listener.events, Events{"disconnect 17"});
+    EXPECT_EQ(server->connections(), 0) << "a name that is found too late leads nowhere";
 }
 
 TEST_F(Connection, ASecondConnectChangesNothing) {

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "tests/fakes/logcapture.h"
 #include "tests/unit/xmpp/connection.h"
 
 namespace {
@@ -231,6 +232,7 @@ struct Local {
     const char* name;
     const char* address;
     const char* seen;
+    const char* said;
 };
 class Locals : public Connection, public testing::WithParamInterface<Local> {};
 
@@ -240,19 +242,24 @@ TEST_P(Locals, AreBoundWhereTheyCanBe) {
         seen = peer.address();
         logInAndWait(peer);
     });
+    const LogCapture log;
     ASSERT_TRUE(connect(GetParam().address));
     ASSERT_TRUE(waitFor([this] { return isConnected(); })) << server->failure();
     disposeClient();
     server->stop();
     EXPECT_EQ(seen, GetParam().seen);
+    const std::string said = GetParam().said;
+    EXPECT_EQ(log.lines(), said.empty() ? Events{} : Events{"bindLocally: " + said});
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Locals,
-                         testing::Values(Local{"None", "", "127.0.0.1"},
-                                         Local{"Given", "127.0.0.2", "127.0.0.2"},
-                                         Local{"NoLongerOurs", "192.0.2.77", "127.0.0.1"},
-                                         Local{"OfTheOtherFamily", "::1", "127.0.0.1"},
-                                         Local{"NoAddress", "eth0", "127.0.0.1"}),
-                         [](const auto& each) { return each.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    All, Locals,
+    testing::Values(
+        Local{"None", "", "127.0.0.1", ""}, Local{"Given", "127.0.0.2", "127.0.0.2", ""},
+        Local{"NoLongerOurs", "192.0.2.77", "127.0.0.1",
+              "Cannot use local address 192.0.2.77 (Cannot assign requested address), connecting from any"},
+        Local{"OfTheOtherFamily", "::1", "127.0.0.1", ""},
+        Local{"NoAddress", "eth0", "127.0.0.1", "Local address eth0 is no IP address, connecting from any"}),
+    [](const auto& each) { return each.param.name; });
 
 }  // namespace
