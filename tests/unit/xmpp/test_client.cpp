@@ -197,6 +197,29 @@ TEST_F(Stream, EndsWhenTheResourceIsRefused) {
     EXPECT_EQ(listener.events, std::vector<std::string>{"disconnect 1"});
 }
 
+TEST_F(Stream, EndsWhenTheSessionIsRefused) {
+    ASSERT_TRUE(client->connect("", nullptr));
+    client->handleConnect(connection);
+    const std::string head =
+        "<?xml version='1.0'?><stream:stream xmlns='jabber:client' "
+        "xmlns:stream='http://etherx.jabber.org/streams' id='s' version='1.0'>";
+    say(head +
+        "<stream:features><mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'>"
+        "<mechanism>PLAIN</mechanism></mechanisms></stream:features>");
+    say("<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>");
+    say(head +
+        "<stream:features><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'/>"
+        "<session xmlns='urn:ietf:params:xml:ns:xmpp-session'/></stream:features>");
+    bind();
+    ASSERT_EQ(connection->sent.size(), 1u) << "the session is asked for";
+    const std::string request = connection->sent.back();
+    const std::size_t begin = request.find("id='") + 4;
+    say("<iq type='error' id='" + request.substr(begin, request.find('\'', begin) - begin) +
+        "'><error type='wait'><internal-server-error "
+        "xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error></iq>");
+    EXPECT_EQ(listener.events, std::vector<std::string>{"disconnect 1"});
+}
+
 TEST_F(Stream, TakesNoStreamManagementForTheEndOfTheLogin) {
     logInUpToBind();
     say("<enabled xmlns='urn:xmpp:sm:3'/>");

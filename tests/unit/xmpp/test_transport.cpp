@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The connection against real sockets: getting it, losing it in every phase, and never holding up the loop.
-
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/resource.h>
@@ -224,6 +224,31 @@ TEST_F(Connection, TheDeadlineCoversTheConnectToo) {
     ASSERT_TRUE(waitFor([this] { return isOver(); }));
     settle();
     EXPECT_EQ(listener.events, Events{"disconnect 9"});
+}
+
+TEST_F(Connection, TheDeadlineIsAMinute) {
+    const BlackHole hole;
+    makeClient("127.0.0.1", hole.port());
+    ASSERT_TRUE(connect());
+    GMainContext* context = g_main_context_default();
+    ASSERT_TRUE(g_main_context_acquire(context));
+    int priority = 0, timeout = 0;
+    GPollFD polled[16];
+    g_main_context_prepare(context, &priority);
+    g_main_context_query(context, G_MAXINT, &timeout, polled, 16);
+    g_main_context_release(context);
+    EXPECT_GT(timeout, 50'000);
+    EXPECT_LE(timeout, 60'000);
+}
+
+// Whether the reset still finds the attempt or the connection already is the network's business.
+TEST_F(Connection, AResetAtOnceIsReportedOnce) {
+    start([](Peer& peer) { peer.reset(); });
+    ASSERT_TRUE(connect());
+    ASSERT_TRUE(waitFor([this] { return isOver(); }));
+    settle();
+    EXPECT_THAT(listener.events, testing::AnyOf(Events{"disconnect 7"}, Events{"disconnect 9"}));
+    EXPECT_EQ(client->socket(), -1);
 }
 
 // --- local addresses
