@@ -31,6 +31,13 @@ int descriptors() {
     return count;
 }
 
+int threads() {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+        ++count;
+    return count;
+}
+
 Network::Network() = default;
 
 Network::~Network() {

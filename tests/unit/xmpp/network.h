@@ -18,6 +18,8 @@ bool waitFor(const std::function<bool()>& condition, int milliseconds = 10'000);
 void runFor(int milliseconds);
 // Open descriptors of this process.
 int descriptors();
+// Threads of this process.
+int threads();
 
 class Network : public testing::Test {
   protected:

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A name with several addresses: which comes first, and what follows one that does not answer.
+// Names: one with several addresses, which comes first and what follows one that does not answer; and one
+// that no name server answers.
 //
-// The resolver of this test program knows one name of its own, with an IPv6 and an IPv4 address in this
-// order.
+// The resolver of this test program knows two names of its own: one with an IPv6 and an IPv4 address in this
+// order, and one that is unknown after all, but not before the test says so.
 #include <dlfcn.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -10,15 +11,26 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "tests/fakes/logcapture.h"
 #include "tests/unit/xmpp/connection.h"
+#include "xmpp/lookup.h"
 
 namespace {
 
 constexpr const char* kTwoHomes = "two-homes.example";
+constexpr const char* kSlow = "slow.example";
+
+std::mutex mutex;
+std::condition_variable answered;
+bool nameServerAnswers = false;
 
 using Resolver = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
 
@@ -27,7 +39,13 @@ using Resolver = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
 // Stands before the system's own; everything else goes through to that one.
 extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** found) {
     static const auto next = reinterpret_cast<Resolver>(dlsym(RTLD_NEXT, "getaddrinfo"));
-    if (!host || strcmp(host, kTwoHomes) != 0 || (hints && hints->ai_flags & AI_NUMERICHOST))
+    const bool ours = host && !(hints && hints->ai_flags & AI_NUMERICHOST);
+    if (ours && strcmp(host, kSlow) == 0) {
+        std::unique_lock lock(mutex);
+        answered.wait(lock, [] { return nameServerAnswers; });
+        return EAI_NONAME;
+    }
+    if (!ours || strcmp(host, kTwoHomes) != 0)
         return next(host, service, hints, found);
     if (const int result = next("::1", service, hints, found); result != 0)
         return result;
@@ -110,6 +128,73 @@ TEST_F(Patience, IsShortWithASilentAddressWhileThereIsAnother) {
     EXPECT_EQ(repetitions(kTwoHomes, "127.0.0.1"), 2);
     EXPECT_GT(repetitions("127.0.0.1", ""), 2) << "the last one has all the time there is";
     EXPECT_GT(repetitions(kTwoHomes, "::1"), 2);
+}
+
+// --- many lookups
+
+// Lookups that were given up elsewhere may still have their threads.
+bool isAlone() {
+    const gint64 end = g_get_monotonic_time() + 60'000'000;
+    while (threads() > 1 && g_get_monotonic_time() < end)
+        g_usleep(1'000);
+    return threads() == 1;
+}
+
+TEST(Lookups, AreEightAtOnceAndTheNinthIsRefused) {
+    ASSERT_TRUE(isAlone());
+    std::vector<std::unique_ptr<xmpp::Lookup>> lookups;
+    Events errors;
+    const auto done = [&errors](std::vector<xmpp::SocketAddress> addresses, const std::string& error) {
+        EXPECT_TRUE(addresses.empty());
+        errors.push_back(error);
+    };
+    for (int i = 0; i < 9; ++i)
+        lookups.push_back(std::make_unique<xmpp::Lookup>(kSlow, 5222, g_main_context_default(), done));
+    EXPECT_TRUE(errors.empty()) << "never from inside the constructor";
+    EXPECT_TRUE(waitFor([&] { return !errors.empty(); }));
+    settle();
+    EXPECT_EQ(errors, Events{"too many lookups are waiting for a name server"});
+    {
+        const std::lock_guard lock(mutex);
+        nameServerAnswers = true;
+    }
+    answered.notify_all();
+    EXPECT_TRUE(waitFor([&] { return errors.size() == 9; }));
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), gai_strerror(EAI_NONAME)), 8);
+}
+
+TEST(Lookups, OneAfterTheOtherNeverRunOut) {
+    for (int i = 0; i < 20; ++i) {
+        std::size_t found = 0;
+        std::string said = "nothing";
+        const xmpp::Lookup lookup(kTwoHomes, 5222, g_main_context_default(),
+                                  [&](std::vector<xmpp::SocketAddress> addresses, const std::string& error) {
+                                      found = addresses.size();
+                                      said = error;
+                                  });
+        ASSERT_TRUE(waitFor([&] { return said != "nothing"; }));
+        EXPECT_EQ(said, "");
+        EXPECT_EQ(found, 2u);
+    }
+}
+
+// A caller who floods the bus keeps a source of the common priority ready all the time.
+TEST(Lookups, AreHeardWhileTheLoopIsBusy) {
+    const guint busy = g_idle_add_full(
+        G_PRIORITY_DEFAULT, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+    bool told = false;
+    const xmpp::Lookup lookup(kTwoHomes, 5222, g_main_context_default(), [&](auto&&...) { told = true; });
+    EXPECT_TRUE(waitFor([&] { return told; }));
+    g_source_remove(busy);
+}
+
+TEST(Lookups, ThatAreGivenUpTellNobody) {
+    bool told = false;
+    {
+        const xmpp::Lookup lookup(kTwoHomes, 5222, g_main_context_default(), [&](auto&&...) { told = true; });
+    }
+    runFor(100);
+    EXPECT_FALSE(told);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <thread>
 
 #include "tests/fakes/logcapture.h"
@@ -223,13 +222,6 @@ TEST_F(Connection, DescriptorsAboveAThousandAreFine) {
 }
 
 // --- rest and liveliness
-
-int threads() {
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
-        ++count;
-    return count;
-}
 
 TEST_F(Connection, AtRestThereIsNoThreadAndNoTimer) {
     start(logInAndWait, "localhost");

@@ -296,6 +296,18 @@ INSTANTIATE_TEST_SUITE_P(
                             Events{"tls 0", "connect", "disconnect 3"}}),
     [](const auto& each) { return each.param.name; });
 
+TEST_F(Secured, AGoodbyeEndsTheConnectionWithoutTheServersClose) {
+    start([&](Peer& peer) {
+        peer.logIn(&identity);
+        peer.sayGoodbye();
+        peer.untilEnd();
+    });
+    ASSERT_TRUE(connect());
+    ASSERT_TRUE(waitFor([this] { return isOver(); })) << server->failure();
+    server->stop();
+    EXPECT_EQ(server->failure(), "") << "the server waited for the client in vain";
+}
+
 TEST_F(Secured, AWarningAlertInTheHandshakeIsNotTheEnd) {
     start([&](Peer& peer) {
         peer.agreeOnTls();
