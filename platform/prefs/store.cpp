@@ -63,6 +63,10 @@ class Run {
     sqlite3_stmt* m_statement;
 };
 
+int toOk(int stepped) {
+    return stepped == SQLITE_DONE ? SQLITE_OK : stepped;
+}
+
 int toResult(int result) {
     switch (result & 0xff) {
         case SQLITE_OK:
@@ -158,7 +162,7 @@ int PrefsStore::open() {
 }
 
 void PrefsStore::close() {
-    for (sqlite3_stmt** statement : {&m_read, &m_keys, &m_set, &m_remove})
+    for (sqlite3_stmt** statement : {&m_read, &m_keys, &m_set, &m_remove, &m_begin, &m_commit})
         sqlite3_finalize(std::exchange(*statement, nullptr));
     sqlite3_close(std::exchange(m_database, nullptr));
 }
@@ -235,8 +239,13 @@ int PrefsStore::prepareStatements() {
     const std::pair<sqlite3_stmt**, const char*> statements[] = {
         {&m_read, "SELECT value FROM prefs WHERE key=?1"},
         {&m_keys, "SELECT key FROM prefs"},
-        {&m_set, "INSERT INTO prefs VALUES(?1,?2) ON CONFLICT(key) DO UPDATE SET value=excluded.value"},
-        {&m_remove, "DELETE FROM prefs WHERE key=?1"}};
+        // A write equal to what is stored changes no page, and a commit without one costs no sync.
+        {&m_set,
+         "INSERT INTO prefs VALUES(?1,?2) ON CONFLICT(key) DO UPDATE SET value=excluded.value"
+         " WHERE value<>excluded.value"},
+        {&m_remove, "DELETE FROM prefs WHERE key=?1"},
+        {&m_begin, "BEGIN IMMEDIATE"},
+        {&m_commit, "COMMIT"}};
     for (const auto& [statement, sql] : statements)
         if (const int result =
                 sqlite3_prepare_v3(m_database, sql, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr))
@@ -273,10 +282,11 @@ int PrefsStore::readKeys(std::set<std::string>& keys) {
 }
 
 int PrefsStore::commit(const PrefsWrites& writes) {
-    PrefsWrites changes;
-    if (const int result = differing(writes, changes); result != QP_OK || changes.empty())
+    if (writes.empty())
+        return QP_OK;
+    if (const int result = open())
         return result;
-    const int result = writeAll(changes);
+    const int result = writeAll(writes);
     if (result == SQLITE_OK)
         return QP_OK;
     const int failed = failure("commit", result);
@@ -285,34 +295,23 @@ int PrefsStore::commit(const PrefsWrites& writes) {
     return failed;
 }
 
-// A write equal to what is stored is no change: writing it would cost a sync for nothing.
-int PrefsStore::differing(const PrefsWrites& writes, PrefsWrites& changes) {
-    for (const auto& [key, value] : writes) {
-        std::string stored;
-        const int result = read(key, stored);
-        if (result != QP_OK && result != QP_NOT_FOUND)
-            return result;
-        const bool equal = result == QP_OK ? value == stored : !value;
-        if (!equal)
-            changes[key] = value;
-    }
-    return QP_OK;
-}
-
-int PrefsStore::writeAll(const PrefsWrites& changes) {
-    int result = execute("BEGIN IMMEDIATE");
-    for (auto change = changes.begin(); result == SQLITE_OK && change != changes.end(); ++change)
-        result = write(change->first, change->second);
-    return result == SQLITE_OK ? execute("COMMIT") : result;
+int PrefsStore::writeAll(const PrefsWrites& writes) {
+    int result = run(m_begin);
+    for (auto next = writes.begin(); result == SQLITE_OK && next != writes.end(); ++next)
+        result = write(next->first, next->second);
+    return result == SQLITE_OK ? run(m_commit) : result;
 }
 
 int PrefsStore::write(const std::string& key, const std::optional<std::string>& value) {
-    Run run(value ? m_set : m_remove);
-    run.bind(1, key);
+    Run change(value ? m_set : m_remove);
+    change.bind(1, key);
     if (value)
-        run.bind(2, *value);
-    const int result = run.step();
-    return result == SQLITE_DONE ? SQLITE_OK : result;
+        change.bind(2, *value);
+    return toOk(change.step());
+}
+
+int PrefsStore::run(sqlite3_stmt* statement) {
+    return toOk(Run(statement).step());
 }
 
 int PrefsStore::execute(const char* sql) {

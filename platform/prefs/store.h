@@ -40,9 +40,9 @@ class PrefsStore {
     int checkVersion();
     int quickCheck();
     int prepareStatements();
-    int differing(const PrefsWrites& writes, PrefsWrites& changes);
-    int writeAll(const PrefsWrites& changes);
+    int writeAll(const PrefsWrites& writes);
     int write(const std::string& key, const std::optional<std::string>& value);
+    int run(sqlite3_stmt* statement);
     int execute(const char* sql);
     int failure(const char* doing, int result);
 
@@ -53,6 +53,8 @@ class PrefsStore {
     sqlite3_stmt* m_keys = nullptr;
     sqlite3_stmt* m_set = nullptr;
     sqlite3_stmt* m_remove = nullptr;
+    sqlite3_stmt* m_begin = nullptr;
+    sqlite3_stmt* m_commit = nullptr;
 };
 
 // Whether an application id can be a file name: letters, digits, '.', '_' and '-', no '.' in front, 1 to 200
