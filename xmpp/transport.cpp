@@ -221,7 +221,7 @@ gloox::ConnectionError Transport::recv(int) {
         const ssize_t length = ::recv(m_socket, m_in.data(), m_in.size(), MSG_DONTWAIT);
         if (length > 0) {
             m_totalBytesIn += length;
-            m_handler->handleReceivedData(this, std::string(m_in.data(), static_cast<std::size_t>(length)));
+            handle(std::string(m_in.data(), static_cast<std::size_t>(length)));
             return gloox::ConnNoError;
         }
         if (length < 0 && (errno == EAGAIN || errno == EINTR))
@@ -231,6 +231,15 @@ gloox::ConnectionError Transport::recv(int) {
     const gloox::ConnectionError failure = m_failure;
     m_handler->handleDisconnect(this, failure);
     return failure;
+}
+
+// What is sent while a piece of input is handled leaves in one go: the acknowledgements of items that came
+// together are one segment, not one each.
+void Transport::handle(const std::string& data) {
+    m_gathering = true;
+    m_handler->handleReceivedData(this, data);
+    if (std::exchange(m_gathering, false) && m_failure == gloox::ConnNoError && !m_writableSource)
+        flush();
 }
 
 bool Transport::send(const std::string& data) {
@@ -245,7 +254,7 @@ bool Transport::send(const std::string& data) {
     m_totalBytesOut += static_cast<long>(data.size());
     m_out += data;
     // With older output waiting the socket is full.
-    return m_writableSource || flush();
+    return m_gathering || m_writableSource || flush();
 }
 
 bool Transport::flush() {
@@ -310,6 +319,9 @@ void Transport::disconnect() {
 }
 
 void Transport::cleanup() {
+    // The end of the stream may be among what was gathered.
+    if (std::exchange(m_gathering, false) && m_failure == gloox::ConnNoError)
+        flush();
     m_lookup.reset();
     dropAttempt();
     dropWritable();

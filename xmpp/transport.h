@@ -56,6 +56,7 @@ class Transport : public gloox::ConnectionTCPClient {
     void dropAttempt();
     void watchWritable();
     void dropWritable();
+    void handle(const std::string& data);
     bool flush();
     static gboolean onDeadline(gpointer self);
 
@@ -71,8 +72,10 @@ class Transport : public gloox::ConnectionTCPClient {
     guint m_deadline = 60'000;
     std::string m_out;  // output from m_sent on waits
     std::size_t m_sent = 0;
+    bool m_gathering = false;  // recv() handles input: output waits until it is done
     gloox::ConnectionError m_failure = gloox::ConnNoError;  // for the next recv() to report
-    std::array<char, 65'536> m_in;
+    // Small enough that the first acknowledgement of a piece does not wait long for the last.
+    std::array<char, 16'384> m_in;
 };
 
 }  // namespace xmpp
