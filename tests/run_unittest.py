@@ -22,4 +22,6 @@ def main(path):
 
 
 if __name__ == "__main__":
+    if len(sys.argv) != 2:
+        sys.exit(f"usage: {sys.argv[0]} FILE (one: each file's tests run in a process of their own)")
     sys.exit(main(sys.argv[1]))
