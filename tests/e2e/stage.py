@@ -39,6 +39,16 @@ def is_running(pid):
         return False
 
 
+def is_stopped(pid):
+    """Whether every thread of the process has stopped; a SIGSTOP that was sent reaches them some time later."""
+    def state(task):
+        try:
+            return task.joinpath("stat").read_text(encoding="ascii").rpartition(")")[2].split()[0]
+        except (FileNotFoundError, ProcessLookupError):
+            return "T"  # a thread that has ended does nothing either
+    return all(state(task) == "T" for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
+
+
 class Stage:
     """One running set of processes; env holds what DIR/env says."""
 
@@ -115,6 +125,7 @@ class Stage:
         pid = int(self.env["SERVER_PID"])
         os.kill(pid, signal.SIGSTOP)
         try:
+            wait_until(lambda: is_stopped(pid), "the server to stand still")
             yield
         finally:
             os.kill(pid, signal.SIGCONT)
