@@ -64,9 +64,9 @@ bool busIsOpen(const QSHandle* handle, QSError* error);
 void busReference(QSHandle* handle);
 void busRelease(QSHandle* handle);
 
-// Handles up to `most` messages without waiting; false when the connection is lost. Does nothing inside a
-// callback.
-bool busProcess(QSHandle* handle, int most);
+// Handles up to `most` messages without waiting, and says how many in `handled`; false when the connection is
+// lost. Does nothing inside a callback.
+bool busProcess(QSHandle* handle, int most, int* handled = nullptr);
 // Logs the loss and ends the main loop.
 void busLost(QSHandle* handle);
 void busDetach(QSHandle* handle);
