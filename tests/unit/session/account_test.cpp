@@ -25,6 +25,12 @@ TEST_F(Account, GetResourceAnswersWithTheResource) {
               R"({ "returnValue": true, "resource": "dev42" })");
 }
 
+TEST_F(Account, AnswersEscapeWhatJsonNeedsEscaped) {
+    gCurrentSession.m_resource = "a\"b/c\\\x01";
+    EXPECT_EQ(callPrivate(getResource, "getResource", "{}"),
+              R"({ "returnValue": true, "resource": "a\"b\/c\\\u0001" })");
+}
+
 TEST_F(Account, LogsRepliesThatCannotBeSentUnderTheMethodsName) {
     const std::pair<const char*, QSFilter> handlers[] = {
         {"getJabberId", getJabberId}, {"getResource", getResource}, {"disconnect", disconnect}};
