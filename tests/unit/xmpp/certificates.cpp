@@ -83,10 +83,12 @@ TemporaryFolder::TemporaryFolder() {
     m_path = path;
 }
 
-Authority::Authority(const std::string& name) : m_file(m_folder.file("ca.pem")), m_key(newKey()) {
+Authority::Authority(const std::string& name, Kind kind) : m_file(m_folder.file("ca.pem")), m_key(newKey()) {
     m_certificate = newCertificate(m_key, name, std::time(nullptr) - kDay, std::time(nullptr) + kDay);
-    check(gnutls_x509_crt_set_basic_constraints(m_certificate, 1, -1), "constraints");
-    check(gnutls_x509_crt_set_key_usage(m_certificate, GNUTLS_KEY_KEY_CERT_SIGN), "usage");
+    check(gnutls_x509_crt_set_basic_constraints(m_certificate, kind == Kind::Ca, -1), "constraints");
+    check(gnutls_x509_crt_set_key_usage(
+              m_certificate, kind == Kind::Ca ? GNUTLS_KEY_KEY_CERT_SIGN : GNUTLS_KEY_DIGITAL_SIGNATURE),
+          "usage");
     check(gnutls_x509_crt_sign2(m_certificate, m_certificate, m_key, GNUTLS_DIG_SHA256, 0), "signature");
     std::ofstream(m_file) << pemOf(m_certificate);
 }

@@ -31,7 +31,8 @@ struct Identity {
 
 class Authority {
   public:
-    explicit Authority(const std::string& name);
+    enum class Kind { Ca, NoCa };  // NoCa: signs all the same, though its certificate does not allow it
+    explicit Authority(const std::string& name, Kind kind = Kind::Ca);
     ~Authority();
     Authority(const Authority&) = delete;
     Authority& operator=(const Authority&) = delete;

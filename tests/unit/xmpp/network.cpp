@@ -85,3 +85,8 @@ void Network::disposeClient() {
     dropWatch();
     xmpp::Client::dispose(std::exchange(client, nullptr));
 }
+
+void Network::removeListeners() {
+    client->removeConnectionListener(&listener);
+    client->removeConnectionListener(&m_watchDropper);
+}

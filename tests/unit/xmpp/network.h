@@ -31,6 +31,8 @@ class Network : public testing::Test {
     // Connects and watches socket(); what connect() said.
     bool connect(const std::string& localAddress = {});
     void disposeClient();
+    // Nobody hears of the client's connection from here on.
+    void removeListeners();
     bool isConnected() const { return listener.count("connect") > 0; }
     bool isOver() const { return listener.count("disconnect") > 0; }
 

@@ -141,6 +141,42 @@ INSTANTIATE_TEST_SUITE_P(
                                 gloox::CertInvalid | gloox::CertNotActive}),
     [](const auto& each) { return each.param.name; });
 
+TEST_F(Secured, ASignerThatIsNoAuthorityVouchesForNobody) {
+    const Authority leaf("Test leaf", Authority::Kind::NoCa);
+    const Identity vouched = leaf.vouchFor({"example.org"});
+    start([&](Peer& peer) { peer.logIn(&vouched); });
+    client->setCACerts({leaf.file()});
+    ASSERT_TRUE(connect());
+    ASSERT_TRUE(waitFor([this] { return isOver(); }));
+    const int status = gloox::CertInvalid | gloox::CertSignerNotCa;
+    EXPECT_EQ(listener.events, (std::vector<std::string>{"tls " + std::to_string(status), "disconnect 13"}));
+    EXPECT_FALSE(listener.certificate.chain);
+}
+
+TEST_F(Secured, WithoutAListenerAGoodCertificateIsAccepted) {
+    start([&](Peer& peer) { peer.logIn(&identity), peer.untilEnd(); });
+    ASSERT_TRUE(connect());
+    removeListeners();
+    EXPECT_TRUE(waitFor([this] { return client->authed(); })) << server->failure();
+}
+
+TEST_F(Secured, WithoutAListenerABadCertificateIsRefused) {
+    const Identity bad = authority.vouchFor({"other.example"});
+    std::string afterwards = "nothing";
+    start([&](Peer& peer) {
+        peer.agreeOnTls();
+        peer.handshake(bad);
+        afterwards = peer.untilEnd();
+    });
+    ASSERT_TRUE(connect());
+    removeListeners();
+    ASSERT_TRUE(waitFor([this] { return client->state() == gloox::StateDisconnected; }));
+    EXPECT_FALSE(client->authed());
+    disposeClient();
+    server->stop();
+    EXPECT_TRUE(afterwards.empty() || afterwards == "nothing") << afterwards;
+}
+
 TEST_F(Secured, ACertificateMayNameTheConnectHostInstead) {
     const Identity host = authority.vouchFor({"localhost"});
     start([&](Peer& peer) { peer.logIn(&host), peer.untilEnd(); }, "localhost");

@@ -41,6 +41,21 @@ INSTANTIATE_TEST_SUITE_P(All, Places,
                                          Place{"ByName", "localhost", "127.0.0.1"}),
                          [](const auto& each) { return each.param.name; });
 
+TEST_F(Connection, OneDescriptorIsLeftOfTheAttempts) {
+    start(logInAndWait);
+    logIn();
+    int found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        const int fd = std::stoi(entry.path().filename());
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0 && peer.sin_family == AF_INET &&
+            ntohs(peer.sin_port) == server->port())
+            found++;
+    }
+    EXPECT_EQ(found, 1);
+}
+
 TEST_F(Connection, TheSocketIsSetUpForALongLifeOnABadNetwork) {
     start(logInAndWait);
     logIn();
