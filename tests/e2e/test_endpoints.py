@@ -66,7 +66,7 @@ class Endpoints(EndpointsTest):
                          {"returnValue": True, "endpoint": self.endpoint, "publishKey": key})
         self.publisher.publish(key, "for the owner alone")
         self.expect_item(waiting, self.endpoint, "for the owner alone", 2)
-        stranger.drain(0.1)
+        stranger.settle()
         self.assertEqual([len(call.texts) for call in taken], [2, 2])
 
     def test_nobody_ends_the_subscription_of_another(self):

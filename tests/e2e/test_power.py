@@ -83,7 +83,7 @@ class Boot(PlatformTest):
         self.publisher.publish(key, "before the boot has finished")
         # A round trip to the server: what it had to send before is here.
         self.assertTrue(self.call("createNode", {"node": "/e2e/late"})["returnValue"])
-        self.app.drain(0.1)
+        self.app.settle()
         self.assertEqual(len(waiting.texts), 2)
         self.system.finish()
         self.assertEqual(self.wait_answers(waiting, 3)["item"], "before the boot has finished")
