@@ -45,6 +45,11 @@ class Peer:
         self._client = client
         client.connect(address=(self._env["XMPP_HOST"], int(self._env["XMPP_PORT"])))
         self._loop.run_forever()
+        tasks = asyncio.all_tasks(self._loop)  # slixmpp leaves one that waits for more to send
+        for task in tasks:
+            task.cancel()
+        self._loop.run_until_complete(asyncio.gather(*tasks, return_exceptions=True))
+        self._loop.close()
 
     def _on_start(self, _event):
         self._client.send_presence()
