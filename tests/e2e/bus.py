@@ -7,7 +7,6 @@ import time
 import dbus
 import dbus.bus
 import dbus.lowlevel
-import gi
 from dbus.mainloop.glib import DBusGMainLoop
 from gi.repository import GLib
 

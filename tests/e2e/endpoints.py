@@ -8,7 +8,6 @@ service runs.
 import http.client
 import json
 import os
-import signal
 import sqlite3
 import urllib.parse
 
@@ -17,7 +16,7 @@ import dbus.bus
 
 from app import App
 from bus import BusClient
-from stage import StageTest, is_running, wait_until
+from stage import StageTest, wait_until
 
 MAIL, NEWS = "com.example.mail", "com.example.news"
 OFFLINE = {"errorCode": "connectionErr", "errorText": "Not connected to xmpp server"}
@@ -75,18 +74,6 @@ def preferences(stage, app_id="com.zelt.pubsubservice"):
 
 def offline_map(stage):
     return preferences(stage, "pubsubservice.offlineMap")
-
-
-def kill_server(stage):
-    pid = int(stage.env["SERVER_PID"])
-    os.kill(pid, signal.SIGKILL)
-    wait_until(lambda: not is_running(pid), "the server to end")
-
-
-def start_server(stage):
-    for line in stage.server("start", stage.server_folder()).splitlines():
-        name, _, value = line.partition("=")
-        stage.env[name] = value.strip("'")
 
 
 class EndpointsTest(StageTest):

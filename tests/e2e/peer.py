@@ -3,7 +3,6 @@
 
 import asyncio
 import queue
-import ssl
 import threading
 import time
 import xml.etree.ElementTree as ElementTree

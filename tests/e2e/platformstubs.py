@@ -7,7 +7,6 @@ test pumps the main loop. A stage made here has no host daemon, and its bus star
 
 import json
 import os
-import shlex
 import signal
 import socket
 import subprocess
@@ -18,7 +17,7 @@ import dbus.bus
 import dbus.lowlevel
 
 from bus import SERVICE, SUBSCRIPTION, BusClient
-from stage import BIN, ROOT, Stage, StageTest, is_running, wait_until
+from stage import BIN, ROOT, Stage, StageTest
 
 USER, TOKEN = "device", "the token"
 
@@ -185,23 +184,9 @@ class PlatformStage(Stage):
             "ZELT_PUBLIC_BUS": self.path("run", "public.address").read_text(encoding="utf-8").strip(),
             "ZELT_PREFS_DIR": str(self.path("prefs")), "STATE_DIR": str(self.path("state")),
             "DEVICE_USER": USER}
-        self.take_server(self.path("server", "server.env").read_text(encoding="utf-8"))
+        self.take_environment(self.path("server", "server.env").read_text(encoding="utf-8"))
         self.account(USER, TOKEN)
         return self
-
-    def take_server(self, assignments):
-        for line in assignments.splitlines():
-            name, _, value = line.partition("=")
-            self.env[name] = "".join(shlex.split(value))
-
-    def kill_server(self):
-        pid = int(self.env["SERVER_PID"])
-        os.kill(pid, signal.SIGKILL)
-        wait_until(lambda: not is_running(pid), "the server to end")
-
-    def start_server(self):
-        if not is_running(int(self.env["SERVER_PID"])):
-            self.take_server(self.server("start", self.server_folder()))
 
     def kick(self):
         """The server ends the device's stream with an error and stays up."""

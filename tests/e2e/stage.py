@@ -63,10 +63,14 @@ class Stage:
                               capture_output=True, text=True, check=False)
         if done.returncode:
             raise AssertionError(f"./demo --up failed:\n{done.stdout}{done.stderr}\n{self.logs()}")
-        for line in (self.dir / "env").read_text(encoding="utf-8").splitlines():
+        self.take_environment((self.dir / "env").read_text(encoding="utf-8"))
+        return self
+
+    def take_environment(self, assignments):
+        """Takes lines of NAME=VALUE, quoted as for a shell, over into env."""
+        for line in assignments.splitlines():
             name, _, value = line.partition("=")
             self.env[name] = "".join(shlex.split(value))
-        return self
 
     def down(self):
         for process in self._services:
@@ -139,6 +143,16 @@ class Stage:
 
     def server_folder(self):
         return str(self.dir / "server")
+
+    def kill_server(self):
+        pid = int(self.env["SERVER_PID"])
+        os.kill(pid, signal.SIGKILL)
+        wait_until(lambda: not is_running(pid), "the server to end")
+
+    def start_server(self):
+        """Starts the server again, unless it runs."""
+        if not is_running(int(self.env["SERVER_PID"])):
+            self.take_environment(self.server("start", self.server_folder()))
 
     def account(self, user, password):
         self.server("account", self.server_folder(), user, password)

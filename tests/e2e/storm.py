@@ -21,7 +21,7 @@ import time
 import urllib.request
 
 from app import App
-from endpoints import Publisher, kill_server, preferences, start_server
+from endpoints import Publisher, preferences
 from stage import Stage, wait_until
 from stormwatch import CacheWatch
 
@@ -146,9 +146,9 @@ class Storm:
         self.stage.start_service()
 
     def _kill_server(self, away):
-        kill_server(self.stage)
+        self.stage.kill_server()
         time.sleep(away)
-        start_server(self.stage)
+        self.stage.start_server()
 
     def _kill_link(self, away):
         self.stage.ctl("call", "disconnect", "{}")

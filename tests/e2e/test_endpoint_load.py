@@ -8,7 +8,7 @@ import sqlite3
 import subprocess
 import unittest
 
-from endpoints import MAIL, EndpointsTest, offline_map, preferences, start_server
+from endpoints import MAIL, EndpointsTest, offline_map, preferences
 from stage import ROOT, wait_until
 
 BULK = int(os.environ.get("PUBSUB_BULK_NODES", "1000"))
@@ -83,7 +83,7 @@ class Load(EndpointsTest):
                        check=True)
         with open(folder / "conf" / "ejabberd.yml", "a", encoding="utf-8") as configuration:
             configuration.write(f"  mod_item_count: {{file: \"{counted}\"}}\n")  # its last section is `modules`
-        start_server(self.stage)
+        self.stage.start_server()
         self.publisher.close()
         self.connect()
         return lambda node: counted.read_text(encoding="utf-8").splitlines().count(node)

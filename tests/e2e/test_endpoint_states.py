@@ -6,7 +6,7 @@ import signal
 import unittest
 
 from bus import BusError
-from endpoints import MAIL, OFFLINE, EndpointsTest, kill_server, preferences, start_server
+from endpoints import MAIL, OFFLINE, EndpointsTest, preferences
 from stage import wait_until
 
 
@@ -107,16 +107,16 @@ class States(EndpointsTest):
         self.mail.call("unsubscribe", {"endpoint": self.endpoint})
         wait_until(lambda: self.mail.call("unsubscribe", {"endpoint": self.endpoint}).get("status"), "its end")
         self.publisher.publish(self.key, "taken before the kill")
-        kill_server(self.stage)
-        start_server(self.stage)
+        self.stage.kill_server()
+        self.stage.start_server()
         self.publisher.close()
         self.connect()
         self.comes_after_subscribing("taken before the kill")
 
     def test_a_subscriber_that_waited_through_a_killed_server_gets_the_next_item(self):
         call = self.subscribe(self.mail, self.endpoint)
-        kill_server(self.stage)
-        start_server(self.stage)
+        self.stage.kill_server()
+        self.stage.start_server()
         self.publisher.close()
         self.connect()
         self.publisher.publish(self.key, "after the kill")
@@ -148,7 +148,7 @@ class States(EndpointsTest):
         self.assertEqual(len(call.texts), 1)
 
     def test_connects_that_fail_in_between_neither_answer_nor_lose_it(self):
-        kill_server(self.stage)
+        self.stage.kill_server()
         wait_until(lambda: not self.stage.connected(), "the loss to be noticed")
         call = self.subscribe_offline()
         attempts = self.stage.log("service").count("There is no server or network")
@@ -158,7 +158,7 @@ class States(EndpointsTest):
                    "connects that fail")
         self.subscribe_again_says_subscribed()
         self.assertEqual((call.texts, call.error), ([], None))
-        start_server(self.stage)
+        self.stage.start_server()
         self.publisher.close()
         self.connect()
         self.assertEqual(call.wait(1), {"returnValue": True, "endpoint": self.endpoint})

@@ -2,7 +2,6 @@
 """Bad input and faults on a running device: every one has its answer, and the service stays up and whole."""
 
 import os
-import signal
 import socket
 import threading
 import time
@@ -111,15 +110,12 @@ class Faults(FaultsTest):
     def test_a_killed_server_is_noticed_and_the_service_stays_up(self):
         status = self.private.start("subscribeConnStatus", {"subscribe": True})
         self.assertTrue(status.wait(1)["connected"])
-        os.kill(int(self.stage.env["SERVER_PID"]), signal.SIGKILL)
+        self.stage.kill_server()
         self.assertFalse(status.wait(2)["connected"])
         self.assertTrue(is_running(self.stage.service_pid))
         refused = self.private.call("deleteNode", {"node": "/x"})
         self.assertIn("Not connected to xmpp server", refused["errorText"])
-        self.stage.server("start", self.stage.server_folder())
-        self.stage.env.update(
-            line.split("=", 1) for line in
-            self.stage.path("server", "server.env").read_text(encoding="utf-8").splitlines() if "=" in line)
+        self.stage.start_server()
         self.private.call("connectStatus", {})
         self.stage.wait_connected()
         status.cancel()
