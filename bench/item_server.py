@@ -19,16 +19,17 @@ def item(node, number, payload):
             f"<item id='i{number}' seqNo='{number}'><payload>{payload}</payload></item></items></event></message>")
 
 
-class ItemServer:
-    """Listens on a free loopback port; one client."""
+class LoginServer:
+    """Listens on a free loopback port and logs a client in; one at a time."""
 
     def __init__(self):
         self._listener = socket.create_server(("127.0.0.1", 0))
         self.port = self._listener.getsockname()[1]
         self._socket = None
-        self._buffer = b""
-        self._acks = 0
-        self._changed = threading.Condition()
+        self._buffer = b""  # what came after the last piece that was waited for
+
+    def shut(self):
+        self._listener.close()
 
     def _until(self, pattern):
         while True:
@@ -41,11 +42,12 @@ class ItemServer:
                 raise EOFError("the service closed the stream")
             self._buffer += data
 
-    def login(self):
+    def log_in(self):
         """Takes the service through stream, SASL and bind up to its directed presence."""
         self._listener.settimeout(30)
         self._socket, _ = self._listener.accept()
         self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        self._buffer = b""
         self._until(rb"<stream:stream[^>]*>")
         self._send(HEADER.format(SASL))
         self._until(rb"<auth.*?(?:/>|</auth>)")
@@ -56,10 +58,22 @@ class ItemServer:
         self._send(f"<iq type='result' id='{bind}'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'>"
                    "<jid>device@localhost/bench</jid></bind></iq>")
         self._until(rb"<presence.*?(?:/>|</presence>)")
-        threading.Thread(target=self._count_acks, daemon=True).start()
 
     def _send(self, text):
         self._socket.sendall(text.encode())
+
+
+class ItemServer(LoginServer):
+    """Pushes items to its one client and counts what it acknowledges."""
+
+    def __init__(self):
+        super().__init__()
+        self._acks = 0
+        self._changed = threading.Condition()
+
+    def login(self):
+        self.log_in()
+        threading.Thread(target=self._count_acks, daemon=True).start()
 
     def _count_acks(self):
         tail = self._buffer
