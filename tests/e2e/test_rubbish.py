@@ -6,12 +6,16 @@ PUBSUB_RUBBISH_SEED and PUBSUB_RUBBISH_ROUNDS choose another row of rubbish, and
 
 import os
 import random
+import sys
 import unittest
 
 from app import App
 from platformstubs import PlatformTest
-from rubbish import LEAVING, PRIVATE, PUBLIC, Rubbish, RubbishServer
-from stage import is_running
+from rubbishserver import RubbishServer
+from stage import ROOT, is_running
+
+sys.path.insert(0, str(ROOT / "tests"))
+from rubbish import LEAVING, PRIVATE, PUBLIC, Rubbish  # noqa: E402
 
 SEED = int(os.environ.get("PUBSUB_RUBBISH_SEED", "1"))
 ROUNDS = int(os.environ.get("PUBSUB_RUBBISH_ROUNDS", "60"))

@@ -2,15 +2,6 @@
 """Payloads and stanzas at random: the system's own words, in places and of types where they make sense or none."""
 
 import json
-import re
-import select
-import sys
-import threading
-
-from stage import ROOT
-
-sys.path.insert(0, str(ROOT / "bench"))
-from item_server import PUBSUB, LoginServer  # noqa: E402
 
 PUBLIC = ("createEndpoint", "deleteEndpoint", "getPublishKey", "subscribe", "unsubscribe", "connectStatus",
           "subscribeOnClose", "unsubscribeOnClose")
@@ -29,14 +20,17 @@ TEXTS = ("", "a", "b", "*", "/", "//", "/../a", "/a/b/c/d", "device@localhost", 
 
 NO_OBJECTS = ("", "{", "[]", "null", "5", "\"a\"", "{}x", "[" * 40, "{\"node\":" * 40, "nonsense")
 
+SERVICE = "pubsub.localhost"
+PUBSUB = "http://jabber.org/protocol/pubsub"
 PUBSUB_EVENT = "http://jabber.org/protocol/pubsub#event"
 PUBSUB_OWNER = "http://jabber.org/protocol/pubsub#owner"
 COMMANDS = "http://jabber.org/protocol/commands"
 STANZAS = "urn:ietf:params:xml:ns:xmpp-stanzas"
 DEVICE = "urn:zelt:pubsub:device:0"
 AUTHORIZATION = "http://jabber.org/protocol/pubsub#subscribe_authorization"
+NODE_CONFIG = "http://jabber.org/protocol/pubsub#node_config"
 GET_PENDING = "http://jabber.org/protocol/pubsub#get-pending"
-NAMESPACES = (PUBSUB_EVENT, PUBSUB_OWNER, COMMANDS, STANZAS, DEVICE, "http://jabber.org/protocol/pubsub",
+NAMESPACES = (PUBSUB_EVENT, PUBSUB_OWNER, COMMANDS, STANZAS, DEVICE, PUBSUB,
               "http://jabber.org/protocol/pubsub#errors", "jabber:x:data", "http://jabber.org/protocol/disco#info",
               "urn:xmpp:ping", "jabber:iq:version", "jabber:client", "")
 ELEMENTS = ("pubsub", "event", "items", "item", "payload", "subscription", "subscriptions", "affiliation", "configure",
@@ -48,7 +42,7 @@ ATTRIBUTES = ("node", "id", "seqNo", "jid", "subid", "subscription", "affiliatio
 VALUES = ("result", "error", "form", "submit", "cancel", "auth", "subscribed", "pending", "none", "executing",
           "completed", "hidden", "boolean", "list-single", "exists", "401", "pubsub#node", "pusub#subscriber_jid",
           "FORM_TYPE", "pubsub#subid", "pubsub#allow", AUTHORIZATION, GET_PENDING,
-          "http://jabber.org/protocol/pubsub#node_config")
+          NODE_CONFIG)
 
 
 def escaped(text):
@@ -109,14 +103,14 @@ class Rubbish:
         return (f"<event xmlns='{PUBSUB_EVENT}'><items node='{node}'>"
                 f"<item id='{escaped(self.text())}' seqNo='{number}'>{payload}</item></items></event>")
 
-    def form(self):
+    def form(self, form_type=AUTHORIZATION):
         fields = "".join(f"<field var='{self.attribute()}'><value>{escaped(self.text())}</value></field>"
                          for _ in range(self.random.randrange(5)))
-        return (f"<x xmlns='jabber:x:data' type='form'><field var='FORM_TYPE'><value>{AUTHORIZATION}</value></field>"
+        return (f"<x xmlns='jabber:x:data' type='form'><field var='FORM_TYPE'><value>{form_type}</value></field>"
                 f"<field var='pubsub#node'><value>{escaped(self.text())}</value></field>{fields}</x>")
 
     def stanza(self):
-        sender = PUBSUB if self.random.random() < 0.8 else self.attribute()
+        sender = SERVICE if self.random.random() < 0.8 else self.attribute()
         kind = self.random.random()
         if kind < 0.7:
             inside = self.random.choice((self.item, self.item, self.form, self.element))()
@@ -141,53 +135,4 @@ class Rubbish:
                       "</error>"),
             ("error", self.element()),
             ("result", self.element())))
-        return f"<iq from='{PUBSUB}' id='{request}' type='{kind}'>{inside}</iq>"
-
-
-class RubbishServer(LoginServer):
-    """Logs every client in that comes, answers most of its requests and sends what nobody asked for."""
-
-    def __init__(self, rubbish):
-        super().__init__()
-        self._rubbish = rubbish
-        self._ends = threading.Event()
-        self._thread = threading.Thread(target=self._run)
-        self._thread.start()
-
-    def close(self):
-        self._ends.set()
-        self._thread.join()
-        self.shut()
-
-    def _run(self):
-        while not self._ends.is_set():
-            if not select.select([self._listener], [], [], 0.05)[0]:
-                continue
-            try:
-                self.log_in()
-                self._serve()
-            except (OSError, EOFError):
-                pass
-            finally:
-                self._socket.close()
-
-    def _serve(self):
-        rubbish, heard = self._rubbish, self._buffer
-        self._buffer = b""
-        while not self._ends.is_set():
-            if select.select([self._socket], [], [], 0.005)[0]:
-                data = self._socket.recv(65536)
-                if not data:
-                    return
-                heard += data
-            requests = re.findall(rb"<iq[^>]*\bid='([^']*)'", heard)
-            rubbish.nodes += [node.decode() for node in re.findall(rb"\b(?:node|id)='(/[^']*)'", heard)]
-            heard = heard[heard.rfind(b">") + 1:]
-            for request in requests:
-                if rubbish.random.random() < 0.9:
-                    self._send(rubbish.answer(request.decode()))
-            if rubbish.random.random() < 0.5:
-                self._send("".join(rubbish.stanza() for _ in range(rubbish.random.randrange(1, 6))))
-            if rubbish.random.random() < 0.002:
-                self._send(rubbish.random.choice(("<a", "</stream:stream>", "\0", "<a></b>", "<stream:error/>")))
-                return
+        return f"<iq from='{SERVICE}' id='{request}' type='{kind}'>{inside}</iq>"

@@ -1,0 +1,101 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""Requests at random, in the protocol's own words: each has an answer, and nothing of the extension breaks.
+
+PUBSUB_RUBBISH_SEED and PUBSUB_RUBBISH_ROUNDS choose another row of rubbish, and a longer one.
+"""
+import os
+import random
+import re
+import sys
+
+from harness import ServerTest
+from xmppclient import DEVICE
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from rubbish import AUTHORIZATION, COMMANDS, GET_PENDING, NODE_CONFIG, PUBSUB, PUBSUB_OWNER, Rubbish  # noqa: E402
+
+SEED = int(os.environ.get("PUBSUB_RUBBISH_SEED", "1"))
+ROUNDS = int(os.environ.get("PUBSUB_RUBBISH_ROUNDS", "100"))
+REQUESTS, OTHERS = 20, 5  # in a round
+
+
+class Everything(ServerTest):
+    def setUp(self):
+        super().setUp()
+        self.random = random.Random(SEED)
+        self.rubbish = Rubbish(self.random)
+        self.devices = [self.device(user, "d%d" % i) for i, user in enumerate(("owner", "bob", "carol", "owner"))]
+        names = ["/k/%d" % i for i in range(3)]
+        self.keys = [self.key_node(self.devices[0], name) for name in names]
+        self.rubbish.nodes += names
+
+    def attribute(self, *fitting):
+        return self.random.choice(fitting + (self.rubbish.attribute(),))
+
+    def inside(self, *fitting):
+        return self.random.choice(fitting + ("", self.rubbish.form(self.random.choice((NODE_CONFIG, AUTHORIZATION))),
+                                             self.rubbish.element(3)))
+
+    def on_node(self):
+        """The attribute that names a node."""
+        return "node='%s'" % (self.rubbish.attribute() if self.random.random() < 0.3 else
+                              self.random.choice(self.rubbish.nodes))
+
+    def standard(self, client):
+        jid = self.attribute(client.jid, client.bare)
+        name = self.random.choice(("delete", "purge", "configure", "affiliations", "subscriptions"))
+        owner = "<%s %s>%s</%s>" % (name, self.on_node(), self.inside(), name)
+        inside = self.random.choice((
+            "<create %s/><configure>%s</configure>" % (self.on_node(), self.inside()),
+            "<create %s/>" % self.on_node(),
+            "<publish %s><item id='%s'>%s</item></publish>" % (
+                self.on_node(), self.attribute("one"), self.inside("<payload/>", "<payload>x</payload>")),
+            "<subscribe %s jid='%s'/>" % (self.on_node(), jid),
+            "<unsubscribe %s jid='%s' subid='%s'/>" % (self.on_node(), jid, self.attribute()),
+            "<retract %s notify='1'><item id='%s'/></retract>" % (self.on_node(), self.attribute("one")),
+            owner, owner))
+        return "<pubsub xmlns='%s'>%s</pubsub>" % (PUBSUB_OWNER if inside is owner else PUBSUB, inside)
+
+    def extension(self):
+        bulk = self.random.choice(("activate-nodes", "delete-nodes"))
+        nodes = "".join(self.random.choice(("<node id='%s'/>" % self.attribute("/k/1"), "<node/>", self.inside()))
+                        for _ in range(self.random.randrange(6)))
+        number = self.random.choice(("", "0", "5", "-1", "x", "9" * 20, "9" * 21))
+        content = self.random.choice((
+            "<create-key-node %s>%s</create-key-node>" % (self.on_node(), self.inside()),
+            "<key %s/>" % self.on_node(),
+            "<activate %s seqNo='%s'/>" % (self.on_node(), number),
+            "<deactivate %s/>" % self.on_node(),
+            "<%s>%s</%s>" % (bulk, nodes, bulk),
+            "<publish key='%s'>%s</publish>" % (
+                self.attribute(*self.keys), self.inside("<item><payload>x</payload></item>", "<item/>"))))
+        return re.sub(r"^<([a-z-]+)", r"<\1 xmlns='%s'" % DEVICE, content)
+
+    def request(self, client):
+        choice = self.random.random()
+        if choice < 0.1:
+            return "<command xmlns='%s' action='%s' node='%s' sessionid='%s'>%s</command>" % (
+                COMMANDS, self.attribute("execute"), GET_PENDING, self.attribute(), self.inside())
+        return self.standard(client) if choice < 0.5 else self.extension()
+
+    def other(self):
+        """A message or a presence."""
+        service = self.server.pubsub
+        return self.random.choice((
+            "<message to='%s'><ack xmlns='%s' %s id='%s'/></message>" % (
+                service, DEVICE, self.on_node(), self.attribute("one")),
+            "<message to='%s' id='%s'>%s</message>" % (service, self.attribute(), self.inside()),
+            "<presence to='%s'>%s</presence>" % (service, self.inside()),
+            "<presence to='%s' type='%s'/>" % (service, self.random.choice(("unavailable", "subscribe", "probe")))))
+
+    def test_every_request_is_answered_and_nothing_breaks(self):
+        for _ in range(ROUNDS):
+            client = self.random.choice(self.devices)
+            numbers = [client.send_iq(self.random.choice(("set", "set", "set", "get")), self.request(client))
+                       for _ in range(REQUESTS)]
+            for _ in range(OTHERS):
+                client.send(self.other())
+            for number in numbers:
+                self.assertIn(client.wait_iq(number).get("type"), ("result", "error"))
+            client.messages()
+        self.assertEqual(re.findall(r".*\[(?:error|critical)\].*", self.instance.log()), [])
