@@ -10,6 +10,7 @@ import sys
 import unittest
 
 from app import App
+from bus import BusClient
 from platformstubs import PlatformTest
 from rubbishserver import RubbishServer
 from stage import ROOT, is_running
@@ -20,6 +21,7 @@ from rubbish import LEAVING, PRIVATE, PUBLIC, Rubbish  # noqa: E402
 SEED = int(os.environ.get("PUBSUB_RUBBISH_SEED", "1"))
 ROUNDS = int(os.environ.get("PUBSUB_RUBBISH_ROUNDS", "60"))
 CALLS = 40  # in a round
+APPS = ("com.example.one", "com.example.two")
 
 
 class Everybody(PlatformTest):
@@ -28,10 +30,29 @@ class Everybody(PlatformTest):
         self.rubbish = Rubbish(random.Random(SEED))
         self.server = RubbishServer(Rubbish(random.Random(SEED + 1)))
         self.addCleanup(self.server.close)
-        self.apps = [App(self.stage.env["ZELT_PUBLIC_BUS"], name) for name in ("com.example.one", "com.example.two")]
-        for app in self.apps:
-            self.addCleanup(app.close)
+        self.apps = [self.new_app(name) for name in APPS]
+        self.sender = self.new_sender()
         self.private.serve("com.zelt.rubbish", "item")
+
+    def new_app(self, name):
+        app = App(self.stage.env["ZELT_PUBLIC_BUS"], name)
+        self.addCleanup(app.close)
+        return app
+
+    def new_sender(self):
+        sender = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
+        self.addCleanup(sender.close)
+        return sender
+
+    def replace_a_client(self):
+        """One dies with all that it waits for, and another comes."""
+        which = self.rubbish.random.randrange(3)
+        if which < 2:
+            self.apps[which].kill()
+            self.apps[which] = self.new_app(APPS[which])
+        else:
+            self.sender.close()
+            self.sender = self.new_sender()
 
     def connect(self):
         """The platform tells the truth again, and somebody asks for a connection until there is one."""
@@ -77,15 +98,17 @@ class Everybody(PlatformTest):
                 if draw.random() < 0.5:
                     draw.choice(self.apps).start(draw.choice(PUBLIC), self.rubbish.payload())
                 else:
-                    self.private.start(draw.choice(PRIVATE), self.rubbish.payload())
+                    self.sender.start(draw.choice(PRIVATE), self.rubbish.payload())
             if draw.random() < 0.3:
                 self.platform_rubbish()
             if draw.random() < 0.1:
-                self.private.start(draw.choice(LEAVING), self.rubbish.payload())
+                self.replace_a_client()
+            if draw.random() < 0.1:
+                self.sender.start(draw.choice(LEAVING), self.rubbish.payload())
             self.settle()
         self.connect()
         self.assertTrue(is_running(self.stage.service_pid))
-        self.assertLessEqual(self.descriptors(), descriptors)
+        self.pump(lambda: self.descriptors() <= descriptors, "what was opened to be closed")
 
 
 if __name__ == "__main__":
