@@ -121,14 +121,15 @@ def load(device, service, pid, in_flight, calls):
 
 
 @contextlib.contextmanager
-def on_one_core(processes):
-    """The processes and whatever is started in the block share one core; for a call that is alone there is no loss,
-    since one of them runs at a time. Left to the scheduler the same program takes 7 or 22 us a call, by the cores
-    that it and the bus daemon happen to be on."""
+def placed(processes, measured, measured_core, other_core):
+    """Keeps the measured processes on one core, and the others and whatever is started in the block on another or
+    the same one. Left to the scheduler one program takes 7 or 22 us a call, by the cores that it, the bus daemon and
+    the caller happen to be on."""
     allowed = os.sched_getaffinity(0)
-    pids = [0] + [process.pid for process in processes]
-    for pid in pids:
-        os.sched_setaffinity(pid, {max(allowed)})
+    pids = {0: other_core} | {process.pid: other_core for process in processes}
+    pids |= {process.pid: measured_core for process in measured}
+    for pid, core in pids.items():
+        os.sched_setaffinity(pid, {core})
     try:
         yield
     finally:
@@ -136,17 +137,29 @@ def on_one_core(processes):
             os.sched_setaffinity(pid, allowed)
 
 
+def request_rounds(device, service, echo, in_flight, calls):
+    """Rates and microseconds of CPU a call as pairs of ours and the echo's, of each round."""
+    rounds = []
+    for _ in range(9):  # in turns, so that both see the same neighbours on the machine
+        rounds.append((load(device, "com.zelt.pubsubservice", service.pid, in_flight, calls),
+                       load(device, "com.zelt.bench.echo", echo.pid, in_flight, calls)))
+    return [[(ours[i], theirs[i]) for ours, theirs in rounds] for i in (0, 1)]
+
+
 def request_road(device, service, table, scale):
     echo = device.start("echo", BIN / "bench_echo", ready=True)
-    for in_flight, calls in ((1, 20000 // scale), (64, 100000 // scale)):
-        rounds = []
-        with on_one_core(device.processes) if in_flight == 1 else contextlib.nullcontext():
-            for _ in range(9):  # in turns, so that both see the same neighbours on the machine
-                rounds.append((load(device, "com.zelt.pubsubservice", service.pid, in_flight, calls),
-                               load(device, "com.zelt.bench.echo", echo.pid, in_flight, calls)))
-        rates, cpu = ([(ours[i], theirs[i]) for ours, theirs in rounds] for i in (0, 1))
-        table.add(f"getJabberId, {in_flight} in flight", "calls/s", "sd-bus echo", rates, at_least=0.9)
-        table.add(f"CPU a call, {in_flight} in flight", "us", "sd-bus echo", cpu, at_most=1.25)
+    cores = sorted(os.sched_getaffinity(0))
+    # One core loses a lone call nothing, since only one of the processes has work at a time.
+    for where, core in (("all on one core", cores[-1]), ("on its own core", cores[0])):
+        if core == cores[-1] and where == "on its own core":
+            continue  # there is no other
+        with placed(device.processes, (service, echo), core, cores[-1]):
+            rates, cpu = request_rounds(device, service, echo, 1, 20000 // scale)
+        table.add(f"getJabberId, 1 in flight, {where}", "calls/s", "sd-bus echo", rates, at_least=0.9)
+        table.add(f"CPU a call, 1 in flight, {where}", "us", "sd-bus echo", cpu, at_most=1.25)
+    rates, cpu = request_rounds(device, service, echo, 64, 100000 // scale)
+    table.add("getJabberId, 64 in flight", "calls/s", "sd-bus echo", rates, at_least=0.9)
+    table.add("CPU a call, 64 in flight", "us", "sd-bus echo", cpu, at_most=1.25)
 
 
 def append_and_sync(folder, count):
