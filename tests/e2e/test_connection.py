@@ -277,8 +277,9 @@ class HostDaemon(StageTest):
         self.assertFalse(status.wait(2)["connected"])
         wait_until(lambda: self.host_pid() not in (0, dead) and is_running(self.host_pid()),
                    "the bus to start it again")
-        wait_until(lambda: any("reconnectTimer" in path.read_text(encoding="utf-8", errors="replace")
-                               for path in self.stage.path("host").iterdir()), "the alarm on the host's disk")
+        table = self.stage.path("host", "alarms.json")
+        wait_until(lambda: table.exists() and "reconnectTimer" in table.read_text(encoding="utf-8"),
+                   "the alarm on the host's disk")
         private.start("reconnectTimer", {})
         self.assertTrue(status.wait(3)["connected"])
         self.assertTrue(private.call("createNode", {"node": "/e2e/back"})["returnValue"])
