@@ -16,6 +16,14 @@ class Secured : public Network {
         client->setTls(gloox::TLSRequired);
         client->setCACerts({authority.file()});
     }
+    // A server with this certificate; `afterwards` takes what the client says after the handshake.
+    void offer(const Identity& certificate, std::string& afterwards) {
+        start([&](Peer& peer) {
+            peer.agreeOnTls();
+            peer.handshake(certificate);
+            afterwards = peer.untilEnd();
+        });
+    }
     // Ends the client before the server, whose script waits for it.
     ~Secured() override { disposeClient(); }
 
@@ -104,11 +112,7 @@ class BadCertificates : public Secured, public testing::WithParamInterface<Certi
 TEST_P(BadCertificates, AreToldToTheListenerWhoseRefusalEndsTheStream) {
     const Identity bad = GetParam().make(authority);
     std::string afterwards = "nothing";
-    start([&](Peer& peer) {
-        peer.agreeOnTls();
-        peer.handshake(bad);
-        afterwards = peer.untilEnd();
-    });
+    offer(bad, afterwards);
     ASSERT_TRUE(connect());
     ASSERT_TRUE(waitFor([this] { return isOver(); })) << server->failure();
     EXPECT_EQ(listener.events,
@@ -163,11 +167,7 @@ TEST_F(Secured, WithoutAListenerAGoodCertificateIsAccepted) {
 TEST_F(Secured, WithoutAListenerABadCertificateIsRefused) {
     const Identity bad = authority.vouchFor({"other.example"});
     std::string afterwards = "nothing";
-    start([&](Peer& peer) {
-        peer.agreeOnTls();
-        peer.handshake(bad);
-        afterwards = peer.untilEnd();
-    });
+    offer(bad, afterwards);
     ASSERT_TRUE(connect());
     removeListeners();
     ASSERT_TRUE(waitFor([this] { return client->state() == gloox::StateDisconnected; }));
