@@ -5,12 +5,11 @@
 #include "platform/bus/knownnames.h"
 
 #include "platform/bus/connection.h"
+#include "platform/bus/daemon.h"
 #include "util/log.h"
 
 namespace {
 
-constexpr const char* kDaemon = "org.freedesktop.DBus";
-constexpr const char* kDaemonPath = "/org/freedesktop/DBus";
 constexpr const char* kPlatformPrefix = "com.zelt.";
 constexpr const char* kPlatformRule =
     "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/"
@@ -18,8 +17,8 @@ constexpr const char* kPlatformRule =
     "member='NameOwnerChanged',arg0namespace='com.zelt'";
 
 int askDaemon(sd_bus* bus, Slot& slot, const char* method, sd_bus_message_handler_t callback, void* data) {
-    return sd_bus_call_method_async(bus, Receive(slot), kDaemon, kDaemonPath, kDaemon, method, callback, data,
-                                    "");
+    return sd_bus_call_method_async(bus, Receive(slot), kBusDaemon, kBusDaemonPath, kBusDaemon, method,
+                                    callback, data, "");
 }
 
 template <typename Each>
@@ -100,10 +99,8 @@ int KnownNames::onStartable(sd_bus_message* reply, void* data, sd_bus_error*) {
 
 int KnownNames::onChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     auto* self = static_cast<KnownNames*>(data);
-    const char* name = nullptr;
-    const char* before = nullptr;
-    const char* after = nullptr;
-    if (sd_bus_message_read(signal, "sss", &name, &before, &after) >= 0)
-        self->m_there[name] = *after != '\0';
+    OwnerChange change;
+    if (busReadOwnerChange(signal, change))
+        self->m_there[change.name] = *change.after != '\0';
     return 0;
 }

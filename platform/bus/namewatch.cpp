@@ -4,14 +4,8 @@
 #include "platform/bus/namewatch.h"
 
 #include "platform/bus/connection.h"
+#include "platform/bus/daemon.h"
 #include "util/log.h"
-
-namespace {
-
-constexpr const char* kDaemon = "org.freedesktop.DBus";
-constexpr const char* kDaemonPath = "/org/freedesktop/DBus";
-
-}  // namespace
 
 std::shared_ptr<NameWatch> NameWatch::start(QSHandle* handle, const std::string& name, Report report) {
     auto watch = std::make_shared<NameWatch>();
@@ -24,7 +18,7 @@ std::shared_ptr<NameWatch> NameWatch::start(QSHandle* handle, const std::string&
     if (sd_bus_add_match_async(handle->bus, Receive(watch->m_changes), rule.c_str(), onChanged, onInstalled,
                                watch.get()) < 0)
         return nullptr;
-    if (sd_bus_call_method_async(handle->bus, Receive(watch->m_query), kDaemon, kDaemonPath, kDaemon,
+    if (sd_bus_call_method_async(handle->bus, Receive(watch->m_query), kBusDaemon, kBusDaemonPath, kBusDaemon,
                                  "NameHasOwner", onAsked, watch.get(), "s", name.c_str()) < 0)
         return nullptr;
     return watch;
@@ -48,14 +42,12 @@ void NameWatch::tell(bool there) {
 
 int NameWatch::onChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     std::shared_ptr<NameWatch> self = static_cast<NameWatch*>(data)->shared_from_this();
-    const char* name = nullptr;
-    const char* before = nullptr;
-    const char* after = nullptr;
-    if (sd_bus_message_read(signal, "sss", &name, &before, &after) < 0)
+    OwnerChange change;
+    if (!busReadOwnerChange(signal, change))
         return 0;
-    if (*before)
+    if (*change.before)
         self->tell(false);
-    if (*after)
+    if (*change.after)
         self->tell(true);
     return 0;
 }

@@ -7,14 +7,12 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/bus/daemon.h"
 #include "platform/bus/identity.h"
 #include "platform/bus/message.h"
 #include "util/log.h"
 
 namespace {
-
-constexpr const char* kDaemon = "org.freedesktop.DBus";
-constexpr const char* kDaemonPath = "/org/freedesktop/DBus";
 
 std::shared_ptr<Peer> entryOf(Peer* peer) {
     auto found = peer->handle->peers.find(peer->name);
@@ -43,10 +41,8 @@ void clientDied(const std::shared_ptr<Peer>& peer) {
 }
 
 int onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
-    const char* name = nullptr;
-    const char* before = nullptr;
-    const char* after = nullptr;
-    if (sd_bus_message_read(signal, "sss", &name, &before, &after) >= 0 && !*after)
+    OwnerChange change;
+    if (busReadOwnerChange(signal, change) && !*change.after)
         clientDied(entryOf(static_cast<Peer*>(data)));
     return 0;
 }
@@ -95,7 +91,7 @@ bool ask(Peer& peer) {
     if (sd_bus_add_match_async(bus, Receive(peer.watch), rule.c_str(), onOwnerChanged, onWatchInstalled,
                                &peer) < 0)
         return false;
-    return sd_bus_call_method_async(bus, Receive(peer.identity), kDaemon, kDaemonPath, kDaemon,
+    return sd_bus_call_method_async(bus, Receive(peer.identity), kBusDaemon, kBusDaemonPath, kBusDaemon,
                                     "GetConnectionCredentials", onCredentials, &peer, "s",
                                     peer.name.c_str()) >= 0;
 }
