@@ -4,12 +4,13 @@
 // environment for each new client. No state.
 #include "platform/bus/identity.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "platform/bus/applicationid.h"
 #include "util/log.h"
@@ -21,9 +22,21 @@ bool isSwitchedOn(const char* variable) {
     return value && std::strcmp(value, "1") == 0;
 }
 
+// All that a file holds, and nothing when any of it cannot be read: a process may end between the open and
+// the read, which a stream's iterator reports by an exception.
 std::string fileText(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (file < 0)
+        return {};
+    std::string text;
+    char block[4096];
+    ssize_t count;
+    while ((count = ::read(file, block, sizeof block)) > 0 || (count < 0 && errno == EINTR)) {
+        if (count > 0)
+            text.append(block, static_cast<size_t>(count));
+    }
+    ::close(file);
+    return count < 0 ? std::string() : text;
 }
 
 std::string procText(unsigned pid, const char* file) {
