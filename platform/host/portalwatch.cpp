@@ -3,20 +3,17 @@
 // that NetworkManager looks for, and "none" an interface that it does not manage.
 #include "platform/host/portalwatch.h"
 
-#include <cstring>
-
 #include "platform/host/say.h"
 
 static constexpr char kManager[] = "org.freedesktop.NetworkManager";
 static constexpr char kPath[] = "/org/freedesktop/NetworkManager";
 static constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
-static constexpr char kOwnerRule[] =
-    "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
-    "arg0='org.freedesktop.NetworkManager'";
 static constexpr uint32_t kPortal = 2;  // NM_CONNECTIVITY_PORTAL
 
+PortalWatch::PortalWatch(SystemBus& system, OnVerdict onVerdict)
+    : m_system(system), m_onVerdict(std::move(onVerdict)), m_owner(kManager) {}
+
 PortalWatch::~PortalWatch() {
-    sd_bus_slot_unref(m_owner);
     sd_bus_slot_unref(m_properties);
     sd_bus_slot_unref(m_query);
 }
@@ -25,7 +22,15 @@ void PortalWatch::start() {
     sd_bus* bus = m_system.get();
     if (!bus)
         return;
-    int owner = sd_bus_add_match_async(bus, &m_owner, kOwnerRule, onOwnerChanged, onMatched, this);
+    int owner = m_owner.start(
+        bus,
+        [this](bool there) {
+            if (there)
+                ask();
+            else
+                judge(false);
+        },
+        onMatched);
     int properties = sd_bus_match_signal_async(bus, &m_properties, kManager, kPath, kProperties,
                                                "PropertiesChanged", onPropertiesChanged, onMatched, this);
     if (owner < 0 || properties < 0)
@@ -33,9 +38,12 @@ void PortalWatch::start() {
     ask();
 }
 
+// One question at a time, however many signals come.
 void PortalWatch::ask() {
+    m_askAgain = m_query != nullptr;
+    if (m_askAgain)
+        return;
     sd_bus_message* call = nullptr;
-    m_query = sd_bus_slot_unref(m_query);
     if (sd_bus_message_new_method_call(m_system.get(), &call, kManager, kPath, kProperties, "Get") >= 0) {
         sd_bus_message_append(call, "ss", kManager, "Connectivity");
         // A machine that does without NetworkManager is not to be given one.
@@ -58,43 +66,21 @@ int PortalWatch::onMatched(sd_bus_message* reply, void*, sd_bus_error*) {
     return 0;
 }
 
-int PortalWatch::onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
-    const char* name = nullptr;
-    const char* before = nullptr;
-    const char* after = nullptr;
-    auto* self = static_cast<PortalWatch*>(data);
-    if (sd_bus_message_read(signal, "sss", &name, &before, &after) < 0)
-        return 0;
-    if (*after)
-        self->ask();
-    else
-        self->judge(false);
-    return 0;
-}
-
+// That something changed is all that is taken from the signal; what it is now is asked for.
 int PortalWatch::onPropertiesChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     auto* self = static_cast<PortalWatch*>(data);
-    const char* interface = nullptr;
-    if (sd_bus_message_read(signal, "s", &interface) < 0 || strcmp(interface, kManager) != 0 ||
-        sd_bus_message_enter_container(signal, 'a', "{sv}") < 0)
-        return 0;
-    while (sd_bus_message_enter_container(signal, 'e', "sv") > 0) {
-        const char* name = nullptr;
-        uint32_t value = 0;
-        if (sd_bus_message_read(signal, "s", &name) < 0)
-            return 0;
-        if (strcmp(name, "Connectivity") != 0)
-            sd_bus_message_skip(signal, "v");
-        else if (sd_bus_message_read(signal, "v", "u", &value) >= 0)
-            self->judge(value == kPortal);
-        sd_bus_message_exit_container(signal);
-    }
+    if (self->m_owner.sent(signal))
+        self->ask();
     return 0;
 }
 
 int PortalWatch::onConnectivity(sd_bus_message* reply, void* data, sd_bus_error*) {
+    auto* self = static_cast<PortalWatch*>(data);
+    self->m_query = sd_bus_slot_unref(self->m_query);
     uint32_t value = 0;
     if (!sd_bus_message_get_error(reply) && sd_bus_message_read(reply, "v", "u", &value) >= 0)
-        static_cast<PortalWatch*>(data)->judge(value == kPortal);
+        self->judge(value == kPortal);
+    if (self->m_askAgain)
+        self->ask();
     return 0;
 }

@@ -5,14 +5,14 @@
 
 #include <functional>
 
+#include "platform/host/serviceowner.h"
 #include "platform/host/systembus.h"
 
 class PortalWatch {
   public:
     using OnVerdict = std::function<void(bool captive)>;
 
-    PortalWatch(SystemBus& system, OnVerdict onVerdict)
-        : m_system(system), m_onVerdict(std::move(onVerdict)) {}
+    PortalWatch(SystemBus& system, OnVerdict onVerdict);
     ~PortalWatch();
     PortalWatch(const PortalWatch&) = delete;
     PortalWatch& operator=(const PortalWatch&) = delete;
@@ -22,7 +22,6 @@ class PortalWatch {
   private:
     void ask();
     void judge(bool captive);
-    static int onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error* error);
     static int onPropertiesChanged(sd_bus_message* signal, void* data, sd_bus_error* error);
     static int onMatched(sd_bus_message* reply, void* data, sd_bus_error* error);
     static int onConnectivity(sd_bus_message* reply, void* data, sd_bus_error* error);
@@ -30,7 +29,8 @@ class PortalWatch {
     SystemBus& m_system;
     OnVerdict m_onVerdict;
     bool m_captive = false;
-    sd_bus_slot* m_owner = nullptr;
+    bool m_askAgain = false;  // something changed while an answer was under way
+    ServiceOwner m_owner;
     sd_bus_slot* m_properties = nullptr;
     sd_bus_slot* m_query = nullptr;
 };

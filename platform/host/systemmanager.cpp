@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The system manager service. The signal is asked for before the state, so that a boot that ends in between
-// is seen.
+// is seen; what it reports is asked for as well, since any process can send the like of it.
 #include "platform/host/systemmanager.h"
 
 #include "platform/host/say.h"
@@ -13,6 +13,9 @@ static const char* bootPayload(bool finished) {
     return finished ? "{\"returnValue\":true,\"finished\":true}"
                     : "{\"returnValue\":true,\"finished\":false}";
 }
+
+SystemManager::SystemManager(SystemBus& system, bool systemdRuns)
+    : m_system(system), m_finished(!systemdRuns), m_systemd(kSystemd) {}
 
 SystemManager::~SystemManager() {
     sd_bus_slot_unref(m_match);
@@ -33,13 +36,20 @@ Presence SystemManager::start(GMainLoop* loop) {
 
 bool SystemManager::askSystemd() {
     sd_bus* bus = m_system.get();
-    return bus &&
+    return bus && m_systemd.start(bus, nullptr, onMatched) >= 0 &&
            sd_bus_match_signal_async(bus, &m_match, kSystemd, kPath, kManager, "StartupFinished",
                                      onStartupFinished, onMatched, this) >= 0 &&
            sd_bus_call_method_async(bus, nullptr, kSystemd, kPath, kManager, "Subscribe", onMatched, this,
                                     "") >= 0 &&
-           sd_bus_call_method_async(bus, &m_query, kSystemd, kPath, "org.freedesktop.DBus.Properties", "Get",
-                                    onFinishTime, this, "ss", kManager, "FinishTimestampMonotonic") >= 0;
+           askFinishTime();
+}
+
+// One question at a time, however many signals come.
+bool SystemManager::askFinishTime() {
+    m_askAgain = m_query != nullptr;
+    return m_askAgain || sd_bus_call_method_async(m_system.get(), &m_query, kSystemd, kPath,
+                                                  "org.freedesktop.DBus.Properties", "Get", onFinishTime,
+                                                  this, "ss", kManager, "FinishTimestampMonotonic") >= 0;
 }
 
 void SystemManager::finish() {
@@ -49,8 +59,11 @@ void SystemManager::finish() {
     m_bus.post("/", "getBootStatus", bootPayload(true));
 }
 
-int SystemManager::onStartupFinished(sd_bus_message*, void* data, sd_bus_error*) {
-    static_cast<SystemManager*>(data)->finish();
+// The signal only says when to ask.
+int SystemManager::onStartupFinished(sd_bus_message* signal, void* data, sd_bus_error*) {
+    auto* self = static_cast<SystemManager*>(data);
+    if (!self->m_finished && self->m_systemd.sent(signal))
+        self->askFinishTime();
     return 0;
 }
 
@@ -63,11 +76,14 @@ int SystemManager::onMatched(sd_bus_message* reply, void*, sd_bus_error*) {
 int SystemManager::onFinishTime(sd_bus_message* reply, void* data, sd_bus_error*) {
     auto* self = static_cast<SystemManager*>(data);
     uint64_t finished = 0;
+    self->m_query = sd_bus_slot_unref(self->m_query);
     if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
         say("systemd cannot be asked about the boot: %s; it is taken as finished", error->message);
         self->finish();
     } else if (sd_bus_message_read(reply, "v", "t", &finished) >= 0 && finished > 0) {
         self->finish();
+    } else if (self->m_askAgain) {
+        self->askFinishTime();
     }
     return 0;
 }

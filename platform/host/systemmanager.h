@@ -4,12 +4,13 @@
 #pragma once
 
 #include "platform/host/busservice.h"
+#include "platform/host/serviceowner.h"
 #include "platform/host/systembus.h"
 
 class SystemManager {
   public:
     // `systemdRuns`: systemd is the machine's init.
-    SystemManager(SystemBus& system, bool systemdRuns) : m_system(system), m_finished(!systemdRuns) {}
+    SystemManager(SystemBus& system, bool systemdRuns);
     ~SystemManager();
     SystemManager(const SystemManager&) = delete;
     SystemManager& operator=(const SystemManager&) = delete;
@@ -18,6 +19,7 @@ class SystemManager {
 
   private:
     bool askSystemd();
+    bool askFinishTime();
     void finish();
     static bool onGetBootStatus(QSHandle* handle, QSMessage* message, void* context);
     static int onStartupFinished(sd_bus_message* signal, void* data, sd_bus_error* error);
@@ -27,6 +29,8 @@ class SystemManager {
     BusService m_bus;
     SystemBus& m_system;
     bool m_finished;
+    bool m_askAgain = false;  // a signal came while an answer was under way
+    ServiceOwner m_systemd;
     sd_bus_slot* m_match = nullptr;
     sd_bus_slot* m_query = nullptr;
 };

@@ -61,6 +61,9 @@ class Machine {
     void disown(const char* name) { EXPECT_GE(sd_bus_release_name(m_bus, name), 0); }
     void finishBoot() {
         finishTime = 5;
+        sendStartupFinished();
+    }
+    void sendStartupFinished() {
         sd_bus_emit_signal(m_bus, "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager",
                            "StartupFinished", "tttttt", uint64_t{1}, uint64_t{1}, uint64_t{1}, uint64_t{1},
                            uint64_t{1}, uint64_t{1});
@@ -79,6 +82,8 @@ class Machine {
     uint64_t finishTime = 0;
     uint32_t connectivity = 4;
     int subscribers = 0;
+    int finishAsked = 0;
+    int connectivityAsked = 0;
     std::vector<std::string> inhibitors;
     int held = -1;  // our end of the last inhibitor
 
@@ -89,10 +94,12 @@ class Machine {
     }
     static int onFinishTime(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* data,
                             sd_bus_error*) {
+        static_cast<Machine*>(data)->finishAsked++;
         return sd_bus_message_append(reply, "t", static_cast<Machine*>(data)->finishTime);
     }
     static int onConnectivity(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
                               void* data, sd_bus_error*) {
+        static_cast<Machine*>(data)->connectivityAsked++;
         return sd_bus_message_append(reply, "u", static_cast<Machine*>(data)->connectivity);
     }
     static int onInhibit(sd_bus_message* call, void* data, sd_bus_error*) {
@@ -111,6 +118,56 @@ class Machine {
 
     SystemBus m_system;
     sd_bus* m_bus = nullptr;
+};
+
+// Another process of the machine, which owns no name and sends signals to the host's connection alone; each
+// has been handled when the call returns.
+class Stranger {
+  public:
+    Stranger() { EXPECT_TRUE(m_system.open()); }
+    void tell(const std::string& to, const char* path, const char* interface, const char* member) {
+        send(to, signal(path, interface, member));
+    }
+    void tellPortal(const std::string& to) {
+        sd_bus_message* wire =
+            signal("/org/freedesktop/NetworkManager", "org.freedesktop.DBus.Properties", "PropertiesChanged");
+        EXPECT_GE(sd_bus_message_append(wire, "sa{sv}as", Machine::kNetworkManager, 1, "Connectivity", "u",
+                                        uint32_t{2}, 0),
+                  0);
+        send(to, wire);
+    }
+    void tellDeparture(const std::string& to, const char* name) {
+        sd_bus_message* wire = signal("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged");
+        EXPECT_GE(sd_bus_message_append(wire, "sss", name, ":1.0", ""), 0);
+        send(to, wire);
+    }
+
+  private:
+    sd_bus_message* signal(const char* path, const char* interface, const char* member) {
+        sd_bus_message* wire = nullptr;
+        EXPECT_GE(sd_bus_message_new_signal(m_system.get(), &wire, path, interface, member), 0);
+        return wire;
+    }
+    void send(const std::string& to, sd_bus_message* wire) {
+        EXPECT_GE(sd_bus_message_set_destination(wire, to.c_str()), 0);
+        EXPECT_GE(sd_bus_send(m_system.get(), wire, nullptr), 0);
+        sd_bus_message_unref(wire);
+        // Order is kept: with the first answer the signal was handled, with the later ones what followed
+        // from it.
+        for (int round = 0; round < 3; round++) {
+            bool answered = false;
+            auto note = [](sd_bus_message*, void* data, sd_bus_error*) {
+                *static_cast<bool*>(data) = true;
+                return 0;
+            };
+            EXPECT_GE(sd_bus_call_method_async(m_system.get(), nullptr, to.c_str(), "/",
+                                               "org.freedesktop.DBus.Peer", "Ping", note, &answered, ""),
+                      0);
+            EXPECT_TRUE(Caller::waitFor([&] { return answered; }));
+        }
+    }
+
+    SystemBus m_system;
 };
 
 class OnSystemBus : public testing::Test {
@@ -184,12 +241,65 @@ TEST_F(OnSystemBus, CaptivePortalIsToldOnlyWhileNetworkManagerSeesOne) {
     machine.connectivity = 2;
     machine.own(Machine::kNetworkManager);
     EXPECT_TRUE(Caller::waitFor([&] { return verdicts.size() == 1; }));
-    for (uint32_t connectivity : {4u, 3u, 1u, 2u})
+    machine.setConnectivity(4);
+    EXPECT_TRUE(Caller::waitFor([&] { return verdicts.size() == 2; }));
+    for (uint32_t connectivity : {3u, 1u, 2u})
         machine.setConnectivity(connectivity);
     EXPECT_TRUE(Caller::waitFor([&] { return verdicts.size() == 3; }));
     machine.disown(Machine::kNetworkManager);
     EXPECT_TRUE(Caller::waitFor([&] { return verdicts.size() == 4; }));
     EXPECT_THAT(verdicts, ElementsAre(true, false, true, false));
+}
+
+// The unique name of the host's own connection, which is where a stranger sends to.
+std::string nameOf(SystemBus& system) {
+    const char* name = "";
+    sd_bus_get_unique_name(system.get(), &name);
+    return name;
+}
+
+TEST_F(OnSystemBus, ForgedSignalOfSystemdEndsNoBoot) {
+    machine.own("org.freedesktop.systemd1");
+    SystemManager manager(system, true);
+    ASSERT_EQ(manager.start(loop), Presence::Up);
+    Caller caller;
+    auto& answers = caller.follow(kGetBootStatus, "{\"subscribe\":true}");
+    ASSERT_TRUE(caller.waitFor([&] { return answers.size() == 1 && machine.finishAsked == 1; }));
+    Stranger stranger;
+    stranger.tell(nameOf(system), "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager",
+                  "StartupFinished");
+    EXPECT_EQ(caller.call(kGetBootStatus, "{}"), kRunning);
+    EXPECT_EQ(machine.finishAsked, 1);
+    machine.finishBoot();
+    EXPECT_TRUE(caller.waitFor([&] { return answers.size() == 2; }));
+}
+
+TEST_F(OnSystemBus, SignalOfSystemdBeforeItsWordEndsNoBoot) {
+    machine.own("org.freedesktop.systemd1");
+    SystemManager manager(system, true);
+    ASSERT_EQ(manager.start(loop), Presence::Up);
+    Caller caller;
+    auto& answers = caller.follow(kGetBootStatus, "{\"subscribe\":true}");
+    ASSERT_TRUE(caller.waitFor([&] { return answers.size() == 1 && machine.finishAsked == 1; }));
+    machine.sendStartupFinished();
+    EXPECT_TRUE(caller.waitFor([&] { return machine.finishAsked == 2; }));
+    EXPECT_EQ(caller.call(kGetBootStatus, "{}"), kRunning);
+}
+
+TEST_F(OnSystemBus, ForgedSignalsOfNetworkManagerChangeNoVerdict) {
+    machine.own(Machine::kNetworkManager);
+    std::vector<bool> verdicts;
+    PortalWatch portal(system, [&](bool captive) { verdicts.push_back(captive); });
+    portal.start();
+    ASSERT_TRUE(Caller::waitFor([&] { return machine.connectivityAsked == 1; }));
+    Stranger stranger;
+    stranger.tellPortal(nameOf(system));
+    EXPECT_THAT(verdicts, ElementsAre());
+    EXPECT_EQ(machine.connectivityAsked, 1);
+    machine.setConnectivity(2);
+    EXPECT_TRUE(Caller::waitFor([&] { return verdicts.size() == 1; }));
+    stranger.tellDeparture(nameOf(system), Machine::kNetworkManager);
+    EXPECT_THAT(verdicts, ElementsAre(true));
 }
 
 TEST_F(OnSystemBus, MachineStaysAwakeByOneInhibitorUntilTheLastRequestIsOver) {
