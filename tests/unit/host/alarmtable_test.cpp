@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
+#include "tests/faults/failingreads.h"
+
 namespace {
 
 constexpr int64_t kSecond = 1000000;
@@ -189,6 +193,14 @@ TEST(Clocks, NameTheBoot) {
     EXPECT_GT(now.boottime, 0);
     EXPECT_GT(now.wallclock, 0);
     EXPECT_EQ(now.bootId.size(), 36u);
+}
+
+TEST(Clocks, BearABootIdThatCannotBeRead) {
+    FailingReads reads("/proc/sys/kernel/random/", EIO);
+    ClockReading now = readClocks();
+    EXPECT_GT(now.boottime, 0);
+    EXPECT_EQ(now.bootId, "");
+    EXPECT_GT(reads.failures(), 0u);
 }
 
 }  // namespace

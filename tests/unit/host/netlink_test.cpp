@@ -9,7 +9,10 @@
 #include <net/if.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
+
+#include "tests/faults/failingreads.h"
 
 namespace {
 
@@ -161,6 +164,14 @@ TEST(Netlink, ReadsThisMachine) {
     for (const Link& link : seen.links)
         loopback = loopback || link.kind == LinkKind::Loopback;
     EXPECT_TRUE(loopback);
+}
+
+TEST(Netlink, BearsALinkThatGoesWhileItsFileIsRead) {
+    NetworkSnapshot seen;
+    FailingReads reads("/sys/devices/", ENODEV);
+    EXPECT_TRUE(readNetwork(seen));
+    EXPECT_FALSE(seen.links.empty());
+    EXPECT_GT(reads.failures(), 0u);
 }
 
 TEST(Netlink, DrainsADescriptorThatHoldsNothing) {

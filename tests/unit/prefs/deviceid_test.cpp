@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The device id: derived from the machine id, and never the machine id itself.
+#include <cerrno>
+
+#include "tests/faults/failingreads.h"
 #include "tests/unit/prefs/prefsfolder.h"
 
 using ::testing::ElementsAre;
@@ -48,4 +51,12 @@ TEST_F(DeviceId, SaysWhatToDoWithoutAMachineId) {
         EXPECT_THAT(log.texts(), ElementsAre((folder() / "machine-id").string() +
                                              " holds no machine id: write 32 hexadecimal digits to it"));
     }
+}
+
+TEST_F(DeviceId, IsNoneWhenTheMachineIdCannotBeRead) {
+    write(folder() / "machine-id", "0123456789abcdef0123456789abcdef\n");
+    LogCapture log;
+    FailingReads reads(folder().string(), EIO, 8);
+    EXPECT_EQ(id(), "(3)");  // QP_IO
+    EXPECT_GT(reads.failures(), 0u);
 }
