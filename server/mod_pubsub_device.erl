@@ -109,6 +109,8 @@ mod_options(_) ->
     [{sync, true},
      {max_kept, 10000},
      {max_kept_node, 1000},
+     {max_kept_bytes, 50000000},
+     {max_account_bytes, 100000000},
      {max_age, timer:hours(24 * 30)},
      {device_age, timer:hours(24 * 90)},
      {max_devices, 100},
@@ -126,6 +128,9 @@ mod_doc() ->
           [Option(sync, "true | false", <<"Whether a publisher is answered only when its item is on disk.">>),
            Option(max_kept, "Number", <<"How many items are kept for a device.">>),
            Option(max_kept_node, "Number", <<"How many of them may be of one node.">>),
+           Option(max_kept_bytes, "Bytes", <<"How many bytes are kept for a device.">>),
+           Option(max_account_bytes, "Bytes", <<"How many are kept for all devices of an account; never more than half "
+                                                "of max_store.">>),
            Option(max_age, "Time", <<"How long an item is kept.">>),
            Option(device_age, "Time", <<"How long a device is remembered after it was last seen.">>),
            Option(max_devices, "Number", <<"How many devices of an account are remembered.">>),

@@ -28,3 +28,22 @@
 
 %% In memory, from the table above: id = {Device, Node}; how many copies of the node are kept for the device.
 -record(pubsub_device_pair, {id, count}).
+
+%% In memory, from the same table: id = {Who, Number, Node, Device}, twice for each copy, with the device and
+%% with its account as `Who`. The first entry of either is the oldest. The device's entry is the copy's token:
+%% whoever takes it away drops the copy.
+-record(pubsub_device_age, {id, bytes}).
+
+%% In memory: what an account or a device has. who = a device, an account {User, Server, <<>>}, or
+%% {nodes | keys, Account}. Copies are in one integer, so that number and bytes change together:
+%% their number in the high bits, their bytes in the low ?BYTES_BITS.
+-record(pubsub_device_load, {who, load}).
+
+-define(BYTES_BITS, 40).
+
+%% On disk: which account made a node, whoever owns it later.
+-record(pubsub_device_node, {node, account}).
+
+%% On disk: id = {Node, Device}; the device made or activated the key node, so its items are kept for it. {Node,
+%% none} says that such devices were known once: without any record nothing is known of the node's devices.
+-record(pubsub_device_mark, {id, since}).

@@ -4,7 +4,7 @@
 %% memory.
 -module(pubsub_device_bounds).
 
--export([init/0, enforce/2, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0]).
+-export([init/0, fits/4, enforce/2, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0]).
 
 -include_lib("kernel/include/logger.hrl").
 -include("pubsub_device.hrl").
@@ -14,38 +14,52 @@
 init() ->
     ets:new(?TABLE, [named_table, public, {write_concurrency, true}]).
 
-%% The device's oldest item goes when one more than the bound is kept. A single busy node is bounded on its
-%% own, so that it cannot push the items of all other nodes out.
+%% Whether the copy can be kept at all: one that alone is above a bound would push everything else out in vain.
+fits(Node, Device, Number, Item) ->
+    case pubsub_device_store:bytes(Item) =< min(mod_pubsub_device:option(max_kept_bytes), account_bound()) of
+        true -> true;
+        false -> dropped(Node, Device, Number), false
+    end.
+
+%% The oldest goes while a bound is exceeded. A single busy node is bounded on its own, so that it cannot push
+%% the items of all other nodes out.
 enforce(Node, Device) ->
     case pubsub_device_store:count(Node, Device) > mod_pubsub_device:option(max_kept_node) of
         true ->
-            #pubsub_device_copy{id = {_, _, Number}} = pubsub_device_store:next(Node, Device, 0),
-            pubsub_device_store:drop(Node, Device, Number),
-            dropped(Node, Device, Number),
-            enforce(Node, Device);
-        false -> enforce_total(Device)
+            case pubsub_device_store:next(Node, Device, 0) of
+                #pubsub_device_copy{id = {_, _, Number}} -> drop(Node, Device, Number), enforce(Node, Device);
+                none -> pubsub_device_store:miscounted(Node, Device)
+            end;
+        false ->
+            bound(Device, mod_pubsub_device:option(max_kept), mod_pubsub_device:option(max_kept_bytes)),
+            bound(setelement(3, Device, <<>>), infinity, account_bound())
     end.
 
-enforce_total(Device) ->
-    Bound = mod_pubsub_device:option(max_kept),
-    case pubsub_device_store:total_at_least(Device, Bound + 1) of
-        true ->
-            Oldest = [{Number, Node} || Node <- pubsub_device_store:nodes_for(Device),
-                                        #pubsub_device_copy{id = {_, _, Number}}
-                                            <- [pubsub_device_store:next(Node, Device, 0)]],
-            {Number, Node} = lists:min(Oldest),
-            %% The copy belongs to its node's writer, which may be another than the one that asks.
-            pubsub_device_writer:cast(Node, {drop_oldest, Node, Device, Number}),
-            dropped(Node, Device, Number);
-        false -> ok
+%% An atom is above every number.
+bound(Who, Count, Bytes) ->
+    case pubsub_device_store:load(Who) of
+        {Kept, Size} when Kept > Count; Size > Bytes ->
+            case pubsub_device_store:oldest(Who) of
+                {Node, Device, Number} -> drop(Node, Device, Number), bound(Who, Count, Bytes);
+                none -> pubsub_device_store:miscounted(Who)
+            end;
+        _ -> ok
     end.
+
+%% Whatever the options say, no account can fill the store.
+account_bound() ->
+    min(mod_pubsub_device:option(max_account_bytes), mod_pubsub_device:option(max_store) div 2).
+
+drop(Node, Device, Number) ->
+    pubsub_device_store:drop(Node, Device, Number) andalso dropped(Node, Device, Number).
 
 %% Each device's first dropped item is logged, then every hundredth with the count so far.
 dropped({_, NodeId}, Device, Number) ->
     case ets:update_counter(?TABLE, {dropped, Device}, 1, {{dropped, Device}, 0}) of
         Count when Count rem 100 == 1 ->
             ?LOG_WARNING("Dropped the oldest kept item of device ~ts: node ~ts, seqNo ~b, ~b dropped so far. The device "
-                         "does not acknowledge; max_kept and max_kept_node of mod_pubsub_device set the bound",
+                         "does not acknowledge; max_kept, max_kept_node, max_kept_bytes and max_account_bytes of "
+                         "mod_pubsub_device set the bound",
                          [jid:encode(Device), NodeId, Number, Count]);
         _ -> ok
     end.
@@ -54,15 +68,30 @@ drop_aged(Node, Device) ->
     Oldest = erlang:system_time(second) - mod_pubsub_device:option(max_age) div 1000,
     case pubsub_device_store:next(Node, Device, 0) of
         #pubsub_device_copy{id = {_, _, Number}, at = At} when At < Oldest ->
-            pubsub_device_store:drop(Node, Device, Number),
-            dropped(Node, Device, Number),
+            drop(Node, Device, Number),
             drop_aged(Node, Device);
         _ -> ok
     end.
 
-%% Looks at the size of the store, which takes too long to be asked for every item.
+%% Looks at the size of the store, which takes too long to be asked for every item. A store that is full does
+%% not wait for devices that may never come back.
 measure() ->
-    ets:insert(?TABLE, {store_full, pubsub_device_store:size_bytes() > mod_pubsub_device:option(max_store)}).
+    Bound = mod_pubsub_device:option(max_store),
+    Accounts = pubsub_device_store:accounts(),
+    Bytes = lists:sum([Size || {_, Size} <- Accounts]),
+    ets:insert(?TABLE, {store_full, Bytes > Bound}),
+    Bytes > Bound andalso hd(pubsub_device_commit:members()) == node() andalso relieve(Accounts, Bytes, Bound).
+
+%% Makes a tenth of the store free at the cost of the accounts that have most: each comes down to one level.
+relieve(Accounts, Bytes, Bound) ->
+    Level = level(lists:sort([Size || {_, Size} <- Accounts]), Bound * 9 div 10, length(Accounts)),
+    Above = [Account || {Account, Size} <- Accounts, Size > Level],
+    ?LOG_WARNING("The store is full: ~b bytes are kept, and max_store of mod_pubsub_device is ~b. The ~b accounts with "
+                 "more than ~b bytes lose their oldest items", [Bytes, Bound, length(Above), Level]),
+    [bound(Account, infinity, Level) || Account <- Above].
+
+level([Size | Rest], Room, Left) when Size * Left =< Room -> level(Rest, Room - Size, Left - 1);
+level(_, Room, Left) -> Room div max(1, Left).
 
 %% Whether publishers should come back later: the store has its fill, or the writers lag behind.
 is_full() ->

@@ -10,10 +10,14 @@
 -export([activate/3, deactivate/2, is_active/3, stale_activations/0]).
 -export([key_of/1, node_of/1, put_key/3, delete_key/1]).
 -export([last_number/2, last_item/1, put_number/3, retire_number/2]).
--export([keep/6, drop/3, drop_all/2, next/3, newest/2, is_kept/3, count/2, nodes_for/1, devices_for/1, pairs/0,
-         total_at_least/2, size_bytes/0]).
+-export([keep/6, bytes/1, drop/3, drop_all/2, next/3, newest/2, is_kept/3, nodes_for/1, devices_for/1, pairs/0]).
+-export([count/2, load/1, oldest/1, miscounted/1, miscounted/2, accounts/0]).
 
+-include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
+
+%% Of a copy without any text: its record and its entries in the tables beside it, and their share of the log.
+-define(RECORD_BYTES, 1000).
 
 init() ->
     table(pubsub_device, disc_copies, ordered_set, record_info(fields, pubsub_device), []),
@@ -23,21 +27,31 @@ init() ->
     table(pubsub_device_number, disc_copies, set, record_info(fields, pubsub_device_number), []),
     table(pubsub_device_copy, disc_copies, ordered_set, record_info(fields, pubsub_device_copy), []),
     table(pubsub_device_pair, ram_copies, ordered_set, record_info(fields, pubsub_device_pair), []),
-    count_pairs(mnesia:dirty_first(pubsub_device_pair)).
+    table(pubsub_device_age, ram_copies, ordered_set, record_info(fields, pubsub_device_age), []),
+    table(pubsub_device_load, ram_copies, set, record_info(fields, pubsub_device_load), []),
+    count_copies(mnesia:dirty_first(pubsub_device_pair)).
 
 table(Name, Storage, Type, Fields, More) ->
     {atomic, ok} = ejabberd_mnesia:create(?MODULE, Name,
                                           [{Storage, [node()]}, {type, Type}, {attributes, Fields} | More]).
 
-%% A member that joins a running cluster finds the pairs there already.
-count_pairs('$end_of_table') ->
-    Add = fun({Node, Device, _}, Counts) ->
-                  maps:update_with({Device, Node}, fun(N) -> N + 1 end, 1, Counts)
+%% What is on disk is counted at the start. A member that joins a running cluster finds the counts there already.
+count_copies('$end_of_table') ->
+    Add = fun(#pubsub_device_copy{id = {Node, Device, Number}, item = Item}, {Pairs, Loads}) ->
+                  Bytes = bytes(Item),
+                  index(Node, Device, Number, Bytes),
+                  {plus({Device, Node}, 1, Pairs),
+                   plus(Device, one_copy(Bytes), plus(account(Device), one_copy(Bytes), Loads))}
           end,
-    Counts = lists:foldl(Add, #{}, mnesia:dirty_all_keys(pubsub_device_copy)),
-    maps:foreach(fun(Id, Count) -> write(#pubsub_device_pair{id = Id, count = Count}) end, Counts);
-count_pairs(_) ->
+    {Pairs, Loads} = mnesia:activity(async_dirty, fun() -> mnesia:foldl(Add, {#{}, #{}}, pubsub_device_copy) end),
+    maps:foreach(fun(Id, Count) -> write(#pubsub_device_pair{id = Id, count = Count}) end, Pairs),
+    maps:foreach(fun(Who, Load) -> write(#pubsub_device_load{who = Who, load = Load}) end, Loads);
+count_copies(_) ->
     ok.
+
+plus(Key, Value, Map) -> maps:update_with(Key, fun(Old) -> Old + Value end, Value, Map).
+
+account({User, Server, _}) -> {User, Server, <<>>}.
 
 write(Record) -> act(fun() -> mnesia:write(Record) end).
 delete(Table, Key) -> act(fun() -> mnesia:delete({Table, Key}) end).
@@ -193,20 +207,76 @@ floor_of(Shard) ->
 
 %%% what is kept
 
+%% The device's entry by age comes last of what a dropper looks for, so nobody finds half a copy.
 keep(Node, Device, Number, ItemId, Via, Item) ->
+    Bytes = bytes(Item),
+    add(pubsub_device_pair, {Device, Node}, 1),
+    [add(pubsub_device_load, Who, one_copy(Bytes)) || Who <- [Device, account(Device)]],
     write(#pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, via = Via, item = Item,
                               at = erlang:system_time(second)}),
-    write(#pubsub_device_pair{id = {Device, Node}, count = count(Node, Device) + 1}).
+    index(Node, Device, Number, Bytes).
 
+index(Node, Device, Number, Bytes) ->
+    [write(#pubsub_device_age{id = {Who, Number, Node, Device}, bytes = Bytes}) || Who <- [Device, account(Device)]],
+    ok.
+
+%% Any process may drop any copy, and two may try at once: who takes the copy's token has dropped it and counts
+%% it off. Whether it was this caller.
 drop(Node, Device, Number) ->
-    case is_kept(Node, Device, Number) of
+    together(fun() -> drop_now(Node, Device, Number) end).
+
+drop_now(Node, Device, Number) ->
+    Token = {Device, Number, Node, Device},
+    Dropped = case take(Token) of
+                  [#pubsub_device_age{bytes = Bytes}] ->
+                      delete(pubsub_device_copy, {Node, Device, Number}),
+                      add(pubsub_device_pair, {Device, Node}, -1),
+                      [add(pubsub_device_load, Who, -one_copy(Bytes)) || Who <- [Device, account(Device)]],
+                      true;
+                  [] -> false
+              end,
+    %% Also without the token: a dropper that was overtaken leaves no entry that points nowhere.
+    delete(pubsub_device_age, setelement(1, Token, account(Device))),
+    Dropped.
+
+take(Token) ->
+    case mnesia:is_transaction() of
         true ->
-            delete(pubsub_device_copy, {Node, Device, Number}),
-            case count(Node, Device) of
-                Count when Count > 1 -> write(#pubsub_device_pair{id = {Device, Node}, count = Count - 1});
-                _ -> delete(pubsub_device_pair, {Device, Node})
+            Found = mnesia:read(pubsub_device_age, Token, write),
+            Found == [] orelse mnesia:delete({pubsub_device_age, Token}),
+            Found;
+        %% A table in memory that no other member has is the bare one, whose take is one step.
+        false -> ets:take(pubsub_device_age, Token)
+    end.
+
+%% What a copy costs: its text, and what its records take beside it.
+bytes(Item) -> ?RECORD_BYTES + text_bytes(Item).
+
+text_bytes({xmlcdata, Text}) -> byte_size(Text);
+text_bytes(#xmlel{name = Name, attrs = Attributes, children = Children}) ->
+    byte_size(Name) + lists:sum([byte_size(Key) + byte_size(Value) || {Key, Value} <- Attributes])
+        + lists:sum([text_bytes(Child) || Child <- Children]).
+
+one_copy(Bytes) -> (1 bsl ?BYTES_BITS) + Bytes.
+
+%% Several processes count for one device at once. On a server of its own the counter is changed in one step;
+%% in a cluster the transaction holds it.
+add(Table, Key, Value) ->
+    case mnesia:is_transaction() of
+        true ->
+            Before = case mnesia:read(Table, Key, write) of
+                         [Record] -> element(3, Record);
+                         [] -> 0
+                     end,
+            case max(0, Before + Value) of
+                0 -> mnesia:delete({Table, Key});
+                After -> mnesia:write({Table, Key, After})
             end;
-        false -> ok
+        false ->
+            case mnesia:dirty_update_counter(Table, Key, Value) of
+                0 -> mnesia:dirty_delete_object({Table, Key, 0});
+                _ -> ok
+            end
     end.
 
 drop_all(Node, Device) ->
@@ -258,13 +328,29 @@ devices_for(_, _) ->
 pairs() ->
     mnesia:dirty_all_keys(pubsub_device_pair).
 
-%% Whether at least `Bound` copies are kept for the device, over all nodes.
-total_at_least(Device, Bound) ->
-    mnesia:table_info(pubsub_device_copy, size) >= Bound
-        andalso lists:sum(mnesia:dirty_select(pubsub_device_pair,
-                                              [{#pubsub_device_pair{id = {Device, '_'}, count = '$1'}, [], ['$1']}]))
-                >= Bound.
+%% Number and bytes of what is kept for a device or an account.
+load(Who) ->
+    case mnesia:dirty_read(pubsub_device_load, Who) of
+        [#pubsub_device_load{load = Load}] -> {Load bsr ?BYTES_BITS, bytes_of(Load)};
+        [] -> {0, 0}
+    end.
 
-%% The table's own memory and the texts, which lie outside it.
-size_bytes() ->
-    mnesia:table_info(pubsub_device_copy, memory) * erlang:system_info(wordsize) + erlang:memory(binary).
+%% The oldest copy of a device or an account.
+oldest(Who) ->
+    case mnesia:dirty_next(pubsub_device_age, {Who, 0, 0, 0}) of
+        {Who, Number, Node, Device} -> {Node, Device, Number};
+        _ -> none
+    end.
+
+%% Nothing is kept, whatever the count says: a process ended between counting and keeping.
+miscounted(Who) -> delete(pubsub_device_load, Who).
+miscounted(Node, Device) -> delete(pubsub_device_pair, {Device, Node}).
+
+%% What is kept of each account, in bytes.
+accounts() ->
+    Loads = mnesia:dirty_select(pubsub_device_load,
+                                [{#pubsub_device_load{who = {'$1', '$2', <<>>}, load = '$3'}, [],
+                                  [{{{{'$1', '$2', <<>>}}, '$3'}}]}]),
+    [{Account, bytes_of(Load)} || {Account, Load} <- Loads].
+
+bytes_of(Load) -> Load band ((1 bsl ?BYTES_BITS) - 1).

@@ -141,12 +141,11 @@ handle_cast({keep_last, Node, Device, Number, ItemId, Item}, State) ->
         #pubsub_device_copy{id = {_, _, Newest}} when Newest >= Number -> next(State);
         _ ->
             Element = pubsub_device_stanza:item(Item, Number),
-            pubsub_device_store:keep(Node, Device, Number, ItemId, subscription, Element),
+            Keep = fun() -> keep(Node, Device, Number, ItemId, subscription, Element) end,
+            pubsub_device_store:together(Keep),
+            pubsub_device_bounds:enforce(Node, Device),
             next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:pump/3, State))
     end;
-handle_cast({drop_oldest, Node, Device, Number}, State) ->
-    pubsub_device_store:drop(Node, Device, Number),
-    next(State);
 handle_cast({drop_all, Node, Device}, State) ->
     pubsub_device_store:drop_all(Node, Device),
     next(State);
@@ -198,16 +197,20 @@ store(Node, {ItemId, Item, Messages}, Shard) ->
                     Number = max(pubsub_device_store:last_number(Node, Shard) + 1, erlang:system_time(microsecond)),
                     pubsub_device_store:put_number(Node, Number, ItemId),
                     Element = pubsub_device_stanza:item(Item, Number),
-                    [pubsub_device_store:keep(Node, Device, Number, ItemId, Via, Element)
-                     || {keep, Device, Via} <- Targets],
+                    [keep(Node, Device, Number, ItemId, Via, Element) || {keep, Device, Via} <- Targets],
                     Number
             end,
-    {pubsub_device_store:together(Store), Node, Targets}.
+    Stored = pubsub_device_store:together(Store),
+    [pubsub_device_bounds:enforce(Node, Device) || {keep, Device, _} <- Targets],
+    {Stored, Node, Targets}.
+
+keep(Node, Device, Number, ItemId, Via, Element) ->
+    pubsub_device_bounds:fits(Node, Device, Number, Element)
+        andalso pubsub_device_store:keep(Node, Device, Number, ItemId, Via, Element).
 
 deliver({Number, Node, Targets}, State) ->
     [pubsub_device_targets:send_live(Number, Target) || Target <- Targets, element(1, Target) /= keep],
     lists:foldl(fun({keep, Device, _}, S) ->
-                        pubsub_device_bounds:enforce(Node, Device),
                         with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:pump/3, S);
                    (_, S) -> S
                 end, State, Targets).

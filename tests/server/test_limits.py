@@ -155,19 +155,6 @@ class Ages(ServerTest):
         self.assert_quiet(self.device("bob", "old"))
 
 
-class Full(ServerTest):
-    options = ("max_store=1",)
-
-    def test_a_full_store_sends_publishers_away_for_a_while(self):
-        owner = self.client("owner")
-        key = self.key_node(owner)
-        self.wait_for(lambda: self.post(key, "x")[0] == 503)
-        self.assertGreaterEqual(int(self.post(key, "x")[1]["Retry-After"]), 1)
-        self.refused(owner.iq("set", self.publish_stanza("x")), "resource-constraint")
-        answer = self.ext(owner, "<publish key='%s'><item><payload/></item></publish>" % key)
-        self.refused(answer, "resource-constraint")
-
-
 class Hostile(ServerTest):
     """Whatever comes, the server goes on for the others."""
 
