@@ -5,6 +5,8 @@
 
 #include <functional>
 
+#include "endpoints/methods.h"
+#include "service/cancel.h"
 #include "session/methods.h"
 #include "tests/fakes/fakebusstate.h"
 #include "tests/unit/session/connectionfixture.h"
@@ -139,29 +141,71 @@ TEST_F(Watch, LeavesTheNewSessionsWatchAloneWhenTheSessionIsReplacedFromInsideTh
     EXPECT_NE(PubSubSession::m_source, nullptr);
 }
 
-TEST_F(Watch, ReadsWhatTheBusHasReceivedBeforeTheStream) {
-    connectSession();
-    const Answer subscriber =
-        callPrivate(subscribeConnStatus, "subscribeConnStatus", R"({"subscribe":true})");
-    fakeBus().clientDiesUnseen(subscriber.message());
-    serverSends("<message from='pubsub.example.org'><body>wake</body></message>");
-    EXPECT_TRUE(fakeBus().methodSubscribers(privateHandle(), "/", "subscribeConnStatus").empty());
+// An application that waits for the items of its endpoint, and what may have become of one.
+class WatchedItem : public Watch {
+  protected:
+    static constexpr const char* kNode = "/u1234/dev42/com.example.app/inbox";
+
+    void SetUp() override {
+        Watch::SetUp();
+        std::filesystem::create_directory(stateFolder() / "cache");
+        connectSession();
+        publicHandle()->cancel = publicCancelFunc;
+        m_subscriber = callPublic(subscribe, "subscribe", R"({"endpoint":"inbox"})").message();
+        answer(lastId());
+        takeEvents();
+        takeLog();
+        fakeServer().forgetStanzas();
+    }
+    void TearDown() override {
+        publicHandle()->cancel = nullptr;
+        Watch::TearDown();
+    }
+    std::string cached() const { return fileText(stateFolder() / "cache" / "dev42-com.example.app-inbox"); }
+    bool acknowledged() const {
+        for (const SentStanza& stanza : fakeServer().stanzas())
+            if (stanza.xml().find("<ack ") != std::string::npos)
+                return true;
+        return false;
+    }
+
+    FakeMessage* m_subscriber = nullptr;
+};
+
+TEST_F(WatchedItem, GoesToASubscriberThatLives) {
+    pushItem(kNode, "7", "i7", "hello");
+    EXPECT_EQ(m_subscriber->lastAnswer(), R"({ "item": "hello", "endpoint": "inbox", "returnValue": true })");
+    EXPECT_EQ(cached(), "");
+    EXPECT_TRUE(acknowledged());
 }
 
-TEST_F(Watch, EndsWithoutReadingTheStreamWhenABusRequestHasEndedTheSession) {
-    connectSession();
+TEST_F(WatchedItem, GoesToTheCacheWhenTheBusHoldsTheDeathOfItsSubscriberUnread) {
+    const std::size_t answers = m_subscriber->answers.size();
+    fakeBus().clientDiesUnseen(m_subscriber);
+    pushItem(kNode, "7", "i7", "hello");
+    EXPECT_EQ(m_subscriber->answers.size(), answers) << "nobody is there to take it";
+    EXPECT_EQ(cached(), R"({ "item": "hello", "endpoint": "inbox", "returnValue": true })");
+    EXPECT_TRUE(acknowledged());
+    EXPECT_FALSE(session().subMap.contains(kNode));
+}
+
+TEST_F(WatchedItem, IsNotReadOnceABusRequestHasEndedTheSession) {
+    const Answer subscriber =
+        callPrivate(subscribeConnStatus, "subscribeConnStatus", R"({"subscribe":true})");
     // A cancelled subscription stands for any request that is read before the stream.
     privateHandle()->cancel = [](QSHandle*, QSMessage*, void*) {
         gCurrentSession.disconnect();
         return true;
     };
-    const Answer subscriber =
-        callPrivate(subscribeConnStatus, "subscribeConnStatus", R"({"subscribe":true})");
     fakeBus().clientDiesUnseen(subscriber.message());
     takeLog();
-    fakeServer().sends("<message from='pubsub.example.org'><body>wake</body></message>");
-    pump();
+    const std::size_t answers = m_subscriber->answers.size();
+    pushItem(kNode, "7", "i7", "hello");
     privateHandle()->cancel = nullptr;
+    EXPECT_EQ(m_subscriber->answers.size(), answers);
+    EXPECT_EQ(cached(), "");
+    EXPECT_FALSE(acknowledged());
+    EXPECT_FALSE(fakePrefs().stored("com.zelt.pubsubservice").contains(kNode));
     EXPECT_EQ(session().m_client, nullptr);
     EXPECT_EQ(PubSubSession::m_source, nullptr);
     EXPECT_EQ(session().m_lastError, 0) << "no read without a client";
