@@ -55,6 +55,7 @@ void ServiceTest::SetUp() {
 
 void ServiceTest::TearDown() {
     const std::string log = m_log->raw();
+    checkCalls();
     dropSession();
     checkMessages();
     checkPriorities();
@@ -101,6 +102,12 @@ void ServiceTest::checkMessages() {
             ADD_FAILURE() << "A bus message is still held: " << message->method << ' ' << message->payload
                           << ", " << message->references << " reference(s)";
     m_mayStay.clear();
+}
+
+// An application could be called, and could answer, on the bus that it may use itself.
+void ServiceTest::checkCalls() {
+    for (const PlacedCall& call : fakeBus().calls())
+        EXPECT_NE(call.handle, publicHandle()) << "A call over the public bus: " << call.uri;
 }
 
 void ServiceTest::checkPriorities() {

@@ -2,9 +2,9 @@
 // The fixture of all tests that run the service against the fakes: a fresh session, an empty state folder, a
 // bus, a store and a server, and the verbs of a protocol dialogue.
 //
-// Every test begins with an empty journal and an empty log, and ends with two checks: that no bus message is
-// still held once the session has let go of its own, and that each log line had the priority that its text
-// asks for.
+// Every test begins with an empty journal and an empty log, and ends with three checks: that every call to
+// another service went over the private bus, that no bus message is still held once the session has let go of
+// its own, and that each log line had the priority that its text asks for.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -111,6 +111,7 @@ class ServiceTest : public ::testing::Test {
   private:
     void dropSession();
     void freshSession();
+    void checkCalls();
     void checkMessages();
     void checkPriorities();
 
