@@ -71,6 +71,7 @@ TEST_F(Alarms, KeepTheDeviceAwakeForTwoSeconds) {
     EXPECT_EQ(takeEvents(),
               Texts{R"(bus.call zelt://com.zelt.power/com/zelt/power/activityStart {"duration_ms":2000})"});
     EXPECT_EQ(fakeBus().calls().back().callback, nullptr);
+    EXPECT_EQ(fakeBus().calls().back().handle, privateHandle());
 }
 
 TEST_F(Alarms, SubscribeToTheBootStatus) {
@@ -117,8 +118,8 @@ TEST_F(Alarms, WaitFiveToTwentyMinutesFourTimesAndThenAnHourOrMore) {
     }
 }
 
-// The bounds hold always; that 4,000 draws stay clear of the hundredth at one edge happens once in 10^17
-// runs.
+// The bounds hold always; that 400 draws stay clear of the twentieth at one of the four edges happens once in
+// 2*10^8 runs.
 TEST_F(Alarms, SpreadTheAttemptsOverTheWholeOfTheirRange) {
     for (const auto& [retries, min, max] : {std::tuple{-1, 300, 1200}, std::tuple{3, 3600, 5400}}) {
         int least = INT32_MAX, most = 0;
@@ -155,6 +156,17 @@ TEST_F(Alarms, LeaveTheFlagClearWhenTheAlarmIsRefused) {
     EXPECT_TRUE(session().m_reconnectPending);
 }
 
+TEST_F(Alarms, CountARefusedAlarmAsAnAttempt) {
+    fakeBus().failNext("QSCall", -5, "no bus", 4);
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        session().scheduleReconnect();
+        EXPECT_EQ(session().m_retryCount, attempt);
+    }
+    session().scheduleReconnect();
+    EXPECT_EQ(session().m_retryCount, 4);
+    EXPECT_GE(delayOfLastAlarm(), 3600) << "the four short waits are used up";
+}
+
 // --- answers of the power service
 
 class ReconnectAnswer : public Alarms {
@@ -184,6 +196,16 @@ TEST_F(ReconnectAnswer, OfARefusedAlarmClearsTheFlag) {
     EXPECT_FALSE(session().m_reconnectPending);
     EXPECT_EQ(takeLogLines(),
               Texts{R"(reconnectResponse: Alarm set failed. This is bad {"returnValue":false})"});
+}
+
+TEST_F(ReconnectAnswer, OfARefusedAlarmLeavesItCountedAsAnAttempt) {
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        session().scheduleReconnect();
+        ASSERT_TRUE(fakeBus().replyTo(kSet, R"({"returnValue":false})"));
+        EXPECT_EQ(session().m_retryCount, attempt);
+    }
+    session().scheduleReconnect();
+    EXPECT_GE(delayOfLastAlarm(), 3600) << "the four short waits are used up";
 }
 
 TEST_F(ReconnectAnswer, OfARefusedAlarmClearsTheFlagWhateverTheConnection) {

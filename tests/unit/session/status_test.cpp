@@ -91,6 +91,16 @@ TEST_F(Status, LogsRepliesThatCannotBeSent) {
                                      "subscribeConnStatus: Sending reply to client failed -107 gone"}));
 }
 
+TEST_F(Status, ConnectStatusConnectsThoughItsReplyCouldNotBeSent) {
+    giveDetails();
+    fakeBus().failNext("QSMessageReply", -107, "gone");
+    EXPECT_EQ(publicStatus("{}").all(), Texts{});
+    EXPECT_EQ(takeLogLines().front(), "connectStatus: Sending reply to client failed -107 gone");
+    EXPECT_TRUE(session().m_connecting);
+    pump();
+    EXPECT_TRUE(session().m_connected);
+}
+
 TEST_F(Status, SubscribeConnStatusTellsWhatIsThereBeforeAnyLogin) {
     EXPECT_EQ(details("{}"),
               R"({ "returnValue": true, "connected": false, "session": false, "network": false })");
