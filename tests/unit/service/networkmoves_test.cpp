@@ -92,6 +92,60 @@ TEST_F(Network, MovesToTheMobileLinkWhenWifiIsLost) {
     EXPECT_EQ(fakeServer().localAddress(), "10.9.9.9");
 }
 
+// The rest of the move to the mobile link is what any report without a session does.
+class WifiLost : public Network {
+  protected:
+    // What the move disconnects is told apart from what it does afterwards.
+    void lose() {
+        report(kOverWan);
+        EXPECT_EQ(takeLogLines().front(), "onDisconnect: Disconnected from xmpp server 17");
+        EXPECT_EQ(session().m_ipAddress, "10.9.9.9");
+        EXPECT_TRUE(session().m_onWan);
+    }
+    std::size_t logins() {
+        return fakeBus().payloadsTo("quor://com.zelt.accountservices/getAccountToken").size();
+    }
+};
+
+TEST_F(WifiLost, AsksForALoginWhenItCannotConnect) {
+    connectedOver(kOverWifi);
+    session().m_password.clear();
+    lose();
+    expectIdle();
+    EXPECT_EQ(logins(), 1u);
+    EXPECT_FALSE(session().m_reconnectPending);
+}
+
+TEST_F(WifiLost, ArmsTheReconnectAlarmWhenItCannotEvenAskForALogin) {
+    connectedOver(kOverWifi);
+    session().m_password.clear();
+    fakeBus().serviceMissing("com.zelt.accountservices");
+    lose();
+    expectIdle();
+    EXPECT_TRUE(session().m_reconnectPending);
+}
+
+TEST_F(WifiLost, WaitsForAPendingReconnectAlarm) {
+    connectedOver(kOverWifi);
+    session().m_reconnectPending = true;
+    lose();
+    expectIdle();
+    EXPECT_EQ(fakeServer().connects(), 1);
+    EXPECT_EQ(logins(), 0u);
+}
+
+TEST_F(WifiLost, LeavesAPastFailureToTheReconnectAlarm) {
+    connectedOver(kOverWifi);
+    session().m_lastError = gloox::ConnStreamClosed;
+    report(kOverWan);
+    EXPECT_EQ(takeLogLines(),
+              (Texts{"onDisconnect: Disconnected from xmpp server 17",
+                     "connectOrSwitchConnections: We had some connection err in the past. So nop."}));
+    expectIdle();
+    EXPECT_EQ(session().m_ipAddress, "10.9.9.9");
+    EXPECT_TRUE(session().m_onWan);
+}
+
 TEST_F(Network, MovesAnAttemptOverWifiToTheMobileLink) {
     report(kOverWifi);
     ASSERT_TRUE(session().m_connecting);
@@ -102,6 +156,36 @@ TEST_F(Network, MovesAnAttemptOverWifiToTheMobileLink) {
     EXPECT_TRUE(session().m_connected);
     EXPECT_EQ(fakeServer().connects(), 2);
     EXPECT_EQ(fakeServer().localAddress(), "10.9.9.9");
+}
+
+constexpr const char* kOverOtherWifi = R"({"isInternetConnectionAvailable":true,)"
+                                       R"("wifi":{"state":"connected","ipAddress":"10.0.0.2"},)"
+                                       R"("wan":{"state":"connected","ipAddress":"10.9.9.9"}})";
+
+TEST_F(Network, KeepsTheConnectionOverWifiAsItIsWhenItsAddressChanges) {
+    connectedOver(kOverWifi);
+    report(kOverOtherWifi);
+    EXPECT_EQ(session().m_ipAddress, "10.0.0.1");
+    EXPECT_TRUE(session().m_connected);
+    pump();
+    EXPECT_TRUE(session().m_connected);
+    EXPECT_FALSE(session().m_onWan);
+    EXPECT_EQ(fakeServer().connects(), 1);
+    EXPECT_EQ(takeEvents(), Texts{});
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(Network, KeepsAnAttemptOverWifiAsItIsWhenItsAddressChanges) {
+    report(kOverWifi);
+    ASSERT_TRUE(session().m_connecting);
+    takeLog();
+    report(kOverOtherWifi);
+    EXPECT_EQ(session().m_ipAddress, "10.0.0.1");
+    EXPECT_EQ(takeLogLines(), Texts{});
+    pump();
+    EXPECT_TRUE(session().m_connected);
+    EXPECT_EQ(fakeServer().connects(), 1);
+    EXPECT_EQ(fakeServer().localAddress(), "10.0.0.1");
 }
 
 TEST_F(Network, KeepsAnAttemptOverTheMobileLinkAsItIs) {

@@ -195,6 +195,25 @@ TEST_F(AccountServiceUp, IsAnnouncedInTheLogBeforeItIsAsked) {
     EXPECT_TRUE(lines[1].starts_with("getLoginDetails: ")) << lines[1];
 }
 
+TEST_F(AccountServiceUp, ArmsNothingWhenTheCallToItIsRefused) {
+    fakeBus().failNext("QSCall", -12, "no memory", 1, 1);
+    comesUp();
+    EXPECT_FALSE(fakeBus().faultPending("QSCall")) << "the call was refused";
+    EXPECT_EQ(takeEvents(), Texts{});
+    EXPECT_FALSE(session().m_reconnectPending);
+    EXPECT_EQ(session().m_retryCount, -1);
+}
+
+TEST_F(AccountServiceUp, ArmsNothingWhenItAnswersWithAnError) {
+    comesUp();
+    takeEvents();
+    ASSERT_TRUE(fakeBus().replyErrorTo("quor://com.zelt.accountservices/getAccountToken",
+                                       "org.freedesktop.DBus.Error.AccessDenied", "no"));
+    EXPECT_EQ(takeEvents(), Texts{});
+    EXPECT_FALSE(session().m_reconnectPending);
+    EXPECT_EQ(session().m_retryCount, -1);
+}
+
 TEST_F(AccountServiceUp, IsNotAskedWhenTheSessionHasAJidAlready) {
     session().m_jid = gloox::JID("u1@example.org");
     comesUp();
