@@ -403,10 +403,28 @@ TEST_F(PendingAuth, LogsAnAnswerWithoutAListOrWithoutASessionThatNobodyListensTo
     EXPECT_EQ(stanzaCount(), 1u);
 }
 
-TEST_F(PendingAuth, KeepsListeningWhenTheListenersClientDies) {
+TEST_F(PendingAuth, GoesOnAskingForTheNodeOfAListenerWhoseClientDiedThoughNobodyHearsTheForms) {
     const Answer listener = listen(R"(["a"])");
     fakeBus().clientDies(listener.message());
-    EXPECT_TRUE(session().m_msgMap.contains("handleAuth:a"));
+    call(getPendingAuth, "{}");
+    takeEvents();
+    answerPending(lastId(), "S1", {"a"});
+    EXPECT_EQ(eventsAfterPing(), Texts{"xmpp.send " + askNode("a", "S1")});
+    EXPECT_EQ(takeLogLines(), Texts{});
+    BusError error;
+    EXPECT_FALSE(QSSubscriptionRespond(serviceHandle(), "handleAuth:a", "{}", error));
+    EXPECT_EQ(listener.all(), Texts{kDone});
+}
+
+TEST_F(PendingAuth, HandsTheNodeOfADeadListenerToTheNextOne) {
+    const Answer dead = listen(R"(["a"])");
+    fakeBus().clientDies(dead.message());
+    const Answer next = listen(R"(["a"])");
+    EXPECT_FALSE(dead.kept());
+    EXPECT_EQ(session().m_msgMap.at("handleAuth:a").get(), next.message());
+    BusError error;
+    EXPECT_TRUE(QSSubscriptionRespond(serviceHandle(), "handleAuth:a", R"({"subid":"1"})", error));
+    EXPECT_EQ(next.all(), (Texts{kDone, R"({"subid":"1"})"}));
 }
 
 TEST_F(PendingAuth, TakesTheResultForOneNodeInSilence) {
