@@ -67,6 +67,41 @@ TEST_F(Incoming, EventComesBeforeAForm) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
+TEST_F(Incoming, FirstOfSeveralEventsCounts) {
+    const auto event = [](const std::string& seqNo, const std::string& text) {
+        return "<event xmlns='http://jabber.org/protocol/pubsub#event'><items node='" + kNode +
+               "'><item id='i" + seqNo + "' seqNo='" + seqNo + "'><payload>" + text +
+               "</payload></item></items></event>";
+    };
+    push(event("7", "first") + event("8", "second"));
+    EXPECT_EQ(takeEvents(), join({{kPing}, persisted("7"), {ack("i7")}}));
+    EXPECT_EQ(cached(), appObject("first"));
+}
+
+TEST_F(Incoming, FirstOfSeveralEventsCountsThoughItIsEmpty) {
+    push(
+        "<event xmlns='http://jabber.org/protocol/pubsub#event'/>"
+        "<event xmlns='http://jabber.org/protocol/pubsub#event'><items node='" +
+        kNode + "'><item id='i' seqNo='7'><payload>x</payload></item></items></event>");
+    EXPECT_EQ(takeEvents(), Texts{kPing});
+    expectNothingKept();
+}
+
+TEST_F(Incoming, EventOfAnotherNamespaceBeforeTheFirstIsPassedOver) {
+    push("<event xmlns='urn:other'/><event xmlns='http://jabber.org/protocol/pubsub#event'><items node='" +
+         kNode + "'><item id='i' seqNo='7'><payload>x</payload></item></items></event>");
+    EXPECT_EQ(takeEvents(), join({{kPing}, persisted("7"), {ack("i")}}));
+}
+
+TEST_F(Incoming, EveryItemsElementOfAnEventCountsAndTheFirstItemAndPayloadOfEach) {
+    pushEvent("<items node='" + kNode +
+              "'><item id='i7' seqNo='7'><payload>first</payload><payload>other</payload></item>"
+              "<item id='i8' seqNo='8'><payload>second</payload></item></items><items node='" +
+              kNode + "'><item id='i9' seqNo='9'><payload>third</payload></item></items>");
+    EXPECT_EQ(takeEvents(), join({{kPing}, persisted("7"), {ack("i7")}, persisted("9"), {ack("i9")}}));
+    EXPECT_EQ(cached(), appObject("third"));
+}
+
 TEST_F(Incoming, EventsOfStrangersAreNotHeard) {
     serverSends(
         "<message from='mallory@example.org/x' to='u1234@example.org/dev42'><event "
@@ -188,6 +223,37 @@ TEST_F(PushedToSubscribers, FieldsThatTheFormLacksAreEmpty) {
     FakeMessage* all = listen(privateHandle(), "handleAuth:*");
     pushForm("<field var='pubsub#node'/><field/><other var='pubsub#subid'><value>s</value></other>text");
     EXPECT_EQ(all->answers, Texts{R"({ "subid": "", "node": "", "subscriber_jid": "", "id": "auth-7" })"});
+}
+
+TEST_F(PushedToSubscribers, FirstOfSeveralFieldsAndValuesCounts) {
+    FakeMessage* all = listen(privateHandle(), "handleAuth:*");
+    std::string fields;
+    for (const char* var : {"pubsub#subid", "pubsub#node", "pusub#subscriber_jid"})
+        fields += "<field var='" + std::string(var) + "'><value>first</value><value>other</value></field>" +
+                  field(var, "second");
+    pushForm(fields);
+    EXPECT_EQ(all->answers,
+              Texts{R"({ "subid": "first", "node": "first", "subscriber_jid": "first", "id": "auth-7" })"});
+}
+
+TEST_F(PushedToSubscribers, FirstOfSeveralFieldsCountsThoughItHasNoValue) {
+    FakeMessage* all = listen(privateHandle(), "handleAuth:*");
+    pushForm("<field var='pubsub#subid'/>" + field("pubsub#subid", "second") + field("pubsub#node", "n"));
+    EXPECT_EQ(all->answers, Texts{R"({ "subid": "", "node": "n", "subscriber_jid": "", "id": "auth-7" })"});
+}
+
+TEST_F(PushedToSubscribers, FirstOfSeveralFormsCounts) {
+    FakeMessage* all = listen(privateHandle(), "handleAuth:*");
+    const auto form = [](const std::string& type, const std::string& node) {
+        return "<x xmlns='jabber:x:data' type='" + type + "'>" + field("pubsub#node", node) + "</x>";
+    };
+    push("<x xmlns='urn:other'/>" + form("form", "first") + form("form", "second"), "id='auth-7'");
+    EXPECT_EQ(all->answers,
+              Texts{R"({ "subid": "", "node": "first", "subscriber_jid": "", "id": "auth-7" })"});
+    push(form("submit", "first") + form("form", "second"), "id='auth-8'");
+    EXPECT_EQ(all->answers.size(), 1u);
+    EXPECT_TRUE(takeLogLines().back().starts_with(
+        "handleMessage: Warning: We have x-data that is not a form <x xmlns='jabber:x:data' type='submit'"));
 }
 
 TEST_F(PushedToSubscribers, DataThatIsNoFormIsLogged) {
