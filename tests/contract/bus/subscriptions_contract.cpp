@@ -42,8 +42,9 @@ INSTANTIATE_TEST_SUITE_P(, Subscriptions, testing::Values(QSBus::Private, QSBus:
 TEST_P(Subscriptions, OfMethodsNeedTheWordInThePayload) {
     auto client = m_engine->client(GetParam());
     size_t call = 0;
-    for (const char* payload :
-         {"{}", R"({"subscribe":false})", R"({"subscribe":null})", "subscribe", R"(["subscribe"])"}) {
+    for (const char* payload : {"{}", R"({"subscribe":false})", R"({"subscribe":null})", "subscribe",
+                                R"(["subscribe"])", R"({"subscribe":0})", R"({"subscribe":0.0})",
+                                R"({"subscribe":""})", R"({"subscribe":{"a":1}})", R"({"subscribe":[1]})"}) {
         bool subscribed = true;
         QSMessage* message = request(*client, call, "follow", payload);
         EXPECT_TRUE(QSSubscriptionProcess(handle(), message, &subscribed, m_error)) << payload;
@@ -51,6 +52,17 @@ TEST_P(Subscriptions, OfMethodsNeedTheWordInThePayload) {
     }
     m_kept.clear();
     EXPECT_TRUE(post("nobody"));
+}
+
+TEST_P(Subscriptions, OfMethodsTakeTheWordByJsonCsConversion) {
+    auto client = m_engine->client(GetParam());
+    size_t call = 0;
+    for (const char* payload : {R"({"subscribe":1})", R"({"subscribe":-0.5})", R"({"subscribe":"false"})"}) {
+        bool subscribed = false;
+        QSMessage* message = request(*client, call, "follow", payload);
+        EXPECT_TRUE(QSSubscriptionProcess(handle(), message, &subscribed, m_error)) << payload;
+        EXPECT_TRUE(subscribed) << payload;
+    }
 }
 
 TEST_P(Subscriptions, OfMethodsGetEveryPost) {
