@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """The connection that comes back by itself: networks and losses, with time driven by the test."""
 
+import json
 import os
 import re
 import signal
@@ -263,24 +264,41 @@ class HostDaemon(StageTest):
         words = self.stage.path("run", "host.pid").read_text(encoding="ascii").split()
         return int(words[0]) if words else 0  # it is being written
 
-    def test_a_loss_while_the_host_services_are_dead_still_ends_in_a_connection(self):
+    def kill_host(self):
+        dead, down = self.host_pid(), "Connection manager went down!!"
+        heard = self.stage.log("service").count(down)
+        os.kill(dead, signal.SIGKILL)
+        wait_until(lambda: not is_running(dead), "the host daemon to end")
+        wait_until(lambda: self.stage.log("service").count(down) > heard, "the service to know")
+        return dead
+
+    def wait_host(self, dead):
+        wait_until(lambda: self.host_pid() not in (0, dead) and is_running(self.host_pid()),
+                   "the bus to start it again")
+
+    def reconnect_alarm(self):
+        """The alarm in the table on the host's disk, and the whole table; None while it is not there."""
+        table = self.stage.path("host", "alarms.json")
+        entries = json.loads(table.read_text(encoding="utf-8")) if table.exists() else {"alarms": []}
+        return next(((entry, entries) for entry in entries["alarms"] if entry["key"] == "reconnectTimer"), None)
+
+    def test_a_loss_while_the_host_services_are_dead_ends_in_a_connection_when_the_alarm_rings(self):
         private = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
         self.addCleanup(private.close)
         status = private.start("subscribeConnStatus", {"subscribe": True})
         self.assertTrue(status.wait(1)["connected"])
-        dead = self.host_pid()
-        os.kill(dead, signal.SIGKILL)
-        wait_until(lambda: not is_running(dead), "the host daemon to end")
-        wait_until(lambda: "Connection manager went down!!" in self.stage.log("service"),
-                   "the service to know")
+        dead = self.kill_host()
         kick(self.stage.env)
         self.assertFalse(status.wait(2)["connected"])
-        wait_until(lambda: self.host_pid() not in (0, dead) and is_running(self.host_pid()),
-                   "the bus to start it again")
-        table = self.stage.path("host", "alarms.json")
-        wait_until(lambda: table.exists() and "reconnectTimer" in table.read_text(encoding="utf-8"),
-                   "the alarm on the host's disk")
-        private.start("reconnectTimer", {})
+        self.wait_host(dead)  # the service's call for the alarm has started it
+        alarm, table = wait_until(self.reconnect_alarm, "the alarm on the host's disk")
+        self.assertIn(alarm["seconds"], range(300, 1200))
+
+        dead = self.kill_host()
+        alarm.update(boottime_us=0, wallclock_us=0)  # as when it was down while the time came
+        self.stage.path("host", "alarms.json").write_text(json.dumps(table), encoding="utf-8")
+        self.assertEqual(len(status.texts), 2, "nothing but the alarm connects")
+        private.connection.activate_name_owner("com.zelt.power")
         self.assertTrue(status.wait(3)["connected"])
         self.assertTrue(private.call("createNode", {"node": "/e2e/back"})["returnValue"])
 
