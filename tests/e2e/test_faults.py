@@ -18,6 +18,12 @@ def open_files(pid):
     return len(os.listdir(f"/proc/{pid}/fd"))
 
 
+def resident(pid):
+    """Bytes of memory that the process holds."""
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:")) * 1024
+
+
 class FaultsTest(StageTest):
     @classmethod
     def setUpClass(cls):
@@ -75,19 +81,38 @@ class BadPayloads(FaultsTest):
         self.still_works()
 
 
-class Faults(FaultsTest):
-    def test_clients_that_die_between_call_and_answer_leave_nothing_behind(self):
-        pid = self.stage.service_pid
-        self.still_works()
-        before = open_files(pid)
-        for number in range(30):
+class DyingClients(FaultsTest):
+    FILLER = 60_000  # bytes of each request, which the service holds as long as it holds the request
+
+    @classmethod
+    def setUpClass(cls):
+        # A sanitizer keeps what is freed, to find late uses; here that would look like what is left behind.
+        options = os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"
+        with mock.patch.dict(os.environ, ASAN_OPTIONS=options.lstrip(":")):
+            super().setUpClass()
+
+    def die(self, clients):
+        """Each client asks for something, subscribes to something and leaves before any answer."""
+        for number in range(clients):
             client = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
-            client.start("createNode", {"node": f"/e2e/dying/{number}"})
-            client.start("subscribeConnStatus", {"subscribe": True})
+            client.start("createNode", {"node": f"/e2e/dying/{number}", "filler": "x" * self.FILLER})
+            client.start("subscribeConnStatus", {"subscribe": True, "filler": "x" * self.FILLER})
             client.connection.flush()
             client.close()
+        # What the server still has to answer comes before the answer to this.
+        self.private.call("getNodeConfig", {"nodes": ["/e2e/dying/0"]})
         self.still_works()
-        self.assertEqual(open_files(pid), before)
+
+    def test_clients_that_die_between_call_and_answer_leave_no_descriptor_and_no_memory(self):
+        pid = self.stage.service_pid
+        self.die(30)  # what is allocated once and kept for good is there now
+        files, memory = open_files(pid), resident(pid)
+        self.die(100)
+        self.assertEqual(open_files(pid), files)
+        self.assertLess(resident(pid) - memory, 100 * 2 * self.FILLER / 3, "a third of what the requests held")
+
+
+class Faults(FaultsTest):
 
     def test_disconnect_and_connect_again_tells_every_status_subscriber(self):
         public = self.public.start("connectStatus", {"subscribe": True})
@@ -129,6 +154,13 @@ class Silence(StageTest):
         with mock.patch.dict(os.environ, STAGE_LOGIN="file"):  # a file that the test can turn to another server
             super().setUpClass()
 
+    def seconds_of_calls(self, client):
+        """How long 300 calls take, one after the other."""
+        start = time.monotonic()
+        for _ in range(300):
+            self.assertIn("username", client.call("getJabberId", {}))
+        return time.monotonic() - start
+
     def test_a_black_holed_connect_stalls_nobody(self):
         # A listener whose backlog is full answers no SYN: the connect hangs.
         listener = socket.socket()
@@ -144,6 +176,8 @@ class Silence(StageTest):
         for filler in fillers:
             self.addCleanup(filler.close)
 
+        client = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
+        quiet = self.seconds_of_calls(client)
         self.stage.kill_service()
         attached = self.stage.log("service").count("Attached socket")
         credentials = self.stage.path("state", "pubsub.conf")
@@ -151,15 +185,11 @@ class Silence(StageTest):
         lines[3] = str(listener.getsockname()[1])
         credentials.write_text("\n".join(lines) + "\n", encoding="utf-8")
         self.stage.start_service()
-        client = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
         wait_until(lambda: self.stage.log("service").count("Attached socket") > attached, "the connect to begin")
-        longest, end = 0.0, time.monotonic() + 3
-        while time.monotonic() < end:
-            start = time.monotonic()
-            self.assertIn("username", client.call("getJabberId", {}))
-            longest = max(longest, time.monotonic() - start)
+        # What other work there is on the machine may come and go: the best of a few runs counts.
+        hanging = min(self.seconds_of_calls(client) for _ in range(3))
         self.assertFalse(client.call("subscribeConnStatus", {})["connected"])
-        self.assertLess(longest, 0.5, "a round trip while the connect hangs")  # noise of a shared machine included
+        self.assertLess(hanging, 5 * quiet, "the calls take as long as when no connect hangs")
 
 
 class Rest(StageTest):
