@@ -81,11 +81,11 @@ const sd_bus_vtable kSubscriptionTable[] = {
     SD_BUS_VTABLE_END,
 };
 
-void addMethods(Category& category, const QSMethod* table) {
-    for (; table && table->name; table++) {
-        auto same = [&](const Method& other) { return other.name == table->name; };
+void addMethods(Category& category, const MethodTable& table) {
+    for (const QSMethod* method = table.methods; method && method->name; method++) {
+        auto same = [&](const Method& other) { return other.name == method->name; };
         if (std::none_of(category.methods.begin(), category.methods.end(), same))
-            category.methods.push_back({&category, table->name, table->handler});
+            category.methods.push_back({&category, method->name, method->handler, table.needsIdentity});
     }
 }
 
@@ -113,7 +113,7 @@ int publish(Category& category) {
 
 }  // namespace
 
-bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<const QSMethod*> tables,
+bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<MethodTable> tables,
                     const QSSignal* signals, void* context, QSError* error) {
     if (!busIsOpen(handle, error))
         return false;
@@ -126,7 +126,7 @@ bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<co
     category->handle = handle;
     category->path = path;
     category->context = context;
-    for (const QSMethod* table : tables)
+    for (const MethodTable& table : tables)
         addMethods(*category, table);
     for (; signals && signals->name; signals++)
         category->signals.emplace_back(signals->name);
@@ -140,5 +140,6 @@ bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<co
 
 bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* methods, void* context,
                         QSError* error) {
-    return busAddCategory(handle, category, {methods}, nullptr, context, error);
+    return busAddCategory(handle, category, {{methods, handle && busIsPublic(handle)}}, nullptr, context,
+                          error);
 }

@@ -14,6 +14,12 @@ struct Method {
     Category* category;
     std::string name;
     QSFilter handler;
+    bool needsIdentity;  // a call whose caller left before it was identified is refused
+};
+
+struct MethodTable {
+    const QSMethod* methods;  // null is an empty table
+    bool needsIdentity;
 };
 
 struct Category {
@@ -28,6 +34,6 @@ struct Category {
     Slot subscriptionObject;
 };
 
-// Of two methods of one name in `tables` the first counts; a null table is an empty one.
-bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<const QSMethod*> tables,
+// Of two methods of one name in `tables` the first counts.
+bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<MethodTable> tables,
                     const QSSignal* signals, void* context, QSError* error);

@@ -33,9 +33,9 @@ bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category,
                                    const QSSignal* signals, void* context, QSError* error) {
     if (!service)
         return busFail(error, -EINVAL, "There is no service; register it first");
-    return busAddCategory(service->privateHandle, category, {publicMethods, privateMethods}, signals, context,
-                          error) &&
-           busAddCategory(service->publicHandle, category, {publicMethods}, signals, context, error);
+    return busAddCategory(service->privateHandle, category, {{publicMethods, true}, {privateMethods, false}},
+                          signals, context, error) &&
+           busAddCategory(service->publicHandle, category, {{publicMethods, true}}, signals, context, error);
 }
 
 bool QSGmainAttachZeltService(QSZeltService* service, GMainLoop* loop, QSError* error) {
