@@ -8,6 +8,7 @@
 #include "platform/bus/error.h"
 #include "platform/bus/message.h"
 #include "platform/bus/peers.h"
+#include "platform/bus/presence.h"
 #include "platform/bus/text.h"
 
 namespace {
@@ -60,6 +61,12 @@ bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
     return true;
 }
 
+bool busHandOver(QSMessage* message, const char* payload, QSError* error) {
+    if (message && message->peer && canBeReached(message) && !busIsThere(*message->peer))
+        return busFail(error, -ENOTCONN, "The client " + message->peer->name + " is gone");
+    return busAnswer(message, payload, error);
+}
+
 void busCloseRequest(QSMessage* request) {
     if (canBeReached(request)) {
         if (request->unanswered && request->wantsReply)
@@ -78,5 +85,7 @@ bool QSMessageReply(QSHandle*, QSMessage* message, const char* payload, QSError*
 }
 
 bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error) {
-    return busAnswer(message, payload, error);
+    // Items are later answers.
+    return message && !message->unanswered ? busHandOver(message, payload, error)
+                                           : busAnswer(message, payload, error);
 }

@@ -12,8 +12,11 @@
 #include "platform/bus/error.h"
 #include "platform/bus/identity.h"
 #include "platform/bus/peers.h"
+#include "platform/bus/presence.h"
 
 namespace {
+
+constexpr uint64_t kDaemonDeadline = 2'000'000;  // microseconds
 
 const char* addressVariable(QSBus side) {
     return side == QSBus::Public ? "ZELT_PUBLIC_BUS" : "ZELT_PRIVATE_BUS";
@@ -38,6 +41,10 @@ int connectBus(QSHandle* handle, const std::string& where) {
     // No method takes a descriptor; refusing them keeps clients from filling our table.
     if (result >= 0)
         result = sd_bus_negotiate_fds(handle->bus, 0);
+    // How long an answer of the daemon itself is awaited before it counts as lost; calls to services have no
+    // limit.
+    if (result >= 0)
+        result = sd_bus_set_method_call_timeout(handle->bus, kDaemonDeadline);
     if (result >= 0)
         result = sd_bus_start(handle->bus);
     // Waits for the daemon's greeting, so that an unreachable bus is an error here and not a lost connection
@@ -126,6 +133,7 @@ bool QSUnregister(QSHandle* handle, QSError* error) {
     // While the connection still stands, waiting callers are told that no answer follows.
     busDropAllSubscriptions(handle);
     busDropAllPeers(handle);
+    busEndDoubt(handle);
     int result = handle->name.empty() ? 0 : sd_bus_release_name(handle->bus, handle->name.c_str());
     handle->answeredCalls.clear();
     handle->calls.clear();

@@ -20,6 +20,16 @@ struct Call;
 struct Category;
 struct Peer;
 
+// Whether deaths of clients may have gone unseen; see presence.h.
+struct Doubt {
+    uint64_t raised = 0;   // how often there was reason
+    uint64_t settled = 0;  // up to which of these the daemon was asked
+    uint64_t asked = 0;    // `raised` and `peerNumber` when the open question was asked
+    uint64_t askedPeers = 0;
+    Slot query;
+    sd_bus* asker = nullptr;  // a connection for questions that cannot wait; null at rest
+};
+
 struct QSHandle {
     sd_bus* bus = nullptr;
     QSBus side = QSBus::Private;
@@ -31,8 +41,10 @@ struct QSHandle {
     int references = 1;       // the owner's, and one for each living message
 
     std::unordered_map<std::string, std::shared_ptr<Peer>> peers;  // callers by unique name
-    SubscriptionTable byKey;                                       // free keys
-    SubscriptionTable byMethod;                                    // category and method
+    uint64_t peerNumber = 0;                                       // entries made so far
+    Doubt doubt;
+    SubscriptionTable byKey;     // free keys
+    SubscriptionTable byMethod;  // category and method
     QSFilter cancelFunction = nullptr;
     void* cancelContext = nullptr;
     std::vector<std::unique_ptr<Category>> categories;

@@ -10,6 +10,7 @@
 
 #include "platform/bus/connection.h"
 #include "platform/bus/error.h"
+#include "platform/bus/presence.h"
 #include "util/log.h"
 
 namespace {
@@ -102,8 +103,14 @@ bool busProcess(QSHandle* handle, int most, int* handled) {
         return true;
     handle->processing = true;
     int result = 1, count = 0;
-    while (count < most && handle->bus && (result = sd_bus_process(handle->bus, nullptr)) > 0)
+    while (count < most && handle->bus) {
+        busNoteBacklog(handle);
+        if ((result = sd_bus_process(handle->bus, nullptr)) <= 0)
+            break;
         count++;
+    }
+    if (result >= 0 && handle->bus)
+        busSettleDoubt(handle);
     if (handled)
         *handled = count;
     handle->processing = false;
@@ -160,7 +167,10 @@ void QSZeltServiceReadReceived(QSZeltService* service) {
         return;
     for (QSHandle* handle : {service->privateHandle, service->publicHandle}) {
         busReference(handle);
-        bool alive = !handle->bus || busProcess(handle, kMessagesPerRead);
+        int handled = 0;
+        bool alive = !handle->bus || busProcess(handle, kMessagesPerRead, &handled);
+        if (handled == kMessagesPerRead && handle->bus)
+            busNoteUnread(handle);
         if (!alive)
             busLost(handle);
         busRelease(handle);

@@ -49,5 +49,7 @@ uint32_t busSerial(const QSMessage* request);
 
 // Sends one answer: the method return first, signals from then on.
 bool busAnswer(QSMessage* message, const char* payload, QSError* error);
+// The same for what counts as taken once it is sent: only to a client that the daemon knows to be there.
+bool busHandOver(QSMessage* message, const char* payload, QSError* error);
 // Closes a request whose last reference is going: no answer can follow.
 void busCloseRequest(QSMessage* request);

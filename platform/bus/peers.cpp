@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/bus/category.h"
 #include "platform/bus/daemon.h"
 #include "platform/bus/identity.h"
 #include "platform/bus/message.h"
@@ -30,30 +31,82 @@ void leave(Peer& peer) {
     peer.identity.reset();
 }
 
-// `peer` is on the stack of its caller: the entry goes here.
-void clientDied(const std::shared_ptr<Peer>& peer) {
-    if (!peer || peer->state == Peer::State::Gone)
+// Callers that leave at once may come by the thousand: a line a second, which counts the rest.
+void logRefused(const Peer& peer, const QSMessage& request) {
+    static gint64 nextLine = 0;
+    static unsigned untold = 0;
+    gint64 now = g_get_monotonic_time();
+    if (now < nextLine) {
+        untold++;
         return;
-    peer->handle->peers.erase(peer->name);
-    leave(*peer);
-    dropHeld(*peer);
-    busCancelAll(*peer);
+    }
+    nextLine = now + G_USEC_PER_SEC;
+    std::string more =
+        untold ? "; so were " + std::to_string(untold) + " calls since the last such line" : "";
+    untold = 0;
+    PrvPrintErr(__func__, __LINE__, "%s of the client %s is refused: it left before the bus told who it is%s",
+                request.method, peer.name.c_str(), more.c_str());
+}
+
+// The client has left. What needs no identity is carried out, in the order in which it came.
+void settleHeld(Peer& peer) {
+    QSHandle* handle = peer.handle;
+    busReference(handle);
+    for (QSMessage* request : std::exchange(peer.held, {})) {
+        // A handler may have ended the connection, and the tables with it.
+        if (handle->bus && !request->target->needsIdentity) {
+            busDispatch(request);
+            continue;
+        }
+        if (handle->bus)
+            logRefused(peer, *request);
+        QSMessageUnref(request);
+    }
+    busRelease(handle);
 }
 
 int onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     OwnerChange change;
     if (busReadOwnerChange(signal, change) && !*change.after)
-        clientDied(entryOf(static_cast<Peer*>(data)));
+        busClientDied(entryOf(static_cast<Peer*>(data)));
     return 0;
+}
+
+bool watch(Peer& peer);
+bool identify(Peer& peer);
+
+// The daemon drops its answers while this connection's inbox is full.
+bool wasLost(sd_bus_message* reply) {
+    return sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NO_REPLY) > 0;
+}
+
+// Hands on what has waited, once it is known who the client is and whether its death will be told.
+void becomeKnown(Peer& peer) {
+    if (peer.state != Peer::State::Asking || !peer.identified || !peer.watchAnswered)
+        return;
+    peer.state = Peer::State::Known;
+    for (QSMessage* request : std::exchange(peer.held, {})) {
+        // A handler may have ended the connection, and the tables with it.
+        if (peer.state == Peer::State::Known)
+            busDispatch(request);
+        else
+            QSMessageUnref(request);
+    }
 }
 
 // sic: without an install callback sd-bus closes the whole connection when the daemon refuses one match.
 int onWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
-    auto* peer = static_cast<Peer*>(data);
+    std::shared_ptr<Peer> peer = entryOf(static_cast<Peer*>(data));
+    if (!peer)
+        return 0;
+    if (wasLost(reply) && watch(*peer))
+        return 0;
+    peer->watchAnswered = true;
     peer->watched = !sd_bus_message_is_method_error(reply, nullptr);
     if (!peer->watched)
         PrvPrintErr(__func__, __LINE__, "Watching the client %s failed: %s", peer->name.c_str(),
                     sd_bus_message_get_error(reply)->message);
+    becomeKnown(*peer);
     return 0;
 }
 
@@ -62,41 +115,62 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
     if (!peer)
         return 0;
     if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
-        clientDied(peer);
+        busClientDied(peer);
         return 0;
     }
+    if (wasLost(reply) && identify(*peer))
+        return 0;
     if (sd_bus_message_is_method_error(reply, nullptr))
         PrvPrintErr(__func__, __LINE__, "The bus does not tell who %s is: %s", peer->name.c_str(),
                     sd_bus_message_get_error(reply)->message);
     else
         peer->applicationId = busApplicationId(busReadCredentials(reply));
-    peer->state = Peer::State::Known;
+    peer->identified = true;
     peer->identity.reset();
-    for (QSMessage* request : std::exchange(peer->held, {})) {
-        // A handler may have ended the connection, and the tables with it.
-        if (peer->state == Peer::State::Known)
-            busDispatch(request);
-        else
-            QSMessageUnref(request);
-    }
+    becomeKnown(*peer);
     return 0;
 }
 
-bool ask(Peer& peer) {
+// Asks to be told of the client's death. A rule whose confirmation was lost may stand; it is taken back
+// first.
+bool watch(Peer& peer) {
     std::string rule =
         "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
         "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
         peer.name + "'";
     sd_bus* bus = peer.handle->bus;
-    if (sd_bus_add_match_async(bus, Receive(peer.watch), rule.c_str(), onOwnerChanged, onWatchInstalled,
-                               &peer) < 0)
-        return false;
-    return sd_bus_call_method_async(bus, Receive(peer.identity), kBusDaemon, kBusDaemonPath, kBusDaemon,
-                                    "GetConnectionCredentials", onCredentials, &peer, "s",
+    Wire undo;
+    if (peer.watch &&
+        sd_bus_message_new_method_call(bus, Receive(undo), kBusDaemon, kBusDaemonPath, kBusDaemon,
+                                       "RemoveMatch") >= 0 &&
+        sd_bus_message_append(undo.get(), "s", rule.c_str()) >= 0 &&
+        sd_bus_message_set_expect_reply(undo.get(), 0) >= 0)
+        sd_bus_send(bus, undo.get(), nullptr);
+    return sd_bus_add_match_async(bus, Receive(peer.watch), rule.c_str(), onOwnerChanged, onWatchInstalled,
+                                  &peer) >= 0;
+}
+
+bool identify(Peer& peer) {
+    return sd_bus_call_method_async(peer.handle->bus, Receive(peer.identity), kBusDaemon, kBusDaemonPath,
+                                    kBusDaemon, "GetConnectionCredentials", onCredentials, &peer, "s",
                                     peer.name.c_str()) >= 0;
 }
 
+// The watch first, so that the death of a client is either reported or shown by the credentials' failure.
+bool ask(Peer& peer) {
+    return watch(peer) && identify(peer);
+}
+
 }  // namespace
+
+void busClientDied(const std::shared_ptr<Peer>& peer) {
+    if (!peer || peer->state == Peer::State::Gone)
+        return;
+    peer->handle->peers.erase(peer->name);
+    leave(*peer);
+    settleHeld(*peer);
+    busCancelAll(*peer);
+}
 
 std::shared_ptr<Peer> busPeer(QSHandle* handle, const char* name) {
     auto found = handle->peers.find(name);
@@ -105,6 +179,7 @@ std::shared_ptr<Peer> busPeer(QSHandle* handle, const char* name) {
     auto peer = std::make_shared<Peer>();
     peer->handle = handle;
     peer->name = name;
+    peer->number = handle->peerNumber++;
     if (!ask(*peer))
         return nullptr;
     return handle->peers.emplace(peer->name, peer).first->second;

@@ -12,11 +12,14 @@
 struct Peer {
     enum class State { Asking, Known, Gone };
 
-    QSHandle* handle;  // borrowed; not used once the state is Gone
-    std::string name;  // unique name, never given twice by one daemon
+    QSHandle* handle;     // borrowed; not used once the state is Gone
+    std::string name;     // unique name, never given twice by one daemon
+    uint64_t number = 0;  // counts the entries of the handle
     State state = State::Asking;
-    std::string applicationId;  // "ID PID", "" without an id
-    bool watched = false;       // the daemon reports its death
+    std::string applicationId;   // "ID PID", "" without an id
+    bool identified = false;     // the daemon has told, or refused to tell, who it is
+    bool watchAnswered = false;  // the daemon has said whether it reports its death
+    bool watched = false;        // the daemon reports its death
 
     std::vector<QSMessage*> held;        // requests that wait for the identity, one reference each
     std::vector<QSMessage*> subscribed;  // requests on some list, oldest first; the lists own them
@@ -30,6 +33,8 @@ struct Peer {
 
 // The entry of a caller, made on its first request; null when the connection fails.
 std::shared_ptr<Peer> busPeer(QSHandle* handle, const char* name);
+// The daemon no longer knows the client. The caller holds a reference: the entry goes here.
+void busClientDied(const std::shared_ptr<Peer>& peer);
 // Cancels the subscription that the call with this serial opened; false when there is none.
 bool busCancelSerial(QSHandle* handle, const char* sender, uint32_t serial);
 // A request of the entry ends. An entry whose client's death nobody would report goes with its last request.

@@ -113,11 +113,13 @@ struct Sent {
     size_t reached = 0;
 };
 
-void answerAll(const SubscriptionTable& table, const std::string& key, const char* payload, Sent& sent,
-               QSError* error) {
+using Answer = bool (*)(QSMessage* request, const char* payload, QSError* error);
+
+void answerAll(const SubscriptionTable& table, const std::string& key, const char* payload, Answer answer,
+               Sent& sent, QSError* error) {
     for (QSMessage* request : referencedMembers(table, key)) {
         sent.subscribers++;
-        if (busAnswer(request, payload, error))
+        if (answer(request, payload, error))
             sent.reached++;
         QSMessageUnref(request);
     }
@@ -200,7 +202,7 @@ bool QSSubscriptionRespond(QSZeltService* service, const char* key, const char* 
         return busFail(error, -EINVAL, "A response needs a registered service and a key");
     Sent sent;
     for (QSHandle* handle : {service->privateHandle, service->publicHandle})
-        answerAll(handle->byKey, key, payload, sent, error);
+        answerAll(handle->byKey, key, payload, busHandOver, sent, error);
     if (!sent.subscribers)
         return busFail(error, -ENOENT, std::string("There is no subscriber for ") + key);
     return sent.reached > 0;
@@ -213,7 +215,7 @@ bool QSSubscriptionPost(QSHandle* handle, const char* category, const char* meth
     if (!category || !method)
         return busFail(error, -EINVAL, "A post needs a category and a method");
     Sent sent;
-    answerAll(handle->byMethod, methodKey(category, method), payload, sent, error);
+    answerAll(handle->byMethod, methodKey(category, method), payload, busAnswer, sent, error);
     return !sent.subscribers || sent.reached > 0;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/bus/message.h"
 #include "tests/contract/bus/real_fixture.h"
 
 using testing::ElementsAre;
@@ -27,8 +28,9 @@ TEST_F(Lifetime, AThousandShortLivedClientsLeaveNothing) {
     EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-TEST_F(Lifetime, ARequestOfAClientThatDiesBeforeItIsKnownIsDropped) {
-    {
+TEST_F(Lifetime, PublicRequestsOfClientsThatDieBeforeTheyAreKnownAreRefusedWithOneLine) {
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 30; i++) {
         WireConnection client(engine(), QSBus::Public);
         send(client.bus(), "hold", "{}");
         sd_bus_flush(client.bus());
@@ -36,7 +38,52 @@ TEST_F(Lifetime, ARequestOfAClientThatDiesBeforeItIsKnownIsDropped) {
     }
     m_engine->settle();
     EXPECT_TRUE(m_engine->until([&] { return m_public->peers.empty(); }));
+    std::string log = testing::internal::GetCapturedStderr();
     EXPECT_THAT(m_kept, IsEmpty());
+    EXPECT_THAT(log, HasSubstr("hold of the client :1."));
+    EXPECT_THAT(log, HasSubstr("is refused: it left before the bus told who it is"));
+    // More than one only on a machine that needed more than a second for this.
+    EXPECT_LE(std::count(log.begin(), log.end(), '\n'), 10);
+}
+
+TEST_F(Lifetime, PrivateRequestsOfClientsThatLeaveAtOnceAreCarriedOutInOrder) {
+    Strings sent, handled;
+    m_handlers["secret"] = [&](QSHandle*, QSMessage* message) {
+        handled.emplace_back(QSMessageGetPayload(message));
+    };
+    m_handlers["watch"] = [&](QSHandle* handle, QSMessage* message) {
+        handled.emplace_back(QSMessageGetPayload(message));
+        EXPECT_STREQ(QSMessageGetApplicationID(message), "");
+        EXPECT_FALSE(QSSubscriptionAdd(handle, "key", message, m_error));
+        EXPECT_FALSE(QSMessageReply(handle, message, "nobody", m_error));
+    };
+    for (int i = 0; i < 30; i++) {
+        WireConnection client(engine(), QSBus::Private);
+        for (const char* method : {"watch", "secret"}) {
+            sent.push_back(method + std::to_string(i));
+            send(client.bus(), method, sent.back());
+        }
+        sd_bus_flush(client.bus());
+        ASSERT_TRUE(hasInput(m_private));
+    }
+    EXPECT_TRUE(m_engine->until([&] { return handled.size() == sent.size(); }));
+    EXPECT_EQ(handled, sent);
+    EXPECT_TRUE(m_engine->until([&] { return m_private->peers.empty(); }));
+}
+
+TEST_F(Lifetime, AHandlerOfAClientThatLeftAtOnceMayEndTheConnection) {
+    m_handlers["secret"] = [&](QSHandle* handle, QSMessage*) {
+        EXPECT_TRUE(QSUnregister(handle, m_error)) << m_error.message();
+        m_private = nullptr;
+    };
+    {
+        WireConnection client(engine(), QSBus::Private);
+        send(client.bus(), "secret", "{}");
+        send(client.bus(), "secret", "{}");
+        sd_bus_flush(client.bus());
+        ASSERT_TRUE(hasInput(m_private));
+    }
+    EXPECT_TRUE(m_engine->until([&] { return m_private == nullptr; }));
 }
 
 TEST_F(Lifetime, ADeathIsSeenAtWhateverMomentItFalls) {
@@ -52,6 +99,96 @@ TEST_F(Lifetime, ADeathIsSeenAtWhateverMomentItFalls) {
         ASSERT_TRUE(m_engine->until([&] { return m_public->peers.empty(); })) << turns;
         ASSERT_THAT(keysOf(m_public, "key"), IsEmpty()) << turns;
     }
+}
+
+// A service that does not read for a while: the daemon's queue for it is full, and what the daemon has to
+// tell it is dropped.
+class FullInbox : public RealBusTest, public testing::WithParamInterface<QSBus> {
+  protected:
+    QSHandle* handle() const { return handleOf(GetParam()); }
+    // Sends more than the daemon keeps for the service; it refuses the rest.
+    void fill(WireConnection& flooder) {
+        const std::string payload(3000, 'x');
+        for (int i = 0; i < 800; i++)
+            send(flooder.bus(), "hold", payload);
+        sd_bus_flush(flooder.bus());
+        isThere(flooder, "org.freedesktop.DBus");  // the daemon has taken all of it
+    }
+    // Asked of the daemon by a connection other than the service's.
+    static bool isThere(WireConnection& observer, const std::string& name) {
+        sd_bus_message* reply = nullptr;
+        int there = 0;
+        EXPECT_GE(
+            sd_bus_call_method(observer.bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                               "org.freedesktop.DBus", "NameHasOwner", nullptr, &reply, "s", name.c_str()),
+            0);
+        EXPECT_GE(sd_bus_message_read(reply, "b", &there), 0);
+        sd_bus_message_unref(reply);
+        return there != 0;
+    }
+};
+INSTANTIATE_TEST_SUITE_P(, FullInbox, testing::Values(QSBus::Private, QSBus::Public), busOfCase);
+
+TEST_P(FullInbox, NoItemCountsAsTakenByAClientThatDiedMeanwhile) {
+    constexpr size_t kClients = 8;
+    WireConnection observer(engine(), GetParam());
+    WireConnection flooder(engine(), GetParam());
+    std::vector<std::unique_ptr<BusClient>> clients;
+    Strings names;
+    for (size_t i = 0; i < kClients; i++) {
+        clients.push_back(m_engine->client(GetParam()));
+        size_t call = 0;
+        QSMessage* message = request(*clients[i], call);
+        ASSERT_TRUE(QSSubscriptionAdd(handle(), std::to_string(i).c_str(), message, m_error));
+        names.push_back(message->peer->name);
+        ASSERT_TRUE(reply(message, "{}"));
+    }
+    auto living = m_engine->client(GetParam());
+    size_t livingCall = 0;
+    ASSERT_TRUE(QSSubscriptionAdd(handle(), "living", request(*living, livingCall), m_error));
+    ASSERT_TRUE(reply(m_kept.back().get(), "{}"));
+    m_kept.clear();
+    m_handlers["hold"] = [](QSHandle*, QSMessage*) {};
+    fill(flooder);
+    clients.clear();
+    for (const std::string& name : names) {
+        while (isThere(observer, name)) {
+        }
+    }
+    QSZeltServiceReadReceived(m_service);
+    for (size_t i = 0; i < kClients; i++)
+        EXPECT_FALSE(QSSubscriptionRespond(m_service, std::to_string(i).c_str(), "item", m_error)) << i;
+    EXPECT_TRUE(QSSubscriptionRespond(m_service, "living", "item", m_error)) << m_error.message();
+    EXPECT_TRUE(m_engine->until([&] { return m_cancelled.size() == kClients; })) << m_cancelled.size();
+    EXPECT_TRUE(has(*living, livingCall, 2));
+    EXPECT_TRUE(m_engine->until([&] { return handle()->doubt.asker == nullptr; }));
+}
+
+TEST_P(FullInbox, AnIdentityWhoseAnswerWasLostIsAskedAgain) {
+    WireConnection flooder(engine(), GetParam());
+    auto client = m_engine->client(GetParam(), "com.example.app");
+    std::vector<std::string> ids;
+    bool subscribed = false;
+    m_handlers["hold"] = [](QSHandle*, QSMessage*) {};
+    m_handlers["follow"] = [&](QSHandle* handle, QSMessage* message) {
+        ids.emplace_back(QSMessageGetApplicationID(message));
+        subscribed = QSSubscriptionAdd(handle, "key", message, m_error);
+    };
+    client->call("/", "follow", "{}");
+    ASSERT_TRUE(hasInput(handle()));
+    fill(flooder);
+    // Up to the request of the new client. The questions that follow from it meet the full inbox.
+    while (handle()->peers.empty())
+        ASSERT_TRUE(hasInput(handle()) && busProcess(handle(), 1));
+    sd_bus_flush(handle()->bus);
+    for (int i = 0; i < 20; i++)
+        isThere(flooder, "org.freedesktop.DBus");
+    ASSERT_THAT(ids, IsEmpty());
+    ASSERT_TRUE(m_engine->until([&] { return ids.size() == 1; }));
+    EXPECT_THAT(ids[0], testing::StartsWith("com.example.app "));
+    EXPECT_TRUE(subscribed) << m_error.message();
+    client.reset();
+    EXPECT_TRUE(m_engine->until([&] { return m_cancelled.size() == 1; }));
 }
 
 TEST_F(Lifetime, ListsOfKeysThatNobodyHoldsAreGone) {

@@ -119,6 +119,17 @@ TEST_F(OnTheWire, BusctlGetsAReply) {
               "s \"{}\"\n");
 }
 
+TEST_F(OnTheWire, ToolsThatLeaveAtOnceAreServedOnThePrivateBus) {
+    size_t handled = 0;
+    m_handlers["secret"] = [&](QSHandle*, QSMessage*) { handled++; };
+    const std::string address = engine().buses().address(QSBus::Private);
+    outputOf("for i in 1 2 3 4 5; do dbus-send --bus=" + address +
+             " --type=method_call --dest=com.zelt.contract / com.zelt.contract.secret string:{}; busctl "
+             "--address=" +
+             address + " --expect-reply=no call com.zelt.contract / com.zelt.contract secret s {}; done");
+    EXPECT_TRUE(m_engine->until([&] { return handled == 10; })) << handled;
+}
+
 TEST_F(OnTheWire, TheTableOfUsersNamesApplications) {
     std::string table = engine().buses().folder() + "/users";
     std::ofstream(table) << "# one user each\n" << getuid() << " com.example.by-user\n";

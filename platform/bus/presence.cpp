@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Presence of clients when the daemon's signals may have been lost. The state is the handle's `doubt`; the
+// second connection lives while there is doubt, and has nothing in its inbox but answers.
+#include "platform/bus/presence.h"
+
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "platform/bus/daemon.h"
+#include "platform/bus/peers.h"
+#include "util/log.h"
+
+namespace {
+
+// The daemon queues, and then may drop, only what the socket does not take. With the kernel's smallest
+// buffers a socket that is full of the smallest messages holds more than this.
+constexpr int kBacklog = 16 * 1024;
+constexpr int kMostDiscarded = 256;
+constexpr uint64_t kAnswerDeadline = 2'000'000;  // microseconds
+
+int unreadBytes(QSHandle* handle) {
+    int bytes = 0;
+    return ioctl(sd_bus_get_fd(handle->bus), FIONREAD, &bytes) == 0 ? bytes : 0;
+}
+
+// Whether what waits in the socket names the client: a signal of its death does.
+bool isNamedInUnread(const Peer& peer) {
+    char unread[kBacklog];
+    ssize_t length = recv(sd_bus_get_fd(peer.handle->bus), unread, sizeof unread, MSG_PEEK | MSG_DONTWAIT);
+    return length > 0 &&
+           memmem(unread, static_cast<size_t>(length), peer.name.c_str(), peer.name.size() + 1) != nullptr;
+}
+
+bool isInDoubt(const QSHandle* handle) {
+    return handle->doubt.raised != handle->doubt.settled;
+}
+
+// Only those that had sent something when the question was asked: later ones may be missing in the answer.
+void judge(QSHandle* handle, const std::set<std::string>& there, uint64_t before) {
+    std::vector<std::shared_ptr<Peer>> gone;
+    for (const auto& [name, peer] : handle->peers) {
+        if (peer->number < before && !there.contains(name))
+            gone.push_back(peer);
+    }
+    for (const std::shared_ptr<Peer>& peer : gone) {
+        if (handle->bus)
+            busClientDied(peer);
+    }
+}
+
+int onNames(sd_bus_message* reply, void* data, sd_bus_error*) {
+    auto* handle = static_cast<QSHandle*>(data);
+    Doubt& doubt = handle->doubt;
+    doubt.query.reset();
+    // An answer that was lost is asked for again at the end of this turn.
+    if (sd_bus_message_get_error(reply) || sd_bus_message_enter_container(reply, 'a', "s") <= 0)
+        return 0;
+    doubt.settled = doubt.asked;
+    std::set<std::string> there;
+    const char* name = nullptr;
+    while (sd_bus_message_read(reply, "s", &name) > 0)
+        there.insert(name);
+    judge(handle, there, doubt.askedPeers);
+    return 0;
+}
+
+bool openAsker(QSHandle* handle) {
+    const char* address = nullptr;
+    sd_bus* bus = nullptr;
+    int result = sd_bus_get_address(handle->bus, &address);
+    if (result >= 0)
+        result = sd_bus_new(&bus);
+    if (result >= 0)
+        result = sd_bus_set_address(bus, address);
+    if (result >= 0)
+        result = sd_bus_set_bus_client(bus, 1);
+    if (result >= 0)
+        result = sd_bus_negotiate_fds(bus, 0);
+    if (result >= 0)
+        result = sd_bus_start(bus);
+    if (result < 0)
+        bus = sd_bus_close_unref(bus);
+    handle->doubt.asker = bus;
+    return bus != nullptr;
+}
+
+void closeAsker(QSHandle* handle) {
+    handle->doubt.asker = sd_bus_close_unref(handle->doubt.asker);
+}
+
+// 1 or 0; negative when there is no answer.
+int askIsThere(QSHandle* handle, const std::string& name) {
+    if (!handle->doubt.asker && !openAsker(handle))
+        return -1;
+    Wire question, answer;
+    int there = -1;
+    int result = sd_bus_message_new_method_call(handle->doubt.asker, Receive(question), kBusDaemon,
+                                                kBusDaemonPath, kBusDaemon, "NameHasOwner");
+    if (result >= 0)
+        result = sd_bus_message_append(question.get(), "s", name.c_str());
+    if (result >= 0)
+        result = sd_bus_call(handle->doubt.asker, question.get(), kAnswerDeadline, nullptr, Receive(answer));
+    if (result >= 0)
+        result = sd_bus_message_read(answer.get(), "b", &there);
+    // What strangers send to it is not kept.
+    for (int i = 0; result >= 0 && i < kMostDiscarded; i++) {
+        if (sd_bus_process(handle->doubt.asker, nullptr) <= 0)
+            break;
+    }
+    if (result < 0)
+        closeAsker(handle);
+    return result < 0 ? -1 : there;
+}
+
+}  // namespace
+
+void busNoteBacklog(QSHandle* handle) {
+    if (unreadBytes(handle) >= kBacklog)
+        handle->doubt.raised++;
+}
+
+void busNoteUnread(QSHandle* handle) {
+    handle->doubt.raised++;
+}
+
+void busSettleDoubt(QSHandle* handle) {
+    Doubt& doubt = handle->doubt;
+    if (handle->peers.empty())
+        doubt.settled = doubt.raised;
+    if (!isInDoubt(handle)) {
+        closeAsker(handle);
+        return;
+    }
+    if (doubt.query || unreadBytes(handle) > 0)
+        return;
+    doubt.asked = doubt.raised;
+    doubt.askedPeers = handle->peerNumber;
+    Wire question;
+    if (sd_bus_message_new_method_call(handle->bus, Receive(question), kBusDaemon, kBusDaemonPath, kBusDaemon,
+                                       "ListNames") >= 0)
+        sd_bus_call_async(handle->bus, Receive(doubt.query), question.get(), onNames, handle,
+                          kAnswerDeadline);
+}
+
+bool busIsThere(const Peer& peer) {
+    if (peer.state == Peer::State::Gone)
+        return false;
+    QSHandle* handle = peer.handle;
+    busNoteBacklog(handle);
+    if (!isInDoubt(handle) && !isNamedInUnread(peer))
+        return true;
+    int there = askIsThere(handle, peer.name);
+    // A second try by a new connection: the first one may have been lost since it was last used.
+    if (there < 0)
+        there = askIsThere(handle, peer.name);
+    if (there < 0)
+        PrvPrintErr(__func__, __LINE__, "The %s bus does not tell whether the client %s is there",
+                    busSideName(handle), peer.name.c_str());
+    return there > 0;
+}
+
+void busEndDoubt(QSHandle* handle) {
+    closeAsker(handle);
+    handle->doubt.query.reset();
+}
