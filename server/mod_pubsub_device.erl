@@ -52,6 +52,7 @@ depends(_, _) -> [{mod_pubsub, hard}].
 hooks() ->
     [{pubsub_publish_item, pubsub_device_publish, on_publish},
      {pubsub_delete_node, ?MODULE, on_delete},
+     {user_receive_packet, pubsub_device_session, on_receive},
      {register_user, ?MODULE, on_register},
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
      {remove_user, pubsub_device_presence, on_remove_user}].

@@ -2,13 +2,13 @@
 %% The node tree of the pub-sub service: the stock tree with collections that deliver. A node's parents are
 %% what its own `pubsub#collection` names, read at every delivery, so nothing else is stored and nothing can
 %% go stale. Deleting a node looks at that node alone (the stock tree walks every node), and publishing never
-%% creates one.
+%% creates one. The id of a deleted node is given to no other, so an id means one node for ever.
 -module(nodetree_device).
 -behaviour(gen_pubsub_nodetree).
 
 -export([init/3, terminate/2, options/0, set_node/1, get_node/3, get_node/2, get_node/1, get_nodes/2, get_nodes/1,
          get_all_nodes/1, get_parentnodes/3, get_parentnodes_tree/3, get_subnodes/3, get_subnodes_tree/3,
-         create_node/6, delete_node/2]).
+         create_node/6, delete_node/2, id_of/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
@@ -16,8 +16,8 @@
 init(Host, ServerHost, Opts) -> nodetree_tree:init(Host, ServerHost, Opts).
 terminate(Host, ServerHost) -> nodetree_tree:terminate(Host, ServerHost).
 options() -> nodetree_tree:options().
-get_node(Host, Node, From) -> nodetree_tree:get_node(Host, Node, From).
-get_node(Host, Node) -> nodetree_tree:get_node(Host, Node).
+get_node(Host, Node, From) -> pubsub_device_publish:found(nodetree_tree:get_node(Host, Node, From)).
+get_node(Host, Node) -> pubsub_device_publish:found(nodetree_tree:get_node(Host, Node)).
 get_node(Nidx) -> nodetree_tree:get_node(Nidx).
 get_nodes(Host, Limit) -> nodetree_tree:get_nodes(Host, Limit).
 get_nodes(Host) -> nodetree_tree:get_nodes(Host).
@@ -48,11 +48,15 @@ create_node(Host, Node, Type, Owner, Options, Parents) ->
 
 delete_node(Host, Node) ->
     Records = read(Host, Node),
-    [begin
-         pubsub_index:free(node, Nidx),
-         mnesia:delete({pubsub_node, {Host, Node}})
-     end || #pubsub_node{id = Nidx} <- Records],
+    [mnesia:delete({pubsub_node, {Host, Node}}) || _ <- Records],
     Records.
+
+%% The engine's id of the node, or none.
+id_of(Node) ->
+    case mnesia:dirty_read(pubsub_node, Node) of
+        [#pubsub_node{id = Nidx}] -> Nidx;
+        [] -> none
+    end.
 
 %% The node itself at depth 0, the collections that hold it at 1, those that hold them at 2 and so on.
 get_parentnodes_tree(Host, Node, _From) ->

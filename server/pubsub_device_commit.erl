@@ -1,6 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
 %% The group commit of a member: callers wait until what they have written is on disk, and answers that say so
-%% wait here. One sync serves everybody who asked before it began, so its cost is shared by all.
+%% wait here. One sync serves everybody who asked before it began, so its cost is shared by all. It comes when
+%% what was there with the first who asked is taken, or after so many messages, whatever else arrives.
 -module(pubsub_device_commit).
 -behaviour(gen_server).
 
@@ -10,6 +11,7 @@
 start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
 
 -define(GROUP, pubsub_device_members).
+-define(BATCH, 256).
 
 %% The members of the cluster that run the extension. The server's own list has a joining member long before
 %% that.
@@ -34,21 +36,33 @@ init([]) ->
     pubsub_device_bounds:init(),
     {ok, _} = pg:start_link(?GROUP),
     ok = pg:join(?GROUP, ?MODULE, self()),
-    {ok, []}.
+    {ok, none}.
 
-handle_call(sync, From, Waiting) -> {noreply, [{reply, From} | Waiting], 0}.
+%% `none`, or who waits, newest first, and how many messages were taken since the first of them.
+handle_call(settle, From, State) -> wait({reply, From}, State);
+handle_call(sync, From, State) -> wait({reply, From}, State).
 
-handle_cast({answer, IQ}, Waiting) -> {noreply, [{answer, IQ} | Waiting], 0}.
+handle_cast({answer, IQ}, State) -> wait({answer, IQ}, State).
 
-handle_info(timeout, Waiting) ->
+handle_info(commit, State) -> {noreply, commit(State)};
+handle_info(_, State) -> next(State).
+
+wait(Who, none) -> self() ! commit, next({[Who], 0});
+wait(Who, {Waiting, Taken}) -> next({[Who | Waiting], Taken}).
+
+next(none) -> {noreply, none};
+next({_, Taken} = State) when Taken >= ?BATCH -> {noreply, commit(State)};
+next({Waiting, Taken}) -> {noreply, {Waiting, Taken + 1}}.
+
+commit(none) ->
+    none;
+commit({Waiting, _}) ->
     mod_pubsub_device:option(sync) andalso (ok = mnesia:sync_log()),
     lists:foreach(fun finish/1, lists:reverse(Waiting)),
-    {noreply, []};
-handle_info(_, Waiting) ->
-    {noreply, Waiting, 0}.
+    none.
 
 finish({reply, From}) -> gen_server:reply(From, ok);
 finish({answer, IQ}) -> ejabberd_router:route(IQ).
 
 terminate(_, _) -> ok.
-code_change(_, Waiting, _) -> {ok, Waiting}.
+code_change(_, State, _) -> {ok, State}.

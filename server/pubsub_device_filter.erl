@@ -40,7 +40,7 @@ incoming(_, #presence{type = available, from = From}) ->
     pubsub_device_presence:announce(From),
     drop;
 incoming(_, #presence{type = unavailable, from = From}) ->
-    pubsub_device_presence:leave(From, self()),
+    pubsub_device_presence:goodbye(From),
     drop;
 incoming(_, #presence{}) ->
     drop;
@@ -48,14 +48,17 @@ incoming(Service, #message{from = From, sub_els = Elements} = Message) ->
     case [Element || #xmlel{name = <<"ack">>} = Element <- Elements,
                      fxml:get_tag_attr_s(<<"xmlns">>, Element) == ?NS_DEVICE] of
         [] -> Message;
-        Acks -> [acknowledge(Service, From, Ack) || Ack <- Acks], drop
+        Acks -> [acknowledge(Service, jid:tolower(From), Ack) || Ack <- Acks], drop
     end;
-incoming(_, #iq{type = set, sub_els = [#xmlel{name = <<"pubsub">>, children = Children}]} = IQ) ->
+incoming(Service, #iq{type = set, sub_els = [#xmlel{name = <<"pubsub">>, children = Children}]} = IQ) ->
     pubsub_device_publish:end_publish(),
     put(?CHANGE, true),
-    case lists:any(fun(Child) -> is_record(Child, xmlel) andalso Child#xmlel.name == <<"publish">> end, Children) of
-        true -> publish(IQ);
-        false -> IQ
+    Asked = [Child || #xmlel{name = Name} = Child <- Children,
+                      lists:member(Name, [<<"publish">>, <<"create">>, <<"delete">>])],
+    case Asked of
+        [#xmlel{name = <<"publish">>} | _] -> publish(IQ);
+        [Named | _] -> named({Service, fxml:get_tag_attr_s(<<"node">>, Named)}, IQ);
+        [] -> IQ
     end;
 incoming(_, Stanza) ->
     Stanza.
@@ -69,22 +72,35 @@ publish(IQ) ->
         false -> pubsub_device_publish:begin_publish(ahead), IQ
     end.
 
-%% An acknowledgement has no answer. It counts for the session that it comes from.
-acknowledge(Service, From, Ack) ->
+%% The engine makes or deletes the node while nobody else does.
+named({_, <<>>}, IQ) ->
+    IQ;
+named(Node, IQ) ->
+    case pubsub_device_lock:acquire(Node) of
+        ok -> IQ;
+        {error, Error} -> ejabberd_router:route_error(IQ, Error), drop
+    end.
+
+%% An acknowledgement has no answer. It counts for the session that it comes from, and only when something was sent
+%% there under the id does the writer hear of it.
+acknowledge(Service, Device, Ack) ->
     Node = {Service, fxml:get_tag_attr_s(<<"node">>, Ack)},
-    ItemId = fxml:get_tag_attr_s(<<"id">>, Ack),
-    pubsub_device_writer:cast(Node, {ack, Node, jid:tolower(From), self(), ItemId}).
+    case pubsub_device_session:take(Node, fxml:get_tag_attr_s(<<"id">>, Ack)) of
+        none -> pubsub_device_session:spare(1);
+        Number -> pubsub_device_session:tell(Node, {acked, Node, Device, self(), Number})
+    end.
 
 %%% outwards
 
 %% What the service says it has done is on disk first, as an item is. The session does not wait for that: it
 %% goes on with the next request, and the answer follows.
 answer(Service, IQ) ->
+    pubsub_device_lock:release(),
     Published = pubsub_device_publish:hand_over(IQ),
     pubsub_device_publish:end_publish(),
     case {erase(?CHANGE), IQ} of
         _ when Published -> drop;
-        {true, #iq{type = result}} -> pubsub_device_commit:answer(pubsub_device_forms:complete(Service, IQ)), drop;
+        {true, #iq{type = result}} -> pubsub_device_session:answer(pubsub_device_forms:complete(Service, IQ)), drop;
         _ -> IQ
     end.
 
@@ -108,7 +124,7 @@ stored(Node, #message{to = To} = Message) ->
     case pubsub_device_store:last_item(Node) of
         {Last, ItemId} ->
             Targets = pubsub_device_targets:find(Node, Item, [Message]),
-            [pubsub_device_writer:cast(Node, {keep_last, Node, Device, Last, ItemId, Item})
+            [pubsub_device_session:tell(Node, {keep_last, Node, Device, Last, ItemId, Item})
              || {keep, Device, _} <- Targets, pubsub_device_targets:is_meant(Device, To)],
             [pubsub_device_targets:send_live(Last, Target) || {live, _} = Target <- Targets],
             drop;

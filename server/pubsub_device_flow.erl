@@ -3,68 +3,65 @@
 %% is live.
 %%
 %% A flow lives in the node's writer and dies with the session. Losing it costs repeated sendings, never an
-%% item: the copies themselves are in the store until the device acknowledges them.
+%% item: the copies themselves are in the store until the device acknowledges them, and the session knows what
+%% it was sent.
 %%
-%% `sent` is the highest number sent in the session, `out` the sendings that are not acknowledged yet, oldest
-%% first. A device acknowledges by item id, and several copies, or several sendings of one copy, can have the
-%% same id: each acknowledgement answers the oldest sending under that id.
+%% `sent` is the highest number sent in the session, `twice` the highest sent twice, `until` the highest that is
+%% to be: a copy has at most two sendings on their way, however often the device asks, and a repetition goes
+%% before what is new. What is due leaves in portions, so that the writer serves others in between; `busy` says
+%% that the next portion is under way.
 -module(pubsub_device_flow).
 
--export([new/1, pid/1, pump/3, again/3, activated/4, acked/4]).
+-export([new/1, pid/1, pump/3, resume/3, again/3, activated/5, acked/4, gate/3]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
--record(flow, {pid, sent = 0, out = []}).
+-record(flow, {pid, sent = 0, twice = 0, until = 0, busy = false}).
 
-%% A copy has at most this many sendings on their way, however often the device asks.
--define(SENDINGS, 2).
+-define(PORTION, 16).
 
 new(Pid) -> #flow{pid = Pid}.
 pid(#flow{pid = Pid}) -> Pid.
 
 %% Sends what may leave now: everything that was not sent yet, or of a key node the one that is due.
-pump(Node, Device, Flow) ->
-    case gate(Node, Device, Flow) of
-        closed -> Flow;
-        open -> send_above(Node, Device, Flow);
-        single ->
-            case waiting(Node, Device, Flow) of
-                none -> send_copy(next_unsent(Node, Device, Flow), Flow);
-                _ -> Flow
-            end
-    end.
+pump(_, _, #flow{busy = true} = Flow) ->
+    Flow;
+pump(Node, Device, #flow{pid = Pid} = Flow) ->
+    portion(gate(Node, Device, Pid), Node, Device, Flow, ?PORTION).
+
+resume(Node, Device, Flow) ->
+    pump(Node, Device, Flow#flow{busy = false}).
 
 %% The device announced itself once more in the session, so it wants what it has not acknowledged.
-again(Node, Device, Flow) ->
-    case gate(Node, Device, Flow) of
-        open -> pump(Node, Device, repeat(Node, Device, 0, Flow));
+again(Node, Device, #flow{pid = Pid} = Flow) ->
+    case gate(Node, Device, Pid) of
+        open -> pump(Node, Device, repeat(Flow));
         _ -> pump(Node, Device, Flow)
     end.
 
 %% The device activated the node. `Since` is the last number that it has, or `bulk`, when it names none and
-%% wants nothing twice.
-activated(Node, Device, bulk, Flow) ->
-    pump(Node, Device, Flow);
-activated(Node, Device, Since, Flow) ->
-    forget_until(Node, Device, Since),
-    case {gate(Node, Device, Flow), waiting(Node, Device, Flow)} of
-        {single, #pubsub_device_copy{} = Copy} -> send_again(Copy, Flow);
-        {open, _} -> pump(Node, Device, repeat(Node, Device, Since, Flow));
-        _ -> pump(Node, Device, Flow)
+%% wants nothing twice. `Fresh` says that the node was not active: the device of a key node wants what waits,
+%% whatever it was sent before.
+activated(Node, Device, Since, Fresh, #flow{pid = Pid} = Flow) ->
+    is_integer(Since) andalso forget_until(Node, Device, Since),
+    case gate(Node, Device, Pid) of
+        single when Fresh -> pump(Node, Device, Flow#flow{sent = 0, twice = 0, until = 0});
+        _ when Since == bulk -> pump(Node, Device, Flow);
+        _ -> pump(Node, Device, repeat(Flow))
     end.
 
-acked(Node, Device, ItemId, #flow{out = Out} = Flow) ->
-    case lists:keytake(ItemId, 1, Out) of
-        {value, {_, Number}, Rest} ->
-            pubsub_device_store:drop(Node, Device, Number),
-            pump(Node, Device, Flow#flow{out = Rest});
-        false -> Flow
-    end.
+repeat(#flow{sent = Sent} = Flow) ->
+    Flow#flow{until = Sent}.
+
+%% The session has acknowledged what it was sent under the number, perhaps by a writer before this one.
+acked(Node, Device, Number, #flow{sent = Sent} = Flow) ->
+    pubsub_device_store:drop(Node, Device, Number),
+    pump(Node, Device, Flow#flow{sent = max(Sent, Number)}).
 
 %% An ordinary node is open to its subscribers. A key node is open to a device that subscribed, and lets a
 %% device of its owner have one item after the other once the device has activated it in this session.
-gate(Node, Device, #flow{pid = Pid}) ->
+gate(Node, Device, Pid) ->
     case pubsub_device_store:key_of(Node) of
         none -> open;
         _ ->
@@ -78,35 +75,26 @@ gate(Node, Device, #flow{pid = Pid}) ->
             end
     end.
 
-send_above(Node, Device, Flow) ->
-    case next_unsent(Node, Device, Flow) of
+portion(closed, _, _, Flow, _) ->
+    Flow;
+portion(_, Node, Device, Flow, 0) ->
+    gen_server:cast(self(), {resume, Node, Device}),
+    Flow#flow{busy = true};
+portion(Gate, Node, Device, Flow, Left) ->
+    case due(Gate, Node, Device, Flow) of
         none -> Flow;
-        Copy -> send_above(Node, Device, send_copy(Copy, Flow))
+        Copy -> portion(Gate, Node, Device, send_copy(Copy, Flow), Left - 1)
     end.
 
-next_unsent(Node, Device, #flow{sent = Sent}) ->
-    pubsub_device_store:next(Node, Device, Sent).
-
-%% The oldest copy that is on its way and still kept.
-waiting(_, _, #flow{out = []}) ->
-    none;
-waiting(Node, Device, #flow{out = Out, sent = Sent}) ->
-    case pubsub_device_store:next(Node, Device, lists:min([Number || {_, Number} <- Out]) - 1) of
-        #pubsub_device_copy{id = {_, _, Number}} = Copy when Number =< Sent -> Copy;
+due(open, Node, Device, #flow{sent = Sent, twice = Twice, until = Until}) ->
+    case Twice < Until andalso pubsub_device_store:next(Node, Device, Twice) of
+        #pubsub_device_copy{id = {_, _, Number}} = Copy when Number =< Until -> Copy;
+        _ -> pubsub_device_store:next(Node, Device, Sent)
+    end;
+due(single, Node, Device, #flow{sent = Sent, twice = Twice, until = Until}) ->
+    case pubsub_device_store:next(Node, Device, 0) of
+        #pubsub_device_copy{id = {_, _, Number}} = Copy when Number > Sent; Number > Twice, Number =< Until -> Copy;
         _ -> none
-    end.
-
-repeat(Node, Device, Since, #flow{sent = Sent} = Flow) ->
-    case pubsub_device_store:next(Node, Device, Since) of
-        #pubsub_device_copy{id = {_, _, Number}} = Copy when Number =< Sent ->
-            repeat(Node, Device, Number, send_again(Copy, Flow));
-        _ -> Flow
-    end.
-
-send_again(#pubsub_device_copy{id = {_, _, Number}} = Copy, #flow{out = Out} = Flow) ->
-    case length([sent || {_, Each} <- Out, Each == Number]) < ?SENDINGS of
-        true -> send_copy(Copy, Flow);
-        false -> Flow
     end.
 
 %% What the device has, by its own word, is not kept any longer.
@@ -120,16 +108,11 @@ forget_until(Node, Device, Since) ->
 
 %% Straight to the session that announced the device: a later session of the same resource, which has not
 %% announced itself yet, would take a live item for the newest and every kept one after it for stale.
-send_copy(none, Flow) ->
-    Flow;
 send_copy(#pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, item = Item},
-          #flow{pid = Pid, sent = Sent, out = Out} = Flow) ->
-    ejabberd_c2s:route(Pid, {route, pubsub_device_stanza:item_message(Node, jid:make(Device), Item)}),
-    Flow#flow{sent = max(Sent, Number), out = shorten(Out ++ [{ItemId, Number}])}.
-
-%% A device that never acknowledges leaves sendings of copies that have been dropped meanwhile.
-shorten(Out) ->
-    case length(Out) > ?SENDINGS * mod_pubsub_device:option(max_kept_node) of
-        true -> tl(Out);
-        false -> Out
+          #flow{pid = Pid, sent = Sent, twice = Twice} = Flow) ->
+    Message = pubsub_device_stanza:item_message(Node, jid:make(Device), Item),
+    ejabberd_c2s:route(Pid, {route, pubsub_device_stanza:sending(Message, {Node, ItemId, Number})}),
+    case Number > Sent of
+        true -> Flow#flow{sent = Number};
+        false -> Flow#flow{twice = max(Twice, Number)}
     end.

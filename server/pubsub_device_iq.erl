@@ -49,9 +49,9 @@ request({set, <<"activate-nodes">>}, Element, IQ) -> activate_nodes(Element, IQ)
 request({set, <<"delete-nodes">>}, Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
     Failed = [{NodeId, Reason} || NodeId <- pubsub_device_stanza:node_ids(Element),
                                   {error, #stanza_error{reason = Reason}}
-                                      <- [mod_pubsub:delete_node(Service, NodeId, From)],
+                                      <- [delete_node(Service, NodeId, From)],
                                   Reason /= 'item-not-found'],
-    pubsub_device_commit:answer(answer(IQ, {ok, pubsub_device_stanza:nodes(<<"delete-nodes">>, Failed)})),
+    pubsub_device_session:answer(answer(IQ, {ok, pubsub_device_stanza:nodes(<<"delete-nodes">>, Failed)})),
     ignore;
 request({set, <<"publish">>}, Element, IQ) -> publish(Element, IQ);
 request(_, _, IQ) ->
@@ -82,14 +82,17 @@ create_key_node({_, NodeId} = Node, Element, #iq{from = From} = IQ) ->
     case NodeId of
         <<>> -> answer(IQ, {error, xmpp:err_bad_request(<<"A key node has a name">>, <<"en">>)});
         _ ->
-            case pubsub_device_writer:call(Node, {create_key, Node, account(From), Create}) of
+            case pubsub_device_lock:with(Node, fun() -> pubsub_device_keys:create(Node, account(From), Create) end) of
                 {ok, Key, Status} ->
                     pubsub_device_presence:announce(From),
-                    pubsub_device_commit:answer(answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, Status)})),
+                    pubsub_device_session:answer(answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, Status)})),
                     ignore;
                 Error -> answer(IQ, Error)
             end
     end.
+
+delete_node(Service, NodeId, From) ->
+    pubsub_device_lock:with({Service, NodeId}, fun() -> mod_pubsub:delete_node(Service, NodeId, From) end).
 
 publish(Element, IQ) ->
     Key = fxml:get_tag_attr_s(<<"key">>, Element),
@@ -135,8 +138,11 @@ activate_nodes(Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
     Failed = [{NodeId, Reason} || {NodeId, {error, #stanza_error{reason = Reason}}} <- Verdicts],
     pubsub_device_presence:attach(From),
     ejabberd_router:route(xmpp:make_iq_result(IQ, pubsub_device_stanza:nodes(<<"activate-nodes">>, Failed))),
-    [pubsub_device_writer:cast({Service, NodeId}, {activate, {Service, NodeId}, jid:tolower(From)})
-     || {NodeId, ok} <- Verdicts],
+    Device = jid:tolower(From),
+    News = [Node || {NodeId, ok} <- Verdicts, Node <- [{Service, NodeId}],
+                    pubsub_device_session:may_wait(Node, Device)],
+    [pubsub_device_session:tell(Node, {activate, Node, Device}) || Node <- News],
+    News == [] andalso pubsub_device_session:spare(1 + length(Verdicts) div 16),
     ignore.
 
 %% A key node is for its owner's devices and its subscribers; an ordinary node is not gated, so activating it

@@ -9,8 +9,8 @@
 
 -define(KEY_BYTES, 24).
 
-%% Runs in the node's writer, so two requests for one name cannot cross. The key is stored before the node: a
-%% crash between the two leaves a key that nobody has, and asking again makes the node.
+%% The caller holds the name's lock, so two requests for it cannot cross. The key is stored before the node: a
+%% crash between the two leaves a key that nobody has, which goes when the name is next asked for.
 create(Node, Owner, Create) ->
     case {exists(Node), pubsub_device_store:key_of(Node)} of
         {true, {Key, Owner}} -> {ok, Key, <<"exists">>};

@@ -4,7 +4,7 @@
 %% stayed away for too long; the session is known only while it lasts.
 -module(pubsub_device_presence).
 
--export([announce/1, attach/1, leave/2, on_session_end/3, on_remove_user/2, forget/1]).
+-export([announce/1, attach/1, goodbye/1, on_session_end/3, on_remove_user/2, forget/1]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -16,7 +16,10 @@ announce(JID) ->
     case attach(JID) of
         ok ->
             Device = jid:tolower(JID),
-            [pubsub_device_writer:cast(Node, {announce, Node, Device}) || Node <- pubsub_device_store:nodes_for(Device)],
+            Nodes = pubsub_device_store:nodes_for(Device),
+            News = [Node || Node <- Nodes, pubsub_device_session:is_news(Node, Device)],
+            [pubsub_device_session:tell(Node, {announce, Node, Device}) || Node <- News],
+            News == [] andalso pubsub_device_session:spare(1 + length(Nodes) div 16),
             ok;
         stranger -> stranger
     end.
@@ -48,13 +51,20 @@ make_room(Device) ->
         false -> ok
     end.
 
+%% The session goes on as if it had not announced itself.
+goodbye(JID) ->
+    leave(JID, self()) andalso pubsub_device_session:settle(),
+    pubsub_device_session:forget(),
+    pubsub_device_session:spare(1).
+
 leave(JID, Pid) ->
     Device = jid:tolower(JID),
     case pubsub_device_store:detach(Device, Pid) of
         true ->
             pubsub_device_store:saw_device(Device),
-            pubsub_device_writer:cast_all({session_down, Device, Pid});
-        false -> ok
+            pubsub_device_writer:cast_all({session_down, Device, Pid}),
+            true;
+        false -> false
     end.
 
 on_session_end({_, Pid}, JID, _Info) ->

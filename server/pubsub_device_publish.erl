@@ -8,18 +8,36 @@
 %% when the item is on disk. The session's own requests reach the writer in the order in which it made them.
 -module(pubsub_device_publish).
 
--export([begin_publish/1, end_publish/0, is_publishing/0, catch_message/1, hand_over/1, on_publish/6, by_key/3]).
+-export([begin_publish/1, end_publish/0, is_publishing/0, found/1, catch_message/1, hand_over/1, on_publish/6, by_key/3]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
+-include_lib("ejabberd/include/pubsub.hrl").
 
 -define(CONTEXT, '$pubsub_device_publish').
 -define(TIMEOUT, 60000).
 
 %% How: `ahead`, or `waiting` for the outcome.
-begin_publish(How) -> put(?CONTEXT, #{how => How, messages => []}), ok.
-end_publish() -> erase(?CONTEXT), ok.
+begin_publish(How) -> put(?CONTEXT, #{how => How, messages => [], ids => #{}}), ok.
 is_publishing() -> get(?CONTEXT) /= undefined.
+
+%% A waiter that was not given an answer has nothing to wait for.
+end_publish() ->
+    case erase(?CONTEXT) of
+        #{waiter := Waiter} -> exit(Waiter, kill);
+        _ -> ok
+    end,
+    ok.
+
+%% The engine looks its node up as it takes the item; which node that is tells it from a later one of the name.
+found(#pubsub_node{nodeid = Node, id = Id} = Record) ->
+    case get(?CONTEXT) of
+        #{ids := Ids} = Context -> put(?CONTEXT, Context#{ids := Ids#{Node => Id}});
+        undefined -> ok
+    end,
+    Record;
+found(Other) ->
+    Other.
 
 %% Whether the notification belongs to the item that is being published.
 catch_message(Message) ->
@@ -31,7 +49,10 @@ catch_message(Message) ->
 %% Gives the engine's answer to the waiter, if there is one.
 hand_over(IQ) ->
     case get(?CONTEXT) of
-        #{waiter := Waiter} -> Waiter ! {answer, IQ}, true;
+        #{waiter := Waiter} = Context ->
+            Waiter ! {answer, IQ},
+            put(?CONTEXT, maps:remove(waiter, Context)),
+            true;
         _ -> false
     end.
 
@@ -43,7 +64,7 @@ on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, Ite
                        [First | _] -> pubsub_device_stanza:item_of(First);
                        [] -> #ps_item{id = ItemId, sub_els = Payload}
                    end,
-            written(get(?CONTEXT), {Service, NodeId}, {ItemId, Item, Messages});
+            written(get(?CONTEXT), {Service, NodeId}, {ItemId, Item, Messages, id({Service, NodeId})});
         false -> ok
     end;
 on_publish(_, _, _, _, _, _) ->
@@ -57,6 +78,7 @@ written(undefined, Node, Publication) ->
 written(#{how := ahead} = Context, Node, Publication) ->
     Waiter = spawn(fun() -> wait(Node, Publication) end),
     pubsub_device_writer:publish_ahead(Node, Publication, Waiter),
+    pubsub_device_session:began(Waiter),
     put(?CONTEXT, Context#{messages := [], waiter => Waiter}),
     ok;
 written(#{how := waiting} = Context, Node, Publication) ->
@@ -73,6 +95,12 @@ wait(Node, Publication) ->
 
 judged(IQ, {ok, _}) -> IQ;
 judged(IQ, {error, Error}) -> IQ#iq{type = error, sub_els = [Error]}.
+
+id(Node) ->
+    case get(?CONTEXT) of
+        #{ids := #{Node := Id}} -> Id;
+        _ -> any
+    end.
 
 caught() ->
     case get(?CONTEXT) of

@@ -5,7 +5,7 @@
 
 -export([item/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
 -export([key/3, nodes/2, node_ids/1, published/3, number/1]).
--export([sign/1, is_signed/1]).
+-export([sign/1, is_signed/1, sending/2, sending/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
@@ -74,3 +74,7 @@ number(_) ->
 %% What the extension has dealt with already passes its own filter untouched.
 sign(Stanza) -> xmpp:put_meta(Stanza, ?MODULE, true).
 is_signed(Stanza) -> xmpp:get_meta(Stanza, ?MODULE, false).
+
+%% A copy on its way to a session carries which one it is: {Node, ItemId, Number}.
+sending(Message, Copy) -> xmpp:put_meta(Message, pubsub_device_sending, Copy).
+sending(Message) -> xmpp:get_meta(Message, pubsub_device_sending, none).

@@ -10,19 +10,23 @@
 %% sessions.
 %%
 %% Publishing is a group commit: what has piled up while the log was synced is written together, synced once,
-%% answered and then sent. No publisher is answered before its item is on disk.
+%% answered and then sent. No publisher is answered before its item is on disk. The commit comes after what was
+%% there when the first publication was taken, or after so many messages, whatever else arrives.
 -module(pubsub_device_writer).
 -behaviour(gen_server).
 
--export([shards/0, start_link/1, name/1, locate/1, call/2, cast/2, cast_all/1, publish_ahead/3, watch/1, await/3]).
+-export([shards/0, start_link/1, name/1, locate/1, all/0, is_writer/0]).
+-export([call/2, cast/2, cast_all/1, publish_ahead/3, watch/1, await/3]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
-%% `flows` is #{Device => #{Node => Flow}}; `batch` holds what waits for the commit, newest first.
--record(state, {shard, flows = #{}, batch = []}).
+%% `flows` is #{Device => #{Node => Flow}}; `batch` holds what waits for the commit, newest first, and `taken` how
+%% many messages were taken since the first of it. `locks` is #{Node => {Holder, Monitor, Waiting}}, the callers
+%% that wait, oldest first.
+-record(state, {shard, flows = #{}, batch = [], taken = 0, locks = #{}}).
 
 -define(SHARDS, 8).
 -define(BATCH, 256).
@@ -30,6 +34,8 @@
 -define(PAUSE, 100).
 -define(TIMEOUT, 30000).
 
+all() -> [{name(Shard), Member} || Shard <- shards(), Member <- pubsub_device_commit:members()].
+is_writer() -> get(?MODULE) == true.
 shards() -> lists:seq(0, ?SHARDS - 1).
 name(Shard) -> list_to_atom("pubsub_device_writer_" ++ integer_to_list(Shard)).
 start_link(Shard) -> gen_server:start_link({local, name(Shard)}, ?MODULE, Shard, []).
@@ -67,10 +73,10 @@ watch(Node) ->
 %% Waits for what publish_ahead/3 began, and publishes itself when the writer went away without a word.
 await(Node, Publication, Monitor) ->
     receive
-        {published, Number} -> demonitor(Monitor, [flush]), {ok, Number};
+        {published, Outcome} -> demonitor(Monitor, [flush]), Outcome;
         moved -> demonitor(Monitor, [flush]), call(Node, {publish, Node, Publication});
         {'DOWN', Monitor, _, _, _} ->
-            receive {published, Number} -> {ok, Number}
+            receive {published, Outcome} -> Outcome
             after 0 -> call(Node, {publish, Node, Publication})
             end
     after ?TIMEOUT -> call(Node, none, 0)
@@ -80,20 +86,24 @@ cast(Node, Request) -> gen_server:cast(locate(Node), Request).
 
 %% To all writers: which of them have flows of a device is known only to themselves.
 cast_all(Request) ->
-    [gen_server:cast({name(Shard), Member}, Request) || Shard <- shards(), Member <- pubsub_device_commit:members()],
+    [gen_server:cast(Writer, Request) || Writer <- all()],
     ok.
 
 init(Shard) ->
+    put(?MODULE, true),
     {ok, #state{shard = Shard}}.
 
+handle_call(settle, From, State) ->
+    gen_server:reply(From, ok),
+    next(State);
 handle_call(Request, From, State) ->
     case member(element(2, Request)) == node() of
         true -> asked(Request, From, State);
-        false -> {reply, moved, State, pause(State)}
+        false -> gen_server:reply(From, moved), next(State)
     end.
 
-asked({publish, Node, Publication}, From, #state{batch = Batch} = State) ->
-    next(State#state{batch = [{Node, Publication, From} | Batch]});
+asked({publish, Node, Publication}, From, State) ->
+    next(queue(Node, Publication, From, State));
 asked({activate, Node, Device, Since, Answer}, From, State) ->
     ejabberd_router:route(Answer),
     gen_server:reply(From, ok),
@@ -102,34 +112,45 @@ asked({deactivate, Node, Device}, From, State) ->
     pubsub_device_store:deactivate(Node, Device),
     gen_server:reply(From, ok),
     next(State);
-asked({create_key, Node, Owner, Create}, From, State) ->
-    gen_server:reply(From, pubsub_device_keys:create(Node, Owner, Create)),
-    next(State);
-asked({forget, Node}, From, #state{shard = Shard} = State) ->
-    Devices = pubsub_device_store:devices_for(Node),
-    [pubsub_device_store:drop_all(Node, Device) || Device <- Devices],
-    pubsub_device_store:delete_key(Node),
-    pubsub_device_store:retire_number(Node, Shard),
+asked({lock, Node}, {Pid, _} = From, #state{locks = Locks} = State) ->
+    case Locks of
+        #{Node := {Holder, Monitor, Waiting}} when Holder /= Pid ->
+            next(State#state{locks = Locks#{Node := {Holder, Monitor, Waiting ++ [From]}}});
+        _ -> next(grant(Node, From, [], State))
+    end;
+asked({forget, Node}, From, State) ->
+    Left = forget(Node, State),
     gen_server:reply(From, ok),
-    next(lists:foldl(fun(Device, S) -> forget_flow(Node, Device, S) end, State, Devices)).
+    next(Left).
 
-handle_cast({publish, Node, Publication, Waiter}, #state{batch = Batch} = State) ->
+handle_cast({publish, Node, Publication, Waiter}, State) ->
     case member(Node) == node() of
-        true -> next(State#state{batch = [{Node, Publication, Waiter} | Batch]});
+        true -> next(queue(Node, Publication, Waiter, State));
         false -> Waiter ! moved, next(State)
+    end;
+handle_cast({unlock, Node, Pid}, #state{locks = Locks} = State) ->
+    case Locks of
+        #{Node := {Pid, Monitor, Waiting}} ->
+            demonitor(Monitor, [flush]),
+            next(pass_on(Node, Waiting, State));
+        #{Node := {Holder, Monitor, Waiting}} ->
+            Others = [From || {Each, _} = From <- Waiting, Each /= Pid],
+            next(State#state{locks = Locks#{Node := {Holder, Monitor, Others}}});
+        _ -> next(State)
     end;
 handle_cast({announce, Node, Device}, State) ->
     next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:again/3, State));
 handle_cast({activate, Node, Device}, State) ->
     next(activate(Node, Device, bulk, State));
-handle_cast({ack, Node, Device, Pid, ItemId}, State) ->
-    Ack = fun(N, D, Flow) ->
-                  case pubsub_device_flow:pid(Flow) of
-                      Pid -> pubsub_device_flow:acked(N, D, ItemId, Flow);
-                      _ -> Flow
-                  end
-          end,
-    next(with_flow(Node, Device, Ack, Ack, State));
+handle_cast({acked, Node, Device, Pid, Number}, State) ->
+    case pubsub_device_store:session(Device) of
+        Pid ->
+            Acked = fun(N, D, Flow) -> pubsub_device_flow:acked(N, D, Number, Flow) end,
+            next(with_flow(Node, Device, Acked, Acked, State));
+        _ -> next(State)
+    end;
+handle_cast({resume, Node, Device}, State) ->
+    next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:resume/3, State));
 handle_cast({session_down, Device, Pid}, #state{flows = Flows} = State) ->
     Present = pubsub_device_store:session(Device),
     Old = maps:filter(fun(_, Flow) -> pubsub_device_flow:pid(Flow) /= Present end, maps:get(Device, Flows, #{})),
@@ -137,8 +158,9 @@ handle_cast({session_down, Device, Pid}, #state{flows = Flows} = State) ->
                                                      pubsub_device_store:is_active(Node, Device, Pid)],
     next(lists:foldl(fun(Node, S) -> forget_flow(Node, Device, S) end, State, maps:keys(Old)));
 handle_cast({keep_last, Node, Device, Number, ItemId, Item}, State) ->
-    case pubsub_device_store:newest(Node, Device) of
-        #pubsub_device_copy{id = {_, _, Newest}} when Newest >= Number -> next(State);
+    case {pubsub_device_store:last_item(Node), pubsub_device_store:newest(Node, Device)} of
+        {Last, _} when Last /= {Number, ItemId} -> next(State);  % deleted meanwhile, or there is a newer one
+        {_, #pubsub_device_copy{id = {_, _, Newest}}} when Newest >= Number -> next(State);
         _ ->
             Element = pubsub_device_stanza:item(Item, Number),
             Keep = fun() -> keep(Node, Device, Number, ItemId, subscription, Element) end,
@@ -153,27 +175,59 @@ handle_cast({drop_aged, Node, Device}, State) ->
     pubsub_device_bounds:drop_aged(Node, Device),
     next(State).
 
-handle_info(timeout, State) ->
-    next(commit(State));
+handle_info(commit, State) ->
+    {noreply, commit(State)};
+handle_info({'DOWN', Monitor, process, Pid, _}, #state{locks = Locks} = State) ->
+    Held = [{Node, Waiting} || {Node, {Holder, Each, Waiting}} <- maps:to_list(Locks), Holder == Pid, Each == Monitor],
+    next(lists:foldl(fun({Node, Waiting}, S) -> pass_on(Node, Waiting, S) end, State, Held));
 handle_info(_, State) ->
     next(State).
 
 terminate(_, _) -> ok.
 code_change(_, State, _) -> {ok, State}.
 
-%% Takes what else has arrived before it commits.
-next(#state{batch = Batch} = State) when length(Batch) >= ?BATCH -> {noreply, commit(State)};
-next(State) -> {noreply, State, pause(State)}.
+%% The first publication sends for its commit: what has arrived by then is taken before it.
+queue(Node, Publication, From, #state{batch = Batch} = State) ->
+    Batch == [] andalso (self() ! commit),
+    State#state{batch = [{Node, Publication, From} | Batch]}.
 
-pause(#state{batch = []}) -> infinity;
-pause(_) -> 0.
+next(#state{batch = []} = State) -> {noreply, State};
+next(#state{taken = Taken} = State) when Taken >= ?BATCH -> {noreply, commit(State)};
+next(#state{taken = Taken} = State) -> {noreply, State#state{taken = Taken + 1}}.
+
+%%% names
+
+%% Whoever gets the lock of a name that no node has begins with nothing: a crash may have left what a node of the
+%% name had.
+grant(Node, {Pid, _} = From, Waiting, #state{locks = Locks} = State) ->
+    Monitor = monitor(process, Pid),
+    Clean = case nodetree_device:id_of(Node) of
+                none -> forget(Node, State);
+                _ -> State
+            end,
+    gen_server:reply(From, {ok, self()}),
+    Clean#state{locks = Locks#{Node => {Pid, Monitor, Waiting}}}.
+
+pass_on(Node, [From | Waiting], State) ->
+    grant(Node, From, Waiting, State);
+pass_on(Node, [], #state{locks = Locks} = State) ->
+    State#state{locks = maps:remove(Node, Locks)}.
+
+%% What goes with a node.
+forget(Node, #state{shard = Shard} = State) ->
+    Devices = pubsub_device_store:devices_for(Node),
+    [pubsub_device_store:drop_all(Node, Device) || Device <- Devices],
+    pubsub_device_store:key_of(Node) == none orelse pubsub_device_store:delete_key(Node),
+    pubsub_device_store:retire_number(Node, Shard),
+    lists:foldl(fun(Device, S) -> forget_flow(Node, Device, S) end, State, Devices).
 
 activate(Node, Device, Since, State) ->
     case pubsub_device_store:session(Device) of
         none -> State;
         Pid ->
+            Fresh = not pubsub_device_store:is_active(Node, Device, Pid),
             pubsub_device_store:activate(Node, Device, Pid),
-            Activated = fun(N, D, Flow) -> pubsub_device_flow:activated(N, D, Since, Flow) end,
+            Activated = fun(N, D, Flow) -> pubsub_device_flow:activated(N, D, Since, Fresh, Flow) end,
             with_flow(Node, Device, Activated, Activated, State)
     end.
 
@@ -184,15 +238,23 @@ commit(#state{batch = []} = State) ->
 commit(#state{batch = Batch, shard = Shard} = State) ->
     Written = [{store(Node, Publication, Shard), From} || {Node, Publication, From} <- lists:reverse(Batch)],
     pubsub_device_commit:sync(),
-    [tell(From, Number) || {{Number, _, _}, From} <- Written],
-    lists:foldl(fun({Item, _}, S) -> deliver(Item, S) end, State#state{batch = []}, Written).
+    [tell(From, Outcome) || {{Outcome, _, _}, From} <- Written],
+    lists:foldl(fun({{{ok, Number}, Node, Targets}, _}, S) -> deliver({Number, Node, Targets}, S);
+                   (_, S) -> S
+                end, State#state{batch = [], taken = 0}, Written).
 
-tell(Waiter, Number) when is_pid(Waiter) -> Waiter ! {published, Number};
-tell(From, Number) -> gen_server:reply(From, {ok, Number}).
+tell(Waiter, Outcome) when is_pid(Waiter) -> Waiter ! {published, Outcome};
+tell(From, Outcome) -> gen_server:reply(From, Outcome).
+
+%% An item of a node that was deleted since the engine took it is nobody's, also when another node has the name.
+store(Node, {ItemId, Item, Messages, Id}, Shard) ->
+    case Id == any orelse nodetree_device:id_of(Node) == Id of
+        true -> number(Node, ItemId, Item, pubsub_device_targets:find(Node, Item, Messages), Shard);
+        false -> {{error, xmpp:err_item_not_found()}, Node, []}
+    end.
 
 %% Numbers are microseconds where the clock allows, so that even a store that was lost starts above them.
-store(Node, {ItemId, Item, Messages}, Shard) ->
-    Targets = pubsub_device_targets:find(Node, Item, Messages),
+number(Node, ItemId, Item, Targets, Shard) ->
     Store = fun() ->
                     Number = max(pubsub_device_store:last_number(Node, Shard) + 1, erlang:system_time(microsecond)),
                     pubsub_device_store:put_number(Node, Number, ItemId),
@@ -202,7 +264,7 @@ store(Node, {ItemId, Item, Messages}, Shard) ->
             end,
     Stored = pubsub_device_store:together(Store),
     [pubsub_device_bounds:enforce(Node, Device) || {keep, Device, _} <- Targets],
-    {Stored, Node, Targets}.
+    {{ok, Stored}, Node, Targets}.
 
 keep(Node, Device, Number, ItemId, Via, Element) ->
     pubsub_device_bounds:fits(Node, Device, Number, Element)

@@ -57,6 +57,24 @@ class Instance:
         os.kill(int(self.server.env["SERVER_PID"]), 9)
         self._run("down", self.folder)
 
+    def evaluate(self, expressions):
+        """What Erlang expressions are in the server, as text. It has to be a member: others let nobody in."""
+        with open(self.folder + "/conf/settings.json") as file:
+            known = json.load(file)
+        member = "pubsub@" + known["member"]
+        call = ("{ok, Tokens, _} = erl_scan:string(os:getenv(\"EXPRESSIONS\")), {ok, Parsed} = erl_parse:parse_exprs(Tokens), "
+                "case rpc:call('%s', erl_eval, exprs, [Parsed, []], 60000) of "
+                "{value, Value, _} -> io:format(\"~0tp\", [Value]), halt(0, [{flush, true}]); "
+                "Error -> io:format(\"~0tp\", [Error]), halt(1, [{flush, true}]) end." % member)
+        done = subprocess.run(["erl", "-noinput", "-hidden", "-name", "probe@" + known["member"], "-dist_listen", "false",
+                               "-setcookie", known["cookie"], "-start_epmd", "false", "-erl_epmd_port",
+                               str(known["dist"]), "-eval", call],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, timeout=90,
+                              env=dict(os.environ, EXPRESSIONS=expressions + ".", HOME=self.folder + "/log"))
+        if done.returncode != 0:
+            raise AssertionError("the server evaluated %s to: %s" % (expressions, done.stdout))
+        return done.stdout
+
     def log(self):
         with open(self.folder + "/log/server.log", errors="replace") as file:
             return file.read()
@@ -75,10 +93,11 @@ class ServerTest(unittest.TestCase):
     """One server for the class; clients are closed after each test. Nothing in here waits without a deadline."""
 
     options = ()
+    member = None
 
     @classmethod
     def setUpClass(cls):
-        cls.instance = Instance(cls.options)
+        cls.instance = Instance(cls.options, cls.member)
 
     @classmethod
     def tearDownClass(cls):

@@ -132,3 +132,18 @@ class Cluster(ServerTest):
         self.publish_from(self.second, "back", 3, told)
         self.assertEqual(len(told), 3 * self.nodes)
         self.check(device, told)
+
+    def test_an_acknowledgement_is_honoured_when_a_member_has_joined_meanwhile(self):
+        self.second.stop()
+        owner = self.at(self.first, "owner", "stays")
+        self.announce(owner)
+        for name in self.names():
+            key = self.key_node(owner, name)
+            self.succeed(self.activate(owner, node=name))
+            for text in ("1", "2"):
+                self.post(key, text)
+        first = {name: self.take(owner, node=name)[0] for name in self.names()}
+        self.second.start()
+        for name in self.names():
+            self.ack(owner, first[name].id, name)
+            self.assertEqual(self.texts(owner, 1, name), ["2"])

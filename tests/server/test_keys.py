@@ -193,6 +193,24 @@ class Activation(ServerTest):
         self.succeed(self.activate(owner))
         self.assertEqual(self.texts(owner, 1), ["1"])
 
+    def test_a_fresh_activation_sends_the_item_that_waits_however_often_it_was_sent(self):
+        owner, key = self.ready("fresh")
+        for text in ("1", "2"):
+            self.post(key, text)
+        for _ in range(3):
+            self.succeed(self.activate(owner))
+        self.assertEqual(self.texts(owner, 2), ["1", "1"])
+        self.assert_quiet(owner)
+        for fresh in (lambda: self.activate(owner),
+                      lambda: self.ext(owner, "<activate-nodes><node id='%s'/></activate-nodes>" % self.node)):
+            self.succeed(self.ext(owner, "<deactivate node='%s'/>" % self.node))
+            self.succeed(fresh())
+            found = self.take(owner)[0]
+            self.assertEqual(found.text, "1")
+            self.assert_quiet(owner)
+        self.ack(owner, found.id)
+        self.assertEqual(self.texts(owner, 1), ["2"])
+
     def test_an_activation_ends_with_its_session(self):
         owner, key = self.ready("session")
         self.succeed(self.activate(owner))

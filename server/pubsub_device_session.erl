@@ -1,0 +1,191 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% What a session itself knows and pays for, in its process's dictionary: the items that were sent to it, so that
+%% it can judge its acknowledgements and announcements without a writer, and how much it has under way. It dies
+%% with the session.
+%%
+%% An acknowledgement names an item id, and several copies, or several sendings of one copy, can have the same
+%% id: each acknowledgement answers the oldest sending under that id. The session sees every sending before its
+%% acknowledgement, whichever writer sent it, so a writer may start anew in between.
+-module(pubsub_device_session).
+
+-export([on_receive/1, take/2, is_news/2, may_wait/2, forget/0]).
+-export([tell/2, settle/0, answer/1, began/1, spare/1]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include("pubsub_device.hrl").
+
+%% `ids` is #{{Node, ItemId} => Queue}, the queue of {Turn, Number}, oldest first; `turns` is #{Turn => {Node,
+%% ItemId}}, from `oldest` on. `nodes` is #{Node => {Sent, Twice}}: the highest numbers that were sent, and that
+%% were sent twice.
+-record(sendings, {ids = #{}, turns = #{}, oldest = 0, turn = 0, nodes = #{}}).
+
+-define(SENDINGS, '$pubsub_device_sendings').
+-define(UNDER_WAY, '$pubsub_device_under_way').
+-define(PUBLISHING, '$pubsub_device_publishing').
+-define(SPARED, '$pubsub_device_spared').
+
+%% So many messages to one process, and so many publications, go ahead of a round trip. Small enough that others
+%% do not notice who stands before them, large enough that a round trip costs a message little.
+-define(SHARE, 16).
+-define(PUBLICATIONS, 32).
+-define(TIMEOUT, 30000).
+-define(IDLE, 64).
+
+%%% what was sent
+
+%% Runs in the session's process when a message leaves for its client.
+on_receive({#message{} = Message, State}) ->
+    case pubsub_device_stanza:sending(Message) of
+        none -> ok;
+        {Node, ItemId, Number} -> put(?SENDINGS, sent(Node, ItemId, Number, sendings()))
+    end,
+    {Message, State};
+on_receive(Other) ->
+    Other.
+
+sendings() ->
+    case get(?SENDINGS) of
+        undefined -> #sendings{};
+        Sendings -> Sendings
+    end.
+
+sent(Node, ItemId, Number, #sendings{ids = Ids, turns = Turns, turn = Turn, nodes = Nodes} = Sendings) ->
+    Queue = maps:get({Node, ItemId}, Ids, queue:new()),
+    bound(Sendings#sendings{ids = Ids#{{Node, ItemId} => queue:in({Turn, Number}, Queue)},
+                            turns = Turns#{Turn => {Node, ItemId}}, turn = Turn + 1,
+                            nodes = Nodes#{Node => reached(Number, maps:get(Node, Nodes, {0, 0}))}}).
+
+reached(Number, {Sent, Twice}) when Number > Sent -> {Number, Twice};
+reached(Number, {Sent, Twice}) -> {Sent, max(Number, Twice)}.
+
+%% Each kept copy is on its way twice at the most. A client that never acknowledges leaves sendings of copies that
+%% have been dropped meanwhile, and nodes that are gone.
+bound(#sendings{turns = Turns, nodes = Nodes} = Sendings) ->
+    Bound = 2 * mod_pubsub_device:option(max_kept),
+    case {map_size(Turns) > Bound, map_size(Nodes) > Bound} of
+        {true, _} -> forget_oldest(Sendings);
+        {false, true} -> Sendings#sendings{nodes = #{}};
+        _ -> Sendings
+    end.
+
+forget_oldest(#sendings{turns = Turns, oldest = Oldest} = Sendings) ->
+    case Turns of
+        #{Oldest := Id} -> element(2, taken(Id, Sendings));
+        _ -> forget_oldest(Sendings#sendings{oldest = Oldest + 1})
+    end.
+
+%% The number of the oldest sending under the id, which is answered with this, or none.
+take(Node, ItemId) ->
+    case taken({Node, ItemId}, sendings()) of
+        none -> none;
+        {Number, Left} -> put(?SENDINGS, Left), Number
+    end.
+
+taken(Id, #sendings{ids = Ids, turns = Turns} = Sendings) ->
+    case Ids of
+        #{Id := Queue} ->
+            {{value, {Turn, Number}}, Rest} = queue:out(Queue),
+            Left = case queue:is_empty(Rest) of
+                       true -> maps:remove(Id, Ids);
+                       false -> Ids#{Id := Rest}
+                   end,
+            {Number, Sendings#sendings{ids = Left, turns = maps:remove(Turn, Turns)}};
+        _ -> none
+    end.
+
+%% Whether announcing the device once more would bring something of the node that it was not sent already as often
+%% as it may be.
+is_news(Node, Device) ->
+    {Sent, Twice} = maps:get(Node, (sendings())#sendings.nodes, {0, 0}),
+    case pubsub_device_flow:gate(Node, Device, self()) of
+        closed -> false;
+        open -> pubsub_device_store:next(Node, Device, Twice) /= none;
+        single ->
+            case pubsub_device_store:next(Node, Device, 0) of
+                #pubsub_device_copy{id = {_, _, Number}} -> Number > Sent;
+                none -> false
+            end
+    end.
+
+%% Whether activating the node may do something: it is not active yet, or something was not sent yet.
+may_wait(Node, Device) ->
+    {Sent, _} = maps:get(Node, (sendings())#sendings.nodes, {0, 0}),
+    not pubsub_device_store:is_active(Node, Device, self()) orelse pubsub_device_store:next(Node, Device, Sent) /= none.
+
+%% The session goes on without being the device's.
+forget() ->
+    erase(?SENDINGS),
+    ok.
+
+%%% what is under way
+
+%% Tells the node's writer. A session that has its share under way waits until the writer has come to it.
+tell(Node, Request) ->
+    Writer = pubsub_device_writer:locate(Node),
+    gen_server:cast(Writer, Request),
+    count(Writer).
+
+%% The same for an answer that waits for the disk.
+answer(IQ) ->
+    pubsub_device_commit:answer(IQ),
+    count(pubsub_device_commit).
+
+count(Process) ->
+    Counts = under_way(),
+    case maps:get(Process, Counts, 0) + 1 of
+        ?SHARE ->
+            put(?UNDER_WAY, maps:remove(Process, Counts)),
+            wait(Process);
+        Count -> put(?UNDER_WAY, Counts#{Process => Count}), ok
+    end.
+
+under_way() ->
+    case get(?UNDER_WAY) of
+        undefined -> #{};
+        Counts -> Counts
+    end.
+
+%% A writer must not wait for itself or for another; what it does is of its own making.
+wait(Process) ->
+    pubsub_device_writer:is_writer() orelse
+        try gen_server:call(Process, settle, ?TIMEOUT)
+        catch exit:_ -> ok
+        end,
+    ok.
+
+%% Returns when all writers have done what they were told before.
+settle() ->
+    erase(?UNDER_WAY),
+    [wait(Writer) || Writer <- pubsub_device_writer:all()],
+    ok.
+
+%% A publication is under way until its waiter ends.
+began(Waiter) ->
+    Waiters = case get(?PUBLISHING) of
+                  undefined -> queue:new();
+                  Known -> Known
+              end,
+    put(?PUBLISHING, outlast(queue:in(Waiter, Waiters))),
+    ok.
+
+outlast(Waiters) ->
+    case queue:len(Waiters) > ?PUBLICATIONS of
+        true ->
+            {{value, Oldest}, Rest} = queue:out(Waiters),
+            Monitor = monitor(process, Oldest),
+            receive {'DOWN', Monitor, _, _, _} -> ok
+            after ?TIMEOUT -> demonitor(Monitor, [flush])
+            end,
+            Rest;
+        false -> Waiters
+    end.
+
+%% After so much that was of no use the session rests a moment, so that it does not take a whole processor with
+%% it.
+spare(Count) ->
+    case get(?SPARED) of
+        Spared when is_integer(Spared), Spared + Count >= ?IDLE -> put(?SPARED, 0), timer:sleep(1);
+        Spared when is_integer(Spared) -> put(?SPARED, Spared + Count);
+        undefined -> put(?SPARED, Count)
+    end,
+    ok.

@@ -1,0 +1,209 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""One session that floods the service: it pays for that itself, and the others go on.
+
+FLOOD_SECONDS sets how long each flood lasts, FLOOD_RATIO=1 lets the rows of time fail: they need a machine that has
+nothing else to do.
+"""
+import os
+import statistics
+import threading
+import time
+
+from harness import ServerTest
+from xmppclient import DEVICE
+
+SECONDS = float(os.environ.get("FLOOD_SECONDS", "1"))
+STRICT = os.environ.get("FLOOD_RATIO") == "1"
+
+
+class Load(ServerTest):
+    member = "127.0.0.1"
+    nodes = 20
+
+    def work(self):
+        """The reductions of all writers so far: what they have done, in the machine's own unit."""
+        return int(self.instance.evaluate("lists:sum([element(2, process_info(whereis(pubsub_device_writer:name(Shard)), "
+                                          "reductions)) || Shard <- pubsub_device_writer:shards()])"))
+
+    def resident(self):
+        with open("/proc/%s/status" % self.server.env["SERVER_PID"]) as file:
+            return [int(line.split()[1]) / 1024 for line in file if line.startswith("VmRSS")][0]
+
+    def acks(self, count, node="/nowhere%d", item_id="none"):
+        """One stanza with many acknowledgements."""
+        return "<message to='%s'>%s</message>" % (self.server.pubsub, "".join(
+            "<ack xmlns='%s' node='%s' id='%s'/>" % (DEVICE, node % number if "%" in node else node, item_id)
+            for number in range(count)))
+
+    def kept(self, resource):
+        """Bob's device with an item kept and sent in each of some nodes."""
+        owner, bob = self.client("owner"), self.device("bob", resource)
+        for number in range(self.nodes):
+            node = "%s/%d" % (self.node, number)
+            self.succeed(self.create(owner, node))
+            self.succeed(self.subscribe(bob, node=node))
+            self.publish(owner, "1", "one", node)
+        return owner, bob
+
+
+class Costs(Load):
+    def test_acknowledgements_that_nothing_waits_for_cost_the_writers_nothing(self):
+        _, bob = self.kept("idle")
+        bob.sync()
+        before = self.work()
+        count = 20000
+        for _ in range(count // 1000):
+            bob.send(self.acks(500))
+            bob.send(self.acks(500, node="%s/1" % self.node))
+        bob.sync()
+        self.assertLess(self.work() - before, count)
+
+    def test_announcements_that_bring_nothing_cost_the_writers_nothing(self):
+        _, bob = self.kept("again")
+        for _ in range(2):
+            self.announce(bob)
+        self.settle(bob, node=self.node + "/1")
+        before, count = self.work(), 500
+        for _ in range(count):
+            bob.send("<presence to='%s'/>" % self.server.pubsub)
+        bob.sync()
+        self.assertLess(self.work() - before, count * self.nodes)
+
+    def test_a_long_backlog_leaves_in_portions_and_in_order(self):
+        """Between two portions the writer serves others; what is published meanwhile goes after what was kept."""
+        owner, bob = self.client("owner"), self.device("bob", "long")
+        self.succeed(self.create(owner))
+        self.succeed(self.subscribe(bob))
+        bob.kill()
+        for each in range(200):
+            self.publish(owner, str(each))
+        bob = self.client("bob", "long")
+        bob.send("<presence to='%s'/>" % self.server.pubsub)
+        for each in range(200, 220):
+            self.publish(owner, str(each))
+        self.assertEqual(self.texts(bob, 220), [str(each) for each in range(220)])
+        self.announce(bob)
+        self.publish(owner, "220")
+        self.assertEqual(self.texts(bob, 221), [str(each) for each in range(221)])
+        self.assert_quiet(bob)
+
+
+class Commits(Load):
+    """A process whose mailbox is never empty commits all the same."""
+
+    def check(self, process):
+        """The process finds the publication, and from then on more messages than it can take."""
+        owner = self.client("owner")
+        self.succeed(self.create(owner))
+        name = self.instance.evaluate(process % (self.server.pubsub, self.node))
+        self.instance.evaluate("sys:suspend(%s)" % name)
+        request = owner.send_iq("set", self.publish_stanza("x"))
+        self.wait_for(lambda: int(self.instance.evaluate("element(2, process_info(whereis(%s), message_queue_len))"
+                                                         % name)) > 0)
+        self.instance.evaluate(
+            "Pid = whereis(%s), Start = erlang:memory(processes), Pids = lists:duplicate(1000, Pid), "
+            "Loop = fun Loop() -> case erlang:memory(processes) < Start + 30000000 of "
+            "true -> lists:zipwith(fun erlang:send/2, Pids, Pids), Loop(); false -> timer:sleep(1), Loop() end end, "
+            "[register(list_to_atom(\"crowd\" ++ integer_to_list(Number)), spawn(Loop)) || Number <- [1, 2]], "
+            "timer:sleep(100), sys:resume(Pid, infinity)" % name)
+        try:
+            self.succeed(owner.wait_iq(request))
+        finally:
+            self.instance.evaluate("exit(whereis(crowd1), kill), exit(whereis(crowd2), kill)")
+            self.instance.evaluate("sys:get_state(%s, infinity), ok" % name)
+
+    def test_a_writer_that_is_never_idle_answers_publishers(self):
+        self.check("element(1, pubsub_device_writer:locate({<<\"%s\">>, <<\"%s\">>}))")
+
+    def test_a_group_commit_that_is_never_idle_answers_publishers(self):
+        self.check("begin _ = \"%s %s\", pubsub_device_commit end")
+
+
+class Floods(Load):
+    options = ("max_backlog=100", "key_rate=1000000", "key_burst=1000000")
+
+    def flood(self, client, stanzas, stop):
+        """Sends one stanza after the other, as fast as they are taken; reads nothing but what comes anyway."""
+        sent = 0
+        try:
+            while not stop.is_set():
+                client.send(stanzas)
+                sent += 1
+        except OSError:
+            pass
+        return sent
+
+    def posts(self, key, seconds):
+        """The status and the time of each publication by HTTP, one after the other."""
+        end, statuses, times = time.monotonic() + seconds, [], []
+        while time.monotonic() < end:
+            began = time.monotonic()
+            statuses.append(self.post(key, "x")[0])
+            times.append(time.monotonic() - began)
+        return statuses, times
+
+    def check(self, flooder, stanzas):
+        carol = self.client("carol")
+        keys = [self.key_node(carol, "%s/key%d" % (self.node, number)) for number in range(8)]
+        quiet = self.rows(keys)
+        before = self.resident()
+        stop = threading.Event()
+        thread = threading.Thread(target=self.flood, args=(flooder, stanzas, stop))
+        thread.start()
+        try:
+            loud = self.rows(keys)
+            after = self.resident()
+        finally:
+            stop.set()
+            flooder.kill()  # what it has sent and the server has not read goes with it
+            thread.join(60)
+        print("        quiet p50 %.1f p99 %.1f ms, flooded p50 %.1f p99 %.1f ms, memory %+.0f MB; refused %d of %d"
+              % (*quiet[1:], *loud[1:], after - before, len([each for each in loud[0] if each != 201]), len(loud[0])),
+              flush=True)
+        self.assertEqual([each for each in loud[0] if each != 201], [])
+        self.assertLess(after - before, 100)
+        if STRICT:
+            self.assertLess(loud[2], 3 * quiet[2])
+
+    def rows(self, keys):
+        """Statuses, and the median and the 99th percentile in milliseconds."""
+        rows = [self.posts(key, SECONDS / len(keys)) for key in keys]
+        times = sorted(each for row in rows for each in row[1])
+        return ([each for row in rows for each in row[0]], 1000 * statistics.median(times),
+                1000 * times[int(len(times) * 0.99)])
+
+    def test_a_flood_of_acknowledgements_refuses_no_other_publisher(self):
+        self.check(self.device("bob", "acks"), self.acks(2000))
+
+    def test_a_flood_of_acknowledgements_of_one_node_refuses_no_other_publisher(self):
+        _, bob = self.kept("same")
+        self.check(bob, self.acks(2000, self.node + "/1"))
+
+    def test_a_flood_of_presences_refuses_no_other_publisher(self):
+        _, bob = self.kept("presences")
+        self.check(bob, "<presence to='%s'/>" % self.server.pubsub * 100)
+
+    def test_a_flood_of_goodbyes_refuses_no_other_publisher(self):
+        _, bob = self.kept("goodbyes")
+        self.check(bob, ("<presence to='%s'/>" % self.server.pubsub
+                         + "<presence to='%s' type='unavailable'/>" % self.server.pubsub) * 20)
+
+    def test_a_flood_of_activations_refuses_no_other_publisher(self):
+        _, bob = self.kept("activations")
+        self.check(bob, "".join("<iq type='set' id='a' to='%s'><activate xmlns='%s' node='%s/%d' seqNo='0'/></iq>"
+                                % (self.server.pubsub, DEVICE, self.node, number) for number in range(self.nodes)))
+
+    def test_a_flood_of_bulk_activations_refuses_no_other_publisher(self):
+        _, bob = self.kept("bulk")
+        nodes = "".join("<node id='%s/%d'/>" % (self.node, number) for number in range(self.nodes))
+        self.check(bob, "<iq type='set' id='a' to='%s'><activate-nodes xmlns='%s'>%s</activate-nodes></iq>"
+                   % (self.server.pubsub, DEVICE, nodes) * 20)
+
+    def test_a_flood_of_publications_refuses_nobody(self):
+        owner = self.client("owner")
+        self.succeed(self.create(owner))
+        count = 1000
+        requests = [owner.send_iq("set", self.publish_stanza(str(each))) for each in range(count)]
+        answers = [owner.wait_iq(request, 60).get("type") for request in requests]
+        self.assertEqual(answers, ["result"] * count)
+        self.check(owner, "<iq type='set' id='p' to='%s'>%s</iq>" % (self.server.pubsub, self.publish_stanza("x")) * 50)
