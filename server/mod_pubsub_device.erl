@@ -28,6 +28,8 @@ start(Host, Opts) ->
      end || Service <- Services],
     map_size(Known) == 0 andalso ejabberd_hooks:add(filter_packet, pubsub_device_filter, filter_packet, 50),
     [ejabberd_hooks:add(Hook, Host, Module, Function, 50) || {Hook, Module, Function} <- hooks()],
+    [ejabberd_hooks:add(Hook, Each, Module, Function, 50)
+     || Each <- ejabberd_option:hosts(), {Hook, Module, Function} <- account_hooks()],
     ok.
 
 stop(Host) ->
@@ -52,8 +54,11 @@ depends(_, _) -> [{mod_pubsub, hard}].
 hooks() ->
     [{pubsub_publish_item, pubsub_device_publish, on_publish},
      {pubsub_delete_node, ?MODULE, on_delete},
-     {user_receive_packet, pubsub_device_session, on_receive},
-     {register_user, ?MODULE, on_register},
+     {register_user, ?MODULE, on_register}].
+
+%% A device may have its account on another host of this server.
+account_hooks() ->
+    [{user_receive_packet, pubsub_device_session, on_receive},
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
      {remove_user, pubsub_device_presence, on_remove_user}].
 
@@ -71,6 +76,8 @@ start_workers() ->
 
 stop_workers() ->
     ejabberd_hooks:delete(filter_packet, pubsub_device_filter, filter_packet, 50),
+    [ejabberd_hooks:delete(Hook, Each, Module, Function, 50)
+     || Each <- ejabberd_option:hosts(), {Hook, Module, Function} <- account_hooks()],
     [begin
          supervisor:terminate_child(ejabberd_gen_mod_sup, Id),
          supervisor:delete_child(ejabberd_gen_mod_sup, Id)

@@ -78,5 +78,5 @@ on_remove_user(User, Server) ->
 forget(Device) ->
     ?LOG_INFO("Forgot the device ~ts; it stayed away", [jid:encode(Device)]),
     pubsub_device_store:forget_device(Device),
-    [pubsub_device_writer:cast(Node, {drop_all, Node, Device}) || Node <- pubsub_device_store:nodes_for(Device)],
+    [pubsub_device_session:tell(Node, {drop_all, Node, Device}) || Node <- pubsub_device_store:nodes_for(Device)],
     ok.

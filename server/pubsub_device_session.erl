@@ -119,7 +119,8 @@ forget() ->
 
 %%% what is under way
 
-%% Tells the node's writer. A session that has its share under way waits until the writer has come to it.
+%% Tells the node's writer. A session, or who else has much to tell, that has its share under way waits until the
+%% writer has come to it.
 tell(Node, Request) ->
     Writer = pubsub_device_writer:locate(Node),
     gen_server:cast(Writer, Request),

@@ -19,7 +19,7 @@ init([]) ->
 arm() -> erlang:send_after(mod_pubsub_device:option(sweep_interval), self(), sweep).
 
 handle_info(sweep, State) ->
-    [pubsub_device_writer:cast(Node, {drop_aged, Node, Device})
+    [pubsub_device_session:tell(Node, {drop_aged, Node, Device})
      || {Device, Node} <- pubsub_device_store:pairs(), element(2, pubsub_device_writer:locate(Node)) == node()],
     hd(pubsub_device_commit:members()) == node() andalso forget_absent(),
     pubsub_device_bounds:forget_rates(),

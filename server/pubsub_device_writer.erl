@@ -114,7 +114,10 @@ asked({deactivate, Node, Device}, From, State) ->
     next(State);
 asked({lock, Node}, {Pid, _} = From, #state{locks = Locks} = State) ->
     case Locks of
-        #{Node := {Holder, Monitor, Waiting}} when Holder /= Pid ->
+        #{Node := {Pid, Monitor, Waiting}} ->  % its answer was lost
+            demonitor(Monitor, [flush]),
+            next(grant(Node, From, Waiting, State));
+        #{Node := {Holder, Monitor, Waiting}} ->
             next(State#state{locks = Locks#{Node := {Holder, Monitor, Waiting ++ [From]}}});
         _ -> next(grant(Node, From, [], State))
     end;

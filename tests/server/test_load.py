@@ -69,14 +69,19 @@ class Costs(Load):
         bob.sync()
         self.assertLess(self.work() - before, count * self.nodes)
 
-    def test_a_long_backlog_leaves_in_portions_and_in_order(self):
-        """Between two portions the writer serves others; what is published meanwhile goes after what was kept."""
-        owner, bob = self.client("owner"), self.device("bob", "long")
+    def backlog(self, resource, count):
+        """An absent device of bob's for which so many items are kept."""
+        owner, bob = self.client("owner"), self.device("bob", resource)
         self.succeed(self.create(owner))
         self.succeed(self.subscribe(bob))
         bob.kill()
-        for each in range(200):
-            self.publish(owner, str(each))
+        requests = [owner.send_iq("set", self.publish_stanza(str(each))) for each in range(count)]
+        for request in requests:
+            self.succeed(owner.wait_iq(request))
+        return owner
+
+    def test_a_long_backlog_leaves_in_order_and_what_is_published_meanwhile_after_it(self):
+        owner = self.backlog("long", 200)
         bob = self.client("bob", "long")
         bob.send("<presence to='%s'/>" % self.server.pubsub)
         for each in range(200, 220):
@@ -87,6 +92,22 @@ class Costs(Load):
         self.assertEqual(self.texts(bob, 221), [str(each) for each in range(221)])
         self.assert_quiet(bob)
 
+    def test_a_writer_serves_others_between_the_portions_of_a_long_backlog(self):
+        self.backlog("portions", 200)
+        bob = self.client("bob", "portions")
+        writer = self.instance.evaluate("element(1, pubsub_device_writer:locate({<<\"%s\">>, <<\"%s\">>}))"
+                                        % (self.server.pubsub, self.node))
+        self.instance.evaluate("sys:suspend(%s)" % writer)
+        self.announce(bob)
+        before = self.instance.evaluate(  # how many items stand before the answer to a request that came second
+            "Session = ejabberd_sm:get_session_pid(<<\"bob\">>, <<\"localhost\">>, <<\"portions\">>), "
+            "sys:suspend(Session), whereis(%s) ! {'$gen_call', {Session, second}, settle}, sys:resume(%s), "
+            "Wait = fun Wait() -> {_, Messages} = process_info(Session, messages), "
+            "case length(Messages) > 200 of true -> Messages; false -> timer:sleep(10), Wait() end end, "
+            "Before = length(lists:takewhile(fun(Each) -> Each /= {second, ok} end, Wait())), "
+            "sys:resume(Session), Before" % (writer, writer))
+        self.assertIn(int(before), range(1, 100))
+        self.assertEqual(self.texts(bob, 200), [str(each) for each in range(200)])
 
 class Commits(Load):
     """A process whose mailbox is never empty commits all the same."""
