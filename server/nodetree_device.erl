@@ -8,7 +8,7 @@
 
 -export([init/3, terminate/2, options/0, set_node/1, get_node/3, get_node/2, get_node/1, get_nodes/2, get_nodes/1,
          get_all_nodes/1, get_parentnodes/3, get_parentnodes_tree/3, get_subnodes/3, get_subnodes_tree/3,
-         create_node/6, delete_node/2, id_of/1]).
+         create_node/6, delete_node/2, is_node/1, is_node/2]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
@@ -51,12 +51,19 @@ delete_node(Host, Node) ->
     [mnesia:delete({pubsub_node, {Host, Node}}) || _ <- Records],
     Records.
 
-%% The engine's id of the node, or none.
-id_of(Node) ->
-    case mnesia:dirty_read(pubsub_node, Node) of
-        [#pubsub_node{id = Nidx}] -> Nidx;
-        [] -> none
-    end.
+%% Whether there is such a node, and whether it has the engine's id. Another member of a cluster may have made it a
+%% moment ago: nobody says no without having waited for that.
+is_node(Node) -> known_id(Node) /= none orelse certain_id(Node) /= none.
+is_node(Node, Id) -> known_id(Node) == Id orelse certain_id(Node) == Id.
+
+known_id(Node) -> id(mnesia:dirty_read(pubsub_node, Node)).
+
+certain_id(Node) ->
+    {atomic, Records} = mnesia:transaction(fun() -> mnesia:read({pubsub_node, Node}) end),
+    id(Records).
+
+id([#pubsub_node{id = Nidx}]) -> Nidx;
+id([]) -> none.
 
 %% The node itself at depth 0, the collections that hold it at 1, those that hold them at 2 and so on.
 get_parentnodes_tree(Host, Node, _From) ->

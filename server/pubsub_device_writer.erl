@@ -204,9 +204,9 @@ next(#state{taken = Taken} = State) -> {noreply, State#state{taken = Taken + 1}}
 %% name had.
 grant(Node, {Pid, _} = From, Waiting, #state{locks = Locks} = State) ->
     Monitor = monitor(process, Pid),
-    Clean = case nodetree_device:id_of(Node) of
-                none -> forget(Node, State);
-                _ -> State
+    Clean = case nodetree_device:is_node(Node) of
+                false -> forget(Node, State);
+                true -> State
             end,
     gen_server:reply(From, {ok, self()}),
     Clean#state{locks = Locks#{Node => {Pid, Monitor, Waiting}}}.
@@ -251,7 +251,7 @@ tell(From, Outcome) -> gen_server:reply(From, Outcome).
 
 %% An item of a node that was deleted since the engine took it is nobody's, also when another node has the name.
 store(Node, {ItemId, Item, Messages, Id}, Shard) ->
-    case Id == any orelse nodetree_device:id_of(Node) == Id of
+    case Id == any orelse nodetree_device:is_node(Node, Id) of
         true -> number(Node, ItemId, Item, pubsub_device_targets:find(Node, Item, Messages), Shard);
         false -> {{error, xmpp:err_item_not_found()}, Node, []}
     end.
