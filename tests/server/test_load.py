@@ -25,6 +25,15 @@ class Load(ServerTest):
         return int(self.instance.evaluate("lists:sum([element(2, process_info(whereis(pubsub_device_writer:name(Shard)), "
                                           "reductions)) || Shard <- pubsub_device_writer:shards()])"))
 
+    def writer(self):
+        """The name of the process that writes for the test's node."""
+        return self.instance.evaluate("element(1, pubsub_device_writer:locate({<<\"%s\">>, <<\"%s\">>}))"
+                                      % (self.server.pubsub, self.node))
+
+    def waiting(self, process):
+        """How many messages wait for the process."""
+        return int(self.instance.evaluate("element(2, process_info(whereis(%s), message_queue_len))" % process))
+
     def resident(self):
         with open("/proc/%s/status" % self.server.env["SERVER_PID"]) as file:
             return [int(line.split()[1]) / 1024 for line in file if line.startswith("VmRSS")][0]
@@ -87,16 +96,20 @@ class Costs(Load):
         for each in range(200, 220):
             self.publish(owner, str(each))
         self.assertEqual(self.texts(bob, 220), [str(each) for each in range(220)])
-        self.announce(bob)
-        self.publish(owner, "220")
+        writer = self.writer()
+        self.instance.evaluate("sys:suspend(%s)" % writer)
+        self.announce(bob)  # the repetition is longer than a portion, and the next item is there when it begins
+        request = owner.send_iq("set", self.publish_stanza("220"))
+        self.wait_for(lambda: self.waiting(writer) > 1)
+        self.instance.evaluate("sys:resume(%s)" % writer)
+        self.succeed(owner.wait_iq(request))
         self.assertEqual(self.texts(bob, 221), [str(each) for each in range(221)])
         self.assert_quiet(bob)
 
     def test_a_writer_serves_others_between_the_portions_of_a_long_backlog(self):
         self.backlog("portions", 200)
         bob = self.client("bob", "portions")
-        writer = self.instance.evaluate("element(1, pubsub_device_writer:locate({<<\"%s\">>, <<\"%s\">>}))"
-                                        % (self.server.pubsub, self.node))
+        writer = self.writer()
         self.instance.evaluate("sys:suspend(%s)" % writer)
         self.announce(bob)
         before = self.instance.evaluate(  # how many items stand before the answer to a request that came second
@@ -109,18 +122,56 @@ class Costs(Load):
         self.assertIn(int(before), range(1, 100))
         self.assertEqual(self.texts(bob, 200), [str(each) for each in range(200)])
 
+class Shares(Load):
+    """A session waits for the service when it has its share under way, and loses nothing by it."""
+
+    def wait_until_it_waits(self, client, where):
+        """Until the session's process waits in the function."""
+        user, rest = client.jid.split("@")
+        session = "ejabberd_sm:get_session_pid(<<\"%s\">>, <<\"%s\">>, <<\"%s\">>)" % (user, *rest.split("/"))
+        self.wait_for(lambda: where in self.instance.evaluate(
+            "{_, Stack} = process_info(%s, current_stacktrace), [element(2, Each) || Each <- Stack]" % session))
+
+    def test_a_session_has_a_share_of_a_writer_in_acknowledgements(self):
+        owner, bob = self.client("owner"), self.device("bob", "share")
+        self.succeed(self.create(owner))
+        self.succeed(self.subscribe(bob))
+        for each in range(60):
+            self.publish(owner, str(each), "one")
+        self.take(bob, 60)
+        writer = self.writer()
+        self.instance.evaluate("sys:suspend(%s)" % writer)
+        bob.send(self.acks(60, self.node, "one"))
+        self.wait_until_it_waits(bob, "wait")
+        self.assertLess(self.waiting(writer), 20)
+        self.instance.evaluate("sys:resume(%s)" % writer)
+        bob.sync()
+        bob.kill()
+        self.assert_quiet(self.device("bob", "share"))
+
+    def test_a_session_has_a_share_of_a_writer_in_publications(self):
+        owner = self.client("owner")
+        self.succeed(self.create(owner))
+        writer = self.writer()
+        self.instance.evaluate("sys:suspend(%s)" % writer)
+        requests = [owner.send_iq("set", self.publish_stanza(str(each))) for each in range(100)]
+        self.wait_until_it_waits(owner, "outlast")
+        self.assertLess(self.waiting(writer), 40)
+        self.instance.evaluate("sys:resume(%s)" % writer)
+        for request in requests:
+            self.succeed(owner.wait_iq(request))
+
+
 class Commits(Load):
     """A process whose mailbox is never empty commits all the same."""
 
-    def check(self, process):
+    def check(self, name):
         """The process finds the publication, and from then on more messages than it can take."""
         owner = self.client("owner")
         self.succeed(self.create(owner))
-        name = self.instance.evaluate(process % (self.server.pubsub, self.node))
         self.instance.evaluate("sys:suspend(%s)" % name)
         request = owner.send_iq("set", self.publish_stanza("x"))
-        self.wait_for(lambda: int(self.instance.evaluate("element(2, process_info(whereis(%s), message_queue_len))"
-                                                         % name)) > 0)
+        self.wait_for(lambda: self.waiting(name) > 0)
         self.instance.evaluate(
             "Pid = whereis(%s), Start = erlang:memory(processes), Pids = lists:duplicate(1000, Pid), "
             "Loop = fun Loop() -> case erlang:memory(processes) < Start + 10000000 of "
@@ -133,10 +184,10 @@ class Commits(Load):
             self.instance.evaluate("exit(whereis(crowd1), kill), exit(whereis(crowd2), kill)")
 
     def test_a_writer_that_is_never_idle_answers_publishers(self):
-        self.check("element(1, pubsub_device_writer:locate({<<\"%s\">>, <<\"%s\">>}))")
+        self.check(self.writer())
 
     def test_a_group_commit_that_is_never_idle_answers_publishers(self):
-        self.check("begin _ = \"%s %s\", pubsub_device_commit end")
+        self.check("pubsub_device_commit")
 
 
 class Floods(Load):
