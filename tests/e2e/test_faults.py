@@ -91,25 +91,35 @@ class DyingClients(FaultsTest):
         with mock.patch.dict(os.environ, ASAN_OPTIONS=options.lstrip(":")):
             super().setUpClass()
 
-    def die(self, clients):
-        """Each client asks for something, subscribes to something and leaves before any answer."""
-        for number in range(clients):
-            client = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
-            client.start("createNode", {"node": f"/e2e/dying/{number}", "filler": "x" * self.FILLER})
-            client.start("subscribeConnStatus", {"subscribe": True, "filler": "x" * self.FILLER})
-            client.connection.flush()
-            client.close()
+    def die(self, clients, at_once=False):
+        """Each client asks for something, subscribes to something and leaves, at once or once the service has
+        taken both; nothing that it asked for is answered before it is gone."""
+        with self.stage.server_held():
+            for number in range(clients):
+                client = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
+                client.start("createNode", {"node": f"/e2e/dying/{number}", "filler": "x" * self.FILLER})
+                taken = client.start("subscribeConnStatus", {"subscribe": True, "filler": "x" * self.FILLER})
+                if at_once:
+                    client.connection.flush()
+                else:
+                    taken.wait(1)
+                client.close()
         # What the server still has to answer comes before the answer to this.
         self.private.call("getNodeConfig", {"nodes": ["/e2e/dying/0"]})
         self.still_works()
 
     def test_clients_that_die_between_call_and_answer_leave_no_descriptor_and_no_memory(self):
         pid = self.stage.service_pid
-        self.die(30)  # what is allocated once and kept for good is there now
+        clients, rounds = 100, 2
+        self.die(clients)  # the memory that a round needs while it lasts stays with the process
+        self.die(30, at_once=True)
         files, memory = open_files(pid), resident(pid)
-        self.die(100)
+        for _ in range(rounds):
+            self.die(clients)
+        self.die(30, at_once=True)
         self.assertEqual(open_files(pid), files)
-        self.assertLess(resident(pid) - memory, 100 * 2 * self.FILLER / 3, "a third of what the requests held")
+        self.assertLess(resident(pid) - memory, rounds * clients * 2 * self.FILLER / 3,
+                        "a third of what the requests held")
 
 
 class Faults(FaultsTest):
