@@ -8,14 +8,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <sstream>
+#include <vector>
 
 #include "platform/bus/applicationid.h"
 #include "util/log.h"
 
 namespace {
+
+constexpr unsigned kUnknownUser = static_cast<unsigned>(-1);
 
 bool isSwitchedOn(const char* variable) {
     const char* value = std::getenv(variable);
@@ -43,6 +50,20 @@ std::string procText(unsigned pid, const char* file) {
     return fileText("/proc/" + std::to_string(pid) + "/" + file);
 }
 
+bool isProcessOf(const std::string& mark, unsigned user) {
+    return user == kUnknownUser || mark.ends_with(' ' + std::to_string(user));
+}
+
+// What is read from the process that has the id now counts only when it is the same process before and after,
+// and one of the user that connected.
+std::string ofOneProcess(const BusCredentials& who, std::string (*rule)(const BusCredentials&)) {
+    const std::string before = busProcessMark(who.pid);
+    if (before.empty() || !isProcessOf(before, who.user))
+        return {};
+    std::string id = rule(who);
+    return !id.empty() && busProcessMark(who.pid) == before ? id : std::string();
+}
+
 // Only root can have made a group that root owns: below a group that was handed to a user, the user owns what
 // he makes. A group that is not found where one of the usual layouts keeps it is not trusted.
 bool isGroupOfRoot(const std::string& cgroup) {
@@ -54,11 +75,13 @@ bool isGroupOfRoot(const std::string& cgroup) {
     return false;
 }
 
-std::string idFromEnvironment(const BusCredentials& who) {
-    if (!isSwitchedOn("ZELT_APP_ID_FROM_ENVIRONMENT"))
-        return {};
+std::string idInEnvironment(const BusCredentials& who) {
     std::string id = environmentValue(procText(who.pid, "environ"), "ZELT_APP_ID");
     return isApplicationId(id) ? id : std::string();
+}
+
+std::string idFromEnvironment(const BusCredentials& who) {
+    return isSwitchedOn("ZELT_APP_ID_FROM_ENVIRONMENT") ? ofOneProcess(who, idInEnvironment) : std::string();
 }
 
 std::string idFromLabel(const BusCredentials& who) {
@@ -71,12 +94,16 @@ std::string idFromUser(const BusCredentials& who) {
     return table ? applicationIdOfUser(fileText(table), who.user) : std::string();
 }
 
-std::string idFromUnit(const BusCredentials& who) {
+std::string idInUnit(const BusCredentials& who) {
     AppUnit unit = appUnitOfCgroup(procText(who.pid, "cgroup"));
     if (unit.applicationId.empty())
         return {};
     bool trusted = unit.ofLogin ? isSwitchedOn("ZELT_APP_ID_TRUST_USER_UNITS") : isGroupOfRoot(unit.cgroup);
     return trusted ? unit.applicationId : std::string();
+}
+
+std::string idFromUnit(const BusCredentials& who) {
+    return ofOneProcess(who, idInUnit);
 }
 
 void readField(sd_bus_message* reply, BusCredentials& who) {
@@ -100,6 +127,22 @@ void readField(sd_bus_message* reply, BusCredentials& who) {
 }
 
 }  // namespace
+
+std::string busProcessMark(unsigned pid) {
+    // The name may hold anything, but what follows the last bracket is numbers: the state is the first of
+    // them here, the start time the 20th.
+    const std::string text = procText(pid, "stat");
+    std::istringstream numbers(text.substr(std::min(text.size(), text.rfind(')') + 1)));
+    std::vector<std::string> fields{std::istream_iterator<std::string>(numbers), {}};
+    if (fields.size() < 20 || fields[0] == "Z" || fields[0] == "X")
+        return {};
+    const std::string status = procText(pid, "status");
+    const size_t at = status.find("\nUid:");
+    unsigned real = 0, effective = 0;
+    if (at == std::string::npos || std::sscanf(status.c_str() + at, "\nUid: %u %u", &real, &effective) != 2)
+        return {};
+    return fields[19] + ' ' + std::to_string(effective);
+}
 
 BusCredentials busReadCredentials(sd_bus_message* reply) {
     BusCredentials who;

@@ -15,6 +15,9 @@ struct BusCredentials {
 
 // Reads the answer to GetConnectionCredentials.
 BusCredentials busReadCredentials(sd_bus_message* reply);
+// What stays the same as long as a process lives and differs for the next one with its id: the start time and
+// the user. "" when there is no such process, or when it has ended.
+std::string busProcessMark(unsigned pid);
 // "ID PID" by the rules of the installation (docs/bus.md lists its environment variables), "" without an id.
 std::string busApplicationId(const BusCredentials& credentials);
 // One warning a process when clients may name themselves.

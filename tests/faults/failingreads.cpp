@@ -21,16 +21,21 @@ struct Fault {
 };
 Fault fault;
 
-bool strikes(int descriptor) {
-    if (!fault.error)
-        return false;
+char watchedPath[256];
+std::function<void()>* afterRead;
+
+bool isBelow(int descriptor, const char* prefix) {
     char link[64], path[256];
     std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
     ssize_t length = readlink(link, path, sizeof path - 1);
     if (length < 0)
         return false;
     path[length] = '\0';
-    return std::strncmp(path, fault.prefix, std::strlen(fault.prefix)) == 0;
+    return std::strncmp(path, prefix, std::strlen(prefix)) == 0;
+}
+
+bool strikes(int descriptor) {
+    return fault.error && isBelow(descriptor, fault.prefix);
 }
 
 }  // namespace
@@ -47,7 +52,24 @@ extern "C" ssize_t read(int descriptor, void* buffer, size_t count) {
         fault.left -= count;
     }
     errno = kept;
-    return syscall(SYS_read, descriptor, buffer, count);
+    ssize_t got = syscall(SYS_read, descriptor, buffer, count);
+    if (got > 0 && afterRead && isBelow(descriptor, watchedPath)) {
+        std::function<void()>* then = afterRead;
+        afterRead = nullptr;
+        (*then)();
+        delete then;
+    }
+    return got;
+}
+
+AfterRead::AfterRead(const std::string& path, std::function<void()> then) {
+    std::snprintf(watchedPath, sizeof watchedPath, "%s", path.c_str());
+    afterRead = new std::function<void()>(std::move(then));
+}
+
+AfterRead::~AfterRead() {
+    delete afterRead;
+    afterRead = nullptr;
 }
 
 FailingReads::FailingReads(const std::string& prefix, int error, size_t afterBytes) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 class FailingReads {
@@ -16,4 +17,13 @@ class FailingReads {
 
     // How many reads have failed; a test that asserts on none has shown nothing.
     size_t failures() const;
+};
+
+// Calls `then` once, right after a read of such a file has given something.
+class AfterRead {
+  public:
+    AfterRead(const std::string& path, std::function<void()> then);
+    ~AfterRead();
+    AfterRead(const AfterRead&) = delete;
+    AfterRead& operator=(const AfterRead&) = delete;
 };

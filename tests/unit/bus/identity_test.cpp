@@ -3,11 +3,16 @@
 // own, and children that it starts.
 #include "platform/bus/identity.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
+#include <string>
 
 #include "tests/faults/failingreads.h"
 
@@ -37,6 +42,88 @@ TEST_F(Identity, IsNoneWhenTheProcessIsReapedBetweenOpenAndRead) {
         EXPECT_EQ(busApplicationId(ownCredentials()), "") << bytes;
         EXPECT_GT(reads.failures(), 0u) << bytes;
     }
+}
+
+// A child that has the id in its environment and sleeps.
+pid_t startNamed(const char* id) {
+    int ready[2];
+    if (pipe2(ready, O_CLOEXEC) != 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        std::string entry = std::string("ZELT_APP_ID=") + id;
+        char* environment[] = {entry.data(), nullptr};
+        execle("/bin/sleep", "sleep", "1000", nullptr, environment);
+        _exit(1);
+    }
+    close(ready[1]);
+    char byte;
+    (void)!read(ready[0], &byte, 1);  // ends with the exec
+    close(ready[0]);
+    return pid;
+}
+
+void endAndReap(pid_t pid) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+BusCredentials credentialsOf(pid_t pid) {
+    BusCredentials who = ownCredentials();
+    who.pid = static_cast<unsigned>(pid);
+    return who;
+}
+
+TEST_F(Identity, OfAProcessIsItsOwn) {
+    setenv("ZELT_APP_ID_FROM_ENVIRONMENT", "1", 1);
+    pid_t pid = startNamed("com.example.app");
+    EXPECT_EQ(busApplicationId(credentialsOf(pid)), "com.example.app " + std::to_string(pid));
+    endAndReap(pid);
+}
+
+TEST_F(Identity, IsNoneWhenTheProcessIdIsAnotherUsersByNow) {
+    setenv("ZELT_APP_ID_FROM_ENVIRONMENT", "1", 1);
+    pid_t pid = startNamed("com.example.app");
+    BusCredentials who = credentialsOf(pid);
+    who.user++;
+    EXPECT_EQ(busApplicationId(who), "");
+    endAndReap(pid);
+}
+
+TEST_F(Identity, IsNoneWhenTheProcessEndsWhileItIsRead) {
+    setenv("ZELT_APP_ID_FROM_ENVIRONMENT", "1", 1);
+    pid_t pid = startNamed("com.example.app");
+    bool ended = false;
+    AfterRead reaper("/proc/" + std::to_string(pid) + "/environ", [&] {
+        endAndReap(pid);
+        ended = true;
+    });
+    EXPECT_EQ(busApplicationId(credentialsOf(pid)), "");
+    EXPECT_TRUE(ended);
+}
+
+TEST_F(Identity, IsNoneForAProcessThatHasEndedAndIsNotReaped) {
+    setenv("ZELT_APP_ID_TRUST_USER_UNITS", "1", 1);
+    pid_t pid = startNamed("com.example.app");
+    kill(pid, SIGKILL);
+    siginfo_t info;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(busProcessMark(static_cast<unsigned>(pid)), "");
+    waitpid(pid, nullptr, 0);
+    EXPECT_EQ(busProcessMark(static_cast<unsigned>(pid)), "");
+}
+
+TEST_F(Identity, MarkOfAProcessIsTheSameUntilItEndsAndAnothersDiffers) {
+    pid_t first = startNamed("a");
+    std::string mark = busProcessMark(static_cast<unsigned>(first));
+    EXPECT_NE(mark, "");
+    EXPECT_EQ(busProcessMark(static_cast<unsigned>(first)), mark);
+    usleep(20000);  // the kernel counts starts in hundredths of a second
+    pid_t third = startNamed("c");
+    EXPECT_NE(busProcessMark(static_cast<unsigned>(third)), mark);
+    for (pid_t pid : {first, third})
+        endAndReap(pid);
 }
 
 TEST_F(Identity, IsNoneWhenTheTableOfUsersCannotBeRead) {
