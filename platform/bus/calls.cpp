@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/bus/error.h"
+#include "platform/bus/guard.h"
 #include "platform/bus/message.h"
 #include "platform/bus/text.h"
 #include "util/jsonref.h"
@@ -170,7 +171,7 @@ void busEndCall(QSHandle* handle, QSToken token) {
 void busTell(const Call& call, sd_bus_message* wire, const char* payload, const char* errorName) {
     QSMessage* message = busNewReply(call.handle, wire, payload, call.address.path, call.address.method);
     message->errorName = errorName;
-    call.callback(call.handle, message, call.context);
+    busRunGuarded(message->method, [&] { call.callback(call.handle, message, call.context); });
     QSMessageUnref(message);
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/bus/category.h"
+#include "platform/bus/guard.h"
 #include "platform/bus/peers.h"
 
 QSMessage* busNewRequest(QSHandle* handle, sd_bus_message* wire, const char* payload,
@@ -27,7 +28,8 @@ QSMessage* busNewRequest(QSHandle* handle, sd_bus_message* wire, const char* pay
 
 void busDispatch(QSMessage* request) {
     const Method* target = std::exchange(request->target, nullptr);
-    target->handler(request->handle, request, target->category->context);
+    busRunGuarded(request->method,
+                  [&] { target->handler(request->handle, request, target->category->context); });
     QSMessageUnref(request);
 }
 

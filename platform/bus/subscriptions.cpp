@@ -9,6 +9,7 @@
 
 #include "platform/bus/connection.h"
 #include "platform/bus/error.h"
+#include "platform/bus/guard.h"
 #include "platform/bus/message.h"
 #include "platform/bus/peers.h"
 #include "platform/bus/text.h"
@@ -55,7 +56,8 @@ void leaveEveryList(QSMessage* request) {
 void runCancelFunction(QSMessage* request) {
     QSHandle* handle = request->handle;
     if (handle->cancelFunction)
-        handle->cancelFunction(handle, request, handle->cancelContext);
+        busRunGuarded(request->method,
+                      [&] { handle->cancelFunction(handle, request, handle->cancelContext); });
 }
 
 bool mayAdd(QSHandle* handle, QSMessage* request, QSError* error) {

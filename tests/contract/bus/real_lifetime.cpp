@@ -86,6 +86,29 @@ TEST_F(Lifetime, AHandlerOfAClientThatLeftAtOnceMayEndTheConnection) {
     EXPECT_TRUE(m_engine->until([&] { return m_private == nullptr; }));
 }
 
+TEST_F(Lifetime, AHandlerThatThrowsEndsItsRequestAlone) {
+    auto client = m_engine->client(QSBus::Public);
+    m_handlers["hold"] = [&](QSHandle*, QSMessage* message) {
+        throw std::runtime_error(QSMessageGetPayload(message));
+    };
+    m_handlers["follow"] = [&](QSHandle* handle, QSMessage* message) {
+        ASSERT_TRUE(QSSubscriptionAdd(handle, "key", message, m_error));
+        EXPECT_TRUE(QSMessageReply(handle, message, "{}", m_error));
+    };
+    m_onCancel = [](QSHandle*, QSMessage*) { throw 1; };
+    testing::internal::CaptureStderr();
+    size_t thrown = client->call("/", "hold", "what it said");
+    size_t next = client->call("/", "follow", "{}");
+    EXPECT_TRUE(has(*client, thrown, 1) && has(*client, next, 1));
+    EXPECT_THAT(client->answers(thrown), ElementsAre("error com.zelt.Error.NoAnswer"));
+    EXPECT_THAT(client->answers(next), ElementsAre("reply {}"));
+    client->cancel(next);
+    EXPECT_TRUE(has(*client, next, 3));
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_THAT(log, HasSubstr("Handling hold failed: what it said"));
+    EXPECT_THAT(log, HasSubstr("Handling follow failed"));
+}
+
 TEST_F(Lifetime, ADeathIsSeenAtWhateverMomentItFalls) {
     m_handlers["follow"] = [&](QSHandle* handle, QSMessage* message) {
         QSSubscriptionAdd(handle, "key", message, nullptr);
