@@ -125,7 +125,8 @@ stage_start_service() {
     stage_start "$1" service env "${STAGE_SERVICE_ENV[@]}" "$STAGE_BIN/pubsubservice"
 }
 
-# stage_ground DIR [OPTION...]: the folders, both buses and the XMPP server, which gets the options. Nobody is
+# stage_ground DIR [OPTION...]: the folders, both buses and the XMPP server, which gets the options, and opens the
+# names under STAGE_OPEN_PREFIXES ("[\"/a\", ...]") to all accounts. Nobody is
 # on the buses yet, and the private bus starts nobody.
 stage_ground() {
     local dir=$1
@@ -136,7 +137,8 @@ stage_ground() {
     stage_bus "$dir" private && stage_bus "$dir" public || return 1
 
     $STAGE_SAY "Starting the XMPP server (ejabberd with the device extension)"
-    "$STAGE_ROOT/server/run" up "$dir/server" "$@" >"$dir/log/server-start.log" 2>&1 ||
+    "$STAGE_ROOT/server/run" up "$dir/server" \
+        ${STAGE_OPEN_PREFIXES:+--option "open_prefixes=$STAGE_OPEN_PREFIXES"} "$@" >"$dir/log/server-start.log" 2>&1 ||
         { tail -n 20 "$dir/log/server-start.log" >&2; stage_fail "The XMPP server did not start."; return 1; }
     ln -sf ../server/log/server.log "$dir/log/server.log"
     od -An -N16 -tx1 /dev/urandom | tr -d ' \n' >"$dir/machine-id"

@@ -24,7 +24,8 @@ start(Host, Opts) ->
     {module, _} = code:ensure_loaded(pubsub_device_iq),
     [begin
          gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DEVICE, pubsub_device_iq, process),
-         gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_INFO, pubsub_device_iq, process_disco_info)
+         gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_INFO, pubsub_device_disco, process_info),
+         gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_ITEMS, pubsub_device_disco, process_items)
      end || Service <- Services],
     map_size(Known) == 0 andalso ejabberd_hooks:add(filter_packet, pubsub_device_filter, filter_packet, 50),
     [ejabberd_hooks:add(Hook, Host, Module, Function, 50) || {Hook, Module, Function} <- hooks()],
@@ -44,7 +45,8 @@ stop(Host) ->
 
 hand_back(Service) ->
     gen_iq_handler:remove_iq_handler(ejabberd_local, Service, ?NS_DEVICE),
-    gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_INFO, mod_pubsub, process_disco_info).
+    gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_INFO, mod_pubsub, process_disco_info),
+    gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_ITEMS, mod_pubsub, process_disco_items).
 
 reload(_Host, Opts, _OldOpts) ->
     keep_options(Opts).
@@ -59,6 +61,7 @@ hooks() ->
 %% A device may have its account on another host of this server.
 account_hooks() ->
     [{user_receive_packet, pubsub_device_session, on_receive},
+     {c2s_handle_recv, pubsub_device_guard, on_receive},
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
      {remove_user, pubsub_device_presence, on_remove_user}].
 
@@ -108,6 +111,7 @@ on_register(_User, _Host) ->
     pubsub_device_commit:sync().
 
 mod_opt_type(sync) -> econf:bool();
+mod_opt_type(open_prefixes) -> econf:list(econf:binary());
 mod_opt_type(max_age) -> econf:timeout(second);
 mod_opt_type(device_age) -> econf:timeout(second);
 mod_opt_type(sweep_interval) -> econf:timeout(second);
@@ -115,6 +119,7 @@ mod_opt_type(_) -> econf:pos_int().
 
 mod_options(_) ->
     [{sync, true},
+     {open_prefixes, []},
      {max_kept, 10000},
      {max_kept_node, 1000},
      {max_kept_bytes, 50000000},
@@ -134,6 +139,7 @@ mod_doc() ->
     #{desc => <<"Devices of the pub-sub service: items are numbered, kept until they are acknowledged and sent again.">>,
       opts =>
           [Option(sync, "true | false", <<"Whether a publisher is answered only when its item is on disk.">>),
+           Option(open_prefixes, "[Prefix]", <<"Names of three or more segments that begin so are free to all.">>),
            Option(max_kept, "Number", <<"How many items are kept for a device.">>),
            Option(max_kept_node, "Number", <<"How many of them may be of one node.">>),
            Option(max_kept_bytes, "Bytes", <<"How many bytes are kept for a device.">>),

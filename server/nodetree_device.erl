@@ -40,10 +40,14 @@ set_node(#pubsub_node{nodeid = {Host, Node}, options = Options, owners = Owners}
 
 create_node(Host, Node, Type, Owner, Options, Parents) ->
     Owners = [jid:tolower(jid:remove_resource(Owner))],
-    case pubsub_device_publish:is_publishing() orelse refused(Host, collections(Options), Owners) of
-        true -> {error, xmpp:err_item_not_found()};
-        false -> nodetree_tree:create_node(Host, Node, Type, Owner, Options, Parents);
-        Error -> Error
+    case {pubsub_device_publish:is_publishing(), pubsub_device_names:refused(Host, Node, hd(Owners))} of
+        {true, _} -> {error, xmpp:err_item_not_found()};
+        {false, false} ->
+            case refused(Host, collections(Options), Owners) of
+                false -> nodetree_tree:create_node(Host, Node, Type, Owner, Options, Parents);
+                Error -> Error
+            end;
+        {false, Error} -> {error, Error}
     end.
 
 delete_node(Host, Node) ->
@@ -82,27 +86,35 @@ above(Host, Records, Depth, Seen) ->
         _ -> [{Depth, Found} | above(Host, Found, Depth + 1, Names ++ Seen)]
     end.
 
-%% A collection takes nodes of its own owners, and anybody's when its owner opened it with the association
-%% policy. The question is asked again at delivery: a name that was deleted and made anew by somebody else
-%% hands nothing out.
+%% A collection takes nodes that one of its own owners made, and anybody's when its owner opened it with the
+%% association policy. Who made a node stands last among its owners; the others count for nothing here, since
+%% anybody can be named an owner without being asked. The question is asked again at delivery: a name that was
+%% deleted and made anew by somebody else hands nothing out.
 may_hold(#pubsub_node{options = Options, owners = Owners}, ChildOwners) ->
     proplists:get_value(node_type, Options) == collection
-        andalso (Owners -- ChildOwners /= Owners
+        andalso (lists:member(maker(ChildOwners), Owners)
                  orelse proplists:get_value(children_association_policy, Options) == all).
 
+maker([]) -> none;
+maker(Owners) -> lists:last(Owners).
+
 refused(Host, Names, Owners) ->
-    Verdicts = [case read(Host, Name) of
-                    [] -> {error, xmpp:err_item_not_found()};
-                    [#pubsub_node{options = Options} = Parent] ->
-                        case {proplists:get_value(node_type, Options), may_hold(Parent, Owners)} of
-                            {_, true} -> false;
-                            {collection, false} -> {error, xmpp:err_forbidden()};
-                            _ -> {error, xmpp:err_item_not_found()}
-                        end
-                end || Name <- Names],
-    case [Verdict || Verdict <- Verdicts, Verdict /= false] of
+    case [Verdict || Name <- Names, Verdict <- [verdict(Host, Name, Owners)], Verdict /= false] of
         [First | _] -> First;
         [] -> false
+    end.
+
+%% A collection under somebody else's name is forbidden whether it is there or not, unless its owner opened it.
+verdict(Host, Name, Owners) ->
+    {IsCollection, Holds} = case read(Host, Name) of
+                                [#pubsub_node{options = Options} = Parent] ->
+                                    {proplists:get_value(node_type, Options) == collection, may_hold(Parent, Owners)};
+                                [] -> {false, false}
+                            end,
+    case Holds orelse IsCollection orelse pubsub_device_names:is_foreign(Host, Name, maker(Owners)) of
+        _ when Holds -> false;
+        true -> {error, xmpp:err_forbidden()};
+        false -> {error, xmpp:err_item_not_found()}
     end.
 
 collections(Options) ->

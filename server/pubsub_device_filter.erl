@@ -27,11 +27,20 @@ filter_packet(Stanza) ->
     case xmpp:get_to(Stanza) of
         #jid{luser = <<>>, lserver = Service, lresource = <<>>} ->
             case mod_pubsub_device:is_service(Service) of
-                true -> incoming(Service, Stanza);
+                true ->
+                    Verdict = pubsub_device_guard:judge(Service, Stanza),
+                    judged(Verdict, Stanza, fun() -> incoming(Service, Stanza) end);
                 false -> Stanza
             end;
-        _ -> Stanza
+        _ -> judged(pubsub_device_guard:spare(Stanza), Stanza, fun() -> Stanza end)
     end.
+
+%% A refusal says nothing of the stanza again: it may be refused for what it holds.
+judged(ok, _, Pass) ->
+    Pass();
+judged({error, Error}, Stanza, _) ->
+    ejabberd_router:route_error(xmpp:set_els(Stanza, []), Error),
+    drop.
 
 %%% inwards
 

@@ -47,7 +47,7 @@ publish(Key, Body, Path) ->
         full -> retry(503, ?RETRY_SECONDS, <<"The service is full; try again later">>)
     end.
 
-published({ok, _, ItemId, Number}, Path) ->
+published({ok, ItemId, Number}, Path) ->
     Location = iolist_to_binary([[$/, uri_string:quote(Part)] || Part <- Path ++ [ItemId]]),
     answer(201, [{<<"Location">>, Location}], {[{id, ItemId}, {seqNo, integer_to_binary(Number)}]});
 published({error, #stanza_error{reason = 'item-not-found'}}, _) ->

@@ -4,14 +4,12 @@
 %% items.
 -module(pubsub_device_iq).
 
--export([process/1, decode_iq_subel/1, process_disco_info/1]).
+-export([process/1, decode_iq_subel/1]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
 -include("pubsub_device.hrl").
-
--define(AUTO_CREATE, <<"http://jabber.org/protocol/pubsub#auto-create">>).
 
 %% The codec does not know the namespace; without this the request would be refused before it gets here.
 decode_iq_subel(Element) -> Element.
@@ -29,10 +27,10 @@ process(#iq{type = Type, sub_els = [#xmlel{name = Name} = Element]} = IQ) ->
 
 request({set, <<"create-key-node">>}, Element, IQ) -> create_key_node(node_of(Element, IQ), Element, IQ);
 request({get, <<"key">>}, Element, #iq{from = From} = IQ) ->
-    {_, NodeId} = Node = node_of(Element, IQ),
+    {Service, NodeId} = Node = node_of(Element, IQ),
     answer(IQ, case pubsub_device_keys:get(Node, account(From)) of
                    {ok, Key} -> {ok, pubsub_device_stanza:key(NodeId, Key, <<>>)};
-                   Error -> Error
+                   {error, Error} -> {error, unnamed(Service, NodeId, From, Error)}
                end);
 request({set, <<"activate">>}, Element, IQ) ->
     case pubsub_device_stanza:number(fxml:get_tag_attr_s(<<"seqNo">>, Element)) of
@@ -65,9 +63,22 @@ node_of(Element, #iq{to = #jid{lserver = Service}}) ->
 
 account(JID) -> jid:remove_resource(jid:tolower(JID)).
 
+%% Whether somebody else's name is in use is nobody's business: it is forbidden as it would be if it were.
+unnamed(Service, NodeId, From, Error) ->
+    case pubsub_device_names:is_foreign(Service, NodeId, account(From)) of
+        true -> xmpp:err_forbidden();
+        false -> Error
+    end.
+
+delete_node(Service, NodeId, From) ->
+    case pubsub_device_guard:is_hidden(Service, NodeId, From) of
+        true -> {error, xmpp:err_item_not_found()};
+        false -> pubsub_device_lock:with({Service, NodeId}, fun() -> mod_pubsub:delete_node(Service, NodeId, From) end)
+    end.
+
 %%% key nodes
 
-create_key_node({_, NodeId} = Node, Element, #iq{from = From} = IQ) ->
+create_key_node({Service, NodeId} = Node, Element, #iq{from = From} = IQ) ->
     Configure = case fxml:get_subtag_with_xmlns(Element, <<"x">>, ?NS_XDATA) of
                     false -> undefined;
                     Form -> {<<>>, xmpp:decode(Form)}
@@ -82,7 +93,7 @@ create_key_node({_, NodeId} = Node, Element, #iq{from = From} = IQ) ->
     case NodeId of
         <<>> -> answer(IQ, {error, xmpp:err_bad_request(<<"A key node has a name">>, <<"en">>)});
         _ ->
-            case pubsub_device_lock:with(Node, fun() -> pubsub_device_keys:create(Node, account(From), Create) end) of
+            case created(may_create(Service, NodeId, account(From)), Node, account(From), Create) of
                 {ok, Key, Status} ->
                     pubsub_device_presence:announce(From),
                     pubsub_device_session:answer(answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, Status)})),
@@ -91,8 +102,19 @@ create_key_node({_, NodeId} = Node, Element, #iq{from = From} = IQ) ->
             end
     end.
 
-delete_node(Service, NodeId, From) ->
-    pubsub_device_lock:with({Service, NodeId}, fun() -> mod_pubsub:delete_node(Service, NodeId, From) end).
+created(true, Node, Account, Create) ->
+    pubsub_device_lock:with(Node, fun() -> pubsub_device_keys:create(Node, Account, Create) end);
+created(Refused, _, _, _) ->
+    Refused.
+
+%% The name is looked at first, so that the refusal is the same whether it is in use or not. A key node of one's
+%% own that stands under such a name from before is there still.
+may_create(Service, NodeId, Account) ->
+    case {pubsub_device_names:refused(Service, NodeId, Account), pubsub_device_store:key_of({Service, NodeId})} of
+        {false, _} -> true;
+        {_, {_, Account}} -> true;
+        {Error, _} -> {error, Error}
+    end.
 
 publish(Element, IQ) ->
     Key = fxml:get_tag_attr_s(<<"key">>, Element),
@@ -108,8 +130,7 @@ publish(Key, ItemId, Payload) ->
         false -> {error, xmpp:err_bad_request(<<"The item has no payload">>, <<"en">>)};
         ok ->
             case pubsub_device_publish:by_key(Key, ItemId, Payload) of
-                {ok, NodeId, Published, Number} ->
-                    {ok, pubsub_device_stanza:published(NodeId, Published, Number)};
+                {ok, Published, Number} -> {ok, pubsub_device_stanza:published(Published, Number)};
                 Error -> Error
             end;
         {wait, Seconds} ->
@@ -161,19 +182,11 @@ may_receive({Service, NodeId} = Node, From) ->
                     end;
                 _ -> {error, xmpp:err_forbidden()}
             end;
-        _ -> {error, xmpp:err_item_not_found()}
+        _ -> {error, unnamed(Service, element(2, Node), From, xmpp:err_item_not_found())}
     end.
 
 subscribed(Service, Type, Nidx, From) ->
     case mod_pubsub:node_action(Service, Type, get_subscriptions, [Nidx, jid:tolower(From)]) of
         {result, Subscriptions} -> lists:keymember(subscribed, 1, Subscriptions);
         _ -> false
-    end.
-
-%% The engine's answer with our feature, and without the one that the node tree takes away.
-process_disco_info(#iq{sub_els = [Element]} = IQ) ->
-    case mod_pubsub:process_disco_info(IQ#iq{sub_els = [xmpp:decode(Element)]}) of
-        #iq{type = result, sub_els = [#disco_info{node = <<>>, features = Features} = Info]} = Result ->
-            Result#iq{sub_els = [Info#disco_info{features = [?NS_DEVICE | Features -- [?AUTO_CREATE]]}]};
-        Result -> Result
     end.

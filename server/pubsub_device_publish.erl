@@ -130,7 +130,7 @@ publish(Service, NodeId, Owner, ItemId, Payload) ->
     case mod_pubsub:publish_item(Service, ServerHost, NodeId, jid:make(Owner), ItemId, Payload) of
         {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} ->
             case get(?CONTEXT) of
-                #{outcome := {ok, Number}} -> {ok, NodeId, Published, Number};
+                #{outcome := {ok, Number}} -> {ok, Published, Number};
                 #{outcome := {error, Error}} -> {error, Error}
             end;
         {error, Error} -> {error, Error}

@@ -4,7 +4,7 @@
 -module(pubsub_device_stanza).
 
 -export([item/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
--export([key/3, nodes/2, node_ids/1, published/3, number/1]).
+-export([key/3, nodes/2, node_ids/1, published/2, number/1]).
 -export([sign/1, is_signed/1, sending/2, sending/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -55,9 +55,9 @@ node_ids(#xmlel{children = Children}) ->
     lists:usort([NodeId || #xmlel{name = <<"node">>} = Child <- Children,
                            NodeId <- [fxml:get_tag_attr_s(<<"id">>, Child)], NodeId /= <<>>]).
 
-published(NodeId, ItemId, Number) ->
-    #xmlel{name = <<"item">>,
-           attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"node">>, NodeId}, {<<"id">>, ItemId}, seq_no(Number)]}.
+%% Whoever has the key does not learn whose it is, so the node is not named.
+published(ItemId, Number) ->
+    #xmlel{name = <<"item">>, attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"id">>, ItemId}, seq_no(Number)]}.
 
 %% A number as a client writes it. Twenty digits hold every 64-bit number; longer ones are not worth the
 %% arithmetic.

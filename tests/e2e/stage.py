@@ -15,6 +15,8 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PRESET = os.environ.get("PUBSUB_PRESET", "release")
+# The tests' nodes have names of three segments, whoever the device's account is.
+os.environ.setdefault("STAGE_OPEN_PREFIXES", '["/e2e", "/owners"]')
 BIN = ROOT / "build" / PRESET / "bin"
 SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 

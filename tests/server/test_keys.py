@@ -70,7 +70,7 @@ class Keys(ServerTest):
         self.assertEqual(self.post(key, "late")[0], 404)
         self.assertNotEqual(self.key_node(owner), key)
 
-    def test_anyone_publishes_with_the_key_and_reads_where_the_item_went(self):
+    def test_anyone_publishes_with_the_key_and_reads_the_items_id_and_number(self):
         owner = self.client("owner", "target")
         key = self.key_node(owner)
         self.succeed(self.activate(owner))
@@ -79,7 +79,7 @@ class Keys(ServerTest):
                                        % key))
         published = answer.find("{%s}item" % DEVICE)
         found = self.take(owner)[0]
-        self.assertEqual(published.attrib, {"node": self.node, "id": "mine", "seqNo": str(found.seq_no)})
+        self.assertEqual(published.attrib, {"id": "mine", "seqNo": str(found.seq_no)})
         self.assertEqual((found.id, found.text), ("mine", "hello"))
 
     def test_an_item_published_without_an_id_gets_one(self):

@@ -1,0 +1,89 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% What the service says of itself and its nodes: the engine's answers with our feature, and without the key nodes
+%% of others. Keeps no state.
+-module(pubsub_device_disco).
+
+-export([process_info/1, process_items/1]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+-include_lib("ejabberd/include/pubsub.hrl").
+-include("pubsub_device.hrl").
+
+-define(AUTO_CREATE, <<"http://jabber.org/protocol/pubsub#auto-create">>).
+
+%% The engine hands out one page of names; so many pages of names that are another's key nodes are passed over.
+-define(PAGES, 20).
+
+%% With our feature, and without the one that the node tree takes away.
+process_info(#iq{sub_els = [#disco_info{node = NodeId}]} = IQ) ->
+    case parts(NodeId) of
+        [] when NodeId /= <<>> -> not_found(IQ);
+        [Name | _] -> info(is_hidden(Name, IQ), IQ);
+        [] -> info(false, IQ)
+    end.
+
+info(true, IQ) ->
+    not_found(IQ);
+info(false, IQ) ->
+    case mod_pubsub:process_disco_info(IQ) of
+        #iq{type = result, sub_els = [#disco_info{node = <<>>, features = Features} = Info]} = Result ->
+            Result#iq{sub_els = [Info#disco_info{features = [?NS_DEVICE | Features -- [?AUTO_CREATE]]}]};
+        Result -> Result
+    end.
+
+process_items(#iq{type = get, from = From, to = #jid{lserver = Service},
+                  sub_els = [#disco_items{node = <<>>}]} = IQ) ->
+    xmpp:make_iq_result(IQ, #disco_items{items = [item(Node) || Node <- visible(Service, From)]});
+process_items(#iq{sub_els = [#disco_items{node = NodeId}]} = IQ) ->
+    Known = case parts(NodeId) of
+                [Name] -> not is_hidden(Name, IQ);
+                Parts -> length(Parts) == 2  % the engine says nothing of an item, whether it is there or not
+            end,
+    case Known of
+        true -> mod_pubsub:process_disco_items(IQ);
+        false -> not_found(IQ)
+    end.
+
+%% As the engine reads it: what follows an exclamation mark names an item. It has no answer for what is not of
+%% this form.
+parts(NodeId) ->
+    binary:split(NodeId, <<"!">>, [global, trim_all]).
+
+is_hidden(NodeId, #iq{from = From, to = #jid{lserver = Service}}) ->
+    pubsub_device_guard:is_hidden(Service, NodeId, From).
+
+is_foreign_key_node(Service, NodeId, From) ->
+    case pubsub_device_store:key_of({Service, NodeId}) of
+        none -> false;
+        {_, Owner} -> jid:remove_resource(jid:tolower(From)) /= Owner
+    end.
+
+not_found(IQ) ->
+    xmpp:make_error(IQ, xmpp:err_item_not_found(<<"Node not found">>, <<"en">>)).
+
+%% Read page by page: what is hidden must not use up the room of what is shown.
+visible(Service, From) ->
+    Limit = mod_pubsub_opt:max_nodes_discoitems(ejabberd_router:host_of_route(Service)),
+    Pattern = [{#pubsub_node{nodeid = {Service, '_'}, parents = [], _ = '_'}, [], ['$_']}],
+    Read = fun() -> pages(mnesia:select(pubsub_node, Pattern, page(Limit), read), Service, From, ?PAGES) end,
+    first(Limit, mnesia:async_dirty(Read)).
+
+page(infinity) -> 100;
+page(Limit) -> Limit.
+
+pages('$end_of_table', _, _, _) ->
+    [];
+pages(_, _, _, 0) ->
+    [];
+pages({Nodes, Continuation}, Service, From, Left) ->
+    [Node || #pubsub_node{nodeid = {_, NodeId}} = Node <- Nodes, not is_foreign_key_node(Service, NodeId, From)]
+        ++ pages(mnesia:select(Continuation), Service, From, Left - 1).
+
+first(infinity, Nodes) -> Nodes;
+first(Limit, Nodes) -> lists:sublist(Nodes, Limit).
+
+item(#pubsub_node{nodeid = {Service, NodeId}, options = Options}) ->
+    case proplists:get_value(title, Options, false) of
+        false -> #disco_item{jid = jid:make(Service), node = NodeId};
+        Title -> #disco_item{jid = jid:make(Service), node = NodeId, name = Title}
+    end.
