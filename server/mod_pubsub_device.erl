@@ -29,7 +29,7 @@ start(Host, Opts) ->
      end || Service <- Services],
     map_size(Known) == 0 andalso ejabberd_hooks:add(filter_packet, pubsub_device_filter, filter_packet, 50),
     [ejabberd_hooks:add(Hook, Host, Module, Function, 50) || {Hook, Module, Function} <- hooks()],
-    [ejabberd_hooks:add(Hook, Each, Module, Function, 50)
+    [ejabberd_hooks:add(Hook, Each, Module, Function, priority(Hook))
      || Each <- ejabberd_option:hosts(), {Hook, Module, Function} <- account_hooks()],
     ok.
 
@@ -62,8 +62,13 @@ hooks() ->
 account_hooks() ->
     [{user_receive_packet, pubsub_device_session, on_receive},
      {c2s_handle_recv, pubsub_device_guard, on_receive},
+     {c2s_filter_send, pubsub_device_wire, on_send},
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
      {remove_user, pubsub_device_presence, on_remove_user}].
+
+%% What writes a stanza comes after all that may still hold it back or change it.
+priority(c2s_filter_send) -> 1000;
+priority(_) -> 50.
 
 %% The processes are the machine's, not the host's: several virtual hosts share them.
 workers() ->
@@ -79,7 +84,7 @@ start_workers() ->
 
 stop_workers() ->
     ejabberd_hooks:delete(filter_packet, pubsub_device_filter, filter_packet, 50),
-    [ejabberd_hooks:delete(Hook, Each, Module, Function, 50)
+    [ejabberd_hooks:delete(Hook, Each, Module, Function, priority(Hook))
      || Each <- ejabberd_option:hosts(), {Hook, Module, Function} <- account_hooks()],
     [begin
          supervisor:terminate_child(ejabberd_gen_mod_sup, Id),

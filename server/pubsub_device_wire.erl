@@ -1,0 +1,39 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% Carriage returns on the wire. The server's encoder writes them as they are in text, and a parser reads a raw one as
+%% a line feed: a stanza of the service that holds one is written here, with a character reference in its place.
+%% Keeps no state.
+%%
+%% The stanza goes the way of all others otherwise: through the session's socket, whatever encrypts or compresses it,
+%% and past the hook that counts what was sent, so that stream management keeps, counts and repeats it. The encoder
+%% writes no carriage return of its own, and those in attributes are references already.
+-module(pubsub_device_wire).
+
+-export([on_send/1]).
+
+-include_lib("p1_xmpp/include/xmpp.hrl").
+
+on_send({Stanza, #{socket := Socket, stream_state := established, stream_header_sent := true, xmlns := Space} = State}
+        = Unchanged) when is_record(Stanza, message); is_record(Stanza, iq) ->
+    case is_ours(xmpp:get_from(Stanza)) andalso has_return(Stanza) andalso is_stream(Socket) of
+        true ->
+            Encoded = fxml:element_to_binary(xmpp:encode(Stanza, Space)),
+            Result = xmpp_socket:send(Socket, binary:replace(Encoded, <<"\r">>, <<"&#13;">>, [global])),
+            Result == ok orelse (self() ! {'$gen_event', closed}),
+            {drop, ejabberd_c2s:handle_send(Stanza, Result, State)};
+        false -> Unchanged
+    end;
+on_send(Unchanged) ->
+    Unchanged.
+
+is_ours(#jid{luser = <<>>, lserver = Service}) -> mod_pubsub_device:is_service(Service);
+is_ours(_) -> false.
+
+%% Records and encoded elements alike: a text is a binary wherever it stands.
+has_return(Text) when is_binary(Text) -> binary:match(Text, <<"\r">>) /= nomatch;
+has_return([Head | Tail]) -> has_return(Head) orelse has_return(Tail);
+has_return(Tuple) when is_tuple(Tuple) -> has_return(tuple_to_list(Tuple));
+has_return(_) -> false.
+
+%% BOSH and WebSocket sessions have an encoder of their own beyond our reach.
+is_stream(Socket) ->
+    lists:member(xmpp_socket:get_sockmod(Socket), [gen_tcp, fast_tls, ezlib]).
