@@ -8,7 +8,8 @@
 %% when the item is on disk. The session's own requests reach the writer in the order in which it made them.
 -module(pubsub_device_publish).
 
--export([begin_publish/1, end_publish/0, is_publishing/0, found/1, catch_message/1, hand_over/1, on_publish/6, by_key/3]).
+-export([begin_publish/1, end_publish/0, is_publishing/0, found/1, catch_message/1, hand_over/1, on_publish/6]).
+-export([by_key/3]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").

@@ -62,13 +62,14 @@ class Instance:
         with open(self.folder + "/conf/settings.json") as file:
             known = json.load(file)
         member = "pubsub@" + known["member"]
-        call = ("{ok, Tokens, _} = erl_scan:string(os:getenv(\"EXPRESSIONS\")), {ok, Parsed} = erl_parse:parse_exprs(Tokens), "
+        call = ("{ok, Tokens, _} = erl_scan:string(os:getenv(\"EXPRESSIONS\")), "
+                "{ok, Parsed} = erl_parse:parse_exprs(Tokens), "
                 "case rpc:call('%s', erl_eval, exprs, [Parsed, []], 60000) of "
                 "{value, Value, _} -> io:format(\"~0tp\", [Value]), halt(0, [{flush, true}]); "
                 "Error -> io:format(\"~0tp\", [Error]), halt(1, [{flush, true}]) end." % member)
-        done = subprocess.run(["erl", "-noinput", "-hidden", "-name", "probe@" + known["member"], "-dist_listen", "false",
-                               "-setcookie", known["cookie"], "-start_epmd", "false", "-erl_epmd_port",
-                               str(known["dist"]), "-eval", call],
+        done = subprocess.run(["erl", "-noinput", "-hidden", "-name", "probe@" + known["member"],
+                               "-dist_listen", "false", "-setcookie", known["cookie"], "-start_epmd", "false",
+                               "-erl_epmd_port", str(known["dist"]), "-eval", call],
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, timeout=90,
                               env=dict(os.environ, EXPRESSIONS=expressions + ".", HOME=self.folder + "/log"))
         if done.returncode != 0:

@@ -23,8 +23,9 @@ class Load(ServerTest):
 
     def work(self):
         """The reductions of all writers so far: what they have done, in the machine's own unit."""
-        return int(self.instance.evaluate("lists:sum([element(2, process_info(whereis(pubsub_device_writer:name(Shard)), "
-                                          "reductions)) || Shard <- pubsub_device_writer:shards()])"))
+        return int(self.instance.evaluate(
+            "lists:sum([element(2, process_info(whereis(pubsub_device_writer:name(Shard)), reductions)) "
+            "|| Shard <- pubsub_device_writer:shards()])"))
 
     def writer(self):
         """The name of the process that writes for the test's node."""
@@ -197,8 +198,8 @@ class Floods(Load):
     def flooder(self, user, resource, stanzas):
         """A process that sends the stanzas over and over in a session of its own."""
         script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "flooder.py")
-        process = subprocess.Popen([sys.executable, script, self.instance.folder + "/server.env", user, PASSWORD, resource],
-                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        process = subprocess.Popen([sys.executable, script, self.instance.folder + "/server.env", user, PASSWORD,
+                                    resource], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.addCleanup(process.wait)
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.kill)
@@ -259,8 +260,9 @@ class Floods(Load):
 
     def test_a_flood_of_activations_refuses_no_other_publisher(self):
         self.kept("activations")
-        self.check("bob", "activations", "".join("<iq type='set' id='a' to='%s'><activate xmlns='%s' node='%s/%d' seqNo='0'/></iq>"
-                                % (self.server.pubsub, DEVICE, self.node, number) for number in range(self.nodes)))
+        self.check("bob", "activations", "".join(
+            "<iq type='set' id='a' to='%s'><activate xmlns='%s' node='%s/%d' seqNo='0'/></iq>"
+            % (self.server.pubsub, DEVICE, self.node, number) for number in range(self.nodes)))
 
     def test_a_flood_of_bulk_activations_refuses_no_other_publisher(self):
         self.kept("bulk")
@@ -275,4 +277,5 @@ class Floods(Load):
         requests = [owner.send_iq("set", self.publish_stanza(str(each))) for each in range(count)]
         answers = [owner.wait_iq(request, 60).get("type") for request in requests]
         self.assertEqual(answers, ["result"] * count)
-        self.check("owner", "pipelined", "<iq type='set' id='p' to='%s'>%s</iq>" % (self.server.pubsub, self.publish_stanza("x")) * 50)
+        self.check("owner", "pipelined", "<iq type='set' id='p' to='%s'>%s</iq>"
+                   % (self.server.pubsub, self.publish_stanza("x")) * 50)

@@ -7,6 +7,7 @@ import os
 import threading
 
 from harness import ServerTest
+from xmppclient import DEVICE, OWNER
 
 ROUNDS = int(os.environ.get("NAME_ROUNDS", "100"))
 
@@ -30,11 +31,10 @@ class Inside(ServerTest):
 
 class Names(Inside):
     def request(self, client, name):
-        return client.send_iq("set", "<%s xmlns='urn:zelt:pubsub:device:0' node='%s'/>" % (name, self.node))
+        return client.send_iq("set", "<%s xmlns='%s' node='%s'/>" % (name, DEVICE, self.node))
 
     def delete_request(self, client):
-        return client.send_iq("set", "<pubsub xmlns='http://jabber.org/protocol/pubsub#owner'><delete node='%s'/></pubsub>"
-                              % self.node)
+        return client.send_iq("set", "<pubsub xmlns='%s'><delete node='%s'/></pubsub>" % (OWNER, self.node))
 
     def test_a_node_that_is_made_while_another_session_deletes_it_has_a_key_that_works(self):
         owner, other = self.client("owner"), self.client("owner")
@@ -45,11 +45,11 @@ class Names(Inside):
         deleted = self.delete_request(other)
         self.wait_for_requests(2)
         self.writer("resume")
-        key = self.succeed(owner.wait_iq(made)).findtext("{urn:zelt:pubsub:device:0}key")
+        key = self.succeed(owner.wait_iq(made)).findtext("{%s}key" % DEVICE)
         self.succeed(other.wait_iq(deleted))
         answer = self.ext(owner, "<key node='%s'/>" % self.node, "get")
         exists = self.pubsub(owner, "<configure node='%s'/>" % self.node, "get",
-                             "http://jabber.org/protocol/pubsub#owner").get("type") == "result"
+                             OWNER).get("type") == "result"
         self.assertEqual((answer.get("type") == "result", self.post(key, "x")[0] == 201), (exists, exists))
 
     def test_nodes_made_and_deleted_by_two_sessions_at_once_never_lose_their_key(self):
