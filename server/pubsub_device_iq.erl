@@ -146,6 +146,7 @@ activate(Node, Since, #iq{from = From} = IQ) ->
         ok ->
             Device = jid:tolower(From),
             pubsub_device_presence:attach(From),
+            pubsub_device_session:spare(4),
             Request = {activate, Node, Device, Since, xmpp:make_iq_result(IQ)},
             case pubsub_device_writer:call(Node, Request) of
                 ok -> ignore;
@@ -163,7 +164,7 @@ activate_nodes(Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
     News = [Node || {NodeId, ok} <- Verdicts, Node <- [{Service, NodeId}],
                     pubsub_device_session:may_wait(Node, Device)],
     [pubsub_device_session:tell(Node, {activate, Node, Device}) || Node <- News],
-    News == [] andalso pubsub_device_session:spare(1 + length(Verdicts) div 16),
+    News == [] andalso pubsub_device_session:spare(1 + length(Verdicts)),
     ignore.
 
 %% A key node is for its owner's devices and its subscribers; an ordinary node is not gated, so activating it

@@ -55,7 +55,7 @@ make_room(Device) ->
 goodbye(JID) ->
     leave(JID, self()) andalso pubsub_device_session:settle(),
     pubsub_device_session:forget(),
-    pubsub_device_session:spare(1).
+    pubsub_device_session:spare(16).
 
 leave(JID, Pid) ->
     Device = jid:tolower(JID),

@@ -181,8 +181,8 @@ outlast(Waiters) ->
         false -> Waiters
     end.
 
-%% After so much that was of no use the session rests a moment, so that it does not take a whole processor with
-%% it.
+%% After so much that was of no use, or that a device asks for once in a while, the session rests a moment, so that
+%% it does not take a whole processor with it. One acknowledgement that nothing waits for counts as one.
 spare(Count) ->
     case get(?SPARED) of
         Spared when is_integer(Spared), Spared + Count >= ?IDLE -> put(?SPARED, 0), timer:sleep(1);
