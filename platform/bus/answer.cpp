@@ -3,6 +3,7 @@
 // alone, named by the serial of the call. An answer that could not be sent does not count. No state of its
 // own.
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "platform/bus/error.h"
@@ -19,7 +20,7 @@ int sendSignal(QSMessage* request, const char* member, const char* text) {
     int result =
         sd_bus_message_new_signal(bus, Receive(signal), request->category, kSubscriptionInterface, member);
     if (result >= 0)
-        result = sd_bus_message_append(signal.get(), "us", busSerial(request), text);
+        result = sd_bus_message_append(signal.get(), "us", request->serial, text);
     if (result >= 0)
         result = sd_bus_message_set_destination(signal.get(), request->peer->name.c_str());
     return result < 0 ? result : sd_bus_send(bus, signal.get(), nullptr);
@@ -52,11 +53,21 @@ bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
     const char* text = busWireText(payload, escaped, error);
     if (!text)
         return false;
+    const size_t size = kMessageOverhead + std::strlen(text);
+    if (!busMaySend(*message->peer, size)) {
+        busAskWhatWasRead(*message->peer);
+        return busFail(error, -ENOBUFS,
+                       "The client " + message->peer->name + " does not read: " +
+                           std::to_string(message->peer->unread.bytes()) + " bytes wait for it");
+    }
     int result = message->unanswered ? sd_bus_reply_method_return(message->wire.get(), "s", text)
                                      : sendSignal(message, "Answer", text);
     if (result < 0)
         return busFailErrno(error, result,
                             "Sending an answer to the client " + message->peer->name + " failed");
+    // Nobody is sent what was said to be unwanted.
+    if (!message->unanswered || message->wantsReply)
+        busCountSent(*message->peer, size);
     countAnswered(message);
     return true;
 }
@@ -68,12 +79,15 @@ bool busHandOver(QSMessage* message, const char* payload, QSError* error) {
 }
 
 void busCloseRequest(QSMessage* request) {
-    if (canBeReached(request)) {
-        if (request->unanswered && request->wantsReply)
+    if (canBeReached(request) && busMaySend(*request->peer, kMessageOverhead)) {
+        const bool owed = request->unanswered && request->wantsReply;
+        if (owed)
             sd_bus_reply_method_errorf(request->wire.get(), kErrorNoAnswer, "%s gives no answer",
                                        request->method);
         else if (request->subscribed)
             sendSignal(request, "Ended", request->cancelled ? "cancelled" : "released");
+        if (owed || request->subscribed)
+            busCountSent(*request->peer, kMessageOverhead);
     }
     countAnswered(request);
     busForgetRequest(request);

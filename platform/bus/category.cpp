@@ -14,47 +14,83 @@
 
 namespace {
 
-constexpr size_t kLongestPublicPayload = 64 * 1024;
-constexpr size_t kMostUnanswered = 128;
+constexpr size_t kLongestPublicPayload = 4 * 1024;
+constexpr size_t kMostWaiting = 128;
+// Bytes of its requests that a client may have waiting: the more its user has, the less.
+constexpr size_t kLeastKept = 16 * 1024;
+constexpr size_t kMostKept = 1024 * 1024;
+constexpr size_t kClientsOfARoom = 16;
+// Requests that wait for word that their client reads.
+constexpr size_t kMostHeld = 8;
 
-int refuse(sd_bus_message* wire, const char* name, const std::string& text) {
-    return sd_bus_reply_method_errorf(wire, name, "%s", text.c_str());
+// Always 1, "handled": a failure to send it ends nothing but this call.
+int refuse(Peer* peer, sd_bus_message* wire, const char* name, const std::string& text) {
+    if (peer && !busMaySend(*peer, kMessageOverhead + text.size()))
+        return 1;
+    if (sd_bus_reply_method_errorf(wire, name, "%s", text.c_str()) >= 0 && peer)
+        busCountSent(*peer, kMessageOverhead + text.size());
+    return 1;
 }
 
-// The texts go to the author of the client.
-int refuseBeyondBounds(sd_bus_message* wire, const char* payload, const Peer& peer) {
+bool mayKeep(const Peer& peer, const char* payload) {
+    const size_t limit =
+        std::clamp(peer.handle->kept.room(peer.user) / kClientsOfARoom, kLeastKept, kMostKept);
+    return peer.kept + busRequestSize(payload) <= limit;
+}
+
+// Those that are subscribed have a bound of their own.
+size_t waitingOf(const Peer& peer) {
+    return peer.requests - peer.subscribed.size();
+}
+
+// The texts go to the author of the client. True when the request is refused.
+bool refuseBeyondBounds(sd_bus_message* wire, const char* payload, Peer& peer) {
     size_t length = std::strlen(payload);
-    if (length > kLongestPublicPayload)
-        return refuse(wire, kErrorLimitExceeded,
-                      "The payload has " + std::to_string(length) + " bytes; the public bus takes at most " +
-                          std::to_string(kLongestPublicPayload) + ". Send less in one call");
-    if (peer.unanswered >= kMostUnanswered)
-        return refuse(wire, kErrorLimitExceeded,
-                      std::to_string(peer.unanswered) +
-                          " requests of this client wait for an answer. Wait for some before sending more");
-    return 0;
+    if (length > kLongestPublicPayload) {
+        refuse(&peer, wire, kErrorLimitExceeded,
+               "The payload has " + std::to_string(length) + " bytes; the public bus takes at most " +
+                   std::to_string(kLongestPublicPayload) + ". Send less in one call");
+        return true;
+    }
+    if (waitingOf(peer) >= kMostWaiting) {
+        refuse(&peer, wire, kErrorLimitExceeded,
+               std::to_string(waitingOf(peer)) +
+                   " requests of this client wait for an answer. Wait for some before sending more");
+        return true;
+    }
+    if (!mayKeep(peer, payload)) {
+        refuse(&peer, wire, kErrorLimitExceeded,
+               "The requests of this client and its user that wait for an answer take too many bytes. Wait "
+               "for some before sending more");
+        return true;
+    }
+    return false;
+}
+
+// A client that does not read gets nothing more, and a few requests wait for word that it reads again.
+bool isDropped(Peer& peer) {
+    return !busMaySend(peer, kMessageOverhead) && !(busAskWhatWasRead(peer) && peer.held.size() < kMostHeld);
 }
 
 int onRequest(sd_bus_message* wire, void* data, sd_bus_error*) {
     auto* method = static_cast<Method*>(data);
     QSHandle* handle = method->category->handle;
-    const char* payload = nullptr;
-    if (sd_bus_message_read(wire, "s", &payload) < 0)
-        return refuse(
-            wire, kErrorInvalidText,
-            "The payload holds a code point that the bus does not bear, such as U+FFFE or U+FDD0. Write "
-            "it as a JSON \\u escape");
     const char* sender = sd_bus_message_get_sender(wire);
     std::shared_ptr<Peer> peer = sender ? busPeer(handle, sender) : nullptr;
     if (!peer)
-        return refuse(wire, SD_BUS_ERROR_FAILED, "The caller could not be identified. Call again");
-    if (busIsPublic(handle)) {
-        int refused = refuseBeyondBounds(wire, payload, *peer);
-        if (refused)
-            return refused < 0 ? refused : 1;
-    }
+        return refuse(nullptr, wire, SD_BUS_ERROR_FAILED, "The caller could not be identified. Call again");
+    if (isDropped(*peer))
+        return 1;
+    const char* payload = nullptr;
+    if (sd_bus_message_read(wire, "s", &payload) < 0)
+        return refuse(
+            peer.get(), wire, kErrorInvalidText,
+            "The payload holds a code point that the bus does not bear, such as U+FFFE or U+FDD0. Write "
+            "it as a JSON \\u escape");
+    if (busIsPublic(handle) && refuseBeyondBounds(wire, payload, *peer))
+        return 1;
     QSMessage* request = busNewRequest(handle, wire, payload, peer, method);
-    if (peer->state == Peer::State::Known)
+    if (peer->state == Peer::State::Known && peer->held.empty() && busMaySend(*peer, kMessageOverhead))
         busDispatch(request);
     else
         peer->held.push_back(request);
@@ -66,10 +102,12 @@ int onCancel(sd_bus_message* wire, void* data, sd_bus_error*) {
     uint32_t serial = 0;
     const char* sender = sd_bus_message_get_sender(wire);
     if (sd_bus_message_read(wire, "u", &serial) < 0 || !sender)
-        return refuse(wire, SD_BUS_ERROR_INVALID_ARGS,
+        return refuse(nullptr, wire, SD_BUS_ERROR_INVALID_ARGS,
                       "Cancel takes the serial of the call, an unsigned number");
+    // What the answer takes was counted when the call came.
     bool found = busCancelSerial(category->handle, sender, serial);
-    return sd_bus_reply_method_return(wire, "b", static_cast<int>(found));
+    sd_bus_reply_method_return(wire, "b", static_cast<int>(found));
+    return 1;
 }
 
 const sd_bus_vtable kSubscriptionTable[] = {

@@ -13,6 +13,7 @@
 #include "platform/bus/identity.h"
 #include "platform/bus/peers.h"
 #include "platform/bus/presence.h"
+#include "platform/bus/unread.h"
 
 namespace {
 
@@ -93,6 +94,8 @@ QSHandle* busOpen(QSBus side, const char* name, QSError* error) {
         busFailErrno(error, result,
                      std::string("Connecting to the ") + busSideName(handle.get()) + " bus at " + where +
                          " (" + addressVariable(side) + ") failed");
+    } else if (side == QSBus::Public && !handle->name.empty() && (result = busWatchCalls(handle.get())) < 0) {
+        busFailErrno(error, result, "Watching the calls of the public bus failed");
     } else if (takeName(handle.get(), error)) {
         if (side == QSBus::Private && !handle->name.empty())
             handle->names.start(handle.get());
@@ -138,6 +141,7 @@ bool QSUnregister(QSHandle* handle, QSError* error) {
     handle->answeredCalls.clear();
     handle->calls.clear();
     handle->answerFilter.reset();
+    handle->callFilter.reset();
     handle->names.stop();
     handle->categories.clear();
     closeBus(handle);

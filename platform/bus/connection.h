@@ -13,6 +13,7 @@
 
 #include "platform/bus/knownnames.h"
 #include "platform/bus/qs.h"
+#include "platform/bus/share.h"
 #include "platform/bus/slot.h"
 #include "platform/bus/subscriptions.h"
 
@@ -43,6 +44,13 @@ struct QSHandle {
     std::unordered_map<std::string, std::shared_ptr<Peer>> peers;  // callers by unique name
     uint64_t peerNumber = 0;                                       // entries made so far
     Doubt doubt;
+    std::unordered_map<std::string, std::shared_ptr<Peer>> passers;  // with something unread, no request yet
+    Share unread{8 * 1024 * 1024};  // bytes on their way to clients, as far as is known (public bus)
+    Share kept{12 * 1024 * 1024};   // bytes of living requests (public bus)
+    bool asksDaemon = true;         // the daemon tells what waits for a client
+    bool asksClients = true;        // the daemon lets a Ping pass
+    size_t pings = 0;               // of clients that have not answered
+    Slot callFilter;
     SubscriptionTable byKey;     // free keys
     SubscriptionTable byMethod;  // category and method
     QSFilter cancelFunction = nullptr;
@@ -76,9 +84,9 @@ bool busIsOpen(const QSHandle* handle, QSError* error);
 void busReference(QSHandle* handle);
 void busRelease(QSHandle* handle);
 
-// Handles up to `most` messages without waiting, and says how many in `handled`; false when the connection is
-// lost. Does nothing inside a callback.
-bool busProcess(QSHandle* handle, int most, int* handled = nullptr);
+// Handles up to `most` messages without waiting, for a bounded time, and says how many in `handled` and in
+// `drained` whether nothing more had come; false when the connection is lost. Does nothing inside a callback.
+bool busProcess(QSHandle* handle, int most, int* handled = nullptr, bool* drained = nullptr);
 // Logs the loss and ends the main loop.
 void busLost(QSHandle* handle);
 void busDetach(QSHandle* handle);

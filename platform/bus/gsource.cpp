@@ -2,6 +2,8 @@
 // A bus connection on the main loop: one source each, at the default priority, with bounded work a turn,
 // because a flooding client must starve neither the other bus nor the other sources. At rest there is neither
 // a timer nor a wake-up: the loop waits for the descriptor alone.
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -24,6 +26,11 @@ constexpr unsigned kTurnsBetweenLooks = 8;
 // A read of what has been received ends here, so that a client that sends without pause cannot hold the
 // reader.
 constexpr int kMessagesPerRead = 256;
+// A turn and a read end after this time as well, since a single request may cost a sync of the disk.
+constexpr int64_t kMicrosecondsPerTurn = 4 * 1000;
+// With so many messages unsent nothing more is read: what comes in brings answers, and a daemon that takes
+// none at the moment would have them all kept here.
+constexpr uint64_t kMostUnsent = 1024;
 constexpr uint64_t kNever = std::numeric_limits<uint64_t>::max();
 
 struct BusSource {
@@ -57,6 +64,22 @@ int millisecondsUntil(uint64_t due) {
     return static_cast<int>(std::min<uint64_t>(left, std::numeric_limits<int>::max()));
 }
 
+bool isBackedUp(sd_bus* bus) {
+    uint64_t unsent = 0;
+    return sd_bus_get_n_queued_write(bus, &unsent) >= 0 && unsent >= kMostUnsent;
+}
+
+bool canSend(sd_bus* bus) {
+    pollfd wait = {sd_bus_get_fd(bus), POLLOUT, 0};
+    return poll(&wait, 1, 0) != 0;
+}
+
+// A message whose answer could not be queued, or for which there was no memory, is lost; the connection is
+// not.
+bool costsOneMessage(QSHandle* handle, int result) {
+    return handle->bus && (result == -ENOBUFS || result == -ENOMEM) && sd_bus_is_open(handle->bus) > 0;
+}
+
 gboolean prepare(GSource* source, gint* timeout) {
     BusSource* self = asBusSource(source);
     self->due = kNever;
@@ -69,6 +92,10 @@ gboolean prepare(GSource* source, gint* timeout) {
     // A connection that gives no events is lost: the dispatch finds out why.
     self->due = events < 0 ? 0 : dueTime(self->handle->bus);
     self->descriptor.events = static_cast<gushort>(std::max(events, 0));
+    if (events >= 0 && isBackedUp(self->handle->bus)) {
+        self->due = kNever;
+        self->descriptor.events = POLLOUT;
+    }
     if (isDue(self->due))
         return TRUE;
     *timeout = millisecondsUntil(self->due);
@@ -98,21 +125,26 @@ GSourceFuncs busSourceFunctions = {prepare, check, dispatch, nullptr, nullptr, n
 
 }  // namespace
 
-bool busProcess(QSHandle* handle, int most, int* handled) {
+bool busProcess(QSHandle* handle, int most, int* handled, bool* drained) {
     if (handle->processing)
         return true;
     handle->processing = true;
     int result = 1, count = 0;
-    while (count < most && handle->bus) {
+    const int64_t end = g_get_monotonic_time() + kMicrosecondsPerTurn;
+    while (count < most && handle->bus && (!isBackedUp(handle->bus) || canSend(handle->bus))) {
         busNoteBacklog(handle);
-        if ((result = sd_bus_process(handle->bus, nullptr)) <= 0)
+        result = sd_bus_process(handle->bus, nullptr);
+        if (costsOneMessage(handle, result))
+            result = 1;
+        if (result <= 0 || ++count == most || g_get_monotonic_time() >= end)
             break;
-        count++;
     }
     if (result >= 0 && handle->bus)
         busSettleDoubt(handle);
     if (handled)
         *handled = count;
+    if (drained)
+        *drained = result == 0;
     handle->processing = false;
     if (result < 0 && handle->bus)
         PrvPrintErr(__func__, __LINE__, "The %s bus connection of %s is lost: %s", busSideName(handle),
@@ -167,9 +199,9 @@ void QSZeltServiceReadReceived(QSZeltService* service) {
         return;
     for (QSHandle* handle : {service->privateHandle, service->publicHandle}) {
         busReference(handle);
-        int handled = 0;
-        bool alive = !handle->bus || busProcess(handle, kMessagesPerRead, &handled);
-        if (handled == kMessagesPerRead && handle->bus)
+        bool drained = true;
+        bool alive = !handle->bus || busProcess(handle, kMessagesPerRead, nullptr, &drained);
+        if (!drained && handle->bus)
             busNoteUnread(handle);
         if (!alive)
             busLost(handle);

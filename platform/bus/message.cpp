@@ -4,11 +4,36 @@
 // long as it.
 #include "platform/bus/message.h"
 
+#include <cstring>
 #include <utility>
 
 #include "platform/bus/category.h"
 #include "platform/bus/guard.h"
 #include "platform/bus/peers.h"
+
+namespace {
+
+// The message as it came, what the layer and what the service note about it.
+constexpr size_t kRequestOverhead = 2048;
+
+// What is kept after the method return was given needs the texts alone.
+void forgetWire(QSMessage* request) {
+    if (!request->wire || request->unanswered)
+        return;
+    request->ownPayload = request->payload;
+    request->ownMethod = request->method;
+    request->ownCategory = request->category;
+    request->payload = request->ownPayload.c_str();
+    request->method = request->ownMethod.c_str();
+    request->category = request->ownCategory.c_str();
+    request->wire.reset();
+}
+
+}  // namespace
+
+size_t busRequestSize(const char* payload) {
+    return kRequestOverhead + std::strlen(payload);
+}
 
 QSMessage* busNewRequest(QSHandle* handle, sd_bus_message* wire, const char* payload,
                          const std::shared_ptr<Peer>& peer, const Method* target) {
@@ -23,6 +48,14 @@ QSMessage* busNewRequest(QSHandle* handle, sd_bus_message* wire, const char* pay
     request->unanswered = true;
     peer->unanswered++;
     peer->requests++;
+    uint64_t cookie = 0;
+    sd_bus_message_get_cookie(wire, &cookie);
+    request->serial = static_cast<uint32_t>(cookie);
+    if (busIsPublic(handle)) {
+        request->kept = busRequestSize(payload);
+        peer->kept += request->kept;
+        handle->kept.add(peer->user, request->kept);
+    }
     return request;
 }
 
@@ -30,6 +63,8 @@ void busDispatch(QSMessage* request) {
     const Method* target = std::exchange(request->target, nullptr);
     busRunGuarded(request->method,
                   [&] { target->handler(request->handle, request, target->category->context); });
+    if (request->references > 1)
+        forgetWire(request);
     QSMessageUnref(request);
 }
 
@@ -45,12 +80,6 @@ QSMessage* busNewReply(QSHandle* handle, sd_bus_message* wire, const char* paylo
     reply->method = reply->ownMethod.c_str();
     reply->category = reply->ownCategory.c_str();
     return reply;
-}
-
-uint32_t busSerial(const QSMessage* request) {
-    uint64_t cookie = 0;
-    sd_bus_message_get_cookie(request->wire.get(), &cookie);
-    return static_cast<uint32_t>(cookie);
 }
 
 const char* QSMessageGetPayload(QSMessage* message) {

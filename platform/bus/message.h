@@ -17,7 +17,7 @@ inline constexpr const char* kSubscriptionInterface = "com.zelt.Subscription1";
 
 struct QSMessage {
     QSHandle* handle;  // one reference
-    Wire wire;         // null when the layer made the message
+    Wire wire;         // null when the layer made the message, and once the method return is given
     int references = 1;
 
     const char* payload = "";
@@ -31,6 +31,8 @@ struct QSMessage {
     // Of requests alone:
     std::shared_ptr<Peer> peer;            // the caller
     const Method* target = nullptr;        // valid until the request was handed to its handler
+    uint32_t serial = 0;                   // of the call
+    size_t kept = 0;                       // bytes, counted among those of the caller
     bool wantsReply = false;               // the caller awaits a method return
     bool unanswered = false;               // counts among the caller's unanswered requests
     bool subscribed = false;               // was on a subscription list once
@@ -45,7 +47,8 @@ void busDispatch(QSMessage* request);
 // A message to a callback of ours: `wire` may be null, and then `payload` is copied.
 QSMessage* busNewReply(QSHandle* handle, sd_bus_message* wire, const char* payload,
                        const std::string& category, const std::string& method);
-uint32_t busSerial(const QSMessage* request);
+// What one request takes, about, with this payload.
+size_t busRequestSize(const char* payload);
 
 // Sends one answer: the method return first, signals from then on.
 bool busAnswer(QSMessage* message, const char* payload, QSError* error);

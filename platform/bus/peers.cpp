@@ -27,6 +27,7 @@ void dropHeld(Peer& peer) {
 
 void leave(Peer& peer) {
     peer.state = Peer::State::Gone;
+    busForgetUnread(peer);
     peer.watch.reset();
     peer.identity.reset();
 }
@@ -54,7 +55,7 @@ void settleHeld(Peer& peer) {
     busReference(handle);
     for (QSMessage* request : std::exchange(peer.held, {})) {
         // A handler may have ended the connection, and the tables with it.
-        if (handle->bus && !request->target->needsIdentity) {
+        if (handle->bus && (peer.identified || !request->target->needsIdentity)) {
             busDispatch(request);
             continue;
         }
@@ -63,6 +64,13 @@ void settleHeld(Peer& peer) {
         QSMessageUnref(request);
     }
     busRelease(handle);
+}
+
+void setUser(Peer& peer, unsigned user) {
+    busMoveUnread(peer, user);
+    peer.handle->kept.take(peer.user, peer.kept);
+    peer.handle->kept.add(user, peer.kept);
+    peer.user = user;
 }
 
 int onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
@@ -85,13 +93,7 @@ void becomeKnown(Peer& peer) {
     if (peer.state != Peer::State::Asking || !peer.identified || !peer.watchAnswered)
         return;
     peer.state = Peer::State::Known;
-    for (QSMessage* request : std::exchange(peer.held, {})) {
-        // A handler may have ended the connection, and the tables with it.
-        if (peer.state == Peer::State::Known)
-            busDispatch(request);
-        else
-            QSMessageUnref(request);
-    }
+    busHandOnHeld(peer);
 }
 
 // sic: without an install callback sd-bus closes the whole connection when the daemon refuses one match.
@@ -120,11 +122,14 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
     }
     if (wasLost(reply) && identify(*peer))
         return 0;
-    if (sd_bus_message_is_method_error(reply, nullptr))
+    if (sd_bus_message_is_method_error(reply, nullptr)) {
         PrvPrintErr(__func__, __LINE__, "The bus does not tell who %s is: %s", peer->name.c_str(),
                     sd_bus_message_get_error(reply)->message);
-    else
-        peer->applicationId = busApplicationId(busReadCredentials(reply));
+    } else {
+        const BusCredentials who = busReadCredentials(reply);
+        peer->applicationId = busApplicationId(who);
+        setUser(*peer, who.user);
+    }
     peer->identified = true;
     peer->identity.reset();
     becomeKnown(*peer);
@@ -176,13 +181,43 @@ std::shared_ptr<Peer> busPeer(QSHandle* handle, const char* name) {
     auto found = handle->peers.find(name);
     if (found != handle->peers.end())
         return found->second;
-    auto peer = std::make_shared<Peer>();
+    auto passer = handle->passers.extract(name);
+    auto peer = passer ? std::move(passer.mapped()) : std::make_shared<Peer>();
     peer->handle = handle;
     peer->name = name;
     peer->number = handle->peerNumber++;
-    if (!ask(*peer))
+    if (!ask(*peer)) {
+        leave(*peer);
         return nullptr;
+    }
     return handle->peers.emplace(peer->name, peer).first->second;
+}
+
+std::shared_ptr<Peer> busKnownPeer(Peer* peer) {
+    for (const auto* table : {&peer->handle->peers, &peer->handle->passers}) {
+        auto found = table->find(peer->name);
+        if (found != table->end() && found->second.get() == peer)
+            return found->second;
+    }
+    return nullptr;
+}
+
+void busHandOnHeld(Peer& peer) {
+    if (peer.state != Peer::State::Known)
+        return;
+    for (QSMessage* request : std::exchange(peer.held, {})) {
+        // A handler may have ended the connection, and the tables with it.
+        if (peer.state != Peer::State::Known) {
+            QSMessageUnref(request);
+        } else if (busMaySend(peer, kMessageOverhead)) {
+            busDispatch(request);
+        } else if (busAskWhatWasRead(peer)) {
+            peer.held.push_back(request);
+        } else {
+            request->wantsReply = false;
+            QSMessageUnref(request);
+        }
+    }
 }
 
 bool busCancelSerial(QSHandle* handle, const char* sender, uint32_t serial) {
@@ -191,7 +226,7 @@ bool busCancelSerial(QSHandle* handle, const char* sender, uint32_t serial) {
         return false;
     const std::vector<QSMessage*>& requests = found->second->subscribed;
     auto request = std::find_if(requests.begin(), requests.end(),
-                                [&](const QSMessage* candidate) { return busSerial(candidate) == serial; });
+                                [&](const QSMessage* candidate) { return candidate->serial == serial; });
     if (request == requests.end())
         return false;
     busCancel(*request);
@@ -200,6 +235,8 @@ bool busCancelSerial(QSHandle* handle, const char* sender, uint32_t serial) {
 
 void busForgetRequest(QSMessage* request) {
     const std::shared_ptr<Peer>& peer = request->peer;
+    peer->kept -= request->kept;
+    request->handle->kept.take(peer->user, request->kept);
     if (--peer->requests == 0 && !peer->watched && peer->state == Peer::State::Known) {
         peer->handle->peers.erase(peer->name);
         leave(*peer);
@@ -212,4 +249,6 @@ void busDropAllPeers(QSHandle* handle) {
         dropHeld(*peer);
         leave(*peer);
     }
+    for (auto& [name, passer] : std::exchange(handle->passers, {}))
+        leave(*passer);
 }

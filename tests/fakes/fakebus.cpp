@@ -13,8 +13,8 @@ namespace {
 constexpr const char* kUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
 constexpr const char* kNoAnswer = "com.zelt.Error.NoAnswer";
 constexpr const char* kLimitExceeded = "com.zelt.Error.LimitExceeded";
-constexpr std::size_t kPublicPayloadLimit = 64 * 1024;
-constexpr std::ptrdiff_t kUnansweredLimit = 128;
+constexpr std::size_t kPublicPayloadLimit = 4 * 1024;
+constexpr std::ptrdiff_t kWaitingLimit = 128;
 
 std::string withoutScheme(const std::string& uri) {
     const std::size_t at = uri.find("://");
@@ -30,15 +30,20 @@ void refuseRequest(FakeMessage* message, const char* errorName) {
     message->references = 0;
 }
 
-std::ptrdiff_t unansweredOf(const FakeBusState& state, const QSMessage& request) {
+bool isSubscribed(const FakeBusState& state, const QSMessage* message) {
+    return std::count(state.subscribed.begin(), state.subscribed.end(), message) > 0;
+}
+
+std::ptrdiff_t waitingOf(const FakeBusState& state, const QSMessage& request) {
     return std::count_if(state.messages.begin(), state.messages.end(), [&](const auto& other) {
-        return other->arrived && other->kept() && other->answers.empty() && other->client == request.client;
+        return other->arrived && other->kept() && other->client == request.client &&
+               !isSubscribed(state, other.get());
     });
 }
 
 bool beyondBounds(const FakeBusState& state, const QSMessage& request) {
     return request.handle->isPublic &&
-           (request.payload.size() > kPublicPayloadLimit || unansweredOf(state, request) >= kUnansweredLimit);
+           (request.payload.size() > kPublicPayloadLimit || waitingOf(state, request) >= kWaitingLimit);
 }
 
 void handOver(FakeBusState& state, FakeMessage* message, QSFilter handler, void* context) {

@@ -3,11 +3,18 @@
 // and its group put in the test's place, the system bus's policy behind the rules that a system bus begins
 // with.
 #include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 #include "platform/bus/qsraii.h"
 #include "tests/contract/bus/contractfixture.h"
@@ -83,6 +90,53 @@ TEST(PrivateBusConfiguration, LetsTheGroupServeAndCall) {
     EXPECT_EQ(replied, "{}");
     EXPECT_TRUE(QSUnregister(client, error) && QSUnregister(service, error));
     g_main_loop_unref(loop);
+}
+
+// The folder is made here as its tmpfiles line says, but for the names, in the test's own place.
+TEST(PrivateBusFolder, IsClosedToStrangers) {
+    std::ifstream rules(std::string(TEST_SOURCE_DIR) + "/packaging/tmpfiles/zelt.conf");
+    std::string kind, path, group, user;
+    unsigned mode = 0;
+    for (std::string line; kind != "d" && std::getline(rules, line);) {
+        std::istringstream fields(line);
+        fields >> kind >> path >> std::oct >> mode >> user >> group;
+    }
+    EXPECT_EQ(path, "/run/zelt");
+    EXPECT_EQ(group, "zelt-services");
+    TestFolder outer;
+    chmod(outer.path().c_str(), 0755);
+    const std::string folder = outer.path() + "/zelt";
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(folder.c_str(), mode), 0);
+    std::string config = replaced(packaged("zelt-private.conf"), "/run/zelt", folder);
+    config = replaced(config, "zelt-services", getgrgid(getegid())->gr_name);
+    OwnedProcess daemon = startBusDaemon(folder, "private", replaced(config, "<syslog/>", ""));
+
+    sockaddr_un where = {};
+    where.sun_family = AF_UNIX;
+    const std::string socketPath = folder + "/private_bus";
+    std::copy(socketPath.begin(), socketPath.end(), where.sun_path);
+    struct stat socketState = {};
+    ASSERT_EQ(stat(socketPath.c_str(), &socketState), 0);
+    if (getuid() != 0) {
+        // Nobody else can be played: what the mode says has to do.
+        EXPECT_EQ(mode & 07, 0u);
+        return;
+    }
+    auto connectAs = [&](unsigned id) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            if (setgroups(0, nullptr) != 0 || setgid(id) != 0 || setuid(id) != 0)
+                _exit(255);
+            const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            _exit(connect(connection, reinterpret_cast<sockaddr*>(&where), sizeof where) == 0 ? 0 : errno);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return WEXITSTATUS(status);
+    };
+    EXPECT_EQ(connectAs(0), 0);
+    EXPECT_EQ(connectAs(65534), EACCES);
 }
 
 TEST(SystemBusPolicy, LetsEveryClientReachTheServiceAndNothingElse) {

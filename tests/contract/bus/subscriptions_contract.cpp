@@ -421,16 +421,43 @@ TEST_F(Bounds, APublicClientHas128UnansweredRequests) {
     EXPECT_THAT(client->answers(beyond), ElementsAre("error com.zelt.Error.LimitExceeded"));
     ASSERT_TRUE(arrived(128));
     EXPECT_TRUE(reply(m_kept[0].get(), "{}"));
+    m_kept.erase(m_kept.begin());
     size_t again = client->call("/", "hold", "{}");
-    EXPECT_TRUE(arrived(129));
+    EXPECT_TRUE(arrived(128));
     EXPECT_THAT(client->answers(again), IsEmpty());
 }
 
-TEST_F(Bounds, APublicPayloadHas64KiB) {
+TEST_F(Bounds, ARequestThatIsAnsweredAndKeptCountsUntilItGoes) {
     auto client = m_engine->client(QSBus::Public);
-    client->call("/", "hold", std::string(64 * 1024, 'x'));
+    size_t call = 0;
+    for (int i = 0; i < 128; i++)
+        ASSERT_TRUE(reply(request(*client, call), "{}")) << i;
+    size_t beyond = client->call("/", "hold", "{}");
+    ASSERT_TRUE(has(*client, beyond, 1));
+    EXPECT_THAT(client->answers(beyond), ElementsAre("error com.zelt.Error.LimitExceeded"));
+    m_kept.pop_back();
+    request(*client, call);
+    EXPECT_EQ(m_kept.size(), 128u);
+}
+
+TEST_F(Bounds, ASubscribedRequestCountsAmongTheSubscriptionsAlone) {
+    auto client = m_engine->client(QSBus::Public);
+    size_t call = 0;
+    for (int i = 0; i < 64; i++) {
+        QSMessage* message = request(*client, call);
+        ASSERT_TRUE(QSSubscriptionAdd(m_public, "key", message, m_error)) << i;
+        ASSERT_TRUE(reply(message, "{}"));
+    }
+    for (int i = 0; i < 128; i++)
+        request(*client, call);
+    EXPECT_EQ(m_kept.size(), 64u + 128u);
+}
+
+TEST_F(Bounds, APublicPayloadHas4KiB) {
+    auto client = m_engine->client(QSBus::Public);
+    client->call("/", "hold", std::string(4 * 1024, 'x'));
     ASSERT_TRUE(arrived(1));
-    size_t call = client->call("/", "hold", std::string(64 * 1024 + 1, 'x'));
+    size_t call = client->call("/", "hold", std::string(4 * 1024 + 1, 'x'));
     ASSERT_TRUE(has(*client, call, 1));
     EXPECT_THAT(client->answers(call), ElementsAre("error com.zelt.Error.LimitExceeded"));
     EXPECT_EQ(m_kept.size(), 1u);

@@ -1,0 +1,306 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Bounds of what waits unread in the bus daemon. What was sent counts until it is shown to be read, which is
+// asked when much has been sent: the daemon, how much waits for the client; and where it does not tell, or
+// something waits, the client itself, by a Ping behind all that was sent before. The one covers programs that
+// answer no Ping while they wait for a reply, the other tells of a slow client as soon as it has read. In
+// memory, with the connection.
+#include "platform/bus/unread.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "platform/bus/category.h"
+#include "platform/bus/daemon.h"
+#include "platform/bus/error.h"
+#include "platform/bus/message.h"
+#include "platform/bus/peers.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kStatistics = "org.freedesktop.DBus.Debug.Stats";
+constexpr const char* kPeerInterface = "org.freedesktop.DBus.Peer";
+
+// Of one client: the more its user has unread, the less; never less than the first, never more than the
+// second. A long text, such as an item, may go to a client beyond that.
+constexpr size_t kLeast = 8 * 1024;
+constexpr size_t kMost = 128 * 1024;
+constexpr size_t kClientsOfARoom = 64;
+// A client with less than this unread gets its next answer as long as there is any room, and a small one
+// always.
+constexpr size_t kLittle = 1024;
+// Beyond this nobody gets more, but for that small answer. A stock daemon takes 127 MiB from a service, ours
+// 16.
+constexpr size_t kMostOfAll = 12 * 1024 * 1024;
+constexpr size_t kLong = 32 * 1024;
+constexpr size_t kLongOfARoom = 8;
+// Between two questions to the daemon about a client that gets nothing more.
+constexpr int64_t kShortestGap = 1000;
+constexpr int64_t kLongestGap = 256 * 1000;
+// A daemon may allow no more than 128 calls that wait for replies.
+constexpr size_t kMostPings = 64;
+// Callers that have sent no request: they are known for as long as something waits for them.
+constexpr size_t kMostPassers = 256;
+constexpr size_t kIntrospection = 16 * 1024;
+constexpr size_t kLongestPath = 255;
+constexpr uint64_t kAnswerDeadline = 2'000'000;  // microseconds
+constexpr uint64_t kNoTimeout = std::numeric_limits<uint64_t>::max();
+
+size_t limitOf(const Peer& peer) {
+    return std::clamp(peer.handle->unread.room(peer.user) / kClientsOfARoom, kLeast, kMost);
+}
+
+void endPing(Peer& peer) {
+    if (peer.unread.ping)
+        peer.handle->pings--;
+    peer.unread.ping.reset();
+}
+
+int askClient(Peer& peer);
+
+// All that was sent up to here has been read.
+void settle(Peer& peer, uint64_t upTo) {
+    Unread& unread = peer.unread;
+    const uint64_t read = upTo - std::min(upTo, unread.read);
+    unread.read += read;
+    peer.handle->unread.take(peer.user, static_cast<size_t>(read));
+    unread.gap = read ? 0 : std::clamp(2 * unread.gap, kShortestGap, kLongestGap);
+    unread.notBefore = busMaySend(peer, kMessageOverhead) ? 0 : g_get_monotonic_time() + unread.gap;
+    if (unread.bytes() > limitOf(peer) / 4 && !unread.ping)
+        askClient(peer);
+    if (unread.bytes() || !peer.handle->passers.erase(peer.name))
+        busHandOnHeld(peer);
+}
+
+bool readOutgoing(sd_bus_message* reply, uint32_t& bytes) {
+    if (sd_bus_message_enter_container(reply, 'a', "{sv}") <= 0)
+        return false;
+    while (sd_bus_message_enter_container(reply, 'e', "sv") > 0) {
+        const char* key = nullptr;
+        if (sd_bus_message_read(reply, "s", &key) < 0)
+            return false;
+        if (std::strcmp(key, "OutgoingBytes") == 0)
+            return sd_bus_message_read(reply, "v", "u", &bytes) > 0;
+        sd_bus_message_skip(reply, "v");
+        sd_bus_message_exit_container(reply);
+    }
+    return false;
+}
+
+bool isGone(sd_bus_message* reply) {
+    return sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER) ||
+           sd_bus_message_is_method_error(reply, SD_BUS_ERROR_SERVICE_UNKNOWN);
+}
+
+bool isRefused(sd_bus_message* reply) {
+    return sd_bus_message_is_method_error(reply, SD_BUS_ERROR_ACCESS_DENIED) ||
+           sd_bus_message_is_method_error(reply, SD_BUS_ERROR_UNKNOWN_METHOD) ||
+           sd_bus_message_is_method_error(reply, SD_BUS_ERROR_UNKNOWN_INTERFACE) ||
+           sd_bus_message_is_method_error(reply, SD_BUS_ERROR_UNKNOWN_OBJECT);
+}
+
+// The watch for its death tells the rest about a client; of the others nothing else would.
+void settleGone(Peer& peer) {
+    busForgetUnread(peer);
+    peer.handle->passers.erase(peer.name);
+}
+
+int onStatistics(sd_bus_message* reply, void* data, sd_bus_error*) {
+    std::shared_ptr<Peer> peer = busKnownPeer(static_cast<Peer*>(data));
+    if (!peer)
+        return 0;
+    peer->unread.question.reset();
+    uint32_t waiting = 0;
+    if (busIsFromDaemon(reply) && isGone(reply)) {
+        settleGone(*peer);
+    } else if (busIsFromDaemon(reply) && readOutgoing(reply, waiting)) {
+        settle(*peer, peer->unread.asked - std::min<uint64_t>(peer->unread.asked, waiting));
+    } else {
+        if (busIsFromDaemon(reply) && isRefused(reply))
+            peer->handle->asksDaemon = false;
+        settle(*peer, 0);
+    }
+    return 0;
+}
+
+int onPong(sd_bus_message* reply, void* data, sd_bus_error*) {
+    std::shared_ptr<Peer> peer = busKnownPeer(static_cast<Peer*>(data));
+    if (!peer)
+        return 0;
+    endPing(*peer);
+    QSHandle* handle = peer->handle;
+    const char* sender = sd_bus_message_get_sender(reply);
+    // Any answer of the client comes from behind what it has read, an error too.
+    if (sender && peer->name == sender) {
+        settle(*peer, peer->unread.pinged);
+    } else if (busIsFromDaemon(reply) && isGone(reply)) {
+        settleGone(*peer);
+    } else if (busIsFromDaemon(reply) && sd_bus_message_is_method_error(reply, SD_BUS_ERROR_ACCESS_DENIED)) {
+        handle->asksClients = false;
+        if (!handle->asksDaemon)
+            PrvPrintErr(__func__, __LINE__,
+                        "The public bus lets this service ask neither what a client has read nor the client: "
+                        "what waits for clients that do not read is not bounded. Install "
+                        "com.zelt.pubsubservice.conf");
+        busHandOnHeld(*peer);
+    }
+    return 0;
+}
+
+int askDaemon(Peer& peer) {
+    peer.unread.asked = peer.unread.sent;
+    Wire question;
+    int result = sd_bus_message_new_method_call(peer.handle->bus, Receive(question), kBusDaemon,
+                                                kBusDaemonPath, kStatistics, "GetConnectionStats");
+    if (result >= 0)
+        result = sd_bus_message_append(question.get(), "s", peer.name.c_str());
+    // A daemon drops its answer while the inbox of this connection is full.
+    return result < 0 ? result
+                      : sd_bus_call_async(peer.handle->bus, Receive(peer.unread.question), question.get(),
+                                          onStatistics, &peer, kAnswerDeadline);
+}
+
+int askClient(Peer& peer) {
+    if (peer.handle->pings >= kMostPings || !peer.handle->asksClients)
+        return 0;
+    Wire ping;
+    int result = sd_bus_message_new_method_call(peer.handle->bus, Receive(ping), peer.name.c_str(), "/",
+                                                kPeerInterface, "Ping");
+    if (result < 0)
+        return result;
+    sd_bus_message_set_auto_start(ping.get(), 0);
+    // Without a time limit, so without a timer: a client may begin to read again at any time.
+    result =
+        sd_bus_call_async(peer.handle->bus, Receive(peer.unread.ping), ping.get(), onPong, &peer, kNoTimeout);
+    if (result < 0)
+        return result;
+    peer.unread.pinged = peer.unread.sent;
+    peer.handle->pings++;
+    return result;
+}
+
+// True when the call comes to a handler of the service, which counts its own answers.
+bool isServed(const QSHandle* handle, const char* path, sd_bus_message* wire) {
+    const char* interface = sd_bus_message_get_interface(wire);
+    const char* member = sd_bus_message_get_member(wire);
+    const char* signature = sd_bus_message_get_signature(wire, 1);
+    if (!interface || handle->name != interface || !signature || std::strcmp(signature, "s") != 0)
+        return false;
+    for (const auto& category : handle->categories)
+        if (category->path == path)
+            return std::any_of(category->methods.begin(), category->methods.end(),
+                               [&](const Method& method) { return method.name == member; });
+    return false;
+}
+
+// An upper bound of what sd-bus answers by itself; its errors name what was asked for.
+size_t ownAnswer(const char* path, sd_bus_message* wire) {
+    const char* interface = sd_bus_message_get_interface(wire);
+    if (interface && std::strcmp(interface, "org.freedesktop.DBus.Introspectable") == 0)
+        return kIntrospection;
+    const char* signature = sd_bus_message_get_signature(wire, 1);
+    return kMessageOverhead + std::strlen(path) + std::strlen(sd_bus_message_get_member(wire)) +
+           (interface ? std::strlen(interface) : 0) + (signature ? std::strlen(signature) : 0);
+}
+
+// The account of a caller that may never send a request.
+Peer* accountOf(QSHandle* handle, const char* sender) {
+    auto found = handle->peers.find(sender);
+    if (found != handle->peers.end())
+        return found->second.get();
+    found = handle->passers.find(sender);
+    if (found != handle->passers.end())
+        return found->second.get();
+    if (handle->passers.size() >= kMostPassers / 4)
+        busAskWhatWasRead(*handle->passers.begin()->second);
+    if (handle->passers.size() >= kMostPassers)
+        return nullptr;
+    auto passer = std::make_shared<Peer>();
+    passer->handle = handle;
+    passer->name = sender;
+    return handle->passers.emplace(sender, std::move(passer)).first->second.get();
+}
+
+int onAnyMessage(sd_bus_message* wire, void* data, sd_bus_error*) {
+    auto* handle = static_cast<QSHandle*>(data);
+    uint8_t type = 0;
+    const char* sender = sd_bus_message_get_sender(wire);
+    if (sd_bus_message_get_type(wire, &type) < 0 || type != SD_BUS_MESSAGE_METHOD_CALL || !sender)
+        return 0;
+    const char* path = sd_bus_message_get_path(wire);
+    if (isServed(handle, path, wire))
+        return 0;
+    Peer* peer = accountOf(handle, sender);
+    const bool tooLong = std::strlen(path) > kLongestPath;
+    const size_t size = tooLong ? kMessageOverhead : ownAnswer(path, wire);
+    if (!peer || !busMaySend(*peer, size)) {
+        if (peer)
+            busAskWhatWasRead(*peer);
+        return 1;
+    }
+    if (sd_bus_message_get_expect_reply(wire) > 0)
+        busCountSent(*peer, size);
+    if (!tooLong)
+        return 0;
+    sd_bus_reply_method_errorf(wire, SD_BUS_ERROR_UNKNOWN_OBJECT, "No object has a path of this length");
+    return 1;
+}
+
+}  // namespace
+
+bool busMaySend(const Peer& peer, size_t size) {
+    const QSHandle* handle = peer.handle;
+    // Who can ask nobody does not know what is read.
+    if (!busIsPublic(handle) || (!handle->asksDaemon && !handle->asksClients))
+        return true;
+    const size_t unread = peer.unread.bytes();
+    if (unread <= kLittle && size <= kLittle)
+        return true;
+    if (handle->unread.total() + size > kMostOfAll)
+        return false;
+    if (unread <= kLittle)
+        return true;
+    const size_t limit = limitOf(peer);
+    return (unread < limit && size <= kLong) ||
+           unread + size <= std::max(limit, handle->unread.room(peer.user) / kLongOfARoom);
+}
+
+void busCountSent(Peer& peer, size_t size) {
+    if (!busIsPublic(peer.handle))
+        return;
+    peer.unread.sent += size;
+    peer.handle->unread.add(peer.user, size);
+    const size_t unread = peer.unread.bytes();
+    if (unread > kLeast / 4 && unread > limitOf(peer) / 4)
+        busAskWhatWasRead(peer);
+}
+
+bool busAskWhatWasRead(Peer& peer) {
+    Unread& unread = peer.unread;
+    QSHandle* handle = peer.handle;
+    if (!handle->bus)
+        return false;
+    if (handle->asksDaemon && !unread.question && g_get_monotonic_time() >= unread.notBefore)
+        askDaemon(peer);
+    else if (!handle->asksDaemon && !unread.ping)
+        askClient(peer);
+    return unread.question || unread.ping;
+}
+
+void busMoveUnread(Peer& peer, unsigned user) {
+    peer.handle->unread.take(peer.user, peer.unread.bytes());
+    peer.handle->unread.add(user, peer.unread.bytes());
+}
+
+void busForgetUnread(Peer& peer) {
+    endPing(peer);
+    peer.unread.question.reset();
+    peer.handle->unread.take(peer.user, peer.unread.bytes());
+    peer.unread.read = peer.unread.sent;
+}
+
+int busWatchCalls(QSHandle* handle) {
+    return sd_bus_add_filter(handle->bus, Receive(handle->callFilter), onAnyMessage, handle);
+}

@@ -1,0 +1,273 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Clients of the public bus that call and do not read the answers, under the limits of a stock system bus and
+// under ours: what they cost the service, the bus daemon and everybody else; and that clients which do read
+// pay nothing for it. The service under test is a process of its own, and so are the hostile clients, under
+// another user where the test may choose one.
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "tests/contract/bus/real_fixture.h"
+
+namespace {
+
+constexpr int kHostile = 50;
+constexpr unsigned kNobody = 65534;
+constexpr const char* kEverybody = R"(<policy context="default"><allow user="*"/></policy>)";
+// What dbus-daemon has built in, and what no system bus of a distribution changes.
+constexpr const char* kStockLimits = R"(
+  <limit name="max_replies_per_connection">128</limit>
+  <limit name="max_match_rules_per_connection">512</limit>
+  <limit name="max_incoming_bytes">133169152</limit>
+  <limit name="max_outgoing_bytes">133169152</limit>
+  <limit name="max_connections_per_user">256</limit>)";
+
+bool echo(QSHandle* handle, QSMessage* message, void*) {
+    return QSMessageReply(handle, message, QSMessageGetPayload(message), nullptr);
+}
+
+bool answerAtLength(QSHandle* handle, QSMessage* message, void*) {
+    static const std::string text(60000, 'x');
+    return QSMessageReply(handle, message, text.c_str(), nullptr);
+}
+
+bool follow(QSHandle* handle, QSMessage* message, void*) {
+    return QSSubscriptionProcess(handle, message, nullptr, nullptr) &&
+           QSMessageReply(handle, message, "{}", nullptr);
+}
+
+[[noreturn]] void serveEchoes() {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    static const QSMethod methods[] = {
+        {"echo", echo, 0}, {"follow", follow, 0}, {"long", answerAtLength, 0}, {}};
+    BusError error;
+    QSZeltService* service = nullptr;
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    if (QSRegisterZeltService(kServiceName, &service, error) &&
+        QSZeltServiceRegisterCategory(service, "/", methods, nullptr, nullptr, nullptr, error) &&
+        QSGmainAttachZeltService(service, loop, error))
+        g_main_loop_run(loop);
+    QSErrorPrint(error, stderr);
+    _exit(1);
+}
+
+long kilobytes(pid_t pid, const std::string& key) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with(key + ":"))
+            return std::stol(line.substr(key.size() + 1));
+    return 0;
+}
+
+// A connection of no library: its greeting is read, and nothing after it.
+class Deaf {
+  public:
+    explicit Deaf(const std::string& address) {
+        sd_bus_new(&m_bus);
+        sd_bus_set_address(m_bus, address.c_str());
+        sd_bus_set_bus_client(m_bus, 1);
+        const char* name = nullptr;
+        if (sd_bus_start(m_bus) < 0 || sd_bus_get_unique_name(m_bus, &name) < 0)
+            _exit(2);
+    }
+    void send(const char* interface, const char* method, const std::string* payload) {
+        sd_bus_message* wire = nullptr;
+        sd_bus_message_new_method_call(m_bus, &wire, kServiceName, "/", interface, method);
+        if (payload)
+            sd_bus_message_append(wire, "s", payload->c_str());
+        sd_bus_send(m_bus, wire, nullptr);
+        sd_bus_message_unref(wire);
+        sd_bus_flush(m_bus);
+    }
+
+  private:
+    sd_bus* m_bus = nullptr;
+};
+
+struct Hostile {
+    const char* interface;
+    const char* method;
+    size_t payload;
+    int calls;
+};
+
+// Each of them sends its calls, then all go on at an easy pace, for ever. One byte says that the calls are
+// sent.
+[[noreturn]] void beDeaf(const std::string& address, const Hostile& hostile, int channel) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0))
+        _exit(3);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<std::unique_ptr<Deaf>> all;
+    for (int i = 0; i < kHostile; i++)
+        all.push_back(std::make_unique<Deaf>(address));
+    const std::string payload(hostile.payload, 'x');
+    const std::string* given = hostile.payload ? &payload : nullptr;
+    for (int i = 0; i < hostile.calls; i++)
+        for (const auto& one : all)
+            one->send(hostile.interface, hostile.method, given);
+    (void)!write(channel, "!", 1);
+    for (size_t i = 0;; i++) {
+        all[i % all.size()]->send(hostile.interface, hostile.method, given);
+        g_usleep(5000);
+    }
+}
+
+class World {
+  public:
+    explicit World(const std::string& extra) : m_engine(extra + kEverybody), m_service(fork()) {
+        std::filesystem::permissions(m_engine.buses().folder(), std::filesystem::perms(0755));
+        if (m_service.pid() == 0)
+            serveEchoes();
+        sd_bus_new(&m_bus);
+        sd_bus_set_address(m_bus, address().c_str());
+        sd_bus_set_bus_client(m_bus, 1);
+        sd_bus_start(m_bus);
+        EXPECT_TRUE(m_engine.until([&] { return call(); }));
+    }
+    ~World() { sd_bus_close_unref(m_bus); }
+
+    std::string address() { return m_engine.buses().address(QSBus::Public); }
+    pid_t service() const { return m_service.pid(); }
+    sd_bus* bus() { return m_bus; }
+    // One call that waits for its answer, as a simple program makes it.
+    bool call(const std::string& payload = "{}") {
+        sd_bus_message* reply = nullptr;
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        const int result = sd_bus_call_method(m_bus, kServiceName, "/", kServiceName, "echo", &error, &reply,
+                                              "s", payload.c_str());
+        sd_bus_message_unref(reply);
+        sd_bus_error_free(&error);
+        return result >= 0;
+    }
+    // The median of a call, in microseconds; the best of three rounds, since others use the machine too. 0
+    // when a call has no answer.
+    gint64 median() {
+        gint64 best = 0;
+        for (int round = 0; round < 3; round++) {
+            std::vector<gint64> times;
+            for (int i = 0; i < 300; i++) {
+                const gint64 begin = g_get_monotonic_time();
+                if (!call())
+                    return 0;
+                times.push_back(g_get_monotonic_time() - begin);
+                g_usleep(100);
+            }
+            std::nth_element(times.begin(), times.begin() + 150, times.end());
+            best = best ? std::min(best, times[150]) : times[150];
+        }
+        return best;
+    }
+    // Starts the clients and returns when each has sent its calls.
+    OwnedProcess startHostile(const Hostile& hostile) {
+        int channel[2];
+        EXPECT_EQ(pipe(channel), 0);
+        OwnedProcess process(fork());
+        if (process.pid() == 0)
+            beDeaf(address(), hostile, channel[1]);
+        close(channel[1]);
+        pollfd wait = {channel[0], POLLIN, 0};
+        char byte = 0;
+        EXPECT_EQ(poll(&wait, 1, 60000), 1);
+        EXPECT_EQ(read(channel[0], &byte, 1), 1);
+        close(channel[0]);
+        // What they have sent may still fill the service's inbox, and the daemon refuses calls then.
+        int inARow = 0;
+        EXPECT_TRUE(m_engine.until([&] { return (inARow = call() ? inARow + 1 : 0) == 100; }));
+        return process;
+    }
+
+  private:
+    RealEngine m_engine;
+    OwnedProcess m_service;
+    sd_bus* m_bus = nullptr;
+};
+
+class ClientsThatDoNotRead
+    : public testing::TestWithParam<std::tuple<const char*, std::pair<const char*, Hostile>>> {};
+
+// A client that reads, under a daemon that tells what waits for it and under one that does not.
+class ClientsThatRead : public testing::TestWithParam<const char*> {};
+
+constexpr const char* kTelling = "";
+constexpr const char* kTellingNothing =
+    R"(<policy context="mandatory"><deny send_interface="org.freedesktop.DBus.Debug.Stats"/></policy>)";
+
+std::string nameOfCase(const testing::TestParamInfo<ClientsThatDoNotRead::ParamType>& info) {
+    return std::string(*std::get<0>(info.param) ? "Stock" : "Ours") + std::get<1>(info.param).first;
+}
+
+}  // namespace
+
+TEST_P(ClientsThatDoNotRead, HoldNobodyAndFillNothing) {
+    World world(std::get<0>(GetParam()));
+    const gint64 quiet = world.median();
+    ASSERT_GT(quiet, 0);
+    const long before = kilobytes(world.service(), "VmHWM");
+    OwnedProcess hostile = world.startHostile(std::get<1>(GetParam()).second);
+    const gint64 loaded = world.median();
+    const long after = kilobytes(world.service(), "VmHWM");
+    RecordProperty("quiet", std::to_string(quiet));
+    RecordProperty("loaded", std::to_string(loaded));
+    RecordProperty("grown", std::to_string(after - before));
+    printf("a call quiet %ld us, loaded %ld us, grown by %ld kB\n", static_cast<long>(quiet),
+           static_cast<long>(loaded), after - before);
+    ASSERT_GT(loaded, 0) << "a call had no answer";
+    EXPECT_LE(loaded, 3 * quiet);
+    EXPECT_LE(after - before, 16 * 1024);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ClientsThatDoNotRead,
+    testing::Combine(
+        testing::Values("", kStockLimits),
+        testing::Values(std::pair<const char*, Hostile>{"Answers", {kServiceName, "echo", 4000, 400}},
+                        std::pair<const char*, Hostile>{"LongAnswers", {kServiceName, "long", 1, 100}},
+                        std::pair<const char*, Hostile>{
+                            "Introspection", {"org.freedesktop.DBus.Introspectable", "Introspect", 0, 400}})),
+    nameOfCase);
+
+TEST_P(ClientsThatRead, GetEveryAnswerAtFullRate) {
+    World world(GetParam());
+    constexpr int kCalls = 20000;
+    constexpr int kInFlight = 64;
+    struct Progress {
+        int answered = 0;
+        int failed = 0;
+    } progress;
+    auto count = [](sd_bus_message* reply, void* data, sd_bus_error*) {
+        auto* seen = static_cast<Progress*>(data);
+        (sd_bus_message_is_method_error(reply, nullptr) ? seen->failed : seen->answered)++;
+        return 0;
+    };
+    const std::string payload(400, 'x');
+    const gint64 deadline = g_get_monotonic_time() + 60 * G_USEC_PER_SEC;
+    for (int sent = 0; progress.answered + progress.failed < kCalls;) {
+        while (sent < kCalls && sent - progress.answered - progress.failed < kInFlight) {
+            ASSERT_GE(sd_bus_call_method_async(world.bus(), nullptr, kServiceName, "/", kServiceName, "echo",
+                                               count, &progress, "s", payload.c_str()),
+                      0);
+            sent++;
+        }
+        if (sd_bus_process(world.bus(), nullptr) == 0)
+            sd_bus_wait(world.bus(), 100000);
+        ASSERT_LT(g_get_monotonic_time(), deadline) << progress.answered << " answered";
+    }
+    EXPECT_EQ(progress.answered, kCalls);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, ClientsThatRead, testing::Values(kTelling, kTellingNothing),
+                         [](const auto& which) { return which.index ? "AndArePinged" : "AsTheDaemonTells"; });
+
+// A program that waits for each answer before it calls again answers no Ping meanwhile.
+TEST(ClientThatWaits, GetsEveryAnswerWithoutAPing) {
+    World world(kTelling);
+    const std::string payload(4000, 'x');
+    for (int i = 0; i < 2000; i++)
+        ASSERT_TRUE(world.call(payload)) << i;
+}
