@@ -4,17 +4,21 @@
 // Keeps PubSubSession::serviceNodeMap and appNodeMap. The file holds one record a line: the text of a JSON
 // object
 // ({"node", "endpoint", optional "app"}), a zero byte and a newline. It is read once at start, appended to by
-// a new registration and written anew when one is withdrawn. A damaged record costs the file, not what was
-// read before it.
+// a new registration and replaced as a unit, on the disk, when one is withdrawn. A damaged record costs the
+// file, not what was read before it.
+#include <glib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
@@ -28,6 +32,7 @@ namespace {
 // them.
 constexpr std::size_t kLineLength = 4095;
 constexpr std::size_t kRecordLength = kLineLength - 1;
+constexpr mode_t kFileMode = 0666;  // of a new file, less the umask
 
 // The log names the operation and not the step of it that failed.
 constexpr const char* kUpdate = "UpdateHandlerFile";
@@ -122,27 +127,102 @@ std::string recordText(const std::string& node, const std::string& endpoint, boo
     return json_object_to_json_string(object.get());
 }
 
+// The least that a record can be: no blanks, no escaped slashes, and no "app" where it is that of the record
+// before. A caller's own record, as it was accepted, is never shorter.
+std::string shortRecordText(const std::string& node, const std::string& endpoint, bool app, bool appBefore) {
+    const JsonRef object(json_object_new_object());
+    json_object_object_add(object.get(), "node", json_object_new_string(node.c_str()));
+    json_object_object_add(object.get(), "endpoint", json_object_new_string(endpoint.c_str()));
+    if (app != appBefore)
+        json_object_object_add(object.get(), "app", json_object_new_boolean(app));
+    return json_object_to_json_string_ext(object.get(),
+                                          JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+}
+
 using NodeMap = std::map<std::string, std::list<std::string>>;
 
-// False when writing fails. A record that does not fit is left out and clears `complete`: it must not cost
-// the rest.
-bool writeTable(FILE* file, const NodeMap& table, bool app, bool& complete) {
-    for (const auto& [node, endpoints] : table)
-        for (const std::string& endpoint : endpoints) {
-            const std::string record = recordText(node, endpoint, app);
-            if (!fitsLine(record))
-                complete = false;
-            else if (!writeRecord(file, record))
-                return false;
+// The records of all tables as the file is to hold them.
+class Rewrite {
+  public:
+    void add(const NodeMap& table, bool app) {
+        for (const auto& [node, endpoints] : table)
+            for (const std::string& endpoint : endpoints)
+                add(node, endpoint, app);
+    }
+    const std::string& text() const { return m_text; }
+    // False when a record does not fit. It is left out: it must not cost the rest.
+    bool complete() const { return m_complete; }
+
+  private:
+    // A record that was accepted in fewer characters than it has with all its members keeps the shorter form.
+    void add(const std::string& node, const std::string& endpoint, bool app) {
+        const std::string full = recordText(node, endpoint, app);
+        const std::string record =
+            full.size() <= kRecordLength ? full : shortRecordText(node, endpoint, app, m_app);
+        if (record.size() > kRecordLength) {
+            fitsLine(full);
+            m_complete = false;
+            return;
         }
-    return true;
+        m_text += record + std::string("\0\n", 2);
+        m_app = app;
+    }
+
+    std::string m_text;
+    bool m_app = false;  // as the reading begins
+    bool m_complete = true;
+};
+
+struct FreeError {
+    void operator()(GError* error) const { g_error_free(error); }
+};
+
+// A kill, a full disk or a power cut leaves the old file or the new one.
+bool replaceHandlerFile(const std::string& text) {
+    struct stat before = {};
+    // A file that could not be written to is not replaced either.
+    if (const File file = openHandlerFile("a"); !file || fstat(fileno(file.get()), &before) != 0)
+        return false;
+    const auto flags =
+        static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
+    GError* error = nullptr;
+    if (g_file_set_contents_full(handlerFile().c_str(), text.data(), static_cast<gssize>(text.size()), flags,
+                                 static_cast<int>(before.st_mode & kFileMode), &error))
+        return true;
+    const std::unique_ptr<GError, FreeError> owned(error);
+    PrvPrintErr(kUpdate, __LINE__, "Cannot write to file.");
+    return false;
+}
+
+// A process that was killed while it wrote a new file has left it beside the old one, under a name with six
+// characters more.
+void removeUnfinishedRewrites() {
+    const std::string prefix = std::filesystem::path(handlerFile()).filename().string() + '.';
+    std::error_code none;
+    std::vector<std::filesystem::path> left;
+    for (const auto& entry : std::filesystem::directory_iterator(stateDir(), none)) {
+        const std::string name = entry.path().filename().string();
+        if (name.starts_with(prefix) && name.size() == prefix.size() + 6 &&
+            std::all_of(name.end() - 6, name.end(), [](unsigned char c) { return std::isalnum(c); }))
+            left.push_back(entry.path());
+    }
+    for (const std::filesystem::path& path : left)
+        unlink(path.c_str());
+}
+
+// What cannot be written back at a withdrawal is refused at once.
+bool canBeRewritten(const std::string& record) {
+    Record parsed;
+    bool app = false;
+    return !parseRecord(record, parsed, app) ||
+           fitsLine(shortRecordText(parsed.node, parsed.endpoint, false, false));
 }
 
 bool appendRecord(const char* line) {
     std::string record(line);
     std::replace_if(
         record.begin(), record.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-    if (!fitsLine(record))
+    if (!fitsLine(record) || !canBeRewritten(record))
         return false;
     const File file = openHandlerFile("a");
     return file && writeRecord(file.get(), record);
@@ -169,6 +249,7 @@ bool PubSubSession::removeNodeFromMap(std::string node, std::string endpoint, bo
 }
 
 void PubSubSession::ReadHandlerFile() {
+    removeUnfinishedRewrites();
     File file(std::fopen(handlerFile().c_str(), "r"));
     if (!file) {
         PrvPrintErr(__func__, __LINE__, "Warning: No handler file present");
@@ -195,8 +276,8 @@ bool PubSubSession::UpdateHandlerFile(const char* line, bool append) {
         return false;
     if (append)
         return appendRecord(line);
-    const File file = openHandlerFile("w");
-    bool complete = true;
-    return file && writeTable(file.get(), serviceNodeMap, false, complete) &&
-           writeTable(file.get(), appNodeMap, true, complete) && complete;
+    Rewrite rewrite;
+    rewrite.add(serviceNodeMap, false);
+    rewrite.add(appNodeMap, true);
+    return replaceHandlerFile(rewrite.text()) && rewrite.complete();
 }

@@ -1,31 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The item cache: file names, replacing writes, and files that are missing, empty or damaged.
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "tests/fakes/servicefixture.h"
+#include "tests/unit/delivery/synced.h"
 #include "util/jsonref.h"
-
-namespace {
-
-// What was synced since the last look: the path, and whether the item's file stood under its name by then.
-struct Synced {
-    std::filesystem::path path;
-    bool inPlace;
-};
-std::vector<Synced> synced;
-std::filesystem::path watchedFile;
-
-}  // namespace
-
-// Takes the place of the C library's for GLib too.
-extern "C" int fsync(int descriptor) {
-    std::error_code none;
-    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    synced.push_back({std::filesystem::read_symlink(link, none), std::filesystem::exists(watchedFile, none)});
-    return static_cast<int>(syscall(SYS_fsync, descriptor));
-}
 
 class Cache : public ServiceTest {
   protected:
@@ -81,9 +61,10 @@ TEST_F(Cache, HoldsTheTextOfTheObjectWithoutANewline) {
 }
 
 TEST_F(Cache, HasTheItemAndItsNameOnTheDiskBeforeItCountsAsSaved) {
-    watchedFile = pathOf("/u/in");
-    synced.clear();
+    const std::filesystem::path watchedFile = pathOf("/u/in");
+    syncs().watch(watchedFile);
     EXPECT_TRUE(save("/u/in", "{}"));
+    const std::vector<Synced>& synced = syncs().all;
     ASSERT_EQ(synced.size(), 2u);
     EXPECT_TRUE(synced[0].path.string().starts_with(watchedFile.string() + '.')) << synced[0].path;
     EXPECT_FALSE(synced[0].inPlace);

@@ -2,10 +2,13 @@
 // The file that brings the node tables over a restart: every record form, and what damage costs.
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 
 #include "tests/fakes/servicefixture.h"
+#include "tests/unit/delivery/synced.h"
 
 namespace {
 
@@ -47,6 +50,10 @@ class HandlerFile : public ServiceTest {
     }
     bool append(const std::string& record) { return session().UpdateHandlerFile(record.c_str(), true); }
     bool rewrite() { return session().UpdateHandlerFile("not used", false); }
+    std::size_t filesInStateFolder() const {
+        const std::filesystem::directory_iterator all(stateFolder());
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    }
     Table& services() { return session().serviceNodeMap; }
     Table& apps() { return session().appNodeMap; }
 
@@ -291,29 +298,166 @@ TEST_F(HandlerFile, LeavesNoPieceOfARecordThatADiskHadNoRoomFor) {
     EXPECT_EQ(takeLogLines(), Texts{"UpdateHandlerFile: Cannot write to file."});
 }
 
-TEST_F(HandlerFile, KeepsTheRecordsOfARewriteThatADiskHadRoomFor) {
+TEST_F(HandlerFile, StaysAsItWasWhenADiskHasNoRoomForTheRewrite) {
     bool present = false;
     const std::string endpoint(1000, 'x');
     for (const char* node : {"a", "b", "c"})
         session().addNodeToMap(node, endpoint, false, present);
-    session().addNodeToMap("d", "y", true, present);
+    ASSERT_TRUE(rewrite());
+    const std::string before = text();
+    session().removeNodeFromMap("a", endpoint, false);
     {
         const SmallDisk disk(1500);
         EXPECT_FALSE(rewrite());
     }
-    EXPECT_EQ(text(), line(rewrittenRecord("a", false, endpoint)));
+    EXPECT_EQ(text(), before);
     EXPECT_EQ(takeLogLines(), Texts{"UpdateHandlerFile: Cannot write to file."});
-    EXPECT_EQ(services().size(), 3u);
+    EXPECT_EQ(services().size(), 2u);
+    EXPECT_EQ(filesInStateFolder(), 1u);
 }
 
 TEST_F(HandlerFile, ReportsADiskThatIsFull) {
     std::filesystem::create_symlink("/dev/full", file());
     EXPECT_FALSE(append(appendedRecord("a", "x")));
+    EXPECT_EQ(takeLogLines(), Texts{"UpdateHandlerFile: Cannot write to file."});
+}
+
+// --- a rewrite is a new file
+
+TEST_F(HandlerFile, RewriteIsOnTheDiskBeforeItTakesTheOldOnesName) {
     bool present = false;
     session().addNodeToMap("a", "x", false, present);
     session().addNodeToMap("b", "y", false, present);
-    EXPECT_FALSE(rewrite());
-    EXPECT_EQ(takeLogLines(), (Texts{"UpdateHandlerFile: Cannot write to file.",
-                                     "UpdateHandlerFile: Cannot write to file."}));
-    EXPECT_EQ(services().size(), 2u);
+    ASSERT_TRUE(rewrite());
+    const std::string before = text();
+    const std::filesystem::path old = stateFolder() / "old";
+    std::filesystem::create_hard_link(file(), old);
+    session().removeNodeFromMap("a", "x", false);
+    syncs().watch(file());
+    EXPECT_TRUE(rewrite());
+    EXPECT_EQ(fileText(old), before);
+    EXPECT_EQ(text(), line(rewrittenRecord("b", false, "y")));
+    const std::vector<Synced>& synced = syncs().all;
+    ASSERT_EQ(synced.size(), 2u);
+    EXPECT_TRUE(synced[0].path.string().starts_with(file().string() + '.')) << synced[0].path;
+    EXPECT_EQ(synced[0].size, before.size());
+    EXPECT_TRUE(std::filesystem::equivalent(synced[1].path, stateFolder())) << synced[1].path;
+    EXPECT_EQ(synced[1].size, text().size());
+}
+
+TEST_F(HandlerFile, RewriteKeepsWhoMayReadTheFile) {
+    writeFile(file(), "");
+    chmod(file().c_str(), 0600);
+    EXPECT_TRUE(rewrite());
+    struct stat status = {};
+    ASSERT_EQ(stat(file().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(HandlerFile, StartRemovesWhatAnUnfinishedRewriteLeftAndNothingElse) {
+    load(line(appendedRecord("a", "x")));
+    writeFile(stateFolder() / "pubsubhandlers.conf.A1b2C3", "half");
+    writeFile(stateFolder() / "pubsubhandlers.conf.saved", "somebody's");
+    writeFile(stateFolder() / "pubsub.conf", "");
+    session().ReadHandlerFile();
+    EXPECT_EQ(filesInStateFolder(), 3u);
+    EXPECT_FALSE(std::filesystem::exists(stateFolder() / "pubsubhandlers.conf.A1b2C3"));
+}
+
+TEST_F(HandlerFile, KillWhileAHandlerIsWithdrawnLosesNoOther) {
+    constexpr int kKills = 20;
+    constexpr int kOthers = 300;
+    bool present = false;
+    for (int i = 0; i < kOthers; ++i)
+        session().addNodeToMap("/u1234/dev42/kept/" + std::to_string(i), "zelt://com.example.kept/in", false,
+                               present);
+    ASSERT_TRUE(rewrite());
+    for (int kills = 0; kills < kKills; ++kills) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            close(ends[0]);
+            for (char turn = 0;; ++turn) {
+                session().addNodeToMap("/u1234/dev42/withdrawn", "x", false, present);
+                if (!append(appendedRecord("/u1234/dev42/withdrawn", "x")))
+                    _exit(1);
+                session().removeNodeFromMap("/u1234/dev42/withdrawn", "x", false);
+                if (!rewrite() || write(ends[1], &turn, 1) != 1)
+                    _exit(1);
+            }
+        }
+        close(ends[1]);
+        // Within a withdrawal, since they are most of what the child does.
+        char turn = 0;
+        for (int turns = 0; turns <= kills % 3; ++turns)
+            ASSERT_EQ(read(ends[0], &turn, 1), 1);
+        usleep(static_cast<useconds_t>(37 * kills));
+        kill(child, SIGKILL);
+        close(ends[0]);
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFSIGNALED(status)) << "the child could not write";
+        restartService();
+        session().ReadHandlerFile();
+        services().erase("/u1234/dev42/withdrawn");
+        ASSERT_EQ(services().size(), static_cast<std::size_t>(kOthers)) << "after kill " << kills;
+    }
+}
+
+// --- records that are shorter as they were accepted
+
+TEST_F(HandlerFile, RewriteKeepsTheShorterFormOfALongRecord) {
+    // Every slash takes a second character in the file's usual form.
+    const std::string endpoint = "zelt://com.example.long/" + std::string(3900, '/');
+    const std::string record = appendedRecord("/u/r/b", endpoint);
+    ASSERT_LE(record.size(), 4094u);
+    bool present = false;
+    session().addNodeToMap("a", "x", false, present);
+    session().addNodeToMap("/u/r/b", endpoint, false, present);
+    session().addNodeToMap("c", "z", true, present);
+    EXPECT_TRUE(append(record));
+    EXPECT_TRUE(rewrite());
+    EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(text(),
+              line(record) + line(rewrittenRecord("a", false, "x")) + line(rewrittenRecord("c", true, "z")));
+    restartService();
+    session().ReadHandlerFile();
+    EXPECT_EQ(services(), (Table{{"/u/r/b", {endpoint}}, {"a", {"x"}}}));
+    EXPECT_EQ(apps(), (Table{{"c", {"z"}}}));
+}
+
+TEST_F(HandlerFile, RewriteKeepsALongRecordOfAnApplicationInItsRegistry) {
+    const std::string endpoint = "zelt://com.example.long/" + std::string(3900, '/');
+    bool present = false;
+    session().addNodeToMap("a", "x", false, present);
+    session().addNodeToMap("b", endpoint, true, present);
+    EXPECT_TRUE(rewrite());
+    restartService();
+    session().ReadHandlerFile();
+    EXPECT_EQ(services(), (Table{{"a", {"x"}}}));
+    EXPECT_EQ(apps(), (Table{{"b", {endpoint}}}));
+}
+
+TEST_F(HandlerFile, KeepsTheLongestRecordThatWasAcceptedOverAWithdrawal) {
+    for (const std::size_t length : {4093, 4094}) {
+        const std::string empty = appendedRecord("/b", "");
+        const std::string endpoint = std::string(length - empty.size(), '/');
+        ASSERT_TRUE(append(appendedRecord("/b", endpoint)));
+        bool present = false;
+        session().addNodeToMap("/b", endpoint, false, present);
+        EXPECT_TRUE(rewrite());
+        EXPECT_EQ(text(), line(appendedRecord("/b", endpoint)));
+        session().removeNodeFromMap("/b", endpoint, false);
+    }
+}
+
+TEST_F(HandlerFile, RefusesARecordThatNoRewriteCouldHold) {
+    // A bare control character takes six characters in every form that is written.
+    const std::string record = appendedRecord("/b", std::string(1000, '\x01'));
+    EXPECT_FALSE(append(record));
+    EXPECT_FALSE(exists());
+    EXPECT_EQ(takeLogLines(),
+              Texts{"UpdateHandlerFile: Handler record of 6027 characters not saved, the limit is 4094. "
+                    "Use a shorter node or endpoint."});
 }
