@@ -38,6 +38,19 @@ void addText(json_object* object, const char* key, const std::string& text) {
     json_object_object_add(object, key, json_object_new_string(text.c_str()));
 }
 
+// "/U/R/..." of three or more segments belongs to the account whose local part is U. Items of such a node
+// with this device's resource would take the place of its own in the cache and at the handlers.
+bool isForeign(const std::string& node, const PubSubSession& session) {
+    if (!node.starts_with('/'))
+        return false;
+    const std::size_t user = node.find('/', 1);
+    const std::size_t resource = user == std::string::npos ? user : node.find('/', user + 1);
+    if (resource == std::string::npos || node.substr(user + 1, resource - user - 1) != session.m_resource)
+        return false;
+    const std::string owner = node.substr(1, user - 1);
+    return owner != session.m_username && owner != session.m_jid.username();
+}
+
 // The text of the form field `var`, "" when the form lacks it.
 std::string fieldValue(const gloox::Tag& form, const std::string& var) {
     for (const gloox::Tag* field : form.children()) {
@@ -122,6 +135,11 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
             m_pubsub->ackItem(service, node, itemId);
     };
 
+    if (isForeign(node, *this)) {
+        PrvPrintErr(__func__, __LINE__, "Item dropped, its node %s belongs to another account", node.c_str());
+        acknowledge();
+        return;
+    }
     activated(node, false);
     if (isStalePacket(node, seqNo)) {
         acknowledge();

@@ -27,7 +27,7 @@ TEST_F(Incoming, ServiceCallsAskForNoReply) {
     EXPECT_EQ(call.handle, privateHandle());
 }
 
-TEST_F(Incoming, ItemOfAServiceWhoseCallFailsIsStoredAndAcknowledgedAndNotCached) {
+TEST_F(Incoming, ItemGoesToTheNextServiceWhenTheCallToOneFailsAndIsNotCached) {
     registerService("zelt://com.example.one/item");
     registerService("zelt://com.example.two/item");
     fakeBus().failNext("QSCall", -113, "not there", 1, 1);
@@ -39,6 +39,19 @@ TEST_F(Incoming, ItemOfAServiceWhoseCallFailsIsStoredAndAcknowledgedAndNotCached
     EXPECT_NE(log().raw().find("bus error -113: not there"), std::string::npos);
     EXPECT_EQ(takeLogLines(),
               Texts{"sendMessageToServices: QSCall to a registered callback failed. Item sent to cache\n"});
+    EXPECT_FALSE(isCached());
+}
+
+TEST_F(Incoming, ItemIsTheServicesAlsoWhenEveryCallToThemFails) {
+    FakeMessage* subscriber = subscribePublic();
+    registerService("zelt://com.example.one/item");
+    registerService("zelt://com.example.two/item");
+    fakeBus().failNext("QSCall", -113, "not there", 2, 1);
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(takeEvents(), join({{kPing}, persisted("7"), {ack("i1")}}));
+    EXPECT_EQ(takeLog().size(), 2u);
+    EXPECT_EQ(subscriber->answers, Texts{});
+    EXPECT_TRUE(session().subMap.contains(kNode));
     EXPECT_FALSE(isCached());
 }
 
@@ -276,10 +289,79 @@ TEST_F(Incoming, PublicSubscriberComesBeforeTheListenerForClosedApplications) {
     EXPECT_FALSE(isCached());
 }
 
+TEST_F(Incoming, ListenerForClosedApplicationsHearsNothingOfASubscriberThatCancelled) {
+    FakeMessage* listener = listenOnClose();
+    session().setSubMap(kNode, "com.example.app", nullptr);
+    session().m_offlineMap[kNode] = "com.example.app";
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(takeEvents(), join({{kPing}, persisted("7"), {ack("i1")}}));
+    EXPECT_EQ(listener->answers, Texts{});
+    EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(cached(), appObject("hello"));
+}
+
 TEST_F(Incoming, ClosedApplicationWithoutAnEntryInTheMapIsNotTold) {
     FakeMessage* listener = listenOnClose();
     pushItem(kNode, "7", "i1", "hello");
     EXPECT_EQ(listener->answers, Texts{});
     EXPECT_EQ(takeLogLines(), Texts{});
     EXPECT_EQ(cached(), appObject("hello"));
+}
+
+// --- nodes of other accounts under this device's name
+
+class NodeNames : public Incoming {
+  protected:
+    // Its items reach a handler.
+    void expectDelivery(const std::string& node) {
+        const std::string handler = "zelt://com.example.one/item" + std::to_string(++m_handlers);
+        bool present = false;
+        session().addNodeToMap(node, handler, false, present);
+        pushItem(node, "7", "i1", "hello");
+        EXPECT_EQ(fakeBus().payloadsTo(handler).size(), 1u) << node;
+    }
+
+  private:
+    int m_handlers = 0;
+};
+
+class ForeignNode : public NodeNames, public testing::WithParamInterface<const char*> {};
+
+TEST_P(ForeignNode, IsAcknowledgedLoggedAndDropped) {
+    const std::string node = GetParam();
+    registerService("zelt://com.example.one/item");
+    bool present = false;
+    session().addNodeToMap(node, "zelt://com.example.one/item", false, present);
+    pushItem(node, "7", "i1", "hello");
+    EXPECT_EQ(takeEvents(), (Texts{kPing, ack("i1", node)}));
+    EXPECT_EQ(takeLogLines(),
+              Texts{"handleIncomingItem: Item dropped, its node " + node + " belongs to another account"});
+    EXPECT_TRUE(session().m_activateMap.empty());
+    EXPECT_TRUE(std::filesystem::is_empty(stateFolder() / "cache"));
+    expectNothingKept();
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, ForeignNode,
+                         testing::Values("/stranger/dev42/com.example.app/inbox", "/stranger/dev42/x",
+                                         "/stranger/dev42/", "//dev42/com.example.app/inbox",
+                                         "/u1234x/dev42/com.example.app/inbox"));
+
+TEST_F(NodeNames, WaitingItemOfAnApplicationOutlivesOneOfAnotherAccount) {
+    pushItem(kNode, "7", "i1", "genuine");
+    pushItem("/stranger/dev42/com.example.app/inbox", "8", "i2", "forged");
+    EXPECT_EQ(cached(), appObject("genuine"));
+}
+
+TEST_F(NodeNames, OtherResourcesShorterNamesAndTheOwnAccountStay) {
+    for (const char* node : {"/stranger/dev43/com.example.app/inbox", "/stranger/dev42", "stranger/dev42/a/b",
+                             "/news", "news", "/u1234/dev42/com/zelt/news", "/u1234/dev43/a/b"}) {
+        expectDelivery(node);
+    }
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(NodeNames, AccountsOwnNameCountsAlsoAsTheServerWritesIt) {
+    session().setSessionDetails("U1234@example.org", "secret", kResource, kServer, kService, 5222);
+    expectDelivery("/u1234/dev42/com/zelt/news");
+    EXPECT_EQ(takeLogLines(), Texts{});
 }
