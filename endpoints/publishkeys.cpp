@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::size_t kDescriptionLength = 49;
 constexpr int32_t kAccessAuthorize = 2;
+constexpr char kTooMany[] = "Too many endpoints, the limit is 1000. Call deleteEndpoint first";
 constexpr char kNotInitialized[] = "pubsubservice library is not initialized";
 
 // Sends the operation's key or the server's refusal to the caller. `logged` names the node in the log.
@@ -37,6 +38,15 @@ JsonRef keyReply(const _endpointStruct& request, const std::string& key, const g
     return reply;
 }
 
+// One more creation under way for the application, until the last copy of this goes.
+std::shared_ptr<void> creationOf(const std::string& appId) {
+    std::weak_ptr<void>& creating = gCurrentSession.m_creating[appId];
+    std::shared_ptr<void> held = creating.lock();
+    if (!held)
+        creating = held = std::make_shared<bool>(true);
+    return held;
+}
+
 }  // namespace
 
 bool createEndpoint(QSHandle* handle, QSMessage* message, void*) {
@@ -55,6 +65,11 @@ bool createEndpoint(QSHandle* handle, QSMessage* message, void*) {
     getJSONInt(request.object(), "accessType", ignored, accessType);
     if (!request.formNode())
         return request.refuse(__func__, __LINE__);
+    bool known = false;
+    if (!session.mayOwnNode(request.node, request.appId, &known)) {
+        request.fail("appErr", kTooMany);
+        return request.refuse(__func__, __LINE__);
+    }
     const auto access =
         accessType == kAccessAuthorize ? gloox::PubSub::AccessAuthorize : gloox::PubSub::AccessWhitelist;
     const std::string id =
@@ -65,6 +80,8 @@ bool createEndpoint(QSHandle* handle, QSMessage* message, void*) {
         return request.refuse(__func__, __LINE__);
     }
     session.setEndpointMap(id, message, request.endpoint, request.node, request.appId);
+    if (!known)
+        session.m_endpointMap[id].creation = creationOf(request.appId);
     return true;
 }
 

@@ -2,6 +2,7 @@
 // A public endpoint request that waits for the server's answer.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "platform/bus/qsraii.h"
@@ -11,6 +12,8 @@ struct _endpointStruct {
     std::string appId;     // the caller's application id, cut at its first blank
     std::string node;      // full node name
     KeptMessage message;   // the request, kept until the reply
+    // Counts a creation against its application's bound until it is answered.
+    std::shared_ptr<void> creation = nullptr;
 };
 
 // The public subscriber of a node.

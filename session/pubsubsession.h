@@ -17,6 +17,8 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
+#include <set>
 #include <string>
 
 #include "platform/bus/qsraii.h"
@@ -197,6 +199,10 @@ class PubSubSession : public gloox::MessageHandler,
     bool getSeqNo(const std::string& node, uint64_t& seqNo);
     void persistSeqNo(const std::string& node, const std::string& seqNo);
     bool isStalePacket(const std::string& node, const std::string& seqNo);
+    // Both buffer their writes in the handle; the caller commits.
+    static void dropSeqNo(QPHandle* handle, const std::string& node);
+    // Clears `key` for a record of the deletion store when an earlier release kept a node's number there.
+    static bool moveNumberAside(QPHandle* handle, const std::string& key);
 
     // delivery/offlinemap.cpp
     QPHandle* getOfflinePrefHandle();
@@ -243,6 +249,10 @@ class PubSubSession : public gloox::MessageHandler,
     void activateNodes();
 
     // maintenance/deletestore.cpp
+    // Whether the application may have one endpoint more, or has this one already (`known`).
+    bool mayOwnNode(const std::string& node, const std::string& appId, bool* known = nullptr);
+    // The nodes beyond those that the record `key` itself holds.
+    std::set<std::string>& furtherNodes(const std::string& key);
     bool addNodeToDeleteStore(const std::string& node, const std::string& appId);
     bool removeNodeFromDeleteStore(const std::string& node, const std::string& appId);
     bool cleanupNodes(const std::string& appId, const std::string& storeKey);
@@ -294,6 +304,10 @@ class PubSubSession : public gloox::MessageHandler,
     bool m_survivedOutage = false;  // it stayed up over the mobile link while there was no Internet
     std::map<std::string, _endpointStruct>
         m_deferredSubscribes;  // node -> subscribe without its first answer yet
+    std::map<std::string, std::set<std::string>>
+        m_furtherNodes;                                     // key of the deletion store -> further nodes
+    bool m_furtherNodesRead = false;                        // they were read from the store
+    std::map<std::string, std::weak_ptr<void>> m_creating;  // application -> held by its creations under way
 
     static GSource*
         m_source;  // watch on the XMPP socket, borrowed from the main context; null when there is none

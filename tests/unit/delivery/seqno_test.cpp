@@ -196,3 +196,70 @@ TEST_F(SeqNo, BearsACommitThatFails) {
     EXPECT_FALSE(stale("42"));
     EXPECT_EQ(fakePrefs().openHandles(), 1u);
 }
+
+// --- nodes called like a record of the deletion store
+
+class SeqNoOfADelete : public SeqNo, public testing::WithParamInterface<const char*> {};
+
+TEST_P(SeqNoOfADelete, StandsWhereNoRecordOfTheDeletionStoreCanBe) {
+    const std::string node = GetParam();
+    const std::string record = R"({ "nodes": [ "\/u\/a" ] })";
+    store(record, node);
+    EXPECT_FALSE(stale("1", node));
+    session().persistSeqNo(node, "42");
+    EXPECT_EQ(fakePrefs().stored(kApp).at(node), record);
+    for (const auto& [key, value] : fakePrefs().stored(kApp))
+        EXPECT_TRUE(key == node || !key.starts_with("delete")) << key;
+    EXPECT_TRUE(stale("42", node));
+    EXPECT_FALSE(stale("43", node));
+    removeSeqNo(node, session());
+    EXPECT_FALSE(stale("1", node));
+    EXPECT_EQ(fakePrefs().stored(kApp), (FakePrefs::Values{{node, record}}));
+}
+
+TEST_P(SeqNoOfADelete, OfAnEarlierReleaseStillCounts) {
+    const std::string node = GetParam();
+    store(R"({ "seqNo": "42" })", node);
+    EXPECT_TRUE(stale("42", node));
+    session().persistSeqNo(node, "43");
+    EXPECT_FALSE(fakePrefs().stored(kApp).contains(node));
+    EXPECT_TRUE(stale("43", node));
+    store(R"({ "seqNo": "42" })", node);
+    removeSeqNo(node, session());
+    EXPECT_EQ(fakePrefs().stored(kApp), FakePrefs::Values{});
+}
+
+TEST_P(SeqNoOfADelete, OfAnEarlierReleaseMakesRoomForARecord) {
+    const std::string node = GetParam();
+    const std::string appId = node.substr(6);
+    store(R"({ "seqNo": "42" })", node);
+    EXPECT_FALSE(session().removeNodeFromDeleteStore("/u/a", appId));
+    store(R"({ "seqNo": "42" })", node);
+    EXPECT_TRUE(session().cleanupNodes(appId, ""));
+    store(R"({ "seqNo": "42" })", node);
+    EXPECT_TRUE(session().addNodeToDeleteStore("/u/a", appId));
+    EXPECT_EQ(fakePrefs().stored(kApp).at(node), R"({ "nodes": [ "\/u\/a" ] })");
+    EXPECT_TRUE(stale("42", node));
+    EXPECT_EQ(takeLog(), Texts{"Node /u/a not present in appid " + appId});
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, SeqNoOfADelete,
+                         testing::Values("delete", "deletecom.example.mail", "deleted news"));
+
+TEST_F(SeqNo, NodesCalledLikeTheKeysOfOthersHaveTheirOwn) {
+    session().persistSeqNo("deletex", "1");
+    session().persistSeqNo("seqNo:deletex", "2");
+    session().persistSeqNo("seqNo:seqNo:deletex", "3");
+    EXPECT_EQ(read("deletex").second, "1");
+    EXPECT_EQ(read("seqNo:deletex").second, "2");
+    EXPECT_EQ(read("seqNo:seqNo:deletex").second, "3");
+}
+
+TEST_F(SeqNo, ListingOfDeletionsOutlivesItemsOfANodeCalledDelete) {
+    session().addNodeToDeleteStore("/u/a", "com.example.mail");
+    session().persistSeqNo("delete", "42");
+    EXPECT_TRUE(session().cleanupNodes("com.example.mail", ""));
+    session().persistSeqNo("delete", "43");
+    EXPECT_EQ(fakePrefs().stored(kApp).at("delete"), R"({ "appid": [ "deletecom.example.mail" ] })");
+    EXPECT_TRUE(stale("43", "delete"));
+}

@@ -189,6 +189,29 @@ TEST_F(PublishKeys, CreationChecksTheDescriptionBeforeTheApplication) {
               refusal("inbox", "parameterErr", "description too long"));
 }
 
+TEST_F(PublishKeys, CreationBeyondTheBoundIsRefusedAndCountsThoseUnderWay) {
+    const std::string tooMany = "Too many endpoints, the limit is 1000. Call deleteEndpoint first";
+    for (int i = 0; i < 997; ++i)
+        session().addNodeToDeleteStore("/u1234/dev42/com.example.app/e" + std::to_string(i),
+                                       "com.example.app");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(create(R"({"endpoint":"new)" + std::to_string(i) + R"("})").waiting()) << i;
+    const std::size_t asked = stanzaCount();
+    EXPECT_EQ(create(), refusal("inbox", "appErr", tooMany));
+    EXPECT_EQ(stanzaCount(), asked);
+    EXPECT_TRUE(log().contains("Error " + tooMany + ", Incoming " + kInbox));
+    // What it has can be created again, and others have their own bound.
+    EXPECT_TRUE(create(R"({"endpoint":"e5"})").waiting());
+    EXPECT_TRUE(ask(createEndpoint, "createEndpoint", kInbox, "com.example.other 1").waiting());
+    // One that the server refuses makes room.
+    answerError(fakeServer().stanzas()[asked - 1].id(), "cancel", "conflict");
+    EXPECT_TRUE(create().waiting());
+    EXPECT_EQ(create(R"({"endpoint":"more"})"), refusal("more", "appErr", tooMany));
+    loseConnection();
+    reconnect();
+    EXPECT_TRUE(create(R"({"endpoint":"more"})").waiting());
+}
+
 TEST_F(PublishKeys, CreationOfTwoApplicationsGivesTwoNodes) {
     ask(createEndpoint, "createEndpoint", kInbox, "com.example.one 1");
     EXPECT_TRUE(lastHas("node='/u1234/dev42/com.example.one/inbox'"));
