@@ -83,6 +83,10 @@ bool subscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
     bool present = false;
     std::string ignored;
     session.checkOfflineMap(request.node, present, ignored, ignored);
+    if (const WriteTurn turn =
+            session.takeWriteTurn(request, !present && maySubscribeMore(request.appId), subscribeOnClose);
+        turn != WriteTurn::Now)
+        return turn == WriteTurn::Later || request.refuseWrite(__func__, __LINE__);
     if (present) {
         // sic: the listener gets the node name as "appid".
         notifyOfflineSubscriber(request.node, request.appId);
@@ -101,6 +105,10 @@ bool unsubscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
     PublicRequest request(handle, message);
     if (!request.readEndpoint(false) || !request.formNode())
         return request.refuse(__func__, __LINE__);
+    if (const WriteTurn turn = gCurrentSession.takeWriteTurn(
+            request, gCurrentSession.m_offlineMap.contains(request.node), unsubscribeOnClose);
+        turn != WriteTurn::Now)
+        return turn == WriteTurn::Later || request.refuseWrite(__func__, __LINE__);
     gCurrentSession.removeOfflineMap(request.node);
     const JsonRef reply = endpointReply(true, request.endpoint);
     BusError error;

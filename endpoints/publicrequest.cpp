@@ -42,6 +42,11 @@ bool PublicRequest::refuse(const char* function, int line) {
     return true;
 }
 
+bool PublicRequest::refuseWrite(const char* function, int line) {
+    fail("appErr", "Too many changes of on-close notices wait, the limit is 1024. Wait for their answers");
+    return refuse(function, line);
+}
+
 void addMember(const JsonRef& object, const char* key, const std::string& text) {
     json_object_object_add(object.get(), key, json_object_new_string(text.c_str()));
 }

@@ -23,6 +23,8 @@ class PublicRequest {
     // Logs under `function` and sends the error reply with the endpoint as read. True, the result of a bus
     // handler.
     bool refuse(const char* function, int line);
+    // Refuses a change of on-close notices for which too many others wait.
+    bool refuseWrite(const char* function, int line);
 
     json_object* object() const { return m_object; }
 

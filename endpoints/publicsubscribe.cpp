@@ -131,8 +131,13 @@ bool unsubscribe(QSHandle* handle, QSMessage* message, void*) {
     bool onClose = false;
     std::string ignored;
     getJSONboolean(request.object(), "onclose", ignored, onClose);
-    if (onClose)
+    if (onClose) {
+        if (const WriteTurn turn =
+                session.takeWriteTurn(request, session.m_offlineMap.contains(request.node), unsubscribe);
+            turn != WriteTurn::Now)
+            return turn == WriteTurn::Later || request.refuseWrite(__func__, __LINE__);
         session.removeOfflineMap(request.node);
+    }
 
     const JsonRef reply = endpointReply(true, request.endpoint);
     if (!isSubscribed(request.node)) {

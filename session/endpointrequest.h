@@ -2,6 +2,8 @@
 // A public endpoint request that waits for the server's answer.
 #pragma once
 
+#include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 
@@ -21,3 +23,18 @@ struct _subMapStruct {
     std::string appId;           // the id that the bus reports for the request
     QSHandle* handle = nullptr;  // the connection of its subscription; null once the client cancelled
 };
+
+// A public request that waits until its application may write again.
+struct _waitingWriteStruct {
+    QSFilter handler = nullptr;  // the method
+    QSHandle* handle = nullptr;
+    KeptMessage message;
+};
+
+// What an application has written of late.
+struct _writeRateStruct {
+    int64_t paidUntil = 0;  // monotonic microseconds: each write moves it on
+    std::deque<_waitingWriteStruct> waiting;
+};
+
+enum class WriteTurn { Now, Later, Never };

@@ -25,6 +25,7 @@
 #include "session/endpointrequest.h"
 #include "xmpp/resulthandler.h"
 
+class PublicRequest;
 struct json_object;
 struct QPHandle;
 
@@ -242,6 +243,11 @@ class PubSubSession : public gloox::MessageHandler,
     void settleDeferredSubscriber(const std::string& node);
     void firstAnswerGiven(const _endpointStruct& request);
 
+    // endpoints/writerate.cpp: `writes` says whether the request changes what is on the disk. Later: it was
+    // kept, and `handler` is called with it again. Never: too many of the application wait.
+    WriteTurn takeWriteTurn(const PublicRequest& request, bool writes, QSFilter handler);
+    static gboolean handleWaitingWrites(gpointer session);
+
     // maintenance/activation.cpp
     bool activateNode(const std::string& node, std::string& requestId);
     void activated(const std::string& node, bool value);
@@ -307,6 +313,9 @@ class PubSubSession : public gloox::MessageHandler,
     std::map<std::string, std::set<std::string>>
         m_furtherNodes;                                     // key of the deletion store -> further nodes
     bool m_furtherNodesRead = false;                        // they were read from the store
+    std::map<std::string, _writeRateStruct> m_writeRates;   // application -> its writes of late
+    guint m_writeTimer = 0;                                 // its source; 0 while nothing waits
+    QSMessage* m_writing = nullptr;                         // the waiting request that is handled now
     std::map<std::string, std::weak_ptr<void>> m_creating;  // application -> held by its creations under way
 
     static GSource*

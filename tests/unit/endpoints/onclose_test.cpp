@@ -164,3 +164,96 @@ TEST_F(OnClose, WithdrawalThatCannotBeAnsweredIsLogged) {
     EXPECT_EQ(takeLogLines(),
               Texts{"unsubscribeOnClose: Sending response to unsubscribeOnClose failed id  Error no way "});
 }
+
+// --- how often an application may write
+
+class WriteRate : public OnClose {
+  protected:
+    static constexpr int kBurst = 128;  // changes at once
+
+    void SetUp() override {
+        OnClose::SetUp();
+        begun = g_get_monotonic_time();
+    }
+    std::size_t commits() const { return journal().eventsOf("prefs.commit " + kOfflineStore).size(); }
+    // What the time since the start of the test allows.
+    std::size_t allowed() const {
+        return kBurst + 1 + static_cast<std::size_t>((g_get_monotonic_time() - begun) / 100000);
+    }
+    static void expectSuccess(const std::vector<Answer>& answers) {
+        for (const Answer& answer : answers)
+            EXPECT_EQ(answer, kSuccess);
+    }
+    // Until the last of them has its answer.
+    static bool answered(const std::vector<Answer>& answers) {
+        const gint64 deadline = g_get_monotonic_time() + 30 * G_USEC_PER_SEC;
+        while (answers.back().all().empty() && g_get_monotonic_time() < deadline)
+            g_main_context_iteration(nullptr, TRUE);
+        return !answers.back().all().empty();
+    }
+    gint64 begun = 0;
+};
+
+TEST_F(WriteRate, ChangesBackAndForthWaitForTheirTurnAndAreAnsweredWhenTheyAreDone) {
+    std::vector<Answer> answers;
+    for (int i = 0; i < kBurst / 2 + 6; ++i) {
+        answers.push_back(record());
+        answers.push_back(i % 2 ? withdraw() : askUnsubscribe(R"({"endpoint":"inbox","onclose":true})"));
+    }
+    answers.push_back(record());
+    EXPECT_LE(commits(), allowed());
+    EXPECT_TRUE(answers.back().waiting());
+    // Others are not held up.
+    const std::size_t before = commits();
+    EXPECT_EQ(record(kInbox, "com.example.other 1"), kSuccess);
+    EXPECT_EQ(commits(), before + 1);
+    ASSERT_TRUE(answered(answers));
+    EXPECT_LE(commits(), allowed() + 1);
+    EXPECT_EQ(commits(), answers.size() + 1);
+    for (const Answer& answer : answers)
+        EXPECT_TRUE(answer.text().starts_with(R"({ "returnValue": true, "endpoint": "inbox")"))
+            << answer.text();
+    EXPECT_TRUE(session().m_offlineMap.contains(kNode));
+    EXPECT_EQ(fakePrefs().stored(kOfflineStore).count(kNode), 1u);
+}
+
+TEST_F(WriteRate, WaitingChangeIsOnTheDiskBeforeItsAnswer) {
+    for (int i = 0; i < kBurst / 2; ++i) {
+        record();
+        withdraw();
+    }
+    std::vector<Answer> answers;
+    while (answers.empty() || !answers.back().waiting()) {
+        withdraw();
+        answers.push_back(record());
+    }
+    takeEvents();
+    ASSERT_TRUE(answered(answers));
+    const Texts events = takeEvents();
+    const Texts last(events.end() - 3, events.end());
+    EXPECT_EQ(last, (Texts{"prefs.set " + kOfflineStore + ' ' + kNode + " com.example.app",
+                           "prefs.commit " + kOfflineStore, "bus.reply subscribeOnClose " + kSuccess}));
+}
+
+TEST_F(WriteRate, RenewalsAreNoChanges) {
+    record();
+    for (int i = 0; i < 3 * kBurst; ++i)
+        EXPECT_EQ(record(), kSuccess);
+    EXPECT_EQ(commits(), 1u);
+}
+
+TEST_F(WriteRate, OnlySoManyChangesOfAnApplicationWait) {
+    std::vector<Answer> answers;
+    for (int i = 0; i < kBurst + 1024 + 40; ++i)
+        answers.push_back(i % 2 ? withdraw() : record());
+    EXPECT_EQ(answers.back(),
+              refusal("inbox", "appErr",
+                      "Too many changes of on-close notices wait, the limit is 1024. Wait for "
+                      "their answers"));
+    std::size_t waiting = 0;
+    for (const Answer& answer : answers)
+        waiting += answer.waiting();
+    EXPECT_EQ(waiting, 1024u);
+    // The process ends: nothing is answered that was not done.
+    session().m_writeRates.clear();
+}
