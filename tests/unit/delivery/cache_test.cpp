@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "tests/fakes/servicefixture.h"
+#include "tests/unit/delivery/smalldisk.h"
 #include "tests/unit/delivery/synced.h"
 #include "util/jsonref.h"
 
@@ -128,14 +131,14 @@ TEST_F(Cache, CannotHoldANodeThatIsNoFileName) {
     EXPECT_EQ(files(), 0u);
 }
 
-TEST_F(Cache, KeepsTheOldItemWhenTheNewOneCannotBeWritten) {
-    save("/u/in", R"({"item":"old"})");
-    std::filesystem::permissions(folder(),
-                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
-    const bool written = save("/u/in", R"({"item":"new"})");
-    std::filesystem::permissions(folder(), std::filesystem::perms::owner_all);
-    // The superuser is not held back.
-    EXPECT_EQ(cached("/u/in"), written ? R"({ "item": "new" })" : R"({ "item": "old" })");
+TEST_F(Cache, KeepsTheOldItemWhenTheDiskHasNoRoomForTheNewOne) {
+    ASSERT_TRUE(save("/u/in", R"({"item":"old"})"));
+    {
+        const SmallDisk disk(100);
+        EXPECT_FALSE(save("/u/in", R"({"item":")" + std::string(200, 'x') + R"("})"));
+    }
+    EXPECT_EQ(cached("/u/in"), R"({ "item": "old" })");
+    EXPECT_EQ(files(), 1u);
 }
 
 TEST_F(Cache, GivesNothingForAnEmptyNode) {
@@ -188,4 +191,280 @@ TEST_F(Cache, SurvivesARestart) {
     save("/u/in", R"({"item":"kept"})");
     restartService();
     EXPECT_EQ(cached("/u/in"), R"({ "item": "kept" })");
+}
+
+// --- nodes whose names give one file name
+
+class SharedName : public Cache {
+  protected:
+    void SetUp() override {
+        Cache::SetUp();
+        giveDetails();
+    }
+    static std::string item(const std::string& text, const std::string& endpoint) {
+        return R"({ "item": ")" + text + R"(", "endpoint": ")" + endpoint + R"(", "returnValue": true })";
+    }
+    bool saveItem(const std::string& node, const std::string& text) {
+        return save(node, item(text, node.substr(node.rfind('/') + 1)));
+    }
+    std::string textOf(const std::string& node) {
+        const JsonRef cachedItem(PubSubSession::getItemFromCache(node));
+        json_object* text = jsonMember(cachedItem.get(), "item");
+        return text ? json_object_get_string(text) : "none";
+    }
+    std::filesystem::path apart() const { return stateFolder() / "cache.nodes"; }
+    std::size_t filesApart() const {
+        if (!std::filesystem::exists(apart()))
+            return 0;
+        const std::filesystem::directory_iterator all(apart());
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    }
+    void recordNode(const std::string& node, const std::string& appId) {
+        EXPECT_TRUE(session().addNodeToDeleteStore(node, appId));
+    }
+
+    const std::string kBank = "/u1234/dev42/com.example.bank/app-alerts";
+    const std::string kBankApp = "/u1234/dev42/com.example.bank-app/alerts";
+    const std::string kBankSlash = "/u1234/dev42/com.example.bank/app/alerts";
+    const std::string kFile = "dev42-com.example.bank-app-alerts";
+};
+
+TEST_F(SharedName, EachNodeHasItsOwnItemInEveryOrder) {
+    std::vector<std::string> nodes = {kBank, kBankApp, kBankSlash};
+    ASSERT_EQ(pathOf(kBank), pathOf(kBankApp));
+    ASSERT_EQ(pathOf(kBank), pathOf(kBankSlash));
+    std::sort(nodes.begin(), nodes.end());
+    do {
+        for (const std::string& node : nodes)
+            EXPECT_TRUE(saveItem(node, "first of " + node));
+        for (const std::string& node : nodes)
+            EXPECT_TRUE(saveItem(node, node));
+        for (const std::string& node : {nodes[1], nodes[2], nodes[0]}) {
+            EXPECT_EQ(textOf(node), node);
+            PubSubSession::deleteItemFromCache(node);
+            EXPECT_EQ(textOf(node), "none") << node;
+        }
+        EXPECT_EQ(files() + filesApart(), 0u);
+    } while (std::next_permutation(nodes.begin(), nodes.end()));
+}
+
+TEST_F(SharedName, NodeAloneUnderItHasTheTextsFileAndContent) {
+    for (const std::string& node : {kBank, kBankApp, kBankSlash, std::string("/x/y-z/news"),
+                                    std::string("/com/zelt/news"), std::string("/abc")}) {
+        EXPECT_TRUE(saveItem(node, "older"));
+        EXPECT_TRUE(saveItem(node, "hello"));
+        EXPECT_EQ(fileText(pathOf(node)), item("hello", node.substr(node.rfind('/') + 1))) << node;
+        EXPECT_EQ(files(), 1u);
+        EXPECT_EQ(textOf(node), "hello");
+        PubSubSession::deleteItemFromCache(node);
+        EXPECT_EQ(files() + filesApart(), 0u) << node;
+    }
+    EXPECT_EQ(takeLog(), Texts{});
+}
+
+TEST_F(SharedName, NodesThatDifferInTheFirstSegmentAloneShareTheirItem) {
+    for (const std::string rest :
+         {"dev42/com.example.bank/alerts", "dev42/com.example.bank-app/alerts", "x/y-z"}) {
+        EXPECT_TRUE(saveItem("/a/" + rest, "hello"));
+        EXPECT_EQ(textOf("/b/" + rest), "hello");
+        EXPECT_TRUE(saveItem("/b/" + rest, "newer"));
+        EXPECT_EQ(textOf("/a/" + rest), "newer");
+        PubSubSession::deleteItemFromCache("/a/" + rest);
+        EXPECT_EQ(textOf("/b/" + rest), "none");
+    }
+    EXPECT_EQ(files() + filesApart(), 0u);
+}
+
+TEST_F(SharedName, ItemsSurviveARestart) {
+    for (const std::string& node : {kBankApp, kBank, kBankSlash})
+        saveItem(node, node);
+    restartService();
+    giveDetails();
+    for (const std::string& node : {kBank, kBankSlash, kBankApp})
+        EXPECT_EQ(textOf(node), node);
+}
+
+TEST_F(SharedName, ItemOfAnotherNodeIsNeverLeftUnderTheNameAloneWhileItIsReplaced) {
+    saveItem(kBankApp, "first");
+    syncs().watch(pathOf(kBankApp));
+    saveItem(kBankApp, "second");
+    // The name is free, on the disk, before the new item is written, and leads to it after.
+    ASSERT_EQ(syncs().all.size(), 3u);
+    EXPECT_TRUE(std::filesystem::equivalent(syncs().all[0].path, folder()));
+    for (const Synced& synced : syncs().all)
+        EXPECT_FALSE(synced.inPlace) << synced.path;
+    EXPECT_EQ(std::filesystem::hard_link_count(pathOf(kBankApp)), 2u);
+    // A kill at any of these points leaves the old item or the new one to its node, and nothing to others.
+    std::filesystem::remove(pathOf(kBankApp));
+    EXPECT_EQ(textOf(kBankApp), "second");
+    EXPECT_EQ(textOf(kBank), "none");
+}
+
+TEST_F(SharedName, DiskWithoutRoomTakesNothingFromEitherNode) {
+    saveItem(kBank, "of bank");
+    saveItem(kBankApp, "of bank-app");
+    {
+        const SmallDisk disk(100);
+        EXPECT_FALSE(saveItem(kBankApp, std::string(200, 'x')));
+        EXPECT_FALSE(saveItem(kBank, std::string(200, 'x')));
+    }
+    EXPECT_EQ(textOf(kBank), "of bank");
+    EXPECT_EQ(textOf(kBankApp), "of bank-app");
+}
+
+TEST_F(SharedName, FileOfAnEarlierReleaseGoesToTheNodeThatItsContentNames) {
+    writeFile(folder() / kFile, item("hello", "app-alerts"));
+    EXPECT_EQ(textOf(kBankApp), "none");
+    EXPECT_EQ(textOf(kBankSlash), "none");
+    saveItem(kBankApp, "other");
+    PubSubSession::deleteItemFromCache(kBankApp);
+    EXPECT_EQ(textOf(kBank), "hello");
+    PubSubSession::deleteItemFromCache(kBank);
+    EXPECT_EQ(files(), 0u);
+}
+
+TEST_F(SharedName, FileOfAnEarlierReleaseGoesToTheOneKnownNodeThatFits) {
+    recordNode(kBankApp, "com.example.bank-app");
+    recordNode(kBank, "com.example.bank");
+    recordNode("/u1234/dev42/com.example.bank/other", "com.example.bank");
+    writeFile(folder() / kFile, item("hello", "alerts"));
+    EXPECT_EQ(textOf(kBank), "none");
+    EXPECT_EQ(textOf(kBankSlash), "none");
+    EXPECT_TRUE(saveItem(kBank, "of bank"));
+    EXPECT_EQ(textOf(kBankApp), "hello");
+    PubSubSession::deleteItemFromCache(kBankApp);
+    EXPECT_EQ(textOf(kBankApp), "none");
+    EXPECT_EQ(textOf(kBank), "of bank");
+}
+
+TEST_F(SharedName, FileOfAnEarlierReleaseThatFitsTwoNodesOrNoneGoesToNobodyAndStays) {
+    for (const bool known : {true, false}) {
+        if (known) {
+            recordNode(kBankApp, "com.example.bank-app");
+            recordNode(kBankSlash, "com.example.bank");
+        } else {
+            fakePrefs().reset();
+            restartService();
+            std::filesystem::rename(stateFolder() / "cache", stateFolder() / "moved");
+            setenv("PUBSUB_STATE_DIR", (stateFolder() / "second").c_str(), 1);
+            std::filesystem::create_directories(stateFolder() / "second" / "cache");
+            giveDetails();
+        }
+        const std::filesystem::path file = pathOf(kBankApp);
+        writeFile(file, item("hello", "alerts"));
+        for (const std::string& node : {kBank, kBankApp, kBankSlash}) {
+            EXPECT_EQ(textOf(node), "none");
+            EXPECT_TRUE(saveItem(node, node));
+            EXPECT_EQ(textOf(node), node);
+            PubSubSession::deleteItemFromCache(node);
+        }
+        EXPECT_EQ(fileText(file), item("hello", "alerts"));
+        EXPECT_TRUE(log().contains("The item in " + file.string() +
+                                   " may be that of several nodes, so it goes to none. Remove it by hand"));
+    }
+}
+
+TEST_F(SharedName, StartRemovesWhatAKillLeftOfAFileAndNothingElse) {
+    writeFile(folder() / (kFile + ".A1b2C3"), item("half", "app-alerts"));
+    writeFile(folder() / "dev42-com.example.bank-in.abcdef", item("whole", "in.abcdef"));
+    std::filesystem::create_directory(apart());
+    writeFile(apart() / ("com.example.bank-" + std::string(64, 'a') + ".A1b2C3"), "half");
+    EXPECT_EQ(textOf("/u1234/dev42/com.example.bank/in.abcdef"), "whole");
+    EXPECT_EQ(files(), 1u);
+    EXPECT_EQ(filesApart(), 0u);
+}
+
+// --- bounds
+
+class CacheBound : public SharedName {
+  protected:
+    void SetUp() override {
+        SharedName::SetUp();
+        cached("/u/nothing");  // what is there at the start is read, what comes later is only counted
+        takeLog();
+    }
+    std::string nodeOf(const std::string& app, int number) {
+        return "/u1234/dev42/" + app + "/e" + std::to_string(number);
+    }
+    // As if they had been saved one by one.
+    void fill(const std::string& app, int count) {
+        for (int i = 0; i < count; ++i)
+            writeFile(pathOf(nodeOf(app, i)), item("x", "e" + std::to_string(i)));
+    }
+    const std::string kFull = " stays with the server, too many items wait in the cache";
+};
+
+TEST_F(CacheBound, ApplicationHasOnlySoManyFilesAndOthersKeepTheirs) {
+    fill("com.example.many", 999);
+    EXPECT_TRUE(saveItem(nodeOf("com.example.many", 999), "x"));
+    const std::string more = nodeOf("com.example.many", 1000);
+    EXPECT_FALSE(saveItem(more, "x"));
+    EXPECT_EQ(takeLogLines(), Texts{"updateFile: Item of " + more + kFull});
+    EXPECT_EQ(textOf(more), "none");
+    EXPECT_TRUE(saveItem(nodeOf("com.example.many", 5), "y"));
+    EXPECT_TRUE(saveItem(kBank, "x"));
+    EXPECT_TRUE(saveItem(kBankApp, "x"));
+    PubSubSession::deleteItemFromCache(nodeOf("com.example.many", 7));
+    EXPECT_TRUE(saveItem(more, "x"));
+}
+
+TEST_F(CacheBound, ApplicationHasOnlySoManyBytes) {
+    ASSERT_TRUE(saveItem(nodeOf("com.example.many", 1), "x"));
+    const std::string large = nodeOf("com.example.many", 0);
+    writeFile(pathOf(large), item("x", "e0"));
+    std::filesystem::resize_file(pathOf(large), (16 << 20) - 1000);
+    const std::string text(1000, 'x');
+    EXPECT_FALSE(saveItem(nodeOf("com.example.many", 2), text));
+    EXPECT_FALSE(saveItem(nodeOf("com.example.many", 1), text));
+    EXPECT_EQ(textOf(nodeOf("com.example.many", 1)), "x");
+    EXPECT_TRUE(saveItem(nodeOf("com.example.many", 1), "y"));
+    EXPECT_TRUE(saveItem(nodeOf("com.example.many", 2), "z"));
+    EXPECT_TRUE(saveItem(kBank, text));
+    EXPECT_TRUE(saveItem(large, "x"));
+    EXPECT_TRUE(saveItem(nodeOf("com.example.many", 3), text));
+}
+
+TEST_F(CacheBound, ApplicationWhoseItemsStandApartHasTheSameBound) {
+    ASSERT_TRUE(saveItem(kBankApp, "x"));
+    const std::filesystem::path file = *std::filesystem::directory_iterator(apart());
+    std::filesystem::resize_file(file, (16 << 20) - 1000);
+    writeFile(apart() / "passing", "");  // so that the folder is looked at anew
+    EXPECT_FALSE(saveItem("/u1234/dev42/com.example.bank-app/more", std::string(1000, 'x')));
+    EXPECT_TRUE(saveItem("/u1234/dev42/com.example.bank-app/more", "x"));
+    EXPECT_TRUE(saveItem(kBank, std::string(1000, 'x')));
+    EXPECT_EQ(filesApart(), 2u);
+}
+
+TEST_F(CacheBound, NodesThatAreNoApplicationsHaveOneTogether) {
+    for (int i = 0; i < 1000; ++i)
+        writeFile(folder() / ("news" + std::to_string(i)), "{}");
+    EXPECT_FALSE(saveItem("/u/more", "x"));
+    EXPECT_FALSE(saveItem("/stranger/dev43/com.example.bank/x", "x"));
+    EXPECT_TRUE(saveItem(kBank, "x"));
+    EXPECT_TRUE(saveItem(kBankApp, "x"));
+}
+
+TEST_F(CacheBound, AllTogetherIsBoundedToo) {
+    for (int app = 0; app < 9; ++app) {
+        const std::string file = pathOf(nodeOf("com.example.many" + std::to_string(app), 0));
+        writeFile(file, "");
+        std::filesystem::resize_file(file, app < 8 ? 15 << 20 : (8 << 20) - 10);
+    }
+    EXPECT_FALSE(saveItem(kBank, "x"));
+    EXPECT_FALSE(saveItem("/u/news", "x"));
+    std::filesystem::remove(pathOf(nodeOf("com.example.many3", 0)));
+    EXPECT_TRUE(saveItem(kBank, "x"));
+}
+
+TEST_F(CacheBound, ItemBeyondItIsNeitherCountedNorAcknowledged) {
+    connectSession();
+    fill("com.example.app", 1000);
+    const std::string node = "/u1234/dev42/com.example.app/inbox";
+    pushItem(node, "7", "i1", "hello");
+    for (const std::string& event : takeEvents())
+        EXPECT_FALSE(event.starts_with("prefs.") || event.starts_with("xmpp.send")) << event;
+    PubSubSession::deleteItemFromCache(nodeOf("com.example.app", 0));
+    pushItem(node, "7", "i1", "hello");
+    EXPECT_EQ(textOf(node), "hello");
+    EXPECT_NE(lastStanza().xml().find("<ack "), std::string::npos);
 }

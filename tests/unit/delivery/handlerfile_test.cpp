@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The file that brings the node tables over a restart: every record form, and what damage costs.
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <csignal>
 
 #include "tests/fakes/servicefixture.h"
+#include "tests/unit/delivery/smalldisk.h"
 #include "tests/unit/delivery/synced.h"
 
 namespace {
@@ -266,25 +266,6 @@ TEST_F(HandlerFile, ReportsAFileThatCannotBeOpened) {
                                      "UpdateHandlerFile: Cannot open handler file."}));
 }
 
-// A disk with room for `bytes` in a file, as long as it lives.
-class SmallDisk {
-  public:
-    explicit SmallDisk(rlim_t bytes) {
-        getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        m_signal = std::signal(SIGXFSZ, SIG_IGN);
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~SmallDisk() {
-        setrlimit(RLIMIT_FSIZE, &m_before);
-        std::signal(SIGXFSZ, m_signal);
-    }
-
-  private:
-    rlimit m_before = {};
-    void (*m_signal)(int) = nullptr;
-};
-
 TEST_F(HandlerFile, LeavesNoPieceOfARecordThatADiskHadNoRoomFor) {
     const std::string first = recordOfLength(1000, "a");
     {
@@ -365,7 +346,7 @@ TEST_F(HandlerFile, StartRemovesWhatAnUnfinishedRewriteLeftAndNothingElse) {
 }
 
 TEST_F(HandlerFile, KillWhileAHandlerIsWithdrawnLosesNoOther) {
-    constexpr int kKills = 20;
+    constexpr int kKills = 8;
     constexpr int kOthers = 300;
     bool present = false;
     for (int i = 0; i < kOthers; ++i)
@@ -392,7 +373,7 @@ TEST_F(HandlerFile, KillWhileAHandlerIsWithdrawnLosesNoOther) {
         char turn = 0;
         for (int turns = 0; turns <= kills % 3; ++turns)
             ASSERT_EQ(read(ends[0], &turn, 1), 1);
-        usleep(static_cast<useconds_t>(37 * kills));
+        usleep(static_cast<useconds_t>(90 * kills));
         kill(child, SIGKILL);
         close(ends[0]);
         int status = 0;
