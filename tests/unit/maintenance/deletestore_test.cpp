@@ -2,46 +2,10 @@
 // The deletion store: which nodes an application owns, and how all of them go with it.
 #include <gloox/error.h>
 
-#include <set>
 #include <utility>
 
-#include "tests/fakes/servicefixture.h"
-#include "util/jsonref.h"
+#include "tests/unit/maintenance/deletestoretest.h"
 #include "xmpp/manager.h"
-
-namespace {
-
-const std::string kStore = "com.zelt.pubsubservice";
-const std::string kApp = "com.example.app";
-const std::string kKey = "deletecom.example.app";
-const std::string kCommit = "prefs.commit " + kStore;
-const std::string kPing =
-    R"(bus.call zelt://com.zelt.power/timeout/set {"key":"keepAliveTimer", )"
-    R"("uri":"quor://com.zelt.pubsubservice/keepAliveTimer", "in":"00:25:00", "wakeup":true, "params":"{}"})";
-const std::string kForbidden =
-    "<error type='auth'><forbidden xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>";
-
-std::string nodesOf(const std::string& nodes) {
-    return R"({ "nodes": [ )" + nodes + " ] }";
-}
-
-std::string listed(const std::string& keys) {
-    return R"({ "appid": [ )" + keys + " ] }";
-}
-
-const std::string kListedOnce = listed(R"("deletecom.example.app")");
-
-}  // namespace
-
-class DeleteStore : public ServiceTest {
-  protected:
-    const FakePrefs::Values& stored() { return fakePrefs().stored(kStore); }
-    void store(const std::string& key, const std::string& value) { fakePrefs().store(kStore, key, value); }
-    std::string at(const std::string& key) { return stored().contains(key) ? stored().at(key) : "none"; }
-    bool add(const std::string& node) { return session().addNodeToDeleteStore(node, kApp); }
-    bool remove(const std::string& node) { return session().removeNodeFromDeleteStore(node, kApp); }
-    bool cleanUp() { return session().cleanupNodes(kApp, ""); }
-};
 
 // --- entering a node
 
@@ -117,112 +81,6 @@ TEST_F(DeleteStore, LogsAStoreThatCannotBeReopened) {
     EXPECT_EQ(session().m_prefsHandle, nullptr);
     EXPECT_TRUE(add("/u/c"));
     EXPECT_EQ(at(kKey), nodesOf(R"("\/u\/a", "\/u\/b", "\/u\/c")"));
-}
-
-// --- many nodes
-
-namespace {
-
-std::string nodeNumber(int i) {
-    return "/u/" + std::to_string(1000000 + i);
-}
-
-std::string shownNumber(int i) {
-    return R"("\/u\/)" + std::to_string(1000000 + i) + '"';
-}
-
-std::size_t lengthOf(const Texts& events) {
-    std::size_t length = 0;
-    for (const std::string& event : events)
-        length += event.size();
-    return length;
-}
-
-}  // namespace
-
-TEST_F(DeleteStore, WorkOfOneCreationDoesNotGrowWithTheNodes) {
-    std::size_t first = 0;
-    for (int i = 0; i < 500; ++i) {
-        add(nodeNumber(i));
-        const Texts events = takeEvents();
-        ASSERT_EQ(events.size(), 2u) << i;
-        if (i == 63)
-            first = lengthOf(events);
-        if (i > 63)
-            ASSERT_LE(lengthOf(events), first) << i;
-    }
-    EXPECT_LT(at(kKey).size(), 64u * 20);
-}
-
-TEST_F(DeleteStore, HoldsFurtherNodesBesideTheRecordAndKnowsThemAfterARestart) {
-    for (int i = 0; i < 66; ++i)
-        EXPECT_TRUE(add(nodeNumber(i)));
-    EXPECT_EQ(at(kKey + ' ' + nodeNumber(64)), nodesOf(shownNumber(64)));
-    EXPECT_EQ(at(kKey + ' ' + nodeNumber(65)), nodesOf(shownNumber(65)));
-    EXPECT_EQ(stored().size(), 3u);
-    for (int restarted = 0; restarted < 2; ++restarted) {
-        takeEvents();
-        EXPECT_TRUE(add(nodeNumber(0)));
-        EXPECT_TRUE(add(nodeNumber(65)));
-        EXPECT_EQ(takeEvents(), Texts{});
-        restartService();
-    }
-    EXPECT_TRUE(remove(nodeNumber(64)));
-    EXPECT_EQ(takeEvents(), (Texts{"prefs.remove " + kStore + ' ' + kKey + ' ' + nodeNumber(64), kCommit}));
-    EXPECT_TRUE(add("/u/new"));
-    EXPECT_TRUE(stored().contains(kKey + " /u/new"));
-    EXPECT_EQ(takeLogLines(), Texts{});
-}
-
-TEST_F(DeleteStore, TakesOverALongRecordOfAnEarlierRelease) {
-    std::string nodes;
-    for (int i = 0; i < 500; ++i)
-        nodes += (i ? ", " : "") + shownNumber(i);
-    for (const bool adding : {true, false}) {
-        fakePrefs().reset();
-        restartService();
-        store(kKey, nodesOf(nodes));
-        EXPECT_TRUE(adding ? add("/u/new") : remove(nodeNumber(499)));
-        EXPECT_EQ(stored().size(), adding ? 1u + 437u : 1u + 435u);
-        std::set<std::string> known;
-        for (const auto& [key, value] : stored()) {
-            const JsonRef record = parseJson(value.c_str());
-            json_object* listed = jsonMember(record.get(), "nodes");
-            for (std::size_t i = 0; i < json_object_array_length(listed); ++i)
-                known.insert(json_object_get_string(json_object_array_get_idx(listed, i)));
-        }
-        EXPECT_EQ(known.size(), adding ? 501u : 499u);
-        takeEvents();
-        EXPECT_TRUE(add(nodeNumber(0)));
-        EXPECT_TRUE(add(nodeNumber(400)));
-        EXPECT_EQ(takeEvents(), Texts{});
-        EXPECT_TRUE(add("/u/another"));
-        EXPECT_LT(lengthOf(takeEvents()), 200u);
-    }
-}
-
-TEST_F(DeleteStore, AnApplicationMayHaveOnlySoManyNodesAndKeepsThose) {
-    EXPECT_TRUE(session().mayOwnNode("/u/new", kApp));
-    for (int i = 0; i < 999; ++i)
-        add(nodeNumber(i));
-    EXPECT_TRUE(session().mayOwnNode("/u/new", kApp));
-    add("/u/new");
-    for (int restarted = 0; restarted < 2; ++restarted) {
-        EXPECT_FALSE(session().mayOwnNode("/u/newer", kApp));
-        EXPECT_TRUE(session().mayOwnNode("/u/new", kApp));
-        EXPECT_TRUE(session().mayOwnNode(nodeNumber(5), kApp));
-        EXPECT_TRUE(session().mayOwnNode("/u/newer", "com.example.other"));
-        EXPECT_TRUE(session().mayOwnNode("/u/newer", "com.example.ap"));
-        restartService();
-    }
-    remove(nodeNumber(500));
-    EXPECT_TRUE(session().mayOwnNode("/u/newer", kApp));
-}
-
-TEST_F(DeleteStore, TakesNoNumberOfANodeForAFurtherNode) {
-    store("deletecom.example.app news", R"({ "seqNo": "42" })");
-    EXPECT_TRUE(session().furtherNodes(kKey).empty());
-    EXPECT_TRUE(session().isStalePacket("deletecom.example.app news", "42"));
 }
 
 // --- leaving
@@ -312,45 +170,6 @@ TEST_F(DeleteStore, LogsEachFailureToForgetANumber) {
 }
 
 // --- clean-up
-
-class CleanUp : public DeleteStore {
-  protected:
-    void SetUp() override {
-        DeleteStore::SetUp();
-        connectSession();
-    }
-    // An application with two nodes and every local trace of them.
-    void giveTraces() {
-        for (const std::string node : {"/u/b", "/u/a"}) {
-            add(node);
-            session().setOfflineMap(node, kApp);
-            session().setSubMap(node, kApp, nullptr);
-            session().persistSeqNo(node, "42");
-            session().activated(node, true);
-        }
-        session().setOfflineMap("/u/other", "com.example.other");
-        session().setSubMap("/u/other", "com.example.other", nullptr);
-        session().persistSeqNo("/u/other", "42");
-        session().activated("/u/other", true);
-        takeEvents();
-    }
-    void expectTraces(const std::string& node, bool there) {
-        EXPECT_EQ(session().m_offlineMap.contains(node), there) << node;
-        EXPECT_EQ(session().subMap.contains(node), there) << node;
-        EXPECT_EQ(stored().contains(node), there) << node;
-        EXPECT_EQ(session().m_activateMap.contains(node), there) << node;
-    }
-    void disconnectSession() {
-        fakeServer().closesWith(gloox::ConnStreamError);
-        pump();
-        ASSERT_FALSE(session().m_connected);
-        takeLog();
-    }
-
-    const std::string kBulk =
-        "<iq to='pubsub.example.org' id='ID' type='set'><delete-nodes xmlns='urn:zelt:pubsub:device:0'>"
-        "<node id='/u/b'/><node id='/u/a'/></delete-nodes></iq>";
-};
 
 TEST_F(CleanUp, DropsEveryTraceAndDeletesAllNodesAtOnce) {
     giveTraces();
@@ -495,27 +314,6 @@ TEST_F(CleanUp, AnswerRemovesTheRecordAndItsListing) {
     EXPECT_FALSE(stored().contains(kKey));
     EXPECT_TRUE(session().m_deleteMap.empty());
     EXPECT_EQ(takeLogLines(), Texts{});
-}
-
-TEST_F(CleanUp, TakesEveryNodeOfALargeApplicationAndLeavesNothing) {
-    for (const bool record : {true, false}) {
-        for (int i = 0; i < 70; ++i)
-            add(nodeNumber(i));
-        session().addNodeToDeleteStore("/u/other", "com.example.app2");
-        for (int i = 0; !record && i < 64; ++i)
-            remove(nodeNumber(i));
-        EXPECT_EQ(stored().contains(kKey), record);
-        takeLog();
-        EXPECT_TRUE(cleanUp());
-        const std::string stanza = lastStanza().xml();
-        for (int i = record ? 0 : 64; i < 70; ++i)
-            EXPECT_NE(stanza.find("<node id='" + nodeNumber(i) + "'/>"), std::string::npos) << i;
-        takeLog();
-        answer(lastId());
-        EXPECT_EQ(stored(), (FakePrefs::Values{{"deletecom.example.app2", nodesOf(R"("\/u\/other")")}}));
-        EXPECT_EQ(takeLogLines(), Texts{});
-        EXPECT_TRUE(session().mayOwnNode("/u/new", kApp));
-    }
 }
 
 TEST_F(CleanUp, ErrorAnswerRemovesTheRecordsAllTheSame) {
