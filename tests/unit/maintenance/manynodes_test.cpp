@@ -33,8 +33,9 @@ TEST_F(DeleteStore, WorkOfOneCreationDoesNotGrowWithTheNodes) {
         ASSERT_EQ(events.size(), 2u) << i;
         if (i == 63)
             first = lengthOf(events);
-        if (i > 63)
+        if (i > 63) {
             ASSERT_LE(lengthOf(events), first) << i;
+        }
     }
     EXPECT_LT(at(kKey).size(), 64u * 20);
 }
