@@ -25,6 +25,9 @@ void PortalWatch::start() {
     int owner = m_owner.start(
         bus,
         [this](bool there) {
+            // An answer of the owner before counts no more.
+            m_query = sd_bus_slot_unref(m_query);
+            m_askAgain = false;
             if (there)
                 ask();
             else
