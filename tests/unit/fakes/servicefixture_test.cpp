@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The fixture itself: a session that logs in over the fake server, verbs of the dialogue, and the leak check.
+// The fixture itself: a session that logs in over the fake server, verbs of the dialogue, and its checks at
+// the end.
 #include "tests/fakes/servicefixture.h"
 
 #include <gmock/gmock.h>
@@ -34,6 +35,18 @@ class LeakingTest : public ServiceTest {
         call(keepStray, "{\"left\":true}");
         TearDown();
         gStray = KeptMessage();
+    }
+};
+
+// A test that calls another service where applications are, run by hand.
+class PubliclyCallingTest : public ServiceTest {
+  public:
+    void TestBody() override {}
+    void callPublicly() {
+        SetUp();
+        EXPECT_TRUE(
+            QSCall(publicHandle(), "zelt://com.zelt.power/a", "{}", nullptr, nullptr, nullptr, nullptr));
+        TearDown();
     }
 };
 
@@ -126,4 +139,9 @@ TEST_F(ServiceFixtureTest, BearsAMessageThatTheTestDeclared) {
 TEST(ServiceFixtureLeakTest, FailsWhenAMessageIsLeftBehind) {
     gStray = KeptMessage();
     EXPECT_NONFATAL_FAILURE(LeakingTest().leak(), "still held: method {\"left\":true}, 1 reference");
+}
+
+TEST(ServiceFixtureCallTest, FailsWhenACallGoesOverThePublicBus) {
+    EXPECT_NONFATAL_FAILURE(PubliclyCallingTest().callPublicly(),
+                            "A call over the public bus: zelt://com.zelt.power/a");
 }
