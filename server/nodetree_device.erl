@@ -9,6 +9,7 @@
 -export([init/3, terminate/2, options/0, set_node/1, get_node/3, get_node/2, get_node/1, get_nodes/2, get_nodes/1,
          get_all_nodes/1, get_parentnodes/3, get_parentnodes_tree/3, get_subnodes/3, get_subnodes_tree/3,
          create_node/6, delete_node/2, is_node/1, is_node/2]).
+-export([keep_last_item/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
@@ -17,7 +18,7 @@ init(Host, ServerHost, Opts) -> nodetree_tree:init(Host, ServerHost, Opts).
 terminate(Host, ServerHost) -> nodetree_tree:terminate(Host, ServerHost).
 options() -> nodetree_tree:options().
 get_node(Host, Node, From) -> pubsub_device_publish:found(nodetree_tree:get_node(Host, Node, From)).
-get_node(Host, Node) -> pubsub_device_publish:found(nodetree_tree:get_node(Host, Node)).
+get_node(Host, Node) -> pubsub_device_publish:found(last_item_alone(nodetree_tree:get_node(Host, Node))).
 get_node(Nidx) -> nodetree_tree:get_node(Nidx).
 get_nodes(Host, Limit) -> nodetree_tree:get_nodes(Host, Limit).
 get_nodes(Host) -> nodetree_tree:get_nodes(Host).
@@ -39,20 +40,27 @@ set_node(#pubsub_node{nodeid = {Host, Node}, options = Options, owners = Owners}
     end.
 
 create_node(Host, Node, Type, Owner, Options, Parents) ->
-    Owners = [jid:tolower(jid:remove_resource(Owner))],
-    case {pubsub_device_publish:is_publishing(), pubsub_device_names:refused(Host, Node, hd(Owners))} of
+    Account = jid:tolower(jid:remove_resource(Owner)),
+    case {pubsub_device_publish:is_publishing(), pubsub_device_names:refused(Host, Node, Account)} of
         {true, _} -> {error, xmpp:err_item_not_found()};
         {false, false} ->
-            case refused(Host, collections(Options), Owners) of
-                false -> nodetree_tree:create_node(Host, Node, Type, Owner, Options, Parents);
-                Error -> Error
+            Verdicts = [refused(Host, collections(Options), [Account]), pubsub_device_bounds:node_refused(Account)],
+            case [Error || {error, _} = Error <- Verdicts] of
+                [] -> made(nodetree_tree:create_node(Host, Node, Type, Owner, Options, Parents), {Host, Node}, Account);
+                [Error | _] -> Error
             end;
         {false, Error} -> {error, Error}
     end.
 
+made({ok, _} = Made, Node, Account) -> pubsub_device_store:made(Node, Account), Made;
+made(Error, _, _) -> Error.
+
 delete_node(Host, Node) ->
     Records = read(Host, Node),
-    [mnesia:delete({pubsub_node, {Host, Node}}) || _ <- Records],
+    [begin
+         mnesia:delete({pubsub_node, {Host, Node}}),
+         pubsub_device_store:unmade({Host, Node})
+     end || _ <- Records],
     Records.
 
 %% Whether there is such a node, and whether it has the engine's id. Another member of a cluster may have made it a
@@ -68,6 +76,33 @@ certain_id(Node) ->
 
 id([#pubsub_node{id = Nidx}]) -> Nidx;
 id([]) -> none.
+
+%% Whatever a node's options say, the engine keeps one item when it publishes, and tells nobody that another has
+%% gone.
+last_item_alone(#pubsub_node{options = Options} = Node) ->
+    case pubsub_device_publish:is_publishing() of
+        true ->
+            Kept = case proplists:get_value(max_items, Options) of
+                       0 -> 0;
+                       _ -> 1
+                   end,
+            Alone = [{max_items, Kept}, {notify_retract, false}],
+            Node#pubsub_node{options = lists:ukeymerge(1, Alone, lists:ukeysort(1, Options))};
+        false -> Node
+    end;
+last_item_alone(Error) ->
+    Error.
+
+%% What the engine keeps of a node is its last item. Publications that cross leave more, which nothing else
+%% would take away.
+keep_last_item({Service, NodeId}) ->
+    [begin
+         Items = mnesia:dirty_index_read(pubsub_item, Nidx, #pubsub_item.nodeidx),
+         [_ | Old] = lists:reverse(lists:keysort(#pubsub_item.modification, Items)),
+         [mnesia:dirty_delete(pubsub_item, ItemId) || #pubsub_item{itemid = ItemId} <- Old]
+     end || #pubsub_node{id = Nidx} <- mnesia:dirty_read(pubsub_node, {Service, NodeId}),
+            mnesia:dirty_index_read(pubsub_item, Nidx, #pubsub_item.nodeidx) /= []],
+    ok.
 
 %% The node itself at depth 0, the collections that hold it at 1, those that hold them at 2 and so on.
 get_parentnodes_tree(Host, Node, _From) ->

@@ -4,9 +4,11 @@
 %% memory.
 -module(pubsub_device_bounds).
 
+-export([node_refused/1, key_refused/1, device_refused/1]).
 -export([init/0, fits/4, enforce/2, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0]).
 
 -include_lib("kernel/include/logger.hrl").
+-include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
 -define(TABLE, pubsub_device_counts).
@@ -52,6 +54,35 @@ account_bound() ->
 
 drop(Node, Device, Number) ->
     pubsub_device_store:drop(Node, Device, Number) andalso dropped(Node, Device, Number).
+
+%%% nodes, keys and devices of an account: `false`, or the refusal
+
+node_refused(Account) ->
+    refused(max_nodes, <<"nodes">>, pubsub_device_store:counted({nodes, Account}) + 1).
+
+%% The key counts already.
+key_refused(Account) ->
+    refused(max_keys, <<"key nodes">>, pubsub_device_store:counted({keys, Account})).
+
+refused(Option, What, Count) ->
+    Bound = mod_pubsub_device:option(Option),
+    Text = "The account has ~b ~ts, as many as it may; delete some, or ask the server's operator to raise ~ts",
+    Count > Bound andalso resource_constraint(io_lib:format(Text, [Bound, What, Option])).
+
+device_refused(Account) ->
+    Bound = mod_pubsub_device:option(max_devices),
+    Text = "The account has ~b devices, as many as it may, and all are connected; end one's session, or ask the server's "
+           "operator to raise max_devices",
+    case ets:update_counter(?TABLE, {refused, Account}, 1, {{refused, Account}, 0}) of
+        Count when Count rem 100 == 1 ->
+            ?LOG_WARNING("Refused a device of ~ts, ~b refused so far: all of its ~b devices are connected; max_devices of "
+                         "mod_pubsub_device sets the bound", [jid:encode(jid:make(Account)), Count, Bound]);
+        _ -> ok
+    end,
+    resource_constraint(io_lib:format(Text, [Bound])).
+
+resource_constraint(Text) ->
+    {error, xmpp:err_resource_constraint(iolist_to_binary(Text), <<"en">>)}.
 
 %% Each device's first dropped item is logged, then every hundredth with the count so far.
 dropped({_, NodeId}, Device, Number) ->

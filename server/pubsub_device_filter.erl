@@ -45,8 +45,11 @@ judged({error, Error}, Stanza, _) ->
 %%% inwards
 
 %% The engine would bounce it; for us it says whether the device is there.
-incoming(_, #presence{type = available, from = From}) ->
-    pubsub_device_presence:announce(From),
+incoming(_, #presence{type = available, from = From} = Presence) ->
+    case pubsub_device_presence:announce(From) of
+        {error, Refused} -> ejabberd_router:route_error(Presence, Refused);
+        _ -> ok
+    end,
     drop;
 incoming(_, #presence{type = unavailable, from = From}) ->
     pubsub_device_presence:goodbye(From),

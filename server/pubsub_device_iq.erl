@@ -93,9 +93,12 @@ create_key_node({Service, NodeId} = Node, Element, #iq{from = From} = IQ) ->
     case NodeId of
         <<>> -> answer(IQ, {error, xmpp:err_bad_request(<<"A key node has a name">>, <<"en">>)});
         _ ->
-            case created(may_create(Service, NodeId, account(From)), Node, account(From), Create) of
+            Room = pubsub_device_presence:attach(From),
+            case is_tuple(Room) orelse created(may_create(Service, NodeId, account(From)), Node, account(From), Create) of
+                true -> answer(IQ, Room);
                 {ok, Key, Status} ->
                     pubsub_device_presence:announce(From),
+                    pubsub_device_targets:mark(Node, jid:tolower(From)),
                     pubsub_device_session:answer(answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, Status)})),
                     ignore;
                 Error -> answer(IQ, Error)
@@ -145,10 +148,12 @@ activate(Node, Since, #iq{from = From} = IQ) ->
     case may_receive(Node, From) of
         ok ->
             Device = jid:tolower(From),
-            pubsub_device_presence:attach(From),
+            Room = pubsub_device_presence:attach(From),
             pubsub_device_session:spare(4),
             Request = {activate, Node, Device, Since, xmpp:make_iq_result(IQ)},
-            case pubsub_device_writer:call(Node, Request) of
+            is_tuple(Room) orelse mark([Node], Device),
+            case is_tuple(Room) orelse pubsub_device_writer:call(Node, Request) of
+                true -> answer(IQ, Room);
                 ok -> ignore;
                 Error -> answer(IQ, Error)
             end;
@@ -156,9 +161,15 @@ activate(Node, Since, #iq{from = From} = IQ) ->
     end.
 
 activate_nodes(Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
+    case pubsub_device_presence:attach(From) of
+        {error, _} = Refused -> answer(IQ, Refused);
+        _ -> activate_nodes_of(Service, Element, IQ)
+    end.
+
+activate_nodes_of(Service, Element, #iq{from = From} = IQ) ->
     Verdicts = [{NodeId, may_receive({Service, NodeId}, From)} || NodeId <- pubsub_device_stanza:node_ids(Element)],
     Failed = [{NodeId, Reason} || {NodeId, {error, #stanza_error{reason = Reason}}} <- Verdicts],
-    pubsub_device_presence:attach(From),
+    mark([{Service, NodeId} || {NodeId, ok} <- Verdicts], jid:tolower(From)),
     ejabberd_router:route(xmpp:make_iq_result(IQ, pubsub_device_stanza:nodes(<<"activate-nodes">>, Failed))),
     Device = jid:tolower(From),
     News = [Node || {NodeId, ok} <- Verdicts, Node <- [{Service, NodeId}],
@@ -166,6 +177,11 @@ activate_nodes(Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
     [pubsub_device_session:tell(Node, {activate, Node, Device}) || Node <- News],
     News == [] andalso pubsub_device_session:spare(1 + length(Verdicts)),
     ignore.
+
+%% What is answered is on disk: an item that comes after a restart is kept for the device, also while it is away.
+mark(Nodes, Device) ->
+    New = [Node || Node <- Nodes, pubsub_device_targets:mark(Node, Device)],
+    New == [] orelse pubsub_device_commit:sync().
 
 %% A key node is for its owner's devices and its subscribers; an ordinary node is not gated, so activating it
 %% asks for what is kept and nothing more.

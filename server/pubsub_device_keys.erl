@@ -18,12 +18,15 @@ create(Node, Owner, Create) ->
         {false, _} ->
             Key = new_key(),
             pubsub_device_store:put_key(Node, Key, Owner),
-            try Create() of
+            try made(pubsub_device_bounds:key_refused(Owner), Create) of
                 ok -> {ok, Key, <<>>};
                 {error, Error} -> pubsub_device_store:delete_key(Node), {error, Error}
             catch _:_ -> pubsub_device_store:delete_key(Node), {error, xmpp:err_internal_server_error()}
             end
     end.
+
+made(false, Create) -> Create();
+made(Refused, _) -> Refused.
 
 %% A key stands on command lines: one that begins with a dash would be read as an option there.
 new_key() ->

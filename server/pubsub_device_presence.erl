@@ -21,34 +21,42 @@ announce(JID) ->
             [pubsub_device_session:tell(Node, {announce, Node, Device}) || Node <- News],
             News == [] andalso pubsub_device_session:spare(1 + length(Nodes) div 16),
             ok;
-        stranger -> stranger
+        Refused -> Refused
     end.
 
+%% `ok`, `stranger` for what is no session of ours, or the refusal of one device too many.
 attach(JID) ->
     {User, Server, Resource} = Device = jid:tolower(JID),
     case Resource /= <<>> andalso ejabberd_router:is_my_host(Server)
         andalso ejabberd_sm:get_session_pid(User, Server, Resource) of
         Pid when is_pid(Pid) ->
-            pubsub_device_store:is_device(Device) orelse make_room(Device),
-            pubsub_device_store:saw_device(Device),
-            pubsub_device_store:attach(Device, Pid),
-            ok;
+            case pubsub_device_store:is_device(Device) orelse make_room(Device) of
+                true ->
+                    pubsub_device_store:saw_device(Device),
+                    pubsub_device_store:attach(Device, Pid),
+                    ok;
+                false -> pubsub_device_bounds:device_refused({User, Server, <<>>})
+            end;
         _ -> stranger
     end.
 
 %% A client without a resource of its own is a new device at every connect, so the account's longest absent
-%% one goes.
-make_room(Device) ->
+%% one goes. Those that are connected stay: when all are, there is no room. Newcomers of an account take turns,
+%% so that two of them do not push two out where one place was missing.
+make_room({User, Server, _} = Device) ->
+    global:trans({{?MODULE, User, Server}, self()}, fun() -> make_room_now(Device) end, pubsub_device_commit:members()).
+
+make_room_now(Device) ->
     Devices = pubsub_device_store:devices(Device),
     case length(Devices) >= mod_pubsub_device:option(max_devices) of
         true ->
             Absent = [{Seen, Each} || Each <- Devices, pubsub_device_store:session(Each) == none,
                                       Seen <- pubsub_device_store:seen(Each)],
             case lists:sort(Absent) of
-                [{_, Oldest} | _] -> forget(Oldest);
-                [] -> ok
+                [{_, Oldest} | _] -> forget(Oldest), pubsub_device_store:saw_device(Device), true;
+                [] -> false
             end;
-        false -> ok
+        false -> pubsub_device_store:saw_device(Device), true
     end.
 
 %% The session goes on as if it had not announced itself.
@@ -78,5 +86,6 @@ on_remove_user(User, Server) ->
 forget(Device) ->
     ?LOG_INFO("Forgot the device ~ts; it stayed away", [jid:encode(Device)]),
     pubsub_device_store:forget_device(Device),
+    pubsub_device_store:unmark_all(Device),
     [pubsub_device_session:tell(Node, {drop_all, Node, Device}) || Node <- pubsub_device_store:nodes_for(Device)],
     ok.

@@ -9,11 +9,13 @@
 -export([attach/2, detach/2, session/1, sessions/0, forget_session/1]).
 -export([activate/3, deactivate/2, is_active/3, stale_activations/0]).
 -export([key_of/1, node_of/1, put_key/3, delete_key/1]).
+-export([marks/1, mark/2, unmark_all/1, made/2, unmade/1, counted/1]).
 -export([last_number/2, last_item/1, put_number/3, retire_number/2]).
 -export([keep/6, bytes/1, drop/3, drop_all/2, next/3, newest/2, is_kept/3, nodes_for/1, devices_for/1, pairs/0]).
 -export([count/2, load/1, oldest/1, miscounted/1, miscounted/2, accounts/0]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
+-include_lib("ejabberd/include/pubsub.hrl").
 -include("pubsub_device.hrl").
 
 %% Of a copy without any text: its record and its entries in the tables beside it, and their share of the log.
@@ -23,13 +25,36 @@ init() ->
     table(pubsub_device, disc_copies, ordered_set, record_info(fields, pubsub_device), []),
     table(pubsub_device_session, ram_copies, set, record_info(fields, pubsub_device_session), []),
     table(pubsub_device_active, ram_copies, ordered_set, record_info(fields, pubsub_device_active), []),
-    table(pubsub_device_key, disc_copies, set, record_info(fields, pubsub_device_key), [{index, [key]}]),
+    table(pubsub_device_key, disc_copies, set, record_info(fields, pubsub_device_key),
+          [{index, [key, owner]}]),
+    table(pubsub_device_mark, disc_copies, ordered_set, record_info(fields, pubsub_device_mark), []),
+    table(pubsub_device_node, disc_copies, set, record_info(fields, pubsub_device_node), []),
     table(pubsub_device_number, disc_copies, set, record_info(fields, pubsub_device_number), []),
     table(pubsub_device_copy, disc_copies, ordered_set, record_info(fields, pubsub_device_copy), []),
     table(pubsub_device_pair, ram_copies, ordered_set, record_info(fields, pubsub_device_pair), []),
     table(pubsub_device_age, ram_copies, ordered_set, record_info(fields, pubsub_device_age), []),
     table(pubsub_device_load, ram_copies, set, record_info(fields, pubsub_device_load), []),
-    count_copies(mnesia:dirty_first(pubsub_device_pair)).
+    count_copies(mnesia:dirty_first(pubsub_device_pair)),
+    mnesia:system_info(running_db_nodes) == [node()] andalso alone().
+
+alone() ->
+    keep_items_in_memory(),
+    count_nodes().
+
+%% The engine's own choice for its items is a table in one file, which breaks at 2 GB. Its index does not survive
+%% a change of the storage, whoever makes it, so it is made anew.
+keep_items_in_memory() ->
+    Readable = try mnesia:dirty_index_read(pubsub_item, none, #pubsub_item.nodeidx) of
+                   _ -> true
+               catch exit:_ -> false
+               end,
+    case mnesia:table_info(pubsub_item, storage_type) of
+        disc_copies when Readable -> ok;
+        Storage ->
+            mnesia:del_table_index(pubsub_item, nodeidx),
+            Storage == disc_copies orelse ({atomic, ok} = mnesia:change_table_copy_type(pubsub_item, node(), disc_copies)),
+            {atomic, ok} = mnesia:add_table_index(pubsub_item, nodeidx)
+    end.
 
 table(Name, Storage, Type, Fields, More) ->
     {atomic, ok} = ejabberd_mnesia:create(?MODULE, Name,
@@ -48,6 +73,23 @@ count_copies('$end_of_table') ->
     maps:foreach(fun(Who, Load) -> write(#pubsub_device_load{who = Who, load = Load}) end, Loads);
 count_copies(_) ->
     ok.
+
+%% The node's first owner made it, where nobody wrote down who did; later owners stand before the first.
+count_nodes() ->
+    Note = fun(#pubsub_node{nodeid = {Service, _} = Node, owners = [_ | _] = Owners}, ok) when is_binary(Service) ->
+                   mnesia:dirty_read(pubsub_device_node, Node) == []
+                       andalso write(#pubsub_device_node{node = Node, account = lists:last(Owners)}),
+                   ok;
+              (_, ok) -> ok
+           end,
+    mnesia:activity(async_dirty, fun() -> mnesia:foldl(Note, ok, pubsub_node) end),
+    count_each(nodes, pubsub_device_node, #pubsub_device_node.account),
+    count_each(keys, pubsub_device_key, #pubsub_device_key.owner).
+
+count_each(What, Table, Position) ->
+    Add = fun(Record, Counts) -> plus({What, element(Position, Record)}, 1, Counts) end,
+    Counts = mnesia:activity(async_dirty, fun() -> mnesia:foldl(Add, #{}, Table) end),
+    maps:foreach(fun(Who, Count) -> write(#pubsub_device_load{who = Who, load = Count}) end, Counts).
 
 plus(Key, Value, Map) -> maps:update_with(Key, fun(Old) -> Old + Value end, Value, Map).
 
@@ -164,8 +206,61 @@ node_of(Key) ->
         _ -> none
     end.
 
-put_key(Node, Key, Owner) -> write(#pubsub_device_key{node = Node, key = Key, owner = Owner}).
-delete_key(Node) -> delete(pubsub_device_key, Node).
+put_key(Node, Key, Owner) ->
+    delete_key(Node),
+    together(fun() ->
+                     write(#pubsub_device_key{node = Node, key = Key, owner = Owner}),
+                     add(pubsub_device_load, {keys, Owner}, 1)
+             end).
+
+%% The marks of its devices go with the key.
+delete_key(Node) ->
+    together(fun() ->
+                     [add(pubsub_device_load, {keys, Owner}, -1) || {_, Owner} <- [key_of(Node)]],
+                     delete(pubsub_device_key, Node),
+                     [delete(pubsub_device_mark, {Node, Device}) || Device <- marks(Node)]
+             end),
+    ok.
+
+%%% whose nodes
+
+%% The devices that made or activated the key node, and `none` when one of them was forgotten.
+marks(Node) ->
+    mnesia:dirty_select(pubsub_device_mark, [{#pubsub_device_mark{id = {Node, '$1'}, _ = '_'}, [], ['$1']}]).
+
+mark(Node, Device) ->
+    write(#pubsub_device_mark{id = {Node, Device}, since = erlang:system_time(second)}).
+
+%% The device is forgotten. A node that it leaves without any device is not one of which nothing is known.
+unmark_all({User, Server, _} = Device) ->
+    [begin
+         mark(Node, none),
+         delete(pubsub_device_mark, {Node, Device})
+     end || #pubsub_device_key{node = Node}
+                <- mnesia:dirty_index_read(pubsub_device_key, {User, Server, <<>>}, #pubsub_device_key.owner),
+            mnesia:dirty_read(pubsub_device_mark, {Node, Device}) /= []],
+    ok.
+
+%% Both run in the transaction that makes or deletes the node.
+made(Node, Account) ->
+    write(#pubsub_device_node{node = Node, account = Account}),
+    add(pubsub_device_load, {nodes, Account}, 1).
+
+unmade(Node) ->
+    case mnesia:read(pubsub_device_node, Node, write) of
+        [#pubsub_device_node{account = Account}] ->
+            delete(pubsub_device_node, Node),
+            add(pubsub_device_load, {nodes, Account}, -1);
+        [] -> ok
+    end.
+
+%% How many nodes or keys an account has. In a transaction nobody else makes one until it ends.
+counted(Who) ->
+    Found = case mnesia:is_transaction() of
+                true -> mnesia:read(pubsub_device_load, Who, write);
+                false -> mnesia:dirty_read(pubsub_device_load, Who)
+            end,
+    lists:sum([Load || #pubsub_device_load{load = Load} <- Found]).
 
 %%% numbers
 

@@ -6,7 +6,7 @@
 %% notification.
 -module(pubsub_device_targets).
 
--export([find/3, is_meant/2, send_live/2, reached/1]).
+-export([find/3, mark/2, is_meant/2, send_live/2, reached/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 
@@ -30,10 +30,41 @@ is_meant({User, Server, Resource}, #jid{luser = User, lserver = Server, lresourc
 is_meant(_, _) ->
     false.
 
+%% The owner's devices that made or activated the key node.
 owned(Node) ->
     case pubsub_device_store:key_of(Node) of
-        {_, Owner} -> pubsub_device_store:devices(Owner);
+        {_, {User, Server, _} = Owner} ->
+            case pubsub_device_store:marks(Node) of
+                [] -> unmarked(Node, Owner);
+                Marks -> [Device || {U, S, _} = Device <- Marks, U == User, S == Server,
+                                    pubsub_device_store:is_device(Device)]
+            end;
         none -> []
+    end.
+
+%% A node of which nobody wrote down who made it is for the device that its name tells, or for all.
+unmarked(Node, Owner) ->
+    case named(Node, Owner) of
+        [] -> pubsub_device_store:devices(Owner);
+        Named -> Named
+    end.
+
+named({_, NodeId}, {User, Server, _}) ->
+    case binary:split(NodeId, <<"/">>, [global]) of
+        [<<>>, User, Resource, _ | _] -> devices({User, Server, Resource});
+        _ -> []
+    end.
+
+%% From now on the key node's items are kept for the device, if it is one of its owner's. Whether that is new, so
+%% that it has to reach the disk.
+mark(Node, {User, Server, _} = Device) ->
+    case pubsub_device_store:is_device(Device) andalso pubsub_device_store:key_of(Node) of
+        {_, {User, Server, _} = Owner} ->
+            case pubsub_device_store:marks(Node) of
+                [] -> [pubsub_device_store:mark(Node, Each) || Each <- lists:usort([Device | named(Node, Owner)])], true;
+                Marks -> not lists:member(Device, Marks) andalso pubsub_device_store:mark(Node, Device) == ok
+            end;
+        _ -> false
     end.
 
 devices({_, _, <<>>} = Account) ->

@@ -20,16 +20,19 @@ PASSWORD = "secret"
 
 
 class Instance:
-    """A running server in a temporary folder: one of its own, a first member of a cluster, or one that joins."""
+    """A running server in a temporary folder: one of its own, a first member of a cluster, or one that joins.
 
-    def __init__(self, options=(), member=None, join=None):
-        self.folder = tempfile.mkdtemp(prefix="pubsub-server-")
+    A folder that is given has the data and its accounts already; it is removed all the same.
+    """
+
+    def __init__(self, options=(), member=None, join=None, folder=None):
+        self.folder = folder or tempfile.mkdtemp(prefix="pubsub-server-")
         arguments = [each for option in options for each in ("--option", option)]
         arguments += ["--member", member] if member else []
         arguments += ["--join", join] if join else []
         try:
             self._run("up", self.folder, *arguments)
-            for name in ACCOUNTS if join is None else ():
+            for name in ACCOUNTS if join is None and folder is None else ():
                 self.register(name)
         except BaseException:
             self.remove()

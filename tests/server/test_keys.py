@@ -223,6 +223,8 @@ class Activation(ServerTest):
     def test_every_device_of_the_owner_activates_for_itself(self):
         owner, key = self.ready("first")
         second = self.device("owner", "second")
+        self.succeed(self.activate(second))
+        self.succeed(self.ext(second, "<deactivate node='%s'/>" % self.node))
         self.post(key, "1")
         self.succeed(self.activate(owner))
         self.assertEqual(self.texts(owner, 1), ["1"])
