@@ -5,7 +5,7 @@
 -module(pubsub_device_bounds).
 
 -export([node_refused/1, key_refused/1, device_refused/1]).
--export([init/0, fits/4, enforce/2, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0]).
+-export([init/0, fits/4, enforce/2, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0, forget_counts/0]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -161,6 +161,14 @@ take(Key) ->
         true -> ets:insert(?TABLE, {Id, Level - 1, Now}), ok;
         false -> {wait, max(1, ceil((1.0 - Level) / Rate))}
     end.
+
+%% The counts of devices that are forgotten, and of accounts that were refused one: they begin anew.
+forget_counts() ->
+    [ets:delete(?TABLE, Id) || {dropped, Device} = Id <- counts(dropped), not pubsub_device_store:is_device(Device)],
+    [ets:delete(?TABLE, Id) || Id <- counts(refused)],
+    ok.
+
+counts(What) -> ets:select(?TABLE, [{{{What, '$1'}, '_'}, [], [{{What, '$1'}}]}]).
 
 %% A bucket that was left alone for a minute is near enough to full.
 forget_rates() ->

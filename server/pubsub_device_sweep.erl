@@ -23,6 +23,7 @@ handle_info(sweep, State) ->
      || {Device, Node} <- pubsub_device_store:pairs(), element(2, pubsub_device_writer:locate(Node)) == node()],
     hd(pubsub_device_commit:members()) == node() andalso forget_absent(),
     pubsub_device_bounds:forget_rates(),
+    pubsub_device_bounds:forget_counts(),
     arm(),
     {noreply, State};
 handle_info(measure, State) ->
