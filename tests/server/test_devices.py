@@ -140,6 +140,7 @@ class Bounds(ServerTest):
         erin, frank = self.client("erin"), self.client("frank")
         for each in range(4):
             self.succeed(self.create(erin, "%s/%d" % (self.node, each)))
+            self.succeed(self.subscribe(frank, node="%s/%d" % (self.node, each)))
             affiliations = "<affiliations node='%s/%d'><affiliation jid='%s' affiliation='owner'/></affiliations>" % (
                 self.node, each, frank.bare)
             self.succeed(self.pubsub(erin, affiliations, namespace=OWNER))
