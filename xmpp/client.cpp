@@ -124,6 +124,7 @@ void Client::dispose(Client* client) {
     if (!client || client->m_disposed)
         return;
     client->m_disposed = true;
+    client->m_streamParser.stop();
     client->m_listeners.clear();
     client->m_messageHandlers.clear();
     if (client->m_manager)
@@ -186,21 +187,28 @@ gloox::ConnectionError Client::recv(int timeout) {
 
 void Client::handleConnect(const gloox::ConnectionBase* connection) {
     Busy busy(*this);
+    m_streamParser.restart();
     gloox::Client::handleConnect(connection);
 }
 
 void Client::handleReceivedData(const gloox::ConnectionBase* connection, const std::string& data) {
     Busy busy(*this);
-    const bool plain = !m_encryptionActive;
-    gloox::Client::handleReceivedData(connection, data);
-    if (plain)
-        noteStreamEnd(data);
+    if (m_encryptionActive)
+        gloox::Client::handleReceivedData(connection, data);
+    else
+        parse(data);
 }
 
-void Client::handleDecryptedData(const gloox::TLSBase* tls, const std::string& data) {
+void Client::handleDecryptedData(const gloox::TLSBase*, const std::string& data) {
     Busy busy(*this);
-    gloox::Client::handleDecryptedData(tls, data);
-    noteStreamEnd(data);
+    parse(data);
+}
+
+// What came before TLS is no part of what comes after it.
+void Client::handleHandshakeResult(const gloox::TLSBase* tls, bool success, gloox::CertInfo& info) {
+    Busy busy(*this);
+    m_streamParser.restart();
+    gloox::Client::handleHandshakeResult(tls, success, info);
 }
 
 void Client::handleDisconnect(const gloox::ConnectionBase* connection, gloox::ConnectionError reason) {
@@ -226,6 +234,7 @@ void Client::onDisconnect(gloox::ConnectionError error) {
     m_streamUp = false;
     if (std::exchange(m_ended, true))
         return;
+    m_streamParser.stop();
     if (m_manager)
         m_manager->hold();
     for (std::size_t i = 0; i < m_listeners.size(); ++i)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// gloox's client with our transport and TLS, and a short way for messages and answers straight from the
-// parser.
+// gloox's client with our transport, TLS and parser, and a short way for messages and answers straight from
+// the parser.
 //
 // Owns the connection; borrows listeners, handlers and the manager. One client is good for one connection and
 // for none of its state to survive it.
@@ -15,6 +15,8 @@
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "xmpp/streamparser.h"
 
 namespace xmpp {
 
@@ -78,6 +80,7 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     void handleConnect(const gloox::ConnectionBase* connection) override;
     void handleReceivedData(const gloox::ConnectionBase* connection, const std::string& data) override;
     void handleDecryptedData(const gloox::TLSBase* tls, const std::string& data) override;
+    void handleHandshakeResult(const gloox::TLSBase* tls, bool success, gloox::CertInfo& info) override;
     void handleDisconnect(const gloox::ConnectionBase* connection, gloox::ConnectionError reason) override;
 
   private:
@@ -103,14 +106,14 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     bool isForeignEvent(const gloox::Tag& message);
     void passMessage(const gloox::Tag& message);
     void logIncoming(const gloox::Tag& tag);
-    void noteStreamEnd(const std::string& data);
+    void parse(const std::string& data);
 
     std::vector<gloox::ConnectionListener*> m_listeners;
     std::vector<gloox::MessageHandler*> m_messageHandlers;
     Manager* m_manager = nullptr;   // borrowed; it takes itself out
     gloox::JID m_service;           // the one sender of events and forms
     std::string m_serviceSpelling;  // how that sender last wrote itself: spares preparing it for each stanza
-    std::string m_tail;             // the last characters of the stream, for its end
+    StreamParser m_streamParser{*this};
     gloox::StringList m_caFiles;
     gloox::LogSink m_log;               // what the outside registers on; this client relays gloox's own to it
     GMainContext* m_context = nullptr;  // one reference from connect() on

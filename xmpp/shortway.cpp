@@ -36,21 +36,20 @@ bool mayBePlain(const gloox::Tag& tag) {
     return (tag.name() == "proceed" || tag.name() == "failure") && tag.xmlns() == gloox::XMLNS_STREAM_TLS;
 }
 
-constexpr std::string_view kStreamEnd = "</stream:stream>";
-constexpr std::string_view kBlanks = " \t\r\n";
-
 }  // namespace
 
-// gloox's parser passes over the end of the stream; without this a server that waits for ours keeps us for
-// ever.
-void Client::noteStreamEnd(const std::string& data) {
-    if (m_ended)
+void Client::parse(const std::string& data) {
+    if (m_disposed || m_ended || m_streamParser.feed(data))
         return;
-    m_tail.append(data, data.size() - std::min(data.size(), kStreamEnd.size() * 2));
-    m_tail.erase(m_tail.find_last_not_of(kBlanks) + 1);
-    if (m_tail.ends_with(kStreamEnd))
-        gloox::ClientBase::disconnect(gloox::ConnStreamClosed);
-    m_tail.erase(0, m_tail.size() - std::min(m_tail.size(), kStreamEnd.size()));
+    const std::string& fault = m_streamParser.fault();
+    if (m_relaysLog)
+        gloox::Client::logInstance().err(gloox::LogAreaClassClientbase,
+                                         "parse error (" + fault + "): " + data);
+    PrvPrintErr(__func__, __LINE__, "The server's stream cannot be taken (%s), disconnecting", fault.c_str());
+    auto* error = new gloox::Tag("stream:error");
+    new gloox::Tag(error, "restricted-xml", "xmlns", gloox::XMLNS_XMPP_STREAM);
+    send(error);
+    gloox::ClientBase::disconnect(gloox::ConnParseError);
 }
 
 void Client::handleTag(gloox::Tag* tag) {
@@ -80,6 +79,9 @@ void Client::handleTag(gloox::Tag* tag) {
     // Never asked for; gloox would take "enabled" for the end of the login.
     if (tag->xmlns() == kStreamManagement)
         return;
+    // The server begins its stream anew.
+    if (isElement(*tag, "success", gloox::XMLNS_STREAM_SASL))
+        m_streamParser.restart();
     gloox::Client::handleTag(tag);
 }
 
