@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The diagnostics log: one line to standard error and one to the system log for every message.
 //
-// Keeps no state and allocates nothing, so that a line can be written from anywhere. The system log is never
-// opened here: its defaults apply. No switch turns the log off.
+// Keeps no state and allocates nothing, so that a line can be written from anywhere. Control characters that
+// came with an argument are escaped; those of a format are ours. The system log is never opened here: its
+// defaults apply. No switch turns the log off.
 #include "util/log.h"
 
 #include <syslog.h>
@@ -14,14 +15,79 @@
 namespace {
 
 constexpr int kMessageSize = 512;  // with the terminating zero: longer messages are cut
+constexpr int kFormatSize = 1024;  // no format of ours is as long
+constexpr char kMark = '\xff';
+
+bool isControl(char character) {
+    return static_cast<unsigned char>(character) < 0x20 || character == '\x7f';
+}
+
+// Writes the escape of the control character at `text` and returns how many bytes it has there, 0 when it is
+// none. Terminals also obey those of U+0080 to U+009F.
+int escape(const char* text, char (&escaped)[12]) {
+    const auto byte = [text](int at) { return static_cast<unsigned char>(text[at]); };
+    if (byte(0) == 0xc2 && byte(1) >= 0x80 && byte(1) < 0xa0) {
+        snprintf(escaped, sizeof escaped, "\\xc2\\x%02x", byte(1));
+        return 2;
+    }
+    if (!isControl(text[0]))
+        return 0;
+    static constexpr char kNamed[] = "\n\r\t", kNames[] = "nrt";
+    if (const char* named = strchr(kNamed, text[0]))
+        snprintf(escaped, sizeof escaped, "\\%c", kNames[named - kNamed]);
+    else
+        snprintf(escaped, sizeof escaped, "\\x%02x", byte(0));
+    return 1;
+}
+
+// Where `marked`, written with marks for the control characters of the format, differs from `message`, they
+// are ours and stay; all others came with an argument and would forge lines.
+void escapeForeign(const char* message, const char* marked, char (&out)[kMessageSize]) {
+    int length = 0;
+    char escaped[12];
+    while (*message) {
+        const int taken = *message == *marked ? escape(message, escaped) : 0;
+        const int size = taken ? static_cast<int>(strlen(escaped)) : 1;
+        if (length + size >= kMessageSize)
+            break;
+        memcpy(out + length, taken ? escaped : message, static_cast<size_t>(size));
+        length += size;
+        message += taken ? taken : 1;
+        marked += taken ? taken : 1;
+    }
+    out[length] = '\0';
+}
+
+// False when the format has no control characters.
+bool markFormat(const char* format, char (&marked)[kFormatSize]) {
+    bool found = false;
+    size_t length = 0;
+    for (; format[length] && length + 1 < sizeof marked; ++length) {
+        const bool control = isControl(format[length]);
+        marked[length] = control ? kMark : format[length];
+        found = found || control;
+    }
+    marked[length] = '\0';
+    return found && !format[length];
+}
 
 __attribute__((format(printf, 4, 0))) void write(int priority, const char* function, int line,
                                                  const char* format, va_list arguments) {
-    char message[kMessageSize];
+    char message[kMessageSize], marked[kMessageSize], escaped[kMessageSize], markedFormat[kFormatSize];
+    va_list again;
+    va_copy(again, arguments);
     vsnprintf(message, sizeof message, format, arguments);
-    message[sizeof message - 1] = '\0';
-    fprintf(stderr, "[%s: %d]: %s\n", function, line, message);
-    syslog(priority, "[%s: %d]: %s", function, line, message);
+    const bool hasOwn = markFormat(format, markedFormat);
+    if (hasOwn) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+        vsnprintf(marked, sizeof marked, markedFormat, again);
+#pragma GCC diagnostic pop
+    }
+    va_end(again);
+    escapeForeign(message, hasOwn ? marked : message, escaped);
+    fprintf(stderr, "[%s: %d]: %s\n", function, line, escaped);
+    syslog(priority, "[%s: %d]: %s", function, line, escaped);
 }
 
 char* firstNewline(char* buffer, int length) {

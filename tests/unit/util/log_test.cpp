@@ -54,6 +54,41 @@ TEST_P(LogEntry, KeepsTheNewlineOfTheFormat) {
     EXPECT_EQ(systemLog().at(0).text, "[handler: 1]: Malformed json packet? \n");
 }
 
+TEST_P(LogEntry, EscapesTheControlCharactersOfArguments) {
+    LogCapture log;
+    GetParam().write("handler", 1, "got %s.",
+                     "a\n[main: 9]: PUBSUB SERVICE EXITS BECAUSE OF ERRORS\r\t\x1b[2J\x7f\xc2\x9b");
+    const std::string expected =
+        "[handler: 1]: got a\\n[main: 9]: PUBSUB SERVICE EXITS BECAUSE OF ERRORS\\r\\t"
+        "\\x1b[2J\\x7f\\xc2\\x9b.";
+    EXPECT_EQ(log.raw(), expected + "\n");
+    EXPECT_EQ(systemLog().at(0).text, expected);
+}
+
+TEST_P(LogEntry, EscapesThoseOfArgumentsAndKeepsThoseOfTheFormat) {
+    LogCapture log;
+    GetParam().write("handler", 1, "one: %s\ntwo:\t%s\n", "a\nb\n", "\xff\n\xff");
+    EXPECT_EQ(systemLog().at(0).text, "[handler: 1]: one: a\\nb\\n\ntwo:\t\xff\\n\xff\n");
+}
+
+TEST_P(LogEntry, KeepsBackslashesAndEveryOtherCharacter) {
+    LogCapture log;
+    GetParam().write("handler", 1, "%s", "\\n \xc3\xbc \xc2\xa0 \xf0\x9f\x98\x80 %d \xc2");
+    EXPECT_EQ(log.raw(), "[handler: 1]: \\n \xc3\xbc \xc2\xa0 \xf0\x9f\x98\x80 %d \xc2\n");
+}
+
+TEST_P(LogEntry, CutsAtTheSameBoundWithEscapesAndCutsNoEscape) {
+    LogCapture log;
+    GetParam().write("handler", 1, "a%s", std::string(600, '\n').c_str());
+    std::string escapes;
+    for (int i = 0; i < 255; ++i)
+        escapes += "\\n";
+    EXPECT_EQ(log.raw(), "[handler: 1]: a" + escapes + "\n");
+    log.clear();
+    GetParam().write("handler", 1, "ab%s", std::string(600, '\n').c_str());
+    EXPECT_EQ(log.raw(), "[handler: 1]: ab" + escapes.substr(2) + "\n");
+}
+
 TEST_P(LogEntry, DoesNotReadTheMessageAsAFormatAgain) {
     LogCapture log;
     GetParam().write("handler", 1, "%s", "100%s %n");
