@@ -216,8 +216,13 @@ void Tls::fillCertInfo() {
 }
 
 int Tls::judgeCertificate() const {
+    // The whole chain has to be meant for servers, as far as it names purposes. The name is looked at below:
+    // it has a word of its own.
+    gnutls_typed_vdata_st purpose{
+        GNUTLS_DT_KEY_PURPOSE_OID,
+        reinterpret_cast<unsigned char*>(const_cast<char*>(GNUTLS_KP_TLS_WWW_SERVER)), 0};
     unsigned faults = 0;
-    if (gnutls_certificate_verify_peers2(m_session, &faults) < 0)
+    if (gnutls_certificate_verify_peers(m_session, &purpose, 1, &faults) < 0)
         return gloox::CertInvalid;
     static constexpr std::pair<unsigned, int> kFaults[] = {
         {GNUTLS_CERT_INVALID, gloox::CertInvalid},

@@ -72,6 +72,11 @@ std::string pemOf(gnutls_x509_privkey_t key) {
     return text;
 }
 
+void addPurposes(gnutls_x509_crt_t certificate, const std::vector<std::string>& purposes) {
+    for (const std::string& purpose : purposes)
+        check(gnutls_x509_crt_set_key_purpose_oid(certificate, purpose.c_str(), 0), "purpose");
+}
+
 constexpr std::time_t kDay = 86'400;
 
 }  // namespace
@@ -93,6 +98,18 @@ Authority::Authority(const std::string& name, Kind kind) : m_file(m_folder.file(
     std::ofstream(m_file) << pemOf(m_certificate);
 }
 
+Authority::Authority(const std::string& name, const Authority& issuer,
+                     const std::vector<std::string>& purposes)
+    : m_key(newKey()) {
+    m_certificate = newCertificate(m_key, name, std::time(nullptr) - kDay, std::time(nullptr) + kDay);
+    check(gnutls_x509_crt_set_basic_constraints(m_certificate, 1, -1), "constraints");
+    check(gnutls_x509_crt_set_key_usage(m_certificate, GNUTLS_KEY_KEY_CERT_SIGN), "usage");
+    addPurposes(m_certificate, purposes);
+    check(gnutls_x509_crt_sign2(m_certificate, issuer.m_certificate, issuer.m_key, GNUTLS_DIG_SHA256, 0),
+          "signature");
+    m_chain = pemOf(m_certificate);
+}
+
 Authority::~Authority() {
     gnutls_x509_crt_deinit(m_certificate);
     gnutls_x509_privkey_deinit(m_key);
@@ -100,13 +117,24 @@ Authority::~Authority() {
 
 Identity Authority::vouchFor(const std::vector<std::string>& names, std::time_t from,
                              std::time_t until) const {
+    return sign(names, from, until, {});
+}
+
+Identity Authority::vouchFor(const std::vector<std::string>& names,
+                             const std::vector<std::string>& purposes) const {
+    return sign(names, std::time(nullptr) - kDay, std::time(nullptr) + kDay, purposes);
+}
+
+Identity Authority::sign(const std::vector<std::string>& names, std::time_t from, std::time_t until,
+                         const std::vector<std::string>& purposes) const {
     gnutls_x509_privkey_t key = newKey();
     gnutls_x509_crt_t certificate = newCertificate(key, names.front(), from, until);
     for (const std::string& name : names)
         addName(certificate, name);
     check(gnutls_x509_crt_set_key_usage(certificate, GNUTLS_KEY_DIGITAL_SIGNATURE), "usage");
+    addPurposes(certificate, purposes);
     check(gnutls_x509_crt_sign2(certificate, m_certificate, m_key, GNUTLS_DIG_SHA256, 0), "signature");
-    Identity identity{pemOf(certificate), pemOf(key)};
+    Identity identity{pemOf(certificate) + m_chain, pemOf(key)};
     gnutls_x509_crt_deinit(certificate);
     gnutls_x509_privkey_deinit(key);
     return identity;

@@ -33,6 +33,8 @@ class Authority {
   public:
     enum class Kind { Ca, NoCa };  // NoCa: signs all the same, though its certificate does not allow it
     explicit Authority(const std::string& name, Kind kind = Kind::Ca);
+    // One that `issuer` vouches for, for these purposes; what it vouches for brings its certificate along.
+    Authority(const std::string& name, const Authority& issuer, const std::vector<std::string>& purposes);
     ~Authority();
     Authority(const Authority&) = delete;
     Authority& operator=(const Authority&) = delete;
@@ -40,6 +42,8 @@ class Authority {
     // Names with digits and dots alone are IP addresses.
     Identity vouchFor(const std::vector<std::string>& names, std::time_t from, std::time_t until) const;
     Identity vouchFor(const std::vector<std::string>& names) const;
+    // With an extended key usage of these object identifiers.
+    Identity vouchFor(const std::vector<std::string>& names, const std::vector<std::string>& purposes) const;
     // The authority's certificate, for a client to trust.
     const std::string& file() const { return m_file; }
 
@@ -48,4 +52,8 @@ class Authority {
     std::string m_file;
     gnutls_x509_privkey_t m_key = nullptr;
     gnutls_x509_crt_t m_certificate = nullptr;
+    std::string m_chain;  // certificates that go with what this one vouches for
+
+    Identity sign(const std::vector<std::string>& names, std::time_t from, std::time_t until,
+                  const std::vector<std::string>& purposes) const;
 };

@@ -122,28 +122,70 @@ TEST_P(BadCertificates, AreToldToTheListenerWhoseRefusalEndsTheStream) {
 }
 
 constexpr std::time_t kDay = 86'400;
+const std::string kForServers = GNUTLS_KP_TLS_WWW_SERVER, kForClients = GNUTLS_KP_TLS_WWW_CLIENT,
+                  kForMail = GNUTLS_KP_EMAIL_PROTECTION, kForAll = GNUTLS_KP_ANY;
 
 INSTANTIATE_TEST_SUITE_P(
     All, BadCertificates,
-    testing::Values(Certificate{"WrongName", [](const Authority& a) { return a.vouchFor({"other.example"}); },
-                                gloox::CertWrongPeer},
-                    Certificate{
-                        "UnknownAuthority",
-                        [](const Authority&) { return Authority("Somebody else").vouchFor({"example.org"}); },
-                        gloox::CertInvalid | gloox::CertSignerUnknown},
-                    Certificate{"Expired",
-                                [](const Authority& a) {
-                                    return a.vouchFor({"example.org"}, std::time(nullptr) - kDay / 2,
-                                                      std::time(nullptr) - 60);
-                                },
-                                gloox::CertInvalid | gloox::CertExpired},
-                    Certificate{"NotYetValid",
-                                [](const Authority& a) {
-                                    return a.vouchFor({"example.org"}, std::time(nullptr) + 3'600,
-                                                      std::time(nullptr) + kDay / 2);
-                                },
-                                gloox::CertInvalid | gloox::CertNotActive}),
+    testing::Values(
+        Certificate{"WrongName", [](const Authority& a) { return a.vouchFor({"other.example"}); },
+                    gloox::CertWrongPeer},
+        Certificate{"UnknownAuthority",
+                    [](const Authority&) { return Authority("Somebody else").vouchFor({"example.org"}); },
+                    gloox::CertInvalid | gloox::CertSignerUnknown},
+        Certificate{"Expired",
+                    [](const Authority& a) {
+                        return a.vouchFor({"example.org"}, std::time(nullptr) - kDay / 2,
+                                          std::time(nullptr) - 60);
+                    },
+                    gloox::CertInvalid | gloox::CertExpired},
+        Certificate{"NotYetValid",
+                    [](const Authority& a) {
+                        return a.vouchFor({"example.org"}, std::time(nullptr) + 3'600,
+                                          std::time(nullptr) + kDay / 2);
+                    },
+                    gloox::CertInvalid | gloox::CertNotActive},
+        Certificate{"ForClientsAlone",
+                    [](const Authority& a) { return a.vouchFor({"example.org"}, {kForClients}); },
+                    gloox::CertInvalid},
+        Certificate{"ForMailAndCodeAlone",
+                    [](const Authority& a) {
+                        return a.vouchFor({"example.org"}, {kForMail, GNUTLS_KP_CODE_SIGNING});
+                    },
+                    gloox::CertInvalid},
+        Certificate{
+            "OfAnAuthorityForMailAlone",
+            [](const Authority& a) {
+                return Authority("Mail authority", a, {kForMail}).vouchFor({"example.org"}, {kForServers});
+            },
+            gloox::CertInvalid}),
     [](const auto& each) { return each.param.name; });
+
+using Purposes = std::vector<std::string>;
+struct Purpose {
+    const char* name;
+    Purposes ofServer, ofAuthority;
+};
+class GoodPurposes : public Secured, public testing::WithParamInterface<Purpose> {};
+
+TEST_P(GoodPurposes, AreAccepted) {
+    const Authority between("Between", authority, GetParam().ofAuthority);
+    const Identity good = between.vouchFor({"example.org"}, GetParam().ofServer);
+    start([&](Peer& peer) {
+        peer.logIn(&good);
+        peer.untilEnd();
+    });
+    ASSERT_TRUE(connect());
+    ASSERT_TRUE(waitFor([this] { return isConnected(); })) << server->failure();
+}
+
+INSTANTIATE_TEST_SUITE_P(All, GoodPurposes,
+                         testing::Values(Purpose{"None", {}, {}}, Purpose{"Servers", {kForServers}, {}},
+                                         Purpose{"ServersAmongOthers", {kForClients, kForServers}, {}},
+                                         Purpose{"All", {kForAll}, {}},
+                                         Purpose{"ServersTwice", {kForServers}, {kForServers, kForClients}},
+                                         Purpose{"NoneOfServersAuthority", {}, {kForServers}}),
+                         [](const auto& each) { return each.param.name; });
 
 TEST_F(Secured, ASignerThatIsNoAuthorityVouchesForNobody) {
     const Authority leaf("Test leaf", Authority::Kind::NoCa);
