@@ -69,6 +69,7 @@ class Device:
         (self.folder / "prefs").chmod(0o700)
         (self.folder / "host" / "host.conf").write_text("[network]\nloopback-is-internet=true\n")
         credentials = self.folder / "state" / "pubsub.conf"
+        credentials.touch(mode=0o600)
         credentials.write_text("\n".join(
             ["device@localhost", "secret", "127.0.0.1", str(self.server.port), "pubsub.localhost", "bench"]) + "\n")
         (self.folder / "state" / "pubsubhandlers.conf").write_bytes(

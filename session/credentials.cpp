@@ -2,8 +2,12 @@
 // Reading the credentials file.
 //
 // The file is plain text, one value a line, in a fixed order. A line is read through a buffer of 64 bytes: a
-// longer one counts as several lines, so 63 characters and their newline are already two. Keeps no state.
+// longer one counts as several lines, so 63 characters and their newline are already two. A file that others
+// can read is not taken. Keeps no state.
 #include "session/credentials.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -24,12 +28,30 @@ struct FileClose {
     void operator()(FILE* file) const { fclose(file); }
 };
 
+// What others can read or have written names no account.
+bool mayTrust(FILE* file, const std::string& path) {
+    struct stat status = {};
+    if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    if (status.st_mode & 077)
+        PrvPrintErr("ReadCredentials", __LINE__,
+                    "%s can be read by others than its owner; `chmod 600` it and have the password changed",
+                    path.c_str());
+    else if (status.st_uid != geteuid() && status.st_uid != 0)
+        PrvPrintErr("ReadCredentials", __LINE__,
+                    "%s belongs to another user; give it to the user of this service", path.c_str());
+    else
+        return true;
+    return false;
+}
+
 }  // namespace
 
 void ReadCredentials(std::string& jid, std::string& password, std::string& resource, std::string& server,
                      int& port, std::string& service) {
-    std::unique_ptr<FILE, FileClose> file(fopen(credentialsFile().c_str(), "re"));
-    if (!file)
+    const std::string path = credentialsFile();
+    std::unique_ptr<FILE, FileClose> file(fopen(path.c_str(), "re"));
+    if (!file || !mayTrust(file.get(), path))
         return;
     std::string portText;
     std::string* const outputs[kLines] = {&jid, &password, &server, &portText, &service, &resource};

@@ -238,4 +238,6 @@ std::string ServiceTest::fileText(const std::filesystem::path& path) const {
 void ServiceTest::writeFile(const std::filesystem::path& path, const std::string& text) const {
     std::filesystem::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary) << text;
+    using std::filesystem::perms;
+    std::filesystem::permissions(path, perms::owner_read | perms::owner_write);
 }

@@ -45,6 +45,35 @@ TEST_F(Credentials, ChangeNothingWhenTheFileCannotBeOpened) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
+TEST_F(Credentials, OfAFileThatOthersCanReadOrWriteAreRefusedWithWhatToDo) {
+    const auto path = stateFolder() / "pubsub.conf";
+    writeFile(path, "u1@example.org\nsecret\n");
+    for (const mode_t mode : {0640, 0604, 0620, 0602, 0610, 0601}) {
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+        EXPECT_EQ(read(), Details()) << mode;
+        EXPECT_EQ(
+            takeLogLines(),
+            Texts{"ReadCredentials: " + path.string() +
+                  " can be read by others than its owner; `chmod 600` it and have the password changed"});
+    }
+    for (const mode_t mode : {0600, 0400, 0700}) {
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+        EXPECT_EQ(read().jid, "u1@example.org") << mode;
+    }
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(Credentials, OfAnotherUsersFileAreRefused) {
+    if (geteuid() != 0)
+        return;  // nobody else can give a file away
+    const auto path = stateFolder() / "pubsub.conf";
+    writeFile(path, "u1@example.org\nsecret\n");
+    ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(read(), Details());
+    EXPECT_EQ(takeLogLines(), Texts{"ReadCredentials: " + path.string() +
+                                    " belongs to another user; give it to the user of this service"});
+}
+
 TEST_F(Credentials, ReadFromZeroToEightLines) {
     const Texts lines = {"u1@example.org",     "secret", "xmpp.example.org", "5223",
                          "pubsub.example.org", "dev42",  "seventh",          "eighth"};
