@@ -11,8 +11,15 @@
 
 class Console {
   public:
+    // Which of the two streams are terminals: on these, control characters of what others sent are written as
+    // escapes.
+    struct Terminals {
+        bool out = false, err = false;
+    };
     Console(std::istream& in, std::ostream& out, std::ostream& err, bool json)
-        : m_in(in), m_out(out), m_err(err), m_json(json) {}
+        : Console(in, out, err, json, Terminals()) {}
+    Console(std::istream& in, std::ostream& out, std::ostream& err, bool json, Terminals terminals)
+        : m_in(in), m_out(out), m_err(err), m_json(json), m_terminals(terminals) {}
 
     bool json() const { return m_json; }
     std::istream& in() { return m_in; }
@@ -29,7 +36,11 @@ class Console {
     std::ostream& m_out;
     std::ostream& m_err;
     bool m_json;
+    Terminals m_terminals;
 };
+
+// Line breaks and tabs stay; other control characters (C0, DEL, C1) become \xHH.
+std::string escapeForTerminal(const std::string& text);
 
 // A payload as one line of JSON; text that is no JSON becomes a JSON string.
 std::string oneLine(const std::string& payload);

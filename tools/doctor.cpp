@@ -3,6 +3,7 @@
 // nothing.
 #include "tools/doctor.h"
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -75,7 +76,8 @@ Finding judgeLogin(const Reply& reply) {
     if (boolMember(status.get(), "connected"))
         return {"login", Finding::State::Good, "the service is logged in", ""};
     return {"login", Finding::State::Bad, "the service is not connected",
-            "put right what stands above, then `pubsubctl session login`; the service's log has the reason"};
+            "put right what stands above, then `pubsubctl session login`, also when a login failed while the "
+            "reconnect alarm rang: it is not tried again by itself; the service's log has the reason"};
 }
 
 std::string readText(const std::string& path) {
@@ -83,6 +85,12 @@ std::string readText(const std::string& path) {
     std::stringstream text;
     text << file.rdbuf();
     return text.str();
+}
+
+// The service refuses such a credentials file.
+bool othersCanRead(const std::string& file) {
+    struct stat status = {};
+    return stat(file.c_str(), &status) == 0 && (status.st_mode & 077) != 0;
 }
 
 class Doctor {
@@ -140,11 +148,16 @@ bool Doctor::findPlace(ServerPlace& place) {
     Reply reply = ask("zelt://com.zelt.accountservices/getAccountToken", "");
     if (placeFromAccount(reply.payload, place))
         tell({"account", Finding::State::Good, place.user + "@" + place.domain, ""});
-    else if (placeFromCredentials(readText(file), place))
-        tell({"account", Finding::State::Good, place.user + "@" + place.domain + ", from " + file, ""});
+    else if (!othersCanRead(file) && placeFromCredentials(readText(file), place))
+        tell({"account", Finding::State::Good, place.user + "@" + place.domain + ", from " + file,
+              "set it with `zelt-host account set` as well: a connection that is lost does not come back by "
+              "itself "
+              "with this file alone; `pubsubctl status --public` connects it again"});
     else
         tell({"account", Finding::State::Bad,
-              reply.problem.empty() ? "the answer names no account" : reply.problem,
+              othersCanRead(file)     ? file + " can be read by others than its owner and is not taken"
+              : reply.problem.empty() ? "the answer names no account"
+                                      : reply.problem,
               "set it with `zelt-host account set`"});
     return !place.domain.empty();
 }

@@ -29,7 +29,8 @@ int main(int argc, char** argv) {
     Invocation invocation;
     std::string problem;
     bool understood = parseArguments({argv + 1, argv + argc}, allVerbs(), invocation, problem);
-    Console console(std::cin, std::cout, std::cerr, invocation.json);
+    Console console(std::cin, std::cout, std::cerr, invocation.json,
+                    {isatty(STDOUT_FILENO) == 1, isatty(STDERR_FILENO) == 1});
     if (!understood)
         return static_cast<int>(console.usage(problem));
     if (!takeApplicationId(invocation.app, argv)) {

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `onclose`: the notices for closed applications, and which endpoints have them. Keeps no state.
+#include <utility>
+
 #include "tools/json.h"
 #include "tools/listener.h"
 #include "tools/verbs.h"
@@ -19,9 +21,13 @@ Exit runOnCloseListen(const Invocation& invocation, Console& console) {
     std::string problem;
     if (!readBounds(invocation, bounds, problem))
         return console.usage(problem);
+    bool announced = false;
     auto take = [&](const Reply& reply) {
-        if (!hasMember(readJson(reply.payload).get(), "appid"))
+        if (!hasMember(readJson(reply.payload).get(), "appid")) {
+            if (!std::exchange(announced, true))
+                console.complain("listening for items of closed applications");
             return Listener::Then::Wait;
+        }
         bool heard = console.line(noticeLine(reply.payload, console.json()));
         return heard ? Listener::Then::Counted : Listener::Then::Leave;
     };

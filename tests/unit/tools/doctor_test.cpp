@@ -5,7 +5,9 @@
 #include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
+#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -192,6 +194,44 @@ TEST(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
         EXPECT_THAT(out.str(), HasSubstr(line));
     for (const char* variable : {"PUBSUB_STATE_DIR", "ZELT_PREFS_DIR", "ZELT_PUBLIC_BUS"})
         unsetenv(variable);
+}
+
+class FromTheFile : public testing::Test {
+  protected:
+    // What the doctor says of a device that has its account from the credentials file.
+    std::string examine(mode_t mode) {
+        PrivateBus bus;
+        TestFolder folder;
+        const std::string file = std::string(folder.path()) + "/pubsub.conf";
+        std::ofstream(file) << "u1@example.org\nsecret\n127.0.0.1\n1\npubsub.example.org\ndev1\n";
+        chmod(file.c_str(), mode);
+        setenv("PUBSUB_STATE_DIR", folder.path().c_str(), 1);
+        setenv("ZELT_PREFS_DIR", folder.path().c_str(), 1);
+        setenv("ZELT_PUBLIC_BUS", "unix:path=/nowhere/bus", 1);
+        FakeService service;
+        service.script["subscribeConnStatus"] = R"({"returnValue":true,"connected":false})";
+        std::istringstream in;
+        std::ostringstream out, err;
+        Console console(in, out, err, false);
+        EXPECT_EQ(runDoctor(Invocation(), console), Exit::NotConnected);
+        for (const char* variable : {"PUBSUB_STATE_DIR", "ZELT_PREFS_DIR", "ZELT_PUBLIC_BUS"})
+            unsetenv(variable);
+        return out.str();
+    }
+};
+
+TEST_F(FromTheFile, TheDoctorSaysThatALossIsForGoodAndThatALoginIsNotTriedAgain) {
+    const std::string words = examine(0600);
+    EXPECT_THAT(words, HasSubstr("ok      account: u1@example.org, from "));
+    EXPECT_THAT(words,
+                HasSubstr("a connection that is lost does not come back by itself with this file alone"));
+    EXPECT_THAT(words,
+                HasSubstr("a login failed while the reconnect alarm rang: it is not tried again by itself"));
+}
+
+TEST_F(FromTheFile, TheDoctorTakesNoAccountThatOthersCanRead) {
+    EXPECT_THAT(examine(0644),
+                HasSubstr("/pubsub.conf can be read by others than its owner and is not taken\n"));
 }
 
 }  // namespace

@@ -223,4 +223,11 @@ TEST_F(Listening, PrintsNoticesForClosedApplications) {
     EXPECT_EQ(receive({"--json", "onclose", "listen", "-C", "1"}, "registerOnClose", {item}), item + "\n");
 }
 
+TEST_F(Listening, SaysWhenItListensForClosedApplications) {
+    std::string item = R"({"item":"text","itemid":"1","node":"/d/a/box","returnValue":true,"appid":"a"})";
+    EXPECT_EQ(receive({"onclose", "listen", "-C", "1"}, "registerOnClose", {R"({"returnValue":true})", item}),
+              "item  a  /d/a/box  text\n");
+    EXPECT_EQ(err.str(), "pubsubctl: listening for items of closed applications\n");
+}
+
 }  // namespace

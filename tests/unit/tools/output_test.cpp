@@ -238,4 +238,32 @@ TEST(MethodUri, NamesTheServiceUnlessAWholeUriIsGiven) {
     EXPECT_EQ(serviceOf("quor://com.zelt.power/timeout/set"), "com.zelt.power");
 }
 
+constexpr const char* kHostile =
+    "a\x1b]0;x\x07\x1b[2J\r\x08\x7f\xc2\x9b"
+    "31mb\tc\nd \xc3\xbc";
+
+TEST(Terminal, GetsControlCharactersAsEscapes) {
+    std::istringstream in;
+    std::ostringstream out, err;
+    Console console(in, out, err, false, {true, true});
+    console.line(kHostile);
+    console.complain(kHostile);
+    const std::string escaped =
+        "a\\x1b]0;x\\x07\\x1b[2J\\x0d\\x08\\x7f\\xc2\\x9b"
+        "31mb\tc\nd \xc3\xbc\n";
+    EXPECT_EQ(out.str(), escaped);
+    EXPECT_EQ(err.str(), "pubsubctl: " + escaped);
+}
+
+TEST(Terminal, AloneGetsEscapes) {
+    std::istringstream in;
+    std::ostringstream out, err;
+    Console console(in, out, err, false, {false, true});
+    console.line(kHostile);
+    EXPECT_EQ(out.str(), std::string(kHostile) + "\n");
+    Console redirected(in, out, err, false, {true, false});
+    redirected.complain(kHostile);
+    EXPECT_EQ(err.str(), std::string("pubsubctl: ") + kHostile + "\n");
+}
+
 }  // namespace
