@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "platform/bus/qscaller.h"
 #include "session/pubsubsession.h"
 #include "util/jsonref.h"
 #include "util/log.h"
@@ -40,6 +41,14 @@ void logCondition(GIOCondition condition) {
         PrvPrintErr("xmppCallback", __LINE__, "xmpp server socket io error");
     if (condition & G_IO_NVAL)
         PrvPrintErr("xmppCallback", __LINE__, "xmpp server socket closed");
+}
+
+// Whether a caller still waits for the answer to this request.
+bool isAwaited(const PubSubSession& session, const std::string& id) {
+    if (const auto kept = session.m_msgMap.find(id); kept != session.m_msgMap.end())
+        return !QSMessageIsCallerGone(kept->second.get());
+    const auto kept = session.m_endpointMap.find(id);
+    return kept != session.m_endpointMap.end() && !QSMessageIsCallerGone(kept->second.message.get());
 }
 
 void answerDisconnected(const _endpointStruct& request) {
@@ -76,8 +85,11 @@ bool PubSubSession::createSession() {
     m_client->setTls(gloox::TLSRequired);
     m_client->setCompression(false);
     m_client->setPubSubService(gloox::JID(m_pubsubService));
-    delete m_pubsub;
-    m_pubsub = new xmpp::Manager(m_client);
+    auto* manager = new xmpp::Manager(m_client);
+    manager->setAwaited([this](const std::string& id) { return isAwaited(*this, id); });
+    if (m_pubsub)
+        manager->takeOver(*m_pubsub);
+    delete std::exchange(m_pubsub, manager);
     m_connected = false;
     return true;
 }

@@ -223,9 +223,11 @@ void Client::onConnect() {
     m_streamUp = true;
     if (auto* transport = dynamic_cast<Transport*>(connectionImpl()))
         transport->dropDeadline();
+    // What the listeners send stands before everything that was held, and does not count among it.
+    if (m_manager)
+        m_manager->open();
     for (std::size_t i = 0; i < m_listeners.size(); ++i)
         m_listeners[i]->onConnect();
-    // Only now: the presence that the listener sends has to stand before everything that was held.
     if (m_streamUp && m_manager)
         m_manager->release();
 }

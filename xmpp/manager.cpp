@@ -106,6 +106,7 @@ Manager::Manager(Client* client) : gloox::PubSub::Manager(nullptr), m_client(cli
         m_client->m_manager->detach();
     m_client->m_manager = this;
     m_streamUp = m_client->m_streamUp;
+    m_account = m_client->jid().bare();
 }
 
 Manager::~Manager() {
@@ -116,8 +117,26 @@ void Manager::detach() {
     if (m_client)
         m_client->m_manager = nullptr;
     m_client = nullptr;
-    m_requests.clear();
-    m_held.clear();
+    m_streamUp = false;
+    std::unordered_map<std::string, Request> held;
+    for (const Held& each : m_held)
+        if (auto request = m_requests.extract(each.id))
+            held.insert(std::move(request));
+    m_requests = std::move(held);
+}
+
+void Manager::takeOver(Manager& former) {
+    if (&former == this || former.m_account != m_account)
+        return;
+    for (auto held = former.m_held.rbegin(); held != former.m_held.rend(); ++held) {
+        auto request = former.m_requests.extract(held->id);
+        if (request && request.mapped().bulk)
+            continue;
+        if (request)
+            m_requests.insert(std::move(request));
+        m_held.push_front(std::move(*held));
+    }
+    former.m_held.clear();
 }
 
 std::string Manager::createNode(gloox::PubSub::NodeType type, const gloox::JID& service,
@@ -230,7 +249,7 @@ std::string Manager::deviceRequest(Operation operation, const char* type, const 
     StanzaWriter stanza = beginIq(type, service, id);
     stanza.open(element, kDeviceXmlns).attribute("node", node);
     if (!seqNo.empty())
-        stanza.attribute("seqNo", seqNo);
+        stanza.foreignAttribute("seqNo", seqNo);
     return ask({operation, handler, service, node, {}, {}, {}}, id, stanza);
 }
 
@@ -276,7 +295,7 @@ std::string Manager::ackItem(const gloox::JID& service, const std::string& node,
     const std::string id = nextId();
     StanzaWriter stanza;
     stanza.open("message").attribute("to", service.full()).attribute("id", id);
-    stanza.open("ack", kDeviceXmlns).attribute("node", node).attribute("id", item);
+    stanza.open("ack", kDeviceXmlns).foreignAttribute("node", node).foreignAttribute("id", item);
     return tell(service, id, stanza);
 }
 
@@ -301,7 +320,7 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
         parts.emplace_back(id, part.finish());
     } while (node != nodes.end());
 
-    if (!m_streamUp && m_held.size() + parts.size() > kMaxHeld) {
+    if (!mayHold(parts.size())) {
         PrvPrintErr(__func__, __LINE__, "Too many operations wait for the connection, refused %s", element);
         return {};
     }
@@ -311,7 +330,7 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
     bulk->unanswered = parts.size();
     for (auto& [partId, stanza] : parts) {
         m_requests.emplace(partId, Request{operation, handler, service, {}, {}, {}, bulk});
-        pass(std::move(stanza));
+        pass(partId, std::move(stanza));
     }
     return id;
 }
@@ -346,7 +365,7 @@ std::string Manager::ask(Request request, const std::string& id, StanzaWriter& s
     if (!mayPass(text, "A request", request.node))
         return {};
     m_requests.emplace(id, std::move(request));
-    pass(std::move(text));
+    pass(id, std::move(text));
     return id;
 }
 
@@ -356,11 +375,11 @@ std::string Manager::tell(const gloox::JID& service, const std::string& id, Stan
     std::string text = stanza.finish();
     if (!mayPass(text, "A message", id))
         return {};
-    pass(std::move(text));
+    pass(id, std::move(text));
     return id;
 }
 
-bool Manager::mayPass(const std::string& stanza, const char* what, const std::string& node) const {
+bool Manager::mayPass(const std::string& stanza, const char* what, const std::string& node) {
     if (stanza.empty()) {
         PrvPrintErr(
             __func__, __LINE__,
@@ -375,7 +394,7 @@ bool Manager::mayPass(const std::string& stanza, const char* what, const std::st
                     printable(node).c_str(), stanza.size(), kStanzaLimit);
         return false;
     }
-    if (!m_streamUp && m_held.size() >= kMaxHeld) {
+    if (!mayHold(1)) {
         PrvPrintErr(__func__, __LINE__, "%s (%s) was not sent: %zu others wait for the connection already",
                     what, printable(node).c_str(), m_held.size());
         return false;
@@ -383,18 +402,44 @@ bool Manager::mayPass(const std::string& stanza, const char* what, const std::st
     return true;
 }
 
-void Manager::pass(std::string stanza) {
+bool Manager::mayHold(std::size_t count) {
+    if (m_streamUp || m_held.size() + count <= kMaxHeld)
+        return true;
+    dropUnawaited();
+    return m_held.size() + count <= kMaxHeld;
+}
+
+void Manager::pass(const std::string& id, std::string stanza) {
     if (m_streamUp)
         m_client->sendStanza(stanza);
     else
-        m_held.push_back(std::move(stanza));
+        m_held.push_back({id, std::move(stanza)});
+}
+
+// Messages and lists have no caller; nor has a question for pending subscribers, whose answer goes to
+// listeners.
+void Manager::dropUnawaited() {
+    if (!m_awaited)
+        return;
+    std::erase_if(m_held, [this](const Held& held) {
+        const auto found = m_requests.find(held.id);
+        if (found == m_requests.end() || found->second.bulk)
+            return false;
+        const Operation operation = found->second.operation;
+        if (operation == Operation::PendingRequest || operation == Operation::PendingNodeRequest ||
+            m_awaited(held.id))
+            return false;
+        m_requests.erase(found);
+        return true;
+    });
 }
 
 void Manager::release() {
-    m_streamUp = true;
-    while (!m_held.empty()) {
-        m_client->sendStanza(m_held.front());
+    dropUnawaited();
+    while (m_streamUp && !m_held.empty()) {
+        const Held held = std::move(m_held.front());
         m_held.pop_front();
+        m_client->sendStanza(held.stanza);
     }
 }
 

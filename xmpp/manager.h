@@ -3,8 +3,8 @@
 //
 // Every operation returns a request id, unique over connections and restarts, under which its result handler
 // is called exactly once, or an empty text when it cannot be sent: no client, no service, or a text that XML
-// cannot carry. Before the stream is up operations are held, within a bound, and sent when it is. Nothing
-// outlives the client.
+// cannot carry. Before the stream is up operations are held, within a bound, and sent when it is; what is
+// still held when the client goes can pass to the manager of the next one. Nothing else outlives the client.
 #pragma once
 
 #include <gloox/dataform.h>
@@ -13,10 +13,12 @@
 #include <gloox/tag.h>
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "xmpp/resulthandler.h"
 
@@ -33,9 +35,15 @@ class Manager : public gloox::PubSub::Manager {
     Manager(const Manager&) = delete;
     Manager& operator=(const Manager&) = delete;
 
-    // The client is going away: every later operation returns an empty id, what was held or sent is
-    // forgotten.
+    // The client is going away: every later operation returns an empty id, what was sent is forgotten.
     void detach();
+    // Says whether somebody still waits for the answer to a request. What nobody waits for is not sent once
+    // it was held. Without this everybody does.
+    using Awaited = std::function<bool(const std::string& id)>;
+    void setAwaited(Awaited awaited) { m_awaited = std::move(awaited); }
+    // Takes what `former` holds, in its order and ahead of what comes later, when both serve the same
+    // account. Lists go: the service sends them anew with each stream.
+    void takeOver(Manager& former);
 
     std::string createNode(gloox::PubSub::NodeType type, const gloox::JID& service, const std::string& node,
                            ResultHandler* handler, const std::string& title, const std::string& parent,
@@ -75,7 +83,9 @@ class Manager : public gloox::PubSub::Manager {
     std::string ackItem(const gloox::JID& service, const std::string& node, const std::string& item);
 
     // --- for the client
-    // The stream is up and its listeners know: what was held goes out, in order.
+    // The stream is up: from now on operations go out at once, those of its listeners first.
+    void open() { m_streamUp = true; }
+    // The listeners know: what was held goes out, in order.
     void release();
     // The stream is gone: hold from now on.
     void hold() { m_streamUp = false; }
@@ -119,6 +129,11 @@ class Manager : public gloox::PubSub::Manager {
         std::shared_ptr<Bulk> bulk;
     };
 
+    struct Held {
+        std::string id;
+        std::string stanza;
+    };
+
     static std::string nextId();
     static StanzaWriter beginIq(const char* type, const gloox::JID& service, const std::string& id);
     std::string deviceRequest(Operation operation, const char* type, const char* element,
@@ -129,8 +144,10 @@ class Manager : public gloox::PubSub::Manager {
     bool isUsable(const Request& request) const;
     std::string ask(Request request, const std::string& id, StanzaWriter& stanza);
     std::string tell(const gloox::JID& service, const std::string& id, StanzaWriter& stanza);
-    bool mayPass(const std::string& stanza, const char* what, const std::string& node) const;
-    void pass(std::string stanza);
+    bool mayPass(const std::string& stanza, const char* what, const std::string& node);
+    bool mayHold(std::size_t count);
+    void pass(const std::string& id, std::string stanza);
+    void dropUnawaited();
 
     // answers.cpp
     void handleBulkAnswer(const Request& request, const gloox::Tag& iq, const gloox::Tag* error);
@@ -139,7 +156,9 @@ class Manager : public gloox::PubSub::Manager {
 
     Client* m_client;                                     // borrowed; null once it is gone
     std::unordered_map<std::string, Request> m_requests;  // what waits for an answer, by stanza id
-    std::deque<std::string> m_held;                       // stanzas that wait for the stream, in order
+    std::deque<Held> m_held;                              // what waits for the stream, in order
+    std::string m_account;                                // of the client, without its resource
+    Awaited m_awaited;
     bool m_streamUp = false;
 };
 

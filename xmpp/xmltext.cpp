@@ -172,9 +172,17 @@ class ElementCheck {
     std::vector<std::pair<std::string, std::string>> m_declared;
 };
 
-void appendEscaped(std::string& out, std::string_view text) {
+// A parser reads a bare carriage return as a line feed, and tabs and line breaks of an attribute as blanks:
+// only references keep them.
+void appendEscaped(std::string& out, std::string_view text, bool attribute) {
     for (const char c : text) {
         switch (c) {
+            case '\t':
+                out += attribute ? "&#9;" : "\t";
+                break;
+            case '\n':
+                out += attribute ? "&#10;" : "\n";
+                break;
             case '&':
                 out += "&amp;";
                 break;
@@ -227,16 +235,26 @@ StanzaWriter& StanzaWriter::open(std::string_view element, std::string_view xmln
 
 StanzaWriter& StanzaWriter::attribute(std::string_view name, std::string_view value) {
     m_spoilt = m_spoilt || !isXmlAttribute(value);
-    m_out.append(" ").append(name).append("='");
-    appendEscaped(m_out, value);
-    m_out += '\'';
+    writeAttribute(name, value);
     return *this;
+}
+
+StanzaWriter& StanzaWriter::foreignAttribute(std::string_view name, std::string_view value) {
+    m_spoilt = m_spoilt || !isXmlText(value);
+    writeAttribute(name, value);
+    return *this;
+}
+
+void StanzaWriter::writeAttribute(std::string_view name, std::string_view value) {
+    m_out.append(" ").append(name).append("='");
+    appendEscaped(m_out, value, true);
+    m_out += '\'';
 }
 
 StanzaWriter& StanzaWriter::text(std::string_view text) {
     m_spoilt = m_spoilt || !isXmlText(text);
     endStartTag();
-    appendEscaped(m_out, text);
+    appendEscaped(m_out, text, false);
     return *this;
 }
 

@@ -15,7 +15,7 @@ namespace xmpp {
 
 // Well-formed UTF-8 whose code points XML 1.0 carries (its production Char).
 bool isXmlText(std::string_view text);
-// The same without tabs and line breaks: a parser turns those of an attribute value into blanks.
+// The same without tabs and line breaks: no name of ours has them.
 bool isXmlAttribute(std::string_view value);
 // A name without a colon (Namespaces in XML 1.0, production NCName) that every parser takes for one.
 bool isXmlName(std::string_view name);
@@ -28,6 +28,8 @@ class StanzaWriter {
     // `element`, `name` and `xmlns` are literals of the program and are not checked.
     StanzaWriter& open(std::string_view element, std::string_view xmlns = {});
     StanzaWriter& attribute(std::string_view name, std::string_view value);
+    // The same for what others named and is given back as it came, tabs and line breaks with it.
+    StanzaWriter& foreignAttribute(std::string_view name, std::string_view value);
     StanzaWriter& text(std::string_view text);
     StanzaWriter& element(const gloox::Tag& tag);
     // <field var='...' [type='hidden']><value>...</value></field>
@@ -43,6 +45,7 @@ class StanzaWriter {
 
   private:
     void endStartTag();
+    void writeAttribute(std::string_view name, std::string_view value);
 
     std::string m_out;
     std::vector<std::string> m_open;

@@ -10,6 +10,7 @@
 #include "platform/bus/category.h"
 #include "platform/bus/guard.h"
 #include "platform/bus/peers.h"
+#include "platform/bus/qscaller.h"
 
 namespace {
 
@@ -104,6 +105,10 @@ bool QSMessageIsError(QSMessage* message) {
 
 const char* QSMessageGetErrorName(QSMessage* message) {
     return message ? message->errorName.c_str() : "";
+}
+
+bool QSMessageIsCallerGone(QSMessage* message) {
+    return message && message->peer && message->peer->state == Peer::State::Gone;
 }
 
 void QSMessageRef(QSMessage* message) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/bus/qscaller.h"
 #include "tests/fakes/fakebusstate.h"
 #include "tests/fakes/journal.h"
 #include "util/jsonref.h"
@@ -294,6 +295,10 @@ bool QSMessageIsError(QSMessage* message) {
 
 const char* QSMessageGetErrorName(QSMessage* message) {
     return usable(message, __func__) ? message->errorName.c_str() : "";
+}
+
+bool QSMessageIsCallerGone(QSMessage* message) {
+    return usable(message, __func__) && message->clientGone;
 }
 
 void QSMessageRef(QSMessage* message) {

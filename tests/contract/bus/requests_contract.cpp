@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The contract of requests: which methods are there, what a handler sees, and the answers that a caller gets.
+#include "platform/bus/qscaller.h"
 #include "tests/contract/bus/contractfixture.h"
 
 using testing::ElementsAre;
@@ -166,6 +167,20 @@ TEST_P(Requests, OfADeadClientCannotBeAnswered) {
     EXPECT_FALSE(respond(message, "late"));
     EXPECT_EQ(m_error.code(), -ENOTCONN);
     EXPECT_THAT(m_error.message(), HasSubstr("gone"));
+}
+
+TEST_P(Requests, KnowWhetherTheirCallerIsGone) {
+    auto staying = m_engine->client(GetParam());
+    auto leaving = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* first = request(*staying, call);
+    QSMessage* second = request(*leaving, call);
+    EXPECT_FALSE(QSMessageIsCallerGone(first));
+    EXPECT_FALSE(QSMessageIsCallerGone(second));
+    leaving.reset();
+    EXPECT_TRUE(m_engine->until([&] { return QSMessageIsCallerGone(second); }));
+    EXPECT_FALSE(QSMessageIsCallerGone(first));
+    EXPECT_FALSE(QSMessageIsCallerGone(nullptr));
 }
 
 TEST_P(Requests, ReportTheIdAndTheProcessOfTheirApplication) {

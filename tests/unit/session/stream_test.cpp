@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The stream on its way up and down, in order, and the requests that wait while it goes down.
+#include "delivery/methods.h"
 #include "tests/unit/session/connectionfixture.h"
 
 namespace {
@@ -311,6 +312,90 @@ TEST_F(WaitingRequests, OfPrivateMethodsStayAndGetNoAnswer) {
     EXPECT_TRUE(message->kept());
     EXPECT_EQ(message->answers, Texts{});
     session().m_msgMap.clear();
+}
+
+// --- requests that wait for the stream
+
+class HeldRequests : public Connection {
+  protected:
+    Answer subscribe(const std::string& node) {
+        return callPrivate(subscribeToNode, "subscribeToNode", R"({"node":")" + node + R"("})");
+    }
+    void reconnect() {
+        ASSERT_TRUE(session().connectToService());
+        pump();
+        ASSERT_TRUE(session().m_connected);
+    }
+    int subscribesSent() {
+        int count = 0;
+        for (const std::string& event : journal().events())
+            count += event.find("<subscribe node=") != std::string::npos;
+        return count;
+    }
+};
+
+TEST_F(HeldRequests, AfterALossGoOutWithTheNextStream) {
+    connectSession();
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    const Answer first = subscribe("/a");
+    const Answer second = subscribe("/b");
+    takeEvents();
+    reconnect();
+    const Texts sent = journal().eventsOf("xmpp.send ");
+    ASSERT_GE(sent.size(), 2u);
+    EXPECT_NE(sent[sent.size() - 2].find("<subscribe node='/a'"), std::string::npos);
+    EXPECT_NE(sent.back().find("<subscribe node='/b'"), std::string::npos);
+    answer(lastId());
+    EXPECT_FALSE(second.waiting());
+    EXPECT_TRUE(first.waiting());
+}
+
+TEST_F(HeldRequests, OfAnAttemptThatFailsGoOutWithTheNextStream) {
+    beginConnecting();
+    const Answer reply = subscribe("/a");
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    ASSERT_FALSE(session().m_connecting);
+    EXPECT_TRUE(reply.waiting());
+    reconnect();
+    EXPECT_EQ(subscribesSent(), 1);
+    answer(lastId());
+    EXPECT_FALSE(reply.waiting());
+}
+
+TEST_F(HeldRequests, WhoseCallerIsGoneAreDropped) {
+    connectSession();
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    const Answer gone = subscribe("/a");
+    const Answer there = subscribe("/b");
+    fakeBus().clientDies(gone.message());
+    takeEvents();
+    reconnect();
+    EXPECT_EQ(subscribesSent(), 1);
+    EXPECT_NE(lastStanza().xml().find("<subscribe node='/b'"), std::string::npos);
+    session().m_msgMap.clear();
+}
+
+TEST_F(HeldRequests, OfAThousandLeaveRoomForTheActivationOfAllNodes) {
+    giveDetails();
+    session().m_bootFinished = true;
+    connectSession();
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    session().setSubMap("/n", "com.example.app", publicHandle());
+    for (int i = 0; i < 1'000; ++i)
+        subscribe("/a");
+    takeEvents();
+    reconnect();
+    int activations = 0;
+    for (const std::string& event : journal().events())
+        activations += event.find("<activate-nodes") != std::string::npos;
+    EXPECT_EQ(activations, 1);
+    EXPECT_EQ(subscribesSent(), 1'000);
+    session().m_msgMap.clear();
+    session().removeSubMap("/n");
 }
 
 }  // namespace

@@ -256,6 +256,18 @@ TEST_F(Operations, AckItemIsAMessageToTheService) {
                           "'><ack xmlns='urn:zelt:pubsub:device:0' node='/a' id='item-9'/></message>");
 }
 
+TEST_F(Operations, AckItemGivesTabsAndLineBreaksBackAsReferences) {
+    const std::string id = manager->ackItem(service, "/a\tb", "1\t2\n3\r4'");
+    EXPECT_EQ(last(), "<message to='pubsub.example.org' id='" + id +
+                          "'><ack xmlns='urn:zelt:pubsub:device:0' node='/a&#9;b' "
+                          "id='1&#9;2&#10;3&#13;4&apos;'/></message>");
+}
+
+TEST_F(Operations, ActivateNodeGivesTabsAndLineBreaksOfTheNumberBack) {
+    manager->activateNode(service, "/a", "4\t1\n", &handler);
+    EXPECT_NE(last().find(" seqNo='4&#9;1&#10;'/>"), std::string::npos);
+}
+
 TEST_F(Operations, IdsNeverRepeatAcrossManagers) {
     const std::string first = manager->getKey(service, "/a", &handler);
     xmpp::Manager second(client);

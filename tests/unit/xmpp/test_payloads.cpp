@@ -72,6 +72,16 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"Prefixes", "<p:a xmlns:p='urn:p' p:b='c'><p:d/></p:a>"}),
     [](const auto& each) { return each.param.name; });
 
+// What the server wrote as references is given back so.
+TEST_F(Dialogue, AnItemsIdKeepsItsTabsAndLineBreaks) {
+    logIn();
+    listener.events.clear();
+    say("<message from='pubsub.example.org'><event xmlns='http://jabber.org/protocol/pubsub#event'><items "
+        "node='/a'><item id='1&#9;2&#10;3&#13;'/></items></event></message>");
+    ASSERT_EQ(listener.events.size(), 1u);
+    EXPECT_NE(listener.events[0].find("id='1\t2\n3\r'"), std::string::npos);
+}
+
 // --- documents of chance
 
 class Documents {

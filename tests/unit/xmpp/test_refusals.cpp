@@ -69,27 +69,35 @@ TEST_P(BadNames, AreRefusedAsNodes) {
     EXPECT_EQ(manager->getKey(service, bad, &handler), "");
     EXPECT_EQ(manager->activateNode(service, bad, "1", &handler), "");
     EXPECT_EQ(manager->deActivateNode(service, bad, &handler), "");
-    EXPECT_EQ(manager->ackItem(service, bad, "1"), "");
 }
 
 TEST_P(BadNames, AreRefusedAsEveryOtherAttribute) {
     const std::string& bad = GetParam();
     EXPECT_EQ(manager->unsubscribe(service, "/a", &handler, bad, kMe), "");
-    EXPECT_EQ(manager->activateNode(service, "/a", bad, &handler), "");
     EXPECT_EQ(manager->getPendingNodeRequest(service, "/a", bad, &handler), "");
     EXPECT_EQ(manager->approvePending(service, "/a", bad, "s", "true", "x@y"), "");
-    EXPECT_EQ(manager->ackItem(service, "/a", bad), "");
     const xmpp::StringMap config{{bad, "1"}};
     EXPECT_EQ(manager->createNode(NodeLeaf, service, "/a", &handler, "", "", AccessDefault, &config), "");
     EXPECT_EQ(manager->nodeConfig(service, "/a", formWith(bad, "1"), &handler), "");
 }
+
+class BadEchoes : public BadNames {};
+
+TEST_P(BadEchoes, AreRefusedAlsoInWhatOthersNamed) {
+    const std::string& bad = GetParam();
+    EXPECT_EQ(manager->ackItem(service, bad, "1"), "");
+    EXPECT_EQ(manager->ackItem(service, "/a", bad), "");
+    EXPECT_EQ(manager->activateNode(service, "/a", bad, &handler), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, BadEchoes, testing::ValuesIn(kBadTexts));
 
 TEST_F(Dialogue, RefusalsAreLoggedWithWhatTheyAreAboutMadePrintable) {
     logIn();
     LogCapture log;
     manager->getKey(service, "a\x07\n", &handler);
     manager->approvePending(service, "/a", "m\n", "s", "true", "x@y");
-    manager->ackItem(service, "/a\n", std::string(200, 'n'));
+    manager->ackItem(service, "/a\x01", std::string(200, 'n'));
     EXPECT_EQ(log.lines().at(0), R"(mayPass: A request (a\007\n) was not sent: )" + kUnsendable);
     EXPECT_EQ(log.lines().at(1), R"(mayPass: A message (m\n) was not sent: )" + kUnsendable);
     EXPECT_EQ(log.lines().size(), 3u);
@@ -308,7 +316,7 @@ TEST_F(Lists, AreNoPlaceForEmptyNodesOfSingleOperations) {
 
 class BeforeTheStream : public Dialogue {};
 
-TEST_F(BeforeTheStream, OperationsAreHeldAndSentInOrderBehindTheListenersPresence) {
+TEST_F(BeforeTheStream, OperationsAreHeldAndSentInOrderBehindWhatTheListenerSends) {
     const std::string first = manager->getKey(service, "/a", &handler);
     listener.atConnect = [this] {
         client->setPresence(service, gloox::Presence::Available, 0, "online");
@@ -321,9 +329,9 @@ TEST_F(BeforeTheStream, OperationsAreHeldAndSentInOrderBehindTheListenersPresenc
     EXPECT_EQ(connection->sent[0],
               "<presence to='pubsub.example.org' from='device@example.org/tv' xmlns='jabber:client'>"
               "<priority>0</priority><status>online</status></presence>");
-    EXPECT_NE(connection->sent[1].find(first), std::string::npos);
-    EXPECT_NE(connection->sent[2].find(second), std::string::npos);
-    EXPECT_NE(connection->sent[3].find("<ack "), std::string::npos);
+    EXPECT_NE(connection->sent[1].find("<ack "), std::string::npos);
+    EXPECT_NE(connection->sent[2].find(first), std::string::npos);
+    EXPECT_NE(connection->sent[3].find(second), std::string::npos);
     answer(first, "result");
     answer(second, "result");
     EXPECT_EQ(handler.calls.size(), 2u);
@@ -382,6 +390,108 @@ TEST_F(BeforeTheStream, OperationsAreHeldAgainAfterALoss) {
         ASSERT_NE(manager->getKey(service, "/a", &handler), "");
     EXPECT_EQ(manager->getKey(service, "/a", &handler), "") << "a thousand wait already";
     EXPECT_TRUE(connection->sent.empty());
+}
+
+TEST_F(BeforeTheStream, WhatTheListenerSendsCountsNotAmongAThousandThatWait) {
+    for (int i = 0; i < 1'000; ++i)
+        ASSERT_NE(manager->getKey(service, "/a", &handler), "");
+    std::string bulk, second;
+    listener.atConnect = [&] {
+        bulk = manager->bulkActivate(service, {"/b"}, &handler);
+        second = manager->getKey(service, "/c", &handler);
+    };
+    logIn();
+    ASSERT_EQ(connection->sent.size(), 1'002u);
+    EXPECT_NE(bulk, "");
+    EXPECT_NE(connection->sent[0].find(bulk), std::string::npos);
+    EXPECT_NE(connection->sent[1].find(second), std::string::npos);
+}
+
+// --- from one client to the next
+
+class NextClient : public BeforeTheStream {
+  protected:
+    // The client goes, and another one of `account` takes its place.
+    void next(const std::string& account = "device@example.org/tv") {
+        disposeClient();
+        settle();
+        client = new xmpp::Client(gloox::JID(account), "secret", 5222);
+        client->setTls(gloox::TLSDisabled);
+        client->setPubSubService(service);
+        client->registerConnectionListener(&listener);
+        auto* later = new xmpp::Manager(client);
+        later->setAwaited([this](const std::string& id) { return !gone.contains(id); });
+        later->takeOver(*manager);
+        delete std::exchange(manager, later);
+        listener.events.clear();
+    }
+    std::vector<std::string> sentIds() const {
+        std::vector<std::string> ids;
+        for (const std::string& stanza : connection->sent) {
+            const std::size_t begin = stanza.find(" id='") + 5;
+            ids.push_back(stanza.substr(begin, stanza.find('\'', begin) - begin));
+        }
+        return ids;
+    }
+    std::set<std::string> gone;
+};
+
+TEST_F(NextClient, SendsWhatWaitedInItsOrderAheadOfItsOwn) {
+    const std::string first = manager->getKey(service, "/a", &handler);
+    const std::string ack = manager->ackItem(service, "/c", "3");
+    next();
+    const std::string second = manager->getKey(service, "/b", &handler);
+    next();
+    const std::string third = manager->getKey(service, "/b", &handler);
+    logIn();
+    EXPECT_EQ(sentIds(), (std::vector<std::string>{first, ack, second, third}));
+    answer(first, "result");
+    answer(third, "result");
+    EXPECT_EQ(handler.calls.size(), 2u);
+}
+
+TEST_F(NextClient, SendsWhatWaitedAfterALossAndNothingThatWasSentBefore) {
+    logIn();
+    manager->getKey(service, "/sent", &handler);
+    connection->loses(gloox::ConnIoError);
+    const std::string waiting = manager->getKey(service, "/a", &handler);
+    next();
+    logIn();
+    EXPECT_EQ(sentIds(), std::vector<std::string>{waiting});
+}
+
+TEST_F(NextClient, OfAnotherAccountSendsNothingOfIt) {
+    manager->getKey(service, "/a", &handler);
+    next("other@example.org/tv");
+    logIn();
+    EXPECT_TRUE(connection->sent.empty());
+}
+
+TEST_F(NextClient, LeavesOutWhatNobodyWaitsForAndWhatTheServiceSendsAnew) {
+    const std::string dead = manager->getKey(service, "/a", &handler);
+    const std::string alive = manager->getKey(service, "/b", &handler);
+    manager->bulkActivate(service, {"/c"}, &handler);
+    manager->bulkDelete(service, {"/c"}, &handler);
+    next();
+    gone = {dead};
+    logIn();
+    EXPECT_EQ(sentIds(), std::vector<std::string>{alive});
+    answer(dead, "result");
+    EXPECT_TRUE(handler.calls.empty());
+}
+
+TEST_F(NextClient, HoldsAThousandWithWhatItTookOver) {
+    for (int i = 0; i < 600; ++i)
+        gone.insert(manager->getKey(service, "/a", &handler));
+    const std::set<std::string> dead = std::exchange(gone, {});
+    next();
+    for (int i = 0; i < 400; ++i)
+        ASSERT_NE(manager->getKey(service, "/b", &handler), "");
+    EXPECT_EQ(manager->getKey(service, "/b", &handler), "") << "a thousand wait";
+    gone = dead;
+    EXPECT_NE(manager->getKey(service, "/b", &handler), "") << "the dead made room";
+    logIn();
+    EXPECT_EQ(connection->sent.size(), 401u);
 }
 
 }  // namespace
