@@ -292,6 +292,13 @@ TEST_F(Connection, AcceptsACertificateWithoutAFault) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
+TEST_F(Connection, RefusesACertificateWithAnyFault) {
+    for (const int fault :
+         {gloox::CertInvalid, gloox::CertSignerUnknown, gloox::CertRevoked, gloox::CertExpired,
+          gloox::CertNotActive, gloox::CertWrongPeer, gloox::CertSignerNotCa})
+        EXPECT_FALSE(session().onTLSConnect(certificate(fault))) << fault;
+}
+
 TEST_F(Connection, RefusesACertificateWithAFault) {
     EXPECT_FALSE(session().onTLSConnect(certificate(gloox::CertExpired)));
     EXPECT_EQ(takeLogLines(),

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The drawn delays: their range, how evenly they are spread over it, and where their seed comes from.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -13,6 +14,25 @@
 #include "session/alarms.h"
 
 namespace {
+
+// All bits that seeds have had.
+unsigned seededBits = 0;
+
+}  // namespace
+
+extern "C" void srand(unsigned seed) {
+    seededBits |= seed;
+    reinterpret_cast<void (*)(unsigned)>(dlsym(RTLD_NEXT, "srand"))(seed);
+}
+
+namespace {
+
+TEST(RandomDelay, HasASeedOfFourBytes) {
+    seededBits = 0;
+    for (int draw = 0; draw < 200; ++draw)
+        generateRandomDelay(0, 10);
+    EXPECT_EQ(seededBits, 0xffffffffu);
+}
 
 TEST(RandomDelay, StaysInItsRange) {
     for (int draw = 0; draw < 2000; ++draw) {

@@ -77,11 +77,25 @@ TEST_F(Login, TakesACompleteAnswerAndConnects) {
 }
 
 TEST_F(Login, NeverLogsTheToken) {
-    answers(answerWith(kAccount, R"(,"uniqueId":"very-secret-token")"));
+    // As it came, and as the login sends it.
+    const std::string token = "very-secret-token", member = R"(,"uniqueId":")" + token + "\"";
+    const std::string sent = std::string("\0u1\0", 4) + token;
+    gchar* encoded = g_base64_encode(reinterpret_cast<const guchar*>(sent.data()), sent.size());
+    const std::string inLogin = encoded;
+    g_free(encoded);
+    for (const std::string& reply :
+         {answerWith(kAccount, member), answerWith(R"({\"user\":\"u1\"})", member), answerWith("{", member),
+          std::string("{") + member.substr(1), std::string("{\"jabberId\":\"\"") + member,
+          std::string("{\"jabberId\":\"\"") + member + "}", "not json " + token})
+        answers(reply);
+    answers(answerWith(kAccount, member));
     pump();
-    session().m_password.clear();
-    session().m_connected = false;
-    EXPECT_EQ(log().raw().find("very-secret-token"), std::string::npos);
+    ASSERT_TRUE(session().m_connected) << "the token was used";
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    EXPECT_GE(log().records().size(), 5u);
+    EXPECT_EQ(log().raw().find(token), std::string::npos);
+    EXPECT_EQ(log().raw().find(inLogin), std::string::npos);
     session().m_connected = true;
 }
 
