@@ -3,7 +3,7 @@
 //
 // Keeps no state and allocates nothing, so that a line can be written from anywhere. Control characters that
 // came with an argument are escaped; those of a format are ours. The system log is never opened here: its
-// defaults apply. No switch turns the log off.
+// defaults apply. No switch turns the log off; what one cause may write is bounded (logbudget.h).
 #include "util/log.h"
 
 #include <syslog.h>
@@ -11,6 +11,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+
+#include "util/logbudget.h"
 
 namespace {
 
@@ -73,6 +75,13 @@ bool markFormat(const char* format, char (&marked)[kFormatSize]) {
 
 __attribute__((format(printf, 4, 0))) void write(int priority, const char* function, int line,
                                                  const char* format, va_list arguments) {
+    unsigned long leftOut = 0;
+    if (!LogPayer::mayWrite(leftOut))
+        return;
+    if (leftOut) {
+        fprintf(stderr, "[%s: %d]: %lu lines of the same cause were left out\n", __func__, __LINE__, leftOut);
+        syslog(priority, "[%s: %d]: %lu lines of the same cause were left out", __func__, __LINE__, leftOut);
+    }
     char message[kMessageSize], marked[kMessageSize], escaped[kMessageSize], markedFormat[kFormatSize];
     va_list again;
     va_copy(again, arguments);

@@ -19,6 +19,8 @@ namespace {
 
 constexpr uint64_t kDaemonDeadline = 2'000'000;  // microseconds
 
+constexpr size_t kMostLogBudgets = 256;  // beyond it those of quiet users go
+
 const char* addressVariable(QSBus side) {
     return side == QSBus::Public ? "ZELT_PUBLIC_BUS" : "ZELT_PRIVATE_BUS";
 }
@@ -111,6 +113,14 @@ bool busIsOpen(const QSHandle* handle, QSError* error) {
     if (!handle->bus)
         return busFail(error, -ENOTCONN, "The bus connection is closed");
     return true;
+}
+
+LogBudget& busLogBudget(QSHandle* handle, unsigned user) {
+    const int64_t now = g_get_monotonic_time();
+    // Not while one of them pays.
+    if (handle->logBudgets.size() > kMostLogBudgets && !LogPayer::pays())
+        std::erase_if(handle->logBudgets, [&](const auto& entry) { return entry.second.isFull(now); });
+    return handle->logBudgets[user];
 }
 
 void busReference(QSHandle* handle) {

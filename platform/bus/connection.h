@@ -16,6 +16,7 @@
 #include "platform/bus/share.h"
 #include "platform/bus/slot.h"
 #include "platform/bus/subscriptions.h"
+#include "util/logbudget.h"
 
 struct Call;
 struct Category;
@@ -29,6 +30,14 @@ struct Doubt {
     uint64_t askedPeers = 0;
     Slot query;
     sd_bus* asker = nullptr;  // a connection for questions that cannot wait; null at rest
+};
+
+// The one rule by which the daemon reports the deaths of all clients, when they are many.
+struct SharedWatch {
+    enum class State { None, Asked, Installed, Refused };
+    State state = State::None;
+    bool forGood = false;  // the daemon allows too few rules for one each
+    Slot rule;
 };
 
 struct QSHandle {
@@ -49,7 +58,9 @@ struct QSHandle {
     Share kept{12 * 1024 * 1024};   // bytes of living requests (public bus)
     bool asksDaemon = true;         // the daemon tells what waits for a client
     bool asksClients = true;        // the daemon lets a Ping pass
-    size_t pings = 0;               // of clients that have not answered
+    SharedWatch sharedWatch;
+    std::unordered_map<unsigned, LogBudget> logBudgets;  // of users, for lines about their requests
+    size_t pings = 0;                                    // of clients that have not answered
     Slot callFilter;
     SubscriptionTable byKey;     // free keys
     SubscriptionTable byMethod;  // category and method
@@ -81,6 +92,8 @@ inline bool busIsPublic(const QSHandle* handle) {
 QSHandle* busOpen(QSBus side, const char* name, QSError* error);
 // False, with the reason in `error`, for a null handle and for one that is unregistered.
 bool busIsOpen(const QSHandle* handle, QSError* error);
+// The log budget of a user of the public bus; nobody's lines are bounded on the private one.
+LogBudget& busLogBudget(QSHandle* handle, unsigned user);
 void busReference(QSHandle* handle);
 void busRelease(QSHandle* handle);
 

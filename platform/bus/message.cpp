@@ -5,6 +5,7 @@
 #include "platform/bus/message.h"
 
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "platform/bus/category.h"
@@ -62,8 +63,13 @@ QSMessage* busNewRequest(QSHandle* handle, sd_bus_message* wire, const char* pay
 
 void busDispatch(QSMessage* request) {
     const Method* target = std::exchange(request->target, nullptr);
-    busRunGuarded(request->method,
-                  [&] { target->handler(request->handle, request, target->category->context); });
+    {
+        std::optional<LogPayer> payer;
+        if (busIsPublic(request->handle))
+            payer.emplace(busLogBudget(request->handle, request->peer->user));
+        busRunGuarded(request->method,
+                      [&] { target->handler(request->handle, request, target->category->context); });
+    }
     if (request->references > 1)
         forgetWire(request);
     QSMessageUnref(request);

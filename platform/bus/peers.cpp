@@ -11,6 +11,7 @@
 #include "platform/bus/daemon.h"
 #include "platform/bus/identity.h"
 #include "platform/bus/message.h"
+#include "platform/bus/presence.h"
 #include "util/log.h"
 
 namespace {
@@ -80,6 +81,12 @@ int onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     return 0;
 }
 
+// One rule for each client wakes this process for nobody else. With many clients one rule tells of all
+// connections of the bus, since a daemon allows only so many (512); with few again it is as before.
+constexpr size_t kMostWatchedAlone = 64;
+constexpr size_t kClientsToWatchAlone = 16;
+
+bool shareWatch(QSHandle* handle);
 bool watch(Peer& peer);
 bool identify(Peer& peer);
 
@@ -96,6 +103,64 @@ void becomeKnown(Peer& peer) {
     busHandOnHeld(peer);
 }
 
+int onAnyOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
+    auto* handle = static_cast<QSHandle*>(data);
+    OwnerChange change;
+    if (!busReadOwnerChange(signal, change) || *change.after)
+        return 0;
+    auto found = handle->peers.find(change.name);
+    if (found != handle->peers.end())
+        busClientDied(std::shared_ptr<Peer>(found->second));
+    return 0;
+}
+
+// From here on one rule reports all deaths, or none can be reported.
+int onSharedWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
+    auto* handle = static_cast<QSHandle*>(data);
+    if (wasLost(reply) && shareWatch(handle))
+        return 0;
+    const bool watched = !sd_bus_message_is_method_error(reply, nullptr);
+    handle->sharedWatch.state = watched ? SharedWatch::State::Installed : SharedWatch::State::Refused;
+    if (!watched)
+        PrvPrintErr(__func__, __LINE__, "Watching the clients of the %s bus failed: %s", busSideName(handle),
+                    sd_bus_message_get_error(reply)->message);
+    std::vector<std::shared_ptr<Peer>> peers;
+    for (const auto& [name, peer] : handle->peers)
+        peers.push_back(peer);
+    for (const std::shared_ptr<Peer>& peer : peers) {
+        peer->watch.reset();
+        peer->watchAnswered = true;
+        peer->watched = watched;
+        becomeKnown(*peer);
+    }
+    // Deaths between the last rule of one client and this one were not told.
+    if (handle->bus)
+        busNoteUnread(handle);
+    return 0;
+}
+
+bool shareWatch(QSHandle* handle) {
+    static constexpr char kRule[] =
+        "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+        "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0namespace=':1'";
+    handle->sharedWatch.state = SharedWatch::State::Asked;
+    return sd_bus_add_match_async(handle->bus, Receive(handle->sharedWatch.rule), kRule, onAnyOwnerChanged,
+                                  onSharedWatchInstalled, handle) >= 0;
+}
+
+// The rules of single clients come before the shared one goes, so that no death falls between them.
+void endSharedWatch(QSHandle* handle) {
+    if (handle->sharedWatch.state != SharedWatch::State::Installed || handle->sharedWatch.forGood ||
+        handle->peers.size() > kClientsToWatchAlone)
+        return;
+    handle->sharedWatch.state = SharedWatch::State::None;
+    for (const auto& [name, peer] : handle->peers)
+        watch(*peer);
+    handle->sharedWatch.rule.reset();
+    // What the shared rule still told on its way here is heard by none of them.
+    busNoteUnread(handle);
+}
+
 // sic: without an install callback sd-bus closes the whole connection when the daemon refuses one match.
 int onWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
     std::shared_ptr<Peer> peer = entryOf(static_cast<Peer*>(data));
@@ -103,11 +168,19 @@ int onWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
         return 0;
     if (wasLost(reply) && watch(*peer))
         return 0;
+    if (sd_bus_message_is_method_error(reply, nullptr)) {
+        // The daemon allows no more rules: those of single clients make place for one that tells of all.
+        QSHandle* handle = peer->handle;
+        if (handle->sharedWatch.state != SharedWatch::State::None)
+            return 0;
+        handle->sharedWatch.forGood = true;
+        for (const auto& [name, other] : handle->peers)
+            other->watch.reset();
+        shareWatch(handle);
+        return 0;
+    }
     peer->watchAnswered = true;
-    peer->watched = !sd_bus_message_is_method_error(reply, nullptr);
-    if (!peer->watched)
-        PrvPrintErr(__func__, __LINE__, "Watching the client %s failed: %s", peer->name.c_str(),
-                    sd_bus_message_get_error(reply)->message);
+    peer->watched = true;
     becomeKnown(*peer);
     return 0;
 }
@@ -139,6 +212,15 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
 // Asks to be told of the client's death. A rule whose confirmation was lost may stand; it is taken back
 // first.
 bool watch(Peer& peer) {
+    QSHandle* handle = peer.handle;
+    if (handle->sharedWatch.state == SharedWatch::State::None && handle->peers.size() >= kMostWatchedAlone &&
+        !shareWatch(handle))
+        return false;
+    if (handle->sharedWatch.state != SharedWatch::State::None) {
+        peer.watched = handle->sharedWatch.state == SharedWatch::State::Installed;
+        peer.watchAnswered = handle->sharedWatch.state != SharedWatch::State::Asked;
+        return true;
+    }
     std::string rule =
         "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
         "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
@@ -171,10 +253,15 @@ bool ask(Peer& peer) {
 void busClientDied(const std::shared_ptr<Peer>& peer) {
     if (!peer || peer->state == Peer::State::Gone)
         return;
-    peer->handle->peers.erase(peer->name);
+    QSHandle* handle = peer->handle;
+    busReference(handle);
+    handle->peers.erase(peer->name);
     leave(*peer);
     settleHeld(*peer);
     busCancelAll(*peer);
+    if (handle->bus)
+        endSharedWatch(handle);
+    busRelease(handle);
 }
 
 std::shared_ptr<Peer> busPeer(QSHandle* handle, const char* name) {
@@ -244,6 +331,7 @@ void busForgetRequest(QSMessage* request) {
 }
 
 void busDropAllPeers(QSHandle* handle) {
+    handle->sharedWatch.rule.reset();
     for (auto& [name, peer] : std::exchange(handle->peers, {})) {
         // The held ones are told first, while the entry can still be reached.
         dropHeld(*peer);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "platform/bus/connection.h"
@@ -55,6 +56,9 @@ void leaveEveryList(QSMessage* request) {
 
 void runCancelFunction(QSMessage* request) {
     QSHandle* handle = request->handle;
+    std::optional<LogPayer> payer;
+    if (busIsPublic(handle))
+        payer.emplace(busLogBudget(handle, request->peer->user));
     if (handle->cancelFunction)
         busRunGuarded(request->method,
                       [&] { handle->cancelFunction(handle, request, handle->cancelContext); });

@@ -247,6 +247,11 @@ class FewMatchRules : public OtherConfiguration {
     FewMatchRules() : OtherConfiguration(R"(<limit name="max_match_rules_per_connection">3</limit>)") {}
 };
 
+class NoMatchRules : public OtherConfiguration {
+  protected:
+    NoMatchRules() : OtherConfiguration(R"(<limit name="max_match_rules_per_connection">0</limit>)") {}
+};
+
 // The activation files are written before the daemons start, so their folder is one of its own.
 struct ServiceFolder {
     ServiceFolder() {
@@ -263,14 +268,29 @@ class WithActivation : protected ServiceFolder, public OtherConfiguration {
 
 }  // namespace
 
-TEST_F(FewMatchRules, ARefusedWatchCostsTheSubscriptionAndNotTheConnection) {
+TEST_F(FewMatchRules, AreSharedByManyClients) {
+    std::vector<std::unique_ptr<BusClient>> clients;
+    size_t call = 0;
+    for (int i = 0; i < 5; i++) {
+        clients.push_back(m_engine->client(QSBus::Public));
+        QSMessage* kept = request(*clients.back(), call, "hold", std::to_string(i));
+        ASSERT_TRUE(QSSubscriptionAdd(m_public, "key", kept, m_error)) << i << m_error.message();
+    }
+    for (size_t gone : {4, 0, 2}) {
+        m_cancelled.clear();
+        clients[gone].reset();
+        ASSERT_TRUE(m_engine->until([&] { return !m_cancelled.empty(); })) << gone;
+        EXPECT_THAT(m_cancelled, ElementsAre("public hold " + std::to_string(gone)));
+    }
+}
+
+TEST_F(NoMatchRules, ARefusedWatchCostsTheSubscriptionAndNotTheConnection) {
     std::vector<std::unique_ptr<BusClient>> clients;
     size_t call = 0;
     for (int i = 0; i < 5; i++) {
         clients.push_back(m_engine->client(QSBus::Public));
         request(*clients.back(), call);
     }
-    EXPECT_TRUE(QSSubscriptionAdd(m_public, "key", m_kept[0].get(), m_error));
     EXPECT_FALSE(QSSubscriptionAdd(m_public, "key", m_kept[4].get(), m_error));
     EXPECT_EQ(m_error.code(), -EAGAIN);
     EXPECT_THAT(m_error.message(), HasSubstr("max_match_rules_per_connection"));
