@@ -268,6 +268,17 @@ TEST_F(Incoming, ListenerForClosedApplicationsGetsTheItemAndItIsCachedAsWell) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
+TEST_F(Incoming, SubscriberWithoutAHandleEndsBeforeTheListenerForClosedApplications) {
+    FakeMessage* listener = listenOnClose();
+    session().m_offlineMap[kNode] = "com.example.app";
+    session().setSubMap(kNode, "com.example.app", nullptr);
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(takeEvents(), join({{kPing}, persisted("7"), {ack("i1")}})) << "no notice, no answer";
+    EXPECT_EQ(listener->answers, Texts{});
+    EXPECT_EQ(cached(), appObject("hello"));
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
 TEST_F(Incoming, FailedPostToTheListenerIsLoggedAndTheItemCached) {
     listenOnClose();
     session().m_offlineMap[kNode] = "com.example.app";
