@@ -223,10 +223,11 @@ TEST_F(WriteRate, WaitingChangeIsOnTheDiskBeforeItsAnswer) {
         withdraw();
     }
     std::vector<Answer> answers;
-    while (answers.empty() || !answers.back().waiting()) {
+    for (int i = 0; i < 100 && (answers.empty() || !answers.back().waiting()); ++i) {
         withdraw();
         answers.push_back(record());
     }
+    ASSERT_TRUE(answers.back().waiting());
     takeEvents();
     ASSERT_TRUE(answered(answers));
     const Texts events = takeEvents();
