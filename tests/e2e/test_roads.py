@@ -162,6 +162,31 @@ class Items(RoadsTest):
         self.assertGreater(wait_until(
             lambda: (stored_number(self.stage, "/e2e/item") or 0) > number, "a higher number"), 0)
 
+    def test_an_item_whose_id_has_tabs_and_line_breaks_is_acknowledged(self):
+        created = self.writer.iq("set", "<pubsub xmlns='http://jabber.org/protocol/pubsub'>"
+                                        "<create node='/e2e-writer/breaks'/></pubsub>")
+        self.assertNotIsInstance(created, tuple)
+        self.assertTrue(self.private.call("subscribeToNode", {"node": "/e2e-writer/breaks"})["returnValue"])
+        received = self.private.serve("com.zelt.e2e.breaks", "item")
+        self.private.call("registerItemCallback",
+                          {"node": "/e2e-writer/breaks", "endpoint": "zelt://com.zelt.e2e.breaks/item"})
+        publish = ("<iq type='set' id='%s' to='" + self.stage.env["PUBSUB_JID"] + "'>"
+                   "<pubsub xmlns='http://jabber.org/protocol/pubsub'><publish node='/e2e-writer/breaks'>"
+                   "<item id='%s'><payload>%s</payload></item></publish></pubsub></iq>")
+        self.writer.raw(publish % ("b1", "a&#9;b&#10;c&#13;d", "first"))
+        self.wait_items(received, 1)
+        self.assertEqual(received[0]["itemid"], "a\tb\nc\rd")
+        wait_until(lambda: stored_number(self.stage, "/e2e-writer/breaks"), "the number to be stored")
+        # As above: were it not acknowledged, it would come again.
+        self.private.call("disconnect", {})
+        self.stage.kill_service()
+        forget_number(self.stage, "/e2e-writer/breaks")
+        self.stage.start_service()
+        self.stage.wait_connected()
+        self.writer.raw(publish % ("b2", "plain", "second"))
+        self.wait_items(received, 2)
+        self.assertEqual([entry["item"] for entry in received[1:]], ["second"])
+
     def test_an_item_of_another_account_arrives_in_order(self):
         received = self.handled_node("/e2e/order")
         self.private.call("publishItem", {"node": "/e2e/order", "item": "0"})
