@@ -2,16 +2,17 @@
 %% Publishing with a key over HTTP: POST /push/KEY with the item's text as the body. Keeps no state.
 -module(pubsub_device_http).
 
--export([process/2]).
+-export([process/2, refuse/2]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/ejabberd_http.hrl").
 
 -define(RETRY_SECONDS, 5).
 
-process([Key], #request{method = 'POST', data = Body, path = Path}) ->
+%% A listener that knows from `length` that the body is too large need not have read it.
+process([Key], #request{method = 'POST', data = Body, length = Length, path = Path}) ->
     Limit = mod_pubsub_device:option(max_payload),
-    case check(Body, Limit) of
+    case check(Body, max(Length, byte_size(Body)), Limit) of
         ok -> publish(Key, Body, Path);
         empty -> refuse(400, <<"The body is empty; it is the text of the item">>);
         text -> refuse(400, <<"The body is no UTF-8 text, or has characters that XML 1.0 does not carry">>);
@@ -24,9 +25,9 @@ process([_], _) ->
 process(_, _) ->
     refuse(404, <<"There is nothing here; an endpoint is /push/KEY">>).
 
-check(<<>>, _) -> empty;
-check(Body, Limit) when byte_size(Body) > Limit -> size;
-check(Body, _) ->
+check(_, Length, Limit) when Length > Limit -> size;
+check(<<>>, _, _) -> empty;
+check(Body, _, _) ->
     case is_xml_text(Body) of
         true -> ok;
         false -> text
@@ -62,6 +63,7 @@ published({error, #stanza_error{reason = Reason}}, _) ->
 retry(Code, Seconds, Text) ->
     answer(Code, [{<<"Retry-After">>, integer_to_binary(Seconds)}], {[{error, Text}]}).
 
+%% The answer of every refusal, those of the listener too.
 refuse(Code, Text) ->
     answer(Code, [], {[{error, Text}]}).
 
@@ -75,7 +77,11 @@ phrase(201) -> <<"Created">>;
 phrase(400) -> <<"Bad Request">>;
 phrase(404) -> <<"Not Found">>;
 phrase(405) -> <<"Method Not Allowed">>;
+phrase(408) -> <<"Request Timeout">>;
+phrase(411) -> <<"Length Required">>;
 phrase(413) -> <<"Content Too Large">>;
 phrase(429) -> <<"Too Many Requests">>;
+phrase(431) -> <<"Request Header Fields Too Large">>;
 phrase(500) -> <<"Internal Server Error">>;
-phrase(503) -> <<"Service Unavailable">>.
+phrase(503) -> <<"Service Unavailable">>;
+phrase(505) -> <<"HTTP Version Not Supported">>.

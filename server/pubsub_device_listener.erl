@@ -1,0 +1,277 @@
+%% SPDX-License-Identifier: GPL-3.0-only
+%% The HTTP listener of the push endpoint: one process for each connection, which reads requests one after the other and
+%% lets pubsub_device_http answer them. The server's own listener refuses an empty body and methods it does not know
+%% before any handler sees them, and takes a request that follows a body in the same packet for a part of the body.
+%% Every wait has an end, and no more is read than a head and a body of the largest payload.
+-module(pubsub_device_listener).
+-behaviour(ejabberd_listener).
+
+-export([start/3, start_link/3, init/2, accept/1, listen_opt_type/1, listen_options/0]).
+
+-include_lib("kernel/include/logger.hrl").
+-include_lib("ejabberd/include/ejabberd_http.hrl").
+
+%% What waits for the next request of a connection that has made one; its head and its body come within the option
+%% request_timeout each.
+-define(IDLE_MS, 300000).
+
+%% A refused body of up to so many bytes is read and thrown away, so that the connection goes on.
+-define(MAX_SKIPPED, 1000000).
+
+%% How long, and for how many bytes, a closed connection is read on: a client that is still sending would lose the
+%% answer otherwise.
+-define(LINGER_MS, 2000).
+-define(MAX_LINGERED, 1000000).
+
+%% A connection: tcp is the socket, tls what fast_tls made of it, or none.
+-record(link, {tcp, tls = none, opts}).
+
+start(_, Socket, Opts) ->
+    {ok, proc_lib:spawn(?MODULE, init, [Socket, Opts])}.
+
+start_link(_, Socket, Opts) ->
+    {ok, proc_lib:spawn_link(?MODULE, init, [Socket, Opts])}.
+
+%% The socket is this process's from now on.
+accept(Pid) ->
+    Pid ! accepted,
+    ok.
+
+init(Socket, Opts) ->
+    receive
+        accepted -> serve(Socket, Opts)
+    after 5000 -> ok
+    end.
+
+serve(Socket, Opts) ->
+    inet:setopts(Socket, [{send_timeout, proplists:get_value(send_timeout, Opts, 15000)}, {send_timeout_close, true}]),
+    Link = #link{tcp = Socket, opts = Opts},
+    try converse(secured(Link))
+    catch
+        throw:ended -> ok;
+        Class:Reason:Stack -> report(Class, Reason, Stack)
+    end,
+    gen_tcp:close(Socket).
+
+converse(Link) ->
+    try next(Link, <<>>, request_timeout(Link))
+    catch
+        throw:{refused, Status, Text} -> refuse(Link, Status, Text)
+    end.
+
+%%% requests
+
+next(Link, Buffer, Patience) ->
+    case pubsub_device_head:take(Buffer, 0) of
+        {more, <<>>, 0} ->
+            next(Link, receive_quietly(Link, now_ms() + Patience), Patience);
+        Taken ->
+            {Head, Rest} = head(Link, Taken, deadline(Link)),
+            request(Link, Head, Rest)
+    end.
+
+head(_, {ok, Head, Rest}, _) ->
+    {Head, Rest};
+head(Link, {more, Buffer, Seen}, Deadline) ->
+    More = receive_some(Link, Deadline),
+    head(Link, pubsub_device_head:take(<<Buffer/binary, More/binary>>, Seen), Deadline);
+head(_, {refused, _, _} = Refusal, _) ->
+    throw(Refusal).
+
+request(Link, #{length := Length, expects := Expects, keep := Keep} = Head, Rest) ->
+    case Length =< mod_pubsub_device:option(max_payload) of
+        true ->
+            Expects andalso Length > 0 andalso send(Link, <<"HTTP/1.1 100 Continue\r\n\r\n">>),
+            {Body, After} = body(Link, Length, Rest, deadline(Link)),
+            answered(Link, Head, handle(Link, Head, Body), After);
+        false when Keep, not Expects, Length =< ?MAX_SKIPPED ->
+            answer(Link, Head, handle(Link, Head, <<>>)),
+            next(Link, skip(Link, Length, Rest, deadline(Link)), ?IDLE_MS);
+        false ->  % whether the body comes at all is open
+            answer(Link, Head#{keep := false}, handle(Link, Head, <<>>)),
+            linger(Link)
+    end.
+
+answered(Link, #{keep := true} = Head, Answer, After) ->
+    answer(Link, Head, Answer),
+    next(Link, After, ?IDLE_MS);
+answered(Link, Head, Answer, _) ->
+    answer(Link, Head, Answer),
+    linger(Link).
+
+%% A copy, since an item that is kept would keep all that came in the same packet.
+body(_, Length, Rest, _) when byte_size(Rest) >= Length ->
+    <<Body:Length/binary, After/binary>> = Rest,
+    {binary:copy(Body), binary:copy(After)};
+body(Link, Length, Rest, Deadline) ->
+    More = receive_some(Link, Deadline),
+    body(Link, Length, <<Rest/binary, More/binary>>, Deadline).
+
+skip(_, Length, Rest, _) when byte_size(Rest) >= Length ->
+    binary:copy(binary:part(Rest, Length, byte_size(Rest) - Length));
+skip(Link, Length, Rest, Deadline) ->
+    skip(Link, Length - byte_size(Rest), receive_quietly(Link, Deadline), Deadline).
+
+handle(#link{opts = Opts}, #{method := Method, target := Target, length := Length}, Body) ->
+    try
+        Path = segments(Target),
+        pubsub_device_http:process(local(Path, proplists:get_value(path, Opts, default_path())),
+                                   #request{method = Method, path = Path, raw_path = Target, data = Body,
+                                            length = Length})
+    catch
+        throw:malformed -> pubsub_device_http:refuse(400, <<"The address is malformed">>);
+        Class:Reason:Stack ->
+            report(Class, Reason, Stack),
+            pubsub_device_http:refuse(500, <<"The service failed; try again later">>)
+    end.
+
+%% Without the arguments of the functions, which may hold a key or an item.
+report(Class, Reason, Stack) ->
+    Error = case Reason of
+                {Name, _} when is_atom(Name) -> Name;
+                Name when is_atom(Name) -> Name;
+                _ -> other
+            end,
+    ?LOG_ERROR("a request over HTTP failed: ~p",
+               [{Class, Error, [{Module, Function, Where} || {Module, Function, _, Where} <- Stack]}]).
+
+%% A proxy may send the whole address.
+segments(Target) ->
+    Path = case Target of
+               <<$/, _/binary>> -> hd(binary:split(Target, [<<"?">>, <<"#">>]));
+               _ -> case uri_string:parse(Target) of
+                        #{scheme := _, host := _, path := Whole} -> Whole;
+                        _ -> <<>>
+                    end
+           end,
+    [decoded(Segment) || Segment <- binary:split(Path, <<"/">>, [global, trim_all])].
+
+decoded(Segment) ->
+    case catch uri_string:percent_decode(Segment) of
+        Text when is_binary(Text) -> Text;
+        _ -> throw(malformed)
+    end.
+
+local(Path, Prefix) ->
+    case lists:prefix(Prefix, Path) of
+        true -> lists:nthtail(length(Prefix), Path);
+        false -> []
+    end.
+
+%%% answers
+
+refuse(Link, Status, Text) ->
+    answer(Link, #{method => none, version => {1, 1}, keep => false}, pubsub_device_http:refuse(Status, Text)),
+    linger(Link).
+
+answer(#link{opts = Opts} = Link, #{method := Method, version := Version, keep := Keep},
+       {Status, Phrase, Headers, Body}) ->
+    Custom = maps:merge(maps:from_list(Headers), maps:from_list(proplists:get_value(custom_headers, Opts, []))),
+    Fields = connection(Version, Keep)
+        ++ [{<<"Content-Length">>, integer_to_binary(byte_size(Body))} | maps:to_list(Custom)],
+    send(Link, [protocol(Version), integer_to_binary(Status), $\s, Phrase, <<"\r\n">>,
+                [[Name, <<": ">>, Value, <<"\r\n">>] || {Name, Value} <- Fields], <<"\r\n">>,
+                case Method of
+                    'HEAD' -> <<>>;
+                    _ -> Body
+                end]).
+
+connection({1, 1}, true) -> [];
+connection(_, true) -> [{<<"Connection">>, <<"keep-alive">>}];
+connection(_, false) -> [{<<"Connection">>, <<"close">>}].
+
+protocol({1, 1}) -> <<"HTTP/1.1 ">>;
+protocol(_) -> <<"HTTP/1.0 ">>.
+
+linger(#link{tcp = Socket}) ->
+    gen_tcp:shutdown(Socket, write),
+    linger(Socket, 0, now_ms() + ?LINGER_MS).
+
+linger(Socket, Read, Deadline) when Read < ?MAX_LINGERED ->
+    case gen_tcp:recv(Socket, 0, max(0, Deadline - now_ms())) of
+        {ok, Data} -> linger(Socket, Read + byte_size(Data), Deadline);
+        {error, _} -> ok
+    end;
+linger(_, _, _) ->
+    ok.
+
+%%% the connection
+
+secured(#link{tcp = Socket, opts = Opts} = Link) ->
+    case proplists:get_bool(tls, Opts) of
+        false -> Link;
+        true ->
+            case fast_tls:tcp_to_tls(Socket, tls_options(Opts)) of
+                {ok, TLS} -> Link#link{tls = TLS};
+                {error, Reason} ->
+                    ?LOG_ERROR("no TLS for a connection over HTTP: ~p", [Reason]),
+                    throw(ended)
+            end
+    end.
+
+tls_options(Opts) ->
+    [verify_none | certificate()]
+        ++ [compression_none || not proplists:get_bool(tls_compression, Opts)]
+        ++ [Option || {Name, _} = Option <- Opts, lists:member(Name, [ciphers, dhfile, cafile, protocol_options])].
+
+certificate() ->
+    case ejabberd_pkix:get_certfile(ejabberd_config:get_myname()) of
+        {ok, File} -> [{certfile, File}];
+        error -> []
+    end.
+
+%% What has come, at least a byte. The deadline holds for the handshake too.
+receive_some(#link{tcp = Socket, tls = TLS} = Link, Deadline) ->
+    case decrypted(TLS, gen_tcp:recv(Socket, 0, max(0, Deadline - now_ms()))) of
+        {ok, <<>>} -> receive_some(Link, Deadline);
+        {ok, Data} -> Data;
+        {error, timeout} -> throw({refused, 408, <<"The request did not come in time">>});
+        {error, _} -> throw(ended)
+    end.
+
+%% Where no request waits for an answer, nobody is told that the time is over.
+receive_quietly(Link, Deadline) ->
+    try
+        receive_some(Link, Deadline)
+    catch
+        throw:{refused, 408, _} -> throw(ended)
+    end.
+
+decrypted(none, Received) -> Received;
+decrypted(TLS, {ok, Data}) -> fast_tls:recv_data(TLS, Data);
+decrypted(_, Error) -> Error.
+
+send(#link{tcp = Socket, tls = none}, Data) ->
+    gen_tcp:send(Socket, Data) == ok orelse throw(ended);
+send(#link{tls = TLS}, Data) ->
+    fast_tls:send(TLS, iolist_to_binary(Data)) == ok orelse throw(ended).
+
+deadline(Link) ->
+    now_ms() + request_timeout(Link).
+
+now_ms() ->
+    erlang:monotonic_time(millisecond).
+
+%%% options
+
+request_timeout(#link{opts = Opts}) ->
+    proplists:get_value(request_timeout, Opts, 30000).
+
+default_path() -> [<<"push">>].
+
+listen_opt_type(path) ->
+    econf:and_then(econf:binary(), fun(Path) -> binary:split(Path, <<"/">>, [global, trim_all]) end);
+listen_opt_type(request_timeout) -> econf:timeout(second);
+listen_opt_type(custom_headers) -> econf:map(econf:binary(), econf:binary()).
+
+listen_options() ->
+    [{path, default_path()},
+     {request_timeout, 30000},
+     {custom_headers, []},
+     {backlog, 1024},
+     {tls, false},
+     {tls_compression, false},
+     {ciphers, undefined},
+     {dhfile, undefined},
+     {cafile, undefined},
+     {protocol_options, undefined}].
