@@ -12,13 +12,18 @@
 
 %% The session is on record before we look for what is kept: an item that is kept after this look finds it
 %% there.
+%%
+%% Only a session that was on record wants a repetition: what a first announcement finds sent already was published
+%% since this step began.
 announce(JID) ->
+    Device = jid:tolower(JID),
+    Before = pubsub_device_store:session(Device),
     case attach(JID) of
         ok ->
-            Device = jid:tolower(JID),
+            Again = pubsub_device_store:session(Device) == Before,
             Nodes = pubsub_device_store:nodes_for(Device),
             News = [Node || Node <- Nodes, pubsub_device_session:is_news(Node, Device)],
-            [pubsub_device_session:tell(Node, {announce, Node, Device}) || Node <- News],
+            [pubsub_device_session:tell(Node, {announce, Node, Device, Again}) || Node <- News],
             News == [] andalso pubsub_device_session:spare(1 + length(Nodes) div 16),
             ok;
         Refused -> Refused

@@ -141,8 +141,12 @@ handle_cast({unlock, Node, Pid}, #state{locks = Locks} = State) ->
             next(State#state{locks = Locks#{Node := {Holder, Monitor, Others}}});
         _ -> next(State)
     end;
-handle_cast({announce, Node, Device}, State) ->
-    next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:again/3, State));
+handle_cast({announce, Node, Device, Again}, State) ->
+    Known = case Again of
+                true -> fun pubsub_device_flow:again/3;
+                false -> fun pubsub_device_flow:pump/3
+            end,
+    next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, Known, State));
 handle_cast({activate, Node, Device}, State) ->
     next(activate(Node, Device, bulk, State));
 handle_cast({acked, Node, Device, Pid, Number}, State) ->

@@ -108,6 +108,20 @@ class Costs(Load):
         self.assertEqual(self.texts(bob, 221), [str(each) for each in range(221)])
         self.assert_quiet(bob)
 
+    def test_a_first_announcement_repeats_nothing_that_a_publication_has_sent_meanwhile(self):
+        owner = self.backlog("first", 10)
+        bob = self.client("bob", "first")
+        writer = self.writer()
+        self.instance.evaluate("sys:suspend(pubsub_device_commit)")  # holds the writer in the publication
+        request = owner.send_iq("set", self.publish_stanza("10"))
+        self.wait_for(lambda: self.waiting("pubsub_device_commit") > 0)
+        self.announce(bob)
+        self.wait_for(lambda: self.waiting(writer) > 0)
+        self.instance.evaluate("sys:resume(pubsub_device_commit)")
+        self.succeed(owner.wait_iq(request))
+        self.assertEqual(self.texts(bob, 11), [str(each) for each in range(11)])
+        self.assert_quiet(bob)
+
     def test_a_writer_serves_others_between_the_portions_of_a_long_backlog(self):
         self.backlog("portions", 200)
         bob = self.client("bob", "portions")
