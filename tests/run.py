@@ -81,8 +81,9 @@ def programs_of(kind):
         for path in sorted(BIN.glob(kind + "_*")):
             yield path.name, lambda path=path: run_googletest(path)
     elif kind == "server":
-        command = ["/usr/bin/python3", str(ROOT / "tests/server/run_tests.py")]
-        yield "server", lambda: run_counting("server", command)
+        for path in sorted((ROOT / "tests/server").glob("test_*.py")):
+            command = ["/usr/bin/python3", str(ROOT / "tests/server/run_tests.py"), path.stem + "."]
+            yield path.stem, lambda path=path, command=command: run_counting(f"server/{path.stem}", command)
     else:
         for path in sorted((ROOT / "tests" / kind).glob("test_*.py")):
             command = ["/usr/bin/python3", str(ROOT / "tests/run_unittest.py"), str(path)]
