@@ -73,7 +73,8 @@ priority(_) -> 50.
 %% The processes are the machine's, not the host's: several virtual hosts share them.
 workers() ->
     [{pubsub_device_commit, {pubsub_device_commit, start_link, []}},
-     {pubsub_device_sweep, {pubsub_device_sweep, start_link, []}}
+     {pubsub_device_sweep, {pubsub_device_sweep, start_link, []}},
+     {pubsub_device_gate, {pubsub_device_gate, start_link, []}}
      | [{pubsub_device_writer:name(Shard), {pubsub_device_writer, start_link, [Shard]}}
         || Shard <- pubsub_device_writer:shards()]].
 

@@ -2,7 +2,7 @@
 %% Publishing with a key over HTTP: POST /push/KEY with the item's text as the body. Keeps no state.
 -module(pubsub_device_http).
 
--export([process/2, refuse/2]).
+-export([process/2, refuse/2, crowded/0]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/ejabberd_http.hrl").
@@ -62,6 +62,10 @@ published({error, #stanza_error{reason = Reason}}, _) ->
 
 retry(Code, Seconds, Text) ->
     answer(Code, [{<<"Retry-After">>, integer_to_binary(Seconds)}], {[{error, Text}]}).
+
+%% The answer to a connection that is one too many.
+crowded() ->
+    retry(503, ?RETRY_SECONDS, <<"Too many connections; close some, or try again later">>).
 
 %% The answer of every refusal, those of the listener too.
 refuse(Code, Text) ->

@@ -23,6 +23,14 @@
 -define(LINGER_MS, 2000).
 -define(MAX_LINGERED, 1000000).
 
+%% Most connections at once: of one address, and of a listener. The server's ports, 32,000 as packaged, are for its
+%% streams too.
+-define(MAX_CONNECTIONS_ADDRESS, 256).
+-define(MAX_CONNECTIONS, 8192).
+
+%% Whose connections are many clients' by default: a proxy on this machine.
+-define(PROXIES, [{{127, 0, 0, 0}, 8}, {{0, 0, 0, 0, 0, 0, 0, 1}, 128}]).
+
 %% A connection: tcp is the socket, tls what fast_tls made of it, or none.
 -record(link, {tcp, tls = none, opts}).
 
@@ -46,7 +54,12 @@ init(Socket, Opts) ->
 serve(Socket, Opts) ->
     inet:setopts(Socket, [{send_timeout, proplists:get_value(send_timeout, Opts, 15000)}, {send_timeout_close, true}]),
     Link = #link{tcp = Socket, opts = Opts},
-    try converse(secured(Link))
+    try
+        case admitted(Link) of
+            ok -> converse(secured(Link));
+            refused -> turn_away(secured(Link));
+            closed -> ok
+        end
     catch
         throw:ended -> ok;
         Class:Reason:Stack -> report(Class, Reason, Stack)
@@ -58,6 +71,41 @@ converse(Link) ->
     catch
         throw:{refused, Status, Text} -> refuse(Link, Status, Text)
     end.
+
+%%% how many there may be
+
+admitted(#link{tcp = Socket, opts = Opts}) ->
+    case {inet:port(Socket), peer(Socket, proplists:get_value(sock_peer_name, Opts))} of
+        {{ok, Port}, {ok, Address}} ->
+            Proxies = proplists:get_value(proxies, Opts, ?PROXIES),
+            Each = case lists:any(fun(Mask) -> is_within(Address, Mask) end, Proxies) of
+                       true -> infinity;  % an atom is above every number
+                       false -> proplists:get_value(max_connections_address, Opts, ?MAX_CONNECTIONS_ADDRESS)
+                   end,
+            pubsub_device_gate:enter(Port, Address,
+                                     {Each, proplists:get_value(max_connections, Opts, ?MAX_CONNECTIONS)});
+        _ -> closed
+    end.
+
+%% A proxy that speaks the proxy protocol says whose connection it is, as far as it knows.
+peer(_, {_, {unknown, _}}) ->
+    {ok, undefined};
+peer(_, {_, {Address, _}}) ->
+    {ok, Address};
+peer(Socket, _) ->
+    case inet:peername(Socket) of
+        {ok, {Address, _}} -> {ok, Address};
+        Error -> Error
+    end.
+
+is_within(Address, {Net, Length}) ->
+    is_tuple(Address) andalso misc:match_ip_mask(Address, Net, Length).
+
+%% Who asks is told why; who does not is not waited for.
+turn_away(Link) ->
+    receive_quietly(Link, now_ms() + ?LINGER_MS),
+    answer(Link, #{method => none, version => {1, 1}, keep => false}, pubsub_device_http:crowded()),
+    linger(Link).
 
 %%% requests
 
@@ -262,12 +310,18 @@ default_path() -> [<<"push">>].
 listen_opt_type(path) ->
     econf:and_then(econf:binary(), fun(Path) -> binary:split(Path, <<"/">>, [global, trim_all]) end);
 listen_opt_type(request_timeout) -> econf:timeout(second);
+listen_opt_type(max_connections) -> econf:pos_int();
+listen_opt_type(max_connections_address) -> econf:pos_int(infinity);
+listen_opt_type(proxies) -> econf:list(econf:ip_mask());
 listen_opt_type(custom_headers) -> econf:map(econf:binary(), econf:binary()).
 
 listen_options() ->
     [{path, default_path()},
      {request_timeout, 30000},
      {custom_headers, []},
+     {max_connections, ?MAX_CONNECTIONS},
+     {max_connections_address, ?MAX_CONNECTIONS_ADDRESS},
+     {proxies, ?PROXIES},
      {backlog, 1024},
      {tls, false},
      {tls_compression, false},

@@ -30,8 +30,8 @@ class Answer:
 class Link:
     """A connection that sends bytes as they are given and reads answers by their length."""
 
-    def __init__(self, port, context=None):
-        self.socket = socket.create_connection(("127.0.0.1", port), DEADLINE)
+    def __init__(self, port, context=None, source=None):
+        self.socket = socket.create_connection(("127.0.0.1", port), DEADLINE, source and (source, 0))
         if context:
             self.socket = context.wrap_socket(self.socket, server_hostname="localhost")
         self.buffer = b""
@@ -401,6 +401,101 @@ class Listeners(HttpTest):
                 link.send(data)
                 while link._more():
                     pass
+
+    def ask(self, link):
+        return link.ask(request("GET", "x")).status
+
+    def assert_refused(self, link):
+        answer = link.ask(request("GET", "x"))
+        self.assertEqual((answer.status, answer.headers.get("connection")), (503, "close"))
+        self.assertTrue(answer.headers["retry-after"].isdigit())
+        self.assertTrue(answer.error)
+        self.assertTrue(link.ends())
+
+    def assert_room(self, connect):
+        end = time.monotonic() + DEADLINE
+        while True:
+            with connect() as link:
+                if self.ask(link) == 200:
+                    return
+            self.assertLess(time.monotonic(), end, "a place stays taken")
+
+    def crowd(self, count, connect):
+        links = [connect() for _ in range(count)]
+        for link in links:
+            self.addCleanup(link.socket.close)
+            self.assertEqual(self.ask(link), 200)
+        return links
+
+    def test_one_address_has_so_many_connections_and_others_have_theirs(self):
+        port = self.listen("#{max_connections_address => 3, proxies => []}")
+        links = self.crowd(3, lambda: Link(port))
+        with Link(port) as link:
+            self.assert_refused(link)
+        with Link(port, source="127.0.0.2") as link:
+            self.assertEqual(self.ask(link), 200)
+        self.assertEqual([self.ask(link) for link in links], [200] * 3)
+        links[0].socket.close()
+        self.assert_room(lambda: Link(port))
+
+    def test_a_connection_whose_process_is_killed_leaves_its_place(self):
+        port = self.listen("#{max_connections_address => 3, proxies => []}")
+        self.crowd(3, lambda: Link(port))
+        with Link(port) as link:
+            self.assert_refused(link)
+        self.instance.evaluate("[exit(Pid, kill) || Pid <- processes(), "
+                               "proc_lib:translate_initial_call(Pid) == {pubsub_device_listener, init, 2}]")
+        self.crowd(3, lambda: Link(port))
+        with Link(port) as link:
+            self.assert_refused(link)
+
+    def test_a_listener_has_so_many_connections_and_refuses_few_at_a_time(self):
+        port = self.listen("#{max_connections => 8, max_connections_address => 1, proxies => "
+                           "(pubsub_device_listener:listen_opt_type(proxies))([<<\"127.0.0.0/8\">>, <<\"::1\">>])}")
+        self.crowd(8, lambda: Link(port))
+        with Link(port, source="127.0.0.2") as link:
+            self.assert_refused(link)
+        silent = [Link(port) for _ in range(9)]
+        for link in silent:
+            self.addCleanup(link.socket.close)
+        # One at a time is told; of the others none is kept, nor waited for.
+        told = 0
+        for link in silent:
+            try:
+                told += self.ask(link) == 503
+            except (AssertionError, OSError):
+                pass
+        self.assertLessEqual(told, 1)
+        other = self.listen("#{}")
+        self.crowd(300, lambda: Link(other))  # a proxy of this machine has as many as it wants
+        self.client("owner").sync()
+
+    def test_the_address_is_what_the_proxy_says(self):
+        port = self.listen("#{max_connections_address => 2, use_proxy_protocol => true}")
+
+        def connect(kind, address):
+            link = Link(port)
+            link.send(b"PROXY %s %s %s 4000 80\r\n" % (kind, address, address))
+            return link
+
+        for kind, address, same, other in ((b"TCP4", b"192.0.2.1", b"192.0.2.1", b"192.0.2.2"),
+                                           (b"TCP6", b"2001:db8::1", b"2001:db8::ffff:2", b"2001:db8:0:1::1"),
+                                           (b"TCP6", b"::ffff:198.51.100.1", b"::ffff:198.51.100.1",
+                                            b"::ffff:198.51.100.2")):
+            self.crowd(2, lambda kind=kind, address=address: connect(kind, address))
+            with connect(kind, same) as link:
+                self.assert_refused(link)
+            with connect(kind, other) as link:
+                self.assertEqual(self.ask(link), 200)
+        with connect(b"TCP4", b"198.51.100.1") as link:
+            self.assert_refused(link)
+
+    def test_tls_says_that_there_are_too_many(self):
+        port = self.listen("#{tls => true, max_connections_address => 1, proxies => []}")
+        context = ssl.create_default_context(cafile=self.server.env["CA_FILE"])
+        self.crowd(1, lambda: Link(port, context))
+        with Link(port, context) as link:
+            self.assert_refused(link)
 
     def test_path_and_headers_are_the_operators(self):
         _, key = self.ready()
