@@ -24,6 +24,7 @@ ENVIRONMENT = dict(
     UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1",
     PUBSUB_PRESET=PRESET,
     PUBSUB_NO_BUILD="1",
+    PUBSUB_EBIN_CACHE=str(ROOT / "build" / "ebin"),
     PYTHONDONTWRITEBYTECODE="1",
 )
 
