@@ -133,6 +133,18 @@ void glooxDbg(const char* function, int line, const char* format, ...) {
     va_end(arguments);
 }
 
+void printEscaped(FILE* stream, const char* text) {
+    char escaped[12];
+    while (*text) {
+        const int taken = escape(text, escaped);
+        if (taken)
+            fputs(escaped, stream);
+        else
+            fputc(*text, stream);
+        text += taken ? taken : 1;
+    }
+}
+
 void strip_newline(char* buffer, int length) {
     replace_newline(buffer, length, '\0');
 }

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "util/log.h"
+
 bool QSErrorInit(QSError* error) {
     if (!error)
         return false;
@@ -14,8 +16,11 @@ bool QSErrorInit(QSError* error) {
 }
 
 void QSErrorPrint(QSError* error, FILE* stream) {
-    if (error && stream)
-        std::fprintf(stream, "bus error %d: %s\n", error->code, error->message ? error->message : "");
+    if (!error || !stream)
+        return;
+    std::fprintf(stream, "bus error %d: ", error->code);
+    printEscaped(stream, error->message ? error->message : "");
+    std::fputc('\n', stream);
 }
 
 void QSErrorFree(QSError* error) {

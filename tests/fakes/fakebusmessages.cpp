@@ -12,6 +12,7 @@
 #include "tests/fakes/fakebusstate.h"
 #include "tests/fakes/journal.h"
 #include "util/jsonref.h"
+#include "util/log.h"
 
 namespace {
 
@@ -135,7 +136,9 @@ bool QSErrorInit(QSError* error) {
 }
 
 void QSErrorPrint(QSError* error, FILE* stream) {
-    std::fprintf(stream, "bus error %d: %s\n", error->code, error->message ? error->message : "");
+    std::fprintf(stream, "bus error %d: ", error->code);
+    printEscaped(stream, error->message ? error->message : "");
+    std::fputc('\n', stream);
 }
 
 void QSErrorFree(QSError* error) {

@@ -56,3 +56,11 @@ TEST(ErrorRecord, FreesItselfInAScope) {
     EXPECT_STREQ(error.message(), "text");
     EXPECT_EQ(error.code(), -EIO);
 }
+
+TEST(ErrorRecord, PrintsControlCharactersOfItsTextAsEscapes) {
+    QSError error;
+    QSErrorInit(&error);
+    busFail(&error, -EIO, "a\nbus error 0: b\r\t\x1b[2J\x7f\xc2\x9bz \xc3\xa9");
+    EXPECT_EQ(printed(&error), "bus error -5: a\\nbus error 0: b\\r\\t\\x1b[2J\\x7f\\xc2\\x9bz \xc3\xa9\n");
+    QSErrorFree(&error);
+}
