@@ -8,6 +8,38 @@
 #include "util/jsonargs.h"
 #include "util/log.h"
 
+namespace {
+
+constexpr std::size_t kLongestEcho = 4 * 1024;
+
+// The bytes of a character in the text of a JSON string.
+std::size_t lengthInJson(char character) {
+    if (static_cast<unsigned char>(character) < 0x20)
+        return 6;
+    return character == '/' || character == '\\' || character == '"' ? 2 : 1;
+}
+
+bool continuesACharacter(char character) {
+    return (static_cast<unsigned char>(character) & 0xc0) == 0x80;
+}
+
+// What a refusal says back. A short request can name an endpoint that is six times as long in JSON; no
+// endpoint that could exist is as long as the bound.
+std::string echoOf(const std::string& endpoint) {
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < endpoint.size(); ++i) {
+        length += lengthInJson(endpoint[i]);
+        if (length <= kLongestEcho)
+            continue;
+        while (i > 0 && continuesACharacter(endpoint[i]))
+            --i;
+        return endpoint.substr(0, i);
+    }
+    return endpoint;
+}
+
+}  // namespace
+
 PublicRequest::PublicRequest(QSHandle* busHandle, QSMessage* request)
     : handle(busHandle),
       message(request),
@@ -37,7 +69,7 @@ bool PublicRequest::fail(const char* code, const char* text) {
 bool PublicRequest::refuse(const char* function, int line) {
     PrvPrintErr(function, line, "Error %s, Incoming %s", m_errorText.c_str(), QSMessageGetPayload(message));
     JsonRef context(json_object_new_object());
-    addMember(context, "endpoint", endpoint);
+    addMember(context, "endpoint", echoOf(endpoint));
     HandleError(handle, message, m_errorCode, m_errorText, context.release());
     return true;
 }

@@ -64,6 +64,21 @@ TEST_P(PublicRefusal, RefusesANodeNameOfAHundredBytes) {
     expectRefused(askThis(payload), payload, endpoint, "libErr", "endpoint too long");
 }
 
+// A control character takes six bytes in JSON, so that a short request could ask for a long refusal.
+TEST_P(PublicRefusal, EchoesNoMoreThanFourKiBOfAnEndpoint) {
+    const std::string plain(4000, 'x');
+    EXPECT_EQ(askThis(R"({"endpoint":")" + plain + R"("})"), refusal(plain, "libErr", "endpoint too long"));
+    std::string escaped;
+    for (int i = 0; i < 682; ++i)
+        escaped += R"(\u0001)";
+    EXPECT_EQ(askThis(R"({"endpoint":")" + std::string(4000, '\x01') + R"("})"),
+              refusal(escaped, "libErr", "endpoint too long"));
+    // Not within a character.
+    const std::string tail(4095 - 6 * 600, 'x');
+    EXPECT_EQ(askThis(R"({"endpoint":")" + std::string(600, '\x01') + tail + "\xc3\xa9" + R"("})"),
+              refusal(escaped.substr(0, 6 * 600) + tail, "libErr", "endpoint too long"));
+}
+
 TEST_P(PublicRefusal, AcceptsANodeNameOfNinetyNineBytes) {
     const std::string prefix = "/u1234/dev42/com.example.app/";
     const std::string endpoint(99 - prefix.size(), 'x');
