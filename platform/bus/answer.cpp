@@ -69,6 +69,7 @@ bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
     if (!message->unanswered || message->wantsReply)
         busCountSent(*message->peer, size);
     countAnswered(message);
+    busForgetWire(message);
     return true;
 }
 

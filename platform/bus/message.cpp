@@ -18,9 +18,10 @@ namespace {
 // The message as it came, what the layer and what the service note about it.
 constexpr size_t kRequestOverhead = 2048;
 
-// What is kept after the method return was given needs the texts alone.
-void forgetWire(QSMessage* request) {
-    if (!request->wire || request->unanswered)
+}  // namespace
+
+void busForgetWire(QSMessage* request) {
+    if (!request->wire || request->unanswered || request->handling)
         return;
     request->ownPayload = request->payload;
     request->ownMethod = request->method;
@@ -30,8 +31,6 @@ void forgetWire(QSMessage* request) {
     request->category = request->ownCategory.c_str();
     request->wire.reset();
 }
-
-}  // namespace
 
 size_t busRequestSize(const char* payload) {
     return kRequestOverhead + std::strlen(payload);
@@ -67,11 +66,13 @@ void busDispatch(QSMessage* request) {
         std::optional<LogPayer> payer;
         if (busIsPublic(request->handle))
             payer.emplace(busLogBudget(request->handle, request->peer->user));
+        request->handling = true;
         busRunGuarded(request->method,
                       [&] { target->handler(request->handle, request, target->category->context); });
+        request->handling = false;
     }
     if (request->references > 1)
-        forgetWire(request);
+        busForgetWire(request);
     QSMessageUnref(request);
 }
 

@@ -34,6 +34,7 @@ struct QSMessage {
     uint32_t serial = 0;                   // of the call
     size_t kept = 0;                       // bytes, counted among those of the caller
     bool wantsReply = false;               // the caller awaits a method return
+    bool handling = false;                 // its handler runs, and may hold its texts
     bool unanswered = false;               // counts among the caller's unanswered requests
     bool subscribed = false;               // was on a subscription list once
     bool cancelled = false;                // the caller has cancelled it or is gone
@@ -44,6 +45,9 @@ QSMessage* busNewRequest(QSHandle* handle, sd_bus_message* wire, const char* pay
                          const std::shared_ptr<Peer>& peer, const Method* target);
 // Hands a request to its handler and gives the reference back.
 void busDispatch(QSMessage* request);
+// Drops the message that a request came in once its method return was given: what is kept needs the texts
+// alone.
+void busForgetWire(QSMessage* request);
 // A message to a callback of ours: `wire` may be null, and then `payload` is copied.
 QSMessage* busNewReply(QSHandle* handle, sd_bus_message* wire, const char* payload,
                        const std::string& category, const std::string& method);

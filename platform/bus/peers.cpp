@@ -196,6 +196,7 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
     if (wasLost(reply) && identify(*peer))
         return 0;
     if (sd_bus_message_is_method_error(reply, nullptr)) {
+        const LogPayer payer(busLogBudget(peer->handle, peer->user));
         PrvPrintErr(__func__, __LINE__, "The bus does not tell who %s is: %s", peer->name.c_str(),
                     sd_bus_message_get_error(reply)->message);
     } else {

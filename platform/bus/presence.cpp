@@ -157,9 +157,11 @@ bool busIsThere(const Peer& peer) {
     // A second try by a new connection: the first one may have been lost since it was last used.
     if (there < 0)
         there = askIsThere(handle, peer.name);
-    if (there < 0)
+    if (there < 0) {
+        const LogPayer payer(busLogBudget(handle, peer.user));
         PrvPrintErr(__func__, __LINE__, "The %s bus does not tell whether the client %s is there",
                     busSideName(handle), peer.name.c_str());
+    }
     return there > 0;
 }
 

@@ -80,6 +80,8 @@ bool QSCallCancel(QSHandle* handle, QSToken token, QSError* error);
 // reply ends a call without it, and so does QSCallCancel.
 bool QSCallSetEndFunction(QSHandle* handle, QSToken token, QSFilter ended, void* context, QSError* error);
 
+// The texts of a request stay where they are until its handler returns, and after that until its first
+// answer.
 const char* QSMessageGetPayload(QSMessage* message);
 const char* QSMessageGetMethod(QSMessage* message);
 const char* QSMessageGetCategory(QSMessage* message);

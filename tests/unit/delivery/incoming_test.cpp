@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Where an item goes, and in which order it is handed on, remembered and acknowledged.
+#include <cerrno>
+
 #include "tests/unit/delivery/incomingtest.h"
 
 // --- items
@@ -109,6 +111,15 @@ TEST_F(Incoming, ItemThatCannotBePushedIsCachedAndTheRecordGoes) {
     EXPECT_EQ(
         takeLogLines(),
         Texts{"sendMessageToApp: Warning: Sending item failed, no subscriber for Node?  Bus error nobody "});
+}
+
+TEST_F(Incoming, ItemForASubscriberThatDoesNotReadIsCached) {
+    session().setSubMap(kNode, "com.example.app", publicHandle());
+    fakeBus().failNext("QSSubscriptionRespond", -ENOBUFS, "The client :1.7 does not read");
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(takeEvents(), join({{kPing}, persisted("7"), {ack("i1")}}));
+    EXPECT_EQ(cached(), appObject("hello"));
+    EXPECT_FALSE(session().subMap.contains(kNode));
 }
 
 TEST_F(Incoming, ItemThatNobodyTakesIsCachedItsNumberStoredAndAcknowledged) {
