@@ -42,14 +42,16 @@ class ReadsLater : public RealBusTest {
         return found == m_public->peers.end() ? nullptr : found->second.get();
     }
     size_t held() const { return peer() ? peer()->held.size() : 0; }
+    // What was sent last may still be on its way into the socket: until a question finds nothing more read.
+    bool isFull() const { return held() && peer()->unread.gap > 0; }
     // Calls without reading the answers, until requests wait for word that the client reads.
     void fillUp() {
         call();
         ASSERT_TRUE(m_engine->until([&] { return m_answered.size() == 1; }));
         engine().leave(m_client.get());
-        for (int i = 0; i < 1000 && !held(); i++) {
+        for (int i = 0; i < 1000 && !isFull(); i++) {
             call();
-            ASSERT_TRUE(m_engine->until([&] { return m_handled == m_calls || held(); })) << i;
+            ASSERT_TRUE(m_engine->until([&] { return m_handled == m_calls || isFull(); })) << i;
         }
         ASSERT_EQ(held(), 1u);
     }
@@ -167,6 +169,8 @@ TEST_F(KeptRequests, OfOneClientTakeAPartOfWhatIsFree) {
     auto client = m_engine->client(QSBus::Public);
     const size_t kept = keptOf(*client);
     EXPECT_GE(kept, 40u);
+    // Fewer than the bound of their number.
+    EXPECT_LT(kept, 128u);
     EXPECT_LE(m_public->kept.total(), kMiB);
     EXPECT_GE(m_public->kept.total(), kept * 4096);
     m_kept.clear();
