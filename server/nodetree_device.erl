@@ -96,13 +96,14 @@ last_item_alone(Error) ->
 %% What the engine keeps of a node is its last item. Publications that cross leave more, which nothing else
 %% would take away.
 keep_last_item({Service, NodeId}) ->
-    [begin
-         Items = mnesia:dirty_index_read(pubsub_item, Nidx, #pubsub_item.nodeidx),
-         [_ | Old] = lists:reverse(lists:keysort(#pubsub_item.modification, Items)),
-         [mnesia:dirty_delete(pubsub_item, ItemId) || #pubsub_item{itemid = ItemId} <- Old]
-     end || #pubsub_node{id = Nidx} <- mnesia:dirty_read(pubsub_node, {Service, NodeId}),
-            mnesia:dirty_index_read(pubsub_item, Nidx, #pubsub_item.nodeidx) /= []],
+    [mnesia:dirty_delete(pubsub_item, ItemId)
+     || #pubsub_node{id = Nidx} <- mnesia:dirty_read(pubsub_node, {Service, NodeId}),
+        #pubsub_item{itemid = ItemId} <- older(mnesia:dirty_index_read(pubsub_item, Nidx, #pubsub_item.nodeidx))],
     ok.
+
+%% Others publish at the same time, so there may be none by now.
+older([]) -> [];
+older(Items) -> tl(lists:reverse(lists:keysort(#pubsub_item.modification, Items))).
 
 %% The node itself at depth 0, the collections that hold it at 1, those that hold them at 2 and so on.
 get_parentnodes_tree(Host, Node, _From) ->

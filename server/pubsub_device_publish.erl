@@ -60,13 +60,13 @@ hand_over(IQ) ->
 on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, ItemId, Payload) ->
     case mod_pubsub_device:is_service(Service) of
         true ->
-            nodetree_device:keep_last_item({Service, NodeId}),
             Messages = [Message || #message{} = Message <- caught(), has_id(Message, ItemId)],
             Item = case Messages of
                        [First | _] -> pubsub_device_stanza:item_of(First);
                        [] -> #ps_item{id = ItemId, sub_els = Payload}
                    end,
-            written(get(?CONTEXT), {Service, NodeId}, {ItemId, Item, Messages, id({Service, NodeId})});
+            written(get(?CONTEXT), {Service, NodeId}, {ItemId, Item, Messages, id({Service, NodeId})}),
+            nodetree_device:keep_last_item({Service, NodeId});
         false -> ok
     end;
 on_publish(_, _, _, _, _, _) ->

@@ -105,7 +105,10 @@ class ServerTest(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
+        crashes = [line for line in cls.instance.log().splitlines() if "crashed when running pubsub_device" in line]
         cls.instance.remove()
+        if crashes:  # what the engine goes on after, as if the hook had done its work
+            raise AssertionError("\n".join(crashes))
 
     def setUp(self):
         self.clients = []
