@@ -379,6 +379,8 @@ class Vanishing(ClientsTest):
             app.call("unsubscribe", {"endpoint": "inbox"})
             self.kill(app)
             self.assert_forgotten(name)
+        # The stream keeps its order: with this answer the node is switched off.
+        self.assertTrue(self.private.call("createNode", {"node": f"/clients/{name}"})["returnValue"])
         self.push(app, "to a closed application")
         return app
 
