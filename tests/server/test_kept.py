@@ -84,11 +84,13 @@ class Exact(KeptTest):
     def test_what_is_on_disk_counts_after_a_restart(self):
         names = ["%s/%d" % (self.node, each) for each in range(4)]
         owner = self.away("bob", "counted", *names)
-        self.bulk(owner, [self.publish_stanza(str(each), node=names[each % 4]) for each in range(20)])
+        for each in range(20):  # one after the other: nodes have writers of their own
+            self.publish(owner, str(each), node=names[each % 4])
         self.instance.stop()
         self.instance.start()
         owner = self.client("owner")
-        self.bulk(owner, [self.publish_stanza(str(each), node=names[each % 4]) for each in range(20, 26)])
+        for each in range(20, 26):
+            self.publish(owner, str(each), node=names[each % 4])
         found = self.drained("bob", "counted", names)
         self.assertEqual(sorted(found, key=int), [str(each) for each in range(6, 26)])
 
