@@ -75,7 +75,7 @@ stage_down() {
     for name in "${stage_processes[@]}"; do
         stage_stop "$dir" "$name"
     done
-    [[ -e $dir/server/server.env ]] && "$STAGE_ROOT/server/run" down "$dir/server" >/dev/null 2>&1
+    [[ -e $dir/server/server.env ]] && "$STAGE_ROOT/ejabberd/run" down "$dir/server" >/dev/null 2>&1
     if [[ -e $dir/run/short-folders ]]; then
         while read -r short; do rm -rf "$short"; done <"$dir/run/short-folders"
         rm -f "$dir/run/short-folders"
@@ -137,7 +137,7 @@ stage_ground() {
     stage_bus "$dir" private && stage_bus "$dir" public || return 1
 
     $STAGE_SAY "Starting the XMPP server (ejabberd with the device extension)"
-    "$STAGE_ROOT/server/run" up "$dir/server" \
+    "$STAGE_ROOT/ejabberd/run" up "$dir/server" \
         ${STAGE_OPEN_PREFIXES:+--option "open_prefixes=$STAGE_OPEN_PREFIXES"} "$@" >"$dir/log/server-start.log" 2>&1 ||
         { tail -n 20 "$dir/log/server-start.log" >&2; stage_fail "The XMPP server did not start."; return 1; }
     ln -sf ../server/log/server.log "$dir/log/server.log"
@@ -152,7 +152,7 @@ stage_up() {
     source "$dir/server/server.env"
     local user=device password
     password=$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
-    "$STAGE_ROOT/server/run" account "$dir/server" "$user" "$password" >>"$dir/log/server-start.log" 2>&1 ||
+    "$STAGE_ROOT/ejabberd/run" account "$dir/server" "$user" "$password" >>"$dir/log/server-start.log" 2>&1 ||
         { stage_fail "The account could not be registered; see $dir/log/server-start.log."; return 1; }
 
     if [[ ${STAGE_LOGIN:-account} == file ]]; then

@@ -137,10 +137,10 @@ class Stage:
             os.kill(pid, signal.SIGCONT)
 
     def server(self, *arguments):
-        done = subprocess.run([str(ROOT / "server" / "run"), *arguments], stdin=subprocess.DEVNULL,
+        done = subprocess.run([str(ROOT / "ejabberd" / "run"), *arguments], stdin=subprocess.DEVNULL,
                               capture_output=True, text=True, check=False)
         if done.returncode:
-            raise AssertionError(f"server/run {arguments[0]} failed:\n{done.stdout}{done.stderr}")
+            raise AssertionError(f"ejabberd/run {arguments[0]} failed:\n{done.stdout}{done.stderr}")
         return done.stdout
 
     def server_folder(self):

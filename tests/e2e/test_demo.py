@@ -39,7 +39,7 @@ class Demo(unittest.TestCase):
         user = pwd.getpwnam("nobody")
         with tempfile.TemporaryDirectory(prefix="demo-") as folder:
             tree = pathlib.Path(folder, "tree")
-            for part in ("scripts", "server", "packaging"):
+            for part in ("scripts", "ejabberd", "packaging"):
                 shutil.copytree(ROOT / part, tree / part)
             shutil.copy2(ROOT / "demo", tree)
             binaries = tree / "build" / PRESET / "bin"

@@ -14,7 +14,7 @@ from xml.sax.saxutils import escape, quoteattr
 import xmppclient
 from xmppclient import CONFIG, DEVICE, OWNER, PUBSUB, Server, condition, connect, form, item
 
-RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "server", "run")
+RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "ejabberd", "run")
 ACCOUNTS = ("owner", "bob", "carol")
 PASSWORD = "secret"
 
@@ -42,7 +42,7 @@ class Instance:
         done = subprocess.run([RUN, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                               check=False, timeout=120)
         if done.returncode != 0:
-            raise AssertionError("server/run %s: %s" % (arguments[0], done.stdout))
+            raise AssertionError("ejabberd/run %s: %s" % (arguments[0], done.stdout))
         if arguments[0] in ("up", "start"):
             self.server = Server.from_env(self.folder + "/server.env")
 

@@ -35,7 +35,7 @@ Item = collections.namedtuple("Item", "node id seq_no text")
 
 
 class Server:
-    """Where a server is; made from the assignments that `server/run up` writes."""
+    """Where a server is; made from the assignments that `ejabberd/run up` writes."""
 
     def __init__(self, host, port, domain, pubsub, ca_file):
         self.host, self.port, self.domain, self.pubsub, self.ca_file = host, int(port), domain, pubsub, ca_file

@@ -10,7 +10,7 @@ PAGE = (ROOT / "docs/methods.md").read_text(encoding="utf-8")
 
 
 def served(table):
-    source = (ROOT / "service/methods.cpp").read_text(encoding="utf-8")
+    source = (ROOT / "src/service/methods.cpp").read_text(encoding="utf-8")
     body = source.split(f"const QSMethod {table}[] = {{")[1].split("};")[0]
     return re.findall(r'\{"(\w+)"', body)
 

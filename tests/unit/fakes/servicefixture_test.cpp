@@ -7,7 +7,7 @@
 #include <gtest/gtest-spi.h>
 
 #include "nodes/methods.h"
-#include "session/methods.h"
+#include "service/methods.h"
 #include "util/log.h"
 
 using ::testing::ElementsAre;

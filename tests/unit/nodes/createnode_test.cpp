@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "nodes/methods.h"
-#include "nodes/roads.h"
+#include "request/roads.h"
 #include "tests/unit/nodes/refusal.h"
 #include "tests/unit/nodes/roadtest.h"
 

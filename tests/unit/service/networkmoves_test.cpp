@@ -5,7 +5,7 @@
 
 #include <gmock/gmock.h>
 
-#include "session/methods.h"
+#include "service/methods.h"
 #include "tests/unit/service/networktest.h"
 
 namespace {

@@ -8,9 +8,9 @@
 #include "maintenance/methods.h"
 #include "nodes/methods.h"
 #include "service/cancel.h"
+#include "service/methods.h"
 #include "service/network.h"
 #include "service/watchers.h"
-#include "session/methods.h"
 #include "tests/fakes/servicefixture.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include "endpoints/methods.h"
 #include "service/cancel.h"
-#include "session/methods.h"
+#include "service/methods.h"
 #include "tests/fakes/fakebusstate.h"
 #include "tests/unit/session/connectionfixture.h"
 #include "xmpp/client.h"

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// An application waits for the next item of its endpoint, or stops waiting.
+//
+// The subscriber stands in PubSubSession::subMap and in the bus's subscription list. One that came while
+// there was no connection waits for its first answer in m_deferredSubscribes, until the next connect has its
+// node activated. Nothing survives a restart.
+#include <vector>
+
+#include "endpoints/methods.h"
+#include "request/publicrequest.h"
+#include "request/requestframe.h"
+#include "session/pubsubsession.h"
+#include "util/jsonargs.h"
+#include "util/log.h"
+#include "xmpp/manager.h"
+
+namespace {
+
+constexpr char kNotInitialized[] = "pubsubservice library is not initialized";
+
+bool canActivate(const PubSubSession& session) {
+    return session.m_connected && !session.m_spare3;
+}
+
+bool isSubscribed(const std::string& node) {
+    bool found = false;
+    std::string ignored;
+    QSHandle* handle = nullptr;
+    gCurrentSession.checkSubMap(node, found, ignored, handle, ignored, ignored);
+    return found;
+}
+
+bool respondToSubscribe(QSMessage* message, const JsonRef& reply, const std::string& id) {
+    BusError error;
+    if (QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
+        return true;
+    PrvPrintErr(__func__, __LINE__, "Sending response to subscribe failed id %s Error %s ", id.c_str(),
+                error.message());
+    return false;
+}
+
+void respondToUnsubscribe(QSMessage* message, const JsonRef& reply, const std::string& id) {
+    BusError error;
+    if (!QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
+        PrvPrintErr(__func__, __LINE__, "Sending response to unsubscribe failed id %s Error %s ", id.c_str(),
+                    error.message());
+}
+
+// Answers with the waiting item. The file goes only once the item is on its way; if the first answer could
+// not be sent, the item would become the first answer, so it stays too.
+void handOver(const PublicRequest& request, json_object* item) {
+    const KeptMessage message(request.message);
+    if (!respondToSubscribe(message.get(), endpointReply(true, request.endpoint), ""))
+        return;
+    BusError error;
+    if (QSMessageRespond(message.get(), json_object_to_json_string(item), error))
+        PubSubSession::deleteItemFromCache(request.node);
+    else
+        PrvPrintErr(__func__, __LINE__,
+                    "Warning: Sending item failed, no subscriber for Node?  Bus error %s ", error.message());
+}
+
+bool joinList(PublicRequest& request) {
+    BusError error;
+    if (QSSubscriptionAdd(request.handle, request.node.c_str(), request.message, error))
+        return true;
+    PrvPrintErr(__func__, __LINE__, "Adding subscribe callback failed %s\n", error.message());
+    return request.fail("libErr", "Adding subscription callback failed");
+}
+
+// Takes this one request out of the list again, so that its end cannot be taken for that of another
+// subscriber.
+void leaveList(const PublicRequest& request) {
+    QSSubscriptionIter* subscribers = nullptr;
+    BusError error;
+    if (!QSSubscriptionAcquire(request.handle, request.node.c_str(), &subscribers, error))
+        return;
+    while (QSSubscriptionHasNext(subscribers))
+        if (QSSubscriptionNext(subscribers) == request.message)
+            QSSubscriptionRemove(subscribers);
+    QSSubscriptionRelease(subscribers);
+}
+
+// Success is answered at once; the activation's own result, if one will come, is the second answer.
+bool activateFor(PublicRequest& request) {
+    std::string id;
+    const bool asked = gCurrentSession.activateNode(request.node, id);
+    if (asked && id.empty())
+        return request.fail("libErr", kNotInitialized);
+    respondToSubscribe(request.message, endpointReply(true, request.endpoint), id);
+    if (asked)
+        gCurrentSession.setEndpointMap(id, request.message, request.endpoint, request.node, request.appId);
+    return true;
+}
+
+}  // namespace
+
+bool subscribe(QSHandle* handle, QSMessage* message, void*) {
+    PubSubSession& session = gCurrentSession;
+    PublicRequest request(handle, message);
+    if (!request.readEndpoint(false) || !request.formNode())
+        return request.refuse(__func__, __LINE__);
+    if (isSubscribed(request.node)) {
+        const JsonRef reply = endpointReply(true, request.endpoint);
+        addMember(reply, "status", "subscribed");
+        respondToSubscribe(message, reply, "");
+        return true;
+    }
+    if (const JsonRef item{PubSubSession::getItemFromCache(request.node)}) {
+        handOver(request, item.get());
+        return true;
+    }
+    if (!joinList(request))
+        return request.refuse(__func__, __LINE__);
+    if (!canActivate(session)) {
+        session.m_deferredSubscribes[request.node] = {request.endpoint, request.appId, request.node,
+                                                      KeptMessage(message)};
+    } else if (!activateFor(request)) {
+        leaveList(request);
+        return request.refuse(__func__, __LINE__);
+    }
+    session.setSubMap(request.node, request.appId, handle);
+    return true;
+}
+
+bool unsubscribe(QSHandle* handle, QSMessage* message, void*) {
+    PubSubSession& session = gCurrentSession;
+    PublicRequest request(handle, message);
+    if (!request.readEndpoint(false) || !request.formNode())
+        return request.refuse(__func__, __LINE__);
+    bool onClose = false;
+    std::string ignored;
+    getJSONboolean(request.object(), "onclose", ignored, onClose);
+    if (onClose) {
+        if (const WriteTurn turn =
+                session.takeWriteTurn(request, session.m_offlineMap.contains(request.node), unsubscribe);
+            turn != WriteTurn::Now)
+            return turn == WriteTurn::Later || request.refuseWrite(__func__, __LINE__);
+        session.removeOfflineMap(request.node);
+    }
+
+    const JsonRef reply = endpointReply(true, request.endpoint);
+    if (!isSubscribed(request.node)) {
+        addMember(reply, "status", "not subscribed");
+        respondToUnsubscribe(message, reply, "");
+        return true;
+    }
+    session.activated(request.node, false);
+    if (!canActivate(session)) {
+        session.removeSubMap(request.node);
+        respondToUnsubscribe(message, reply, "");
+        return true;
+    }
+    // The subscriber goes when the server has answered.
+    const std::string id =
+        session.m_pubsub->deActivateNode(gloox::JID(session.m_pubsubService), request.node, &session);
+    if (id.empty()) {
+        request.fail("libErr", kNotInitialized);
+        return request.refuse(__func__, __LINE__);
+    }
+    session.setEndpointMap(id, message, request.endpoint, request.node, request.appId);
+    respondToUnsubscribe(message, reply, id);
+    return true;
+}
+
+void PubSubSession::activateDeferredSubscribers() {
+    std::vector<_endpointStruct> waiting;
+    for (const auto& [node, request] : m_deferredSubscribes)
+        waiting.push_back(request);
+    for (const _endpointStruct& request : waiting) {
+        std::string id;
+        const bool asked = activateNode(request.node, id);
+        if (!asked) {
+            settleDeferredSubscriber(request.node);
+        } else if (!id.empty()) {
+            setEndpointMap(id, request.message.get(), request.endpoint, request.node, request.appId);
+        } else {
+            QSHandle* handle = subMap[request.node].handle;
+            removeSubMap(request.node);
+            PrvPrintErr(__func__, __LINE__, "Error %s, Incoming %s", kNotInitialized,
+                        QSMessageGetPayload(request.message.get()));
+            JsonRef context(json_object_new_object());
+            addMember(context, "endpoint", request.endpoint);
+            HandleError(handle, request.message.get(), "libErr", kNotInitialized, context.release());
+        }
+    }
+}
+
+void PubSubSession::settleDeferredSubscriber(const std::string& node) {
+    const auto deferred = m_deferredSubscribes.extract(node);
+    if (!deferred)
+        return;
+    const _endpointStruct& request = deferred.mapped();
+    // The result that is still to come must not answer it again.
+    std::erase_if(m_endpointMap,
+                  [&](const auto& entry) { return entry.second.message.get() == request.message.get(); });
+    respondToSubscribe(request.message.get(), endpointReply(true, request.endpoint), "");
+}
+
+void PubSubSession::firstAnswerGiven(const _endpointStruct& request) {
+    const auto deferred = m_deferredSubscribes.find(request.node);
+    if (deferred != m_deferredSubscribes.end() && deferred->second.message.get() == request.message.get())
+        m_deferredSubscribes.erase(deferred);
+}

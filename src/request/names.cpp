@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The one place that forms the node names of applications and maps XMPP errors to reply words.
+//
+// Methods of the private table take node names as they come; only the public ones pass here. Keeps no state.
+#include "request/names.h"
+
+#include <gloox/error.h>
+#include <gloox/gloox.h>
+#include <gloox/tag.h>
+
+#include <memory>
+
+#include "session/pubsubsession.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr std::size_t kLongestNodeName = 99;
+
+std::unique_ptr<gloox::Tag> elementOf(const gloox::Error* error) {
+    return std::unique_ptr<gloox::Tag>(error ? error->tag() : nullptr);
+}
+
+// The name of the first child in a namespace that is not called `passedOver`; "" when there is none.
+std::string conditionIn(const gloox::Tag& element, const std::string& xmlns,
+                        const std::string& passedOver = "") {
+    for (const gloox::Tag* child : element.children())
+        if (child->xmlns() == xmlns && child->name() != passedOver)
+            return child->name();
+    return {};
+}
+
+}  // namespace
+
+bool getNodeName(std::string node, std::string& fullName, PubSubSession& session, std::string& appId,
+                 std::string& errorText) {
+    if (appId.empty()) {
+        errorText = "Error getting appid of calling app";
+        PrvPrintErr(__func__, __LINE__, "Error getting appid of calling app");
+        return false;
+    }
+    appId = appId.substr(0, appId.find(' '));
+    fullName = "/" + session.m_username + "/" + session.m_resource + "/" + appId + "/" + node;
+    if (fullName.size() <= kLongestNodeName)
+        return true;
+    PrvPrintErr(__func__, __LINE__, "Endpoint name too long \n");
+    errorText = "endpoint too long";
+    return false;
+}
+
+void getErrorCode(const gloox::Error* error, std::string& errorCode, std::string& errorText) {
+    const auto element = elementOf(error);
+    if (!element)
+        return;
+    errorCode = element->findAttribute("type");
+    if (errorCode.empty())
+        PrvPrintErr(__func__, __LINE__, "Warning, there is no error Type in response %s!",
+                    element->xml().c_str());
+
+    // The human-readable text of a stanza error shares the namespace of its condition.
+    const std::string condition = conditionIn(*element, gloox::XMLNS_XMPP_STANZAS, "text");
+    if (condition.empty())
+        PrvPrintErr(__func__, __LINE__, "Warning, there is no xmpp-stanza in error! %s",
+                    element->xml().c_str());
+    else
+        errorText = condition;
+
+    const std::string detail = conditionIn(*element, gloox::XMLNS_PUBSUB_ERRORS);
+    if (!detail.empty())
+        errorText += " " + detail;  // sic: leads with a blank when there was no stanza condition
+}
+
+void printerror(const gloox::Error* error, const char* function) {
+    const auto element = elementOf(error);
+    if (!element)
+        return;
+    if (function)
+        PrvPrintErr(__func__, __LINE__, "ERR in func %s: %s", function, element->xml().c_str());
+    else
+        PrvPrintErr(__func__, __LINE__, "ERR : %s", element->xml().c_str());
+}

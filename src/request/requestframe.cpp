@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The frame of every bus method: readiness checks and the one reply format.
+//
+// Every failure of a method leaves through HandleError here: the caller gets an error word and a reason, the
+// log gets the same object. A reply that cannot be sent is logged and forgotten; nothing is rolled back for
+// it. Keeps no state.
+#include "request/requestframe.h"
+
+#include "platform/bus/qsraii.h"
+#include "session/pubsubsession.h"
+#include "util/jsonref.h"
+#include "util/log.h"
+
+bool checkInit(json_object*& payload, PubSubSession& session, std::string& errorCode, std::string& errorText,
+               bool needConnected) {
+    if (needConnected && !session.m_connected) {
+        errorCode = "connectionErr";
+        errorText = "Not connected to xmpp server";
+        return false;
+    }
+    if (!session.m_pubsub || session.m_pubsubService.empty()) {
+        PrvPrintErr(__func__, __LINE__, "PubSub manager not intialized");  // sic: fixed text
+        errorCode = "libErr";
+        errorText = "Service not initialized";
+        return false;
+    }
+    if (!payload) {
+        // The word stays the caller's preset one.
+        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        errorText = "Malformed json";
+        return false;
+    }
+    return true;
+}
+
+void HandleError(QSHandle* handle, QSMessage* message, const std::string& errorCode,
+                 const std::string& errorText, json_object* object) {
+    JsonRef reply(object ? object : json_object_new_object());
+    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(false));
+    json_object_object_add(reply.get(), "errorCode", json_object_new_string(errorCode.c_str()));
+    json_object_object_add(reply.get(), "errorText", json_object_new_string(errorText.c_str()));
+    const char* text = json_object_to_json_string(reply.get());
+    PrvPrintErr(__func__, __LINE__, "Sending return error %s \n", text);
+    sendReply(handle, message, text, __func__, __LINE__);
+}
+
+void sendReply(QSHandle* handle, QSMessage* message, const char* payload, const char* function, int line) {
+    BusError error;
+    if (!QSMessageReply(handle, message, payload, error))
+        PrvPrintErr(function, line, "Sending reply to client failed %d %s", error.code(), error.message());
+}

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Connection status: two bus methods that tell it once and, to subscribers, at each change.
+//
+// The bus layer keeps the subscribers, by category and method; this file keeps no list. The posted payloads
+// are fixed texts and go out byte for byte.
+#include <json-c/json.h>
+
+#include "request/requestframe.h"
+#include "service/methods.h"
+#include "session/pubsubsession.h"
+#include "util/jsonref.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kCategory = "/";
+constexpr const char* kConnectStatus = "connectStatus";
+constexpr const char* kSubscribeConnStatus = "subscribeConnStatus";
+
+constexpr const char* kConnected = R"({"returnValue":true, "connected":true})";
+constexpr const char* kDisconnected = R"({"returnValue":true, "connected":false})";
+// sic: "session" is always true in what is posted, whatever the session holds.
+constexpr const char* kConnectedDetails =
+    R"({"returnValue":true, "connected":true, "session" : true, "network": true})";
+constexpr const char* kDisconnectedNetwork =
+    R"({"returnValue":true, "connected":false, "session":true, "network":true})";
+constexpr const char* kDisconnectedNoNetwork =
+    R"({"returnValue":true, "connected":false, "session":true, "network":false})";
+
+constexpr const char* kDetailsFailed = "Sending connection status failed. Error %s ";
+// sic: a blank before the point in this one.
+constexpr const char* kStatusFailed = "Sending connection status failed . Error %s ";
+
+void post(QSHandle* handle, const char* method, const char* payload, const char* failed,
+          const char* function) {
+    BusError error;
+    if (!QSSubscriptionPost(handle, kCategory, method, payload, error))
+        PrvPrintErr(function, __LINE__, failed, error.message());
+}
+
+// Platform services first, with all details, then applications, then platform services that asked as these
+// do.
+void postStatus(const PubSubSession& session, const char* details, const char* plain, const char* function) {
+    post(session.m_privateHandle, kSubscribeConnStatus, details, kDetailsFailed, function);
+    post(session.m_publicHandle, kConnectStatus, plain, kStatusFailed, function);
+    post(session.m_privateHandle, kConnectStatus, plain, kStatusFailed, function);
+}
+
+bool processSubscription(QSHandle* handle, QSMessage* message, const char* function, int line) {
+    BusError error;
+    bool subscribed = false;
+    if (QSSubscriptionProcess(handle, message, &subscribed, error))
+        return true;
+    PrvPrintErr(function, line, "Processing subscription failed %d %s", error.code(), error.message());
+    return false;
+}
+
+JsonRef statusReply() {
+    JsonRef reply(json_object_new_object());
+    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(true));
+    json_object_object_add(reply.get(), "connected", json_object_new_boolean(gCurrentSession.m_connected));
+    return reply;
+}
+
+}  // namespace
+
+void PubSubSession::postConnected() {
+    postStatus(*this, kConnectedDetails, kConnected, "onConnect");
+}
+
+void PubSubSession::postDisconnected() {
+    postStatus(*this, m_networkAvailable ? kDisconnectedNetwork : kDisconnectedNoNetwork, kDisconnected,
+               "onDisconnect");
+}
+
+bool connectStatus(QSHandle* handle, QSMessage* message, void*) {
+    if (!processSubscription(handle, message, __func__, __LINE__)) {
+        HandleError(handle, message, "libErr", "Processing subscription failed", nullptr);
+        return true;
+    }
+    JsonRef reply = statusReply();
+    sendReply(handle, message, json_object_to_json_string(reply.get()), __func__, __LINE__);
+    // Asking for the status is a request to connect, too.
+    if (!gCurrentSession.m_connected)
+        gCurrentSession.tryConnecting();
+    return true;
+}
+
+bool subscribeConnStatus(QSHandle* handle, QSMessage* message, void*) {
+    if (!processSubscription(handle, message, __func__, __LINE__)) {
+        // sic: the quotes belong to both texts.
+        HandleError(handle, message, "\"busErr\"", "\"Processing subscription failed\"", nullptr);
+        return true;
+    }
+    JsonRef reply = statusReply();
+    const bool loggedIn = !gCurrentSession.m_jid.full().empty();
+    json_object_object_add(reply.get(), "session", json_object_new_boolean(loggedIn));
+    json_object_object_add(reply.get(), "network",
+                           json_object_new_boolean(gCurrentSession.m_networkAvailable));
+    sendReply(handle, message, json_object_to_json_string(reply.get()), __func__, __LINE__);
+    return true;
+}

@@ -1,0 +1,345 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// PubSubSession: the one XMPP session and every registry that bus methods and result handlers share.
+//
+// This is the only declaration; the methods are grouped by the file that defines them. All members are
+// touched on the main loop's thread alone. Nothing here survives a restart but what the handler file and the
+// preferences hold.
+#pragma once
+
+#include <glib.h>
+#include <gloox/connectionlistener.h>
+#include <gloox/discohandler.h>
+#include <gloox/jid.h>
+#include <gloox/loghandler.h>
+#include <gloox/messagehandler.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "platform/bus/qsraii.h"
+#include "session/endpointrequest.h"
+#include "xmpp/resulthandler.h"
+
+class PublicRequest;
+struct json_object;
+struct QPHandle;
+
+namespace xmpp {
+class Client;
+class Manager;
+}  // namespace xmpp
+
+class PubSubSession : public gloox::MessageHandler,
+                      public gloox::ConnectionListener,
+                      public xmpp::ResultHandler,
+                      public gloox::DiscoHandler,
+                      public gloox::LogHandler {
+  public:
+    // session/session.cpp: construction, details, state folder
+    PubSubSession();
+    ~PubSubSession() override;
+    PubSubSession(const PubSubSession&) = default;             // copied only while it owns nothing
+    PubSubSession& operator=(const PubSubSession&) = default;  // likewise
+
+    void setSessionDetails(const std::string& jid, const std::string& password, const std::string& resource,
+                           const std::string& server, const std::string& service, int port);
+    void getSessionDetails(std::string& jid, std::string& password, std::string& resource,
+                           std::string& server, std::string& service, int& port);
+    void createCacheDir();
+    void turnOffTls();
+
+    // delivery/incoming.cpp
+    void handleMessage(const gloox::Message& message, gloox::MessageSession* session = nullptr) override;
+
+    // session/connection.cpp: connection listener
+    void onConnect() override;
+    void onDisconnect(gloox::ConnectionError error) override;
+    bool onTLSConnect(const gloox::CertInfo& info) override;
+
+    // session/xmpplog.cpp
+    void handleLog(gloox::LogLevel level, gloox::LogArea area, const std::string& message) override;
+
+    // nodes/pendingauth.cpp
+    void handlePendingRequest(const std::string& id, const std::string& node, const gloox::StringList* nodes,
+                              const gloox::Error* error) override;
+    void handlePendingNodeRequest(const std::string& id, const gloox::JID& service, const std::string& node,
+                                  const gloox::Error* error) override;
+    // nodes/createnode.cpp
+    void handleNodeCreation(const std::string& id, const gloox::JID& service, const std::string& node,
+                            const gloox::Error* error) override;
+    // session/unusedresults.cpp: results of operations that this service never asks for
+    void handleItem(const gloox::JID& service, const std::string& node, const gloox::Tag* entry) override;
+    void handleItems(const std::string& id, const gloox::JID& service, const std::string& node,
+                     const gloox::PubSub::ItemList& items, const gloox::Error* error) override;
+    // nodes/publish.cpp
+    void handleItemPublication(const std::string& id, const gloox::JID& service, const std::string& node,
+                               const gloox::PubSub::ItemList& items, const gloox::Error* error) override;
+    // session/unusedresults.cpp
+    void handleItemDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
+                              const gloox::PubSub::ItemList& items, const gloox::Error* error) override;
+    // delivery/subscribetonode.cpp
+    void handleSubscriptionResult(const std::string& id, const gloox::JID& service, const std::string& node,
+                                  const std::string& subid, const gloox::JID& subscriber,
+                                  gloox::PubSub::SubscriptionType type, const gloox::Error* error) override;
+    // delivery/unsubscribefromnode.cpp
+    using xmpp::ResultHandler::handleUnsubscriptionResult;
+    void handleUnsubscriptionResult(const std::string& id, const gloox::JID& service, const std::string& node,
+                                    const std::string& subid, const gloox::JID& subscriber,
+                                    const gloox::Error* error) override;
+    // session/unusedresults.cpp
+    void handleSubscriptionOptions(const std::string& id, const gloox::JID& service, const gloox::JID& jid,
+                                   const std::string& node, const gloox::DataForm* options,
+                                   const std::string& subid, const gloox::Error* error) override;
+    void handleSubscriptionOptionsResult(const std::string& id, const gloox::JID& service,
+                                         const gloox::JID& jid, const std::string& node,
+                                         const std::string& subid, const gloox::Error* error) override;
+    void handleSubscribers(const std::string& id, const gloox::JID& service, const std::string& node,
+                           const gloox::PubSub::SubscriptionList& list, const gloox::Error* error) override;
+    void handleSubscribersResult(const std::string& id, const gloox::JID& service, const std::string& node,
+                                 const gloox::PubSub::SubscriberList* list,
+                                 const gloox::Error* error) override;
+    void handleAffiliates(const std::string& id, const gloox::JID& service, const std::string& node,
+                          const gloox::PubSub::AffiliateList* list, const gloox::Error* error) override;
+    void handleAffiliatesResult(const std::string& id, const gloox::JID& service, const std::string& node,
+                                const gloox::PubSub::AffiliateList* list, const gloox::Error* error) override;
+    // nodes/nodeconfig.cpp
+    void handleNodeConfig(const std::string& id, const gloox::JID& service, const std::string& node,
+                          const gloox::DataForm* config, const gloox::Error* error) override;
+    void handleNodeConfigResult(const std::string& id, const gloox::JID& service, const std::string& node,
+                                const gloox::Error* error) override;
+    // nodes/deletenode.cpp
+    void handleNodeDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
+                              const gloox::Error* error) override;
+    void handleNodePurge(const std::string& id, const gloox::JID& service, const std::string& node,
+                         const gloox::Error* error) override;
+    // session/unusedresults.cpp
+    void handleSubscriptions(const std::string& id, const gloox::JID& service,
+                             const gloox::PubSub::SubscriptionMap& map, const gloox::Error* error) override;
+    void handleAffiliations(const std::string& id, const gloox::JID& service,
+                            const gloox::PubSub::AffiliationMap& map, const gloox::Error* error) override;
+    void handleDefaultNodeConfig(const std::string& id, const gloox::JID& service,
+                                 const gloox::DataForm* config, const gloox::Error* error) override;
+    // endpoints/publishkeys.cpp
+    void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
+                         const std::string& status, const gloox::Error* error) override;
+    void handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
+                      const gloox::Error* error) override;
+    // maintenance/activation.cpp
+    void handleActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
+                            const gloox::Error* error) override;
+    void handleDeActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
+                              const gloox::Error* error) override;
+    // maintenance/deletestore.cpp
+    void handleBulkDelete(const std::string& id, const gloox::JID& service,
+                          const gloox::Error* error) override;
+    // maintenance/activation.cpp
+    void handleActivateSysNodes(const std::string& id, const gloox::JID& service,
+                                const gloox::Error* error) override;
+    void handleBulkActivate(const std::string& id, const gloox::JID& service,
+                            const gloox::Error* error) override;
+    // session/unusedresults.cpp
+    void handleDiscoInfo(const gloox::JID& from, const gloox::Disco::Info& info, int context) override;
+    void handleDiscoItems(const gloox::JID& from, const gloox::Disco::Items& items, int context) override;
+    void handleDiscoError(const gloox::JID& from, const gloox::Error* error, int context) override;
+
+    // session/connection.cpp
+    bool createSession();
+    bool connectToService();
+    bool tryConnecting();
+    bool connectToServer(std::string ip);
+    void attachSocketToMainLoop();
+    static gboolean xmppCallback(GIOChannel* channel, GIOCondition condition, gpointer session);
+    int recv();
+    void cleanUpOnDisconnect();
+    void disconnect();
+    void dropClient();
+    void dropSocketWatch();
+
+    // service/status.cpp
+    void postConnected();
+    void postDisconnected();
+
+    // session/login.cpp
+    bool getLoginDetails();
+    static bool getLoginResponse(QSHandle* handle, QSMessage* reply, void* session);
+
+    // session/alarms.cpp
+    bool setReconnectTimer(const std::string& in);
+    void setPingTimer();
+    void removeReconnectTimer();
+    void removePingTimer();
+    void setPowerOn();
+    void getBootStatus();
+    void scheduleReconnect();
+    void reconnect();
+    static bool reconnectResponse(QSHandle* handle, QSMessage* reply, void* session);
+    static bool alarmResponse(QSHandle* handle, QSMessage* reply, void* context);
+    static bool bootStatusResponse(QSHandle* handle, QSMessage* reply, void* session);
+    static bool xmppPing(void* session);
+
+    // delivery/submap.cpp: public subscribers
+    void setSubMap(const std::string& node, const std::string& appId, QSHandle* handle);
+    void setSubMapHandle(const std::string& node, QSHandle* handle);
+    bool checkSubMap(const std::string& node, bool& found, std::string& appId, QSHandle*& handle,
+                     std::string& errorCode, std::string& errorText);
+    bool removeSubMap(const std::string& node);
+
+    // delivery/handlerfile.cpp: registered item handlers and their file
+    bool addNodeToMap(std::string node, std::string endpoint, bool app, bool& alreadyPresent);
+    bool removeNodeFromMap(std::string node, std::string endpoint, bool app);
+    void ReadHandlerFile();
+    bool UpdateHandlerFile(const char* line, bool append);
+
+    // delivery/seqno.cpp
+    bool getSeqNo(const std::string& node, std::string& seqNo);
+    bool getSeqNo(const std::string& node, uint64_t& seqNo);
+    void persistSeqNo(const std::string& node, const std::string& seqNo);
+    bool isStalePacket(const std::string& node, const std::string& seqNo);
+    // Both buffer their writes in the handle; the caller commits.
+    static void dropSeqNo(QPHandle* handle, const std::string& node);
+    // Clears `key` for a record of the deletion store when an earlier release kept a node's number there.
+    static bool moveNumberAside(QPHandle* handle, const std::string& key);
+
+    // delivery/offlinemap.cpp
+    QPHandle* getOfflinePrefHandle();
+    void commitOfflinePrefHandle();
+    void setOfflineMap(const std::string& node, const std::string& value);
+    void checkOfflineMap(const std::string& node, bool& found, std::string& errorCode,
+                         std::string& errorText);
+    void removeOfflineMap(const std::string& node);
+    void persistOfflineMap(const std::string& node, const std::string& value);
+    void deleteOfflineMap(const std::string& node);
+    void loadOfflineMapFromDisk();
+
+    // delivery/cache.cpp: one file for each node, holding the newest item that nobody took
+    // sic: the first segment of the name is dropped, so nodes that differ in it alone share one file.
+    static void getFilePathFromNodeId(const std::string& node, std::string& path);
+    // Both replace the node's file as a unit; true once it is on the disk.
+    static bool saveItemInCache(const std::string& node, json_object* item);
+    static bool updateFile(const std::string& node, const std::string& text);
+    // The cached item, which the caller owns; null when there is none.
+    static json_object* getItemFromCache(const std::string& node);
+    static void deleteItemFromCache(const std::string& node);
+
+    // delivery/incoming.cpp
+    void handleIncomingItem(const gloox::Tag& items);
+    bool sendMessageToServices(json_object* serviceObject, const std::string& node);
+    bool sendMessageToApp(json_object* serviceObject, json_object* appObject, const std::string& node);
+
+    // endpoints/publishkeys.cpp
+    void setEndpointMap(const std::string& id, QSMessage* message, const std::string& endpoint,
+                        const std::string& node, const std::string& appId);
+    void removeFromEndointMap(const std::string& id);
+    void handleKeyCb(const std::string& id, const gloox::JID& service, const std::string& key,
+                     const gloox::Error* error, const std::string& what, bool flag);
+
+    // endpoints/publicsubscribe.cpp: subscribers that came while there was no connection
+    void activateDeferredSubscribers();
+    void settleDeferredSubscriber(const std::string& node);
+    void firstAnswerGiven(const _endpointStruct& request);
+
+    // endpoints/writerate.cpp: `writes` says whether the request changes what is on the disk. Later: it was
+    // kept, and `handler` is called with it again. Never: too many of the application wait.
+    WriteTurn takeWriteTurn(const PublicRequest& request, bool writes, QSFilter handler);
+    static gboolean handleWaitingWrites(gpointer session);
+
+    // maintenance/activation.cpp
+    bool activateNode(const std::string& node, std::string& requestId);
+    void activated(const std::string& node, bool value);
+    void removeActivateMap(const std::string& node);
+    void activateNodes();
+
+    // maintenance/deletestore.cpp
+    // Whether the application may have one endpoint more, or has this one already (`known`).
+    bool mayOwnNode(const std::string& node, const std::string& appId, bool* known = nullptr);
+    // The nodes beyond those that the record `key` itself holds.
+    std::set<std::string>& furtherNodes(const std::string& key);
+    bool addNodeToDeleteStore(const std::string& node, const std::string& appId);
+    bool removeNodeFromDeleteStore(const std::string& node, const std::string& appId);
+    bool cleanupNodes(const std::string& appId, const std::string& storeKey);
+    void deleteBulkNodes();
+
+    std::map<std::string, KeptMessage> m_msgMap;  // requests waiting for a result, by request id
+    std::list<std::string> m_pendingList;         // nodes with pending subscribers still to be asked for
+    std::size_t m_pendingCursor = kNoCursor;      // position in m_pendingList
+    std::map<std::string, std::list<std::string>> appNodeMap;      // node -> application handlers
+    std::map<std::string, std::list<std::string>> serviceNodeMap;  // node -> service handlers
+    gloox::JID m_jid;                                              // the account
+    xmpp::Client* m_client = nullptr;                              // owned; replaced by every new session
+    xmpp::Manager* m_pubsub = nullptr;    // owned; outlives its client until the next session
+    bool m_connected = false;             // the stream is up
+    int m_socket = 0;                     // descriptor of the connection
+    std::string m_pubsubService;          // JID of the pub-sub service
+    QSHandle* m_privateHandle = nullptr;  // private bus: outgoing calls, private subscriptions
+    GMainLoop* m_mainLoop = nullptr;
+    std::string m_password;
+    std::string m_server;    // host to connect to
+    std::string m_username;  // local part of the account's JID
+    std::string m_resource;  // empty: the server chooses one
+    std::string m_domain;    // destination of the keep-alive ping
+    int m_port = 0;
+    bool m_networkAvailable = false;                       // last word of the connection manager
+    bool m_connecting = false;                             // a connect attempt is in progress
+    int m_lastError = 0;                                   // last gloox::ConnectionError
+    int m_retryCount = -1;                                 // reconnect attempts since the last connect
+    std::string m_ipAddress;                               // local address to connect from
+    bool m_spare1 = false;                                 // read by nothing
+    bool m_reconnectPending = false;                       // the reconnect alarm is set
+    QPHandle* m_prefsHandle = nullptr;                     // preferences of the service
+    std::map<std::string, _endpointStruct> m_endpointMap;  // public requests waiting for a result
+    QSHandle* m_publicHandle = nullptr;                    // public bus
+    std::map<std::string, std::string> m_offlineMap;  // node -> application to be told while it is closed
+    bool m_onCloseRegistered = false;                 // a client listens for on-close notices
+    std::map<std::string, _subMapStruct> subMap;      // node -> public subscriber
+    QSZeltService* m_serviceHandle = nullptr;         // both connections
+    std::map<std::string, std::string> m_deleteMap;   // bulk deletes in flight: request id -> store key
+    bool m_debugLog = false;                          // log gloox's own lines
+    bool m_spare2 = false;                            // read by nothing
+    QPHandle* m_offlinePrefHandle = nullptr;          // the offline store
+    std::map<std::string, bool> m_activateMap;        // node -> confirmed active in this connection
+    bool m_bootFinished = false;                      // the system manager reported boot finished
+    bool m_activationDone =
+        false;              // sic: cleared on disconnect and set by nothing, so activation always runs
+    bool m_spare3 = false;  // holds node activation back; set by nothing
+    bool m_onWan = false;   // the connection runs over the mobile link
+    bool m_survivedOutage = false;  // it stayed up over the mobile link while there was no Internet
+    std::map<std::string, _endpointStruct>
+        m_deferredSubscribes;  // node -> subscribe without its first answer yet
+    std::map<std::string, std::set<std::string>>
+        m_furtherNodes;                                     // key of the deletion store -> further nodes
+    bool m_furtherNodesRead = false;                        // they were read from the store
+    std::map<std::string, _writeRateStruct> m_writeRates;   // application -> its writes of late
+    guint m_writeTimer = 0;                                 // its source; 0 while nothing waits
+    QSMessage* m_writing = nullptr;                         // the waiting request that is handled now
+    std::map<std::string, std::weak_ptr<void>> m_creating;  // application -> held by its creations under way
+
+    static GSource*
+        m_source;  // watch on the XMPP socket, borrowed from the main context; null when there is none
+    static constexpr std::size_t kNoCursor = static_cast<std::size_t>(-1);
+};
+
+// maintenance/deletestore.cpp: forgets the number of the node's last item; a node without one is fine.
+void removeSeqNo(const std::string& node, PubSubSession& session);
+
+// The factory that other programs of the platform use to log in by themselves.
+class PubSubService {
+  public:
+    bool createSession(const std::string& jid, const std::string& password, const std::string& resource,
+                       const std::string& server, const std::string& service, int port);
+};
+
+// session/globals.cpp: constructed in this order, before main.
+extern std::string gjid;
+extern std::string gpasswd;
+extern std::string gpNode;
+extern std::string gserver;
+extern std::string gresource;
+extern PubSubSession gPubSub;          // pristine, never used for work
+extern PubSubSession gCurrentSession;  // the one session
+extern int32_t gport;
+extern GMainLoop* gpMainLoop;

@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// Connection status: what the two methods answer, and what their subscribers hear at each change.
+#include "service/methods.h"
+#include "tests/fakes/servicefixture.h"
+
+namespace {
+
+constexpr const char* kSubscribe = R"({"subscribe":true})";
+
+class Status : public ServiceTest {
+  protected:
+    Answer publicStatus(const std::string& payload) {
+        return callPublic(connectStatus, "connectStatus", payload);
+    }
+    Answer details(const std::string& payload) {
+        return callPrivate(subscribeConnStatus, "subscribeConnStatus", payload);
+    }
+    Texts posts() { return journal().eventsOf("bus.post "); }
+};
+
+TEST_F(Status, ConnectStatusTellsThatTheStreamIsUp) {
+    connectSession();
+    EXPECT_EQ(publicStatus("{}"), R"({ "returnValue": true, "connected": true })");
+    EXPECT_EQ(takeEvents(), Texts{R"(bus.reply connectStatus { "returnValue": true, "connected": true })"});
+    EXPECT_EQ(fakeServer().connects(), 1);
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(Status, ConnectStatusAsksForNoConnectionWhileTheStreamIsUp) {
+    connectSession();
+    session().m_networkAvailable = false;
+    session().m_lastError = 5;
+    EXPECT_EQ(publicStatus("{}"), R"({ "returnValue": true, "connected": true })");
+    EXPECT_EQ(takeLogLines(), Texts{});
+    EXPECT_EQ(session().m_lastError, 5);
+}
+
+TEST_F(Status, ConnectStatusConnectsWhenTheStreamIsDown) {
+    giveDetails();
+    EXPECT_EQ(publicStatus("{}"), R"({ "returnValue": true, "connected": false })");
+    EXPECT_TRUE(session().m_connecting);
+}
+
+TEST_F(Status, ConnectStatusAnswersBeforeItTriesToConnect) {
+    publicStatus("{}");
+    EXPECT_EQ(takeLogLines(),
+              Texts{"connectToService: There is no network available, cannot connect to service"});
+    EXPECT_EQ(takeEvents(), Texts{R"(bus.reply connectStatus { "returnValue": true, "connected": false })"});
+}
+
+TEST_F(Status, ConnectStatusTakesAPayloadThatIsNoJsonForAPlainQuestion) {
+    EXPECT_EQ(publicStatus("no json"), R"({ "returnValue": true, "connected": false })");
+}
+
+TEST_F(Status, ASubscriberOfConnectStatusHearsTheConnectAndTheLoss) {
+    giveDetails();
+    const Answer answer = publicStatus(kSubscribe);
+    pump();
+    ASSERT_TRUE(session().m_connected);
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    EXPECT_EQ(answer.all(), (Texts{R"({ "returnValue": true, "connected": false })",
+                                   R"({"returnValue":true, "connected":true})",
+                                   R"({"returnValue":true, "connected":false})"}));
+}
+
+TEST_F(Status, APrivateSubscriberOfConnectStatusHearsThemToo) {
+    giveDetails();
+    const Answer answer = callPrivate(connectStatus, "connectStatus", kSubscribe);
+    pump();
+    ASSERT_EQ(answer.all().size(), 2u);
+    EXPECT_EQ(answer.all()[1], R"({"returnValue":true, "connected":true})");
+}
+
+TEST_F(Status, ASubscriptionOfConnectStatusThatFailsIsTheOnlyAnswer) {
+    giveDetails();
+    fakeBus().failNext("QSSubscriptionProcess", -105, "full");
+    const Answer answer = publicStatus(kSubscribe);
+    EXPECT_EQ(answer.all(), Texts{R"({ "returnValue": false, "errorCode": "libErr", )"
+                                  R"("errorText": "Processing subscription failed" })"});
+    EXPECT_EQ(takeLogLines().front(), "connectStatus: Processing subscription failed -105 full");
+    EXPECT_FALSE(session().m_connecting) << "a refused question is no request to connect";
+}
+
+TEST_F(Status, LogsRepliesThatCannotBeSent) {
+    connectSession();
+    fakeBus().failNext("QSMessageReply", -107, "gone", 2);
+    publicStatus("{}");
+    details("{}");
+    EXPECT_EQ(takeLogLines(), (Texts{"connectStatus: Sending reply to client failed -107 gone",
+                                     "subscribeConnStatus: Sending reply to client failed -107 gone"}));
+}
+
+TEST_F(Status, ConnectStatusConnectsThoughItsReplyCouldNotBeSent) {
+    giveDetails();
+    fakeBus().failNext("QSMessageReply", -107, "gone");
+    EXPECT_EQ(publicStatus("{}").all(), Texts{});
+    EXPECT_EQ(takeLogLines().front(), "connectStatus: Sending reply to client failed -107 gone");
+    EXPECT_TRUE(session().m_connecting);
+    pump();
+    EXPECT_TRUE(session().m_connected);
+}
+
+TEST_F(Status, SubscribeConnStatusTellsWhatIsThereBeforeAnyLogin) {
+    EXPECT_EQ(details("{}"),
+              R"({ "returnValue": true, "connected": false, "session": false, "network": false })");
+    EXPECT_FALSE(session().m_connecting);
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
+TEST_F(Status, SubscribeConnStatusTellsOfASessionWithDetailsEvenWhileItIsDown) {
+    giveDetails();
+    EXPECT_EQ(details("{}"),
+              R"({ "returnValue": true, "connected": false, "session": true, "network": true })");
+    EXPECT_FALSE(session().m_connecting) << "no connect attempt";
+}
+
+TEST_F(Status, SubscribeConnStatusTellsOfASessionByItsJidAlone) {
+    session().m_jid = gloox::JID("example.org");
+    EXPECT_EQ(details("{}"),
+              R"({ "returnValue": true, "connected": false, "session": true, "network": false })");
+    giveDetails();
+    session().m_jid = gloox::JID();
+    EXPECT_EQ(details("{}"),
+              R"({ "returnValue": true, "connected": false, "session": false, "network": true })");
+}
+
+TEST_F(Status, SubscribeConnStatusTellsOfAConnectedSession) {
+    connectSession();
+    EXPECT_EQ(details("{}"),
+              R"({ "returnValue": true, "connected": true, "session": true, "network": true })");
+}
+
+TEST_F(Status, ASubscriptionOfSubscribeConnStatusThatFailsCarriesQuotesInBothTexts) {
+    fakeBus().failNext("QSSubscriptionProcess", -105, "full");
+    const Answer answer = details(kSubscribe);
+    EXPECT_EQ(answer.all(), Texts{R"({ "returnValue": false, "errorCode": "\"busErr\"", )"
+                                  R"("errorText": "\"Processing subscription failed\"" })"});
+    EXPECT_EQ(takeLogLines().front(), "subscribeConnStatus: Processing subscription failed -105 full");
+}
+
+TEST_F(Status, ASubscriberOfSubscribeConnStatusHearsTheDetails) {
+    giveDetails();
+    const Answer answer = details(kSubscribe);
+    session().connectToService();
+    pump();
+    session().m_networkAvailable = false;
+    session().disconnect();
+    EXPECT_EQ(answer.all(),
+              (Texts{R"({ "returnValue": true, "connected": false, "session": true, "network": true })",
+                     R"({"returnValue":true, "connected":true, "session" : true, "network": true})",
+                     R"({"returnValue":true, "connected":false, "session":true, "network":false})"}));
+}
+
+TEST_F(Status, PostsTheConnectInItsOrder) {
+    session().postConnected();
+    EXPECT_EQ(posts(), (Texts{R"(bus.post private / subscribeConnStatus )"
+                              R"({"returnValue":true, "connected":true, "session" : true, "network": true})",
+                              R"(bus.post public / connectStatus {"returnValue":true, "connected":true})",
+                              R"(bus.post private / connectStatus {"returnValue":true, "connected":true})"}));
+}
+
+TEST_F(Status, PostsTheLossWithAndWithoutANetwork) {
+    for (const char* network : {"true", "false"}) {
+        session().m_networkAvailable = network == std::string("true");
+        session().postDisconnected();
+        EXPECT_EQ(
+            posts(),
+            (Texts{std::string(R"(bus.post private / subscribeConnStatus )"
+                               R"({"returnValue":true, "connected":false, "session":true, "network":)") +
+                       network + "}",
+                   R"(bus.post public / connectStatus {"returnValue":true, "connected":false})",
+                   R"(bus.post private / connectStatus {"returnValue":true, "connected":false})"}));
+        journal().take();
+    }
+}
+
+TEST_F(Status, LogsPostsThatCannotBeSentAndGoesOn) {
+    fakeBus().failNext("QSSubscriptionPost", -107, "gone", 3);
+    session().postConnected();
+    EXPECT_EQ(takeLogLines(), (Texts{"onConnect: Sending connection status failed. Error gone ",
+                                     "onConnect: Sending connection status failed . Error gone ",
+                                     "onConnect: Sending connection status failed . Error gone "}));
+    fakeBus().failNext("QSSubscriptionPost", -107, "gone", 3);
+    session().postDisconnected();
+    EXPECT_EQ(takeLogLines(), (Texts{"onDisconnect: Sending connection status failed. Error gone ",
+                                     "onDisconnect: Sending connection status failed . Error gone ",
+                                     "onDisconnect: Sending connection status failed . Error gone "}));
+}
+
+}  // namespace
