@@ -5,6 +5,8 @@ import pathlib
 import re
 import unittest
 
+from pointers import exists, pointers_of
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PAGE = (ROOT / "docs/methods.md").read_text(encoding="utf-8")
 
@@ -20,16 +22,6 @@ def described(heading):
     return re.findall(r"^### (\w+)$", section, re.MULTILINE)
 
 
-def exists(file, name):
-    source = (ROOT / "tests" / file).read_text(encoding="utf-8")
-    if file.endswith(".py"):
-        return f"def {name}(" in source
-    suite, _, case = name.partition(".")
-    if not case:
-        return re.search(rf"\b{suite}\b", source) is not None
-    return re.search(rf"TEST(_F|_P)?\({suite},\s*{case}\)", source) is not None
-
-
 class MethodsPage(unittest.TestCase):
     def test_every_method_of_both_tables_has_its_section(self):
         self.assertCountEqual(described("Public methods"), served("pubMethods"))
@@ -43,9 +35,9 @@ class MethodsPage(unittest.TestCase):
             if shown_by == "the same":
                 continue
             with self.subTest(row):
-                pointer = re.fullmatch(r"`([\w/.]+)` `([\w.]+)`", shown_by)
-                self.assertTrue(pointer, "a row ends with `FILE` `TEST`")
-                self.assertTrue(exists(*pointer.groups()), shown_by)
+                pointers = pointers_of(shown_by)
+                self.assertTrue(pointers, "a row ends with `FILE` `TEST`")
+                self.assertEqual([pointer for pointer in pointers if not exists(*pointer)], [])
 
 
 if __name__ == "__main__":
