@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `call`: any method of the service, or of any other service on the bus by its whole URI. Prints every answer
 // as it came. Keeps no state.
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
-static Json subscribing(Json object) {
-    if (!hasMember(object.get(), "subscribe"))
-        json_object_object_add(object.get(), "subscribe", json_object_new_boolean(true));
-    return object;
+static std::string subscribing(JsonRef request) {
+    JsonObject object(std::move(request));
+    if (!jsonMember(object.get(), "subscribe"))
+        object.set("subscribe", true);
+    return object.line();
 }
 
 bool callPayload(const Invocation& invocation, Console& console, std::string& payload, std::string& problem) {
@@ -16,7 +17,7 @@ bool callPayload(const Invocation& invocation, Console& console, std::string& pa
         return false;
     if (invocation.has("raw"))
         return true;
-    Json object = readJson(payload);
+    JsonRef object = parseWholeJson(payload);
     bool follow = invocation.has("follow");
     if (!isJson(payload))
         problem = "the payload is no JSON text: " + payload + " (--raw sends it all the same)";
@@ -25,7 +26,7 @@ bool callPayload(const Invocation& invocation, Console& console, std::string& pa
     if (!problem.empty())
         return false;
     if (follow)
-        payload = jsonLine(subscribing(std::move(object)).get());
+        payload = subscribing(std::move(object));
     return true;
 }
 

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/bus/qsraii.h"
-#include "tools/json.h"
+#include "util/jsonref.h"
 
 static constexpr char kNoMethod[] = "isAnybodyThere";
 
@@ -188,7 +188,7 @@ bool BusClient::onOpenReply(QSHandle*, QSMessage* message, void* context) {
 }
 
 bool BusClient::onOpenEnd(QSHandle*, QSMessage* message, void* context) {
-    Json end = readJson(QSMessageGetPayload(message));
+    JsonRef end = parseWholeJson(QSMessageGetPayload(message));
     // A service that is gone did not end it; whoever watches the service hears of that.
     if (textMember(end.get(), "reason") != "gone")
         static_cast<BusClient*>(context)->m_onOpenEnd();
@@ -226,7 +226,7 @@ void BusClient::quit() {
 }
 
 bool BusClient::onServerStatus(QSHandle*, QSMessage* message, void* context) {
-    Json status = readJson(QSMessageGetPayload(message));
+    JsonRef status = parseWholeJson(QSMessageGetPayload(message));
     auto* client = static_cast<BusClient*>(context);
     if (client->m_onPresence)
         client->m_onPresence(boolMember(status.get(), "connected"));
@@ -237,5 +237,6 @@ bool BusClient::watch(const std::string& service, OnPresence onPresence) {
     m_onPresence = std::move(onPresence);
     BusError error;
     return QSCall(m_handle, "zelt://com.zelt.bus/signal/registerServerStatus",
-                  Payload().add("serviceName", service).text().c_str(), onServerStatus, this, nullptr, error);
+                  JsonObject().set("serviceName", service).line().c_str(), onServerStatus, this, nullptr,
+                  error);
 }

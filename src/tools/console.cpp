@@ -2,7 +2,7 @@
 // Printing. Each line is flushed, since the reader may be a pipe that waits for it.
 #include "tools/console.h"
 
-#include "tools/json.h"
+#include "util/jsonref.h"
 
 bool Console::line(const std::string& text) {
     m_out << (m_terminals.out ? escapeForTerminal(text) : text) << '\n' << std::flush;
@@ -29,7 +29,7 @@ Exit Console::usage(const std::string& problem) {
 }
 
 std::string oneLine(const std::string& payload) {
-    Json object = readJson(payload);
+    JsonRef object = parseWholeJson(payload);
     if (!object)
         object.reset(json_object_new_string_len(payload.data(), static_cast<int>(payload.size())));
     return jsonLine(object.get());

@@ -13,8 +13,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ constexpr char kStartHost[] = "start zelt-host, or whatever provides it on this 
 Finding judgeNetwork(const Reply& reply) {
     if (reply.exit != Exit::Ok)
         return {"network", Finding::State::Bad, reply.problem, kStartHost};
-    Json status = readJson(reply.payload);
+    JsonRef status = parseWholeJson(reply.payload);
     if (boolMember(status.get(), "isInternetConnectionAvailable"))
         return {"network", Finding::State::Good, "the Internet is reachable", ""};
     return {"network", Finding::State::Bad, "no link leads to the Internet",
@@ -72,7 +72,7 @@ Finding judgeNetwork(const Reply& reply) {
 Finding judgeLogin(const Reply& reply) {
     if (reply.exit != Exit::Ok)
         return {"login", Finding::State::Bad, reply.problem, "start pubsubservice"};
-    Json status = readJson(reply.payload);
+    JsonRef status = parseWholeJson(reply.payload);
     if (boolMember(status.get(), "connected"))
         return {"login", Finding::State::Good, "the service is logged in", ""};
     return {"login", Finding::State::Bad, "the service is not connected",
@@ -196,9 +196,9 @@ Exit Doctor::run() {
 }  // namespace
 
 bool placeFromAccount(const std::string& payload, ServerPlace& place) {
-    std::string text = textMember(readJson(payload).get(), "jabberId");
+    std::string text = textMember(parseWholeJson(payload).get(), "jabberId");
     std::erase(text, '\\');
-    Json account = readJson(text);
+    JsonRef account = parseWholeJson(text);
     ServerPlace read{textMember(account.get(), "user"), textMember(account.get(), "service"),
                      textMember(account.get(), "url"), textMember(account.get(), "port")};
     if (read.user.empty() || read.domain.empty() || read.host.empty() || read.port.empty())
@@ -237,7 +237,7 @@ Finding checkFolder(const std::string& check, const std::string& folder) {
 
 // The node does not exist, so a server with the extension answers that it does not know it.
 Finding judgeExtension(const std::string& payload) {
-    Json answer = readJson(payload);
+    JsonRef answer = parseWholeJson(payload);
     std::string text = textMember(answer.get(), "errorText");
     bool understood =
         boolMember(answer.get(), "returnValue") || text.find("item-not-found") != std::string::npos;
@@ -251,12 +251,12 @@ Finding judgeExtension(const std::string& payload) {
 
 std::string findingLine(const Finding& finding, bool json) {
     if (json)
-        return Payload()
-            .add("check", finding.check)
-            .add("state", stateWord(finding.state))
-            .add("detail", finding.detail)
-            .add("advice", finding.advice)
-            .text();
+        return JsonObject()
+            .set("check", finding.check)
+            .set("state", stateWord(finding.state))
+            .set("detail", finding.detail)
+            .set("advice", finding.advice)
+            .line();
     std::string state = stateWord(finding.state);
     state.resize(8, ' ');
     std::string line = state + finding.check + ": " + finding.detail;

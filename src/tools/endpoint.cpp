@@ -1,29 +1,29 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `endpoint`: create, delete, key, each one call on the public bus in the name of an application. A key is
 // printed alone, for scripts. Keeps no state.
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 static std::string statusOf(const Reply& reply) {
-    return textMember(readJson(reply.payload).get(), "status");
+    return textMember(parseWholeJson(reply.payload).get(), "status");
 }
 
 static std::string keyOf(const Reply& reply) {
-    return textMember(readJson(reply.payload).get(), "publishKey");
+    return textMember(parseWholeJson(reply.payload).get(), "publishKey");
 }
 
 Exit runEndpointCreate(const Invocation& invocation, Console& console) {
-    Payload request;
-    request.add("endpoint", invocation.arguments[0]);
+    JsonObject request;
+    request.set("endpoint", invocation.arguments[0]);
     if (invocation.has("description"))
-        request.add("description", invocation.value("description"));
+        request.set("description", invocation.value("description"));
     if (invocation.has("access")) {
         if (invocation.value("access") != "authorize")
             return console.usage("--access is authorize or left out, not \"" + invocation.value("access") +
                                  "\"");
-        request.add("accessType", 2);
+        request.set("accessType", 2);
     }
-    Reply reply = callPublic(invocation, "createEndpoint", request.text());
+    Reply reply = callPublic(invocation, "createEndpoint", request.line());
     if (reply.exit == Exit::Ok && statusOf(reply) == "exists")
         console.complain("the endpoint was there already; this is its key");
     return console.finish(reply, keyOf(reply));
@@ -31,13 +31,13 @@ Exit runEndpointCreate(const Invocation& invocation, Console& console) {
 
 Exit runEndpointDelete(const Invocation& invocation, Console& console) {
     const std::string& name = invocation.arguments[0];
-    Reply reply = callPublic(invocation, "deleteEndpoint", Payload().add("endpoint", name).text());
+    Reply reply = callPublic(invocation, "deleteEndpoint", JsonObject().set("endpoint", name).line());
     bool missing = statusOf(reply) == "notfound";
     return console.finish(reply, missing ? "there was no " + name : "deleted " + name);
 }
 
 Exit runEndpointKey(const Invocation& invocation, Console& console) {
-    std::string payload = Payload().add("endpoint", invocation.arguments[0]).text();
+    std::string payload = JsonObject().set("endpoint", invocation.arguments[0]).line();
     Reply reply = callPublic(invocation, "getPublishKey", payload);
     return console.finish(reply, keyOf(reply));
 }

@@ -7,8 +7,8 @@
 #include <csignal>
 
 #include "platform/bus/qsraii.h"
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 namespace {
 
@@ -103,11 +103,11 @@ void ItemHandler::startSources(unsigned seconds) {
 }
 
 std::string ItemHandler::registration(bool withdrawing) const {
-    Payload payload;
-    payload.add("node", m_node).add("endpoint", "zelt://" + m_name + "/item");
+    JsonObject payload;
+    payload.set("node", m_node).set("endpoint", "zelt://" + m_name + "/item");
     if (withdrawing)
-        payload.add("app", false);
-    return payload.text();
+        payload.set("app", false);
+    return payload.line();
 }
 
 void ItemHandler::tellPresence(bool there) {
@@ -167,14 +167,14 @@ Exit ItemHandler::withdraw() {
 }  // namespace
 
 std::string itemLine(const std::string& payload, bool json) {
-    Json item = readJson(payload);
+    JsonRef item = parseWholeJson(payload);
     if (!json)
         return textMember(item.get(), "item");
-    return Payload()
-        .add("node", textMember(item.get(), "node"))
-        .add("itemid", textMember(item.get(), "itemid"))
-        .add("item", textMember(item.get(), "item"))
-        .text();
+    return JsonObject()
+        .set("node", textMember(item.get(), "node"))
+        .set("itemid", textMember(item.get(), "itemid"))
+        .set("item", textMember(item.get(), "item"))
+        .line();
 }
 
 Exit runHandler(const Invocation& invocation, Console& console) {

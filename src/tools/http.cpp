@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "tools/json.h"
+#include "util/jsonref.h"
 
 static constexpr size_t kMostAnswer = 65536;
 
@@ -33,7 +33,7 @@ std::string wordsFor(const HttpAnswer& answer) {
         if (meaning.status == answer.status)
             words = meaning.words;
     }
-    std::string reason = textMember(readJson(answer.body).get(), "error");
+    std::string reason = textMember(parseWholeJson(answer.body).get(), "error");
     if (!reason.empty())
         words += " (" + reason + ")";
     if (!answer.retryAfter.empty())
@@ -103,7 +103,7 @@ bool publishUrl(const std::string& target, const std::string& base, std::string&
 Reply judgeHttp(const HttpAnswer& answer) {
     if (answer.status == 201)
         return {Exit::Ok, answer.body, ""};
-    Json body = readJson(answer.body);
+    JsonRef body = parseWholeJson(answer.body);
     bool object = json_object_is_type(body.get(), json_type_object);
     return {Exit::Refused, object ? answer.body : "", wordsFor(answer)};
 }

@@ -8,7 +8,7 @@
 #include <csignal>
 #include <utility>
 
-#include "tools/json.h"
+#include "util/jsonref.h"
 
 // Without a connection the service leaves a first answer open; a person is told so after this long.
 static constexpr unsigned kSilenceSeconds = 3;
@@ -110,7 +110,7 @@ void Listener::waitForConnection() {
 }
 
 void Listener::takeStatus(const Reply& reply) {
-    if (!boolMember(readJson(reply.payload).get(), "connected"))
+    if (!boolMember(parseWholeJson(reply.payload).get(), "connected"))
         return;
     m_connecting = false;
     place();
@@ -118,7 +118,7 @@ void Listener::takeStatus(const Reply& reply) {
 
 static bool lacksConnection(const Reply& reply) {
     return reply.exit == Exit::NotConnected ||
-           textMember(readJson(reply.payload).get(), "errorText") == "Service not initialized";
+           textMember(parseWholeJson(reply.payload).get(), "errorText") == "Service not initialized";
 }
 
 bool Listener::takeVerdict(Then then) {

@@ -4,27 +4,27 @@
 
 #include <charconv>
 
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 bool createPayload(const Invocation& invocation, std::string& payload, std::string& problem) {
-    Payload request;
-    request.add("node", invocation.arguments[0]);
+    JsonObject request;
+    request.set("node", invocation.arguments[0]);
     if (invocation.has("collection"))
-        request.add("nodeType", 2);
+        request.set("nodeType", 2);
     if (invocation.has("parent"))
-        request.add("parent", invocation.value("parent"));
+        request.set("parent", invocation.value("parent"));
     if (invocation.has("title"))
-        request.add("title", invocation.value("title"));
+        request.set("title", invocation.value("title"));
     if (invocation.has("access")) {
         std::string access = invocation.value("access");
         if (access != "open" && access != "authorize") {
             problem = "--access is open or authorize, not \"" + access + "\"";
             return false;
         }
-        request.add("accessType", access == "open" ? 1 : 2);
+        request.set("accessType", access == "open" ? 1 : 2);
     }
-    payload = request.text();
+    payload = request.line();
     return true;
 }
 
@@ -38,17 +38,18 @@ Exit runNodeCreate(const Invocation& invocation, Console& console) {
 }
 
 Exit runNodeDelete(const Invocation& invocation, Console& console) {
-    std::string payload = Payload().add("node", invocation.arguments[0]).text();
+    std::string payload = JsonObject().set("node", invocation.arguments[0]).line();
     return console.finish(callService(invocation, "deleteNode", payload),
                           "deleted " + invocation.arguments[0]);
 }
 
 // The item as elements and attributes; only an object has any.
-static bool readObject(const Invocation& invocation, Console& console, Json& object, std::string& problem) {
+static bool readObject(const Invocation& invocation, Console& console, JsonRef& object,
+                       std::string& problem) {
     std::string text = invocation.value("json");
     if (text == "-" && !readWhole(console, "-", text, problem))
         return false;
-    object = readJson(text);
+    object = parseWholeJson(text);
     if (json_object_is_type(object.get(), json_type_object))
         return true;
     problem =
@@ -75,19 +76,19 @@ bool publishPayload(const Invocation& invocation, Console& console, std::string&
         problem = "give the item once: as TEXT, with --file or with --json";
         return false;
     }
-    Payload request;
-    request.add("node", invocation.arguments[0]);
+    JsonObject request;
+    request.set("node", invocation.arguments[0]);
     if (invocation.has("json")) {
-        Json object;
+        JsonRef object;
         if (!readObject(invocation, console, object, problem))
             return false;
-        payload = request.add("xml", true).add("item", std::move(object)).text();
+        payload = request.set("xml", true).set("item", std::move(object)).line();
         return true;
     }
     std::string text;
     if (!itemText(invocation, console, text, problem))
         return false;
-    payload = request.add("item", text).text();
+    payload = request.set("item", text).line();
     return true;
 }
 
@@ -101,10 +102,10 @@ Exit runNodePublish(const Invocation& invocation, Console& console) {
 }
 
 bool subscribePayload(const Invocation& invocation, std::string& payload, std::string& problem) {
-    Payload request;
-    request.add("node", invocation.arguments[0]);
+    JsonObject request;
+    request.set("node", invocation.arguments[0]);
     if (invocation.has("jid"))
-        request.add("jid", invocation.value("jid"));
+        request.set("jid", invocation.value("jid"));
     if (invocation.has("depth")) {
         std::string text = invocation.value("depth");
         int depth = -1;
@@ -113,9 +114,9 @@ bool subscribePayload(const Invocation& invocation, std::string& payload, std::s
             problem = "--depth is a whole number, 0 or more, not \"" + text + "\"";
             return false;
         }
-        request.add("depth", depth);
+        request.set("depth", depth);
     }
-    payload = request.text();
+    payload = request.line();
     return true;
 }
 
@@ -125,7 +126,7 @@ Exit runNodeSubscribe(const Invocation& invocation, Console& console) {
     if (!subscribePayload(invocation, payload, problem))
         return console.usage(problem);
     Reply reply = callService(invocation, "subscribeToNode", payload);
-    Json answer = readJson(reply.payload);
+    JsonRef answer = parseWholeJson(reply.payload);
     std::string subid = textMember(answer.get(), "subid");
     std::string tail = subid.empty() ? "" : "  subid: " + subid;
     return console.finish(reply, "subscribed to " + invocation.arguments[0] + tail);
@@ -137,11 +138,11 @@ Exit runNodeUnsubscribe(const Invocation& invocation, Console& console) {
             return console.usage(std::string("--") + needed +
                                  " is missing; `node subscribe` printed what it takes");
     }
-    std::string payload = Payload()
-                              .add("node", invocation.arguments[0])
-                              .add("jid", invocation.value("jid"))
-                              .add("subid", invocation.value("subid"))
-                              .text();
+    std::string payload = JsonObject()
+                              .set("node", invocation.arguments[0])
+                              .set("jid", invocation.value("jid"))
+                              .set("subid", invocation.value("subid"))
+                              .line();
     Reply reply = callService(invocation, "unsubscribeFromNode", payload);
     return console.finish(reply, "unsubscribed from " + invocation.arguments[0]);
 }

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `node config`: what the service reports of a node's configuration, and setting options. Keeps no state.
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 bool configPayload(const Invocation& invocation, std::string& payload, std::string& problem) {
-    Json options(json_object_new_object());
+    JsonObject options;
     for (const std::string& given : invocation.values("set")) {
         size_t equals = given.find('=');
         if (equals == std::string::npos || equals == 0) {
@@ -14,17 +14,15 @@ bool configPayload(const Invocation& invocation, std::string& payload, std::stri
         std::string name = given.substr(0, equals);
         if (name.find('#') == std::string::npos)
             name = "pubsub#" + name;
-        std::string value = given.substr(equals + 1);
-        json_object_object_add(options.get(), name.c_str(), json_object_new_string(value.c_str()));
+        options.set(name.c_str(), given.substr(equals + 1));
     }
-    payload = Payload().add("node", invocation.arguments[0]).add("options", std::move(options)).text();
+    payload = JsonObject().set("node", invocation.arguments[0]).set("options", options.release()).line();
     return true;
 }
 
 static std::string optionsOf(const std::string& payload) {
-    Json reply = readJson(payload);
-    json_object* options = nullptr;
-    json_object_object_get_ex(reply.get(), "options", &options);
+    JsonRef reply = parseWholeJson(payload);
+    json_object* options = jsonMember(reply.get(), "options");
     std::string lines;
     if (!json_object_is_type(options, json_type_object))
         return lines;
@@ -36,9 +34,8 @@ static std::string optionsOf(const std::string& payload) {
 }
 
 static Exit show(const Invocation& invocation, Console& console) {
-    Json nodes(json_object_new_array());
-    json_object_array_add(nodes.get(), json_object_new_string(invocation.arguments[0].c_str()));
-    std::string payload = Payload().add("nodes", std::move(nodes)).text();
+    std::string payload =
+        JsonObject().set("nodes", JsonArray().add(invocation.arguments[0]).release()).line();
     Reply reply = callService(invocation, "getNodeConfig", payload);
     std::string options = reply.exit == Exit::Ok ? optionsOf(reply.payload) : "";
     return console.finish(reply, options.empty() ? "no options are reported" : options);

@@ -2,14 +2,14 @@
 // `onclose`: the notices for closed applications, and which endpoints have them. Keeps no state.
 #include <utility>
 
-#include "tools/json.h"
 #include "tools/listener.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 std::string noticeLine(const std::string& payload, bool json) {
     if (json)
         return oneLine(payload);
-    Json notice = readJson(payload);
+    JsonRef notice = parseWholeJson(payload);
     std::string who = textMember(notice.get(), "appid");
     if (boolMember(notice.get(), "open"))
         return "open  " + who;
@@ -23,7 +23,7 @@ Exit runOnCloseListen(const Invocation& invocation, Console& console) {
         return console.usage(problem);
     bool announced = false;
     auto take = [&](const Reply& reply) {
-        if (!hasMember(readJson(reply.payload).get(), "appid")) {
+        if (!jsonMember(parseWholeJson(reply.payload).get(), "appid")) {
             if (!std::exchange(announced, true))
                 console.complain("listening for items of closed applications");
             return Listener::Then::Wait;
@@ -36,7 +36,7 @@ Exit runOnCloseListen(const Invocation& invocation, Console& console) {
 
 static Exit change(const Invocation& invocation, Console& console, const char* method, const char* done) {
     const std::string& endpoint = invocation.arguments[0];
-    Reply reply = callPublic(invocation, method, Payload().add("endpoint", endpoint).text());
+    Reply reply = callPublic(invocation, method, JsonObject().set("endpoint", endpoint).line());
     return console.finish(reply, done + endpoint);
 }
 

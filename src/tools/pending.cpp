@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `pending`: the subscribers that wait for a node owner's approval, and the owner's decision. Keeps no state.
-#include "tools/json.h"
 #include "tools/listener.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 static constexpr const char* kMembers[] = {"node", "subscriber_jid", "subid", "id"};
 
 std::string pendingLine(const std::string& payload, bool json) {
-    Json request = readJson(payload);
-    Payload object;
+    JsonRef request = parseWholeJson(payload);
+    JsonObject object;
     std::string line;
     for (const char* name : kMembers) {
         std::string value = textMember(request.get(), name);
-        object.add(name, value);
+        object.set(name, value);
         line += line.empty() ? value : "  " + std::string(name) + ": " + value;
     }
-    return json ? object.text() : line;
+    return json ? object.line() : line;
 }
 
 Exit runPendingList(const Invocation& invocation, Console& console) {
@@ -23,14 +23,14 @@ Exit runPendingList(const Invocation& invocation, Console& console) {
     std::string problem;
     if (!readBounds(invocation, bounds, problem))
         return console.usage(problem);
-    Json nodes(json_object_new_array());
+    JsonArray nodes;
     for (const std::string& node : invocation.arguments)
-        json_object_array_add(nodes.get(), json_object_new_string(node.c_str()));
+        nodes.add(node);
     if (invocation.arguments.empty())
-        json_object_array_add(nodes.get(), json_object_new_string("*"));
-    std::string payload = Payload().add("subscribe", true).add("nodes", std::move(nodes)).text();
+        nodes.add("*");
+    std::string payload = JsonObject().set("subscribe", true).set("nodes", nodes.release()).line();
     auto take = [&](const Reply& reply) {
-        if (!hasMember(readJson(reply.payload).get(), "subid"))
+        if (!jsonMember(parseWholeJson(reply.payload).get(), "subid"))
             return Listener::Then::Wait;
         bool heard = console.line(pendingLine(reply.payload, console.json()));
         return heard ? Listener::Then::Counted : Listener::Then::Leave;
@@ -44,13 +44,13 @@ static Exit decide(const Invocation& invocation, Console& console, bool approve)
             return console.usage(std::string("--") + needed +
                                  " is missing; `pending list` printed what it takes");
     }
-    std::string payload = Payload()
-                              .add("node", invocation.arguments[0])
-                              .add("id", invocation.value("id"))
-                              .add("subid", invocation.value("subid"))
-                              .add("approve", approve ? "true" : "false")
-                              .add("subscriber_jid", invocation.value("jid"))
-                              .text();
+    std::string payload = JsonObject()
+                              .set("node", invocation.arguments[0])
+                              .set("id", invocation.value("id"))
+                              .set("subid", invocation.value("subid"))
+                              .set("approve", approve ? "true" : "false")
+                              .set("subscriber_jid", invocation.value("jid"))
+                              .line();
     return console.finish(callService(invocation, "approvePending", payload),
                           (approve ? "approved " : "denied ") + invocation.value("jid"));
 }

@@ -3,8 +3,8 @@
 #include <cstdlib>
 
 #include "tools/http.h"
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 static std::string baseAddress(const Invocation& invocation) {
     if (invocation.has("url"))
@@ -26,7 +26,7 @@ Exit runPublish(const Invocation& invocation, Console& console) {
         !itemText(invocation, console, text, problem))
         return console.usage(problem);
     Reply reply = postItem(url, text, invocation.timeoutSeconds);
-    Json answer = readJson(reply.payload);
+    JsonRef answer = parseWholeJson(reply.payload);
     return console.finish(reply, "published  id: " + textMember(answer.get(), "id") +
                                      "  seqNo: " + textMember(answer.get(), "seqNo"));
 }

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "tools/json.h"
+#include "util/jsonref.h"
 
 namespace {
 
@@ -68,7 +68,7 @@ bool meansUnknown(std::string_view errorName) {
 }  // namespace
 
 Reply judgeAnswer(const std::string& payload) {
-    Json object = readJson(payload);
+    JsonRef object = parseWholeJson(payload);
     if (!json_object_is_type(object.get(), json_type_object))
         return {Exit::Refused, payload, "the answer is no JSON object: " + payload};
     if (boolMember(object.get(), "returnValue", true))
@@ -85,7 +85,7 @@ Reply judgeAnswer(const std::string& payload) {
 }
 
 Reply judgeBusError(const std::string& service, const std::string& errorName, const std::string& payload) {
-    Json object = readJson(payload);
+    JsonRef object = parseWholeJson(payload);
     std::string text = textMember(object.get(), "errorText");
     if (meansAbsent(errorName))
         return {Exit::NotConnected, "", service + " is not on the bus: " + text + "; start it and try again"};

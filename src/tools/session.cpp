@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `session`: log in anew, end the connection, name the account. Keeps no state.
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 bool LoginProgress::take(bool connected) {
     if (first) {
@@ -19,7 +19,7 @@ bool LoginProgress::take(bool connected) {
 static Reply waitForLogin(BusClient& client, const Invocation& invocation) {
     LoginProgress progress;
     auto onStatus = [&](const Reply& reply) {
-        Json status = readJson(reply.payload);
+        JsonRef status = parseWholeJson(reply.payload);
         bool asked = !progress.first;
         bool goOn = progress.take(boolMember(status.get(), "connected"));
         // Asked for only once the status is followed, so that no change is missed.
@@ -57,11 +57,11 @@ Exit runSessionJid(const Invocation& invocation, Console& console) {
     Reply second = callService(invocation, "getResource", "{}");
     if (second.exit != Exit::Ok)
         return console.finish(second, "");
-    std::string user = textMember(readJson(reply.payload).get(), "username");
-    std::string resource = textMember(readJson(second.payload).get(), "resource");
+    std::string user = textMember(parseWholeJson(reply.payload).get(), "username");
+    std::string resource = textMember(parseWholeJson(second.payload).get(), "resource");
     if (user.empty())
         return console.finish(
             {Exit::NotConnected, "", "no account was used yet; `pubsubctl session login` logs in"}, "");
-    reply.payload = Payload().add("user", user).add("resource", resource).text();
+    reply.payload = JsonObject().set("user", user).set("resource", resource).line();
     return console.finish(reply, user + (resource.empty() ? "" : "  resource: " + resource));
 }

@@ -1,25 +1,25 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `status`: asks on the private bus, which says more, and on the public bus when the private one is closed to
 // the caller. Keeps no state.
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 static const char* yesNo(bool value) {
     return value ? "yes" : "no";
 }
 
 std::string statusLine(const std::string& payload) {
-    Json status = readJson(payload);
+    JsonRef status = parseWholeJson(payload);
     std::string line = boolMember(status.get(), "connected") ? "connected" : "not connected";
-    if (hasMember(status.get(), "network"))
+    if (jsonMember(status.get(), "network"))
         line += std::string("  network: ") + yesNo(boolMember(status.get(), "network"));
-    if (hasMember(status.get(), "session"))
+    if (jsonMember(status.get(), "session"))
         line += std::string("  account: ") + yesNo(boolMember(status.get(), "session"));
     return line;
 }
 
 static bool connectedIn(const std::string& payload) {
-    Json status = readJson(payload);
+    JsonRef status = parseWholeJson(payload);
     return boolMember(status.get(), "connected");
 }
 

@@ -4,18 +4,18 @@
 #include <csignal>
 
 #include "tools/command.h"
-#include "tools/json.h"
 #include "tools/listener.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 std::string endpointItem(const std::string& payload, bool json) {
-    Json item = readJson(payload);
+    JsonRef item = parseWholeJson(payload);
     if (!json)
         return textMember(item.get(), "item");
-    return Payload()
-        .add("endpoint", textMember(item.get(), "endpoint"))
-        .add("item", textMember(item.get(), "item"))
-        .text();
+    return JsonObject()
+        .set("endpoint", textMember(item.get(), "endpoint"))
+        .set("item", textMember(item.get(), "item"))
+        .line();
 }
 
 namespace {
@@ -32,7 +32,7 @@ class Subscriber {
         if (m_command.given() && !m_command.exists())
             return m_console.usage("there is no program " + m_command.name() +
                                    "; nothing was received for it");
-        std::string payload = Payload().add("endpoint", m_endpoint).add("subscribe", true).text();
+        std::string payload = JsonObject().set("endpoint", m_endpoint).set("subscribe", true).line();
         Exit exit = m_listener.run(
             {QSBus::Public, "subscribe", payload}, [this](Reply& reply) { return take(reply); },
             [this](int number) { pass(number); });
@@ -43,8 +43,8 @@ class Subscriber {
     using Then = Listener::Then;
 
     Then take(Reply& reply) {
-        Json answer = readJson(reply.payload);
-        if (hasMember(answer.get(), "item"))
+        JsonRef answer = parseWholeJson(reply.payload);
+        if (jsonMember(answer.get(), "item"))
             return takeItem(reply.payload);
         if (textMember(answer.get(), "status") == "subscribed") {
             reply = {Exit::Refused, "",
@@ -100,10 +100,10 @@ class Unsubscription {
             return opened;
         if (!waitFor(1))
             return timedOut(kService, m_timeout);
-        if (m_last.exit != Exit::Ok || hasMember(readJson(m_last.payload).get(), "status"))
+        if (m_last.exit != Exit::Ok || jsonMember(parseWholeJson(m_last.payload).get(), "status"))
             return m_last;
         Reply status = m_client.call(methodUri("connectStatus"), "{}", m_timeout);
-        if (boolMember(readJson(status.payload).get(), "connected") && !waitFor(2))
+        if (boolMember(parseWholeJson(status.payload).get(), "connected") && !waitFor(2))
             return timedOut(kService, m_timeout);
         return m_last;
     }
@@ -155,17 +155,17 @@ Exit runSubscribe(const Invocation& invocation, Console& console) {
 
 Exit runUnsubscribe(const Invocation& invocation, Console& console) {
     const std::string& endpoint = invocation.arguments[0];
-    Payload payload;
-    payload.add("endpoint", endpoint);
+    JsonObject payload;
+    payload.set("endpoint", endpoint);
     if (invocation.has("onclose"))
-        payload.add("onclose", true);
+        payload.set("onclose", true);
     // Asks for the second answer; the service itself does not read it here.
-    payload.add("subscribe", true);
+    payload.set("subscribe", true);
     Reply reply;
     auto client = openBus(QSBus::Public, reply);
     if (client)
-        reply = Unsubscription(invocation, *client).run(payload.text());
-    bool nobody = textMember(readJson(reply.payload).get(), "status") == "not subscribed";
+        reply = Unsubscription(invocation, *client).run(payload.line());
+    bool nobody = textMember(parseWholeJson(reply.payload).get(), "status") == "not subscribed";
     return console.finish(reply,
                           nobody ? "nobody was subscribed to " + endpoint : "unsubscribed from " + endpoint);
 }

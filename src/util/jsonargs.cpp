@@ -79,10 +79,11 @@ void getStringFromJSONObject(json_object* object, std::string& text) {
 
 json_object* getResponseJsonObject(const std::string& node, const std::string& itemId,
                                    const std::string& item) {
-    json_object* response = json_object_new_object();
-    json_object_object_add(response, "item", json_object_new_string(item.c_str()));
-    json_object_object_add(response, "itemid", json_object_new_string(itemId.c_str()));
-    json_object_object_add(response, "node", json_object_new_string(node.c_str()));
-    json_object_object_add(response, "returnValue", json_object_new_boolean(true));
-    return response;
+    return JsonObject()
+        .set("item", item.c_str())
+        .set("itemid", itemId.c_str())
+        .set("node", node.c_str())
+        .set("returnValue", true)
+        .release()
+        .release();
 }

@@ -8,6 +8,7 @@
 
 #include <memory>
 
+#include "util/jsonref.h"
 #include "util/log.h"
 
 namespace {
@@ -15,10 +16,6 @@ namespace {
 // Stands for an attribute name that gloox would leave out in silence, the empty one too: no stanza can carry
 // it, so the item is refused as one with a bad element name is.
 constexpr char kNoName[] = " ";
-
-json_object* newString(const std::string& text) {
-    return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
-}
 
 void addAttributes(gloox::Tag* tag, json_object* attributes) {
     if (!json_object_is_type(attributes, json_type_object))
@@ -30,11 +27,11 @@ void addAttributes(gloox::Tag* tag, json_object* attributes) {
     }
 }
 
-json_object* attributesOf(const gloox::Tag* tag) {
-    json_object* attributes = json_object_new_object();
+JsonRef attributesOf(const gloox::Tag* tag) {
+    JsonObject attributes;
     for (const gloox::Tag::Attribute* attribute : tag->attributes())
-        json_object_object_add(attributes, attribute->name().c_str(), newString(attribute->value()));
-    return attributes;
+        attributes.set(attribute->name().c_str(), attribute->value());
+    return attributes.release();
 }
 
 void addChild(gloox::Tag* tag, const char* name, json_object* value) {
@@ -83,34 +80,29 @@ json_object* GetJSONFromXml(const gloox::Tag* tag) {
         PrvPrintErr(__func__, __LINE__, "Invalid Xml object");
         return nullptr;
     }
-    json_object* result = json_object_new_object();
+    JsonObject result;
     for (const gloox::Tag* child : tag->children())
-        GetJSONFromXmlTag(child, result);
+        GetJSONFromXmlTag(child, result.get());
     if (!tag->attributes().empty())
-        json_object_object_add(result, "@", attributesOf(tag));
-    return result;
+        result.set("@", attributesOf(tag));
+    return result.release().release();
 }
 
 void GetJSONFromXmlTag(const gloox::Tag* tag, json_object* parent) {
-    json_object* value = nullptr;
-    if (!tag->attributes().empty()) {
-        value = json_object_new_object();
-        json_object_object_add(value, "@", attributesOf(tag));
-    }
+    JsonObject value;
+    if (!tag->attributes().empty())
+        value.set("@", attributesOf(tag));
     const std::string text = tag->cdata();
-    if (!text.empty()) {
-        if (!value)
-            value = json_object_new_object();
-        json_object_object_add(value, "#", newString(text));
-    }
-    json_object_object_add(parent, tag->name().c_str(), value);
+    if (!text.empty())
+        value.set("#", text);
+    const bool empty = json_object_object_length(value.get()) == 0;
+    json_object_object_add(parent, tag->name().c_str(), empty ? nullptr : value.release().release());
 }
 
 json_object* getAppResponseJsonObj(const std::string& node, const std::string& item) {
-    json_object* response = json_object_new_object();
-    json_object_object_add(response, "item", newString(item));
+    JsonObject response;
+    response.set("item", item);
     // Without a slash rfind gives npos, and npos + 1 is the start: the whole name.
-    json_object_object_add(response, "endpoint", newString(node.substr(node.rfind('/') + 1)));
-    json_object_object_add(response, "returnValue", json_object_new_boolean(true));
-    return response;
+    response.set("endpoint", node.substr(node.rfind('/') + 1)).set("returnValue", true);
+    return response.release().release();
 }

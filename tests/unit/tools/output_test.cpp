@@ -6,8 +6,8 @@
 #include <sstream>
 
 #include "tests/unit/host/privatebus.h"
-#include "tools/json.h"
 #include "tools/verbs.h"
+#include "util/jsonref.h"
 
 namespace {
 
