@@ -24,24 +24,24 @@ void PubSubSession::getFilePathFromNodeId(const std::string& node, std::string& 
 
 bool PubSubSession::saveItemInCache(const std::string& node, json_object* item) {
     if (node.empty() || !item) {
-        PrvPrintErr(__func__, __LINE__, "Invalid node or payload %s ", node.c_str());
+        PrvPrintErr({}, "Invalid node or payload %s ", node.c_str());
         return false;
     }
     const char* text = json_object_to_json_string(item);
     if (!text) {
-        PrvPrintErr(__func__, __LINE__, "String null - cache not updated");
+        PrvPrintErr({}, "String null - cache not updated");
         return false;
     }
     return updateFile(node, text);
 }
 
 bool PubSubSession::updateFile(const std::string& node, const std::string& text) {
-    return CacheFiles::current().store(node, text, __func__);
+    return CacheFiles::current().store(node, text);
 }
 
 json_object* PubSubSession::getItemFromCache(const std::string& node) {
     if (node.empty()) {
-        PrvPrintErr(__func__, __LINE__, "Empty node passed %s ", node.c_str());
+        PrvPrintErr({}, "Empty node passed %s ", node.c_str());
         return nullptr;
     }
     const std::string path = CacheFiles::current().find(node);
@@ -51,18 +51,18 @@ json_object* PubSubSession::getItemFromCache(const std::string& node) {
         g_file_get_contents(path.c_str(), &text, &length, nullptr);
     const std::unique_ptr<gchar, decltype(&g_free)> owned(text, g_free);
     if (length == 0) {
-        PrvPrintErr(__func__, __LINE__, "No content in the file? ");
+        PrvPrintErr({}, "No content in the file? ");
         return nullptr;
     }
     JsonRef item = parseJson(text);
     if (!item)
-        PrvPrintErr(__func__, __LINE__, "Malformed json packet in file? \n");
+        PrvPrintErr({}, "Malformed json packet in file? \n");
     return item.release();
 }
 
 void PubSubSession::deleteItemFromCache(const std::string& node) {
     if (node.empty()) {
-        PrvPrintErr(__func__, __LINE__, "Invalid node %s ", node.c_str());
+        PrvPrintErr({}, "Invalid node %s ", node.c_str());
         return;
     }
     CacheFiles::current().remove(node);

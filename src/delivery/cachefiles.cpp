@@ -130,7 +130,7 @@ bool readEndpoint(const std::string& path, std::string& endpoint) {
     return item != nullptr;
 }
 
-bool writeFile(const std::string& path, const std::string& text, const char* function) {
+bool writeFile(const std::string& path, const std::string& text, CallSite site) {
     GError* error = nullptr;
     // Durable: this file and its folder reach the disk, without waiting for what the rest of the system has
     // to write.
@@ -140,7 +140,7 @@ bool writeFile(const std::string& path, const std::string& text, const char* fun
                                  kFileMode, &error))
         return true;
     const std::unique_ptr<GError, FreeError> owned(error);
-    PrvPrintErr(function, __LINE__, "Error saving item to cache %s", owned->message);
+    PrvPrintErr(site, "Error saving item to cache %s", owned->message);
     return false;
 }
 
@@ -268,32 +268,31 @@ std::string CacheFiles::find(const std::string& node) const {
     return place.isInShared() ? place.shared : "";
 }
 
-bool CacheFiles::store(const std::string& node, const std::string& text, const char* function) {
+bool CacheFiles::store(const std::string& node, const std::string& text, CallSite site) {
     const Place place(*this, node);
     const bool apart = isFile(place.apart) ||
                        (place.plain ? isFile(place.shared) && !place.isInShared() : !place.isUnusable());
     const std::string& path = apart ? place.apart : place.shared;
     if (!hasRoom(place, path, text.size())) {
-        PrvPrintErr(function, __LINE__, "Item of %s stays with the server, too many items wait in the cache",
-                    node.c_str());
+        PrvPrintErr(site, "Item of %s stays with the server, too many items wait in the cache", node.c_str());
         return false;
     }
-    const bool stored = apart ? storeApart(place, text, function) : writeFile(path, text, function);
+    const bool stored = apart ? storeApart(place, text, site) : writeFile(path, text, site);
     if (stored)
         enter(path, place.owner, text.size());
     noteChange();
     return stored;
 }
 
-bool CacheFiles::storeApart(const Place& place, const std::string& text, const char* function) {
+bool CacheFiles::storeApart(const Place& place, const std::string& text, CallSite site) {
     if (mkdir(m_apart.c_str(), kFolderMode) == 0)
         syncFolder(stateDir());
     removeSecondLink(place);
-    if (!writeFile(place.apart, text, function))
+    if (!writeFile(place.apart, text, site))
         return false;
     // For whoever looks for the item where the node's name leads; it is not read from there.
     if (!place.plain && link(place.apart.c_str(), place.shared.c_str()) != 0 && errno != EEXIST)
-        PrvPrintErr(function, __LINE__, "Linking the item of %s in the cache failed: %s", place.node.c_str(),
+        PrvPrintErr(site, "Linking the item of %s in the cache failed: %s", place.node.c_str(),
                     strerror(errno));
     return true;
 }
@@ -429,7 +428,7 @@ void CacheFiles::takeOver() {
             if (lastSegmentOf(next->second) == endpoint)
                 fitting.insert(next->second);
         if (fitting.size() != 1) {
-            PrvPrintErr(__func__, __LINE__,
+            PrvPrintErr({},
                         "The item in %s may be that of several nodes, so it goes to none. Remove it by hand",
                         file.path().c_str());
             continue;
@@ -437,8 +436,7 @@ void CacheFiles::takeOver() {
         const std::string apart = m_apart + ownerOf(*fitting.begin()) + '-' + Place::hash(*fitting.begin());
         mkdir(m_apart.c_str(), kFolderMode);
         if (link(file.path().c_str(), apart.c_str()) != 0)
-            PrvPrintErr(__func__, __LINE__, "Taking over the item in %s failed: %s", file.path().c_str(),
-                        strerror(errno));
+            PrvPrintErr({}, "Taking over the item in %s failed: %s", file.path().c_str(), strerror(errno));
     }
     syncFolder(m_apart);
 }

@@ -14,6 +14,8 @@
 #include <set>
 #include <string>
 
+#include "util/log.h"
+
 class CacheFiles {
   public:
     // The files of the state folder of now. What somebody else added or removed is taken into account.
@@ -22,7 +24,7 @@ class CacheFiles {
     // The file with the node's item; "" when there is none.
     std::string find(const std::string& node) const;
     // Replaces the node's item as a unit; true once it is on the disk. A failure is logged under `function`.
-    bool store(const std::string& node, const std::string& text, const char* function);
+    bool store(const std::string& node, const std::string& text, CallSite site = {});
     void remove(const std::string& node);
 
   private:
@@ -37,7 +39,7 @@ class CacheFiles {
     };
 
     bool hasRoom(const Place& place, const std::string& path, std::size_t bytes) const;
-    bool storeApart(const Place& place, const std::string& text, const char* function);
+    bool storeApart(const Place& place, const std::string& text, CallSite site);
     void removeSecondLink(const Place& place) const;
     void refresh();
     void scan();

@@ -35,7 +35,6 @@ constexpr std::size_t kRecordLength = kLineLength - 1;
 constexpr mode_t kFileMode = 0666;  // of a new file, less the umask
 
 // The log names the operation and not the step of it that failed.
-constexpr const char* kUpdate = "UpdateHandlerFile";
 
 struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
@@ -78,42 +77,41 @@ bool parseRecord(const std::string& line, Record& record, bool& app) {
     return true;
 }
 
-bool makeStateDir() {
+bool makeStateDir(CallSite site) {
     if (mkdir(stateDir().c_str(), 0744) == 0 || errno == EEXIST)
         return true;
-    PrvPrintErr(kUpdate, __LINE__, "Creating /var/pubsub failed");
+    PrvPrintErr(site, "Creating /var/pubsub failed");
     return false;
 }
 
 // A longer record would be read back in two pieces, and the second piece would cost the whole file.
-bool fitsLine(std::string_view record) {
+bool fitsLine(std::string_view record, CallSite site) {
     if (record.size() <= kRecordLength)
         return true;
     PrvPrintErr(
-        kUpdate, __LINE__,
-        "Handler record of %zu characters not saved, the limit is %zu. Use a shorter node or endpoint.",
+        site, "Handler record of %zu characters not saved, the limit is %zu. Use a shorter node or endpoint.",
         record.size(), kRecordLength);
     return false;
 }
 
-File openHandlerFile(const char* mode) {
+File openHandlerFile(const char* mode, CallSite site) {
     File file(std::fopen(handlerFile().c_str(), mode));
     if (file)
         // So that an error is one of the record at hand, and nothing of it is left for the close to write.
         std::setvbuf(file.get(), nullptr, _IONBF, 0);
     else
-        PrvPrintErr(kUpdate, __LINE__, "Cannot open handler file.");
+        PrvPrintErr(site, "Cannot open handler file.");
     return file;
 }
 
-bool writeRecord(FILE* file, const std::string& record) {
+bool writeRecord(FILE* file, const std::string& record, CallSite site) {
     struct stat before = {};
     fstat(fileno(file), &before);
     const std::string line = record + std::string("\0\n", 2);
     std::fwrite(line.data(), 1, line.size(), file);
     if (!std::ferror(file))
         return true;
-    PrvPrintErr(kUpdate, __LINE__, "Cannot write to file.");
+    PrvPrintErr(site, "Cannot write to file.");
     // The piece of a record that a full disk still took would read as damage, and damage costs the file.
     [[maybe_unused]] const int trimmed = ftruncate(fileno(file), before.st_size);
     return false;
@@ -144,6 +142,8 @@ using NodeMap = std::map<std::string, std::list<std::string>>;
 // The records of all tables as the file is to hold them.
 class Rewrite {
   public:
+    explicit Rewrite(CallSite site) : m_site(site) {}
+
     void add(const NodeMap& table, bool app) {
         for (const auto& [node, endpoints] : table)
             for (const std::string& endpoint : endpoints)
@@ -160,7 +160,7 @@ class Rewrite {
         const std::string record =
             full.size() <= kRecordLength ? full : shortRecordText(node, endpoint, app, m_app);
         if (record.size() > kRecordLength) {
-            fitsLine(full);
+            fitsLine(full, m_site);
             m_complete = false;
             return;
         }
@@ -168,6 +168,7 @@ class Rewrite {
         m_app = app;
     }
 
+    CallSite m_site;
     std::string m_text;
     bool m_app = false;  // as the reading begins
     bool m_complete = true;
@@ -178,10 +179,10 @@ struct FreeError {
 };
 
 // A kill, a full disk or a power cut leaves the old file or the new one.
-bool replaceHandlerFile(const std::string& text) {
+bool replaceHandlerFile(const std::string& text, CallSite site) {
     struct stat before = {};
     // A file that could not be written to is not replaced either.
-    if (const File file = openHandlerFile("a"); !file || fstat(fileno(file.get()), &before) != 0)
+    if (const File file = openHandlerFile("a", site); !file || fstat(fileno(file.get()), &before) != 0)
         return false;
     const auto flags =
         static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
@@ -190,7 +191,7 @@ bool replaceHandlerFile(const std::string& text) {
                                  static_cast<int>(before.st_mode & kFileMode), &error))
         return true;
     const std::unique_ptr<GError, FreeError> owned(error);
-    PrvPrintErr(kUpdate, __LINE__, "Cannot write to file.");
+    PrvPrintErr(site, "Cannot write to file.");
     return false;
 }
 
@@ -211,21 +212,21 @@ void removeUnfinishedRewrites() {
 }
 
 // What cannot be written back at a withdrawal is refused at once.
-bool canBeRewritten(const std::string& record) {
+bool canBeRewritten(const std::string& record, CallSite site) {
     Record parsed;
     bool app = false;
     return !parseRecord(record, parsed, app) ||
-           fitsLine(shortRecordText(parsed.node, parsed.endpoint, false, false));
+           fitsLine(shortRecordText(parsed.node, parsed.endpoint, false, false), site);
 }
 
-bool appendRecord(const char* line) {
+bool appendRecord(const char* line, CallSite site) {
     std::string record(line);
     std::replace_if(
         record.begin(), record.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-    if (!fitsLine(record) || !canBeRewritten(record))
+    if (!fitsLine(record, site) || !canBeRewritten(record, site))
         return false;
-    const File file = openHandlerFile("a");
-    return file && writeRecord(file.get(), record);
+    const File file = openHandlerFile("a", site);
+    return file && writeRecord(file.get(), record, site);
 }
 
 }  // namespace
@@ -252,7 +253,7 @@ void PubSubSession::ReadHandlerFile() {
     removeUnfinishedRewrites();
     File file(std::fopen(handlerFile().c_str(), "r"));
     if (!file) {
-        PrvPrintErr(__func__, __LINE__, "Warning: No handler file present");
+        PrvPrintErr({}, "Warning: No handler file present");
         return;
     }
     // sic: set once, before the first line. A record without "app" goes to the table of the record before it.
@@ -262,7 +263,7 @@ void PubSubSession::ReadHandlerFile() {
     Record record;
     while (readLine(file.get(), line)) {
         if (!parseRecord(line, record, app)) {
-            PrvPrintErr(__func__, __LINE__, "Malformed handler file. Stop reading \n");
+            PrvPrintErr({}, "Malformed handler file. Stop reading \n");
             file.reset();
             unlink(handlerFile().c_str());
             return;
@@ -272,12 +273,13 @@ void PubSubSession::ReadHandlerFile() {
 }
 
 bool PubSubSession::UpdateHandlerFile(const char* line, bool append) {
-    if (!makeStateDir())
+    const CallSite site;
+    if (!makeStateDir(site))
         return false;
     if (append)
-        return appendRecord(line);
-    Rewrite rewrite;
+        return appendRecord(line, site);
+    Rewrite rewrite(site);
     rewrite.add(serviceNodeMap, false);
     rewrite.add(appNodeMap, true);
-    return replaceHandlerFile(rewrite.text()) && rewrite.complete();
+    return replaceHandlerFile(rewrite.text(), site) && rewrite.complete();
 }

@@ -25,7 +25,6 @@ constexpr const char* kEventNamespace = "http://jabber.org/protocol/pubsub#event
 constexpr const char* kFormNamespace = "jabber:x:data";
 
 // The log names the operation and not the step of it that failed.
-constexpr const char* kHandleMessage = "handleMessage";
 
 const gloox::Tag* childIn(const gloox::Tag& parent, const std::string& name, const char* xmlns) {
     for (const gloox::Tag* child : parent.children())
@@ -62,7 +61,7 @@ std::string fieldValue(const gloox::Tag& form, const std::string& var) {
     return {};
 }
 
-void pushSubscription(QSZeltService* service, const gloox::Tag& subscription) {
+void pushSubscription(QSZeltService* service, const gloox::Tag& subscription, CallSite site = {}) {
     const std::string& node = subscription.findAttribute("node");
     const JsonRef object(json_object_new_object());
     addText(object.get(), "node", node);
@@ -70,11 +69,12 @@ void pushSubscription(QSZeltService* service, const gloox::Tag& subscription) {
     addText(object.get(), "subscription", subscription.findAttribute("subscription"));
     BusError error;
     if (!QSSubscriptionRespond(service, node.c_str(), json_object_to_json_string(object.get()), error))
-        PrvPrintErr(kHandleMessage, __LINE__,
-                    "Warning: Sending item failed, no subscriber for Node? Bus error %s ", error.message());
+        PrvPrintErr(site, "Warning: Sending item failed, no subscriber for Node? Bus error %s ",
+                    error.message());
 }
 
-void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std::string& messageId) {
+void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std::string& messageId,
+                       CallSite site = {}) {
     const std::string node = fieldValue(form, "pubsub#node");
     const JsonRef object(json_object_new_object());
     addText(object.get(), "subid", fieldValue(form, "pubsub#subid"));
@@ -86,8 +86,7 @@ void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std
     for (const std::string& key : {"handleAuth:" + node, std::string("handleAuth:*")}) {
         BusError error;
         if (!QSSubscriptionRespond(service, key.c_str(), payload, error))
-            PrvPrintErr(kHandleMessage, __LINE__, "Warning: No one approve message? Quor error %s ",
-                        error.message());
+            PrvPrintErr(site, "Warning: No one approve message? Quor error %s ", error.message());
     }
 }
 
@@ -116,7 +115,7 @@ void PubSubSession::handleMessage(const gloox::Message& message, gloox::MessageS
     if (form->hasAttribute("type", "form"))
         pushAuthorisation(m_serviceHandle, *form, element.findAttribute("id"));
     else
-        PrvPrintErr(__func__, __LINE__, "Warning: We have x-data that is not a form %s", form->xml().c_str());
+        PrvPrintErr({}, "Warning: We have x-data that is not a form %s", form->xml().c_str());
 }
 
 void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
@@ -124,7 +123,7 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     const gloox::Tag* item = items.findChild("item");
     const gloox::Tag* payload = item ? item->findChild("payload") : nullptr;
     if (!payload) {
-        PrvPrintErr(__func__, __LINE__, "Malformed items packet? Item will not be delivered");
+        PrvPrintErr({}, "Malformed items packet? Item will not be delivered");
         return;
     }
     const std::string& seqNo = item->findAttribute("seqNo");
@@ -136,7 +135,7 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     };
 
     if (isForeign(node, *this)) {
-        PrvPrintErr(__func__, __LINE__, "Item dropped, its node %s belongs to another account", node.c_str());
+        PrvPrintErr({}, "Item dropped, its node %s belongs to another account", node.c_str());
         acknowledge();
         return;
     }
@@ -174,7 +173,7 @@ bool PubSubSession::sendMessageToServices(json_object* serviceObject, const std:
             continue;
         QSErrorPrint(error, stderr);
         // sic: a node with a registration never caches its items, whatever the text says.
-        PrvPrintErr(__func__, __LINE__, "QSCall to a registered callback failed. Item sent to cache\n");
+        PrvPrintErr({}, "QSCall to a registered callback failed. Item sent to cache\n");
     }
     return true;
 }
@@ -197,8 +196,7 @@ bool PubSubSession::sendMessageToApp(json_object* serviceObject, json_object* ap
         if (taken)
             setPowerOn();
         else
-            PrvPrintErr(__func__, __LINE__,
-                        "Warning: Sending item failed, no subscriber for Node?  Bus error %s ",
+            PrvPrintErr({}, "Warning: Sending item failed, no subscriber for Node?  Bus error %s ",
                         error.message());
         removeSubMap(node);
         return taken;
@@ -207,14 +205,14 @@ bool PubSubSession::sendMessageToApp(json_object* serviceObject, json_object* ap
     if (offline == m_offlineMap.end())
         return false;
     if (!m_onCloseRegistered) {
-        PrvPrintErr(__func__, __LINE__, "Sub Map present - No subs, no offlineclose? %s", node.c_str());
+        PrvPrintErr({}, "Sub Map present - No subs, no offlineclose? %s", node.c_str());
         return false;
     }
     addText(serviceObject, "appid", offline->second);
     BusError error;
     if (!QSSubscriptionPost(m_privateHandle, "/", "registerOnClose",
                             json_object_to_json_string(serviceObject), error))
-        PrvPrintErr(__func__, __LINE__, "Sending item to registerOnclose failed. Error %s ", error.message());
+        PrvPrintErr({}, "Sending item to registerOnclose failed. Error %s ", error.message());
     // The item is cached as well, so that the application that is told of it can fetch it.
     return false;
 }

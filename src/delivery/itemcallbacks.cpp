@@ -21,11 +21,11 @@ struct CallbackRequest {
     std::string errorText = "Bad Argument";
 };
 
-bool parse(const char* function, int line, QSMessage* message, CallbackRequest& request) {
+bool parse(CallSite site, QSMessage* message, CallbackRequest& request) {
     request.payload = parseJson(QSMessageGetPayload(message));
     if (request.payload)
         return true;
-    PrvPrintErr(function, line, "Malformed json packet? \n");
+    PrvPrintErr(site, "Malformed json packet? \n");
     request.errorText = "Malformed json";
     return false;
 }
@@ -54,10 +54,10 @@ bool readFullNames(const PubSubSession& session, CallbackRequest& request) {
     return true;
 }
 
-bool reply(const char* function, int line, QSHandle* handle, QSMessage* message, bool success) {
+bool reply(CallSite site, QSHandle* handle, QSMessage* message, bool success) {
     JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "returnValue", json_object_new_boolean(success));
-    sendReply(handle, message, json_object_to_json_string(object.get()), function, line);
+    sendReply(handle, message, json_object_to_json_string(object.get()), site);
     return true;
 }
 
@@ -66,10 +66,8 @@ bool refuse(QSHandle* handle, QSMessage* message, const CallbackRequest& request
     return true;
 }
 
-bool refuseRegistration(const char* function, int line, QSHandle* handle, QSMessage* message,
-                        const CallbackRequest& request) {
-    PrvPrintErr(function, line, "Error %s, Incoming %s", request.errorText.c_str(),
-                QSMessageGetPayload(message));
+bool refuseRegistration(CallSite site, QSHandle* handle, QSMessage* message, const CallbackRequest& request) {
+    PrvPrintErr(site, "Error %s, Incoming %s", request.errorText.c_str(), QSMessageGetPayload(message));
     return refuse(handle, message, request);
 }
 
@@ -88,28 +86,28 @@ bool addRegistration(PubSubSession& session, const CallbackRequest& request, con
 
 bool registerItemCallback(QSHandle* handle, QSMessage* message, void*) {
     CallbackRequest request;
-    if (!parse(__func__, __LINE__, message, request) || !readNames(request))
-        return refuseRegistration(__func__, __LINE__, handle, message, request);
+    if (!parse({}, message, request) || !readNames(request))
+        return refuseRegistration({}, handle, message, request);
     const bool done = addRegistration(gCurrentSession, request, QSMessageGetPayload(message));
-    return reply(__func__, __LINE__, handle, message, done);
+    return reply({}, handle, message, done);
 }
 
 bool registerItemCallbackV2(QSHandle* handle, QSMessage* message, void*) {
     CallbackRequest request;
-    if (!parse(__func__, __LINE__, message, request) || !readFullNames(gCurrentSession, request))
-        return refuseRegistration(__func__, __LINE__, handle, message, request);
+    if (!parse({}, message, request) || !readFullNames(gCurrentSession, request))
+        return refuseRegistration({}, handle, message, request);
     const bool done =
         addRegistration(gCurrentSession, request, json_object_to_json_string(request.payload.get()));
-    return reply(__func__, __LINE__, handle, message, done);
+    return reply({}, handle, message, done);
 }
 
 bool unRegisterItemCallback(QSHandle* handle, QSMessage* message, void*) {
     CallbackRequest request;
     bool app = false;
-    if (!parse(__func__, __LINE__, message, request) || !readNames(request) ||
+    if (!parse({}, message, request) || !readNames(request) ||
         !getJSONboolean(request.payload.get(), "app", request.errorText, app))
         return refuse(handle, message, request);
     if (gCurrentSession.removeNodeFromMap(request.node, request.endpoint, app))
         gCurrentSession.UpdateHandlerFile("", false);
-    return reply(__func__, __LINE__, handle, message, true);
+    return reply({}, handle, message, true);
 }

@@ -22,7 +22,7 @@ void PubSubSession::commitOfflinePrefHandle() {
     if (m_offlinePrefHandle) {
         const int result = QPAppFreeHandle(m_offlinePrefHandle, true);
         if (result != QP_OK)
-            PrvPrintErr(__func__, __LINE__, "Error: QPFreeHandle failed returned %d,", result);
+            PrvPrintErr({}, "Error: QPFreeHandle failed returned %d,", result);
         m_offlinePrefHandle = nullptr;
     }
     getOfflinePrefHandle();
@@ -31,24 +31,24 @@ void PubSubSession::commitOfflinePrefHandle() {
 void PubSubSession::persistOfflineMap(const std::string& node, const std::string& value) {
     QPHandle* handle = getOfflinePrefHandle();
     if (!handle || node.empty() || value.empty()) {
-        PrvPrintErr(__func__, __LINE__, "Bad parameters %s %s", node.c_str(), value.c_str());
+        PrvPrintErr({}, "Bad parameters %s %s", node.c_str(), value.c_str());
         return;
     }
     const int result = QPAppSetValueString(handle, node.c_str(), value.c_str());
     if (result != QP_OK)
-        PrvPrintErr(__func__, __LINE__, "Error: QPAppSetValue returned %d, Failed to persist offlineMap %s",
-                    result, node.c_str());
+        PrvPrintErr({}, "Error: QPAppSetValue returned %d, Failed to persist offlineMap %s", result,
+                    node.c_str());
     commitOfflinePrefHandle();
 }
 
 void PubSubSession::deleteOfflineMap(const std::string& node) {
     QPHandle* handle = getOfflinePrefHandle();
     if (!handle || node.empty()) {
-        PrvPrintErr(__func__, __LINE__, "Bad parameters %s", node.c_str());
+        PrvPrintErr({}, "Bad parameters %s", node.c_str());
         return;
     }
     if (QPAppRemoveValue(handle, node.c_str()) != QP_OK)
-        PrvPrintErr(__func__, __LINE__, "Error removing value from prefs %s ", node.c_str());
+        PrvPrintErr({}, "Error removing value from prefs %s ", node.c_str());
     commitOfflinePrefHandle();
 }
 
@@ -86,8 +86,7 @@ void PubSubSession::loadOfflineMapFromDisk() {
         QPHandle* handle = getOfflinePrefHandle();
         char* value = nullptr;
         if (!handle || QPAppCopyValueString(handle, node.c_str(), &value) != QP_OK || !value) {
-            PrvPrintErr(__func__, __LINE__, "Could not read value for node in offline store %s",
-                        node.c_str());
+            PrvPrintErr({}, "Could not read value for node in offline store %s", node.c_str());
             continue;
         }
         setOfflineMap(node, value);

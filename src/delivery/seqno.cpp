@@ -59,7 +59,7 @@ uint64_t numberOf(const std::string& text) {
 bool PubSubSession::getSeqNo(const std::string& node, std::string& seqNo) {
     seqNo = "0";
     if (const int result = openPrefs(m_prefsHandle); result != QP_OK) {
-        PrvPrintErr(__func__, __LINE__, "Getting app handle failed. %d", result);
+        PrvPrintErr({}, "Getting app handle failed. %d", result);
         return false;
     }
     bool damaged = false;
@@ -67,7 +67,7 @@ bool PubSubSession::getSeqNo(const std::string& node, std::string& seqNo) {
     if (!record && !damaged && hasNumberAmongRecords(m_prefsHandle, node))
         record = readNumber(m_prefsHandle, node, damaged);
     if (damaged)
-        PrvPrintErr(__func__, __LINE__, "Parsing value failed");
+        PrvPrintErr({}, "Parsing value failed");
     if (!record)
         return false;
     std::string ignored;
@@ -92,7 +92,7 @@ void PubSubSession::persistSeqNo(const std::string& node, const std::string& seq
         return;
     if (node.empty()) {
         // sic: the two values stand in each other's place.
-        PrvPrintErr(__func__, __LINE__, "Item id not saved Node %s , SeqNo:%s", seqNo.c_str(), node.c_str());
+        PrvPrintErr({}, "Item id not saved Node %s , SeqNo:%s", seqNo.c_str(), node.c_str());
         return;
     }
     const JsonRef record(json_object_new_object());
@@ -100,13 +100,13 @@ void PubSubSession::persistSeqNo(const std::string& node, const std::string& seq
     const int result =
         QPAppSetValue(m_prefsHandle, keyOf(node).c_str(), json_object_to_json_string(record.get()));
     if (result != QP_OK)
-        PrvPrintErr(__func__, __LINE__, "Error: QPAppSetValue returned %d, On failed", result);
+        PrvPrintErr({}, "Error: QPAppSetValue returned %d, On failed", result);
     else if (hasNumberAmongRecords(m_prefsHandle, node))
         QPAppRemoveValue(m_prefsHandle, node.c_str());
     QPAppFreeHandle(m_prefsHandle, true);
     m_prefsHandle = nullptr;
     if (openPrefs(m_prefsHandle) != QP_OK) {
-        PrvPrintErr(__func__, __LINE__, "Getting app handle failed!");
+        PrvPrintErr({}, "Getting app handle failed!");
         m_prefsHandle = nullptr;
     }
 }

@@ -14,7 +14,7 @@ bool checkAndRemove(QSHandle* handle, const std::string& node) {
     QSSubscriptionIter* subscribers = nullptr;
     BusError error;
     if (!QSSubscriptionAcquire(handle, node.c_str(), &subscribers, error)) {
-        PrvPrintErr(__func__, __LINE__, "Subscription acquire failed %s\n", error.message());
+        PrvPrintErr({}, "Subscription acquire failed %s\n", error.message());
         return false;
     }
     if (QSSubscriptionHasNext(subscribers)) {

@@ -40,7 +40,7 @@ bool subscribeToNode(QSHandle* handle, QSMessage* message, void*) {
     std::string node;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
     if (!payload) {
-        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr({}, "Malformed json packet? \n");
         return refuse(handle, message, errorCode, "Malformed json", node);
     }
     node = getJSONString(payload.get(), "node", errorText);
@@ -74,8 +74,8 @@ void PubSubSession::handleSubscriptionResult(const std::string& id, const gloox:
     json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(!error));
     json_object_object_add(reply.get(), "node", json_object_new_string(node.c_str()));
     if (error) {
-        PrvPrintErr(__func__, __LINE__, "Node %s error:  from %s", node.c_str(), service.full().c_str());
-        printerror(error, __func__);
+        PrvPrintErr({}, "Node %s error:  from %s", node.c_str(), service.full().c_str());
+        printerror(error);
         std::string errorCode;
         std::string errorText;
         getErrorCode(error, errorCode, errorText);
@@ -89,6 +89,6 @@ void PubSubSession::handleSubscriptionResult(const std::string& id, const gloox:
     BusError busError;
     if (!QSMessageRespond(waiting ? waiting.mapped().get() : nullptr, json_object_to_json_string(reply.get()),
                           busError))
-        PrvPrintErr(__func__, __LINE__, "Sending response to handleSubscriptionResult failed id %s Error %s ",
-                    id.c_str(), busError.message());
+        PrvPrintErr({}, "Sending response to handleSubscriptionResult failed id %s Error %s ", id.c_str(),
+                    busError.message());
 }

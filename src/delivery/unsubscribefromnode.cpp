@@ -31,14 +31,14 @@ bool unsubscribeFromNode(QSHandle* handle, QSMessage* message, void*) {
     std::string errorText = "Bad Argument";
     std::string node;
     if (!session.m_pubsub) {
-        PrvPrintErr(__func__, __LINE__, "PubSub manager not intialized");  // sic: spelled so
+        PrvPrintErr({}, "PubSub manager not intialized");  // sic: spelled so
         return refuse(handle, message, "libErr", "Service not initialized", node);
     }
     if (!session.m_connected)
         return refuse(handle, message, "connectionErr", "Not connected to xmpp server", node);
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
     if (!payload) {
-        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr({}, "Malformed json packet? \n");
         return refuse(handle, message, errorCode, "Malformed json", node);
     }
     node = getJSONString(payload.get(), "node", errorText);
@@ -65,9 +65,8 @@ void PubSubSession::handleUnsubscriptionResult(const std::string& id, const gloo
     json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(!error));
     json_object_object_add(reply.get(), "node", json_object_new_string(node.c_str()));
     if (error) {
-        PrvPrintErr(__func__, __LINE__, "Unsubscribe %s error:  from %s", node.c_str(),
-                    service.full().c_str());
-        printerror(error, __func__);
+        PrvPrintErr({}, "Unsubscribe %s error:  from %s", node.c_str(), service.full().c_str());
+        printerror(error);
         std::string errorCode;
         std::string errorText;
         getErrorCode(error, errorCode, errorText);
@@ -78,7 +77,7 @@ void PubSubSession::handleUnsubscriptionResult(const std::string& id, const gloo
     BusError busError;
     if (!QSMessageRespond(waiting ? waiting.mapped().get() : nullptr, json_object_to_json_string(reply.get()),
                           busError))
-        PrvPrintErr(__func__, __LINE__,
+        PrvPrintErr({},
                     "Sending response to delete Node failed id %s Error %s ",  // sic: copied text
                     id.c_str(), busError.message());
 }

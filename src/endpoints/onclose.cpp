@@ -35,14 +35,13 @@ void notifyOfflineSubscriber(const std::string& first, const std::string&) {
     BusError error;
     if (!QSSubscriptionPost(gCurrentSession.m_privateHandle, "/", "registerOnClose",
                             json_object_to_json_string(notice.get()), error))
-        PrvPrintErr(__func__, __LINE__, "Sending close to registerOnclose failed. Error %s ",
-                    error.message());
+        PrvPrintErr({}, "Sending close to registerOnclose failed. Error %s ", error.message());
 }
 
 bool wantsSubscription(QSMessage* message, std::string& errorText) {
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
     if (!payload) {
-        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr({}, "Malformed json packet? \n");
         errorText = "Malformed json";
         return false;
     }
@@ -65,13 +64,12 @@ bool registerOnClose(QSHandle* handle, QSMessage* message, void*) {
     bool subscribed = false;
     BusError error;
     if (!QSSubscriptionProcess(handle, message, &subscribed, error)) {
-        PrvPrintErr(__func__, __LINE__, "Processing subscription failed %d %s", error.code(),
-                    error.message());
+        PrvPrintErr({}, "Processing subscription failed %d %s", error.code(), error.message());
         HandleError(handle, message, "libErr", "Subscribe on Zelt bus failed", nullptr);
         return true;
     }
     gCurrentSession.m_onCloseRegistered = true;
-    sendReply(handle, message, R"({"returnValue":true})", __func__, __LINE__);
+    sendReply(handle, message, R"({"returnValue":true})");
     return true;
 }
 
@@ -79,14 +77,14 @@ bool subscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     PublicRequest request(handle, message);
     if (!request.readEndpoint(false) || !request.formNode())
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     bool present = false;
     std::string ignored;
     session.checkOfflineMap(request.node, present, ignored, ignored);
     if (const WriteTurn turn =
             session.takeWriteTurn(request, !present && maySubscribeMore(request.appId), subscribeOnClose);
         turn != WriteTurn::Now)
-        return turn == WriteTurn::Later || request.refuseWrite(__func__, __LINE__);
+        return turn == WriteTurn::Later || request.refuseWrite();
     if (present) {
         // sic: the listener gets the node name as "appid".
         notifyOfflineSubscriber(request.node, request.appId);
@@ -94,26 +92,24 @@ bool subscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
         session.setOfflineMap(request.node, request.appId);
     } else {
         request.fail("appErr", kTooMany);
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     }
-    sendReply(handle, message, json_object_to_json_string(endpointReply(true, request.endpoint).get()),
-              __func__, __LINE__);
+    sendReply(handle, message, json_object_to_json_string(endpointReply(true, request.endpoint).get()));
     return true;
 }
 
 bool unsubscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
     PublicRequest request(handle, message);
     if (!request.readEndpoint(false) || !request.formNode())
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     if (const WriteTurn turn = gCurrentSession.takeWriteTurn(
             request, gCurrentSession.m_offlineMap.contains(request.node), unsubscribeOnClose);
         turn != WriteTurn::Now)
-        return turn == WriteTurn::Later || request.refuseWrite(__func__, __LINE__);
+        return turn == WriteTurn::Later || request.refuseWrite();
     gCurrentSession.removeOfflineMap(request.node);
     const JsonRef reply = endpointReply(true, request.endpoint);
     BusError error;
     if (!QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
-        PrvPrintErr(__func__, __LINE__, "Sending response to unsubscribeOnClose failed id %s Error %s ", "",
-                    error.message());
+        PrvPrintErr({}, "Sending response to unsubscribeOnClose failed id %s Error %s ", "", error.message());
     return true;
 }

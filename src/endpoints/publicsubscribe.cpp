@@ -34,15 +34,14 @@ bool respondToSubscribe(QSMessage* message, const JsonRef& reply, const std::str
     BusError error;
     if (QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
         return true;
-    PrvPrintErr(__func__, __LINE__, "Sending response to subscribe failed id %s Error %s ", id.c_str(),
-                error.message());
+    PrvPrintErr({}, "Sending response to subscribe failed id %s Error %s ", id.c_str(), error.message());
     return false;
 }
 
 void respondToUnsubscribe(QSMessage* message, const JsonRef& reply, const std::string& id) {
     BusError error;
     if (!QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
-        PrvPrintErr(__func__, __LINE__, "Sending response to unsubscribe failed id %s Error %s ", id.c_str(),
+        PrvPrintErr({}, "Sending response to unsubscribe failed id %s Error %s ", id.c_str(),
                     error.message());
 }
 
@@ -56,15 +55,15 @@ void handOver(const PublicRequest& request, json_object* item) {
     if (QSMessageRespond(message.get(), json_object_to_json_string(item), error))
         PubSubSession::deleteItemFromCache(request.node);
     else
-        PrvPrintErr(__func__, __LINE__,
-                    "Warning: Sending item failed, no subscriber for Node?  Bus error %s ", error.message());
+        PrvPrintErr({}, "Warning: Sending item failed, no subscriber for Node?  Bus error %s ",
+                    error.message());
 }
 
 bool joinList(PublicRequest& request) {
     BusError error;
     if (QSSubscriptionAdd(request.handle, request.node.c_str(), request.message, error))
         return true;
-    PrvPrintErr(__func__, __LINE__, "Adding subscribe callback failed %s\n", error.message());
+    PrvPrintErr({}, "Adding subscribe callback failed %s\n", error.message());
     return request.fail("libErr", "Adding subscription callback failed");
 }
 
@@ -99,7 +98,7 @@ bool subscribe(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     PublicRequest request(handle, message);
     if (!request.readEndpoint(false) || !request.formNode())
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     if (isSubscribed(request.node)) {
         const JsonRef reply = endpointReply(true, request.endpoint);
         addMember(reply, "status", "subscribed");
@@ -111,13 +110,13 @@ bool subscribe(QSHandle* handle, QSMessage* message, void*) {
         return true;
     }
     if (!joinList(request))
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     if (!canActivate(session)) {
         session.m_deferredSubscribes[request.node] = {request.endpoint, request.appId, request.node,
                                                       KeptMessage(message)};
     } else if (!activateFor(request)) {
         leaveList(request);
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     }
     session.setSubMap(request.node, request.appId, handle);
     return true;
@@ -127,7 +126,7 @@ bool unsubscribe(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     PublicRequest request(handle, message);
     if (!request.readEndpoint(false) || !request.formNode())
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     bool onClose = false;
     std::string ignored;
     getJSONboolean(request.object(), "onclose", ignored, onClose);
@@ -135,7 +134,7 @@ bool unsubscribe(QSHandle* handle, QSMessage* message, void*) {
         if (const WriteTurn turn =
                 session.takeWriteTurn(request, session.m_offlineMap.contains(request.node), unsubscribe);
             turn != WriteTurn::Now)
-            return turn == WriteTurn::Later || request.refuseWrite(__func__, __LINE__);
+            return turn == WriteTurn::Later || request.refuseWrite();
         session.removeOfflineMap(request.node);
     }
 
@@ -156,7 +155,7 @@ bool unsubscribe(QSHandle* handle, QSMessage* message, void*) {
         session.m_pubsub->deActivateNode(gloox::JID(session.m_pubsubService), request.node, &session);
     if (id.empty()) {
         request.fail("libErr", kNotInitialized);
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     }
     session.setEndpointMap(id, message, request.endpoint, request.node, request.appId);
     respondToUnsubscribe(message, reply, id);
@@ -177,7 +176,7 @@ void PubSubSession::activateDeferredSubscribers() {
         } else {
             QSHandle* handle = subMap[request.node].handle;
             removeSubMap(request.node);
-            PrvPrintErr(__func__, __LINE__, "Error %s, Incoming %s", kNotInitialized,
+            PrvPrintErr({}, "Error %s, Incoming %s", kNotInitialized,
                         QSMessageGetPayload(request.message.get()));
             JsonRef context(json_object_new_object());
             addMember(context, "endpoint", request.endpoint);

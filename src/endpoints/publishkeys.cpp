@@ -22,14 +22,14 @@ constexpr char kNotInitialized[] = "pubsubservice library is not initialized";
 
 // Sends the operation's key or the server's refusal to the caller. `logged` names the node in the log.
 JsonRef keyReply(const _endpointStruct& request, const std::string& key, const gloox::JID& service,
-                 const gloox::Error* error, const std::string& logged, const char* function) {
+                 const gloox::Error* error, const std::string& logged, CallSite site = {}) {
     JsonRef reply = endpointReply(!error, request.endpoint);
     if (!error) {
         addMember(reply, "publishKey", key);
         return reply;
     }
-    PrvPrintErr(function, __LINE__, "Node %s error:  from %s", logged.c_str(), service.full().c_str());
-    printerror(error, function);
+    PrvPrintErr(site, "Node %s error:  from %s", logged.c_str(), service.full().c_str());
+    printerror(error, site);
     std::string ignored;
     std::string text;
     getErrorCode(error, ignored, text);
@@ -53,22 +53,22 @@ bool createEndpoint(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     PublicRequest request(handle, message);
     if (!request.readEndpoint(true))
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     const std::string description = getJSONString(request.object(), "description", {});
     if (description.size() > kDescriptionLength) {
-        PrvPrintErr(__func__, __LINE__, "desc. too long");
+        PrvPrintErr({}, "desc. too long");
         request.fail("parameterErr", "description too long");
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     }
     int32_t accessType = 0;
     std::string ignored;
     getJSONInt(request.object(), "accessType", ignored, accessType);
     if (!request.formNode())
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     bool known = false;
     if (!session.mayOwnNode(request.node, request.appId, &known)) {
         request.fail("appErr", kTooMany);
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     }
     const auto access =
         accessType == kAccessAuthorize ? gloox::PubSub::AccessAuthorize : gloox::PubSub::AccessWhitelist;
@@ -77,7 +77,7 @@ bool createEndpoint(QSHandle* handle, QSMessage* message, void*) {
                                         request.node, &session, description, "", access, nullptr);
     if (id.empty()) {
         request.fail("libErr", kNotInitialized);
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     }
     session.setEndpointMap(id, message, request.endpoint, request.node, request.appId);
     if (!known)
@@ -89,12 +89,12 @@ bool deleteEndpoint(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     PublicRequest request(handle, message);
     if (!request.readEndpoint(true) || !request.formNode())
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     const std::string id =
         session.m_pubsub->deleteNode(gloox::JID(session.m_pubsubService), request.node, &session);
     if (id.empty()) {
         request.fail("libErr", "gloox library is not initialized");
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     }
     removeSeqNo(request.node, session);
     session.setEndpointMap(id, message, request.endpoint, request.node, request.appId);
@@ -105,12 +105,12 @@ bool getPublishKey(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     PublicRequest request(handle, message);
     if (!request.readEndpoint(true) || !request.formNode())
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     const std::string id =
         session.m_pubsub->getKey(gloox::JID(session.m_pubsubService), request.node, &session);
     if (id.empty()) {
         request.fail("libErr", kNotInitialized);
-        return request.refuse(__func__, __LINE__);
+        return request.refuse();
     }
     session.setEndpointMap(id, message, request.endpoint, "", "");
     return true;
@@ -123,7 +123,7 @@ void PubSubSession::setEndpointMap(const std::string& id, QSMessage* message, co
 
 void PubSubSession::removeFromEndointMap(const std::string& id) {
     if (m_endpointMap.erase(id) == 0)
-        PrvPrintErr(__func__, __LINE__, "Did not find %s in endpoint map", id.c_str());
+        PrvPrintErr({}, "Did not find %s in endpoint map", id.c_str());
 }
 
 void PubSubSession::handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
@@ -131,20 +131,19 @@ void PubSubSession::handleCreateKey(const std::string& id, const gloox::JID& ser
     setPingTimer();
     const auto found = m_endpointMap.find(id);
     if (found == m_endpointMap.end()) {
-        PrvPrintErr(__func__, __LINE__, "We got a create key with no endpointmap %s", id.c_str());
+        PrvPrintErr({}, "We got a create key with no endpointmap %s", id.c_str());
         return;
     }
     const _endpointStruct request = found->second;
     if (!error)
         addNodeToDeleteStore(request.node, request.appId);
-    const JsonRef reply = keyReply(request, key, service, error, request.node, __func__);
+    const JsonRef reply = keyReply(request, key, service, error, request.node);
     if (!error && !status.empty())
         addMember(reply, "status", status);
     removeFromEndointMap(id);
     BusError busError;
     if (!QSMessageRespond(request.message.get(), json_object_to_json_string(reply.get()), busError))
-        PrvPrintErr(__func__, __LINE__, "Sending response to client failed id %s Error %s ", id.c_str(),
-                    busError.message());
+        PrvPrintErr({}, "Sending response to client failed id %s Error %s ", id.c_str(), busError.message());
 }
 
 void PubSubSession::handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
@@ -156,15 +155,15 @@ void PubSubSession::handleKeyCb(const std::string& id, const gloox::JID& service
                                 const gloox::Error* error, const std::string& what, bool) {
     const auto found = m_endpointMap.find(id);
     if (found == m_endpointMap.end()) {
-        PrvPrintErr(__func__, __LINE__, "We got a get key with no endpointmap %s", id.c_str());
+        PrvPrintErr({}, "We got a get key with no endpointmap %s", id.c_str());
         return;
     }
     const _endpointStruct request = found->second;
     // The request keeps no node, so the log names the endpoint.
-    const JsonRef reply = keyReply(request, key, service, error, request.endpoint, __func__);
+    const JsonRef reply = keyReply(request, key, service, error, request.endpoint);
     removeFromEndointMap(id);
     BusError busError;
     if (!QSMessageRespond(request.message.get(), json_object_to_json_string(reply.get()), busError))
-        PrvPrintErr(__func__, __LINE__, "Sending response to %s key failed id %s Error %s ", what.c_str(),
-                    id.c_str(), busError.message());
+        PrvPrintErr({}, "Sending response to %s key failed id %s Error %s ", what.c_str(), id.c_str(),
+                    busError.message());
 }

@@ -58,8 +58,7 @@ bool activateNode(QSHandle* handle, QSMessage* message, void*) {
         ready = false;
     }
     if (!ready) {
-        PrvPrintErr(__func__, __LINE__, "Error %s, Incoming %s", errorText.c_str(),
-                    QSMessageGetPayload(message));
+        PrvPrintErr({}, "Error %s, Incoming %s", errorText.c_str(), QSMessageGetPayload(message));
         json_object* context = json_object_new_object();
         addText(context, "endpoint", node);
         HandleError(handle, message, errorCode, errorText, context);
@@ -114,7 +113,7 @@ void PubSubSession::handleActivateNode(const std::string& id, const gloox::JID& 
     if (waiting)
         firstAnswerGiven(waiting.mapped());
     if (error) {
-        printerror(error, __func__);
+        printerror(error);
         removeActivateMap(node);
         removeSubMap(node);
     } else {
@@ -124,13 +123,12 @@ void PubSubSession::handleActivateNode(const std::string& id, const gloox::JID& 
         return;
     const _endpointStruct& request = waiting.mapped();
     if (error)
-        PrvPrintErr(__func__, __LINE__, "Endpoint %s Sub error:  from %s", request.endpoint.c_str(),
-                    service.full().c_str());
+        PrvPrintErr({}, "Endpoint %s Sub error:  from %s", request.endpoint.c_str(), service.full().c_str());
     const JsonRef reply = resultReply(request.endpoint, error);
     BusError busError;
     if (!QSMessageRespond(request.message.get(), json_object_to_json_string(reply.get()), busError))
-        PrvPrintErr(__func__, __LINE__, "Sending response to handleActivateNode failed id %s Error %s ",
-                    id.c_str(), busError.message());
+        PrvPrintErr({}, "Sending response to handleActivateNode failed id %s Error %s ", id.c_str(),
+                    busError.message());
 }
 
 void PubSubSession::handleDeActivateNode(const std::string& id, const gloox::JID& service,
@@ -138,7 +136,7 @@ void PubSubSession::handleDeActivateNode(const std::string& id, const gloox::JID
     setPingTimer();
     const auto waiting = m_endpointMap.extract(id);
     if (error) {
-        printerror(error, __func__);
+        printerror(error);
     } else {
         removeActivateMap(node);
         removeSubMap(node);
@@ -147,19 +145,19 @@ void PubSubSession::handleDeActivateNode(const std::string& id, const gloox::JID
         return;
     const _endpointStruct& request = waiting.mapped();
     if (error)
-        PrvPrintErr(__func__, __LINE__, "Endpoint %s Unsub error:  from %s", request.endpoint.c_str(),
+        PrvPrintErr({}, "Endpoint %s Unsub error:  from %s", request.endpoint.c_str(),
                     service.full().c_str());
     const JsonRef reply = resultReply(request.endpoint, error);
     BusError busError;
     if (!QSMessageRespond(request.message.get(), json_object_to_json_string(reply.get()), busError))
-        PrvPrintErr(__func__, __LINE__, "Sending response to handleDeActivateNode failed id %s Error %s ",
-                    id.c_str(), busError.message());
+        PrvPrintErr({}, "Sending response to handleDeActivateNode failed id %s Error %s ", id.c_str(),
+                    busError.message());
 }
 
 void PubSubSession::handleActivateSysNodes(const std::string&, const gloox::JID&, const gloox::Error* error) {
-    printerror(error, __func__);
+    printerror(error);
 }
 
 void PubSubSession::handleBulkActivate(const std::string&, const gloox::JID&, const gloox::Error* error) {
-    printerror(error, __func__);
+    printerror(error);
 }

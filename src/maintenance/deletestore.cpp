@@ -41,7 +41,7 @@ constexpr char kValueDamaged[] = "Parsing value failed";
 bool openPrefs(QPHandle*& handle) {
     const int result = handle ? QP_OK : QPAppGetHandle(kPrefsApp, &handle);
     if (result != QP_OK)
-        PrvPrintErr(__func__, __LINE__, kOpenFailed, result);
+        PrvPrintErr({}, kOpenFailed, result);
     return result == QP_OK;
 }
 
@@ -50,7 +50,7 @@ void commitPrefs(QPHandle*& handle) {
     handle = nullptr;
     if (QPAppGetHandle(kPrefsApp, &handle) != QP_OK) {
         handle = nullptr;
-        PrvPrintErr(__func__, __LINE__, "Getting app handle failed!");
+        PrvPrintErr({}, "Getting app handle failed!");
     }
 }
 
@@ -64,7 +64,7 @@ bool readValue(QPHandle* handle, const std::string& key, bool& exists, std::stri
     free(stored);
     if (result == QP_OK || result == QP_NOT_FOUND)
         return true;
-    PrvPrintErr(__func__, __LINE__, "Reading %s from the preferences failed. %d", key.c_str(), result);
+    PrvPrintErr({}, "Reading %s from the preferences failed. %d", key.c_str(), result);
     return false;
 }
 
@@ -80,14 +80,14 @@ bool readRecord(QPHandle* handle, const std::string& key, bool& exists, std::str
 bool writeValue(QPHandle* handle, const std::string& key, json_object* value) {
     const int result = QPAppSetValue(handle, key.c_str(), json_object_to_json_string(value));
     if (result != QP_OK)
-        PrvPrintErr(__func__, __LINE__, kSetFailed, result);
+        PrvPrintErr({}, kSetFailed, result);
     return result == QP_OK;
 }
 
 bool removeValue(QPHandle* handle, const std::string& key) {
     if (QPAppRemoveValue(handle, key.c_str()) == QP_OK)
         return true;
-    PrvPrintErr(__func__, __LINE__, kRemoveFailed, key.c_str());
+    PrvPrintErr({}, kRemoveFailed, key.c_str());
     return false;
 }
 
@@ -168,12 +168,12 @@ bool listDeletion(QPHandle*& handle, const std::string& key) {
         return false;
     JsonRef list = exists ? parseJson(text.c_str()) : listObject(kAppId, json_object_new_array());
     if (!list) {
-        PrvPrintErr(__func__, __LINE__, kRecordDamaged, key.c_str());
+        PrvPrintErr({}, kRecordDamaged, key.c_str());
         return false;
     }
     json_object* keys = arrayMember(list.get(), kAppId);
     if (!keys) {
-        PrvPrintErr(__func__, __LINE__, kListDamaged);
+        PrvPrintErr({}, kListDamaged);
         return false;
     }
     json_object_array_add(keys, json_object_new_string(key.c_str()));
@@ -192,7 +192,7 @@ void unlistDeletion(QPHandle* handle, const std::string& key) {
     const JsonRef list = parseJson(text.c_str());
     json_object* keys = arrayMember(list.get(), kAppId);
     if (!keys)
-        PrvPrintErr(__func__, __LINE__, kValueDamaged);
+        PrvPrintErr({}, kValueDamaged);
     else
         writeWithout(handle, kDelete, kAppId, keys, key);
 }
@@ -205,13 +205,13 @@ void removeSeqNo(const std::string& node, PubSubSession& session) {
     PubSubSession::dropSeqNo(session.m_prefsHandle, node);
     const int committed = QPAppFreeHandle(session.m_prefsHandle, true);
     if (committed != QP_OK)
-        PrvPrintErr(__func__, __LINE__, "Commit failed %d ", committed);
+        PrvPrintErr({}, "Commit failed %d ", committed);
     session.m_prefsHandle = nullptr;
     const int opened = QPAppGetHandle(kPrefsApp, &session.m_prefsHandle);
     if (opened == QP_OK)
         return;
     session.m_prefsHandle = nullptr;
-    PrvPrintErr(__func__, __LINE__, "Getting app handle failed! %d ", opened);
+    PrvPrintErr({}, "Getting app handle failed! %d ", opened);
 }
 
 std::set<std::string>& PubSubSession::furtherNodes(const std::string& key) {
@@ -259,12 +259,12 @@ bool PubSubSession::addNodeToDeleteStore(const std::string& node, const std::str
         return false;
     JsonRef record = exists ? parseJson(text.c_str()) : listObject(kNodes, json_object_new_array());
     if (!record) {
-        PrvPrintErr(__func__, __LINE__, kValueDamaged);
+        PrvPrintErr({}, kValueDamaged);
         return false;
     }
     json_object* nodes = arrayMember(record.get(), kNodes);
     if (!nodes) {
-        PrvPrintErr(__func__, __LINE__, "Parsing nodes key failed");
+        PrvPrintErr({}, "Parsing nodes key failed");
         return false;
     }
     std::set<std::string>& further = furtherNodes(key);
@@ -304,17 +304,17 @@ bool PubSubSession::removeNodeFromDeleteStore(const std::string& node, const std
         return true;
     }
     if (!exists) {
-        PrvPrintErr(__func__, __LINE__, "Node %s not present in appid %s", node.c_str(), appId.c_str());
+        PrvPrintErr({}, "Node %s not present in appid %s", node.c_str(), appId.c_str());
         return false;
     }
     const JsonRef record = parseJson(text.c_str());
     if (!record) {
-        PrvPrintErr(__func__, __LINE__, kValueDamaged);
+        PrvPrintErr({}, kValueDamaged);
         return false;
     }
     json_object* nodes = arrayMember(record.get(), kNodes);
     if (!nodes) {
-        PrvPrintErr(__func__, __LINE__, "Parsing nodes key failed");
+        PrvPrintErr({}, "Parsing nodes key failed");
         return false;
     }
     if (!shortenRecord(m_prefsHandle, key, nodes, further))
@@ -338,12 +338,12 @@ bool PubSubSession::cleanupNodes(const std::string& appId, const std::string& st
         return true;
     const JsonRef record = exists ? parseJson(text.c_str()) : listObject(kNodes, json_object_new_array());
     if (!record) {
-        PrvPrintErr(__func__, __LINE__, kRecordDamaged, key.c_str());
+        PrvPrintErr({}, kRecordDamaged, key.c_str());
         return false;
     }
     json_object* listed = arrayMember(record.get(), kNodes);
     if (!listed) {
-        PrvPrintErr(__func__, __LINE__, "Parsing nodes in key failed %s", key.c_str());
+        PrvPrintErr({}, "Parsing nodes in key failed %s", key.c_str());
         return false;
     }
     if (!listDeletion(m_prefsHandle, key))
@@ -362,7 +362,7 @@ bool PubSubSession::cleanupNodes(const std::string& appId, const std::string& st
     const std::string id =
         m_pubsub ? m_pubsub->bulkDelete(gloox::JID(m_pubsubService), nodes, this) : std::string();
     if (id.empty())
-        PrvPrintErr(__func__, __LINE__, "Bulk delete local call failed");
+        PrvPrintErr({}, "Bulk delete local call failed");
     else
         m_deleteMap[id] = key;
     return true;
@@ -376,7 +376,7 @@ void PubSubSession::deleteBulkNodes() {
     const JsonRef list = parseJson(text.c_str());
     json_object* keys = arrayMember(list.get(), kAppId);
     if (!keys) {
-        PrvPrintErr(__func__, __LINE__, kListDamaged);
+        PrvPrintErr({}, kListDamaged);
         return;
     }
     // sic: the entry goes on with its quotes, which no key has, so what was listed while disconnected stays.
@@ -388,7 +388,7 @@ void PubSubSession::handleBulkDelete(const std::string& id, const gloox::JID&, c
     const auto deletion = m_deleteMap.extract(id);
     setPingTimer();
     // sic: a deletion that the server refused is forgotten like one that it did.
-    printerror(error, __func__);
+    printerror(error);
     if (!deletion || !openPrefs(m_prefsHandle))
         return;
     const std::string& key = deletion.mapped();

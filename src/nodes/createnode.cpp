@@ -28,7 +28,7 @@ bool createNode(QSHandle* handle, QSMessage* message, void*) {
     FailureWords words;
     std::string node;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest(__func__, session, payload.get(), words))
+    if (!checkRequest({}, session, payload.get(), words))
         return refuseNode(handle, message, words, node);
 
     int nodeType = 0;
@@ -59,12 +59,12 @@ void PubSubSession::handleNodeCreation(const std::string& id, const gloox::JID& 
                                        const std::string& node, const gloox::Error* error) {
     setPingTimer();
     if (const auto waiting = m_msgMap.extract(id)) {
-        respond(__func__, waiting.mapped().get(), resultReply(__func__, "node", node, node, service, error),
-                id, kCreateRespondFailed);
+        respond({}, waiting.mapped().get(), resultReply({}, "node", node, node, service, error), id,
+                kCreateRespondFailed);
     } else if (const auto endpoint = m_endpointMap.extract(id)) {
         const _endpointStruct& request = endpoint.mapped();
-        respond(__func__, request.message.get(),
-                resultReply(__func__, "endpoint", request.endpoint, node, service, error), id,
+        respond({}, request.message.get(),
+                resultReply({}, "endpoint", request.endpoint, node, service, error), id,
                 kCreateRespondFailed);
     }
 }

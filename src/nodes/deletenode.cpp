@@ -50,7 +50,7 @@ bool deleteNode(QSHandle* handle, QSMessage* message, void*) {
     FailureWords words;
     std::string node;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest(__func__, session, payload.get(), words))
+    if (!checkRequest({}, session, payload.get(), words))
         return refuseNode(handle, message, words, node);
     node = getJSONString(payload.get(), "node", words.text);
     if (node.empty())
@@ -66,14 +66,13 @@ void PubSubSession::handleNodeDeletation(const std::string& id, const gloox::JID
                                          const std::string& node, const gloox::Error* error) {
     setPingTimer();
     if (const auto waiting = m_msgMap.extract(id)) {
-        respond(__func__, waiting.mapped().get(), resultReply(__func__, "node", node, node, service, error),
-                id, kCreateRespondFailed);
+        respond({}, waiting.mapped().get(), resultReply({}, "node", node, node, service, error), id,
+                kCreateRespondFailed);
     } else if (const auto endpoint = m_endpointMap.extract(id)) {
         const _endpointStruct& request = endpoint.mapped();
-        const JsonRef reply =
-            error ? endpointNotDeleted(request, serverWords(__func__, node, service, *error).text)
-                  : endpointDeleted(*this, request);
-        respond(__func__, request.message.get(), reply, id, kDeleteRespondFailed);
+        const JsonRef reply = error ? endpointNotDeleted(request, serverWords({}, node, service, *error).text)
+                                    : endpointDeleted(*this, request);
+        respond({}, request.message.get(), reply, id, kDeleteRespondFailed);
     }
 }
 
@@ -81,7 +80,7 @@ void PubSubSession::handleNodeDeletation(const std::string& id, const gloox::JID
 void PubSubSession::handleNodePurge(const std::string&, const gloox::JID& service, const std::string& node,
                                     const gloox::Error* error) {
     if (error) {
-        printerror(error, __func__);
+        printerror(error);
         std::printf("Node %s error:  from %s\n", node.c_str(), service.full().c_str());
         return;
     }

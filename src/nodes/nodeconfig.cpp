@@ -41,7 +41,7 @@ bool setNodeConfig(QSHandle* handle, QSMessage* message, void*) {
     FailureWords words;
     std::string node;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest(__func__, session, payload.get(), words))
+    if (!checkRequest({}, session, payload.get(), words))
         return refuseNode(handle, message, words, node);
     node = getJSONString(payload.get(), "node", words.text);
     if (node.empty())
@@ -63,10 +63,10 @@ bool getNodeConfig(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     FailureWords words;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest(__func__, session, payload.get(), words))
+    if (!checkRequest({}, session, payload.get(), words))
         return refuse(handle, message, words);
     std::list<std::string> nodes;
-    if (!readNodes(__func__, payload.get(), nodes, words))
+    if (!readNodes({}, payload.get(), nodes, words))
         return refuse(handle, message, words);
 
     for (const std::string& node : nodes) {
@@ -86,20 +86,20 @@ void PubSubSession::handleNodeConfig(const std::string& id, const gloox::JID& se
     const auto waiting = m_msgMap.extract(id);
     if (!waiting)
         return;
-    const JsonRef reply = resultReply(__func__, "node", node, node, service, error);
+    const JsonRef reply = resultReply({}, "node", node, node, service, error);
     const gloox::DataFormField* access = config && !error ? config->field(kAccessModel) : nullptr;
     if (access) {
         JsonRef options(json_object_new_object());
         addText(options, kAccessModel, access->value());
         json_object_object_add(reply.get(), "options", options.release());
     }
-    respond(__func__, waiting.mapped().get(), reply, id, kCreateRespondFailed);
+    respond({}, waiting.mapped().get(), reply, id, kCreateRespondFailed);
 }
 
 void PubSubSession::handleNodeConfigResult(const std::string& id, const gloox::JID& service,
                                            const std::string& node, const gloox::Error* error) {
     setPingTimer();
     if (const auto waiting = m_msgMap.extract(id))
-        respond(__func__, waiting.mapped().get(), resultReply(__func__, "node", node, node, service, error),
-                id, kCreateRespondFailed);
+        respond({}, waiting.mapped().get(), resultReply({}, "node", node, node, service, error), id,
+                kCreateRespondFailed);
 }

@@ -43,12 +43,12 @@ bool readSubscribe(json_object* payload, FailureWords& words) {
 }
 
 // Nodes taken before a refusal stay listened to.
-bool listenTo(const char* function, int line, QSHandle* handle, QSMessage* message, const std::string& node,
+bool listenTo(CallSite site, QSHandle* handle, QSMessage* message, const std::string& node,
               FailureWords& words) {
     const std::string key = listenerKey(node);
     BusError error;
     if (!QSSubscriptionAdd(handle, key.c_str(), message, error)) {
-        PrvPrintErr(function, line, "Adding pending auth subscription callback failed %s\n", error.message());
+        PrvPrintErr(site, "Adding pending auth subscription callback failed %s\n", error.message());
         words = {"quorbusErr", std::string(error.message()) + " - QSAddSubscription- failed"};
         return false;
     }
@@ -63,10 +63,10 @@ bool askForPending(PubSubSession& session, FailureWords& words) {
                           words);
 }
 
-FailureWords pendingFailure(const char* function, const gloox::Error* error) {
+FailureWords pendingFailure(CallSite site, const gloox::Error* error) {
     if (!error)
         return {"libErr", "Error parsing response from server"};
-    printerror(error, function);
+    printerror(error, site);
     FailureWords words{"", ""};
     getErrorCode(error, words.code, words.text);
     return words;
@@ -80,8 +80,8 @@ void takePending(std::list<std::string>& pending, const gloox::StringList& answe
             pending.push_back(node);
 }
 
-bool accept(const char* function, int line, QSHandle* handle, QSMessage* message) {
-    sendReply(handle, message, json_object_to_json_string(newReply(true).get()), function, line);
+bool accept(CallSite site, QSHandle* handle, QSMessage* message) {
+    sendReply(handle, message, json_object_to_json_string(newReply(true).get()), site);
     return true;
 }
 
@@ -91,31 +91,31 @@ bool subscribeNodeAuth(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     FailureWords words;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest(__func__, session, payload.get(), words))
+    if (!checkRequest({}, session, payload.get(), words))
         return refuse(handle, message, words);
     if (!readSubscribe(payload.get(), words))
         return refuse(handle, message, words);
     std::list<std::string> nodes;
-    if (!readNodes(__func__, payload.get(), nodes, words))
+    if (!readNodes({}, payload.get(), nodes, words))
         return refuse(handle, message, words);
     for (const std::string& node : nodes)
-        if (!listenTo(__func__, __LINE__, handle, message, node, words))
+        if (!listenTo({}, handle, message, node, words))
             return refuse(handle, message, words);
     // What is pending already is asked for only now, with the listeners in place.
     if (!askForPending(session, words))
         return refuse(handle, message, words);
-    return accept(__func__, __LINE__, handle, message);
+    return accept({}, handle, message);
 }
 
 bool getPendingAuth(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     FailureWords words;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest(__func__, session, payload.get(), words))
+    if (!checkRequest({}, session, payload.get(), words))
         return refuse(handle, message, words);
     if (!askForPending(session, words))
         return refuse(handle, message, words);
-    return accept(__func__, __LINE__, handle, message);
+    return accept({}, handle, message);
 }
 
 bool approvePending(QSHandle* handle, QSMessage* message, void*) {
@@ -123,7 +123,7 @@ bool approvePending(QSHandle* handle, QSMessage* message, void*) {
     FailureWords words;
     std::string node;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest(__func__, session, payload.get(), words))
+    if (!checkRequest({}, session, payload.get(), words))
         return refuseNode(handle, message, words, node);
     node = getJSONString(payload.get(), "node", words.text);
     const std::string id = getJSONString(payload.get(), "id", words.text);
@@ -137,7 +137,7 @@ bool approvePending(QSHandle* handle, QSMessage* message, void*) {
                                                                  id, subid, approve, subscriber);
     if (!checkRequestId(request, words))
         return refuseNode(handle, message, words, node);
-    return accept(__func__, __LINE__, handle, message);
+    return accept({}, handle, message);
 }
 
 // `node` is the session id of the server's command; it names the command when its nodes are asked for one by
@@ -147,8 +147,8 @@ void PubSubSession::handlePendingRequest(const std::string& id, const std::strin
     setPingTimer();
     if (error || !nodes || node.empty()) {
         const JsonRef reply = newReply(false);
-        addWords(reply, pendingFailure(__func__, error));
-        respond(__func__, listenerOf(*this, node), reply, id, kPendingRespondFailed);
+        addWords(reply, pendingFailure({}, error));
+        respond({}, listenerOf(*this, node), reply, id, kPendingRespondFailed);
         return;
     }
     takePending(m_pendingList, *nodes);
@@ -160,7 +160,7 @@ void PubSubSession::handlePendingRequest(const std::string& id, const std::strin
     });
     if (m_pendingList.empty() || m_pendingCursor != kNoCursor)
         return;
-    PrvPrintErr(__func__, __LINE__, "We had an handler for non existent node?, Resetting pending list");
+    PrvPrintErr({}, "We had an handler for non existent node?, Resetting pending list");
     m_pendingCursor = 0;  // the answer to this renewal renews no more
     m_pubsub->getPendingRequest(gloox::JID(m_pubsubService), this);
 }
@@ -170,7 +170,7 @@ void PubSubSession::handlePendingNodeRequest(const std::string&, const gloox::JI
     setPingTimer();
     if (!error)
         return;
-    PrvPrintErr(__func__, __LINE__, "Error in handlePendingNodeRequest %s error:  from %s", node.c_str(),
+    PrvPrintErr({}, "Error in handlePendingNodeRequest %s error:  from %s", node.c_str(),
                 service.full().c_str());
-    printerror(error, __func__);
+    printerror(error);
 }

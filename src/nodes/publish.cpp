@@ -57,7 +57,7 @@ bool publishItemToNode(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     FailureWords words;
     const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest(__func__, session, payload.get(), words))
+    if (!checkRequest({}, session, payload.get(), words))
         return refuse(handle, message, words);
 
     const bool xml = json_object_get_boolean(jsonMember(payload.get(), "xml"));
@@ -84,6 +84,6 @@ void PubSubSession::handleItemPublication(const std::string& id, const gloox::JI
         return;
     const JsonRef reply = newReply(!error);
     if (error)
-        addWords(reply, serverWords(__func__, node, service, *error));
-    respond(__func__, waiting.mapped().get(), reply, id, kCreateRespondFailed);
+        addWords(reply, serverWords({}, node, service, *error));
+    respond({}, waiting.mapped().get(), reply, id, kCreateRespondFailed);
 }

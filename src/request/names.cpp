@@ -36,14 +36,14 @@ bool getNodeName(std::string node, std::string& fullName, PubSubSession& session
                  std::string& errorText) {
     if (appId.empty()) {
         errorText = "Error getting appid of calling app";
-        PrvPrintErr(__func__, __LINE__, "Error getting appid of calling app");
+        PrvPrintErr({}, "Error getting appid of calling app");
         return false;
     }
     appId = appId.substr(0, appId.find(' '));
     fullName = "/" + session.m_username + "/" + session.m_resource + "/" + appId + "/" + node;
     if (fullName.size() <= kLongestNodeName)
         return true;
-    PrvPrintErr(__func__, __LINE__, "Endpoint name too long \n");
+    PrvPrintErr({}, "Endpoint name too long \n");
     errorText = "endpoint too long";
     return false;
 }
@@ -54,14 +54,12 @@ void getErrorCode(const gloox::Error* error, std::string& errorCode, std::string
         return;
     errorCode = element->findAttribute("type");
     if (errorCode.empty())
-        PrvPrintErr(__func__, __LINE__, "Warning, there is no error Type in response %s!",
-                    element->xml().c_str());
+        PrvPrintErr({}, "Warning, there is no error Type in response %s!", element->xml().c_str());
 
     // The human-readable text of a stanza error shares the namespace of its condition.
     const std::string condition = conditionIn(*element, gloox::XMLNS_XMPP_STANZAS, "text");
     if (condition.empty())
-        PrvPrintErr(__func__, __LINE__, "Warning, there is no xmpp-stanza in error! %s",
-                    element->xml().c_str());
+        PrvPrintErr({}, "Warning, there is no xmpp-stanza in error! %s", element->xml().c_str());
     else
         errorText = condition;
 
@@ -70,12 +68,12 @@ void getErrorCode(const gloox::Error* error, std::string& errorCode, std::string
         errorText += " " + detail;  // sic: leads with a blank when there was no stanza condition
 }
 
-void printerror(const gloox::Error* error, const char* function) {
+void printerror(const gloox::Error* error, CallSite site) {
     const auto element = elementOf(error);
     if (!element)
         return;
-    if (function)
-        PrvPrintErr(__func__, __LINE__, "ERR in func %s: %s", function, element->xml().c_str());
+    if (site.function)
+        PrvPrintErr({}, "ERR in func %s: %s", site.function, element->xml().c_str());
     else
-        PrvPrintErr(__func__, __LINE__, "ERR : %s", element->xml().c_str());
+        PrvPrintErr({}, "ERR : %s", element->xml().c_str());
 }

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "util/log.h"
+
 namespace gloox {
 class Error;
 }
@@ -19,4 +21,4 @@ bool getNodeName(std::string node, std::string& fullName, PubSubSession& session
 void getErrorCode(const gloox::Error* error, std::string& errorCode, std::string& errorText);
 
 // Logs the error's XML on behalf of `function` (may be null); nothing when there is no error.
-void printerror(const gloox::Error* error, const char* function);
+void printerror(const gloox::Error* error, CallSite site = {});

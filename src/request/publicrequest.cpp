@@ -66,17 +66,17 @@ bool PublicRequest::fail(const char* code, const char* text) {
     return false;
 }
 
-bool PublicRequest::refuse(const char* function, int line) {
-    PrvPrintErr(function, line, "Error %s, Incoming %s", m_errorText.c_str(), QSMessageGetPayload(message));
+bool PublicRequest::refuse(CallSite site) {
+    PrvPrintErr(site, "Error %s, Incoming %s", m_errorText.c_str(), QSMessageGetPayload(message));
     JsonRef context(json_object_new_object());
     addMember(context, "endpoint", echoOf(endpoint));
     HandleError(handle, message, m_errorCode, m_errorText, context.release());
     return true;
 }
 
-bool PublicRequest::refuseWrite(const char* function, int line) {
+bool PublicRequest::refuseWrite(CallSite site) {
     fail("appErr", "Too many changes of on-close notices wait, the limit is 1024. Wait for their answers");
-    return refuse(function, line);
+    return refuse(site);
 }
 
 void addMember(const JsonRef& object, const char* key, const std::string& text) {

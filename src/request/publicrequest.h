@@ -9,6 +9,7 @@
 
 #include "platform/bus/qs.h"
 #include "util/jsonref.h"
+#include "util/log.h"
 
 class PublicRequest {
   public:
@@ -22,9 +23,9 @@ class PublicRequest {
     bool fail(const char* code, const char* text);
     // Logs under `function` and sends the error reply with the endpoint as read. True, the result of a bus
     // handler.
-    bool refuse(const char* function, int line);
+    bool refuse(CallSite site = {});
     // Refuses a change of on-close notices for which too many others wait.
-    bool refuseWrite(const char* function, int line);
+    bool refuseWrite(CallSite site = {});
 
     json_object* object() const { return m_object; }
 

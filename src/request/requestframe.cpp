@@ -19,14 +19,14 @@ bool checkInit(json_object*& payload, PubSubSession& session, std::string& error
         return false;
     }
     if (!session.m_pubsub || session.m_pubsubService.empty()) {
-        PrvPrintErr(__func__, __LINE__, "PubSub manager not intialized");  // sic: fixed text
+        PrvPrintErr({}, "PubSub manager not intialized");  // sic: fixed text
         errorCode = "libErr";
         errorText = "Service not initialized";
         return false;
     }
     if (!payload) {
         // The word stays the caller's preset one.
-        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr({}, "Malformed json packet? \n");
         errorText = "Malformed json";
         return false;
     }
@@ -40,12 +40,12 @@ void HandleError(QSHandle* handle, QSMessage* message, const std::string& errorC
     json_object_object_add(reply.get(), "errorCode", json_object_new_string(errorCode.c_str()));
     json_object_object_add(reply.get(), "errorText", json_object_new_string(errorText.c_str()));
     const char* text = json_object_to_json_string(reply.get());
-    PrvPrintErr(__func__, __LINE__, "Sending return error %s \n", text);
-    sendReply(handle, message, text, __func__, __LINE__);
+    PrvPrintErr({}, "Sending return error %s \n", text);
+    sendReply(handle, message, text);
 }
 
-void sendReply(QSHandle* handle, QSMessage* message, const char* payload, const char* function, int line) {
+void sendReply(QSHandle* handle, QSMessage* message, const char* payload, CallSite site) {
     BusError error;
     if (!QSMessageReply(handle, message, payload, error))
-        PrvPrintErr(function, line, "Sending reply to client failed %d %s", error.code(), error.message());
+        PrvPrintErr(site, "Sending reply to client failed %d %s", error.code(), error.message());
 }

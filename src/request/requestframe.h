@@ -9,6 +9,8 @@
 
 #include "platform/bus/qs.h"
 
+#include "util/log.h"
+
 class PubSubSession;
 
 // Whether a request may proceed. On false the two strings say why; `payload` becomes null when it is
@@ -23,4 +25,4 @@ void HandleError(QSHandle* handle, QSMessage* message, const std::string& errorC
 
 // Sends `payload` as the first answer. A failure is logged once, under the name and line of the calling
 // handler.
-void sendReply(QSHandle* handle, QSMessage* message, const char* payload, const char* function, int line);
+void sendReply(QSHandle* handle, QSMessage* message, const char* payload, CallSite site = {});

@@ -9,18 +9,11 @@
 #include "util/jsonargs.h"
 #include "util/log.h"
 
-namespace {
+namespace {}  // namespace
 
-int lineOf(const std::source_location& where) {
-    return static_cast<int>(where.line());
-}
-
-}  // namespace
-
-bool checkRequest(const char* function, const PubSubSession& session, json_object* payload,
-                  FailureWords& words, std::source_location where) {
+bool checkRequest(CallSite site, const PubSubSession& session, json_object* payload, FailureWords& words) {
     if (!session.m_pubsub || session.m_pubsubService.empty()) {
-        PrvPrintErr(function, lineOf(where), "PubSub manager not intialized");  // sic: spelled so
+        PrvPrintErr(site, "PubSub manager not intialized");  // sic: spelled so
         words = {"libErr", "Service not initialized"};
         return false;
     }
@@ -29,18 +22,17 @@ bool checkRequest(const char* function, const PubSubSession& session, json_objec
         return false;
     }
     if (!payload) {
-        PrvPrintErr(function, lineOf(where), "Malformed json packet? \n");
+        PrvPrintErr(site, "Malformed json packet? \n");
         words.text = "Malformed json";
         return false;
     }
     return true;
 }
 
-bool readNodes(const char* function, json_object* payload, std::list<std::string>& nodes, FailureWords& words,
-               std::source_location where) {
+bool readNodes(CallSite site, json_object* payload, std::list<std::string>& nodes, FailureWords& words) {
     json_object* array = jsonMember(payload, "nodes");
     if (!json_object_is_type(array, json_type_array)) {
-        PrvPrintErr(function, lineOf(where), "Error: nodes takes an array of nodes \n");
+        PrvPrintErr(site, "Error: nodes takes an array of nodes \n");
         words.text = "Malformed json - nodes takes an array of nodes ";  // sic: ends in a blank
         return false;
     }
@@ -97,27 +89,27 @@ void addWords(const JsonRef& reply, const FailureWords& words) {
     addText(reply, "errorText", words.text);
 }
 
-FailureWords serverWords(const char* function, const std::string& node, const gloox::JID& service,
-                         const gloox::Error& error, std::source_location where) {
-    PrvPrintErr(function, lineOf(where), "Node %s error:  from %s", node.c_str(), service.full().c_str());
-    printerror(&error, function);
+FailureWords serverWords(CallSite site, const std::string& node, const gloox::JID& service,
+                         const gloox::Error& error) {
+    PrvPrintErr(site, "Node %s error:  from %s", node.c_str(), service.full().c_str());
+    printerror(&error, site);
     FailureWords words{"", ""};
     getErrorCode(&error, words.code, words.text);
     return words;
 }
 
-JsonRef resultReply(const char* function, const char* key, const std::string& name, const std::string& node,
-                    const gloox::JID& service, const gloox::Error* error, std::source_location where) {
+JsonRef resultReply(CallSite site, const char* key, const std::string& name, const std::string& node,
+                    const gloox::JID& service, const gloox::Error* error) {
     JsonRef reply = newReply(!error);
     addText(reply, key, name);
     if (error)
-        addWords(reply, serverWords(function, node, service, *error, where));
+        addWords(reply, serverWords(site, node, service, *error));
     return reply;
 }
 
-void respond(const char* function, QSMessage* message, const JsonRef& reply, const std::string& id,
-             const char* failure, std::source_location where) {
+void respond(CallSite site, QSMessage* message, const JsonRef& reply, const std::string& id,
+             const char* failure) {
     BusError error;
     if (!QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
-        PrvPrintErr(function, lineOf(where), failure, id.c_str(), error.message());
+        PrvPrintErr(site, failure, id.c_str(), error.message());
 }

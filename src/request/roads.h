@@ -9,11 +9,11 @@
 #include <json-c/json.h>
 
 #include <list>
-#include <source_location>
 #include <string>
 
 #include "platform/bus/qsraii.h"
 #include "util/jsonref.h"
+#include "util/log.h"
 
 namespace gloox {
 class Error;
@@ -31,11 +31,9 @@ struct FailureWords {
 inline constexpr char kCreateRespondFailed[] = "Sending response to create Node failed id %s Error %s ";
 
 // Whether there is a manager with a service, a connection and a payload, asked in this order.
-bool checkRequest(const char* function, const PubSubSession& session, json_object* payload,
-                  FailureWords& words, std::source_location where = std::source_location::current());
+bool checkRequest(CallSite site, const PubSubSession& session, json_object* payload, FailureWords& words);
 // The elements of the request's array "nodes", as names; false when there is none or it is empty.
-bool readNodes(const char* function, json_object* payload, std::list<std::string>& nodes, FailureWords& words,
-               std::source_location where = std::source_location::current());
+bool readNodes(CallSite site, json_object* payload, std::list<std::string>& nodes, FailureWords& words);
 
 // Send the error reply, without or with the member "node", and return true, the result of a bus handler.
 bool refuse(QSHandle* handle, QSMessage* message, const FailureWords& words);
@@ -51,14 +49,12 @@ JsonRef newReply(bool success);
 void addText(const JsonRef& reply, const char* key, const std::string& text);
 void addWords(const JsonRef& reply, const FailureWords& words);
 // Logs the server's error about `node` and gives the words for it.
-FailureWords serverWords(const char* function, const std::string& node, const gloox::JID& service,
-                         const gloox::Error& error,
-                         std::source_location where = std::source_location::current());
+FailureWords serverWords(CallSite site, const std::string& node, const gloox::JID& service,
+                         const gloox::Error& error);
 // {"returnValue", KEY: name} and, after an error, the words for it.
-JsonRef resultReply(const char* function, const char* key, const std::string& name, const std::string& node,
-                    const gloox::JID& service, const gloox::Error* error,
-                    std::source_location where = std::source_location::current());
+JsonRef resultReply(CallSite site, const char* key, const std::string& name, const std::string& node,
+                    const gloox::JID& service, const gloox::Error* error);
 
 // Answers a kept request; `failure` is the log format for an answer that could not be sent (id, bus error).
-void respond(const char* function, QSMessage* message, const JsonRef& reply, const std::string& id,
-             const char* failure, std::source_location where = std::source_location::current());
+void respond(CallSite site, QSMessage* message, const JsonRef& reply, const std::string& id,
+             const char* failure);

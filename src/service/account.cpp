@@ -18,11 +18,11 @@ constexpr const char* kDone = R"({"returnValue":true})";
 // Written around the value, which json-c escapes: building and printing an object would be a fifth of the
 // whole request's instructions.
 void replyWith(QSHandle* handle, QSMessage* message, const std::string& key, const std::string& value,
-               const char* function, int line) {
+               CallSite site = {}) {
     JsonRef text(json_object_new_string(value.c_str()));
     const std::string reply =
         R"({ "returnValue": true, ")" + key + R"(": )" + json_object_to_json_string(text.get()) + " }";
-    sendReply(handle, message, reply.c_str(), function, line);
+    sendReply(handle, message, reply.c_str(), site);
 }
 
 // The members of a createSession request; the first that is missing ends the reading.
@@ -44,7 +44,7 @@ struct SessionRequest {
 
 // Never replies, whatever happens: the bus closes the request.
 bool initializeAccount(QSHandle*, QSMessage*, void*) {
-    PrvPrintErr(__func__, __LINE__, "==BEGIN - Initialize called");
+    PrvPrintErr({}, "==BEGIN - Initialize called");
     if (gCurrentSession.m_connected)
         gCurrentSession.disconnect();
     if (!gCurrentSession.getLoginDetails())
@@ -54,12 +54,12 @@ bool initializeAccount(QSHandle*, QSMessage*, void*) {
 
 // sic: answers with the local part alone, under the key "username".
 bool getJabberId(QSHandle* handle, QSMessage* message, void*) {
-    replyWith(handle, message, "username", gCurrentSession.m_username, __func__, __LINE__);
+    replyWith(handle, message, "username", gCurrentSession.m_username);
     return true;
 }
 
 bool getResource(QSHandle* handle, QSMessage* message, void*) {
-    replyWith(handle, message, "resource", gCurrentSession.m_resource, __func__, __LINE__);
+    replyWith(handle, message, "resource", gCurrentSession.m_resource);
     return true;
 }
 
@@ -68,7 +68,7 @@ bool createSession(QSHandle* handle, QSMessage* message, void*) {
     const std::string errorCode = "\"errBadArgument\"";
     JsonRef payload = parseJson(QSMessageGetPayload(message));
     if (!payload) {
-        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr({}, "Malformed json packet? \n");
         HandleError(handle, message, errorCode, "Malformed json", nullptr);
         return true;
     }
@@ -80,12 +80,12 @@ bool createSession(QSHandle* handle, QSMessage* message, void*) {
     gCurrentSession.setSessionDetails(request.jid, request.password, "", request.server, request.service,
                                       request.port);
     gCurrentSession.connectToService();
-    sendReply(handle, message, kDone, __func__, __LINE__);
+    sendReply(handle, message, kDone);
     return true;
 }
 
 bool disconnect(QSHandle* handle, QSMessage* message, void*) {
     gCurrentSession.disconnect();
-    sendReply(handle, message, kDone, __func__, __LINE__);
+    sendReply(handle, message, kDone);
     return true;
 }

@@ -61,8 +61,8 @@ bool cancelSubscribe(QSMessage* message, Cancelled& cancelled) {
     return true;
 }
 
-void logRefused(QSMessage* message, const Cancelled& cancelled, const char* function) {
-    PrvPrintErr(function, __LINE__, "Payload bad? %s Errcode %s ErrText %s", QSMessageGetPayload(message),
+void logRefused(QSMessage* message, const Cancelled& cancelled, CallSite site = {}) {
+    PrvPrintErr(site, "Payload bad? %s Errcode %s ErrText %s", QSMessageGetPayload(message),
                 cancelled.errorCode.c_str(), cancelled.errorText.c_str());
 }
 
@@ -71,7 +71,7 @@ void logRefused(QSMessage* message, const Cancelled& cancelled, const char* func
 bool publicCancelFunc(QSHandle*, QSMessage* message, void*) {
     Cancelled cancelled;
     if (!readRequest(message, cancelled) || !cancelSubscribe(message, cancelled))
-        logRefused(message, cancelled, __func__);
+        logRefused(message, cancelled);
     return true;
 }
 
@@ -79,11 +79,11 @@ bool cancelFunction(QSHandle*, QSMessage* message, void*) {
     const std::string method = QSMessageGetMethod(message);
     Cancelled cancelled;
     if (!readRequest(message, cancelled) || (method == "subscribe" && !cancelSubscribe(message, cancelled))) {
-        logRefused(message, cancelled, __func__);
+        logRefused(message, cancelled);
         return true;
     }
     if (method == "registerOnClose") {
-        PrvPrintErr(__func__, __LINE__, "Headless app crashed?");
+        PrvPrintErr({}, "Headless app crashed?");
         gCurrentSession.m_onCloseRegistered = false;
     }
     return true;

@@ -34,12 +34,11 @@ void networkLost(json_object* status) {
     gCurrentSession.disconnect();
 }
 
-void connectFrom(const std::string& address, bool onWan) {
+void connectFrom(const std::string& address, bool onWan, CallSite site) {
     gCurrentSession.m_onWan = onWan;
     gCurrentSession.m_ipAddress = address;
     if (gCurrentSession.m_lastError != 0 && gCurrentSession.m_lastError != gloox::ConnUserDisconnected) {
-        PrintDbgRelease("connectOrSwitchConnections", __LINE__,
-                        "We had some connection err in the past. So nop.");
+        PrintDbgRelease(site, "We had some connection err in the past. So nop.");
         return;
     }
     if (gCurrentSession.m_reconnectPending)
@@ -56,15 +55,15 @@ void switchToWifi(json_object* status) {
     gCurrentSession.connectToService();
 }
 
-void wifiThere(json_object* status, bool inSession) {
+void wifiThere(json_object* status, bool inSession, CallSite site = {}) {
     if (!inSession)
-        connectFrom(getIPAddress(kWifi, status), false);
+        connectFrom(getIPAddress(kWifi, status), false, site);
     else if (gCurrentSession.m_onWan)
         switchToWifi(status);
 }
 
 // The mobile link's own state is not asked: with Internet and no Wi-Fi it is taken to be the link.
-void wifiGone(json_object* status, bool inSession) {
+void wifiGone(json_object* status, bool inSession, CallSite site = {}) {
     if (inSession && gCurrentSession.m_onWan) {
         // The server may have dropped the activations while there was no Internet.
         if (gCurrentSession.m_survivedOutage) {
@@ -75,7 +74,7 @@ void wifiGone(json_object* status, bool inSession) {
     }
     if (inSession)
         gCurrentSession.disconnect();
-    connectFrom(getIPAddress(kWan, status), true);
+    connectFrom(getIPAddress(kWan, status), true, site);
 }
 
 }  // namespace
@@ -85,9 +84,9 @@ bool connectionStatusV2(QSHandle*, QSMessage* message, void*) {
     JsonRef status = parseJson(text);
     json_object* available = jsonMember(status.get(), "isInternetConnectionAvailable");
     if (!status)
-        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr({}, "Malformed json packet? \n");
     if (!available) {
-        PrvPrintErr(__func__, __LINE__, "Error in getting connectionStatus %s", text);
+        PrvPrintErr({}, "Error in getting connectionStatus %s", text);
         return true;
     }
     gCurrentSession.m_networkAvailable = json_object_get_boolean(available);
@@ -101,7 +100,7 @@ bool connectionStatusV2(QSHandle*, QSMessage* message, void*) {
 void connectOrSwitchConnections(json_object* status) {
     bool wifi = false;
     if (!checkConnection(kWifi, status, wifi)) {
-        PrvPrintErr(__func__, __LINE__, "Checking wifi failed - We ran into some parse error?");
+        PrvPrintErr({}, "Checking wifi failed - We ran into some parse error?");
         return;
     }
     const bool inSession = gCurrentSession.m_connected || gCurrentSession.m_connecting;
@@ -115,7 +114,7 @@ bool checkConnection(const char* link, json_object* status, bool& isConnected) {
     isConnected = false;
     json_object* state = jsonMember(jsonMember(status, link), "state");
     if (!state) {
-        PrvPrintErr(__func__, __LINE__, "checkConnection failed, mostly because of malformed json");
+        PrvPrintErr({}, "checkConnection failed, mostly because of malformed json");
         return false;
     }
     isConnected = std::string(json_object_get_string(state)) == "connected";
@@ -125,7 +124,7 @@ bool checkConnection(const char* link, json_object* status, bool& isConnected) {
 std::string getIPAddress(const char* link, json_object* status) {
     json_object* address = jsonMember(jsonMember(status, link), "ipAddress");
     if (!address) {
-        PrvPrintErr(__func__, __LINE__, "getIPAddress failed, because of malformed json?");
+        PrvPrintErr({}, "getIPAddress failed, because of malformed json?");
         return {};
     }
     return json_object_get_string(address);

@@ -2,8 +2,8 @@
 // Start-up in its fixed order, the main loop, and the one way out.
 //
 // Owns the main loop and the registration on the bus. What must survive a restart is loaded here: the handler
-// file, the offline map, the credentials file and the preferences handle. Logs under the name of the process
-// entry.
+// file, the offline map, the credentials file and the preferences handle. Logs under the name of whoever
+// runs the service, the process entry.
 #include "service/service.h"
 
 #include <glib.h>
@@ -21,7 +21,6 @@
 
 namespace {
 
-constexpr const char* kEntry = "main";
 constexpr const char* kServiceName = "com.zelt.pubsubservice";
 
 struct Bus {
@@ -31,29 +30,29 @@ struct Bus {
 };
 
 // The record is freed after each use, so that it can carry the next failure.
-bool failed(const char* text, BusError& error) {
-    PrvPrintErr(kEntry, __LINE__, text, error.message());
+bool failed(const char* text, BusError& error, CallSite site) {
+    PrvPrintErr(site, text, error.message());
     QSErrorFree(error);
     return false;
 }
 
-bool startBus(Bus& bus, BusError& error) {
+bool startBus(Bus& bus, BusError& error, CallSite site) {
     gpMainLoop = g_main_loop_new(nullptr, FALSE);
     if (!gpMainLoop) {
-        PrvPrintErr(kEntry, __LINE__, "Creating new mainloop failed \n");
+        PrvPrintErr(site, "Creating new mainloop failed \n");
         return false;
     }
     if (!QSRegisterZeltService(kServiceName, &bus.service, error))
-        return failed("Register of com.zelt.pubsubservice failed %s\n", error);
+        return failed("Register of com.zelt.pubsubservice failed %s\n", error, site);
     if (!QSZeltServiceRegisterCategory(bus.service, "/", pubMethods, methods, nullptr, nullptr, error))
-        return failed("Registering of category for pubsub service failed %s\n", error);
+        return failed("Registering of category for pubsub service failed %s\n", error, site);
     if (!QSGmainAttachZeltService(bus.service, gpMainLoop, error))
-        return failed("Attaching to mainloop failed %s\n", error);
+        return failed("Attaching to mainloop failed %s\n", error, site);
     bus.privateHandle = QSZeltServiceGetPrivateConnection(bus.service);
     bus.publicHandle = QSZeltServiceGetPublicConnection(bus.service);
     if (!QSSubscriptionSetCancelFunction(bus.privateHandle, cancelFunction, nullptr, error) ||
         !QSSubscriptionSetCancelFunction(bus.publicHandle, publicCancelFunc, nullptr, error))
-        return failed("Failed registering cancel function %s\n", error);
+        return failed("Failed registering cancel function %s\n", error, site);
     return true;
 }
 
@@ -74,20 +73,20 @@ void loadCredentials() {
     gCurrentSession.m_domain = domainOf(gjid);
 }
 
-bool openPreferences() {
+bool openPreferences(CallSite site) {
     QPHandle* handle = nullptr;
     const int result = QPAppGetHandle(kServiceName, &handle);
     if (result != QP_OK) {
-        PrvPrintErr(kEntry, __LINE__, "Error: QPAppGetHandle returned %d", result);
+        PrvPrintErr(site, "Error: QPAppGetHandle returned %d", result);
         return false;
     }
     gCurrentSession.m_prefsHandle = handle;
     return true;
 }
 
-bool startWatchers(QSHandle* handle) {
+bool startWatchers(QSHandle* handle, CallSite site) {
     if (!registerConnectionManagerStatus(handle)) {
-        PrvPrintErr(kEntry, __LINE__, "registerConnectionManagerStatus failed");
+        PrvPrintErr(site, "registerConnectionManagerStatus failed");
         return false;
     }
     // Without one of these the service still does its work; they log their own failures.
@@ -97,38 +96,38 @@ bool startWatchers(QSHandle* handle) {
     return true;
 }
 
-bool start(Bus& bus, BusError& error) {
-    if (!startBus(bus, error))
+bool start(Bus& bus, BusError& error, CallSite site) {
+    if (!startBus(bus, error, site))
         return false;
     resetSession(bus);
     gCurrentSession.ReadHandlerFile();
     gCurrentSession.createCacheDir();
     gCurrentSession.loadOfflineMapFromDisk();
     loadCredentials();
-    return openPreferences() && startWatchers(bus.privateHandle);
+    return openPreferences(site) && startWatchers(bus.privateHandle, site);
 }
 
 // The service never ends its loop itself, so every way here is a failure.
-void leave(const Bus& bus, BusError& error) {
-    PrvPrintErr(kEntry, __LINE__, "Exiting main because of errors");
+void leave(const Bus& bus, BusError& error, CallSite site) {
+    PrvPrintErr(site, "Exiting main because of errors");
     if (bus.privateHandle && !QSUnregister(bus.privateHandle, error))
         QSErrorPrint(error, stderr);
     if (gpMainLoop)
         g_main_loop_unref(gpMainLoop);
     gpMainLoop = nullptr;
     gCurrentSession.m_mainLoop = nullptr;
-    PrvPrintErr(kEntry, __LINE__, "PUBSUB SERVICE EXITS BECAUSE OF ERRORS");
+    PrvPrintErr(site, "PUBSUB SERVICE EXITS BECAUSE OF ERRORS");
 }
 
 }  // namespace
 
-int runService() {
+int runService(CallSite entry) {
     BusError error;
     Bus bus;
-    if (start(bus, error)) {
-        PrintDbgRelease(kEntry, __LINE__, "Calling mainloop");
+    if (start(bus, error, entry)) {
+        PrintDbgRelease(entry, "Calling mainloop");
         g_main_loop_run(gpMainLoop);
     }
-    leave(bus, error);
+    leave(bus, error, entry);
     return 0;
 }

@@ -2,6 +2,8 @@
 // The life of the service from start-up to the end of its main loop.
 #pragma once
 
+#include "util/log.h"
+
 // Starts the service and runs it until the main loop ends. Returns the exit status, which is always 0:
 // whoever started the process starts it again.
-int runService();
+int runService(CallSite entry = {});

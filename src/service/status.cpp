@@ -31,27 +31,26 @@ constexpr const char* kDetailsFailed = "Sending connection status failed. Error 
 // sic: a blank before the point in this one.
 constexpr const char* kStatusFailed = "Sending connection status failed . Error %s ";
 
-void post(QSHandle* handle, const char* method, const char* payload, const char* failed,
-          const char* function) {
+void post(QSHandle* handle, const char* method, const char* payload, const char* failed, CallSite site) {
     BusError error;
     if (!QSSubscriptionPost(handle, kCategory, method, payload, error))
-        PrvPrintErr(function, __LINE__, failed, error.message());
+        PrvPrintErr(site, failed, error.message());
 }
 
 // Platform services first, with all details, then applications, then platform services that asked as these
 // do.
-void postStatus(const PubSubSession& session, const char* details, const char* plain, const char* function) {
-    post(session.m_privateHandle, kSubscribeConnStatus, details, kDetailsFailed, function);
-    post(session.m_publicHandle, kConnectStatus, plain, kStatusFailed, function);
-    post(session.m_privateHandle, kConnectStatus, plain, kStatusFailed, function);
+void postStatus(const PubSubSession& session, const char* details, const char* plain, CallSite site) {
+    post(session.m_privateHandle, kSubscribeConnStatus, details, kDetailsFailed, site);
+    post(session.m_publicHandle, kConnectStatus, plain, kStatusFailed, site);
+    post(session.m_privateHandle, kConnectStatus, plain, kStatusFailed, site);
 }
 
-bool processSubscription(QSHandle* handle, QSMessage* message, const char* function, int line) {
+bool processSubscription(QSHandle* handle, QSMessage* message, CallSite site = {}) {
     BusError error;
     bool subscribed = false;
     if (QSSubscriptionProcess(handle, message, &subscribed, error))
         return true;
-    PrvPrintErr(function, line, "Processing subscription failed %d %s", error.code(), error.message());
+    PrvPrintErr(site, "Processing subscription failed %d %s", error.code(), error.message());
     return false;
 }
 
@@ -64,22 +63,22 @@ JsonRef statusReply() {
 
 }  // namespace
 
-void PubSubSession::postConnected() {
-    postStatus(*this, kConnectedDetails, kConnected, "onConnect");
+void PubSubSession::postConnected(CallSite site) {
+    postStatus(*this, kConnectedDetails, kConnected, site);
 }
 
-void PubSubSession::postDisconnected() {
+void PubSubSession::postDisconnected(CallSite site) {
     postStatus(*this, m_networkAvailable ? kDisconnectedNetwork : kDisconnectedNoNetwork, kDisconnected,
-               "onDisconnect");
+               site);
 }
 
 bool connectStatus(QSHandle* handle, QSMessage* message, void*) {
-    if (!processSubscription(handle, message, __func__, __LINE__)) {
+    if (!processSubscription(handle, message)) {
         HandleError(handle, message, "libErr", "Processing subscription failed", nullptr);
         return true;
     }
     JsonRef reply = statusReply();
-    sendReply(handle, message, json_object_to_json_string(reply.get()), __func__, __LINE__);
+    sendReply(handle, message, json_object_to_json_string(reply.get()));
     // Asking for the status is a request to connect, too.
     if (!gCurrentSession.m_connected)
         gCurrentSession.tryConnecting();
@@ -87,7 +86,7 @@ bool connectStatus(QSHandle* handle, QSMessage* message, void*) {
 }
 
 bool subscribeConnStatus(QSHandle* handle, QSMessage* message, void*) {
-    if (!processSubscription(handle, message, __func__, __LINE__)) {
+    if (!processSubscription(handle, message)) {
         // sic: the quotes belong to both texts.
         HandleError(handle, message, "\"busErr\"", "\"Processing subscription failed\"", nullptr);
         return true;
@@ -97,6 +96,6 @@ bool subscribeConnStatus(QSHandle* handle, QSMessage* message, void*) {
     json_object_object_add(reply.get(), "session", json_object_new_boolean(loggedIn));
     json_object_object_add(reply.get(), "network",
                            json_object_new_boolean(gCurrentSession.m_networkAvailable));
-    sendReply(handle, message, json_object_to_json_string(reply.get()), __func__, __LINE__);
+    sendReply(handle, message, json_object_to_json_string(reply.get()));
     return true;
 }

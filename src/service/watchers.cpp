@@ -17,41 +17,41 @@
 namespace {
 
 bool watch(QSHandle* handle, const std::string& service, QSFilter callback, const char* failed,
-           const char* function) {
+           CallSite site = {}) {
     BusError error;
     const std::string payload = R"({"serviceName":")" + service + R"("})";
     if (QSCall(handle, "zelt://com.zelt.bus/signal/registerServerStatus", payload.c_str(), callback, nullptr,
                nullptr, error))
         return true;
-    PrvPrintErr(function, __LINE__, failed, error.code(), error.message());
+    PrvPrintErr(site, failed, error.code(), error.message());
     return false;
 }
 
 // Whether the report says that the service is up; a report of its going down or without a word is logged.
-bool cameUp(QSMessage* message, const char* wentDown, const char* failed, const char* function) {
+bool cameUp(QSMessage* message, const char* wentDown, const char* failed, CallSite site = {}) {
     const char* text = QSMessageGetPayload(message);
     JsonRef payload = parseJson(text);
     json_object* connected = jsonMember(payload.get(), "connected");
     if (!connected) {
-        PrvPrintErr(function, __LINE__, payload ? "Could not find connected?" : "Malformed json packet? \n");
-        PrvPrintErr(function, __LINE__, failed, text);
+        PrvPrintErr(site, payload ? "Could not find connected?" : "Malformed json packet? \n");
+        PrvPrintErr(site, failed, text);
         return false;
     }
     if (json_object_get_boolean(connected))
         return true;
-    PrvPrintErr(function, __LINE__, "%s", wentDown);
+    PrvPrintErr(site, "%s", wentDown);
     return false;
 }
 
 void follow(QSHandle* handle, const char* uri, const char* payload, QSFilter callback, const char* failed,
-            const char* function) {
+            CallSite site = {}) {
     BusError error;
     if (!QSCall(handle, uri, payload, callback, nullptr, nullptr, error))
-        PrvPrintErr(function, __LINE__, failed, error.code(), error.message());
+        PrvPrintErr(site, failed, error.code(), error.message());
 }
 
-bool refuseChange(const std::string& reason, const char* text) {
-    PrvPrintErr("appInstallChange", __LINE__, "Error? %s Incoming %s", reason.c_str(), text);
+bool refuseChange(const std::string& reason, const char* text, CallSite site = {}) {
+    PrvPrintErr(site, "Error? %s Incoming %s", reason.c_str(), text);
     return false;
 }
 
@@ -59,55 +59,54 @@ bool refuseChange(const std::string& reason, const char* text) {
 
 bool registerConnectionManagerStatus(QSHandle* handle) {
     return watch(handle, "com.zelt.connectionmanager", connectionManagerUp,
-                 "QSRegisterServerStatus for connection manager failed %d: %s\n", __func__);
+                 "QSRegisterServerStatus for connection manager failed %d: %s\n");
 }
 
 bool registerAppInstallerStatus(QSHandle* handle) {
     return watch(handle, "com.zelt.appinstaller", appInstallerUp,
-                 "QSRegisterServerStatus for App Installer failed %d: %s\n", __func__);
+                 "QSRegisterServerStatus for App Installer failed %d: %s\n");
 }
 
 bool registerAccountSrvcStatus(QSHandle* handle) {
     return watch(handle, "com.zelt.accountservices", accountServicesUp,
-                 "QSRegisterServerStatus for Account Service failed %d: %s\n", __func__);
+                 "QSRegisterServerStatus for Account Service failed %d: %s\n");
 }
 
 bool registerSystemMgrStatus(QSHandle* handle) {
     return watch(handle, "com.zelt.systemmanager", systemMgrUp,
-                 "QSRegisterServerStatus for System manager failed %d: %s\n", __func__);
+                 "QSRegisterServerStatus for System manager failed %d: %s\n");
 }
 
 bool connectionManagerUp(QSHandle* handle, QSMessage* message, void*) {
-    if (cameUp(message, "Connection manager went down!!", "Error in getting connectionManagerUp %s",
-               __func__))
+    if (cameUp(message, "Connection manager went down!!", "Error in getting connectionManagerUp %s"))
         follow(handle, "quor://com.zelt.connectionmanager/getstatus", R"({"subscribe":true})",
-               connectionStatusV2, "QSCall getstatus for connection manager failed %d: %s\n", __func__);
+               connectionStatusV2, "QSCall getstatus for connection manager failed %d: %s\n");
     return true;
 }
 
 bool appInstallerUp(QSHandle* handle, QSMessage* message, void*) {
-    if (cameUp(message, "AppInstaller went down!!", "Error in getting AppInstallerUp %s", __func__))
+    if (cameUp(message, "AppInstaller went down!!", "Error in getting AppInstallerUp %s"))
         follow(handle, "quor://com.zelt.appinstaller/notifyOnChange", R"({"appId": "*", "subscribe":true})",
                appInstallChange,
                // sic: says getstatus, although the call is another one
-               "QSCall getstatus for appInstaller failed %d: %s\n", __func__);
+               "QSCall getstatus for appInstaller failed %d: %s\n");
     return true;
 }
 
 bool accountServicesUp(QSHandle*, QSMessage* message, void*) {
-    if (!cameUp(message, "Account services went down!!", "Error in getting Account services %s", __func__))
+    if (!cameUp(message, "Account services went down!!", "Error in getting Account services %s"))
         return true;
     const gloox::JID jid = gCurrentSession.m_jid;
     if (jid.full().empty() && gCurrentSession.m_networkAvailable && !gCurrentSession.m_connected &&
         !gCurrentSession.m_connecting) {
-        PrintDbgRelease(__func__, __LINE__, "Trying to get login value now that AC is up");
+        PrintDbgRelease({}, "Trying to get login value now that AC is up");
         gCurrentSession.getLoginDetails();
     }
     return true;
 }
 
 bool systemMgrUp(QSHandle*, QSMessage* message, void*) {
-    if (cameUp(message, "SystemManager went down!!", "Error in getting SystemManagerUp %s", __func__))
+    if (cameUp(message, "SystemManager went down!!", "Error in getting SystemManagerUp %s"))
         gCurrentSession.getBootStatus();
     return true;
 }
@@ -116,7 +115,7 @@ bool appInstallChange(QSHandle*, QSMessage* message, void*) {
     const char* text = QSMessageGetPayload(message);
     JsonRef payload = parseJson(text);
     if (!payload) {
-        PrvPrintErr(__func__, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr({}, "Malformed json packet? \n");
         return refuseChange("", text);
     }
     std::string reason, change, appId;

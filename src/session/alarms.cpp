@@ -64,19 +64,18 @@ void sendPing(PubSubSession& session) {
     session.m_client->send(iq);
 }
 
-// A boolean member of a reply. False when there is none, logged with `missing` and then as the failure of
-// `function`.
-bool readReply(QSMessage* reply, const char* key, const char* missing, const char* failed,
-               const char* function, bool& value) {
+// A boolean member of a reply. False when there is none, logged with `missing` and then as a failure.
+bool readReply(QSMessage* reply, const char* key, const char* missing, const char* failed, bool& value,
+               CallSite site = {}) {
     const char* text = QSMessageGetPayload(reply);
     JsonRef payload = parseJson(text);
     json_object* member = jsonMember(payload.get(), key);
     if (!payload)
-        PrvPrintErr(function, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr(site, "Malformed json packet? \n");
     else if (!member)
-        PrvPrintErr(function, __LINE__, missing, text);
+        PrvPrintErr(site, missing, text);
     if (!member) {
-        PrvPrintErr(function, __LINE__, failed, text);
+        PrvPrintErr(site, failed, text);
         return false;
     }
     value = json_object_get_boolean(member);
@@ -98,7 +97,7 @@ bool PubSubSession::setReconnectTimer(const std::string& in) {
     if (QSCall(m_privateHandle, kTimeoutSet, alarm("reconnectTimer", in).c_str(), reconnectResponse, this,
                nullptr, error))
         return true;
-    PrvPrintErr(__func__, __LINE__, "Setting Reconnect Alarm failed. Error %s ", error.message());
+    PrvPrintErr({}, "Setting Reconnect Alarm failed. Error %s ", error.message());
     return false;
 }
 
@@ -106,21 +105,21 @@ void PubSubSession::setPingTimer() {
     BusError error;
     if (!QSCall(m_privateHandle, kTimeoutSet, alarm("keepAliveTimer", "00:25:00").c_str(), alarmResponse,
                 nullptr, nullptr, error))
-        PrvPrintErr(__func__, __LINE__, kPingAlarmFailed, error.message());
+        PrvPrintErr({}, kPingAlarmFailed, error.message());
 }
 
 void PubSubSession::removeReconnectTimer() {
     BusError error;
     if (!QSCall(m_privateHandle, kTimeoutClear, R"({"key":"reconnectTimer"})", nullptr, nullptr, nullptr,
                 error))
-        PrvPrintErr(__func__, __LINE__, kReconnectClearFailed, error.message());
+        PrvPrintErr({}, kReconnectClearFailed, error.message());
 }
 
 void PubSubSession::removePingTimer() {
     BusError error;
     if (!QSCall(m_privateHandle, kTimeoutClear, R"({"key":"keepAliveTimer"})", nullptr, nullptr, nullptr,
                 error))
-        PrvPrintErr(__func__, __LINE__, kPingAlarmFailed, error.message());  // sic: the text of the set
+        PrvPrintErr({}, kPingAlarmFailed, error.message());  // sic: the text of the set
 }
 
 void PubSubSession::setPowerOn() {
@@ -129,14 +128,14 @@ void PubSubSession::setPowerOn() {
                R"({"duration_ms":2000})", nullptr, nullptr, nullptr, error))
         return;
     QSErrorPrint(error, stderr);
-    PrvPrintErr(__func__, __LINE__, "QSCall to power failed!!!\n");
+    PrvPrintErr({}, "QSCall to power failed!!!\n");
 }
 
 void PubSubSession::getBootStatus() {
     BusError error;
     if (!QSCall(m_privateHandle, "zelt://com.zelt.systemmanager/getBootStatus", R"({"subscribe":true})",
                 bootStatusResponse, this, nullptr, error))
-        PrvPrintErr(__func__, __LINE__, kReconnectClearFailed, error.message());  // sic: the reconnect's text
+        PrvPrintErr({}, kReconnectClearFailed, error.message());  // sic: the reconnect's text
 }
 
 void PubSubSession::scheduleReconnect() {
@@ -149,10 +148,10 @@ void PubSubSession::scheduleReconnect() {
     char in[32];
     snprintf(in, sizeof in, "%02d:%02d:%02d", delay / 3600, delay % 3600 / 60, delay % 60);
     if (!setReconnectTimer(in)) {
-        PrvPrintErr(__func__, __LINE__, "Setting timer to reconnect failed");
+        PrvPrintErr({}, "Setting timer to reconnect failed");
         return;
     }
-    PrvPrintErr(__func__, __LINE__, "We will try connecting after %s %d", in, delay);
+    PrvPrintErr({}, "We will try connecting after %s %d", in, delay);
     m_reconnectPending = true;
 }
 
@@ -165,10 +164,10 @@ void PubSubSession::reconnect() {
 bool PubSubSession::reconnectResponse(QSHandle*, QSMessage* reply, void* context) {
     bool accepted = false;
     if (!readReply(reply, "returnValue", "Could find returnValue? %s", "reconnectResponse failed.  %s",
-                   __func__, accepted))
+                   accepted))
         return true;
     if (!accepted)
-        PrvPrintErr(__func__, __LINE__, "Alarm set failed. This is bad %s", QSMessageGetPayload(reply));
+        PrvPrintErr({}, "Alarm set failed. This is bad %s", QSMessageGetPayload(reply));
     auto* session = static_cast<PubSubSession*>(context);
     if (!session)
         return true;
@@ -181,17 +180,17 @@ bool PubSubSession::reconnectResponse(QSHandle*, QSMessage* reply, void* context
 
 bool PubSubSession::alarmResponse(QSHandle*, QSMessage* reply, void*) {
     bool accepted = false;
-    if (readReply(reply, "returnValue", "Could find returnValue? %s", "alarmResponse failed.  %s", __func__,
+    if (readReply(reply, "returnValue", "Could find returnValue? %s", "alarmResponse failed.  %s",
                   accepted) &&
         !accepted)
-        PrvPrintErr(__func__, __LINE__, "Alarm set failed. This is bad %s", QSMessageGetPayload(reply));
+        PrvPrintErr({}, "Alarm set failed. This is bad %s", QSMessageGetPayload(reply));
     return true;
 }
 
 bool PubSubSession::bootStatusResponse(QSHandle*, QSMessage* reply, void* context) {
     auto* session = static_cast<PubSubSession*>(context);
     bool finished = false;
-    if (!readReply(reply, "finished", "Couldnt find finished? %s", "bootStatusResponse failed.  %s", __func__,
+    if (!readReply(reply, "finished", "Couldnt find finished? %s", "bootStatusResponse failed.  %s",
                    finished) ||
         !session)
         return true;
@@ -206,7 +205,7 @@ bool PubSubSession::xmppPing(void* context) {
     if (session && session->m_client && !session->m_domain.empty())
         sendPing(*session);
     else
-        PrvPrintErr(__func__, __LINE__, "Client Empty? Not able to send ping");
+        PrvPrintErr({}, "Client Empty? Not able to send ping");
     return true;
 }
 

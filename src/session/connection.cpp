@@ -34,13 +34,13 @@ bool ended(GSource* watch) {
     return watch && g_source_is_destroyed(watch);
 }
 
-void logCondition(GIOCondition condition) {
+void logCondition(GIOCondition condition, CallSite site = {}) {
     if (condition & G_IO_HUP)
-        PrvPrintErr("xmppCallback", __LINE__, "xmpp server socket disconnected");
+        PrvPrintErr(site, "xmpp server socket disconnected");
     if (condition & G_IO_ERR)
-        PrvPrintErr("xmppCallback", __LINE__, "xmpp server socket io error");
+        PrvPrintErr(site, "xmpp server socket io error");
     if (condition & G_IO_NVAL)
-        PrvPrintErr("xmppCallback", __LINE__, "xmpp server socket closed");
+        PrvPrintErr(site, "xmpp server socket closed");
 }
 
 // Whether a caller still waits for the answer to this request.
@@ -51,7 +51,7 @@ bool isAwaited(const PubSubSession& session, const std::string& id) {
     return kept != session.m_endpointMap.end() && !QSMessageIsCallerGone(kept->second.message.get());
 }
 
-void answerDisconnected(const _endpointStruct& request) {
+void answerDisconnected(const _endpointStruct& request, CallSite site = {}) {
     JsonRef answer(json_object_new_object());
     json_object_object_add(answer.get(), "returnValue", json_object_new_boolean(false));
     json_object_object_add(answer.get(), "endpoint", json_object_new_string(request.endpoint.c_str()));
@@ -59,20 +59,19 @@ void answerDisconnected(const _endpointStruct& request) {
     json_object_object_add(answer.get(), "errorText", json_object_new_string("pubsubservice disconnected"));
     BusError error;
     if (!QSMessageRespond(request.message.get(), json_object_to_json_string(answer.get()), error))
-        PrvPrintErr("cleanUpOnDisconnect", __LINE__, "Sending response to message failed Error %s ",
-                    error.message());
+        PrvPrintErr(site, "Sending response to message failed Error %s ", error.message());
 }
 
 }  // namespace
 
 bool PubSubSession::createSession() {
     if (m_password.empty() || m_server.empty() || m_jid.full().empty()) {
-        PrvPrintErr(__func__, __LINE__, "Password *, Server %s and %s not initialized", m_server.c_str(),
+        PrvPrintErr({}, "Password *, Server %s and %s not initialized", m_server.c_str(),
                     m_jid.username().c_str());
         return false;
     }
     if (m_client) {
-        PrvPrintErr(__func__, __LINE__, "Overriding session with new session.");
+        PrvPrintErr({}, "Overriding session with new session.");
         dropSocketWatch();
         m_client->disconnect();
         dropClient();
@@ -97,13 +96,13 @@ bool PubSubSession::createSession() {
 bool PubSubSession::connectToService() {
     m_lastError = 0;
     if (!m_networkAvailable) {
-        PrvPrintErr(__func__, __LINE__, "There is no network available, cannot connect to service");
+        PrvPrintErr({}, "There is no network available, cannot connect to service");
         return false;
     }
     if (m_connected || m_connecting)
         return true;
     if (!createSession()) {
-        PrvPrintErr(__func__, __LINE__, "Create session failed");
+        PrvPrintErr({}, "Create session failed");
         m_connecting = false;
         return false;
     }
@@ -111,14 +110,14 @@ bool PubSubSession::connectToService() {
     if (getenv("xmpp_config"))
         turnOffTls();
     if (m_ipAddress.empty())
-        PrvPrintErr(__func__, __LINE__, "IP Address empty even though we have network available!");
-    PrvPrintErr(__func__, __LINE__, "We are connecting to the vbx server.");
+        PrvPrintErr({}, "IP Address empty even though we have network available!");
+    PrvPrintErr({}, "We are connecting to the vbx server.");
     if (connectToServer(m_ipAddress)) {
         attachSocketToMainLoop();
         return true;
     }
-    PrvPrintErr(__func__, __LINE__, "There is no server or network, connection to server fails");
-    PrvPrintErr(__func__, __LINE__, "Warning: We are not connected to the vbx server");
+    PrvPrintErr({}, "There is no server or network, connection to server fails");
+    PrvPrintErr({}, "Warning: We are not connected to the vbx server");
     m_connecting = false;
     return true;  // the caller learns of the failure through the flags alone
 }
@@ -150,7 +149,7 @@ void PubSubSession::attachSocketToMainLoop() {
     g_io_channel_unref(channel);
     g_source_unref(watch);  // the context holds it from here on
     m_source = watch;
-    PrvPrintErr(__func__, __LINE__, "Attached socket %d to mainloop", m_socket);
+    PrvPrintErr({}, "Attached socket %d to mainloop", m_socket);
 }
 
 // The session may be disconnected, and connected anew, while a bus request is handled or something is parsed
@@ -167,7 +166,7 @@ gboolean PubSubSession::xmppCallback(GIOChannel*, GIOCondition condition, gpoint
     const int result = session->recv();
     if (result == gloox::ConnNoError)
         return ended(watch) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
-    PrvPrintErr(__func__, __LINE__, "We had some type of connection error %d", result);
+    PrvPrintErr({}, "We had some type of connection error %d", result);
     session->m_lastError = result;
     if (m_source == watch)
         m_source = nullptr;
@@ -181,9 +180,9 @@ int PubSubSession::recv() {
 bool PubSubSession::onTLSConnect(const gloox::CertInfo& info) {
     if (info.status == gloox::CertOk)
         return true;
-    PrvPrintErr(__func__, __LINE__, "Certificate validation failed");
+    PrvPrintErr({}, "Certificate validation failed");
     PrvPrintErr(
-        __func__, __LINE__,
+        {},
         "Cert Info status: %d\nissuer: %s\npeer: %s\nprotocol: %s\nmac: %s\ncipher: %s\ncompression: %s\n",
         info.status, info.issuer.c_str(), info.server.c_str(), info.protocol.c_str(), info.mac.c_str(),
         info.cipher.c_str(), info.compression.c_str());
@@ -196,7 +195,7 @@ void PubSubSession::onConnect() {
     m_survivedOutage = false;
     m_lastError = 0;
     m_retryCount = -1;
-    PrvPrintErr(__func__, __LINE__, "We formed a connection with the xmpp server");
+    PrvPrintErr({}, "We formed a connection with the xmpp server");
     if (m_reconnectPending) {
         removeReconnectTimer();
         m_reconnectPending = false;
@@ -218,7 +217,7 @@ void PubSubSession::onDisconnect(gloox::ConnectionError error) {
     m_activationDone = false;
     m_spare3 = false;
     m_survivedOutage = false;
-    PrvPrintErr(__func__, __LINE__, "Disconnected from xmpp server %d", error);
+    PrvPrintErr({}, "Disconnected from xmpp server %d", error);
     removePingTimer();
     if (error != gloox::ConnNoError && error != gloox::ConnUserDisconnected) {
         m_lastError = error;

@@ -29,17 +29,16 @@ struct FileClose {
 };
 
 // What others can read or have written names no account.
-bool mayTrust(FILE* file, const std::string& path) {
+bool mayTrust(FILE* file, const std::string& path, CallSite site = {}) {
     struct stat status = {};
     if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode))
         return false;
     if (status.st_mode & 077)
-        PrvPrintErr("ReadCredentials", __LINE__,
+        PrvPrintErr(site,
                     "%s can be read by others than its owner; `chmod 600` it and have the password changed",
                     path.c_str());
     else if (status.st_uid != geteuid() && status.st_uid != 0)
-        PrvPrintErr("ReadCredentials", __LINE__,
-                    "%s belongs to another user; give it to the user of this service", path.c_str());
+        PrvPrintErr(site, "%s belongs to another user; give it to the user of this service", path.c_str());
     else
         return true;
     return false;

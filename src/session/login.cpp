@@ -18,50 +18,47 @@
 
 namespace {
 
-constexpr const char* kFunction = "getLoginResponse";
-
 // Accounts made before the server moved still carry its old name.
 std::string currentHost(const std::string& host) {
     return host == PUBSUB_RETIRED_SERVER_HOST ? PUBSUB_DEFAULT_SERVER_HOST : host;
 }
 
-JsonRef parseLogged(const std::string& text) {
+JsonRef parseLogged(const std::string& text, CallSite site) {
     JsonRef object = parseJson(text.c_str());
     if (!object)
-        PrvPrintErr(kFunction, __LINE__, "Malformed json packet? \n");
+        PrvPrintErr(site, "Malformed json packet? \n");
     return object;
 }
 
 // The inner object that "jabberId" holds as a text. Taken raw: the cleaning getter would remove its quotes.
-JsonRef readAccount(json_object* reply) {
+JsonRef readAccount(json_object* reply, CallSite site) {
     json_object* jabberId = jsonMember(reply, "jabberId");
     if (!jabberId) {
-        PrvPrintErr(kFunction, __LINE__, "obj null, First is not run yet / Acct services went down?");
+        PrvPrintErr(site, "obj null, First is not run yet / Acct services went down?");
         return nullptr;
     }
     std::string text = json_object_get_string(jabberId);
     if (text.empty()) {
-        PrvPrintErr(kFunction, __LINE__, "jabberId empty?");
+        PrvPrintErr(site, "jabberId empty?");
         return nullptr;
     }
     std::erase(text, '\\');
-    return parseLogged(text);
+    return parseLogged(text, site);
 }
 
-bool readField(json_object* account, const char* key, std::string& value) {
+bool readField(json_object* account, const char* key, std::string& value, CallSite site) {
     value = getJSONString(account, key, {});
     if (value.empty())
-        PrvPrintErr(kFunction, __LINE__, "%s empty?", key);
+        PrvPrintErr(site, "%s empty?", key);
     return !value.empty();
 }
 
 // The device id makes the resource; without one the server chooses it.
-std::string deviceId() {
+std::string deviceId(CallSite site) {
     char* id = nullptr;
     const int result = QPSystemCopyStringValue("com.zelt.properties.kduid", &id);
     if (result != QP_OK || !id) {
-        PrvPrintErr(kFunction, __LINE__,
-                    "Error getting device kduid. We will drop device specific packets %d", result);
+        PrvPrintErr(site, "Error getting device kduid. We will drop device specific packets %d", result);
         return {};
     }
     std::string text = id;
@@ -69,33 +66,33 @@ std::string deviceId() {
     return text;
 }
 
-bool takeAccount(PubSubSession& session, json_object* account) {
+bool takeAccount(PubSubSession& session, json_object* account, CallSite site) {
     std::string user, service, url, port;
-    if (!readField(account, "user", user))
+    if (!readField(account, "user", user, site))
         return false;
     session.m_username = user;
-    if (!readField(account, "service", service))
+    if (!readField(account, "service", service, site))
         return false;
     session.m_domain = currentHost(service);
     session.m_pubsubService = "pubsub." + session.m_domain;
     session.m_jid = gloox::JID(user + "@" + session.m_domain);
-    if (!readField(account, "url", url))
+    if (!readField(account, "url", url, site))
         return false;
     session.m_server = currentHost(url);
-    if (!readField(account, "port", port))
+    if (!readField(account, "port", port, site))
         return false;
     session.m_port = parsePort(port);
     return true;
 }
 
-bool takeLogin(PubSubSession& session, const char* text) {
-    JsonRef reply = parseLogged(text ? text : "");
+bool takeLogin(PubSubSession& session, const char* text, CallSite site = {}) {
+    JsonRef reply = parseLogged(text ? text : "", site);
     if (!reply)
         return false;
-    JsonRef account = readAccount(reply.get());
-    if (!account || !takeAccount(session, account.get()))
+    JsonRef account = readAccount(reply.get(), site);
+    if (!account || !takeAccount(session, account.get(), site))
         return false;
-    session.m_resource = deviceId();
+    session.m_resource = deviceId(site);
     const std::string token = getJSONString(reply.get(), "uniqueId", {});
     if (token.empty())
         return false;
@@ -110,17 +107,16 @@ bool PubSubSession::getLoginDetails() {
     if (QSCall(m_privateHandle, "quor://com.zelt.accountservices/getAccountToken", "", getLoginResponse, this,
                nullptr, error))
         return true;
-    PrvPrintErr(__func__, __LINE__, "Getting login details FAILED. Error %s ", error.message());
+    PrvPrintErr({}, "Getting login details FAILED. Error %s ", error.message());
     return false;
 }
 
 bool PubSubSession::getLoginResponse(QSHandle*, QSMessage* reply, void* context) {
     auto* session = static_cast<PubSubSession*>(context);
     if (!session)
-        PrvPrintErr(__func__, __LINE__, "Getting login details FAILED. Context was NULL");
+        PrvPrintErr({}, "Getting login details FAILED. Context was NULL");
     if (!session || !takeLogin(*session, QSMessageGetPayload(reply))) {
-        PrvPrintErr(__func__, __LINE__,
-                    "getLoginResponse failed. Getting login details from accounts failed ");
+        PrvPrintErr({}, "getLoginResponse failed. Getting login details from accounts failed ");
         return true;
     }
     if (!session->connectToService() && session->m_networkAvailable)

@@ -23,6 +23,7 @@
 
 #include "platform/bus/qsraii.h"
 #include "session/endpointrequest.h"
+#include "util/log.h"
 #include "xmpp/resulthandler.h"
 
 class PublicRequest;
@@ -161,8 +162,8 @@ class PubSubSession : public gloox::MessageHandler,
     void dropSocketWatch();
 
     // service/status.cpp
-    void postConnected();
-    void postDisconnected();
+    void postConnected(CallSite site = {});
+    void postDisconnected(CallSite site = {});
 
     // session/login.cpp
     bool getLoginDetails();

@@ -4,5 +4,5 @@
 #include "util/log.h"
 
 void PubSubSession::handleLog(gloox::LogLevel, gloox::LogArea, const std::string& message) {
-    glooxDbg(__func__, __LINE__, "Gloox dbg: %s", message.c_str());
+    glooxDbg({}, "Gloox dbg: %s", message.c_str());
 }

@@ -47,7 +47,7 @@ void addChild(gloox::Tag* tag, const char* name, json_object* value) {
 
 gloox::Tag* GetXmlFromJSON(json_object* object) {
     if (!object) {
-        PrvPrintErr(__func__, __LINE__, "Invalid JSON object");
+        PrvPrintErr({}, "Invalid JSON object");
         return nullptr;
     }
     auto item = std::make_unique<gloox::Tag>("item");
@@ -77,7 +77,7 @@ gloox::Tag* getItemTag(std::string text) {
 
 json_object* GetJSONFromXml(const gloox::Tag* tag) {
     if (!tag) {
-        PrvPrintErr(__func__, __LINE__, "Invalid Xml object");
+        PrvPrintErr({}, "Invalid Xml object");
         return nullptr;
     }
     JsonObject result;

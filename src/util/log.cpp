@@ -73,8 +73,8 @@ bool markFormat(const char* format, char (&marked)[kFormatSize]) {
     return found && !format[length];
 }
 
-__attribute__((format(printf, 4, 0))) void write(int priority, const char* function, int line,
-                                                 const char* format, va_list arguments) {
+__attribute__((format(printf, 3, 0))) void write(int priority, CallSite site, const char* format,
+                                                 va_list arguments) {
     unsigned long leftOut = 0;
     if (!LogPayer::mayWrite(leftOut))
         return;
@@ -95,8 +95,8 @@ __attribute__((format(printf, 4, 0))) void write(int priority, const char* funct
     }
     va_end(again);
     escapeForeign(message, hasOwn ? marked : message, escaped);
-    fprintf(stderr, "[%s: %d]: %s\n", function, line, escaped);
-    syslog(priority, "[%s: %d]: %s", function, line, escaped);
+    fprintf(stderr, "[%s: %d]: %s\n", site.function, site.line, escaped);
+    syslog(priority, "[%s: %d]: %s", site.function, site.line, escaped);
 }
 
 char* firstNewline(char* buffer, int length) {
@@ -105,31 +105,31 @@ char* firstNewline(char* buffer, int length) {
 
 }  // namespace
 
-void PrvPrintErr(const char* function, int line, const char* format, ...) {
+void PrvPrintErr(CallSite site, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    write(LOG_ERR, function, line, format, arguments);
+    write(LOG_ERR, site, format, arguments);
     va_end(arguments);
 }
 
-void PrvPrintDbg(const char* function, int line, const char* format, ...) {
+void PrvPrintDbg(CallSite site, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    write(LOG_INFO, function, line, format, arguments);
+    write(LOG_INFO, site, format, arguments);
     va_end(arguments);
 }
 
-void PrintDbgRelease(const char* function, int line, const char* format, ...) {
+void PrintDbgRelease(CallSite site, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    write(LOG_INFO, function, line, format, arguments);
+    write(LOG_INFO, site, format, arguments);
     va_end(arguments);
 }
 
-void glooxDbg(const char* function, int line, const char* format, ...) {
+void glooxDbg(CallSite site, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    write(LOG_ERR, function, line, format, arguments);
+    write(LOG_ERR, site, format, arguments);
     va_end(arguments);
 }
 

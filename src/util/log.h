@@ -4,14 +4,23 @@
 
 #include <cstdio>
 
-// `function` is the plain name of the calling function, `line` its source line. printf-style.
-void PrvPrintErr(const char* function, int line, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
-void PrvPrintDbg(const char* function, int line, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
-void PrintDbgRelease(const char* function, int line, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
-void glooxDbg(const char* function, int line, const char* format, ...) __attribute__((format(printf, 3, 4)));
+// Where a log line comes from: the plain name of a function and a line in it. `{}` at a call is the place of that
+// call. A helper that logs for its caller takes `CallSite site = {}` and passes it on, so that its lines carry the
+// name of the operation.
+struct CallSite {
+    // Not explicit: `{}` stands for it at a call.
+    constexpr CallSite(const char* callingFunction = __builtin_FUNCTION(), int callingLine = __builtin_LINE())
+        : function(callingFunction), line(callingLine) {}
+
+    const char* function;
+    int line;
+};
+
+// printf-style.
+void PrvPrintErr(CallSite site, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void PrvPrintDbg(CallSite site, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void PrintDbgRelease(CallSite site, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void glooxDbg(CallSite site, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Writes the text with its control characters escaped, as the log does; a text of others forges no line.
 void printEscaped(FILE* stream, const char* text);

@@ -118,8 +118,8 @@ void Manager::handleAnswer(const gloox::Tag& iq) {
         return;
     const std::string& from = iq.findAttribute("from");
     if (from != found->second.service.full() && gloox::JID(from).full() != found->second.service.full()) {
-        PrvPrintErr(__func__, __LINE__, "Ignored an answer from %s to a request that %s was asked",
-                    from.c_str(), found->second.service.full().c_str());
+        PrvPrintErr({}, "Ignored an answer from %s to a request that %s was asked", from.c_str(),
+                    found->second.service.full().c_str());
         return;
     }
     const Request request = std::move(found->second);
@@ -156,7 +156,7 @@ void Manager::handleBulkAnswer(const Request& request, const gloox::Tag& iq, con
         deliver(request, bulk.id, iq, nullptr);
         return;
     }
-    PrvPrintErr(__func__, __LINE__, "%s failed for %zu of its nodes, first: %s",
+    PrvPrintErr({}, "%s failed for %zu of its nodes, first: %s",
                 activates ? "Bulk activation" : "Bulk deletion", bulk.failed, bulk.error->xml().c_str());
     const RawError first(*bulk.error);
     deliver(request, bulk.id, iq, &first);

@@ -252,15 +252,14 @@ void Client::onResourceBind(const std::string& resource) {
 void Client::onResourceBindError(const gloox::Error* error) {
     for (std::size_t i = 0; i < m_listeners.size(); ++i)
         m_listeners[i]->onResourceBindError(error);
-    PrvPrintErr(__func__, __LINE__, "The server refused to bind the resource %s, disconnecting",
-                resource().c_str());
+    PrvPrintErr({}, "The server refused to bind the resource %s, disconnecting", resource().c_str());
     gloox::ClientBase::disconnect(gloox::ConnStreamError);
 }
 
 void Client::onSessionCreateError(const gloox::Error* error) {
     for (std::size_t i = 0; i < m_listeners.size(); ++i)
         m_listeners[i]->onSessionCreateError(error);
-    PrvPrintErr(__func__, __LINE__, "The server refused to open the session, disconnecting");
+    PrvPrintErr({}, "The server refused to open the session, disconnecting");
     gloox::ClientBase::disconnect(gloox::ConnStreamError);
 }
 

@@ -314,14 +314,14 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
             if (isXmlAttribute(*node) && node->size() < kListPart / 2)
                 part.open("node").attribute("id", *node).close();
             else
-                PrvPrintErr(__func__, __LINE__, "Left node %s out of %s: its name cannot be sent",
-                            printable(*node).c_str(), element);
+                PrvPrintErr({}, "Left node %s out of %s: its name cannot be sent", printable(*node).c_str(),
+                            element);
         }
         parts.emplace_back(id, part.finish());
     } while (node != nodes.end());
 
     if (!mayHold(parts.size())) {
-        PrvPrintErr(__func__, __LINE__, "Too many operations wait for the connection, refused %s", element);
+        PrvPrintErr({}, "Too many operations wait for the connection, refused %s", element);
         return {};
     }
     const std::string id = parts.front().first;
@@ -382,21 +382,20 @@ std::string Manager::tell(const gloox::JID& service, const std::string& id, Stan
 bool Manager::mayPass(const std::string& stanza, const char* what, const std::string& node) {
     if (stanza.empty()) {
         PrvPrintErr(
-            __func__, __LINE__,
+            {},
             "%s (%s) was not sent: it holds a control character, a line break in a name, a bad or missing "
             "name or text that is not UTF-8",
             what, printable(node).c_str());
         return false;
     }
     if (stanza.size() >= kStanzaLimit) {
-        PrvPrintErr(__func__, __LINE__,
-                    "%s (%s) was not sent: its %zu bytes are more than the server takes (%zu)", what,
+        PrvPrintErr({}, "%s (%s) was not sent: its %zu bytes are more than the server takes (%zu)", what,
                     printable(node).c_str(), stanza.size(), kStanzaLimit);
         return false;
     }
     if (!mayHold(1)) {
-        PrvPrintErr(__func__, __LINE__, "%s (%s) was not sent: %zu others wait for the connection already",
-                    what, printable(node).c_str(), m_held.size());
+        PrvPrintErr({}, "%s (%s) was not sent: %zu others wait for the connection already", what,
+                    printable(node).c_str(), m_held.size());
         return false;
     }
     return true;

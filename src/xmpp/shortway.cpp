@@ -45,7 +45,7 @@ void Client::parse(const std::string& data) {
     if (m_relaysLog)
         gloox::Client::logInstance().err(gloox::LogAreaClassClientbase,
                                          "parse error (" + fault + "): " + data);
-    PrvPrintErr(__func__, __LINE__, "The server's stream cannot be taken (%s), disconnecting", fault.c_str());
+    PrvPrintErr({}, "The server's stream cannot be taken (%s), disconnecting", fault.c_str());
     auto* error = new gloox::Tag("stream:error");
     new gloox::Tag(error, "restricted-xml", "xmlns", gloox::XMLNS_XMPP_STREAM);
     send(error);
@@ -60,8 +60,7 @@ void Client::handleTag(gloox::Tag* tag) {
         return;
     }
     if (isOutOfPlace(*tag)) {
-        PrvPrintErr(__func__, __LINE__, "The server sent <%s> before TLS was up, disconnecting",
-                    tag->name().c_str());
+        PrvPrintErr({}, "The server sent <%s> before TLS was up, disconnecting", tag->name().c_str());
         gloox::ClientBase::disconnect(gloox::ConnTlsFailed);
         return;
     }
@@ -95,7 +94,7 @@ bool Client::isOutOfPlace(const gloox::Tag& tag) const {
 
 void Client::passMessage(const gloox::Tag& message) {
     if (isForeignEvent(message)) {
-        PrvPrintErr(__func__, __LINE__, "Dropped an event or form from %s, which is not the pub-sub service",
+        PrvPrintErr({}, "Dropped an event or form from %s, which is not the pub-sub service",
                     message.findAttribute("from").c_str());
         return;
     }

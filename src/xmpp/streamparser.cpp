@@ -225,8 +225,7 @@ void StreamParser::end() {
 
 void StreamParser::handOver() {
     if (std::exchange(m_cut, false))
-        PrvPrintErr(__func__, __LINE__,
-                    "A stanza nests more than %zu levels deep, what is deeper is left out", kMaxDepth);
+        PrvPrintErr({}, "A stanza nests more than %zu levels deep, what is deeper is left out", kMaxDepth);
     m_nodes = 0;
     m_stanzaEnd = position();
     const std::unique_ptr<gloox::Tag> stanza = std::move(m_stanza);

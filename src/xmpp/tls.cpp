@@ -93,8 +93,7 @@ bool Tls::init(const std::string&, const std::string&, const gloox::StringList& 
         const int count =
             gnutls_certificate_set_x509_trust_file(m_credentials, file.c_str(), GNUTLS_X509_FMT_PEM);
         if (count <= 0)
-            PrvPrintErr(__func__, __LINE__,
-                        "No certificate authorities in %s, so no server can be trusted: %s", file.c_str(),
+            PrvPrintErr({}, "No certificate authorities in %s, so no server can be trusted: %s", file.c_str(),
                         count < 0 ? gnutls_strerror(count) : "it is empty");
     }
     if (gnutls_init(&m_session, GNUTLS_CLIENT | GNUTLS_NONBLOCK) != GNUTLS_E_SUCCESS ||
@@ -124,8 +123,7 @@ bool Tls::handshake() {
     if (result == GNUTLS_E_AGAIN)
         return true;
     if (result < 0) {
-        PrvPrintErr(__func__, __LINE__, "TLS handshake with %s failed: %s", m_server.c_str(),
-                    gnutls_strerror(result));
+        PrvPrintErr({}, "TLS handshake with %s failed: %s", m_server.c_str(), gnutls_strerror(result));
         m_over = true;
         m_valid = false;
         m_handler->handleHandshakeResult(this, false, m_certInfo);
@@ -178,7 +176,7 @@ void Tls::readRecords() {
         } else if (length == 0) {
             giveUp(gloox::ConnStreamClosed);
         } else if (gnutls_error_is_fatal(static_cast<int>(length))) {
-            PrvPrintErr(__func__, __LINE__, "TLS with %s broke: %s", m_server.c_str(),
+            PrvPrintErr({}, "TLS with %s broke: %s", m_server.c_str(),
                         gnutls_strerror(static_cast<int>(length)));
             giveUp(gloox::ConnIoError);
         }

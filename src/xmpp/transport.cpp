@@ -67,7 +67,7 @@ gloox::ConnectionError Transport::connect() {
         return gloox::ConnNoError;
     m_socket = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_socket < 0) {
-        PrvPrintErr(__func__, __LINE__, "No descriptor for the connection: %s", strerror(errno));
+        PrvPrintErr({}, "No descriptor for the connection: %s", strerror(errno));
         return gloox::ConnIoError;
     }
     m_state = gloox::StateConnecting;
@@ -92,7 +92,7 @@ gloox::ConnectionError Transport::connect() {
 void Transport::onResolved(std::vector<SocketAddress> addresses, const std::string& error) {
     m_lookup.reset();
     if (addresses.empty()) {
-        PrvPrintErr(__func__, __LINE__, "Cannot resolve %s: %s", m_host.c_str(), error.c_str());
+        PrvPrintErr({}, "Cannot resolve %s: %s", m_host.c_str(), error.c_str());
         fail(gloox::ConnDnsError);
         return;
     }
@@ -121,7 +121,7 @@ void Transport::connectToNext() {
 bool Transport::startConnecting(const SocketAddress& address) {
     m_attempt = ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (m_attempt < 0) {
-        PrvPrintErr(__func__, __LINE__, "No socket for %s: %s", address.text().c_str(), strerror(errno));
+        PrvPrintErr({}, "No socket for %s: %s", address.text().c_str(), strerror(errno));
         return false;
     }
     setOption(m_attempt, IPPROTO_TCP, TCP_NODELAY, 1);
@@ -131,8 +131,7 @@ bool Transport::startConnecting(const SocketAddress& address) {
         setOption(m_attempt, IPPROTO_TCP, TCP_SYNCNT, 2);
     bindLocally(address.family());
     if (::connect(m_attempt, address.get(), address.length) != 0 && errno != EINPROGRESS) {
-        PrvPrintErr(__func__, __LINE__, "Cannot connect to %s port %d: %s", address.text().c_str(), m_port,
-                    strerror(errno));
+        PrvPrintErr({}, "Cannot connect to %s port %d: %s", address.text().c_str(), m_port, strerror(errno));
         return false;
     }
     m_attemptSource = g_unix_fd_source_new(m_attempt, GIOCondition(G_IO_OUT | G_IO_ERR | G_IO_HUP));
@@ -151,16 +150,15 @@ void Transport::bindLocally(int family) {
         return;
     const SocketAddress local = SocketAddress::numeric(m_localAddress, 0);
     if (local.length == 0) {
-        PrvPrintErr(__func__, __LINE__, "Local address %s is no IP address, connecting from any",
-                    m_localAddress.c_str());
+        PrvPrintErr({}, "Local address %s is no IP address, connecting from any", m_localAddress.c_str());
         return;
     }
     if (local.family() != family)
         return;
     setOption(m_attempt, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1);
     if (::bind(m_attempt, local.get(), local.length) != 0)
-        PrvPrintErr(__func__, __LINE__, "Cannot use local address %s (%s), connecting from any",
-                    m_localAddress.c_str(), strerror(errno));
+        PrvPrintErr({}, "Cannot use local address %s (%s), connecting from any", m_localAddress.c_str(),
+                    strerror(errno));
 }
 
 void Transport::onAttemptDone() {
@@ -171,15 +169,14 @@ void Transport::onAttemptDone() {
         takeOver();
         return;
     }
-    PrvPrintErr(__func__, __LINE__, "Cannot connect to %s port %d: %s", m_host.c_str(), m_port,
-                strerror(error));
+    PrvPrintErr({}, "Cannot connect to %s port %d: %s", m_host.c_str(), m_port, strerror(error));
     connectToNext();
 }
 
 // The socket takes the number that is being watched already; the event object goes.
 void Transport::takeOver() {
     if (dup3(m_attempt, m_socket, O_CLOEXEC) < 0) {
-        PrvPrintErr(__func__, __LINE__, "Cannot take the connection over: %s", strerror(errno));
+        PrvPrintErr({}, "Cannot take the connection over: %s", strerror(errno));
         dropAttempt();
         fail(gloox::ConnIoError);
         return;
@@ -199,8 +196,8 @@ void Transport::dropAttempt() {
 gboolean Transport::onDeadline(gpointer data) {
     auto* self = static_cast<Transport*>(data);
     dropSource(self->m_deadlineSource);
-    PrvPrintErr(__func__, __LINE__, "No session with %s port %d within %u ms, giving up",
-                self->m_host.c_str(), self->m_port, self->m_deadline);
+    PrvPrintErr({}, "No session with %s port %d within %u ms, giving up", self->m_host.c_str(), self->m_port,
+                self->m_deadline);
     const bool connected = self->m_state == gloox::StateConnected;
     self->fail(connected ? gloox::ConnIoError : gloox::ConnConnectionRefused);
     return G_SOURCE_REMOVE;
@@ -246,8 +243,7 @@ bool Transport::send(const std::string& data) {
     if (data.empty() || m_state != gloox::StateConnected || m_failure != gloox::ConnNoError)
         return false;
     if (queued() + data.size() > kMaxQueued) {
-        PrvPrintErr(__func__, __LINE__, "%s has not read %zu bytes, giving the connection up", m_host.c_str(),
-                    queued());
+        PrvPrintErr({}, "%s has not read %zu bytes, giving the connection up", m_host.c_str(), queued());
         fail(gloox::ConnIoError);
         return false;
     }
@@ -266,7 +262,7 @@ bool Transport::flush() {
         } else if (errno == EAGAIN) {
             break;
         } else if (errno != EINTR) {
-            PrvPrintErr(__func__, __LINE__, "Sending to %s failed: %s", m_host.c_str(), strerror(errno));
+            PrvPrintErr({}, "Sending to %s failed: %s", m_host.c_str(), strerror(errno));
             fail(gloox::ConnIoError);
             return false;
         }

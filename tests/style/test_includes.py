@@ -92,6 +92,16 @@ class Includes(unittest.TestCase):
         self.assertEqual(wrong, [])
 
 
+class LogCalls(unittest.TestCase):
+    def test_a_log_line_takes_its_place_from_the_call(self):
+        wrong = []
+        for path in product_sources():
+            text = (SOURCE / path).read_text(encoding="utf-8")
+            if str(path) not in ("util/log.cpp", "util/log.h") and re.search(r"__func__|__LINE__|__FUNCTION__", text):
+                wrong.append(str(path))
+        self.assertEqual(wrong, [])
+
+
 class FileForm(unittest.TestCase):
     def test_every_source_names_its_licence_first(self):
         wrong = [str(path) for path in sources()

@@ -147,7 +147,7 @@ bool busProcess(QSHandle* handle, int most, int* handled, bool* drained) {
         *drained = result == 0;
     handle->processing = false;
     if (result < 0 && handle->bus)
-        PrvPrintErr(__func__, __LINE__, "The %s bus connection of %s is lost: %s", busSideName(handle),
+        PrvPrintErr({}, "The %s bus connection of %s is lost: %s", busSideName(handle),
                     handle->name.empty() ? "this client" : handle->name.c_str(), std::strerror(-result));
     return result >= 0 || !handle->bus;
 }

@@ -13,8 +13,8 @@ void busRunGuarded(const char* method, Function function) noexcept {
     try {
         function();
     } catch (const std::exception& error) {
-        PrvPrintErr(__func__, __LINE__, "Handling %s failed: %s", method, error.what());
+        PrvPrintErr({}, "Handling %s failed: %s", method, error.what());
     } catch (...) {
-        PrvPrintErr(__func__, __LINE__, "Handling %s failed", method);
+        PrvPrintErr({}, "Handling %s failed", method);
     }
 }

@@ -172,7 +172,7 @@ void busWarnOfTrustedEnvironment() {
         return;
     said = true;
     PrvPrintErr(
-        __func__, __LINE__,
+        {},
         "ZELT_APP_ID_FROM_ENVIRONMENT=1: every client names itself. For development only; unset it on a "
         "device");
 }

@@ -41,8 +41,7 @@ void KnownNames::start(QSHandle* handle) {
     if (sd_bus_add_match_async(bus, Receive(m_changes), kPlatformRule, onChanged, onInstalled, this) < 0 ||
         askDaemon(bus, m_ownedQuery, "ListNames", onOwned, this) < 0 ||
         askDaemon(bus, m_startableQuery, "ListActivatableNames", onStartable, this) < 0)
-        PrvPrintErr(__func__, __LINE__,
-                    "Asking the %s bus for its names failed; calls to absent services go out",
+        PrvPrintErr({}, "Asking the %s bus for its names failed; calls to absent services go out",
                     busSideName(handle));
 }
 

@@ -54,8 +54,8 @@ int NameWatch::onChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
 
 int NameWatch::onInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
     if (sd_bus_message_is_method_error(reply, nullptr))
-        PrvPrintErr(__func__, __LINE__, "Watching the name %s failed: %s",
-                    static_cast<NameWatch*>(data)->m_name.c_str(), sd_bus_message_get_error(reply)->message);
+        PrvPrintErr({}, "Watching the name %s failed: %s", static_cast<NameWatch*>(data)->m_name.c_str(),
+                    sd_bus_message_get_error(reply)->message);
     return 0;
 }
 

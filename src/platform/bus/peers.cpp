@@ -46,8 +46,8 @@ void logRefused(const Peer& peer, const QSMessage& request) {
     std::string more =
         untold ? "; so were " + std::to_string(untold) + " calls since the last such line" : "";
     untold = 0;
-    PrvPrintErr(__func__, __LINE__, "%s of the client %s is refused: it left before the bus told who it is%s",
-                request.method, peer.name.c_str(), more.c_str());
+    PrvPrintErr({}, "%s of the client %s is refused: it left before the bus told who it is%s", request.method,
+                peer.name.c_str(), more.c_str());
 }
 
 // The client has left. What needs no identity is carried out, in the order in which it came.
@@ -122,7 +122,7 @@ int onSharedWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
     const bool watched = !sd_bus_message_is_method_error(reply, nullptr);
     handle->sharedWatch.state = watched ? SharedWatch::State::Installed : SharedWatch::State::Refused;
     if (!watched)
-        PrvPrintErr(__func__, __LINE__, "Watching the clients of the %s bus failed: %s", busSideName(handle),
+        PrvPrintErr({}, "Watching the clients of the %s bus failed: %s", busSideName(handle),
                     sd_bus_message_get_error(reply)->message);
     std::vector<std::shared_ptr<Peer>> peers;
     for (const auto& [name, peer] : handle->peers)
@@ -197,7 +197,7 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
         return 0;
     if (sd_bus_message_is_method_error(reply, nullptr)) {
         const LogPayer payer(busLogBudget(peer->handle, peer->user));
-        PrvPrintErr(__func__, __LINE__, "The bus does not tell who %s is: %s", peer->name.c_str(),
+        PrvPrintErr({}, "The bus does not tell who %s is: %s", peer->name.c_str(),
                     sd_bus_message_get_error(reply)->message);
     } else {
         const BusCredentials who = busReadCredentials(reply);

@@ -159,8 +159,8 @@ bool busIsThere(const Peer& peer) {
         there = askIsThere(handle, peer.name);
     if (there < 0) {
         const LogPayer payer(busLogBudget(handle, peer.user));
-        PrvPrintErr(__func__, __LINE__, "The %s bus does not tell whether the client %s is there",
-                    busSideName(handle), peer.name.c_str());
+        PrvPrintErr({}, "The %s bus does not tell whether the client %s is there", busSideName(handle),
+                    peer.name.c_str());
     }
     return there > 0;
 }

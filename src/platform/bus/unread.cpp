@@ -140,7 +140,7 @@ int onPong(sd_bus_message* reply, void* data, sd_bus_error*) {
     } else if (busIsFromDaemon(reply) && sd_bus_message_is_method_error(reply, SD_BUS_ERROR_ACCESS_DENIED)) {
         handle->asksClients = false;
         if (!handle->asksDaemon)
-            PrvPrintErr(__func__, __LINE__,
+            PrvPrintErr({},
                         "The public bus lets this service ask neither what a client has read nor the client: "
                         "what waits for clients that do not read is not bounded. Install "
                         "com.zelt.pubsubservice.conf");

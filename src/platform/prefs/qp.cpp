@@ -60,7 +60,7 @@ int QPAppGetHandle(const char* appId, QPHandle** handle) {
         return QP_BAD_ARGUMENT;
     *handle = nullptr;
     if (!isPrefsAppId(appId)) {
-        PrvPrintErr(__func__, __LINE__,
+        PrvPrintErr({},
                     "Preferences of \"%s\": an application id is 1 to 200 letters, digits, '.', '_' and '-', "
                     "and does "
                     "not begin with '.'",

@@ -38,7 +38,7 @@ std::string setDamagedFileAside(const std::string& appId, const std::string& fil
     std::string aside = file + ".damaged-1";
     while (!renameAside(file, aside)) {
         if (errno != EEXIST) {
-            PrvPrintErr(__func__, __LINE__,
+            PrvPrintErr({},
                         "Preferences of %s: %s is damaged and cannot be moved away: %s. Move it away by hand",
                         appId.c_str(), file.c_str(), strerror(errno));
             return "";
@@ -48,8 +48,7 @@ std::string setDamagedFileAside(const std::string& appId, const std::string& fil
     // The log belongs to the damaged file, and would spoil the fresh one. The index is rebuilt from it.
     rename((file + "-wal").c_str(), (aside + "-wal").c_str());
     unlink((file + "-shm").c_str());
-    PrvPrintErr(__func__, __LINE__,
-                "Preferences of %s: the file was damaged and begins anew. The old one is kept as %s",
+    PrvPrintErr({}, "Preferences of %s: the file was damaged and begins anew. The old one is kept as %s",
                 appId.c_str(), aside.c_str());
     return aside;
 }

@@ -203,8 +203,8 @@ int PrefsStore::createFile() {
         return QP_OK;
     }
     const int systemError = errno;
-    PrvPrintErr("open", __LINE__, "Preferences of %s: cannot open %s: %s. %s", m_appId.c_str(),
-                m_file.c_str(), strerror(systemError), advice(SQLITE_IOERR, systemError).c_str());
+    PrvPrintErr("open", "Preferences of %s: cannot open %s: %s. %s", m_appId.c_str(), m_file.c_str(),
+                strerror(systemError), advice(SQLITE_IOERR, systemError).c_str());
     return QP_IO;
 }
 
@@ -320,8 +320,8 @@ int PrefsStore::execute(const char* sql) {
 
 int PrefsStore::failure(const char* doing, int result) {
     const int systemError = systemErrorOf(m_database, result);
-    PrvPrintErr(doing, __LINE__, "Preferences of %s: cannot %s %s: %s. %s", m_appId.c_str(), doing,
-                m_file.c_str(), reason(result, systemError).c_str(), advice(result, systemError).c_str());
+    PrvPrintErr(doing, "Preferences of %s: cannot %s %s: %s. %s", m_appId.c_str(), doing, m_file.c_str(),
+                reason(result, systemError).c_str(), advice(result, systemError).c_str());
     const int failed = toResult(result);
     if (failed == QP_CORRUPT)
         close();

@@ -23,25 +23,24 @@ constexpr const char* kDeviceIdKey = "com.zelt.properties.kduid";
 constexpr sd_id128_t kApplication =
     SD_ID128_MAKE(7b, 1e, 0d, 52, 9c, 4f, 4a, 36, 8e, 21, d5, 60, 3a, f7, 14, c9);
 
-bool readMachineId(const char* file, sd_id128_t& id) {
+bool readMachineId(const char* file, sd_id128_t& id, CallSite site) {
     std::ifstream stream(file);
     std::string text;
     std::getline(stream, text);
     if (sd_id128_from_string(text.c_str(), &id) >= 0)
         return true;
-    PrvPrintErr("QPSystemCopyStringValue", __LINE__,
-                "%s holds no machine id: write 32 hexadecimal digits to it", file);
+    PrvPrintErr(site, "%s holds no machine id: write 32 hexadecimal digits to it", file);
     return false;
 }
 
-bool machineId(sd_id128_t& id) {
+bool machineId(sd_id128_t& id, CallSite site = {}) {
     if (const char* file = getenv("ZELT_MACHINE_ID_FILE"))
-        return readMachineId(file, id);
+        return readMachineId(file, id, site);
     const int result = sd_id128_get_machine(&id);
     if (result >= 0)
         return true;
     PrvPrintErr(
-        "QPSystemCopyStringValue", __LINE__,
+        site,
         "This machine has no machine id: %s. Run systemd-machine-id-setup, or name a file with one in "
         "ZELT_MACHINE_ID_FILE",
         strerror(-result));

@@ -345,7 +345,7 @@ TEST_F(Load, RequestsOfOneUserDoNotFillTheLog) {
     size_t handled = 0;
     m_handlers["hold"] = [&](QSHandle*, QSMessage*) {
         handled++;
-        PrvPrintErr("refused", 1, "a call of this test");
+        PrvPrintErr({"refused", 1}, "a call of this test");
     };
     send(client.bus(), "hold", "{}");
     ASSERT_TRUE(m_engine->until([&] { return handled == 1; }));

@@ -122,7 +122,7 @@ TEST_F(ServiceFixtureTest, KeepsStoreAndFilesOverARestart) {
 }
 
 TEST_F(ServiceFixtureTest, GivesTheLogOfTheService) {
-    PrvPrintErr("somewhere", 12, "text %d", 1);
+    PrvPrintErr({"somewhere", 12}, "text %d", 1);
     EXPECT_THAT(takeLogLines(), ElementsAre("somewhere: text 1"));
     EXPECT_THAT(takeLog(), IsEmpty());
 }

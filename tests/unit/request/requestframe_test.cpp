@@ -117,9 +117,9 @@ TEST_F(ErrorReply, LogsAReplyThatCannotBeSent) {
 
 TEST_F(ErrorReply, SendReplyLogsItsFailureUnderTheCallersName) {
     fakeBus().failNext("QSMessageReply", -107, "gone");
-    sendReply(privateHandle(), m_message, "{}", "getJabberId", 12);
+    sendReply(privateHandle(), m_message, "{}", {"getJabberId", 12});
     EXPECT_EQ(log().raw(), "[getJabberId: 12]: Sending reply to client failed -107 gone\n");
-    sendReply(privateHandle(), m_message, "{}", "getJabberId", 12);
+    sendReply(privateHandle(), m_message, "{}", {"getJabberId", 12});
     EXPECT_EQ(takeEvents(), Texts{"bus.reply createNode {}"});
 }
 

@@ -75,7 +75,7 @@ class Service : public ServiceTest {
                 return G_SOURCE_REMOVE;
             },
             this);
-        const int status = runService();
+        const int status = runService({"main", 1});
         if (!m_idleRan)
             g_source_remove(idle);
         return status;

@@ -50,8 +50,8 @@ TEST(LogAllocation, NeverHappens) {
     const long before = allocations;
     for (const std::string* text : {&shortText, &longText, &controls})
         for (auto* write : {PrvPrintErr, PrvPrintDbg, PrintDbgRelease, glooxDbg}) {
-            write("handler", 1, "%s", text->c_str());
-            write("handler", 1, "%s %d\n", text->c_str(), 5);
+            write({"handler", 1}, "%s", text->c_str());
+            write({"handler", 1}, "%s %d\n", text->c_str(), 5);
         }
     const long after = allocations;
     muteSystemLog(false);

@@ -37,10 +37,10 @@ TEST(LogBudget, BoundsTheLinesOfItsCauseAlone) {
         LogBudget budget;
         LogPayer payer(budget);
         for (int i = 0; i < 3000; i++)
-            PrvPrintErr("f", 1, "paid");
+            PrvPrintErr({"f", 1}, "paid");
     }
     for (int i = 0; i < 2000; i++)
-        PrvPrintErr("f", 1, "free");
+        PrvPrintErr({"f", 1}, "free");
     const std::string text = testing::internal::GetCapturedStderr();
     auto count = [&](const std::string& word) {
         size_t found = 0;
