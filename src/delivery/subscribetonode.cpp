@@ -6,23 +6,13 @@
 #include <gloox/error.h>
 
 #include "delivery/methods.h"
-#include "request/names.h"
-#include "request/requestframe.h"
+#include "request/request.h"
 #include "session/pubsubsession.h"
-#include "util/jsonargs.h"
-#include "util/jsonref.h"
-#include "util/log.h"
 #include "xmpp/manager.h"
 
 namespace {
 
-bool refuse(QSHandle* handle, QSMessage* message, const std::string& errorCode, const std::string& errorText,
-            const std::string& node) {
-    json_object* context = json_object_new_object();
-    json_object_object_add(context, "node", json_object_new_string(node.c_str()));
-    HandleError(handle, message, errorCode, errorText, context);
-    return true;
-}
+constexpr char kRespondFailed[] = "Sending response to handleSubscriptionResult failed id %s Error %s ";
 
 int depthOf(json_object* payload) {
     json_object* depth = jsonMember(payload, "depth");
@@ -35,33 +25,20 @@ int depthOf(json_object* payload) {
 // itself.
 bool subscribeToNode(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    std::string errorCode = "errBadArgument";
-    std::string errorText = "Bad Argument";
-    std::string node;
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!payload) {
-        PrvPrintErr({}, "Malformed json packet? \n");
-        return refuse(handle, message, errorCode, "Malformed json", node);
-    }
-    node = getJSONString(payload.get(), "node", errorText);
-    if (node.empty())
-        return refuse(handle, message, errorCode, errorText, node);
-    const std::string jid = getJSONString(payload.get(), "jid", errorText);
+    Request request(handle, message, kSubscriptionRefusal);
+    if (!request.hasJson() || !request.readNode())
+        return request.refuse();
+    const std::string jid = request.text("jid");
     const gloox::JID subscriber = jid.empty() ? session.m_jid : gloox::JID(jid);
     if (!jid.empty() && !subscriber)
-        return refuse(handle, message, errorCode, errorText, node);
-
+        return request.refuse();
     // sic: no connection is no reason to refuse. The request waits for the stream when there is a client, and
-    // when there is none, the words are those of the missing library.
-    const std::string id =
-        session.m_pubsub
-            ? session.m_pubsub->subscribe(gloox::JID(session.m_pubsubService), node, &session, subscriber,
-                                          gloox::PubSub::SubscriptionNodes, depthOf(payload.get()))
-            : "";
-    if (id.empty())
-        return refuse(handle, message, "libErr", "gloox library is not initialized", node);
-    session.m_msgMap[id] = KeptMessage(message);
-    return true;
+    // when there is none, the refusal is that of the missing library.
+    return request.waitFor(session.m_pubsub
+                               ? session.m_pubsub->subscribe(
+                                     gloox::JID(session.m_pubsubService), request.node, &session, subscriber,
+                                     gloox::PubSub::SubscriptionNodes, depthOf(request.json()))
+                               : "");
 }
 
 void PubSubSession::handleSubscriptionResult(const std::string& id, const gloox::JID& service,
@@ -69,26 +46,10 @@ void PubSubSession::handleSubscriptionResult(const std::string& id, const gloox:
                                              const gloox::JID&, gloox::PubSub::SubscriptionType type,
                                              const gloox::Error* error) {
     setPingTimer();
-    const auto waiting = m_msgMap.extract(id);
-    JsonRef reply(json_object_new_object());
-    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(!error));
-    json_object_object_add(reply.get(), "node", json_object_new_string(node.c_str()));
-    if (error) {
-        PrvPrintErr({}, "Node %s error:  from %s", node.c_str(), service.full().c_str());
-        printerror(error);
-        std::string errorCode;
-        std::string errorText;
-        getErrorCode(error, errorCode, errorText);
-        json_object_object_add(reply.get(), "errorCode", json_object_new_string(errorCode.c_str()));
-        json_object_object_add(reply.get(), "errorText", json_object_new_string(errorText.c_str()));
-    } else {
-        json_object_object_add(reply.get(), "subid", json_object_new_string(subid.c_str()));
-        json_object_object_add(reply.get(), "type", json_object_new_int(type));
-    }
+    const auto waiting = takeRequest(id);
+    Reply reply = resultReply("node", node, node, service, error);
+    if (!error)
+        reply.set("subid", subid).set("type", type);
     // Without a waiting request the answer fails like any other and is logged.
-    BusError busError;
-    if (!QSMessageRespond(waiting ? waiting.mapped().get() : nullptr, json_object_to_json_string(reply.get()),
-                          busError))
-        PrvPrintErr({}, "Sending response to handleSubscriptionResult failed id %s Error %s ", id.c_str(),
-                    busError.message());
+    reply.respond(waiting.get(), id, kRespondFailed);
 }

@@ -8,16 +8,15 @@
 
 #include "endpoints/methods.h"
 #include "platform/bus/qsraii.h"
-#include "request/publicrequest.h"
+#include "request/request.h"
 #include "request/requestframe.h"
 #include "session/pubsubsession.h"
-#include "util/jsonargs.h"
-#include "util/log.h"
 
 namespace {
 
 // Entries of the offline map survive their application's process, so an application may have only so many.
 constexpr std::ptrdiff_t kOfflineEntries = 64;
+constexpr char kUnsubscribeFailed[] = "Sending response to unsubscribeOnClose failed id %s Error %s ";
 constexpr char kTooMany[] =
     "Too many endpoints with on-close notices, the limit is 64. Call unsubscribeOnClose first";
 
@@ -27,47 +26,23 @@ bool maySubscribeMore(const std::string& appId) {
                          [&](const auto& entry) { return entry.second == appId; }) < kOfflineEntries;
 }
 
-void notifyOfflineSubscriber(const std::string& first, const std::string&) {
-    const JsonRef notice(json_object_new_object());
-    json_object_object_add(notice.get(), "returnValue", json_object_new_boolean(true));
-    addMember(notice, "appid", first);
-    json_object_object_add(notice.get(), "open", json_object_new_boolean(true));
+void notifyOfflineSubscriber(const std::string& first, const std::string&, CallSite site = {}) {
+    Reply notice(true);
+    notice.set("appid", first).set("open", true);
     BusError error;
-    if (!QSSubscriptionPost(gCurrentSession.m_privateHandle, "/", "registerOnClose",
-                            json_object_to_json_string(notice.get()), error))
-        PrvPrintErr({}, "Sending close to registerOnclose failed. Error %s ", error.message());
-}
-
-bool wantsSubscription(QSMessage* message, std::string& errorText) {
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!payload) {
-        PrvPrintErr({}, "Malformed json packet? \n");
-        errorText = "Malformed json";
-        return false;
-    }
-    bool wanted = false;
-    if (!getJSONboolean(payload.get(), "subscribe", errorText, wanted))
-        return false;
-    if (!wanted)
-        errorText = "Subscribe should be true";
-    return wanted;
+    if (!QSSubscriptionPost(gCurrentSession.m_privateHandle, "/", "registerOnClose", notice.text().c_str(),
+                            error))
+        PrvPrintErr(site, "Sending close to registerOnclose failed. Error %s ", error.message());
 }
 
 }  // namespace
 
 bool registerOnClose(QSHandle* handle, QSMessage* message, void*) {
-    std::string errorText = "\"Bad Argument\"";  // sic: the quotes are part of the text
-    if (!wantsSubscription(message, errorText)) {
-        HandleError(handle, message, "parameterErr", errorText, nullptr);
-        return true;
-    }
-    bool subscribed = false;
-    BusError error;
-    if (!QSSubscriptionProcess(handle, message, &subscribed, error)) {
-        PrvPrintErr({}, "Processing subscription failed %d %s", error.code(), error.message());
-        HandleError(handle, message, "libErr", "Subscribe on Zelt bus failed", nullptr);
-        return true;
-    }
+    Request request(handle, message, kParameterRefusal);
+    if (!request.hasJson() || !request.requireSubscribe())
+        return request.refuse();
+    if (!request.processSubscription())
+        return request.refuse("libErr", "Subscribe on Zelt bus failed");
     gCurrentSession.m_onCloseRegistered = true;
     sendReply(handle, message, R"({"returnValue":true})");
     return true;
@@ -75,41 +50,35 @@ bool registerOnClose(QSHandle* handle, QSMessage* message, void*) {
 
 bool subscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    PublicRequest request(handle, message);
-    if (!request.readEndpoint(false) || !request.formNode())
+    Request request(handle, message, kEndpointRefusal);
+    if (!request.isReady(false) || !request.requireEndpoint() || !request.formNode())
         return request.refuse();
     bool present = false;
     std::string ignored;
     session.checkOfflineMap(request.node, present, ignored, ignored);
-    if (const WriteTurn turn =
-            session.takeWriteTurn(request, !present && maySubscribeMore(request.appId), subscribeOnClose);
+    const bool writes = !present && maySubscribeMore(request.appId);
+    if (const WriteTurn turn = session.takeWriteTurn(request, writes, subscribeOnClose);
         turn != WriteTurn::Now)
-        return turn == WriteTurn::Later || request.refuseWrite();
-    if (present) {
-        // sic: the listener gets the node name as "appid".
-        notifyOfflineSubscriber(request.node, request.appId);
-    } else if (maySubscribeMore(request.appId)) {
+        return turn == WriteTurn::Later || request.refuse("appErr", kTooManyWrites);
+    if (!present && !maySubscribeMore(request.appId))
+        return request.refuse("appErr", kTooMany);
+    if (present)
+        notifyOfflineSubscriber(request.node, request.appId);  // sic: the node's name goes out as "appid"
+    else
         session.setOfflineMap(request.node, request.appId);
-    } else {
-        request.fail("appErr", kTooMany);
-        return request.refuse();
-    }
-    sendReply(handle, message, json_object_to_json_string(endpointReply(true, request.endpoint).get()));
-    return true;
+    return request.reply(endpointReply(true, request.endpoint));
 }
 
 bool unsubscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
-    PublicRequest request(handle, message);
-    if (!request.readEndpoint(false) || !request.formNode())
+    PubSubSession& session = gCurrentSession;
+    Request request(handle, message, kEndpointRefusal);
+    if (!request.isReady(false) || !request.requireEndpoint() || !request.formNode())
         return request.refuse();
-    if (const WriteTurn turn = gCurrentSession.takeWriteTurn(
-            request, gCurrentSession.m_offlineMap.contains(request.node), unsubscribeOnClose);
+    const bool writes = session.m_offlineMap.contains(request.node);
+    if (const WriteTurn turn = session.takeWriteTurn(request, writes, unsubscribeOnClose);
         turn != WriteTurn::Now)
-        return turn == WriteTurn::Later || request.refuseWrite();
-    gCurrentSession.removeOfflineMap(request.node);
-    const JsonRef reply = endpointReply(true, request.endpoint);
-    BusError error;
-    if (!QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
-        PrvPrintErr({}, "Sending response to unsubscribeOnClose failed id %s Error %s ", "", error.message());
+        return turn == WriteTurn::Later || request.refuse("appErr", kTooManyWrites);
+    session.removeOfflineMap(request.node);
+    endpointReply(true, request.endpoint).respond(message, "", kUnsubscribeFailed);
     return true;
 }

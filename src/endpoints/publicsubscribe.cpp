@@ -7,16 +7,17 @@
 #include <vector>
 
 #include "endpoints/methods.h"
-#include "request/publicrequest.h"
+#include "platform/bus/qsraii.h"
+#include "request/request.h"
 #include "request/requestframe.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
-#include "util/log.h"
 #include "xmpp/manager.h"
 
 namespace {
 
-constexpr char kNotInitialized[] = "pubsubservice library is not initialized";
+constexpr char kSubscribeFailed[] = "Sending response to subscribe failed id %s Error %s ";
+constexpr char kUnsubscribeFailed[] = "Sending response to unsubscribe failed id %s Error %s ";
 
 bool canActivate(const PubSubSession& session) {
     return session.m_connected && !session.m_spare3;
@@ -30,46 +31,31 @@ bool isSubscribed(const std::string& node) {
     return found;
 }
 
-bool respondToSubscribe(QSMessage* message, const JsonRef& reply, const std::string& id) {
-    BusError error;
-    if (QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
-        return true;
-    PrvPrintErr({}, "Sending response to subscribe failed id %s Error %s ", id.c_str(), error.message());
-    return false;
-}
-
-void respondToUnsubscribe(QSMessage* message, const JsonRef& reply, const std::string& id) {
-    BusError error;
-    if (!QSMessageRespond(message, json_object_to_json_string(reply.get()), error))
-        PrvPrintErr({}, "Sending response to unsubscribe failed id %s Error %s ", id.c_str(),
-                    error.message());
-}
-
 // Answers with the waiting item. The file goes only once the item is on its way; if the first answer could
 // not be sent, the item would become the first answer, so it stays too.
-void handOver(const PublicRequest& request, json_object* item) {
+void handOver(const Request& request, json_object* item, CallSite site = {}) {
     const KeptMessage message(request.message);
-    if (!respondToSubscribe(message.get(), endpointReply(true, request.endpoint), ""))
+    if (!endpointReply(true, request.endpoint).respond(message.get(), "", kSubscribeFailed, site))
         return;
     BusError error;
     if (QSMessageRespond(message.get(), json_object_to_json_string(item), error))
         PubSubSession::deleteItemFromCache(request.node);
     else
-        PrvPrintErr({}, "Warning: Sending item failed, no subscriber for Node?  Bus error %s ",
+        PrvPrintErr(site, "Warning: Sending item failed, no subscriber for Node?  Bus error %s ",
                     error.message());
 }
 
-bool joinList(PublicRequest& request) {
+bool joinList(Request& request, CallSite site = {}) {
     BusError error;
     if (QSSubscriptionAdd(request.handle, request.node.c_str(), request.message, error))
         return true;
-    PrvPrintErr({}, "Adding subscribe callback failed %s\n", error.message());
+    PrvPrintErr(site, "Adding subscribe callback failed %s\n", error.message());
     return request.fail("libErr", "Adding subscription callback failed");
 }
 
 // Takes this one request out of the list again, so that its end cannot be taken for that of another
 // subscriber.
-void leaveList(const PublicRequest& request) {
+void leaveList(const Request& request) {
     QSSubscriptionIter* subscribers = nullptr;
     BusError error;
     if (!QSSubscriptionAcquire(request.handle, request.node.c_str(), &subscribers, error))
@@ -81,28 +67,26 @@ void leaveList(const PublicRequest& request) {
 }
 
 // Success is answered at once; the activation's own result, if one will come, is the second answer.
-bool activateFor(PublicRequest& request) {
+bool activateFor(Request& request, CallSite site = {}) {
     std::string id;
     const bool asked = gCurrentSession.activateNode(request.node, id);
-    if (asked && id.empty())
-        return request.fail("libErr", kNotInitialized);
-    respondToSubscribe(request.message, endpointReply(true, request.endpoint), id);
-    if (asked)
-        gCurrentSession.setEndpointMap(id, request.message, request.endpoint, request.node, request.appId);
-    return true;
+    if (asked && !request.wasSent(id, kLibraryNotInitialized))
+        return false;
+    endpointReply(true, request.endpoint).respond(request.message, id, kSubscribeFailed, site);
+    return !asked || request.waitForEndpoint(id);
 }
 
 }  // namespace
 
 bool subscribe(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    PublicRequest request(handle, message);
-    if (!request.readEndpoint(false) || !request.formNode())
+    Request request(handle, message, kEndpointRefusal);
+    if (!request.isReady(false) || !request.requireEndpoint() || !request.formNode())
         return request.refuse();
     if (isSubscribed(request.node)) {
-        const JsonRef reply = endpointReply(true, request.endpoint);
-        addMember(reply, "status", "subscribed");
-        respondToSubscribe(message, reply, "");
+        Reply reply = endpointReply(true, request.endpoint);
+        reply.set("status", "subscribed");
+        reply.respond(message, "", kSubscribeFailed);
         return true;
     }
     if (const JsonRef item{PubSubSession::getItemFromCache(request.node)}) {
@@ -124,41 +108,39 @@ bool subscribe(QSHandle* handle, QSMessage* message, void*) {
 
 bool unsubscribe(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    PublicRequest request(handle, message);
-    if (!request.readEndpoint(false) || !request.formNode())
+    Request request(handle, message, kEndpointRefusal);
+    if (!request.isReady(false) || !request.requireEndpoint() || !request.formNode())
         return request.refuse();
     bool onClose = false;
     std::string ignored;
-    getJSONboolean(request.object(), "onclose", ignored, onClose);
+    getJSONboolean(request.json(), "onclose", ignored, onClose);
     if (onClose) {
-        if (const WriteTurn turn =
-                session.takeWriteTurn(request, session.m_offlineMap.contains(request.node), unsubscribe);
+        const bool writes = session.m_offlineMap.contains(request.node);
+        if (const WriteTurn turn = session.takeWriteTurn(request, writes, unsubscribe);
             turn != WriteTurn::Now)
-            return turn == WriteTurn::Later || request.refuseWrite();
+            return turn == WriteTurn::Later || request.refuse("appErr", kTooManyWrites);
         session.removeOfflineMap(request.node);
     }
 
-    const JsonRef reply = endpointReply(true, request.endpoint);
+    Reply reply = endpointReply(true, request.endpoint);
     if (!isSubscribed(request.node)) {
-        addMember(reply, "status", "not subscribed");
-        respondToUnsubscribe(message, reply, "");
+        reply.set("status", "not subscribed");
+        reply.respond(message, "", kUnsubscribeFailed);
         return true;
     }
     session.activated(request.node, false);
     if (!canActivate(session)) {
         session.removeSubMap(request.node);
-        respondToUnsubscribe(message, reply, "");
+        reply.respond(message, "", kUnsubscribeFailed);
         return true;
     }
     // The subscriber goes when the server has answered.
     const std::string id =
         session.m_pubsub->deActivateNode(gloox::JID(session.m_pubsubService), request.node, &session);
-    if (id.empty()) {
-        request.fail("libErr", kNotInitialized);
+    if (!request.wasSent(id, kLibraryNotInitialized))
         return request.refuse();
-    }
-    session.setEndpointMap(id, message, request.endpoint, request.node, request.appId);
-    respondToUnsubscribe(message, reply, id);
+    request.waitForEndpoint(id);
+    reply.respond(message, id, kUnsubscribeFailed);
     return true;
 }
 
@@ -176,11 +158,10 @@ void PubSubSession::activateDeferredSubscribers() {
         } else {
             QSHandle* handle = subMap[request.node].handle;
             removeSubMap(request.node);
-            PrvPrintErr({}, "Error %s, Incoming %s", kNotInitialized,
+            PrvPrintErr({}, "Error %s, Incoming %s", kLibraryNotInitialized,
                         QSMessageGetPayload(request.message.get()));
-            JsonRef context(json_object_new_object());
-            addMember(context, "endpoint", request.endpoint);
-            HandleError(handle, request.message.get(), "libErr", kNotInitialized, context.release());
+            HandleError(handle, request.message.get(), "libErr", kLibraryNotInitialized,
+                        JsonObject().set("endpoint", request.endpoint).release().release());
         }
     }
 }
@@ -191,9 +172,8 @@ void PubSubSession::settleDeferredSubscriber(const std::string& node) {
         return;
     const _endpointStruct& request = deferred.mapped();
     // The result that is still to come must not answer it again.
-    std::erase_if(m_endpointMap,
-                  [&](const auto& entry) { return entry.second.message.get() == request.message.get(); });
-    respondToSubscribe(request.message.get(), endpointReply(true, request.endpoint), "");
+    dropEndpointRequests(request.message.get());
+    endpointReply(true, request.endpoint).respond(request.message.get(), "", kSubscribeFailed);
 }
 
 void PubSubSession::firstAnswerGiven(const _endpointStruct& request) {

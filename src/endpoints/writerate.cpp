@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "request/publicrequest.h"
+#include "request/request.h"
 #include "session/pubsubsession.h"
 
 namespace {
@@ -30,7 +30,7 @@ void pay(_writeRateStruct& rate, gint64 now) {
 
 }  // namespace
 
-WriteTurn PubSubSession::takeWriteTurn(const PublicRequest& request, bool writes, QSFilter handler) {
+WriteTurn PubSubSession::takeWriteTurn(const Request& request, bool writes, QSFilter handler) {
     // The one that is handled now has had its turn.
     if (m_writing == request.message)
         return WriteTurn::Now;

@@ -6,67 +6,38 @@
 #include <gloox/error.h>
 
 #include "maintenance/methods.h"
-#include "platform/bus/qsraii.h"
 #include "request/names.h"
-#include "request/requestframe.h"
+#include "request/request.h"
 #include "session/pubsubsession.h"
-#include "util/jsonargs.h"
-#include "util/jsonref.h"
-#include "util/log.h"
 #include "xmpp/manager.h"
 
 namespace {
 
-void addText(json_object* object, const char* key, const std::string& text) {
-    json_object_object_add(object, key, json_object_new_string(text.c_str()));
-}
+constexpr char kActivateFailed[] = "Sending response to handleActivateNode failed id %s Error %s ";
+constexpr char kDeActivateFailed[] = "Sending response to handleDeActivateNode failed id %s Error %s ";
 
-// {"returnValue", "endpoint"} and, after an error, the words for it.
-JsonRef resultReply(const std::string& endpoint, const gloox::Error* error) {
-    JsonRef reply(json_object_new_object());
-    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(!error));
-    addText(reply.get(), "endpoint", endpoint);
-    if (!error)
-        return reply;
-    std::string ignored;
-    std::string text;
-    getErrorCode(error, ignored, text);
-    addText(reply.get(), "errorCode", "xmppErr");
-    addText(reply.get(), "errorText", text);
+// {"returnValue", "endpoint"} and, after an error, what the server said.
+Reply activationReply(const std::string& endpoint, const gloox::Error* error) {
+    Reply reply = endpointReply(!error, endpoint);
+    if (error)
+        reply.addError({kServerRefused, errorOf(error).text});
     return reply;
-}
-
-bool readNode(QSMessage* message, std::string& node, std::string& errorCode, std::string& errorText) {
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    json_object* object = payload.get();
-    return checkInit(object, gCurrentSession, errorCode, errorText, true) &&
-           getJSONStringV2(object, "node", errorText, node);
 }
 
 }  // namespace
 
 bool activateNode(QSHandle* handle, QSMessage* message, void*) {
-    std::string errorCode = "parameterErr";
-    std::string errorText = "\"Bad Argument\"";  // sic: the quotes are part of the text
-    std::string node;
-    bool ready = readNode(message, node, errorCode, errorText);
+    PubSubSession& session = gCurrentSession;
+    Request request(handle, message, kEndpointRefusal);
+    if (!request.isReady(true) || !request.requireNode())
+        return request.refuse();
     std::string id;
-    if (ready && gCurrentSession.activateNode(node, id) && id.empty()) {
-        errorCode = "libErr";
-        errorText =
-            "pubsubservice library is not initialized";  // sic: said of a node that services take, too
-        ready = false;
-    }
-    if (!ready) {
-        PrvPrintErr({}, "Error %s, Incoming %s", errorText.c_str(), QSMessageGetPayload(message));
-        json_object* context = json_object_new_object();
-        addText(context, "endpoint", node);
-        HandleError(handle, message, errorCode, errorText, context);
-        return true;
-    }
+    // sic: said of a node that services take, too
+    if (session.activateNode(request.node, id) && !request.wasSent(id, kLibraryNotInitialized))
+        return request.refuse();
     // sic: a node that is active already has no id and gets no result; its request stays under the empty key
     // until a disconnect answers it or the next one replaces it.
-    gCurrentSession.setEndpointMap(id, message, node, node, "");
+    session.setEndpointMap(id, message, request.node, request.node, "");
     return true;
 }
 
@@ -109,9 +80,9 @@ void PubSubSession::activateNodes() {
 void PubSubSession::handleActivateNode(const std::string& id, const gloox::JID& service,
                                        const std::string& node, const gloox::Error* error) {
     setPingTimer();
-    const auto waiting = m_endpointMap.extract(id);
-    if (waiting)
-        firstAnswerGiven(waiting.mapped());
+    const auto request = takeEndpointRequest(id);
+    if (request)
+        firstAnswerGiven(*request);
     if (error) {
         printerror(error);
         removeActivateMap(node);
@@ -119,39 +90,29 @@ void PubSubSession::handleActivateNode(const std::string& id, const gloox::JID& 
     } else {
         activated(node, true);
     }
-    if (!waiting)
+    if (!request)
         return;
-    const _endpointStruct& request = waiting.mapped();
     if (error)
-        PrvPrintErr({}, "Endpoint %s Sub error:  from %s", request.endpoint.c_str(), service.full().c_str());
-    const JsonRef reply = resultReply(request.endpoint, error);
-    BusError busError;
-    if (!QSMessageRespond(request.message.get(), json_object_to_json_string(reply.get()), busError))
-        PrvPrintErr({}, "Sending response to handleActivateNode failed id %s Error %s ", id.c_str(),
-                    busError.message());
+        PrvPrintErr({}, "Endpoint %s Sub error:  from %s", request->endpoint.c_str(), service.full().c_str());
+    activationReply(request->endpoint, error).respond(request->message.get(), id, kActivateFailed);
 }
 
 void PubSubSession::handleDeActivateNode(const std::string& id, const gloox::JID& service,
                                          const std::string& node, const gloox::Error* error) {
     setPingTimer();
-    const auto waiting = m_endpointMap.extract(id);
+    const auto request = takeEndpointRequest(id);
     if (error) {
         printerror(error);
     } else {
         removeActivateMap(node);
         removeSubMap(node);
     }
-    if (!waiting)
+    if (!request)
         return;
-    const _endpointStruct& request = waiting.mapped();
     if (error)
-        PrvPrintErr({}, "Endpoint %s Unsub error:  from %s", request.endpoint.c_str(),
+        PrvPrintErr({}, "Endpoint %s Unsub error:  from %s", request->endpoint.c_str(),
                     service.full().c_str());
-    const JsonRef reply = resultReply(request.endpoint, error);
-    BusError busError;
-    if (!QSMessageRespond(request.message.get(), json_object_to_json_string(reply.get()), busError))
-        PrvPrintErr({}, "Sending response to handleDeActivateNode failed id %s Error %s ", id.c_str(),
-                    busError.message());
+    activationReply(request->endpoint, error).respond(request->message.get(), id, kDeActivateFailed);
 }
 
 void PubSubSession::handleActivateSysNodes(const std::string&, const gloox::JID&, const gloox::Error* error) {

@@ -10,36 +10,32 @@
 
 #include "nodes/methods.h"
 #include "request/names.h"
-#include "request/roads.h"
+#include "request/request.h"
 #include "session/pubsubsession.h"
-#include "util/jsonargs.h"
 #include "xmpp/manager.h"
 
 namespace {
 
 constexpr char kDeleteRespondFailed[] = "Sending response to delete Node failed id %s Error %s ";
 
-JsonRef endpointDeleted(PubSubSession& session, const _endpointStruct& request) {
+Reply endpointDeleted(PubSubSession& session, const _endpointStruct& request) {
     session.removeActivateMap(request.node);
     session.removeSubMap(request.node);
     session.removeOfflineMap(request.node);
     session.removeNodeFromDeleteStore(request.node, request.appId);
-    JsonRef reply = newReply(true);
-    addText(reply, "endpoint", request.endpoint);
-    return reply;
+    return endpointReply(true, request.endpoint);
 }
 
 // A node that the server does not know is as good as deleted, but the registries stay as they are.
-JsonRef endpointNotDeleted(const _endpointStruct& request, const std::string& condition) {
-    const bool gone = condition == "item-not-found";
-    JsonRef reply = newReply(gone);
-    if (gone) {
-        addText(reply, "node", request.node);  // sic: "node" with the full name, where success has "endpoint"
-        addText(reply, "status", "notfound");
+Reply endpointNotDeleted(const _endpointStruct& request, const std::string& condition) {
+    if (condition == "item-not-found") {
+        Reply reply(true);
+        // sic: "node" with the full name, where success has "endpoint"
+        reply.set("node", request.node).set("status", "notfound");
         return reply;
     }
-    addText(reply, "endpoint", request.endpoint);
-    addWords(reply, {"xmppErr", condition});
+    Reply reply = endpointReply(false, request.endpoint);
+    reply.addError({kServerRefused, condition});
     return reply;
 }
 
@@ -47,32 +43,24 @@ JsonRef endpointNotDeleted(const _endpointStruct& request, const std::string& co
 
 bool deleteNode(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    FailureWords words;
-    std::string node;
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest({}, session, payload.get(), words))
-        return refuseNode(handle, message, words, node);
-    node = getJSONString(payload.get(), "node", words.text);
-    if (node.empty())
-        return refuseNode(handle, message, words, node);
-
-    const std::string id = session.m_pubsub->deleteNode(gloox::JID(session.m_pubsubService), node, &session);
-    if (!keepRequest(session, id, message, words))
-        return refuseNode(handle, message, words, node);
-    return true;
+    Request request(handle, message, kNodeRefusal);
+    if (!request.hasService() || !request.isConnected() || !request.hasJson())
+        return request.refuse();
+    if (!request.readNode())
+        return request.refuse();
+    return request.waitFor(
+        session.m_pubsub->deleteNode(gloox::JID(session.m_pubsubService), request.node, &session));
 }
 
 void PubSubSession::handleNodeDeletation(const std::string& id, const gloox::JID& service,
                                          const std::string& node, const gloox::Error* error) {
     setPingTimer();
-    if (const auto waiting = m_msgMap.extract(id)) {
-        respond({}, waiting.mapped().get(), resultReply({}, "node", node, node, service, error), id,
-                kCreateRespondFailed);
-    } else if (const auto endpoint = m_endpointMap.extract(id)) {
-        const _endpointStruct& request = endpoint.mapped();
-        const JsonRef reply = error ? endpointNotDeleted(request, serverWords({}, node, service, *error).text)
-                                    : endpointDeleted(*this, request);
-        respond({}, request.message.get(), reply, id, kDeleteRespondFailed);
+    if (const auto waiting = takeRequest(id)) {
+        resultReply("node", node, node, service, error).respond(waiting.get(), id, kCreateRespondFailed);
+    } else if (const auto request = takeEndpointRequest(id)) {
+        const Reply reply = error ? endpointNotDeleted(*request, serverError(*error, node, service).text)
+                                  : endpointDeleted(*this, *request);
+        reply.respond(request->message.get(), id, kDeleteRespondFailed);
     }
 }
 

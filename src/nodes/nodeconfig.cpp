@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "nodes/methods.h"
-#include "request/roads.h"
+#include "request/request.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
 #include "xmpp/manager.h"
@@ -38,43 +38,33 @@ std::unique_ptr<gloox::DataForm> configForm(json_object* options) {
 
 bool setNodeConfig(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    FailureWords words;
-    std::string node;
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest({}, session, payload.get(), words))
-        return refuseNode(handle, message, words, node);
-    node = getJSONString(payload.get(), "node", words.text);
-    if (node.empty())
-        return refuseNode(handle, message, words, node);
-    json_object* options = jsonMember(payload.get(), "options");
-    if (!options) {
-        words.text = "No options provided";
-        return refuseNode(handle, message, words, node);
-    }
-
-    const std::string id = session.m_pubsub->nodeConfig(gloox::JID(session.m_pubsubService), node,
-                                                        configForm(options).release(), &session);
-    if (!keepRequest(session, id, message, words))
-        return refuseNode(handle, message, words, node);
-    return true;
+    Request request(handle, message, kNodeRefusal);
+    if (!request.hasService() || !request.isConnected() || !request.hasJson())
+        return request.refuse();
+    if (!request.readNode())
+        return request.refuse();
+    json_object* options = jsonMember(request.json(), "options");
+    if (!options)
+        return request.refuse("No options provided");
+    return request.waitFor(session.m_pubsub->nodeConfig(gloox::JID(session.m_pubsubService), request.node,
+                                                        configForm(options).release(), &session));
 }
 
 bool getNodeConfig(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    FailureWords words;
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest({}, session, payload.get(), words))
-        return refuse(handle, message, words);
+    Request request(handle, message, kQuotedRefusal);
     std::list<std::string> nodes;
-    if (!readNodes({}, payload.get(), nodes, words))
-        return refuse(handle, message, words);
-
+    if (!request.hasService() || !request.isConnected() || !request.hasJson())
+        return request.refuse();
+    if (!request.readNodes(nodes))
+        return request.refuse();
     for (const std::string& node : nodes) {
         const std::string id =
             session.m_pubsub->nodeConfig(gloox::JID(session.m_pubsubService), node, nullptr, &session);
         // What was asked for before stays asked for and is answered as well.
-        if (!keepRequest(session, id, message, words))
-            return refuse(handle, message, words);
+        if (!request.wasSent(id))
+            return request.refuse();
+        session.keepRequest(id, message);
     }
     return true;
 }
@@ -83,23 +73,18 @@ void PubSubSession::handleNodeConfig(const std::string& id, const gloox::JID& se
                                      const std::string& node, const gloox::DataForm* config,
                                      const gloox::Error* error) {
     setPingTimer();
-    const auto waiting = m_msgMap.extract(id);
+    const auto waiting = takeRequest(id);
     if (!waiting)
         return;
-    const JsonRef reply = resultReply({}, "node", node, node, service, error);
-    const gloox::DataFormField* access = config && !error ? config->field(kAccessModel) : nullptr;
-    if (access) {
-        JsonRef options(json_object_new_object());
-        addText(options, kAccessModel, access->value());
-        json_object_object_add(reply.get(), "options", options.release());
-    }
-    respond({}, waiting.mapped().get(), reply, id, kCreateRespondFailed);
+    Reply reply = resultReply("node", node, node, service, error);
+    if (const auto* access = config && !error ? config->field(kAccessModel) : nullptr)
+        reply.set("options", JsonObject().set(kAccessModel, access->value()).release());
+    reply.respond(waiting.get(), id, kCreateRespondFailed);
 }
 
 void PubSubSession::handleNodeConfigResult(const std::string& id, const gloox::JID& service,
                                            const std::string& node, const gloox::Error* error) {
     setPingTimer();
-    if (const auto waiting = m_msgMap.extract(id))
-        respond({}, waiting.mapped().get(), resultReply({}, "node", node, node, service, error), id,
-                kCreateRespondFailed);
+    if (const auto waiting = takeRequest(id))
+        resultReply("node", node, node, service, error).respond(waiting.get(), id, kCreateRespondFailed);
 }

@@ -12,10 +12,8 @@
 
 #include "nodes/methods.h"
 #include "request/names.h"
-#include "request/requestframe.h"
-#include "request/roads.h"
+#include "request/request.h"
 #include "session/pubsubsession.h"
-#include "util/jsonargs.h"
 #include "util/log.h"
 #include "xmpp/manager.h"
 
@@ -27,49 +25,31 @@ std::string listenerKey(const std::string& node) {
     return "handleAuth:" + node;
 }
 
-// The message that listens to a node; null when there is none.
-QSMessage* listenerOf(const PubSubSession& session, const std::string& node) {
-    const auto found = session.m_msgMap.find(listenerKey(node));
-    return found == session.m_msgMap.end() ? nullptr : found->second.get();
-}
-
-bool readSubscribe(json_object* payload, FailureWords& words) {
-    bool subscribe = false;
-    if (!getJSONboolean(payload, "subscribe", words.text, subscribe))
-        return false;
-    if (!subscribe)
-        words.text = "Subscribe should be true";
-    return subscribe;
-}
-
 // Nodes taken before a refusal stay listened to.
-bool listenTo(CallSite site, QSHandle* handle, QSMessage* message, const std::string& node,
-              FailureWords& words) {
+bool listenTo(Request& request, const std::string& node, CallSite site = {}) {
     const std::string key = listenerKey(node);
     BusError error;
-    if (!QSSubscriptionAdd(handle, key.c_str(), message, error)) {
+    if (!QSSubscriptionAdd(request.handle, key.c_str(), request.message, error)) {
         PrvPrintErr(site, "Adding pending auth subscription callback failed %s\n", error.message());
-        words = {"quorbusErr", std::string(error.message()) + " - QSAddSubscription- failed"};
-        return false;
+        return request.fail("quorbusErr", std::string(error.message()) + " - QSAddSubscription- failed");
     }
-    gCurrentSession.m_msgMap[key] = KeptMessage(message);
+    gCurrentSession.keepRequest(key, request.message);
     return true;
 }
 
 // Asks the server for all nodes with pending subscribers. The results go to the listeners.
-bool askForPending(PubSubSession& session, FailureWords& words) {
+bool askForPending(Request& request) {
+    PubSubSession& session = gCurrentSession;
     session.m_pendingCursor = PubSubSession::kNoCursor;
-    return checkRequestId(session.m_pubsub->getPendingRequest(gloox::JID(session.m_pubsubService), &session),
-                          words);
+    return request.wasSent(
+        session.m_pubsub->getPendingRequest(gloox::JID(session.m_pubsubService), &session));
 }
 
-FailureWords pendingFailure(CallSite site, const gloox::Error* error) {
+RequestError pendingFailure(const gloox::Error* error, CallSite site = {}) {
     if (!error)
         return {"libErr", "Error parsing response from server"};
     printerror(error, site);
-    FailureWords words{"", ""};
-    getErrorCode(error, words.code, words.text);
-    return words;
+    return errorOf(error);
 }
 
 // The server names a node once for each of its pending subscribers; one question brings them all.
@@ -80,64 +60,42 @@ void takePending(std::list<std::string>& pending, const gloox::StringList& answe
             pending.push_back(node);
 }
 
-bool accept(CallSite site, QSHandle* handle, QSMessage* message) {
-    sendReply(handle, message, json_object_to_json_string(newReply(true).get()), site);
-    return true;
-}
-
 }  // namespace
 
 bool subscribeNodeAuth(QSHandle* handle, QSMessage* message, void*) {
-    PubSubSession& session = gCurrentSession;
-    FailureWords words;
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest({}, session, payload.get(), words))
-        return refuse(handle, message, words);
-    if (!readSubscribe(payload.get(), words))
-        return refuse(handle, message, words);
+    Request request(handle, message, kQuotedRefusal);
     std::list<std::string> nodes;
-    if (!readNodes({}, payload.get(), nodes, words))
-        return refuse(handle, message, words);
+    if (!request.hasService() || !request.isConnected() || !request.hasJson())
+        return request.refuse();
+    if (!request.requireSubscribe() || !request.readNodes(nodes))
+        return request.refuse();
     for (const std::string& node : nodes)
-        if (!listenTo({}, handle, message, node, words))
-            return refuse(handle, message, words);
+        if (!listenTo(request, node))
+            return request.refuse();
     // What is pending already is asked for only now, with the listeners in place.
-    if (!askForPending(session, words))
-        return refuse(handle, message, words);
-    return accept({}, handle, message);
+    return askForPending(request) ? request.reply(Reply(true)) : request.refuse();
 }
 
 bool getPendingAuth(QSHandle* handle, QSMessage* message, void*) {
-    PubSubSession& session = gCurrentSession;
-    FailureWords words;
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest({}, session, payload.get(), words))
-        return refuse(handle, message, words);
-    if (!askForPending(session, words))
-        return refuse(handle, message, words);
-    return accept({}, handle, message);
+    Request request(handle, message, kQuotedRefusal);
+    if (!request.hasService() || !request.isConnected() || !request.hasJson())
+        return request.refuse();
+    return askForPending(request) ? request.reply(Reply(true)) : request.refuse();
 }
 
 bool approvePending(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    FailureWords words;
-    std::string node;
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest({}, session, payload.get(), words))
-        return refuseNode(handle, message, words, node);
-    node = getJSONString(payload.get(), "node", words.text);
-    const std::string id = getJSONString(payload.get(), "id", words.text);
-    const std::string subid = getJSONString(payload.get(), "subid", words.text);
-    const std::string approve = getJSONString(payload.get(), "approve", words.text);
-    const std::string subscriber = getJSONString(payload.get(), "subscriber_jid", words.text);
-    if (node.empty() || id.empty() || subid.empty() || approve.empty() || subscriber.empty())
-        return refuseNode(handle, message, words, node);
-
-    const std::string request = session.m_pubsub->approvePending(gloox::JID(session.m_pubsubService), node,
-                                                                 id, subid, approve, subscriber);
-    if (!checkRequestId(request, words))
-        return refuseNode(handle, message, words, node);
-    return accept({}, handle, message);
+    Request request(handle, message, kNodeRefusal);
+    if (!request.hasService() || !request.isConnected() || !request.hasJson())
+        return request.refuse();
+    const std::string id = request.text("id"), subid = request.text("subid");
+    const std::string approve = request.text("approve"), subscriber = request.text("subscriber_jid");
+    if (!request.readNode() || id.empty() || subid.empty() || approve.empty() || subscriber.empty())
+        return request.refuse();
+    if (!request.wasSent(session.m_pubsub->approvePending(gloox::JID(session.m_pubsubService), request.node,
+                                                          id, subid, approve, subscriber)))
+        return request.refuse();
+    return request.reply(Reply(true));
 }
 
 // `node` is the session id of the server's command; it names the command when its nodes are asked for one by
@@ -146,14 +104,14 @@ void PubSubSession::handlePendingRequest(const std::string& id, const std::strin
                                          const gloox::StringList* nodes, const gloox::Error* error) {
     setPingTimer();
     if (error || !nodes || node.empty()) {
-        const JsonRef reply = newReply(false);
-        addWords(reply, pendingFailure({}, error));
-        respond({}, listenerOf(*this, node), reply, id, kPendingRespondFailed);
+        Reply reply(false);
+        reply.addError(pendingFailure(error));
+        reply.respond(keptRequest(listenerKey(node)), id, kPendingRespondFailed);
         return;
     }
     takePending(m_pendingList, *nodes);
     m_pendingList.remove_if([&](const std::string& pending) {
-        if (!listenerOf(*this, pending))
+        if (!keptRequest(listenerKey(pending)))
             return false;
         m_pubsub->getPendingNodeRequest(gloox::JID(m_pubsubService), pending, node, this);
         return true;

@@ -9,26 +9,25 @@
 #include <memory>
 
 #include "nodes/methods.h"
-#include "request/roads.h"
+#include "request/request.h"
 #include "session/pubsubsession.h"
-#include "util/jsonargs.h"
 #include "util/jsonxml.h"
 #include "xmpp/manager.h"
 #include "xmpp/xmltext.h"
 
 namespace {
 
+constexpr char kItemParseError[] = "Item parse error";
+
 using ItemTag = std::unique_ptr<gloox::Tag>;
 
 // An object becomes elements. sic: without "item" there is no element and the publish goes ahead.
-bool itemFromObject(json_object* payload, ItemTag& item, FailureWords& words) {
+bool itemFromObject(Request& request, ItemTag& item) {
     json_object* value = nullptr;
-    if (!json_object_object_get_ex(payload, "item", &value))
+    if (!json_object_object_get_ex(request.json(), "item", &value))
         return true;
     item.reset(GetXmlFromJSON(value));
-    if (!item)
-        words.text = "Item parse error";
-    return item != nullptr;
+    return item || request.fail(kItemParseError);
 }
 
 // A string is carried as it stands, byte for byte, not through the cleaning getter.
@@ -38,16 +37,14 @@ std::string textOf(json_object* value) {
     return value ? json_object_get_string(value) : "";
 }
 
-bool itemFromText(json_object* payload, ItemTag& item, FailureWords& words) {
-    const std::string text = textOf(jsonMember(payload, "item"));
+bool itemFromText(Request& request, ItemTag& item) {
+    const std::string text = textOf(jsonMember(request.json(), "item"));
     if (text.empty())
         return false;
-    // A text with characters outside XML 1.0 is refused; without this an empty item could go out in its
-    // place.
-    if (xmpp::isXmlText(text))
-        item.reset(getItemTag(text));
-    else
-        words.text = "Item parse error";
+    // A text with characters outside XML 1.0 is refused; without this an empty item could go out in its place.
+    if (!xmpp::isXmlText(text))
+        return request.fail(kItemParseError);
+    item.reset(getItemTag(text));
     return item != nullptr;
 }
 
@@ -55,35 +52,28 @@ bool itemFromText(json_object* payload, ItemTag& item, FailureWords& words) {
 
 bool publishItemToNode(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
-    FailureWords words;
-    const JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!checkRequest({}, session, payload.get(), words))
-        return refuse(handle, message, words);
-
-    const bool xml = json_object_get_boolean(jsonMember(payload.get(), "xml"));
-    const std::string node = getJSONString(payload.get(), "node", words.text);
-    if (node.empty())
-        return refuse(handle, message, words);
+    Request request(handle, message, kQuotedRefusal);
     ItemTag item;
-    if (!(xml ? itemFromObject(payload.get(), item, words) : itemFromText(payload.get(), item, words)))
-        return refuse(handle, message, words);
-
-    const std::string id =
-        session.m_pubsub->publishItem(gloox::JID(session.m_pubsubService), node, item.release(), &session);
-    if (!keepRequest(session, id, message, words))
-        return refuse(handle, message, words);
-    return true;
+    if (!request.hasService() || !request.isConnected() || !request.hasJson())
+        return request.refuse();
+    if (!request.readNode())
+        return request.refuse();
+    const bool xml = json_object_get_boolean(jsonMember(request.json(), "xml"));
+    if (!(xml ? itemFromObject(request, item) : itemFromText(request, item)))
+        return request.refuse();
+    return request.waitFor(session.m_pubsub->publishItem(gloox::JID(session.m_pubsubService), request.node,
+                                                         item.release(), &session));
 }
 
 void PubSubSession::handleItemPublication(const std::string& id, const gloox::JID& service,
                                           const std::string& node, const gloox::PubSub::ItemList&,
                                           const gloox::Error* error) {
     setPingTimer();
-    const auto waiting = m_msgMap.extract(id);
+    const auto waiting = takeRequest(id);
     if (!waiting)
         return;
-    const JsonRef reply = newReply(!error);
+    Reply reply(!error);
     if (error)
-        addWords(reply, serverWords({}, node, service, *error));
-    respond({}, waiting.mapped().get(), reply, id, kCreateRespondFailed);
+        reply.addError(serverError(*error, node, service));
+    reply.respond(waiting.get(), id, kCreateRespondFailed);
 }

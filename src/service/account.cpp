@@ -4,12 +4,11 @@
 // Keeps no state of its own; all of it is the session's.
 #include <json-c/json.h>
 
+#include "request/request.h"
 #include "request/requestframe.h"
 #include "service/methods.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
-#include "util/jsonref.h"
-#include "util/log.h"
 
 namespace {
 
@@ -26,17 +25,15 @@ void replyWith(QSHandle* handle, QSMessage* message, const std::string& key, con
 }
 
 // The members of a createSession request; the first that is missing ends the reading.
-struct SessionRequest {
+struct SessionDetails {
     std::string jid, password, server, service;
     int32_t port = 0;
 
-    bool read(json_object* payload) {
+    bool read(const Request& request) {
         std::string unused;
-        return !(jid = getJSONString(payload, "jid", unused)).empty() &&
-               !(password = getJSONString(payload, "password", unused)).empty() &&
-               !(server = getJSONString(payload, "server", unused)).empty() &&
-               !(service = getJSONString(payload, "service", unused)).empty() &&
-               getJSONInt(payload, "port", unused, port);
+        return !(jid = request.text("jid")).empty() && !(password = request.text("password")).empty() &&
+               !(server = request.text("server")).empty() && !(service = request.text("service")).empty() &&
+               getJSONInt(request.json(), "port", unused, port);
     }
 };
 
@@ -64,21 +61,12 @@ bool getResource(QSHandle* handle, QSMessage* message, void*) {
 }
 
 bool createSession(QSHandle* handle, QSMessage* message, void*) {
-    // sic: the quotes belong to both texts.
-    const std::string errorCode = "\"errBadArgument\"";
-    JsonRef payload = parseJson(QSMessageGetPayload(message));
-    if (!payload) {
-        PrvPrintErr({}, "Malformed json packet? \n");
-        HandleError(handle, message, errorCode, "Malformed json", nullptr);
-        return true;
-    }
-    SessionRequest request;
-    if (!request.read(payload.get())) {
-        HandleError(handle, message, errorCode, "\"Bad Argument\"", nullptr);
-        return true;
-    }
-    gCurrentSession.setSessionDetails(request.jid, request.password, "", request.server, request.service,
-                                      request.port);
+    Request request(handle, message, kQuotedRefusal);
+    SessionDetails details;
+    if (!request.hasJson() || !details.read(request))
+        return request.refuse();
+    gCurrentSession.setSessionDetails(details.jid, details.password, "", details.server, details.service,
+                                      details.port);
     gCurrentSession.connectToService();
     sendReply(handle, message, kDone);
     return true;

@@ -7,39 +7,10 @@
 
 #include <string>
 
-#include "request/names.h"
-#include "request/requestframe.h"
+#include "request/request.h"
 #include "session/pubsubsession.h"
-#include "util/jsonargs.h"
-#include "util/jsonref.h"
-#include "util/log.h"
 
 namespace {
-
-struct Cancelled {
-    JsonRef payload;
-    std::string errorCode = "parameterErr";
-    std::string errorText = "\"Bad Argument\"";  // sic: the quotes belong to the text
-};
-
-// No connection is needed to forget somebody.
-bool readRequest(QSMessage* message, Cancelled& cancelled) {
-    cancelled.payload = parseJson(QSMessageGetPayload(message));
-    json_object* payload = cancelled.payload.get();
-    return checkInit(payload, gCurrentSession, cancelled.errorCode, cancelled.errorText, false);
-}
-
-bool readNode(QSMessage* message, Cancelled& cancelled, std::string& node) {
-    std::string endpoint;
-    if (!getJSONStringV2(cancelled.payload.get(), "endpoint", cancelled.errorText, endpoint))
-        return false;
-    const char* caller = QSMessageGetApplicationID(message);
-    std::string appId = caller ? caller : "";
-    if (getNodeName(endpoint, node, gCurrentSession, appId, cancelled.errorText))
-        return true;
-    cancelled.errorCode = "libErr";
-    return false;
-}
 
 void forgetSubscriber(const std::string& node) {
     gCurrentSession.setSubMapHandle(node, nullptr);
@@ -53,33 +24,33 @@ void forgetSubscriber(const std::string& node) {
         gCurrentSession.activateNode(node, requestId);
 }
 
-bool cancelSubscribe(QSMessage* message, Cancelled& cancelled) {
-    std::string node;
-    if (!readNode(message, cancelled, node))
+bool cancelSubscribe(Request& request) {
+    if (!request.requireEndpoint() || !request.formNode())
         return false;
-    forgetSubscriber(node);
+    forgetSubscriber(request.node);
     return true;
 }
 
-void logRefused(QSMessage* message, const Cancelled& cancelled, CallSite site = {}) {
-    PrvPrintErr(site, "Payload bad? %s Errcode %s ErrText %s", QSMessageGetPayload(message),
-                cancelled.errorCode.c_str(), cancelled.errorText.c_str());
+void logRefused(const Request& request, CallSite site = {}) {
+    PrvPrintErr(site, "Payload bad? %s Errcode %s ErrText %s", QSMessageGetPayload(request.message),
+                request.error().code.c_str(), request.error().text.c_str());
 }
 
 }  // namespace
 
-bool publicCancelFunc(QSHandle*, QSMessage* message, void*) {
-    Cancelled cancelled;
-    if (!readRequest(message, cancelled) || !cancelSubscribe(message, cancelled))
-        logRefused(message, cancelled);
+// No connection is needed to forget somebody.
+bool publicCancelFunc(QSHandle* handle, QSMessage* message, void*) {
+    Request request(handle, message, kEndpointRefusal);
+    if (!request.isReady(false) || !cancelSubscribe(request))
+        logRefused(request);
     return true;
 }
 
-bool cancelFunction(QSHandle*, QSMessage* message, void*) {
+bool cancelFunction(QSHandle* handle, QSMessage* message, void*) {
     const std::string method = QSMessageGetMethod(message);
-    Cancelled cancelled;
-    if (!readRequest(message, cancelled) || (method == "subscribe" && !cancelSubscribe(message, cancelled))) {
-        logRefused(message, cancelled);
+    Request request(handle, message, kEndpointRefusal);
+    if (!request.isReady(false) || (method == "subscribe" && !cancelSubscribe(request))) {
+        logRefused(request);
         return true;
     }
     if (method == "registerOnClose") {

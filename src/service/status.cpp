@@ -5,11 +5,10 @@
 // are fixed texts and go out byte for byte.
 #include <json-c/json.h>
 
-#include "request/requestframe.h"
+#include "platform/bus/qsraii.h"
+#include "request/request.h"
 #include "service/methods.h"
 #include "session/pubsubsession.h"
-#include "util/jsonref.h"
-#include "util/log.h"
 
 namespace {
 
@@ -45,19 +44,9 @@ void postStatus(const PubSubSession& session, const char* details, const char* p
     post(session.m_privateHandle, kConnectStatus, plain, kStatusFailed, site);
 }
 
-bool processSubscription(QSHandle* handle, QSMessage* message, CallSite site = {}) {
-    BusError error;
-    bool subscribed = false;
-    if (QSSubscriptionProcess(handle, message, &subscribed, error))
-        return true;
-    PrvPrintErr(site, "Processing subscription failed %d %s", error.code(), error.message());
-    return false;
-}
-
-JsonRef statusReply() {
-    JsonRef reply(json_object_new_object());
-    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(true));
-    json_object_object_add(reply.get(), "connected", json_object_new_boolean(gCurrentSession.m_connected));
+Reply statusReply() {
+    Reply reply(true);
+    reply.set("connected", gCurrentSession.m_connected);
     return reply;
 }
 
@@ -73,12 +62,10 @@ void PubSubSession::postDisconnected(CallSite site) {
 }
 
 bool connectStatus(QSHandle* handle, QSMessage* message, void*) {
-    if (!processSubscription(handle, message)) {
-        HandleError(handle, message, "libErr", "Processing subscription failed", nullptr);
-        return true;
-    }
-    JsonRef reply = statusReply();
-    sendReply(handle, message, json_object_to_json_string(reply.get()));
+    Request request(handle, message, kQuotedRefusal);
+    if (!request.processSubscription())
+        return request.refuse("libErr", "Processing subscription failed");
+    request.reply(statusReply());
     // Asking for the status is a request to connect, too.
     if (!gCurrentSession.m_connected)
         gCurrentSession.tryConnecting();
@@ -86,16 +73,11 @@ bool connectStatus(QSHandle* handle, QSMessage* message, void*) {
 }
 
 bool subscribeConnStatus(QSHandle* handle, QSMessage* message, void*) {
-    if (!processSubscription(handle, message)) {
-        // sic: the quotes belong to both texts.
-        HandleError(handle, message, "\"busErr\"", "\"Processing subscription failed\"", nullptr);
-        return true;
-    }
-    JsonRef reply = statusReply();
-    const bool loggedIn = !gCurrentSession.m_jid.full().empty();
-    json_object_object_add(reply.get(), "session", json_object_new_boolean(loggedIn));
-    json_object_object_add(reply.get(), "network",
-                           json_object_new_boolean(gCurrentSession.m_networkAvailable));
-    sendReply(handle, message, json_object_to_json_string(reply.get()));
-    return true;
+    Request request(handle, message, kQuotedRefusal);
+    if (!request.processSubscription())  // sic: the quotes belong to both texts
+        return request.refuse("\"busErr\"", "\"Processing subscription failed\"");
+    Reply reply = statusReply();
+    reply.set("session", !gCurrentSession.m_jid.full().empty())
+        .set("network", gCurrentSession.m_networkAvailable);
+    return request.reply(reply);
 }

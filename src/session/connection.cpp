@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <utility>
 
-#include "platform/bus/qscaller.h"
 #include "session/pubsubsession.h"
 #include "util/jsonref.h"
 #include "util/log.h"
@@ -43,22 +42,12 @@ void logCondition(GIOCondition condition, CallSite site = {}) {
         PrvPrintErr(site, "xmpp server socket closed");
 }
 
-// Whether a caller still waits for the answer to this request.
-bool isAwaited(const PubSubSession& session, const std::string& id) {
-    if (const auto kept = session.m_msgMap.find(id); kept != session.m_msgMap.end())
-        return !QSMessageIsCallerGone(kept->second.get());
-    const auto kept = session.m_endpointMap.find(id);
-    return kept != session.m_endpointMap.end() && !QSMessageIsCallerGone(kept->second.message.get());
-}
-
 void answerDisconnected(const _endpointStruct& request, CallSite site = {}) {
-    JsonRef answer(json_object_new_object());
-    json_object_object_add(answer.get(), "returnValue", json_object_new_boolean(false));
-    json_object_object_add(answer.get(), "endpoint", json_object_new_string(request.endpoint.c_str()));
-    json_object_object_add(answer.get(), "errorCode", json_object_new_string("connectionErr"));
-    json_object_object_add(answer.get(), "errorText", json_object_new_string("pubsubservice disconnected"));
+    JsonObject answer;
+    answer.set("returnValue", false).set("endpoint", request.endpoint);
+    answer.set("errorCode", "connectionErr").set("errorText", "pubsubservice disconnected");
     BusError error;
-    if (!QSMessageRespond(request.message.get(), json_object_to_json_string(answer.get()), error))
+    if (!QSMessageRespond(request.message.get(), answer.text().c_str(), error))
         PrvPrintErr(site, "Sending response to message failed Error %s ", error.message());
 }
 
@@ -85,7 +74,7 @@ bool PubSubSession::createSession() {
     m_client->setCompression(false);
     m_client->setPubSubService(gloox::JID(m_pubsubService));
     auto* manager = new xmpp::Manager(m_client);
-    manager->setAwaited([this](const std::string& id) { return isAwaited(*this, id); });
+    manager->setAwaited([this](const std::string& id) { return isAwaited(id); });
     if (m_pubsub)
         manager->takeOver(*m_pubsub);
     delete std::exchange(m_pubsub, manager);
@@ -229,13 +218,12 @@ void PubSubSession::onDisconnect(gloox::ConnectionError error) {
 }
 
 void PubSubSession::cleanUpOnDisconnect() {
-    for (const auto& [id, request] : m_endpointMap) {
+    for (const auto& [id, request] : takeEndpointRequests()) {
         const char* method = QSMessageGetMethod(request.message.get());
         if (method && std::string(method) == "subscribe")
             removeSubMap(request.node);
         answerDisconnected(request);
     }
-    m_endpointMap.clear();
     m_deleteMap.clear();
     m_activateMap.clear();
 }

@@ -18,6 +18,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -26,7 +27,7 @@
 #include "util/log.h"
 #include "xmpp/resulthandler.h"
 
-class PublicRequest;
+class Request;
 struct json_object;
 struct QPHandle;
 
@@ -148,6 +149,21 @@ class PubSubSession : public gloox::MessageHandler,
     void handleDiscoItems(const gloox::JID& from, const gloox::Disco::Items& items, int context) override;
     void handleDiscoError(const gloox::JID& from, const gloox::Error* error, int context) override;
 
+    // session/requests.cpp: requests that wait for the server's result, by request id
+    void keepRequest(const std::string& id, QSMessage* message);
+    QSMessage* keptRequest(const std::string& id) const;  // borrowed; null when there is none
+    KeptMessage takeRequest(const std::string& id);       // empty when there is none
+    void setEndpointMap(const std::string& id, QSMessage* message, const std::string& endpoint,
+                        const std::string& node, const std::string& appId);
+    void removeFromEndointMap(const std::string& id);
+    std::optional<_endpointStruct> takeEndpointRequest(const std::string& id);
+    std::map<std::string, _endpointStruct> takeEndpointRequests();
+    void dropEndpointRequests(QSMessage* message);  // those that would answer this message
+    // Counts the request against the bound of its application until it is taken out.
+    void countCreation(const std::string& id, const std::string& appId);
+    // Whether a caller still waits for the result.
+    bool isAwaited(const std::string& id) const;
+
     // session/connection.cpp
     bool createSession();
     bool connectToService();
@@ -233,9 +249,6 @@ class PubSubSession : public gloox::MessageHandler,
     bool sendMessageToApp(json_object* serviceObject, json_object* appObject, const std::string& node);
 
     // endpoints/publishkeys.cpp
-    void setEndpointMap(const std::string& id, QSMessage* message, const std::string& endpoint,
-                        const std::string& node, const std::string& appId);
-    void removeFromEndointMap(const std::string& id);
     void handleKeyCb(const std::string& id, const gloox::JID& service, const std::string& key,
                      const gloox::Error* error, const std::string& what, bool flag);
 
@@ -246,7 +259,7 @@ class PubSubSession : public gloox::MessageHandler,
 
     // endpoints/writerate.cpp: `writes` says whether the request changes what is on the disk. Later: it was
     // kept, and `handler` is called with it again. Never: too many of the application wait.
-    WriteTurn takeWriteTurn(const PublicRequest& request, bool writes, QSFilter handler);
+    WriteTurn takeWriteTurn(const Request& request, bool writes, QSFilter handler);
     static gboolean handleWaitingWrites(gpointer session);
 
     // maintenance/activation.cpp

@@ -109,7 +109,7 @@ TEST_F(OnClose, NoticeThatCannotBePostedIsLogged) {
     fakeBus().failNext("QSSubscriptionPost", -5, "no way");
     EXPECT_EQ(record(), kSuccess);
     EXPECT_EQ(takeLogLines(),
-              Texts{"notifyOfflineSubscriber: Sending close to registerOnclose failed. Error no way "});
+              Texts{"subscribeOnClose: Sending close to registerOnclose failed. Error no way "});
 }
 
 TEST_F(OnClose, RequestThatCannotBeAnsweredIsLoggedAndStays) {

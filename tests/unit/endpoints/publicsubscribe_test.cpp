@@ -119,7 +119,7 @@ TEST_F(PublicSubscribe, WaitingItemStaysWhenItCannotBeSent) {
     EXPECT_FALSE(reply.kept());
     EXPECT_EQ(fileText(cacheFile()), item("hello"));
     EXPECT_EQ(takeLogLines(),
-              Texts{"handOver: Warning: Sending item failed, no subscriber for Node?  Bus error no way "});
+              Texts{"subscribe: Warning: Sending item failed, no subscriber for Node?  Bus error no way "});
 }
 
 TEST_F(PublicSubscribe, WaitingItemStaysAndIsNotSentWhenTheFirstAnswerCannotBeSent) {
@@ -129,8 +129,7 @@ TEST_F(PublicSubscribe, WaitingItemStaysAndIsNotSentWhenTheFirstAnswerCannotBeSe
     const Answer reply = askSubscribe();
     EXPECT_EQ(reply.all(), Texts{});
     EXPECT_EQ(fileText(cacheFile()), item("hello"));
-    EXPECT_EQ(takeLogLines(),
-              Texts{"respondToSubscribe: Sending response to subscribe failed id  Error no way "});
+    EXPECT_EQ(takeLogLines(), Texts{"subscribe: Sending response to subscribe failed id  Error no way "});
 }
 
 TEST_F(PublicSubscribe, DamagedCacheFileDoesNotStandInTheWay) {
@@ -312,12 +311,11 @@ TEST_F(PublicSubscribe, WithdrawalThatCannotBeSentIsRefusedAndNotRecorded) {
 TEST_F(PublicSubscribe, WithdrawalLogsAnAnswerThatCannotBeSent) {
     fakeBus().failNext("QSMessageRespond", -5, "no way");
     askUnsubscribe();
-    EXPECT_EQ(takeLogLines(),
-              Texts{"respondToUnsubscribe: Sending response to unsubscribe failed id  Error no way "});
+    EXPECT_EQ(takeLogLines(), Texts{"unsubscribe: Sending response to unsubscribe failed id  Error no way "});
     askSubscribe();
     takeLog();
     fakeBus().failNext("QSMessageRespond", -5, "no way");
     askUnsubscribe();
-    EXPECT_EQ(takeLogLines(), Texts{"respondToUnsubscribe: Sending response to unsubscribe failed id " +
-                                    lastId() + " Error no way "});
+    EXPECT_EQ(takeLogLines(),
+              Texts{"unsubscribe: Sending response to unsubscribe failed id " + lastId() + " Error no way "});
 }

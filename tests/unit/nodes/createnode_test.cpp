@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "nodes/methods.h"
-#include "request/roads.h"
 #include "tests/unit/nodes/refusal.h"
 #include "tests/unit/nodes/roadtest.h"
 
@@ -166,9 +165,8 @@ TEST_F(CreateNode, AnswersAnErrorWithoutAStanzaConditionWithWhatThereIs) {
 TEST_F(CreateNode, GivesTheReferenceOfARequestBackWhenALaterOneTakesItsId) {
     FakeMessage* first = fakeBus().request(privateHandle(), "createNode", "{}");
     FakeMessage* second = fakeBus().request(privateHandle(), "createNode", "{}");
-    FailureWords words;
-    EXPECT_TRUE(keepRequest(session(), "id1", first, words));
-    EXPECT_TRUE(keepRequest(session(), "id1", second, words));
+    session().keepRequest("id1", first);
+    session().keepRequest("id1", second);
     EXPECT_EQ(first->references, 1) << "the test's own";
     EXPECT_EQ(session().m_msgMap.at("id1").get(), second);
     QSMessageUnref(first);

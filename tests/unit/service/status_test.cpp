@@ -177,12 +177,12 @@ TEST_F(Status, PostsTheLossWithAndWithoutANetwork) {
 
 TEST_F(Status, LogsPostsThatCannotBeSentAndGoesOn) {
     fakeBus().failNext("QSSubscriptionPost", -107, "gone", 3);
-    session().postConnected();
+    session().postConnected({"onConnect", 1});
     EXPECT_EQ(takeLogLines(), (Texts{"onConnect: Sending connection status failed. Error gone ",
                                      "onConnect: Sending connection status failed . Error gone ",
                                      "onConnect: Sending connection status failed . Error gone "}));
     fakeBus().failNext("QSSubscriptionPost", -107, "gone", 3);
-    session().postDisconnected();
+    session().postDisconnected({"onDisconnect", 1});
     EXPECT_EQ(takeLogLines(), (Texts{"onDisconnect: Sending connection status failed. Error gone ",
                                      "onDisconnect: Sending connection status failed . Error gone ",
                                      "onDisconnect: Sending connection status failed . Error gone "}));
