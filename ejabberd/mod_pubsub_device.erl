@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The device extension of the pub-sub service: an ejabberd module that stands beside mod_pubsub and uses its
-%% public extension points alone. This file is the entry: options, processes, hooks. docs/protocol.md says
-%% what it does.
+%% The device extension of the pub-sub service: an ejabberd module that runs beside mod_pubsub and uses only its
+%% public extension points. This file is the entry: options, processes, hooks. docs/protocol.md describes what the
+%% extension does.
 -module(mod_pubsub_device).
 -behaviour(gen_mod).
 
@@ -20,7 +20,7 @@ start(Host, Opts) ->
     Known = persistent_term:get(?SERVICES, #{}),
     persistent_term:put(?SERVICES, lists:foldl(fun(Service, Map) -> Map#{Service => Host} end, Known, Services)),
     map_size(Known) == 0 andalso start_workers(),
-    %% The server asks a module that is not loaded yet in vain whether it decodes requests itself.
+    %% The server asks the module whether it decodes requests itself, which works only once it is loaded.
     {module, _} = code:ensure_loaded(pubsub_device_iq),
     [begin
          gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DEVICE, pubsub_device_iq, process),
@@ -66,11 +66,11 @@ account_hooks() ->
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
      {remove_user, pubsub_device_presence, on_remove_user}].
 
-%% What writes a stanza comes after all that may still hold it back or change it.
+%% The hook that writes a stanza runs after all that may drop or change it.
 priority(c2s_filter_send) -> 1000;
 priority(_) -> 50.
 
-%% The processes are the machine's, not the host's: several virtual hosts share them.
+%% The processes belong to the Erlang node: all virtual hosts share them.
 workers() ->
     [{pubsub_device_commit, {pubsub_device_commit, start_link, []}},
      {pubsub_device_sweep, {pubsub_device_sweep, start_link, []}},
@@ -102,7 +102,7 @@ option(Name) ->
 keep_options(Opts) ->
     persistent_term:put(?OPTIONS, maps:from_list([{Name, gen_mod:get_opt(Name, Opts)} || {Name, _} <- mod_options(x)])).
 
-%% Keys die with their node, before the deletion is answered.
+%% A key is removed with its node, before the deletion is answered.
 on_delete(_Host, Service, NodeId, _Nidx) when is_binary(Service) ->
     case is_service(Service) of
         true -> pubsub_device_writer:call({Service, NodeId}, {forget, {Service, NodeId}});
@@ -112,7 +112,7 @@ on_delete(_Host, Service, NodeId, _Nidx) when is_binary(Service) ->
 on_delete(_, _, _, _) ->
     ok.
 
-%% Whoever registers an account hands it to a device, so it must outlive the server from then on.
+%% A registered account is given to a device, so it must survive a crash of the server.
 on_register(_User, _Host) ->
     pubsub_device_commit:sync().
 
@@ -144,23 +144,23 @@ mod_options(_) ->
 
 mod_doc() ->
     Option = fun(Name, Value, Text) -> {Name, #{value => Value, desc => Text}} end,
-    #{desc => <<"Devices of the pub-sub service: items are numbered, kept until they are acknowledged and sent again.">>,
+    #{desc => <<"Devices of the pub-sub service: items are numbered, and kept until acknowledged.">>,
       opts =>
           [Option(sync, "true | false", <<"Whether a publisher is answered only when its item is on disk.">>),
-           Option(open_prefixes, "[Prefix]", <<"Names of three or more segments that begin so are free to all.">>),
-           Option(max_kept, "Number", <<"How many items are kept for a device.">>),
+           Option(open_prefixes, "[Prefix]", <<"Longer names that begin with one of these are free to all.">>),
+           Option(max_kept, "Number", <<"How many copies of items are kept for a device.">>),
            Option(max_kept_node, "Number", <<"How many of them may be of one node.">>),
            Option(max_kept_bytes, "Bytes", <<"How many bytes are kept for a device.">>),
-           Option(max_account_bytes, "Bytes", <<"How many are kept for all devices of an account; never more than half "
+           Option(max_account_bytes, "Bytes", <<"How many bytes are kept for all devices of an account; at most half "
                                                 "of max_store.">>),
            Option(max_age, "Time", <<"How long an item is kept.">>),
            Option(device_age, "Time", <<"How long a device is remembered after it was last seen.">>),
-           Option(max_devices, "Number", <<"How many devices of an account are remembered.">>),
-           Option(max_nodes, "Number", <<"How many nodes an account may make.">>),
+           Option(max_devices, "Number", <<"How many devices an account may have.">>),
+           Option(max_nodes, "Number", <<"How many nodes an account may create.">>),
            Option(max_keys, "Number", <<"How many of them may be key nodes.">>),
-           Option(max_store, "Bytes", <<"Above this publishers are told to come back later.">>),
-           Option(max_backlog, "Number", <<"The same for requests that wait for a writer.">>),
-           Option(max_payload, "Bytes", <<"The largest body that HTTP takes.">>),
+           Option(max_store, "Bytes", <<"Above this many kept bytes publishers are refused for a while.">>),
+           Option(max_backlog, "Number", <<"Above this many requests waiting for a writer publishers are refused.">>),
+           Option(max_payload, "Bytes", <<"The largest body over HTTP.">>),
            Option(key_rate, "Number", <<"How many items a second may be published with a key.">>),
-           Option(key_burst, "Number", <<"How many of them at once.">>),
-           Option(sweep_interval, "Time", <<"How often ages are looked at.">>)]}.
+           Option(key_burst, "Number", <<"How many of these at once.">>),
+           Option(sweep_interval, "Time", <<"How often expired items and devices are dropped.">>)]}.

@@ -1,8 +1,8 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The node tree of the pub-sub service: the stock tree with collections that deliver. A node's parents are
-%% what its own `pubsub#collection` names, read at every delivery, so nothing else is stored and nothing can
-%% go stale. Deleting a node looks at that node alone (the stock tree walks every node), and publishing never
-%% creates one. The id of a deleted node is given to no other, so an id means one node for ever.
+%% The node tree of the pub-sub service: ejabberd's own tree, with collections that deliver. A node's parents are
+%% those in its own option `pubsub#collection`, read at every delivery, so nothing else is stored and nothing becomes
+%% outdated. Deleting a node reads only that node (ejabberd's own tree reads every node), and publishing never creates
+%% one. The id of a deleted node is never reused.
 -module(nodetree_device).
 -behaviour(gen_pubsub_nodetree).
 
@@ -63,8 +63,8 @@ delete_node(Host, Node) ->
      end || _ <- Records],
     Records.
 
-%% Whether there is such a node, and whether it has the engine's id. Another member of a cluster may have made it a
-%% moment ago: nobody says no without having waited for that.
+%% Whether there is such a node, and whether it has the engine's id. Another member of a cluster may be creating it:
+%% "no" is answered only after a read in a transaction, which waits for that.
 is_node(Node) -> known_id(Node) /= none orelse certain_id(Node) /= none.
 is_node(Node, Id) -> known_id(Node) == Id orelse certain_id(Node) == Id.
 
@@ -77,8 +77,8 @@ certain_id(Node) ->
 id([#pubsub_node{id = Nidx}]) -> Nidx;
 id([]) -> none.
 
-%% Whatever a node's options say, the engine keeps one item when it publishes, and tells nobody that another has
-%% gone.
+%% Whatever a node's options say, the engine keeps one item when it publishes, and sends no notification that another
+%% was removed.
 last_item_alone(#pubsub_node{options = Options} = Node) ->
     case pubsub_device_publish:is_publishing() of
         true ->
@@ -93,15 +93,14 @@ last_item_alone(#pubsub_node{options = Options} = Node) ->
 last_item_alone(Error) ->
     Error.
 
-%% What the engine keeps of a node is its last item. Publications that cross leave more, which nothing else
-%% would take away.
+%% The engine keeps only the last item of a node. Concurrent publications leave more, which nothing else would remove.
 keep_last_item({Service, NodeId}) ->
     [mnesia:dirty_delete(pubsub_item, ItemId)
      || #pubsub_node{id = Nidx} <- mnesia:dirty_read(pubsub_node, {Service, NodeId}),
         #pubsub_item{itemid = ItemId} <- older(mnesia:dirty_index_read(pubsub_item, Nidx, #pubsub_item.nodeidx))],
     ok.
 
-%% Others publish at the same time, so there may be none by now.
+%% Others publish at the same time, so the list may be empty.
 older([]) -> [];
 older(Items) -> tl(lists:reverse(lists:keysort(#pubsub_item.modification, Items))).
 
@@ -122,10 +121,10 @@ above(Host, Records, Depth, Seen) ->
         _ -> [{Depth, Found} | above(Host, Found, Depth + 1, Names ++ Seen)]
     end.
 
-%% A collection takes nodes that one of its own owners made, and anybody's when its owner opened it with the
-%% association policy. Who made a node stands last among its owners; the others count for nothing here, since
-%% anybody can be named an owner without being asked. The question is asked again at delivery: a name that was
-%% deleted and made anew by somebody else hands nothing out.
+%% A collection accepts nodes that one of its own owners created, and any node when its owner opened it with the
+%% association policy. The creator of a node is the last of its owners; the others do not count here, since anybody
+%% can be named an owner without being asked. This is checked again at delivery: a collection that was deleted and
+%% created again by another account delivers nothing.
 may_hold(#pubsub_node{options = Options, owners = Owners}, ChildOwners) ->
     proplists:get_value(node_type, Options) == collection
         andalso (lists:member(maker(ChildOwners), Owners)
@@ -140,7 +139,7 @@ refused(Host, Names, Owners) ->
         [] -> false
     end.
 
-%% A collection under somebody else's name is forbidden whether it is there or not, unless its owner opened it.
+%% A collection under another account's name is forbidden whether it exists or not, unless its owner opened it.
 verdict(Host, Name, Owners) ->
     {IsCollection, Holds} = case read(Host, Name) of
                                 [#pubsub_node{options = Options} = Parent] ->

@@ -1,7 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% How much is kept and for how long, how fast a key may publish, and when the service is full. The bounds are
-%% the operator's options of mod_pubsub_device; the counts of dropped items and the rates live in a table in
-%% memory.
+%% How much is kept and for how long, how fast a key may publish, and when the service is full. The bounds are options
+%% of mod_pubsub_device; the counts of dropped items and the rates are in a table in memory.
 -module(pubsub_device_bounds).
 
 -export([node_refused/1, key_refused/1, device_refused/1]).
@@ -16,15 +15,16 @@
 init() ->
     ets:new(?TABLE, [named_table, public, {write_concurrency, true}]).
 
-%% Whether the copy can be kept at all: one that alone is above a bound would push everything else out in vain.
+%% Whether the copy can be kept at all: one that exceeds a bound by itself would displace everything else and still
+%% not fit.
 fits(Node, Device, Number, Item) ->
     case pubsub_device_store:bytes(Item) =< min(mod_pubsub_device:option(max_kept_bytes), account_bound()) of
         true -> true;
         false -> dropped(Node, Device, Number), false
     end.
 
-%% The oldest goes while a bound is exceeded. A single busy node is bounded on its own, so that it cannot push
-%% the items of all other nodes out.
+%% Drops the oldest copies while a bound is exceeded. A node has a bound of its own, so that a busy one cannot
+%% displace the items of all others.
 enforce(Node, Device) ->
     case pubsub_device_store:count(Node, Device) > mod_pubsub_device:option(max_kept_node) of
         true ->
@@ -37,7 +37,7 @@ enforce(Node, Device) ->
             bound(setelement(3, Device, <<>>), infinity, account_bound())
     end.
 
-%% An atom is above every number.
+%% An atom is greater than every number.
 bound(Who, Count, Bytes) ->
     case pubsub_device_store:load(Who) of
         {Kept, Size} when Kept > Count; Size > Bytes ->
@@ -55,12 +55,12 @@ account_bound() ->
 drop(Node, Device, Number) ->
     pubsub_device_store:drop(Node, Device, Number) andalso dropped(Node, Device, Number).
 
-%%% nodes, keys and devices of an account: `false`, or the refusal
+%%% nodes, keys and devices of an account: `false`, or the error
 
 node_refused(Account) ->
     refused(max_nodes, <<"nodes">>, pubsub_device_store:counted({nodes, Account}) + 1).
 
-%% The key counts already.
+%% The count includes the new key.
 key_refused(Account) ->
     refused(max_keys, <<"key nodes">>, pubsub_device_store:counted({keys, Account})).
 
@@ -84,7 +84,7 @@ device_refused(Account) ->
 resource_constraint(Text) ->
     {error, xmpp:err_resource_constraint(iolist_to_binary(Text), <<"en">>)}.
 
-%% Each device's first dropped item is logged, then every hundredth with the count so far.
+%% A device's first dropped item is logged, then every hundredth, with the count so far.
 dropped({_, NodeId}, Device, Number) ->
     case ets:update_counter(?TABLE, {dropped, Device}, 1, {{dropped, Device}, 0}) of
         Count when Count rem 100 == 1 ->
@@ -104,8 +104,8 @@ drop_aged(Node, Device) ->
         _ -> ok
     end.
 
-%% Looks at the size of the store, which takes too long to be asked for every item. A store that is full does
-%% not wait for devices that may never come back.
+%% Measures the size of the store, which takes too long to do for every item. A full store does not wait for devices
+%% that may never return.
 measure() ->
     Bound = mod_pubsub_device:option(max_store),
     Accounts = pubsub_device_store:accounts(),
@@ -113,7 +113,7 @@ measure() ->
     ets:insert(?TABLE, {store_full, Bytes > Bound}),
     Bytes > Bound andalso hd(pubsub_device_commit:members()) == node() andalso relieve(Accounts, Bytes, Bound).
 
-%% Makes a tenth of the store free at the cost of the accounts that have most: each comes down to one level.
+%% Frees a tenth of the store at the cost of the accounts that have most: each is reduced to the same level.
 relieve(Accounts, Bytes, Bound) ->
     Level = level(lists:sort([Size || {_, Size} <- Accounts]), Bound * 9 div 10, length(Accounts)),
     Above = [Account || {Account, Size} <- Accounts, Size > Level],
@@ -124,7 +124,7 @@ relieve(Accounts, Bytes, Bound) ->
 level([Size | Rest], Room, Left) when Size * Left =< Room -> level(Rest, Room - Size, Left - 1);
 level(_, Room, Left) -> Room div max(1, Left).
 
-%% Whether publishers should come back later: the store has its fill, or the writers lag behind.
+%% Whether publishers should try again later: the store is full, or the writers are behind.
 is_full() ->
     ets:lookup(?TABLE, store_full) == [{store_full, true}]
         orelse lists:any(fun lags/1, pubsub_device_writer:shards()).
@@ -142,12 +142,12 @@ lags(Shard) ->
 admits(Key) ->
     case {is_full(), pubsub_device_store:node_of(Key)} of
         {true, _} -> full;
-        {false, none} -> ok;  % it will be refused, and needs no bucket
+        {false, none} -> ok;  % the publication will be refused, and needs no bucket
         {false, _} -> take(Key)
     end.
 
-%% One publication out of the key's bucket: ok, or the seconds to wait. Two takers at once may both have the
-%% last one, which a rate bears.
+%% Takes one publication from the key's token bucket: ok, or the seconds to wait. Two processes at once may both take
+%% the last one, which is harmless for a rate.
 take(Key) ->
     Rate = mod_pubsub_device:option(key_rate),
     Burst = mod_pubsub_device:option(key_burst),
@@ -162,7 +162,7 @@ take(Key) ->
         false -> {wait, max(1, ceil((1.0 - Level) / Rate))}
     end.
 
-%% The counts of devices that are forgotten, and of accounts that were refused one: they begin anew.
+%% Resets the counts of devices that are forgotten, and of accounts that were refused a device.
 forget_counts() ->
     [ets:delete(?TABLE, Id) || {dropped, Device} = Id <- counts(dropped), not pubsub_device_store:is_device(Device)],
     [ets:delete(?TABLE, Id) || Id <- counts(refused)],
@@ -170,7 +170,7 @@ forget_counts() ->
 
 counts(What) -> ets:select(?TABLE, [{{{What, '$1'}, '_'}, [], [{{What, '$1'}}]}]).
 
-%% A bucket that was left alone for a minute is near enough to full.
+%% A bucket that was not used for a minute counts as full.
 forget_rates() ->
     Old = erlang:monotonic_time(millisecond) - 60000,
     ets:select_delete(?TABLE, [{{{rate, '_'}, '_', '$1'}, [{'<', '$1', Old}], [true]}]).

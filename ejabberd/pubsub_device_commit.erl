@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The group commit of a member: callers wait until what they have written is on disk, and answers that say so
-%% wait here. One sync serves everybody who asked before it began, so its cost is shared by all. It comes when
-%% what was there with the first who asked is taken, or after so many messages, whatever else arrives.
+%% The group commit of a cluster member: callers wait until what they have written is on disk, and answers that
+%% confirm it are held back until then. One sync serves all who asked before it began. It takes place when the
+%% messages that were queued at the first request have been taken, or after ?BATCH messages, whatever else arrives.
 -module(pubsub_device_commit).
 -behaviour(gen_server).
 
@@ -13,8 +13,8 @@ start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
 -define(GROUP, pubsub_device_members).
 -define(BATCH, 256).
 
-%% The members of the cluster that run the extension. The server's own list has a joining member long before
-%% that.
+%% The members of the cluster that run the extension. The server's own list contains a joining member long before it
+%% does.
 members() ->
     case lists:usort([node(Pid) || Pid <- pg:get_members(?GROUP, ?MODULE)]) of
         [] -> [node()];
@@ -27,18 +27,18 @@ sync() ->
         false -> ok
     end.
 
-%% Sends the answer once all that was written before is on disk. The session that asked goes on meanwhile.
+%% Sends the answer once everything written before is on disk. The session that asked continues in the meantime.
 answer(IQ) ->
     gen_server:cast(?MODULE, {answer, IQ}).
 
-%% This process outlives the writers, so the counts are its own.
+%% This process outlives the writers, so it owns the table of counts.
 init([]) ->
     pubsub_device_bounds:init(),
     {ok, _} = pg:start_link(?GROUP),
     ok = pg:join(?GROUP, ?MODULE, self()),
     {ok, none}.
 
-%% `none`, or who waits, newest first, and how many messages were taken since the first of them.
+%% `none`, or the waiting callers, newest first, and how many messages were taken since the first of them.
 handle_call(settle, From, State) -> wait({reply, From}, State);
 handle_call(sync, From, State) -> wait({reply, From}, State).
 

@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% What the service says of itself and its nodes: the engine's answers with our feature, and without the key nodes
-%% of others. Keeps no state.
+%% Service discovery of the service and its nodes: the engine's answers with our feature, and without the key nodes of
+%% other accounts. Keeps no state.
 -module(pubsub_device_disco).
 
 -export([process_info/1, process_items/1]).
@@ -11,10 +11,10 @@
 
 -define(AUTO_CREATE, <<"http://jabber.org/protocol/pubsub#auto-create">>).
 
-%% The engine hands out one page of names; so many pages of names that are another's key nodes are passed over.
+%% The engine gives one page of names; up to this many pages are read to replace names that are hidden.
 -define(PAGES, 20).
 
-%% With our feature, and without the one that the node tree takes away.
+%% Adds our feature, and removes the one that the node tree does not have.
 process_info(#iq{sub_els = [#disco_info{node = NodeId}]} = IQ) ->
     case parts(NodeId) of
         [] when NodeId /= <<>> -> not_found(IQ);
@@ -37,15 +37,14 @@ process_items(#iq{type = get, from = From, to = #jid{lserver = Service},
 process_items(#iq{sub_els = [#disco_items{node = NodeId}]} = IQ) ->
     Known = case parts(NodeId) of
                 [Name] -> not is_hidden(Name, IQ);
-                Parts -> length(Parts) == 2  % the engine says nothing of an item, whether it is there or not
+                Parts -> length(Parts) == 2  % the engine's answer does not tell whether an item exists
             end,
     case Known of
         true -> mod_pubsub:process_disco_items(IQ);
         false -> not_found(IQ)
     end.
 
-%% As the engine reads it: what follows an exclamation mark names an item. It has no answer for what is not of
-%% this form.
+%% As in the engine: the part after an exclamation mark names an item. The engine does not answer other forms.
 parts(NodeId) ->
     binary:split(NodeId, <<"!">>, [global, trim_all]).
 
@@ -61,7 +60,7 @@ is_foreign_key_node(Service, NodeId, From) ->
 not_found(IQ) ->
     xmpp:make_error(IQ, xmpp:err_item_not_found(<<"Node not found">>, <<"en">>)).
 
-%% Read page by page: what is hidden must not use up the room of what is shown.
+%% Read page by page: hidden nodes must not reduce the number of listed ones.
 visible(Service, From) ->
     Limit = mod_pubsub_opt:max_nodes_discoitems(ejabberd_router:host_of_route(Service)),
     Pattern = [{#pubsub_node{nodeid = {Service, '_'}, parents = [], _ = '_'}, [], ['$_']}],

@@ -1,8 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% What passes between the server's router and the service: one filter for every stanza, run in the process
-%% that sends it. Inwards it takes presences and acknowledgements and marks requests; outwards it catches the
-%% notifications of an item that is being published and sees that messages to an account reach its devices.
-%% Everything else passes.
+%% The filter between the server's router and the service, run for every stanza in the process that sends it. Inwards
+%% it handles presences and acknowledgements and marks requests; outwards it catches the notifications of an item that
+%% is being published, and routes messages to an account to its devices. All other stanzas pass unchanged.
 -module(pubsub_device_filter).
 
 -export([filter_packet/1]).
@@ -35,7 +34,7 @@ filter_packet(Stanza) ->
         _ -> judged(pubsub_device_guard:spare(Stanza), Stanza, fun() -> Stanza end)
     end.
 
-%% A refusal says nothing of the stanza again: it may be refused for what it holds.
+%% A refusal does not repeat the stanza: it may be refused for its content.
 judged(ok, _, Pass) ->
     Pass();
 judged({error, Error}, Stanza, _) ->
@@ -44,7 +43,7 @@ judged({error, Error}, Stanza, _) ->
 
 %%% inwards
 
-%% The engine would bounce it; for us it says whether the device is there.
+%% The engine would return an error; here it says whether the device is present.
 incoming(_, #presence{type = available, from = From} = Presence) ->
     case pubsub_device_presence:announce(From) of
         {error, Refused} -> ejabberd_router:route_error(Presence, Refused);
@@ -84,7 +83,7 @@ publish(IQ) ->
         false -> pubsub_device_publish:begin_publish(ahead), IQ
     end.
 
-%% The engine makes or deletes the node while nobody else does.
+%% The engine creates or deletes the node while this session holds the name's lock.
 named({_, <<>>}, IQ) ->
     IQ;
 named(Node, IQ) ->
@@ -93,8 +92,8 @@ named(Node, IQ) ->
         {error, Error} -> ejabberd_router:route_error(IQ, Error), drop
     end.
 
-%% An acknowledgement has no answer. It counts for the session that it comes from, and only when something was sent
-%% there under the id does the writer hear of it.
+%% An acknowledgement has no answer. It counts for the session that it comes from, and is passed to the writer only
+%% when an item was sent there under the id.
 acknowledge(Service, Device, Ack) ->
     Node = {Service, fxml:get_tag_attr_s(<<"node">>, Ack)},
     case pubsub_device_session:take(Node, fxml:get_tag_attr_s(<<"id">>, Ack)) of
@@ -104,8 +103,8 @@ acknowledge(Service, Device, Ack) ->
 
 %%% outwards
 
-%% What the service says it has done is on disk first, as an item is. The session does not wait for that: it
-%% goes on with the next request, and the answer follows.
+%% A change that the service confirms is on disk first, as an item is. The session does not wait for that: it
+%% continues with the next request, and the answer follows.
 answer(Service, IQ) ->
     pubsub_device_lock:release(),
     Published = pubsub_device_publish:hand_over(IQ),
@@ -128,9 +127,8 @@ outgoing(_, #message{type = error} = Message) ->
 outgoing(_, Message) ->
     reach(Message).
 
-%% An item that the engine sends out of its own store, on subscription: the node's newest, which goes to
-%% devices in the order of all others. When newer ones were taken back, its number is not known any more; zero
-%% is below all.
+%% An item that the engine sends from its own store, on subscription: the node's newest, which goes to devices in
+%% order with all others. When newer ones were retracted, its number is no longer known; zero is below all numbers.
 stored(Node, #message{to = To} = Message) ->
     #ps_item{id = ItemId} = Item = pubsub_device_stanza:item_of(Message),
     case pubsub_device_store:last_item(Node) of
@@ -143,7 +141,7 @@ stored(Node, #message{to = To} = Message) ->
         _ -> reach(pubsub_device_stanza:stamp(Message, 0))
     end.
 
-%% To every session that should see it, or as it stands when there is none.
+%% Routes it to every session that should get it, or unchanged when there is none.
 reach(#message{to = To} = Message) ->
     LJID = jid:tolower(To),
     case pubsub_device_targets:reached(LJID) of

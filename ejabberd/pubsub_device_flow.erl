@@ -1,15 +1,13 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% How the items of one node leave for one device in one session: in rising numbers, what is kept before what
-%% is live.
+%% How the items of one node are sent to one device in one session: in ascending order, kept items before live ones.
 %%
-%% A flow lives in the node's writer and dies with the session. Losing it costs repeated sendings, never an
-%% item: the copies themselves are in the store until the device acknowledges them, and the session knows what
-%% it was sent.
+%% A flow belongs to the node's writer and ends with the session. If it is lost, items may be sent again, but none is
+%% lost: the copies are in the store until the device acknowledges them, and the session knows what it was sent.
 %%
-%% `sent` is the highest number sent in the session, `twice` the highest sent twice, `until` the highest that is
-%% to be: a copy has at most two sendings on their way, however often the device asks, and a repetition goes
-%% before what is new. What is due leaves in portions, so that the writer serves others in between; `busy` says
-%% that the next portion is under way.
+%% `sent` is the highest number sent in the session, `twice` the highest sent twice, `until` the highest to be sent
+%% twice: a copy has at most two unacknowledged transmissions, however often the device asks, and repetitions go
+%% before new items. Items are sent in portions, so that the writer serves others in between; `busy` means that the
+%% next portion is scheduled.
 -module(pubsub_device_flow).
 
 -export([new/1, pid/1, pump/3, resume/3, again/3, activated/5, acked/4, gate/3]).
@@ -24,7 +22,7 @@
 new(Pid) -> #flow{pid = Pid}.
 pid(#flow{pid = Pid}) -> Pid.
 
-%% Sends what may leave now: everything that was not sent yet, or of a key node the one that is due.
+%% Sends what may be sent now: everything that was not sent yet, or of a key node the next item.
 pump(_, _, #flow{busy = true} = Flow) ->
     Flow;
 pump(Node, Device, #flow{pid = Pid} = Flow) ->
@@ -33,15 +31,15 @@ pump(Node, Device, #flow{pid = Pid} = Flow) ->
 resume(Node, Device, Flow) ->
     pump(Node, Device, Flow#flow{busy = false}).
 
-%% The device announced itself once more in the session, so it wants what it has not acknowledged.
+%% The device announced itself again in the session, so it wants what it has not acknowledged.
 again(Node, Device, #flow{pid = Pid} = Flow) ->
     case gate(Node, Device, Pid) of
         open -> pump(Node, Device, repeat(Flow));
         _ -> pump(Node, Device, Flow)
     end.
 
-%% The device activated the node. `Since` is the last number that it has, or `bulk`, when it names none and
-%% wants nothing twice. `Fresh` says that the node was not active: the device of a key node wants what waits,
+%% The device activated the node. `Since` is the last number that it has, or `bulk`, when it gives none and wants
+%% nothing twice. `Fresh` means that the node was not active: the device of a key node wants the oldest kept item,
 %% whatever it was sent before.
 activated(Node, Device, Since, Fresh, #flow{pid = Pid} = Flow) ->
     is_integer(Since) andalso forget_until(Node, Device, Since),
@@ -54,13 +52,13 @@ activated(Node, Device, Since, Fresh, #flow{pid = Pid} = Flow) ->
 repeat(#flow{sent = Sent} = Flow) ->
     Flow#flow{until = Sent}.
 
-%% The session has acknowledged what it was sent under the number, perhaps by a writer before this one.
+%% The session has acknowledged the number, which a former writer may have sent.
 acked(Node, Device, Number, #flow{sent = Sent} = Flow) ->
     pubsub_device_store:drop(Node, Device, Number),
     pump(Node, Device, Flow#flow{sent = max(Sent, Number)}).
 
-%% An ordinary node is open to its subscribers. A key node is open to a device that subscribed, and lets a
-%% device of its owner have one item after the other once the device has activated it in this session.
+%% An ordinary node is open to its subscribers. A key node is open to a device that subscribed. A device of its owner
+%% gets one item after the other once it has activated the node in this session.
 gate(Node, Device, Pid) ->
     case pubsub_device_store:key_of(Node) of
         none -> open;
@@ -97,7 +95,7 @@ due(single, Node, Device, #flow{sent = Sent, twice = Twice, until = Until}) ->
         _ -> none
     end.
 
-%% What the device has, by its own word, is not kept any longer.
+%% Drops the copies that the device already has, according to the number it gave.
 forget_until(Node, Device, Since) ->
     case pubsub_device_store:next(Node, Device, 0) of
         #pubsub_device_copy{id = {_, _, Number}} when Number =< Since ->
@@ -106,7 +104,7 @@ forget_until(Node, Device, Since) ->
         _ -> ok
     end.
 
-%% Straight to the session that announced the device: a later session of the same resource, which has not
+%% Sent directly to the session that announced the device: a later session of the same resource, which has not
 %% announced itself yet, would take a live item for the newest and every kept one after it for stale.
 send_copy(#pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, item = Item},
           #flow{pid = Pid, sent = Sent, twice = Twice} = Flow) ->

@@ -1,5 +1,5 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Authorisation forms and subscription ids: what the engine leaves out of them. Keeps no state.
+%% Adds what the engine leaves out of authorisation forms and of answers to subscriptions. Keeps no state.
 -module(pubsub_device_forms).
 
 -export([authorisation/2, complete/2]).
@@ -10,8 +10,7 @@
 %% sic: the variable that clients read the subscriber from is misspelt, and is matched exactly.
 -define(SUBSCRIBER, <<"pusub#subscriber_jid">>).
 
-%% The form that asks an owner. It gets a message id, since the owner's answer goes under it, and the
-%% subscription's id.
+%% The form that asks an owner. Adds a message id, which the owner's answer uses, and the subscription's id.
 authorisation(Service, #message{id = Id, sub_els = [#xdata{fields = Fields} = Form | Rest]} = Message) ->
     Subscriber = value(<<"pubsub#subscriber_jid">>, Fields),
     SubId = pending_id(Service, value(<<"pubsub#node">>, Fields), Subscriber),
@@ -23,7 +22,7 @@ authorisation(Service, #message{id = Id, sub_els = [#xdata{fields = Fields} = Fo
                 end,
     Message#message{id = MessageId, sub_els = [Form#xdata{fields = Fields ++ More} | Rest]}.
 
-%% The engine answers a subscription that waits for its owner without the id.
+%% The engine's answer to a subscription that waits for approval lacks the id.
 complete(Service, #iq{sub_els = [#pubsub{subscription = #ps_subscription{type = pending, subid = <<>>} = Subscription}
                                  = PubSub]} = IQ) ->
     #ps_subscription{node = NodeId, jid = Subscriber} = Subscription,

@@ -1,8 +1,8 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% How many connections the publishers over HTTP have: of one address, and of a listener as a whole, so that whoever
-%% opens many keeps neither other publishers nor the streams from a port of the machine. The bounds are the operator's
-%% options of the listener. One process counts, in memory, and looks at each connection's process: however that ends,
-%% its place is free.
+%% Bounds the connections of publishers over HTTP, for each address and for a listener as a whole, so that whoever
+%% opens many leaves ports for other publishers and for the streams. The bounds are options of the listener. One
+%% process counts, in memory, and monitors each connection's process, so that a place is free again however the
+%% connection ends.
 -module(pubsub_device_gate).
 -behaviour(gen_server).
 
@@ -12,7 +12,7 @@
 
 -define(TIMEOUT, 5000).
 
-%% The first refusal is logged, then every so manieth.
+%% The first refusal is logged, then every ?LOGGED-th.
 -define(LOGGED, 1000).
 
 %% counts has {Listener, all}, {Listener, refused} and {Listener, Address}, none of them with zero; entered has the
@@ -21,12 +21,12 @@
 
 start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
 
-%% Whether the calling process may serve a connection of the address: ok, `refused`, where it may still say so to its
-%% client, or `closed`, where it may not. Bounds are {of an address, of the listener}.
+%% Whether the calling process may serve a connection of the address: ok, `refused` if it may still tell its client,
+%% or `closed` if not. Bounds are {of an address, of the listener}.
 enter(Listener, Address, Bounds) ->
     try gen_server:call(?MODULE, {enter, Listener, Address, Bounds}, ?TIMEOUT)
     catch
-        exit:_ -> closed  % who cannot be counted is not served
+        exit:_ -> closed  % a connection that cannot be counted is not served
     end.
 
 init([]) ->
@@ -40,7 +40,7 @@ handle_call({enter, Listener, Address, {Each, All}}, {Pid, _}, #state{counts = C
         false -> refuse(Pid, {Listener, refused}, max(1, All div 8), logged(Listener, Address, State))
     end.
 
-%% A refusal takes a port too as long as it lasts, so that there are few at a time.
+%% A refusal uses a port as long as it lasts, so the number of refusals at a time is bounded.
 refuse(Pid, Refused, Bound, #state{counts = Counts} = State) ->
     case count(Refused, Counts) < Bound of
         true -> {reply, refused, entered(Pid, [Refused], State)};
@@ -69,8 +69,8 @@ decrement(Name, Counts) ->
         #{Name := Count} -> Counts#{Name := Count - 1}
     end.
 
-%% What one client can be expected to have: an address of the old kind, also where the socket shows it as one of the
-%% new kind, and the 64 bits of a network of those.
+%% The addresses that one client can be expected to have: an IPv4 address, also in its IPv6-mapped form, or an IPv6
+%% network of 64 bits.
 part({0, 0, 0, 0, 0, 16#ffff, High, Low}) -> {High bsr 8, High band 255, Low bsr 8, Low band 255};
 part({A, B, C, D, _, _, _, _}) -> {A, B, C, D, net};
 part(Address) -> Address.

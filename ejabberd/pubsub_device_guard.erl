@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% What a stranger may not do: subscribe others, touch their options, learn of their key nodes, or send what a
-%% device's parser does not survive. Asked before the engine sees the request, in the process that sends it. Keeps
-%% no state.
+%% What other accounts may not do: subscribe somebody else, read or change the options of a subscription, learn of key
+%% nodes, or send what a device's parser cannot handle. Checked before the engine sees the request, in the process
+%% that sends it. Keeps no state.
 -module(pubsub_device_guard).
 
 -export([judge/2, spare/1, is_hidden/3, on_receive/3]).
@@ -10,10 +10,10 @@
 -include_lib("ejabberd/include/pubsub.hrl").
 -include("pubsub_device.hrl").
 
-%% Nobody writes a stanza of that depth, and the server's own encoder recurses on a small stack.
+%% No client needs a stanza of this depth, and the server's own encoder recurses on a small stack.
 -define(MAX_DEPTH, 256).
 
-%% Whether the service takes the stanza: ok or {error, Error}.
+%% Whether the service accepts the stanza: ok or {error, Error}.
 judge(Service, Stanza) ->
     case {has_stream_element(xmpp:get_els(Stanza)), Stanza} of
         {true, _} -> {error, stream_element()};
@@ -23,7 +23,7 @@ judge(Service, Stanza) ->
         _ -> ok
     end.
 
-%% The same for a stanza to anybody else: an account with devices is spared what would end their streams.
+%% The same for a stanza to another receiver: accounts with devices do not get what would end their streams.
 spare(Stanza) ->
     case has_stream_element(xmpp:get_els(Stanza))
         andalso pubsub_device_store:devices(jid:tolower(xmpp:get_to(Stanza))) of
@@ -31,9 +31,9 @@ spare(Stanza) ->
         _ -> ok
     end.
 
-%%% elements that parsers treat apart
+%%% elements that parsers treat specially
 
-%% A parser that looks at prefixes as text takes such an element for the stream's own, and never ends it.
+%% A parser that compares prefixes as text takes such an element for one of the stream itself, and never ends it.
 has_stream_element(Elements) ->
     lists:any(fun(#xmlel{name = <<"stream:", _/binary>>}) -> true;
                  (#xmlel{children = Children}) -> has_stream_element(Children);
@@ -43,7 +43,7 @@ has_stream_element(Elements) ->
 stream_element() ->
     xmpp:err_not_acceptable(<<"An element with the prefix of the stream cannot be sent to a device">>, <<"en">>).
 
-%% A stanza nested too deep ends the stream that sends it, before anything answers or passes it on.
+%% A stanza nested too deep ends the stream that sends it, before it is answered or routed.
 on_receive(State, Element, _) ->
     case is_deeper(Element, ?MAX_DEPTH) of
         true ->
@@ -73,7 +73,7 @@ judge_request(Service, #iq{from = From, sub_els = [#xmlel{name = <<"command">>, 
 judge_request(_, _) ->
     ok.
 
-%% What the codec does not take, the engine refuses.
+%% What the codec cannot decode, the engine refuses.
 decode(Element) ->
     try xmpp:decode(Element)
     catch error:{xmpp_codec, _} -> invalid
@@ -91,8 +91,8 @@ judge_others(_, #iq{from = From}, #pubsub{subscribe = undefined, options = #ps_o
 judge_others(_, _, _) ->
     ok.
 
-%% All or nothing: what is refused is looked for before anything is changed. Whoever is no owner is refused by the
-%% engine.
+%% All or nothing: everything is checked before anything is changed. The engine refuses requests of others than
+%% owners.
 judge_owner(Service, NodeId, From, Judge) ->
     case mod_pubsub:tree_action(Service, get_node, [Service, NodeId]) of
         #pubsub_node{owners = Owners} = Node ->
@@ -117,7 +117,7 @@ set_subscription(Node, From, #ps_subscription{jid = JID, subid = SubId}) ->
             end
     end.
 
-%% An owner is sent the forms of those who ask, so nobody is made one unasked.
+%% Owners receive the authorisation forms, so nobody becomes one without having subscribed.
 set_affiliation(#pubsub_node{owners = Owners} = Node, From, #ps_affiliation{type = owner, jid = JID}) ->
     Account = account(JID),
     case Account == account(From) orelse lists:member(Account, Owners) orelse has_asked(Node, Account) of
@@ -144,15 +144,15 @@ account(LJID) -> jid:remove_resource(LJID).
 
 %%% key nodes of others
 
-%% A request that names a closed key node of another account is answered as if there were none.
+%% A request for a closed key node of another account is answered as for a node that does not exist.
 judge_nodes(Service, From, Nodes) ->
     case [NodeId || NodeId <- Nodes, NodeId /= <<>>, is_hidden(Service, NodeId, From)] of
         [] -> ok;
         _ -> {error, xmpp:err_item_not_found(<<"Node not found">>, <<"en">>)}
     end.
 
-%% A closed key node is nothing to those who neither own it nor have a part in it. Under a name that is free to all
-%% it cannot be hidden: whoever tries to take the name learns that it is taken.
+%% A closed key node is hidden from accounts that neither own it nor have an affiliation or subscription. Under a name
+%% that is free to all it cannot be hidden: whoever tries to create a node of that name learns that it exists.
 is_hidden(Service, NodeId, From) ->
     case pubsub_device_store:key_of({Service, NodeId}) of
         none -> false;

@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The head of an HTTP request (RFC 9112): finds its end in what has come so far and reads what the listener needs. What
-%% two readers could take in two ways (two lengths, a length beside a transfer coding, a folded or a bare line) is
-%% refused, since a proxy in front might see another request in it. Keeps no state.
+%% The head of an HTTP request (RFC 9112): finds its end in the bytes received so far and parses what the listener
+%% needs. A head that two parsers could read differently (two lengths, a length and a transfer coding, a folded line,
+%% a line without carriage return) is refused, since a proxy in front might see another request in it. Keeps no state.
 -module(pubsub_device_head).
 
 -export([take/2]).
@@ -9,8 +9,8 @@
 -define(MAX_HEAD, 16384).
 -define(MAX_DIGITS, 15).
 
-%% Takes a head from the front of Buffer, of which Seen bytes were looked at before: {ok, Head, Rest}, {more, Buffer,
-%% Seen}, or {refused, Status, Text} after which nobody knows where the next request begins.
+%% Takes a head from the front of Buffer, of which Seen bytes were examined before: {ok, Head, Rest}, {more, Buffer,
+%% Seen}, or {refused, Status, Text}, after which it is unknown where the next request begins.
 take(<<"\r\n", Rest/binary>>, _) ->
     take(Rest, 0);
 take(<<>>, _) ->
@@ -33,7 +33,7 @@ take(Buffer, Seen) ->
             {refused, 431, iolist_to_binary(Text)}
     end.
 
-%% Who does not speak HTTP may never send the end of a head, and is told at once.
+%% A client that does not speak HTTP may never send the end of a head, so it is refused at once.
 unfinished(Buffer, Seen) ->
     case is_token(binary:part(Buffer, 0, 1)) andalso not has_bare_line(Buffer, Seen) of
         true -> {more, Buffer, byte_size(Buffer)};
@@ -69,7 +69,7 @@ version(<<Major, $., Minor>>) when Major >= $0, Major =< $9, Minor >= $0, Minor 
     refuse(505, <<"This server speaks HTTP/1.1">>);
 version(_) -> refuse(400, <<"This is no HTTP">>).
 
-%% A line that goes on from the one before begins with a blank, which no name has.
+%% A continuation line begins with a blank, which no field name contains.
 field(Line, Head) ->
     case binary:split(Line, <<":">>) of
         [Name, Value] ->
@@ -95,7 +95,7 @@ number(Value) ->
 words(Value) ->
     [string:lowercase(trim(Word)) || Word <- binary:split(Value, <<",">>, [global])].
 
-%% What the listener is told: where the body ends, and whether another request may follow it.
+%% The result for the listener: where the body ends, and whether another request may follow it.
 framed(#{coded := true, length := none}) ->
     refuse(411, <<"Send the body with its Content-Length, without a transfer coding">>);
 framed(#{coded := true}) ->

@@ -9,7 +9,7 @@
 
 -define(RETRY_SECONDS, 5).
 
-%% A listener that knows from `length` that the body is too large need not have read it.
+%% A listener that knows from `length` that the body is too large does not have to read it.
 process([Key], #request{method = 'POST', data = Body, length = Length, path = Path}) ->
     Limit = mod_pubsub_device:option(max_payload),
     case check(Body, max(Length, byte_size(Body)), Limit) of
@@ -63,15 +63,15 @@ published({error, #stanza_error{reason = Reason}}, _) ->
 retry(Code, Seconds, Text) ->
     answer(Code, [{<<"Retry-After">>, integer_to_binary(Seconds)}], {[{error, Text}]}).
 
-%% The answer to a connection that is one too many.
+%% The answer to a connection above a bound.
 crowded() ->
     retry(503, ?RETRY_SECONDS, <<"Too many connections; close some, or try again later">>).
 
-%% The answer of every refusal, those of the listener too.
+%% The form of every refusal, also those of the listener.
 refuse(Code, Text) ->
     answer(Code, [], {[{error, Text}]}).
 
-%% The server has no words of its own for every status.
+%% The server does not have a reason phrase for every status.
 answer(Code, Headers, Object) ->
     {Code, phrase(Code), [{<<"Content-Type">>, <<"application/json">>} | Headers],
      iolist_to_binary(jiffy:encode(Object))}.

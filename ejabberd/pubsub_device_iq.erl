@@ -1,7 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The requests of the namespace urn:zelt:pubsub:device:0. Keeps no state. A request runs in the process of
-%% the session that sent it; the writer answers an activation itself, so that the answer leaves before the
-%% items.
+%% The requests of the namespace urn:zelt:pubsub:device:0. Keeps no state. A request runs in the process of the
+%% session that sent it; the writer itself answers an activation, so that the answer is sent before the items.
 -module(pubsub_device_iq).
 
 -export([process/1, decode_iq_subel/1]).
@@ -63,7 +62,7 @@ node_of(Element, #iq{to = #jid{lserver = Service}}) ->
 
 account(JID) -> jid:remove_resource(jid:tolower(JID)).
 
-%% Whether somebody else's name is in use is nobody's business: it is forbidden as it would be if it were.
+%% A request must not reveal whether another account's name is in use: it is forbidden in both cases.
 unnamed(Service, NodeId, From, Error) ->
     case pubsub_device_names:is_foreign(Service, NodeId, account(From)) of
         true -> xmpp:err_forbidden();
@@ -110,8 +109,8 @@ created(true, Node, Account, Create) ->
 created(Refused, _, _, _) ->
     Refused.
 
-%% The name is looked at first, so that the refusal is the same whether it is in use or not. A key node of one's
-%% own that stands under such a name from before is there still.
+%% The name is checked first, so that the refusal is the same whether it is in use or not. A key node of the account
+%% itself that existed under such a name before this rule is still found.
 may_create(Service, NodeId, Account) ->
     case {pubsub_device_names:refused(Service, NodeId, Account), pubsub_device_store:key_of({Service, NodeId})} of
         {false, _} -> true;
@@ -178,13 +177,14 @@ activate_nodes_of(Service, Element, #iq{from = From} = IQ) ->
     News == [] andalso pubsub_device_session:spare(1 + length(Verdicts)),
     ignore.
 
-%% What is answered is on disk: an item that comes after a restart is kept for the device, also while it is away.
+%% The activation is on disk before it is answered: an item that is published after a restart is kept for the device,
+%% also while it is absent.
 mark(Nodes, Device) ->
     New = [Node || Node <- Nodes, pubsub_device_targets:mark(Node, Device)],
     New == [] orelse pubsub_device_commit:sync().
 
-%% A key node is for its owner's devices and its subscribers; an ordinary node is not gated, so activating it
-%% asks for what is kept and nothing more.
+%% A key node is for its owner's devices and its subscribers; an ordinary node needs no activation, so activating it
+%% only requests the kept items.
 may_receive({Service, NodeId} = Node, From) ->
     Account = account(From),
     case {mod_pubsub:tree_action(Service, get_node, [Service, NodeId]), pubsub_device_store:key_of(Node)} of

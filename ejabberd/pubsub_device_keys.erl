@@ -1,5 +1,5 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Key nodes: nodes that whoever has the key may publish to. A node has one key for its whole life.
+%% Key nodes: nodes to which every holder of the key may publish. A node has one key as long as it exists.
 -module(pubsub_device_keys).
 
 -export([create/3, get/2]).
@@ -9,8 +9,8 @@
 
 -define(KEY_BYTES, 24).
 
-%% The caller holds the name's lock, so two requests for it cannot cross. The key is stored before the node: a
-%% crash between the two leaves a key that nobody has, which goes when the name is next asked for.
+%% The caller holds the name's lock, so two requests for the name do not interleave. The key is stored before the
+%% node: a crash between the two leaves a key that nobody knows, which is removed when the name is next requested.
 create(Node, Owner, Create) ->
     case {exists(Node), pubsub_device_store:key_of(Node)} of
         {true, {Key, Owner}} -> {ok, Key, <<"exists">>};
@@ -28,7 +28,7 @@ create(Node, Owner, Create) ->
 made(false, Create) -> Create();
 made(Refused, _) -> Refused.
 
-%% A key stands on command lines: one that begins with a dash would be read as an option there.
+%% Keys are used on command lines, where one that begins with a dash would be read as an option.
 new_key() ->
     case base64url:encode(crypto:strong_rand_bytes(?KEY_BYTES)) of
         <<"-", _/binary>> -> new_key();

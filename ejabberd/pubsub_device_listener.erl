@@ -1,8 +1,8 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The HTTP listener of the push endpoint: one process for each connection, which reads requests one after the other and
-%% lets pubsub_device_http answer them. The server's own listener refuses an empty body and methods it does not know
-%% before any handler sees them, and takes a request that follows a body in the same packet for a part of the body.
-%% Every wait has an end, and no more is read than a head and a body of the largest payload.
+%% The HTTP listener of the push endpoint: one process for each connection, which reads requests one after the other
+%% and has pubsub_device_http answer them. The server's own listener refuses an empty body and unknown methods before
+%% any handler sees them, and takes a request that follows a body in the same packet for part of the body. Every wait
+%% has a timeout, and at most a head and a body of the largest payload are read.
 -module(pubsub_device_listener).
 -behaviour(ejabberd_listener).
 
@@ -11,27 +11,27 @@
 -include_lib("kernel/include/logger.hrl").
 -include_lib("ejabberd/include/ejabberd_http.hrl").
 
-%% What waits for the next request of a connection that has made one; its head and its body come within the option
-%% request_timeout each.
+%% How long a connection waits for its next request. The head and the body must each arrive within the option
+%% request_timeout.
 -define(IDLE_MS, 300000).
 
-%% A refused body of up to so many bytes is read and thrown away, so that the connection goes on.
+%% A refused body of up to this many bytes is read and discarded, so that the connection stays open.
 -define(MAX_SKIPPED, 1000000).
 
-%% How long, and for how many bytes, a closed connection is read on: a client that is still sending would lose the
-%% answer otherwise.
+%% How long, and how many bytes, are still read from a connection that is being closed: otherwise a client that is
+%% still sending would lose the answer.
 -define(LINGER_MS, 2000).
 -define(MAX_LINGERED, 1000000).
 
-%% Most connections at once: of one address, and of a listener. The server's ports, 32,000 as packaged, are for its
-%% streams too.
+%% The most connections at a time, of one address and of a listener. The streams use the same ports of the server,
+%% 32,000 as packaged.
 -define(MAX_CONNECTIONS_ADDRESS, 256).
 -define(MAX_CONNECTIONS, 8192).
 
-%% Whose connections are many clients' by default: a proxy on this machine.
+%% Addresses whose connections belong to many clients by default: a proxy on this machine.
 -define(PROXIES, [{{127, 0, 0, 0}, 8}, {{0, 0, 0, 0, 0, 0, 0, 1}, 128}]).
 
-%% A connection: tcp is the socket, tls what fast_tls made of it, or none.
+%% A connection: tcp is the socket, tls the TLS socket of fast_tls, or none.
 -record(link, {tcp, tls = none, opts}).
 
 start(_, Socket, Opts) ->
@@ -40,7 +40,7 @@ start(_, Socket, Opts) ->
 start_link(_, Socket, Opts) ->
     {ok, proc_lib:spawn_link(?MODULE, init, [Socket, Opts])}.
 
-%% The socket is this process's from now on.
+%% This process owns the socket from now on.
 accept(Pid) ->
     Pid ! accepted,
     ok.
@@ -72,14 +72,14 @@ converse(Link) ->
         throw:{refused, Status, Text} -> refuse(Link, Status, Text)
     end.
 
-%%% how many there may be
+%%% bounds
 
 admitted(#link{tcp = Socket, opts = Opts}) ->
     case {inet:port(Socket), peer(Socket, proplists:get_value(sock_peer_name, Opts))} of
         {{ok, Port}, {ok, Address}} ->
             Proxies = proplists:get_value(proxies, Opts, ?PROXIES),
             Each = case lists:any(fun(Mask) -> is_within(Address, Mask) end, Proxies) of
-                       true -> infinity;  % an atom is above every number
+                       true -> infinity;  % an atom is greater than every number
                        false -> proplists:get_value(max_connections_address, Opts, ?MAX_CONNECTIONS_ADDRESS)
                    end,
             pubsub_device_gate:enter(Port, Address,
@@ -87,7 +87,7 @@ admitted(#link{tcp = Socket, opts = Opts}) ->
         _ -> closed
     end.
 
-%% A proxy that speaks the proxy protocol says whose connection it is, as far as it knows.
+%% With the proxy protocol, the proxy gives the client's address if it knows it.
 peer(_, {_, {unknown, _}}) ->
     {ok, undefined};
 peer(_, {_, {Address, _}}) ->
@@ -101,7 +101,7 @@ peer(Socket, _) ->
 is_within(Address, {Net, Length}) ->
     is_tuple(Address) andalso misc:match_ip_mask(Address, Net, Length).
 
-%% Who asks is told why; who does not is not waited for.
+%% A client that sends a request is told why; others are not waited for.
 turn_away(Link) ->
     receive_quietly(Link, now_ms() + ?LINGER_MS),
     answer(Link, #{method => none, version => {1, 1}, keep => false}, pubsub_device_http:crowded()),
@@ -135,7 +135,7 @@ request(Link, #{length := Length, expects := Expects, keep := Keep} = Head, Rest
         false when Keep, not Expects, Length =< ?MAX_SKIPPED ->
             answer(Link, Head, handle(Link, Head, <<>>)),
             next(Link, skip(Link, Length, Rest, deadline(Link)), ?IDLE_MS);
-        false ->  % whether the body comes at all is open
+        false ->  % the client may not send the body at all
             answer(Link, Head#{keep := false}, handle(Link, Head, <<>>)),
             linger(Link)
     end.
@@ -147,7 +147,7 @@ answered(Link, Head, Answer, _) ->
     answer(Link, Head, Answer),
     linger(Link).
 
-%% A copy, since an item that is kept would keep all that came in the same packet.
+%% A copy, since a kept item would otherwise keep everything that came in the same packet in memory.
 body(_, Length, Rest, _) when byte_size(Rest) >= Length ->
     <<Body:Length/binary, After/binary>> = Rest,
     {binary:copy(Body), binary:copy(After)};
@@ -173,7 +173,7 @@ handle(#link{opts = Opts}, #{method := Method, target := Target, length := Lengt
             pubsub_device_http:refuse(500, <<"The service failed; try again later">>)
     end.
 
-%% Without the arguments of the functions, which may hold a key or an item.
+%% Logged without the arguments of the functions, which may contain a key or an item.
 report(Class, Reason, Stack) ->
     Error = case Reason of
                 {Name, _} when is_atom(Name) -> Name;
@@ -183,7 +183,7 @@ report(Class, Reason, Stack) ->
     ?LOG_ERROR("a request over HTTP failed: ~p",
                [{Class, Error, [{Module, Function, Where} || {Module, Function, _, Where} <- Stack]}]).
 
-%% A proxy may send the whole address.
+%% A proxy may send an absolute URI.
 segments(Target) ->
     Path = case Target of
                <<$/, _/binary>> -> hd(binary:split(Target, [<<"?">>, <<"#">>]));
@@ -268,7 +268,7 @@ certificate() ->
         error -> []
     end.
 
-%% What has come, at least a byte. The deadline holds for the handshake too.
+%% The received bytes, at least one. The deadline includes the handshake.
 receive_some(#link{tcp = Socket, tls = TLS} = Link, Deadline) ->
     case decrypted(TLS, gen_tcp:recv(Socket, 0, max(0, Deadline - now_ms()))) of
         {ok, <<>>} -> receive_some(Link, Deadline);
@@ -277,7 +277,7 @@ receive_some(#link{tcp = Socket, tls = TLS} = Link, Deadline) ->
         {error, _} -> throw(ended)
     end.
 
-%% Where no request waits for an answer, nobody is told that the time is over.
+%% Without a request that waits for an answer, the connection is closed without one.
 receive_quietly(Link, Deadline) ->
     try
         receive_some(Link, Deadline)

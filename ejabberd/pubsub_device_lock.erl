@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The lock of a node's name, held by a session while the engine makes or deletes the node for it. The node's writer
-%% gives it to one session after the other, so a deletion, with all that goes with it, and a creation do not cross.
-%% A session makes one request at a time and holds one lock; the lock ends with the session.
+%% The lock of a node's name, held by a session while the engine creates or deletes the node for it. The node's writer
+%% grants it to one session after the other, so that a deletion, with everything that belongs to it, and a creation do
+%% not interleave. A session makes one request at a time and holds one lock; the lock ends with the session.
 -module(pubsub_device_lock).
 
 -export([acquire/1, release/0, with/2]).

@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Whose a node's name is. A name of three or more segments, /U/R/..., belongs to the account whose local part is
-%% U, whether the account exists yet or not; shorter ones are free to all, and so is what the operator opened.
+%% The owner of a node's name. A name of three or more segments, /U/R/..., belongs to the account whose local part is
+%% U, whether the account exists yet or not; shorter names are free to all, and so are those that the operator opened.
 %% Keeps no state.
 -module(pubsub_device_names).
 
@@ -8,10 +8,10 @@
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 
-%% The longest name: an event that carries it has room for an item.
+%% The longest name: it leaves room for an item in an event.
 -define(MAX_BYTES, 1024).
 
-%% Why the owner may not use the name for a node of its own, or false. What exists already is not asked about.
+%% The error if the owner may not use the name for a node of its own, or false. Existing nodes are not checked.
 refused(Service, NodeId, Owner) ->
     case is_foreign(Service, NodeId, Owner) of
         true -> xmpp:err_forbidden(<<"A name of three or more segments, /U/R/..., belongs to the account U of this "
@@ -21,7 +21,7 @@ refused(Service, NodeId, Owner) ->
         false -> false
     end.
 
-%% Whether the name belongs to somebody else than the account {User, Server, _}.
+%% Whether the name does not belong to the account {User, Server, _}.
 is_foreign(Service, NodeId, {User, Server, _}) ->
     case owner_of(NodeId) of
         free -> false;
@@ -31,7 +31,7 @@ is_foreign(Service, NodeId, {User, Server, _}) ->
 is_foreign(_, NodeId, none) ->
     owner_of(NodeId) /= free.
 
-%% The local part that the name belongs to, `free`, or `nobody` when its first segment is no local part.
+%% The local part that the name belongs to, `free`, or `nobody` when its first segment is not a valid local part.
 owner_of(NodeId) ->
     case segments(NodeId) of
         [_, _, _ | _] = Segments ->
@@ -43,11 +43,11 @@ owner_of(NodeId) ->
         _ -> free
     end.
 
-%% A prefix of the operator's, whole segments; a slash at its end adds none.
+%% A prefix from the options, in whole segments; a trailing slash adds none.
 opened(Prefix) ->
     [Segment || Segment <- segments(Prefix), Segment /= <<>>].
 
-%% A client takes neither case nor a doubled slash for a difference everywhere, so neither makes another owner.
+%% Some clients ignore case or a doubled slash, so neither changes the owner.
 local_part(Segments) ->
     case [Segment || Segment <- Segments, Segment /= <<>>] of
         [User | _] ->
@@ -59,7 +59,7 @@ local_part(Segments) ->
         [] -> nobody
     end.
 
-%% What stands between the slashes; one in front opens the first segment, and every other makes one, even when it
-%% is empty.
+%% The parts between the slashes; a leading slash begins the first segment, and every other slash begins a further
+%% one, even an empty one.
 segments(<<"/", Rest/binary>>) -> binary:split(Rest, <<"/">>, [global]);
 segments(NodeId) -> binary:split(NodeId, <<"/">>, [global]).

@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Devices and their sessions. A device is a full JID of this server that announced itself: by directed
-%% presence to the service, by creating a key node or by activating a node. It is remembered until it has
-%% stayed away for too long; the session is known only while it lasts.
+%% Devices and their sessions. A device is a full JID of this server that announced itself: by directed presence to
+%% the service, by creating a key node or by activating a node. It is remembered until it has been absent for
+%% device_age; the session is known only while it lasts.
 -module(pubsub_device_presence).
 
 -export([announce/1, attach/1, goodbye/1, on_session_end/3, on_remove_user/2, forget/1]).
@@ -10,11 +10,10 @@
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
-%% The session is on record before we look for what is kept: an item that is kept after this look finds it
-%% there.
+%% The session is recorded before the kept items are read: an item that is kept afterwards finds the session.
 %%
-%% Only a session that was on record wants a repetition: what a first announcement finds sent already was published
-%% since this step began.
+%% Only a session that was already recorded wants a repetition: items that are already sent at a first announcement
+%% were published after this step began.
 announce(JID) ->
     Device = jid:tolower(JID),
     Before = pubsub_device_store:session(Device),
@@ -29,7 +28,7 @@ announce(JID) ->
         Refused -> Refused
     end.
 
-%% `ok`, `stranger` for what is no session of ours, or the refusal of one device too many.
+%% `ok`, `stranger` if it is not a session of this server, or the error for a device above the bound.
 attach(JID) ->
     {User, Server, Resource} = Device = jid:tolower(JID),
     case Resource /= <<>> andalso ejabberd_router:is_my_host(Server)
@@ -45,9 +44,9 @@ attach(JID) ->
         _ -> stranger
     end.
 
-%% A client without a resource of its own is a new device at every connect, so the account's longest absent
-%% one goes. Those that are connected stay: when all are, there is no room. Newcomers of an account take turns,
-%% so that two of them do not push two out where one place was missing.
+%% A client without a fixed resource is a new device at every connect, so the account's longest absent device is
+%% forgotten. Connected devices stay: when all are connected, the new one is refused. New devices of an account are
+%% handled one after the other, so that two of them do not displace two others when one place was missing.
 make_room({User, Server, _} = Device) ->
     global:trans({{?MODULE, User, Server}, self()}, fun() -> make_room_now(Device) end, pubsub_device_commit:members()).
 
@@ -64,7 +63,7 @@ make_room_now(Device) ->
         false -> pubsub_device_store:saw_device(Device), true
     end.
 
-%% The session goes on as if it had not announced itself.
+%% The session continues as if it had not announced itself.
 goodbye(JID) ->
     leave(JID, self()) andalso pubsub_device_session:settle(),
     pubsub_device_session:forget(),

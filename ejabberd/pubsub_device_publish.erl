@@ -1,11 +1,10 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% From the engine to the writer. While an item is being published, the publisher's process holds a context:
-%% the engine's notifications are caught in it instead of being sent, and the engine's hook hands them to the
-%% node's writer. The context lasts for one request; the process dictionary is the only thing that the
-%% engine's calls share.
+%% From the engine to the writer. While an item is being published, the publisher's process holds a context: the
+%% engine's notifications are collected in it instead of being sent, and the engine's hook passes them to the node's
+%% writer. The context lasts for one request; the process dictionary is all that the engine's calls have in common.
 %%
-%% A session publishes ahead: it does not wait for the writer, a waiter does, and sends the engine's answer
-%% when the item is on disk. The session's own requests reach the writer in the order in which it made them.
+%% A session publishes ahead: instead of the session a waiter process waits for the writer, and sends the engine's
+%% answer when the item is on disk. The session's requests reach the writer in their order.
 -module(pubsub_device_publish).
 
 -export([begin_publish/1, end_publish/0, is_publishing/0, found/1, catch_message/1, hand_over/1, on_publish/6]).
@@ -18,11 +17,11 @@
 -define(CONTEXT, '$pubsub_device_publish').
 -define(TIMEOUT, 60000).
 
-%% How: `ahead`, or `waiting` for the outcome.
+%% How: `ahead`, or `waiting` for the result.
 begin_publish(How) -> put(?CONTEXT, #{how => How, messages => [], ids => #{}}), ok.
 is_publishing() -> get(?CONTEXT) /= undefined.
 
-%% A waiter that was not given an answer has nothing to wait for.
+%% A waiter without an answer to send has nothing to wait for.
 end_publish() ->
     case erase(?CONTEXT) of
         #{waiter := Waiter} -> exit(Waiter, kill);
@@ -30,7 +29,8 @@ end_publish() ->
     end,
     ok.
 
-%% The engine looks its node up as it takes the item; which node that is tells it from a later one of the name.
+%% The engine looks up the node when it stores the item; the node's id distinguishes it from a later one of the same
+%% name.
 found(#pubsub_node{nodeid = Node, id = Id} = Record) ->
     case get(?CONTEXT) of
         #{ids := Ids} = Context -> put(?CONTEXT, Context#{ids := Ids#{Node => Id}});
@@ -47,7 +47,7 @@ catch_message(Message) ->
         undefined -> false
     end.
 
-%% Gives the engine's answer to the waiter, if there is one.
+%% Passes the engine's answer to the waiter, if there is one.
 hand_over(IQ) ->
     case get(?CONTEXT) of
         #{waiter := Waiter} = Context ->
@@ -72,8 +72,8 @@ on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, Ite
 on_publish(_, _, _, _, _, _) ->
     ok.
 
-%% Without a context somebody else in the server publishes: the item is numbered and kept, and nobody waits to
-%% hear.
+%% Without a context another part of the server publishes: the item is numbered and kept, and nobody waits for the
+%% result.
 written(undefined, Node, Publication) ->
     pubsub_device_writer:call(Node, {publish, Node, Publication}),
     ok;
@@ -92,7 +92,7 @@ wait(Node, Publication) ->
     Monitor = pubsub_device_writer:watch(Node),
     receive
         {answer, IQ} -> ejabberd_router:route(judged(IQ, pubsub_device_writer:await(Node, Publication, Monitor)))
-    after ?TIMEOUT -> ok  % the session is gone, and with it the one who wants to know
+    after ?TIMEOUT -> ok  % the session is gone, and with it the receiver of the answer
     end.
 
 judged(IQ, {ok, _}) -> IQ;
@@ -113,7 +113,7 @@ caught() ->
 has_id(Message, ItemId) ->
     (pubsub_device_stanza:item_of(Message))#ps_item.id == ItemId.
 
-%% Publishes as the owner of the key's node. The key is in no log: whatever fails here is told without it.
+%% Publishes as the owner of the key's node. The key must not be logged: failures are reported without it.
 by_key(Key, ItemId, Payload) ->
     case pubsub_device_store:node_of(Key) of
         none -> {error, xmpp:err_item_not_found()};

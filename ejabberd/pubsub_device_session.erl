@@ -1,11 +1,11 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% What a session itself knows and pays for, in its process's dictionary: the items that were sent to it, so that
-%% it can judge its acknowledgements and announcements without a writer, and how much it has under way. It dies
-%% with the session.
+%% The state of a session in its process dictionary: the items that were sent to it, so that it can check its
+%% acknowledgements and announcements without a writer, and how many of its requests are unprocessed. It ends with the
+%% session.
 %%
-%% An acknowledgement names an item id, and several copies, or several sendings of one copy, can have the same
-%% id: each acknowledgement answers the oldest sending under that id. The session sees every sending before its
-%% acknowledgement, whichever writer sent it, so a writer may start anew in between.
+%% An acknowledgement names an item id, and several copies, or several transmissions of one copy, can have the same
+%% id: each acknowledgement refers to the oldest transmission under that id. The session sees every transmission
+%% before its acknowledgement, whichever writer sent it, so a writer may be restarted in between.
 -module(pubsub_device_session).
 
 -export([on_receive/1, take/2, is_news/2, may_wait/2, forget/0]).
@@ -24,16 +24,16 @@
 -define(PUBLISHING, '$pubsub_device_publishing').
 -define(SPARED, '$pubsub_device_spared').
 
-%% So many messages to one process, and so many publications, go ahead of a round trip. Small enough that others
-%% do not notice who stands before them, large enough that a round trip costs a message little.
+%% At most this many messages to one process, and this many publications, are unprocessed. Few enough that other
+%% sessions are not delayed noticeably, many enough that the cost of a round trip is small for each message.
 -define(SHARE, 16).
 -define(PUBLICATIONS, 32).
 -define(TIMEOUT, 30000).
 -define(IDLE, 64).
 
-%%% what was sent
+%%% transmissions
 
-%% Runs in the session's process when a message leaves for its client.
+%% Runs in the session's process when a message is sent to its client.
 on_receive({#message{} = Message, State}) ->
     case pubsub_device_stanza:sending(Message) of
         none -> ok;
@@ -58,8 +58,8 @@ sent(Node, ItemId, Number, #sendings{ids = Ids, turns = Turns, turn = Turn, node
 reached(Number, {Sent, Twice}) when Number > Sent -> {Number, Twice};
 reached(Number, {Sent, Twice}) -> {Sent, max(Number, Twice)}.
 
-%% Each kept copy is on its way twice at the most. A client that never acknowledges leaves sendings of copies that
-%% have been dropped meanwhile, and nodes that are gone.
+%% Each kept copy has at most two unacknowledged transmissions. A client that never acknowledges leaves entries of
+%% copies that have been dropped and of nodes that were deleted.
 bound(#sendings{turns = Turns, nodes = Nodes} = Sendings) ->
     Bound = 2 * mod_pubsub_device:option(max_kept),
     case {map_size(Turns) > Bound, map_size(Nodes) > Bound} of
@@ -74,7 +74,7 @@ forget_oldest(#sendings{turns = Turns, oldest = Oldest} = Sendings) ->
         _ -> forget_oldest(Sendings#sendings{oldest = Oldest + 1})
     end.
 
-%% The number of the oldest sending under the id, which is answered with this, or none.
+%% Takes out the oldest transmission under the id and returns its number, or none.
 take(Node, ItemId) ->
     case taken({Node, ItemId}, sendings()) of
         none -> none;
@@ -93,8 +93,7 @@ taken(Id, #sendings{ids = Ids, turns = Turns} = Sendings) ->
         _ -> none
     end.
 
-%% Whether announcing the device once more would bring something of the node that it was not sent already as often
-%% as it may be.
+%% Whether announcing the device again would send an item of the node: one that was not sent as often as allowed.
 is_news(Node, Device) ->
     {Sent, Twice} = maps:get(Node, (sendings())#sendings.nodes, {0, 0}),
     case pubsub_device_flow:gate(Node, Device, self()) of
@@ -107,20 +106,20 @@ is_news(Node, Device) ->
             end
     end.
 
-%% Whether activating the node may do something: it is not active yet, or something was not sent yet.
+%% Whether activating the node may have an effect: it is not active yet, or something was not sent yet.
 may_wait(Node, Device) ->
     {Sent, _} = maps:get(Node, (sendings())#sendings.nodes, {0, 0}),
     not pubsub_device_store:is_active(Node, Device, self()) orelse pubsub_device_store:next(Node, Device, Sent) /= none.
 
-%% The session goes on without being the device's.
+%% The session continues without being the device's.
 forget() ->
     erase(?SENDINGS),
     ok.
 
-%%% what is under way
+%%% unprocessed requests
 
-%% Tells the node's writer. A session, or who else has much to tell, that has its share under way waits until the
-%% writer has come to it.
+%% Sends the request to the node's writer. A caller that has reached its share of unprocessed requests waits until the
+%% writer has handled them.
 tell(Node, Request) ->
     Writer = pubsub_device_writer:locate(Node),
     gen_server:cast(Writer, Request),
@@ -146,7 +145,7 @@ under_way() ->
         Counts -> Counts
     end.
 
-%% A writer must not wait for itself or for another; what it does is of its own making.
+%% A writer must not wait for itself or for another writer; its requests are bounded by its own work.
 wait(Process) ->
     pubsub_device_writer:is_writer() orelse
         try gen_server:call(Process, settle, ?TIMEOUT)
@@ -154,13 +153,13 @@ wait(Process) ->
         end,
     ok.
 
-%% Returns when all writers have done what they were told before.
+%% Returns when all writers have handled the requests sent before.
 settle() ->
     erase(?UNDER_WAY),
     [wait(Writer) || Writer <- pubsub_device_writer:all()],
     ok.
 
-%% A publication is under way until its waiter ends.
+%% A publication counts until its waiter ends.
 began(Waiter) ->
     Waiters = case get(?PUBLISHING) of
                   undefined -> queue:new();
@@ -181,8 +180,8 @@ outlast(Waiters) ->
         false -> Waiters
     end.
 
-%% After so much that was of no use, or that a device asks for once in a while, the session rests a moment, so that
-%% it does not take a whole processor with it. One acknowledgement that nothing waits for counts as one.
+%% After ?IDLE requests without effect, or of a kind that a device makes rarely, the session pauses briefly, so that
+%% it does not occupy a whole processor. An acknowledgement of something that was not sent counts as one.
 spare(Count) ->
     case get(?SPARED) of
         Spared when is_integer(Spared), Spared + Count >= ?IDLE -> put(?SPARED, 0), timer:sleep(1);

@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The stanzas of the extension, built and read. Numbers are added to encoded items: the codec's item record
-%% has no place for them.
+%% Builds and parses the stanzas of the extension. Numbers are added to encoded items: the codec's item record has no
+%% field for them.
 -module(pubsub_device_stanza).
 
 -export([item/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
@@ -24,7 +24,7 @@ item_message({Service, NodeId}, To, Item) ->
     Event = #xmlel{name = <<"event">>, attrs = [{<<"xmlns">>, ?NS_PUBSUB_EVENT}], children = [Items]},
     sign(#message{type = headline, from = jid:make(Service), to = To, sub_els = [Event]}).
 
-%% An ordinary notification with the number in its item; everything else in it stays.
+%% An ordinary notification with the number in its item, otherwise unchanged.
 stamp(#message{sub_els = [#ps_event{items = #ps_items{node = NodeId, items = [Item]}} | Rest]} = Message, Number) ->
     Items = #xmlel{name = <<"items">>, attrs = [{<<"node">>, NodeId}], children = [item(Item, Number)]},
     Event = #xmlel{name = <<"event">>, attrs = [{<<"xmlns">>, ?NS_PUBSUB_EVENT}], children = [Items]},
@@ -50,17 +50,16 @@ nodes(Name, Failed) ->
                               attrs = [{<<"id">>, NodeId}, {<<"error">>, misc:atom_to_binary(Reason)}]}
                        || {NodeId, Reason} <- Failed]}.
 
-%% The names of a bulk request, each once; an empty one names nothing.
+%% The names of a bulk request, without duplicates and empty ones.
 node_ids(#xmlel{children = Children}) ->
     lists:usort([NodeId || #xmlel{name = <<"node">>} = Child <- Children,
                            NodeId <- [fxml:get_tag_attr_s(<<"id">>, Child)], NodeId /= <<>>]).
 
-%% Whoever has the key does not learn whose it is, so the node is not named.
+%% The holder of a key must not learn the node or its owner, so the node is not named.
 published(ItemId, Number) ->
     #xmlel{name = <<"item">>, attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"id">>, ItemId}, seq_no(Number)]}.
 
-%% A number as a client writes it. Twenty digits hold every 64-bit number; longer ones are not worth the
-%% arithmetic.
+%% Parses a client's number. Every 64-bit number has at most twenty digits; longer ones are not parsed.
 number(<<>>) ->
     {ok, 0};
 number(Text) when byte_size(Text) =< 20 ->
@@ -71,10 +70,10 @@ number(Text) when byte_size(Text) =< 20 ->
 number(_) ->
     error.
 
-%% What the extension has dealt with already passes its own filter untouched.
+%% A stanza that the extension has handled passes its own filter unchanged.
 sign(Stanza) -> xmpp:put_meta(Stanza, ?MODULE, true).
 is_signed(Stanza) -> xmpp:get_meta(Stanza, ?MODULE, false).
 
-%% A copy on its way to a session carries which one it is: {Node, ItemId, Number}.
+%% The message with a copy for a session is tagged with the copy: {Node, ItemId, Number}.
 sending(Message, Copy) -> xmpp:put_meta(Message, pubsub_device_sending, Copy).
 sending(Message) -> xmpp:get_meta(Message, pubsub_device_sending, none).

@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The tables: devices, sessions, keys, numbers and what is kept. Only the node's writer changes its numbers
-%% and copies, so reading and writing them takes no transaction on a server of its own. Writes wait for every
-%% member of a cluster (sync_dirty); that they are on disk is the business of pubsub_device_commit.
+%% The tables: devices, sessions, keys, numbers and kept copies. Only the node's writer changes its numbers and adds
+%% copies, so on a server without a cluster this needs no transaction. Writes wait for every member of a cluster
+%% (sync_dirty); pubsub_device_commit waits until they are on disk.
 -module(pubsub_device_store).
 
 -export([init/0, together/1]).
@@ -18,7 +18,7 @@
 -include_lib("ejabberd/include/pubsub.hrl").
 -include("pubsub_device.hrl").
 
-%% Of a copy without any text: its record and its entries in the tables beside it, and their share of the log.
+%% The cost of a copy without text: its record, its entries in the other tables, and their share of the log.
 -define(RECORD_BYTES, 1000).
 
 init() ->
@@ -41,8 +41,8 @@ alone() ->
     keep_items_in_memory(),
     count_nodes().
 
-%% The engine's own choice for its items is a table in one file, which breaks at 2 GB. Its index does not survive
-%% a change of the storage, whoever makes it, so it is made anew.
+%% The engine's default for its items is a table in one file, which fails above 2 GB. An index does not survive a
+%% change of the storage type, so it is created again.
 keep_items_in_memory() ->
     Readable = try mnesia:dirty_index_read(pubsub_item, none, #pubsub_item.nodeidx) of
                    _ -> true
@@ -60,7 +60,7 @@ table(Name, Storage, Type, Fields, More) ->
     {atomic, ok} = ejabberd_mnesia:create(?MODULE, Name,
                                           [{Storage, [node()]}, {type, Type}, {attributes, Fields} | More]).
 
-%% What is on disk is counted at the start. A member that joins a running cluster finds the counts there already.
+%% The data on disk is counted at start. A member that joins a running cluster gets the existing counts.
 count_copies('$end_of_table') ->
     Add = fun(#pubsub_device_copy{id = {Node, Device, Number}, item = Item}, {Pairs, Loads}) ->
                   Bytes = bytes(Item),
@@ -74,7 +74,7 @@ count_copies('$end_of_table') ->
 count_copies(_) ->
     ok.
 
-%% The node's first owner made it, where nobody wrote down who did; later owners stand before the first.
+%% Where the creator of a node is not recorded, it is the first owner; later owners are listed before it.
 count_nodes() ->
     Note = fun(#pubsub_node{nodeid = {Service, _} = Node, owners = [_ | _] = Owners}, ok) when is_binary(Service) ->
                    mnesia:dirty_read(pubsub_device_node, Node) == []
@@ -104,8 +104,8 @@ act(Fun) ->
         false -> mnesia:sync_dirty(Fun)
     end.
 
-%% In a cluster two members may take themselves for a node's writer for a moment. A number and the copies that
-%% have it are written in one transaction there, so the next number is given out only when they are in place.
+%% In a cluster two members may both act as a node's writer for a short time. There, a number and its copies are
+%% written in one transaction, so the next number is assigned only when they are in the store.
 together(Fun) ->
     case mnesia:system_info(db_nodes) of
         [_] -> Fun();
@@ -114,7 +114,7 @@ together(Fun) ->
 
 %%% devices
 
-%% To the minute: a client that announces itself often costs no writing.
+%% Accurate to a minute, so that a client that announces itself often causes no writes.
 saw_device(Device) ->
     Now = erlang:system_time(second),
     case mnesia:dirty_read(pubsub_device, Device) of
@@ -148,8 +148,8 @@ attach(Device, Pid) ->
         _ -> write(#pubsub_device_session{jid = Device, pid = Pid})
     end.
 
-%% Only for the session that ends: a resource conflict closes the old one after the new one has announced
-%% itself.
+%% Only if it is still the ending session: in a resource conflict the old session is closed after the new one has
+%% announced itself.
 detach(Device, Pid) ->
     case mnesia:dirty_read(pubsub_device_session, Device) of
         [#pubsub_device_session{pid = Pid}] -> delete(pubsub_device_session, Device), true;
@@ -213,7 +213,7 @@ put_key(Node, Key, Owner) ->
                      add(pubsub_device_load, {keys, Owner}, 1)
              end).
 
-%% The marks of its devices go with the key.
+%% The records of its devices are removed with the key.
 delete_key(Node) ->
     together(fun() ->
                      [add(pubsub_device_load, {keys, Owner}, -1) || {_, Owner} <- [key_of(Node)]],
@@ -222,16 +222,17 @@ delete_key(Node) ->
              end),
     ok.
 
-%%% whose nodes
+%%% devices and creators of nodes
 
-%% The devices that made or activated the key node, and `none` when one of them was forgotten.
+%% The devices that created or activated the key node, and `none` when one of them was forgotten.
 marks(Node) ->
     mnesia:dirty_select(pubsub_device_mark, [{#pubsub_device_mark{id = {Node, '$1'}, _ = '_'}, [], ['$1']}]).
 
 mark(Node, Device) ->
     write(#pubsub_device_mark{id = {Node, Device}, since = erlang:system_time(second)}).
 
-%% The device is forgotten. A node that it leaves without any device is not one of which nothing is known.
+%% Forgets the device. The entry `none` distinguishes a node without remaining devices from one for which none was
+%% ever recorded.
 unmark_all({User, Server, _} = Device) ->
     [begin
          mark(Node, none),
@@ -241,7 +242,7 @@ unmark_all({User, Server, _} = Device) ->
             mnesia:dirty_read(pubsub_device_mark, {Node, Device}) /= []],
     ok.
 
-%% Both run in the transaction that makes or deletes the node.
+%% Both run in the transaction that creates or deletes the node.
 made(Node, Account) ->
     write(#pubsub_device_node{node = Node, account = Account}),
     add(pubsub_device_load, {nodes, Account}, 1).
@@ -254,7 +255,7 @@ unmade(Node) ->
         [] -> ok
     end.
 
-%% How many nodes or keys an account has. In a transaction nobody else makes one until it ends.
+%% How many nodes or keys an account has. In a transaction the count cannot change until the transaction ends.
 counted(Who) ->
     Found = case mnesia:is_transaction() of
                 true -> mnesia:read(pubsub_device_load, Who, write);
@@ -283,7 +284,7 @@ last_item(Node) ->
 put_number(Node, Last, Item) ->
     write(#pubsub_device_number{node = Node, last = Last, item = Item}).
 
-%% The node is gone; its number lives on in the floor. The floor is written first, so a crash between the two
+%% The node is deleted; its number is kept in the floor. The floor is written first, so a crash between the two writes
 %% loses nothing.
 retire_number(Node, Shard) ->
     case mnesia:dirty_read(pubsub_device_number, Node) of
@@ -294,15 +295,17 @@ retire_number(Node, Shard) ->
         [] -> ok
     end.
 
-%% Each member of a cluster writes a floor of its own, so two of them cannot lower it between them.
+%% Each member of a cluster writes a floor of its own, so that members cannot overwrite each other's floor with a
+%% lower one.
 floor_of(Shard) ->
     lists:max([0 | [Last || Member <- mnesia:system_info(db_nodes),
                             #pubsub_device_number{last = Last}
                                 <- mnesia:dirty_read(pubsub_device_number, {floor, Shard, Member})]]).
 
-%%% what is kept
+%%% kept copies
 
-%% The device's entry by age comes last of what a dropper looks for, so nobody finds half a copy.
+%% The entries by age are written last: a process that drops copies looks for these, so it does not find an incomplete
+%% copy.
 keep(Node, Device, Number, ItemId, Via, Item) ->
     Bytes = bytes(Item),
     add(pubsub_device_pair, {Device, Node}, 1),
@@ -315,8 +318,8 @@ index(Node, Device, Number, Bytes) ->
     [write(#pubsub_device_age{id = {Who, Number, Node, Device}, bytes = Bytes}) || Who <- [Device, account(Device)]],
     ok.
 
-%% Any process may drop any copy, and two may try at once: who takes the copy's token has dropped it and counts
-%% it off. Whether it was this caller.
+%% Any process may drop any copy, and two may try at once: the one that takes the copy's token drops it and decrements
+%% the counts. Returns whether it was this one.
 drop(Node, Device, Number) ->
     together(fun() -> drop_now(Node, Device, Number) end).
 
@@ -330,7 +333,7 @@ drop_now(Node, Device, Number) ->
                       true;
                   [] -> false
               end,
-    %% Also without the token: a dropper that was overtaken leaves no entry that points nowhere.
+    %% Also without the token, so that a process that was too late leaves no entry without a copy.
     delete(pubsub_device_age, setelement(1, Token, account(Device))),
     Dropped.
 
@@ -340,11 +343,11 @@ take(Token) ->
             Found = mnesia:read(pubsub_device_age, Token, write),
             Found == [] orelse mnesia:delete({pubsub_device_age, Token}),
             Found;
-        %% A table in memory that no other member has is the bare one, whose take is one step.
+        %% Without a cluster the table is a plain ETS table, where take is atomic.
         false -> ets:take(pubsub_device_age, Token)
     end.
 
-%% What a copy costs: its text, and what its records take beside it.
+%% The cost of a copy: its text and its records.
 bytes(Item) -> ?RECORD_BYTES + text_bytes(Item).
 
 text_bytes({xmlcdata, Text}) -> byte_size(Text);
@@ -354,8 +357,8 @@ text_bytes(#xmlel{name = Name, attrs = Attributes, children = Children}) ->
 
 one_copy(Bytes) -> (1 bsl ?BYTES_BITS) + Bytes.
 
-%% Several processes count for one device at once. On a server of its own the counter is changed in one step;
-%% in a cluster the transaction holds it.
+%% Several processes count for one device at once. Without a cluster the counter is changed atomically; in a cluster
+%% the transaction locks it.
 add(Table, Key, Value) ->
     case mnesia:is_transaction() of
         true ->
@@ -388,7 +391,7 @@ next(Node, Device, Number) ->
     end.
 
 newest(Node, Device) ->
-    case mnesia:dirty_prev(pubsub_device_copy, {Node, Device, infinity}) of  % an atom is above every number
+    case mnesia:dirty_prev(pubsub_device_copy, {Node, Device, infinity}) of  % an atom is greater than every number
         {Node, Device, _} = Id -> one(Id);
         _ -> none
     end.
@@ -411,9 +414,9 @@ count(Node, Device) ->
 nodes_for(Device) ->
     mnesia:dirty_select(pubsub_device_pair, [{#pubsub_device_pair{id = {Device, '$1'}, _ = '_'}, [], ['$1']}]).
 
-%% The devices that copies of a node are kept for: a walk that reads one key for each device.
+%% The devices for which copies of a node are kept; reads one key for each device.
 devices_for(Node) ->
-    devices_for(Node, mnesia:dirty_next(pubsub_device_copy, {Node, 0, 0})).  % a number is below every device
+    devices_for(Node, mnesia:dirty_next(pubsub_device_copy, {Node, 0, 0})).  % a number is less than every device
 
 devices_for(Node, {Node, Device, _}) ->
     [Device | devices_for(Node, mnesia:dirty_next(pubsub_device_copy, {Node, Device, infinity}))];
@@ -423,7 +426,7 @@ devices_for(_, _) ->
 pairs() ->
     mnesia:dirty_all_keys(pubsub_device_pair).
 
-%% Number and bytes of what is kept for a device or an account.
+%% Number and bytes of the copies kept for a device or an account.
 load(Who) ->
     case mnesia:dirty_read(pubsub_device_load, Who) of
         [#pubsub_device_load{load = Load}] -> {Load bsr ?BYTES_BITS, bytes_of(Load)};
@@ -437,11 +440,11 @@ oldest(Who) ->
         _ -> none
     end.
 
-%% Nothing is kept, whatever the count says: a process ended between counting and keeping.
+%% There is no copy although the count is not zero: a process ended between counting and writing.
 miscounted(Who) -> delete(pubsub_device_load, Who).
 miscounted(Node, Device) -> delete(pubsub_device_pair, {Device, Node}).
 
-%% What is kept of each account, in bytes.
+%% The bytes kept for each account.
 accounts() ->
     Loads = mnesia:dirty_select(pubsub_device_load,
                                 [{#pubsub_device_load{who = {'$1', '$2', <<>>}, load = '$3'}, [],

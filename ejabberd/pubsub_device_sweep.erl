@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Age: from time to time every member drops what is too old among the items of its own nodes, and one of them
-%% forgets the devices that have stayed away. The size of the store is looked at every second.
+%% Expiry: every sweep_interval each member drops the expired copies of the nodes that it writes for, and one of them
+%% forgets the devices that were absent too long. The size of the store is measured every second.
 -module(pubsub_device_sweep).
 -behaviour(gen_server).
 
@@ -33,7 +33,7 @@ handle_info(measure, State) ->
 handle_info(_, State) ->
     {noreply, State}.
 
-%% A crash of a member leaves sessions and activations on record that no writer is told about.
+%% A crash of a member leaves records of sessions and activations for which no writer gets a notification.
 forget_absent() ->
     Oldest = erlang:system_time(second) - mod_pubsub_device:option(device_age) div 1000,
     [pubsub_device_presence:forget(Device)

@@ -1,18 +1,17 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Who gets what the service sends: devices, for which an item is kept, and everybody else, live. Keeps no
-%% state.
+%% The receivers of what the service sends: devices, for which an item is kept, and all others, which get it live.
+%% Keeps no state.
 %%
-%% A bare JID means all devices of the account. Other resources of it that are available get the ordinary
-%% notification.
+%% A bare JID means all devices of the account. Its other available resources get the ordinary notification.
 -module(pubsub_device_targets).
 
 -export([find/3, mark/2, is_meant/2, send_live/2, reached/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 
-%% The targets of one item; `Messages` are the notifications that the engine made for its subscribers. A
-%% device that is meant more than once, by its full JID, by its bare one, through a collection or as the
-%% owner's, gets one copy.
+%% The targets of one item; `Messages` are the notifications that the engine made for its subscribers. A device that
+%% receives it for several reasons (by its full JID, by the bare one, through a collection, as the owner's) gets one
+%% copy.
 find(Node, Item, Messages) ->
     case pubsub_device_stanza:has_payload(Item) of
         true -> kept(Node, Messages) ++ ordinary(Messages);
@@ -30,7 +29,7 @@ is_meant({User, Server, Resource}, #jid{luser = User, lserver = Server, lresourc
 is_meant(_, _) ->
     false.
 
-%% The owner's devices that made or activated the key node.
+%% The owner's devices that created or activated the key node.
 owned(Node) ->
     case pubsub_device_store:key_of(Node) of
         {_, {User, Server, _} = Owner} ->
@@ -42,7 +41,7 @@ owned(Node) ->
         none -> []
     end.
 
-%% A node of which nobody wrote down who made it is for the device that its name tells, or for all.
+%% A node for which no device is recorded is for the device in its name, or for all.
 unmarked(Node, Owner) ->
     case named(Node, Owner) of
         [] -> pubsub_device_store:devices(Owner);
@@ -55,8 +54,8 @@ named({_, NodeId}, {User, Server, _}) ->
         _ -> []
     end.
 
-%% From now on the key node's items are kept for the device, if it is one of its owner's. Whether that is new, so
-%% that it has to reach the disk.
+%% From now on the key node's items are kept for the device, if it belongs to its owner. Returns whether this is new,
+%% so that it has to be written to disk.
 mark(Node, {User, Server, _} = Device) ->
     case pubsub_device_store:is_device(Device) andalso pubsub_device_store:key_of(Node) of
         {_, {User, Server, _} = Owner} ->
@@ -84,7 +83,7 @@ others({_, _, <<>>} = Account) ->
 others(Full) ->
     [Full || not pubsub_device_store:is_device(Full)].
 
-%% Nobody could acknowledge an item without a payload, so it goes out once.
+%% An item without a payload cannot be acknowledged, so it is sent once.
 live({Service, _} = Node, #ps_item{} = Item, Messages) ->
     Subscribers = [{LJID, Message} || #message{to = To} = Message <- Messages, LJID <- reached(jid:tolower(To))],
     Sent = [LJID || {LJID, _} <- Subscribers],

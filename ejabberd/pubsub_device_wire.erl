@@ -1,11 +1,11 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Carriage returns on the wire. The server's encoder writes them as they are in text, and a parser reads a raw one as
-%% a line feed: a stanza of the service that holds one is written here, with a character reference in its place.
+%% Carriage returns on the wire. The server's encoder writes them literally in text, and a parser reads a literal one
+%% as a line feed: a stanza of the service that contains one is encoded here, with a character reference in its place.
 %% Keeps no state.
 %%
-%% The stanza goes the way of all others otherwise: through the session's socket, whatever encrypts or compresses it,
-%% and past the hook that counts what was sent, so that stream management keeps, counts and repeats it. The encoder
-%% writes no carriage return of its own, and those in attributes are references already.
+%% Otherwise the stanza is sent like all others: through the session's socket with its encryption and compression, and
+%% through the hook that counts stanzas, so that stream management stores, counts and resends it. The encoder writes
+%% no carriage return of its own, and those in attributes are references already.
 -module(pubsub_device_wire).
 
 -export([on_send/1]).
@@ -28,12 +28,12 @@ on_send(Unchanged) ->
 is_ours(#jid{luser = <<>>, lserver = Service}) -> mod_pubsub_device:is_service(Service);
 is_ours(_) -> false.
 
-%% Records and encoded elements alike: a text is a binary wherever it stands.
+%% For records and encoded elements: a text is a binary in both.
 has_return(Text) when is_binary(Text) -> binary:match(Text, <<"\r">>) /= nomatch;
 has_return([Head | Tail]) -> has_return(Head) orelse has_return(Tail);
 has_return(Tuple) when is_tuple(Tuple) -> has_return(tuple_to_list(Tuple));
 has_return(_) -> false.
 
-%% BOSH and WebSocket sessions have an encoder of their own beyond our reach.
+%% BOSH and WebSocket sessions have encoders of their own, which cannot be replaced here.
 is_stream(Socket) ->
     lists:member(xmpp_socket:get_sockmod(Socket), [gen_tcp, fast_tls, ezlib]).

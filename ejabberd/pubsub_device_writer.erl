@@ -1,17 +1,17 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The one writer of a node. It numbers the node's items, keeps them for the devices and sends them, so
-%% numbers rise without a gap in the order and everything that leaves for a device leaves in order.
+%% The one writer of a node. It numbers the node's items, keeps them for the devices and sends them, so that numbers
+%% ascend and every device gets its items in their order.
 %%
-%% A node belongs to one shard of one member of the cluster, found by hashing over the members that run: there
-%% is no table to keep, and when a member goes, the others agree on the next writer at once. While members do
-%% not see the same members yet, a node may have two writers: the store hands numbers out in order all the
-%% same, and the new writer begins with all that is kept, so a device may get an item again, but none out of
-%% turn for good. All that has to survive is in the store; a writer remembers only the flows of the present
-%% sessions.
+%% A node belongs to one shard of one member of the cluster, found by hashing over the members that run: no table is
+%% needed, and when a member leaves, the others agree on the next writer at once. While members have different views
+%% of the cluster, a node may have two writers: the store still assigns numbers in order, and the new writer begins
+%% with all kept copies, so a device may get an item again, but does not lose one to a wrong order. All that has to
+%% survive is in the store; a writer has only the flows of the current sessions.
 %%
-%% Publishing is a group commit: what has piled up while the log was synced is written together, synced once,
-%% answered and then sent. No publisher is answered before its item is on disk. The commit comes after what was
-%% there when the first publication was taken, or after so many messages, whatever else arrives.
+%% Publishing uses group commits: the publications that were queued while the log was synced are written together,
+%% synced once, answered and then sent. No publisher is answered before its item is on disk. The commit follows the
+%% messages that were queued when the first publication was taken, or comes after ?BATCH messages, whatever else
+%% arrives.
 -module(pubsub_device_writer).
 -behaviour(gen_server).
 
@@ -23,9 +23,9 @@
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
-%% `flows` is #{Device => #{Node => Flow}}; `batch` holds what waits for the commit, newest first, and `taken` how
-%% many messages were taken since the first of it. `locks` is #{Node => {Holder, Monitor, Waiting}}, the callers
-%% that wait, oldest first.
+%% `flows` is #{Device => #{Node => Flow}}; `batch` holds the publications that wait for the commit, newest first, and
+%% `taken` the number of messages taken since the first of them. `locks` is #{Node => {Holder, Monitor, Waiting}} with
+%% the waiting callers, oldest first.
 -record(state, {shard, flows = #{}, batch = [], taken = 0, locks = #{}}).
 
 -define(SHARDS, 8).
@@ -47,8 +47,8 @@ member(Node) ->
     {_, Member} = lists:max([{erlang:phash2({Node, Member}), Member} || Member <- pubsub_device_commit:members()]),
     Member.
 
-%% Asks the writer, and asks the next one when the member that it runs on goes away. An item whose answer was
-%% lost with the member is then published twice, under two numbers, rather than not at all.
+%% Calls the writer, and calls the next one when the member on which it runs leaves. An item whose answer was lost
+%% with the member is then published twice, under two numbers, rather than not at all.
 call(Node, Request) ->
     call(Node, Request, ?ATTEMPTS).
 
@@ -63,14 +63,14 @@ call(Node, Request, Left) ->
         exit:_ -> timer:sleep(?PAUSE), call(Node, Request, Left - 1)
     end.
 
-%% Publishes without waiting; the process `Waiter` watches the writer and learns the outcome with await/3.
+%% Publishes without waiting; the process `Waiter` monitors the writer and gets the result with await/3.
 publish_ahead(Node, Publication, Waiter) ->
     cast(Node, {publish, Node, Publication, Waiter}).
 
 watch(Node) ->
     monitor(process, locate(Node)).
 
-%% Waits for what publish_ahead/3 began, and publishes itself when the writer went away without a word.
+%% Waits for the result of publish_ahead/3, and publishes the item itself when the writer ended without an answer.
 await(Node, Publication, Monitor) ->
     receive
         {published, Outcome} -> demonitor(Monitor, [flush]), Outcome;
@@ -84,7 +84,7 @@ await(Node, Publication, Monitor) ->
 
 cast(Node, Request) -> gen_server:cast(locate(Node), Request).
 
-%% To all writers: which of them have flows of a device is known only to themselves.
+%% Sent to all writers: only a writer itself knows whether it has flows of a device.
 cast_all(Request) ->
     [gen_server:cast(Writer, Request) || Writer <- all()],
     ok.
@@ -114,7 +114,7 @@ asked({deactivate, Node, Device}, From, State) ->
     next(State);
 asked({lock, Node}, {Pid, _} = From, #state{locks = Locks} = State) ->
     case Locks of
-        #{Node := {Pid, Monitor, Waiting}} ->  % its answer was lost
+        #{Node := {Pid, Monitor, Waiting}} ->  % the answer was lost
             demonitor(Monitor, [flush]),
             next(grant(Node, From, Waiting, State));
         #{Node := {Holder, Monitor, Waiting}} ->
@@ -166,7 +166,7 @@ handle_cast({session_down, Device, Pid}, #state{flows = Flows} = State) ->
     next(lists:foldl(fun(Node, S) -> forget_flow(Node, Device, S) end, State, maps:keys(Old)));
 handle_cast({keep_last, Node, Device, Number, ItemId, Item}, State) ->
     case {pubsub_device_store:last_item(Node), pubsub_device_store:newest(Node, Device)} of
-        {Last, _} when Last /= {Number, ItemId} -> next(State);  % deleted meanwhile, or there is a newer one
+        {Last, _} when Last /= {Number, ItemId} -> next(State);  % deleted in the meantime, or there is a newer one
         {_, #pubsub_device_copy{id = {_, _, Newest}}} when Newest >= Number -> next(State);
         _ ->
             Element = pubsub_device_stanza:item(Item, Number),
@@ -193,7 +193,7 @@ handle_info(_, State) ->
 terminate(_, _) -> ok.
 code_change(_, State, _) -> {ok, State}.
 
-%% The first publication sends for its commit: what has arrived by then is taken before it.
+%% The first publication requests the commit with a message: messages that are already queued are taken before it.
 queue(Node, Publication, From, #state{batch = Batch} = State) ->
     Batch == [] andalso (self() ! commit),
     State#state{batch = [{Node, Publication, From} | Batch]}.
@@ -204,8 +204,8 @@ next(#state{taken = Taken} = State) -> {noreply, State#state{taken = Taken + 1}}
 
 %%% names
 
-%% Whoever gets the lock of a name that no node has begins with nothing: a crash may have left what a node of the
-%% name had.
+%% When a lock is granted for a name without a node, everything that a crash may have left of a former node is removed
+%% first.
 grant(Node, {Pid, _} = From, Waiting, #state{locks = Locks} = State) ->
     Monitor = monitor(process, Pid),
     Clean = case nodetree_device:is_node(Node) of
@@ -220,7 +220,7 @@ pass_on(Node, [From | Waiting], State) ->
 pass_on(Node, [], #state{locks = Locks} = State) ->
     State#state{locks = maps:remove(Node, Locks)}.
 
-%% What goes with a node.
+%% Removes what belongs to a node.
 forget(Node, #state{shard = Shard} = State) ->
     Devices = pubsub_device_store:devices_for(Node),
     [pubsub_device_store:drop_all(Node, Device) || Device <- Devices],
@@ -253,14 +253,16 @@ commit(#state{batch = Batch, shard = Shard} = State) ->
 tell(Waiter, Outcome) when is_pid(Waiter) -> Waiter ! {published, Outcome};
 tell(From, Outcome) -> gen_server:reply(From, Outcome).
 
-%% An item of a node that was deleted since the engine took it is nobody's, also when another node has the name.
+%% An item of a node that was deleted after the engine stored the item is refused, also when another node has the name
+%% now.
 store(Node, {ItemId, Item, Messages, Id}, Shard) ->
     case Id == any orelse nodetree_device:is_node(Node, Id) of
         true -> number(Node, ItemId, Item, pubsub_device_targets:find(Node, Item, Messages), Shard);
         false -> {{error, xmpp:err_item_not_found()}, Node, []}
     end.
 
-%% Numbers are microseconds where the clock allows, so that even a store that was lost starts above them.
+%% A number is the time in microseconds if that is above the last number, so that even after a loss of the store the
+%% numbers continue to ascend.
 number(Node, ItemId, Item, Targets, Shard) ->
     Store = fun() ->
                     Number = max(pubsub_device_store:last_number(Node, Shard) + 1, erlang:system_time(microsecond)),
@@ -286,8 +288,8 @@ deliver({Number, Node, Targets}, State) ->
 
 %%% flows
 
-%% Does `New` with a fresh flow when the session has none yet, else `Known` with the one it has. Without a
-%% session there is nobody to send to.
+%% Calls `New` with a new flow when the session has none yet, otherwise `Known` with the existing one. Without a
+%% session nothing is sent.
 with_flow(Node, Device, New, Known, #state{flows = Flows} = State) ->
     case pubsub_device_store:session(Device) of
         none -> State;
