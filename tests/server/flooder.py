@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """A device that floods the service from a process of its own: flooder.py ENV USER PASSWORD RESOURCE < STANZAS
 
-It announces itself, says so on its standard output, and sends the stanzas over and over until it is killed. It leaves
-the processor to others, as a flooder on another machine does.
+It announces itself, reports this on standard output, and sends the stanzas repeatedly until it is killed. It runs at low
+priority, since a flooder on another machine would not use this one's processor.
 """
 import os
 import sys

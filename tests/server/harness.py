@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""A server of its own for each test class, and the requests that the tests are written in."""
+"""A server for each test class, and the requests that the tests use."""
 import json
 import os
 import shutil
@@ -20,7 +20,7 @@ PASSWORD = "secret"
 
 
 class Instance:
-    """A running server in a temporary folder: one of its own, a first member of a cluster, or one that joins.
+    """A running server in a temporary folder: a single one, the first member of a cluster, or one that joins.
 
     A folder that is given has the data and its accounts already; it is removed all the same.
     """
@@ -56,12 +56,12 @@ class Instance:
         self._run("down", self.folder)
 
     def kill(self):
-        """Kills the server without a warning and waits until it is gone."""
+        """Kills the server with SIGKILL and waits until it is gone."""
         os.kill(int(self.server.env["SERVER_PID"]), 9)
         self._run("down", self.folder)
 
     def evaluate(self, expressions):
-        """What Erlang expressions are in the server, as text. It has to be a member: others let nobody in."""
+        """The values of Erlang expressions in the server, as text. Only a member of a cluster accepts this."""
         with open(self.folder + "/conf/settings.json") as file:
             known = json.load(file)
         member = "pubsub@" + known["member"]
@@ -94,7 +94,7 @@ def decoded(answer):
 
 
 class ServerTest(unittest.TestCase):
-    """One server for the class; clients are closed after each test. Nothing in here waits without a deadline."""
+    """One server for the class; clients are closed after each test. Every wait has a deadline."""
 
     options = ()
     member = None
@@ -185,7 +185,7 @@ class ServerTest(unittest.TestCase):
         return client.iq(kind, "<%s xmlns='%s' %s" % (name, DEVICE, rest))
 
     def key_node(self, client, node=None):
-        """Makes a key node and returns its key."""
+        """Creates a key node and returns its key."""
         answer = self.succeed(self.ext(client, "<create-key-node node=%s/>" % quoteattr(node or self.node)))
         return answer.findtext("{%s}key" % DEVICE)
 
@@ -219,7 +219,7 @@ class ServerTest(unittest.TestCase):
         return [each.text for each in self.take(client, count, node)]
 
     def settle(self, *clients, node=None):
-        """Returns when the node's writer has done what was asked of it so far, and the clients have read it."""
+        """Returns when the node's writer has handled all requests so far, and the clients have read the results."""
         for client in clients:
             client.sync()
         if self.settler is None or self.settler.ended:
@@ -233,7 +233,7 @@ class ServerTest(unittest.TestCase):
         self.assertEqual([xmppclient.xml(each) for each in client.messages()], [])
 
     def wait_for(self, happened, deadline=30):
-        """Asks until it is so. For what is seen from outside alone, such as a log or a clock."""
+        """Polls until the condition holds. For what can only be observed from outside, such as a log or a clock."""
         end = time.monotonic() + deadline
         while not happened():
             self.assertLess(time.monotonic(), end, "it did not happen in time")

@@ -14,7 +14,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 
 
 class Printed(unittest.TestResult):
-    """A line for each test as it ends, with what went wrong and the server's last words."""
+    """Prints a line for each test when it ends, with the failure and the end of the server's log."""
 
     passed = 0
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Two members on one machine: numbers stay in order, and what a publisher was told survives the end of a member."""
+"""Two members on one machine: numbers stay in order, and confirmed publications survive the end of a member."""
 import threading
 
 import xmppclient
@@ -19,11 +19,11 @@ class Cluster(ServerTest):
 
     @classmethod
     def setUpClass(cls):
-        """Each test has members of its own, since it ends some of them."""
+        """Each test has its own members, since it ends some of them."""
 
     @classmethod
     def tearDownClass(cls):
-        """There is nothing that the class holds."""
+        """The class holds nothing."""
 
     def at(self, instance, user, resource=None):
         client = xmppclient.connect(instance.server, user, PASSWORD, resource)
@@ -31,7 +31,7 @@ class Cluster(ServerTest):
         return client
 
     def names(self):
-        """So many nodes that both members write for some of them."""
+        """Enough nodes that each member writes for some of them."""
         return ["%s/%d" % (self.node, each) for each in range(self.nodes)]
 
     def subscribed(self, *devices):
@@ -45,7 +45,7 @@ class Cluster(ServerTest):
         return owner
 
     def publish_from(self, instance, label, count, told):
-        """Publishes to all nodes in turn, some ahead; adds what was answered to `told` until the link is gone."""
+        """Publishes to all nodes in turn, some ahead; adds confirmed items to `told` until the connection ends."""
         try:
             client = self.at(instance, "owner")
             waiting = []
@@ -67,7 +67,7 @@ class Cluster(ServerTest):
         waiting.pop(0)
 
     def check(self, device, told):
-        """The device has every item that was told, and the numbers of each node rise, repetitions aside."""
+        """The device has every confirmed item, and the numbers of each node ascend, except for repetitions."""
         missing = set(told)
         last = {}
 

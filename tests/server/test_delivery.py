@@ -17,7 +17,7 @@ class Delivery(ServerTest):
         return owner, bob
 
     def back(self, client, resource):
-        """The device's next session, announced; the old one is gone without a word, but after what it has said."""
+        """The device's next session, announced; the old one has ended without a goodbye."""
         client.sync()
         client.kill()
         return self.device(client.bare.split("@")[0], resource)

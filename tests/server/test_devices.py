@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Whose a node and a key are, which devices a key node's items are kept for, and how many of all that an account has."""
+"""The owners of nodes and keys, the devices for which a key node's items are kept, and the bounds of an account."""
 import os
 import socket
 import signal
@@ -177,7 +177,7 @@ class Bounds(ServerTest):
 
 
 class Engine(ServerTest):
-    """What the engine keeps, and its listener."""
+    """The items that the engine keeps, and its listener."""
 
     def items(self, client, node=None):
         answer = self.succeed(self.pubsub(client, "<items node='%s'/>" % (node or self.node), "get"))
@@ -222,7 +222,7 @@ class Engine(ServerTest):
 
 
 class Before(ServerTest):
-    """The data of the version before: nodes of nobody knows which device, and all items of a node in one file."""
+    """The data of the previous version: nodes without recorded devices, and all items of a node in one file."""
 
     named = ("/owner/dev1/com.example.app/inbox", "W0UtooA1zpB1TzsTSxQyNq5-Y9KG5wcG")
     plain = ("/inbox", "OEYNTewbCnlFqf_ON0e1RGTFVhRYL5ju")
@@ -234,7 +234,7 @@ class Before(ServerTest):
         cls.instance = Instance(folder=cls.folder)
 
     def kept(self, resource, node):
-        """What is kept of the key node for the owner's device."""
+        """The copies of the key node kept for the owner's device."""
         device, texts = self.device("owner", resource), []
         self.succeed(self.activate(device, node=node))
         while True:

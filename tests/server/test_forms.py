@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The standard requests, as devices send them, and what is refused."""
+"""The standard requests, as devices send them, and the refusals."""
 import xmppclient
 from harness import ServerTest
 from xmppclient import CONFIG, DATA, DEVICE, OWNER, PUBSUB, form

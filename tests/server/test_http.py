@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The HTTP listener of the push endpoint, byte by byte: what is refused and in which words, where a request ends, and
-what a connection survives."""
+"""The HTTP listener of the push endpoint, byte by byte: refusals and their texts, the end of a request, and what a
+connection survives."""
 import json
 import socket
 import ssl
@@ -21,14 +21,14 @@ class Answer:
 
     @property
     def error(self):
-        """The text of a refusal as the extension writes them; anything else, such as a page, raises."""
+        """The text of a refusal in the extension's form; anything else, such as an HTML page, raises."""
         if self.headers.get("content-type") != "application/json":
             raise AssertionError("no JSON: %r %r" % (self.headers, self.body))
         return json.loads(self.body)["error"]
 
 
 class Link:
-    """A connection that sends bytes as they are given and reads answers by their length."""
+    """A connection that sends given bytes and reads answers by their length."""
 
     def __init__(self, port, context=None, source=None):
         self.socket = socket.create_connection(("127.0.0.1", port), DEADLINE, source and (source, 0))
@@ -55,7 +55,7 @@ class Link:
                 pass
 
     def _unread(self):
-        """What waits at the server's end of this connection."""
+        """The bytes that wait at the server's end of this connection."""
         mine, its = (":%04X" % address[1] for address in (self.socket.getsockname(), self.socket.getpeername()))
         with open("/proc/net/tcp") as file:
             for line in file:
@@ -88,7 +88,7 @@ class Link:
         return self.answer()
 
     def ends(self):
-        """Whether nothing more comes but the end."""
+        """Whether the connection ends without further bytes."""
         try:
             return self.buffer == b"" and self._more() == b""
         except (ConnectionResetError, BrokenPipeError, ssl.SSLEOFError):
@@ -132,7 +132,7 @@ class HttpTest(ServerTest):
         return owner, key
 
     def assert_published(self, owner, *texts):
-        """These items were published and nothing else."""
+        """Exactly these items were published."""
         for text in texts:
             found = self.take(owner)[0]
             self.assertEqual(found.text, text)
@@ -332,7 +332,7 @@ class Rubbish(HttpTest):
 
 
 class Listeners(HttpTest):
-    """Listeners with other options beside the one that every test has."""
+    """Listeners with other options, in addition to the one that every test has."""
 
     def listen(self, options):
         with socket.socket() as free:
@@ -458,7 +458,7 @@ class Listeners(HttpTest):
         silent = [Link(port) for _ in range(9)]
         for link in silent:
             self.addCleanup(link.socket.close)
-        # One at a time is told; of the others none is kept, nor waited for.
+        # One at a time is answered; the others are closed at once.
         told = 0
         for link in silent:
             try:

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""What is kept for a device and an account: how much, how many bytes, what goes first, and who pays for it."""
+"""The copies kept for a device and an account: their number, their bytes, which are dropped first, and whose."""
 import threading
 import time
 
@@ -9,7 +9,7 @@ from xmppclient import PUBSUB, condition
 
 class KeptTest(ServerTest):
     def bulk(self, client, requests):
-        """Sends all requests ahead; every one succeeds."""
+        """Sends all requests without waiting; all succeed."""
         for number in [client.send_iq("set", each) for each in requests]:
             self.succeed(client.wait_iq(number, 60))
 
@@ -20,7 +20,7 @@ class KeptTest(ServerTest):
         return "<pubsub xmlns='%s'><subscribe node='%s' jid='%s'/></pubsub>" % (PUBSUB, node, client.jid)
 
     def away(self, user, resource, *nodes):
-        """A device that subscribed to the nodes, which the owner made where they are missing, and is gone."""
+        """A device that subscribed to the nodes, which the owner created if missing, and disconnected."""
         owner, device = self.client("owner"), self.device(user, resource)
         for node in nodes:
             self.create(owner, node)
@@ -29,7 +29,7 @@ class KeptTest(ServerTest):
         return owner
 
     def drained(self, user, resource, nodes):
-        """The texts of all that is kept for the device."""
+        """The texts of all copies kept for the device."""
         device = self.device(user, resource)
         for node in nodes:
             self.settle(device, node=node)
@@ -37,7 +37,7 @@ class KeptTest(ServerTest):
 
 
 class Full(KeptTest):
-    """One device of bob holds as many copies as it may, in as many nodes."""
+    """One device of bob has as many copies as its bound, in as many nodes."""
 
     kept = 1500
     options = ("max_kept=%d" % kept, "max_kept_node=%d" % kept)
@@ -96,7 +96,7 @@ class Exact(KeptTest):
 
 
 class Bytes(KeptTest):
-    """A copy of 20,000 bytes costs 21,000 and a little."""
+    """A copy of 20,000 bytes costs a little more than 21,000."""
 
     options = ("max_kept_bytes=200000", "max_account_bytes=300000", "max_store=3000000")
 
@@ -151,7 +151,7 @@ class Relation(KeptTest):
 
 
 class Whole(KeptTest):
-    """An account may fill half of the store, so it takes three."""
+    """An account may fill half of the store, so three are needed."""
 
     options = ("max_store=500000",)
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Publishing over HTTP, bounds, ages and rates, and what nobody should send."""
+"""Publishing over HTTP, bounds, expiry and rates, and malformed input."""
 import socket
 
 import xmppclient
@@ -83,7 +83,7 @@ class Bounds(ServerTest):
     options = ("max_kept=6", "max_kept_node=4", "max_devices=2")
 
     def away(self, resource, *nodes):
-        """Bob's device, subscribed to the nodes and gone; the owner's client."""
+        """Bob's device, subscribed to the nodes and disconnected; the owner's client."""
         owner, bob = self.client("owner"), self.device("bob", resource)
         for node in nodes:
             self.succeed(self.create(owner, node))
@@ -156,10 +156,10 @@ class Ages(ServerTest):
 
 
 class Hostile(ServerTest):
-    """Whatever comes, the server goes on for the others."""
+    """Whatever one client sends, the server keeps serving the others."""
 
     def raw(self, data):
-        """Sends something to a stream of its own and reads until the server has had enough of it."""
+        """Sends something on a separate stream and reads until the server ends it."""
         bob = self.client("bob")
         bob.send(data)
         bob.wait_end()

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""One session that floods the service: it pays for that itself, and the others go on.
+"""One session that floods the service: it slows itself down, and the others are served.
 
-FLOOD_SECONDS sets how long each flood lasts, FLOOD_RATIO=1 lets the rows of time fail: they need a machine that has
-nothing else to do.
+FLOOD_SECONDS sets how long each flood lasts, FLOOD_RATIO=1 enables the comparisons of times, which
+need an otherwise idle machine.
 """
 import os
 import statistics
@@ -22,7 +22,7 @@ class Load(ServerTest):
     nodes = 20
 
     def work(self):
-        """The reductions of all writers so far: what they have done, in the machine's own unit."""
+        """The reductions of all writers so far, a measure of their work."""
         return int(self.instance.evaluate(
             "lists:sum([element(2, process_info(whereis(pubsub_device_writer:name(Shard)), reductions)) "
             "|| Shard <- pubsub_device_writer:shards()])"))
@@ -47,7 +47,7 @@ class Load(ServerTest):
             for number in range(count)))
 
     def kept(self, resource):
-        """Bob's device with an item kept and sent in each of some nodes."""
+        """Bob's device with one kept and sent item in each of several nodes."""
         owner, bob = self.client("owner"), self.device("bob", resource)
         for number in range(self.nodes):
             node = "%s/%d" % (self.node, number)
@@ -81,7 +81,7 @@ class Costs(Load):
         self.assertLess(self.work() - before, count * self.nodes)
 
     def backlog(self, resource, count):
-        """An absent device of bob's for which so many items are kept."""
+        """An absent device of bob for which this many items are kept."""
         owner, bob = self.client("owner"), self.device("bob", resource)
         self.succeed(self.create(owner))
         self.succeed(self.subscribe(bob))
@@ -139,10 +139,10 @@ class Costs(Load):
         self.assertEqual(self.texts(bob, 200), [str(each) for each in range(200)])
 
 class Shares(Load):
-    """A session waits for the service when it has its share under way, and loses nothing by it."""
+    """A session waits for the service when it has reached its share, and loses nothing by it."""
 
     def wait_until_it_waits(self, client, where):
-        """Until the session's process waits in the function."""
+        """Waits until the session's process is in the function."""
         user, rest = client.jid.split("@")
         session = "ejabberd_sm:get_session_pid(<<\"%s\">>, <<\"%s\">>, <<\"%s\">>)" % (user, *rest.split("/"))
         self.wait_for(lambda: where in self.instance.evaluate(
@@ -179,10 +179,10 @@ class Shares(Load):
 
 
 class Commits(Load):
-    """A process whose mailbox is never empty commits all the same."""
+    """A process whose message queue is never empty still commits."""
 
     def check(self, name):
-        """The process finds the publication, and from then on more messages than it can take."""
+        """The process gets the publication, and from then on more messages than it can handle."""
         owner = self.client("owner")
         self.succeed(self.create(owner))
         self.instance.evaluate("sys:suspend(%s)" % name)

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Nodes that are made and deleted under one name, and writers that forget: nothing is left dead, foreign or silent.
+"""Nodes that are created and deleted under one name, and writers that restart: no key or item is lost or misplaced.
 
-NAME_ROUNDS says how often the row of chance tries.
+NAME_ROUNDS sets the number of random rounds.
 """
 import os
 import threading
@@ -16,14 +16,14 @@ class Inside(ServerTest):
     member = "127.0.0.1"
 
     def term(self, node=None):
-        """The node as the server's tables have it."""
+        """The node's records in the server's tables."""
         return "{<<\"%s\">>, <<\"%s\">>}" % (self.server.pubsub, node or self.node)
 
     def writer(self, verb):
         self.instance.evaluate("sys:%s(element(1, pubsub_device_writer:locate(%s)))" % (verb, self.term()))
 
     def wait_for_requests(self, count):
-        """Until so many requests wait for the node's writer."""
+        """Waits until this many requests are queued at the node's writer."""
         self.wait_for(lambda: int(self.instance.evaluate(
             "element(2, process_info(whereis(element(1, pubsub_device_writer:locate(%s))), message_queue_len))"
             % self.term())) >= count)
@@ -71,7 +71,7 @@ class Names(Inside):
         self.assertEqual(answers, ["result"] * 2 * ROUNDS)
 
     def test_an_item_for_a_deleted_node_is_not_kept_for_the_devices_of_the_next(self):
-        """The publisher is held between the engine and the writer while the node is deleted and made anew."""
+        """The publisher is stopped between the engine and the writer while the node is deleted and created again."""
         owner, publisher, bob = self.client("owner"), self.client("owner"), self.device("bob", "next")
         self.succeed(self.create(owner, access_model="open"))
         self.succeed(self.subscribe(bob))

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""What the server has said survives its own end, in order or by kill."""
+"""What the server has confirmed survives an orderly stop and a kill."""
 import xmppclient
 from harness import ServerTest
 from xmppclient import DEVICE
@@ -40,7 +40,7 @@ class Restart(ServerTest):
         published = []
         for turn in range(3):
             owner = self.client("owner")
-            # Sent ahead, so that the kill meets items in every state; only what was answered has to survive.
+            # Sent without waiting, so that the kill meets items in every state; only confirmed ones have to survive.
             requests = [(owner.send_iq("set", self.publish_stanza("%d %d" % (turn, each))), "%d %d" % (turn, each))
                         for each in range(60)]
             for number, text in requests[:30 + turn]:

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""What another account may not do: take names, subscribe others, and learn of what is not its own."""
+"""What another account may not do: take names, subscribe others, and learn of other accounts' nodes."""
 import xmppclient
 from harness import ServerTest
 from xmppclient import CONFIG, DATA, OWNER, PUBSUB, STANZAS, condition, form
@@ -98,7 +98,7 @@ class Names(ServerTest):
         self.succeed(self.create(bob, "/bobs/leaf", collection="/owner/d/all"))
 
     def test_who_was_named_an_owner_lends_no_collection(self):
-        """A stranger's node stays the stranger's, whoever else was named its owner."""
+        """A stranger's node counts as the stranger's, whoever else was named its owner."""
         owner, bob, carol = self.client("owner"), self.client("bob"), self.device("carol", "lent")
         self.succeed(self.create(owner, "/lent", node_type="collection"))
         self.succeed(self.subscribe(carol, node="/lent"))
@@ -112,7 +112,7 @@ class Names(ServerTest):
 
 
 class Before(ServerTest):
-    """Nodes that stand under names of others since the version before: made while the operator had opened them."""
+    """Nodes under other accounts' names from the previous version: created while the operator had opened the names."""
 
     options = ('open_prefixes=["/"]',)
 

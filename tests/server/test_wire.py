@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""What passes on the wire unharmed, and what is refused since a device's parser would not survive it.
+"""What arrives unchanged, and what is refused because a device's parser could not handle it.
 
-PUBSUB_DOCUMENTS says how many documents at random are sent, and PUBSUB_RUBBISH_SEED chooses another row of them.
+PUBSUB_DOCUMENTS sets the number of random documents, PUBSUB_RUBBISH_SEED their seed.
 """
 import os
 import random
@@ -104,7 +104,7 @@ class Characters(ServerTest):
     TEXT = "a\rb\r\nc\nd\te&#13;<&>'\""
 
     def test_carriage_returns_of_every_road_reach_every_subscriber(self):
-        """Present and absent devices, a client that is none, by subscription and by ownership, and who fetches."""
+        """Devices, present and absent, by subscription and by ownership; a client that is none, and one that fetches."""
         owner, bob, plain = self.device("owner", "cr"), self.device("bob", "cr"), self.client("carol", presence="")
         away = self.device("bob", "away")
         key = self.key_node(owner)
@@ -153,7 +153,7 @@ class Characters(ServerTest):
 
 
 class Documents(ServerTest):
-    """Well-formed documents at random, through the server to a device, which gets each as it was or the sender a no."""
+    """Random well-formed documents through the server: the device gets each unchanged, or the sender is refused."""
 
     NAMES = ("a", "b", "item", "items", "event", "message", "payload", "stream", "error", "xml-x", "x.y", "_",
              "\u00e9t\u00e9")
@@ -179,7 +179,7 @@ class Documents(ServerTest):
 
     @staticmethod
     def meaning(element):
-        """What a document says, however it is written. Its own namespace is the publisher's or the notification's."""
+        """A document's content, independent of its spelling. Its namespace is the publisher's or the notification's."""
         return (element.tag.replace("{%s}" % PUBSUB, "{%s}" % EVENT), sorted(element.attrib.items()),
                 element.text or "", element.tail or "", [Documents.meaning(each) for each in element])
 

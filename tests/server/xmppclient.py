@@ -5,10 +5,10 @@
     alice = connect(server, "alice", "secret", "phone")
     alice.iq("set", "<pubsub xmlns='...'>...</pubsub>")       # waits for the answer, an element
     alice.wait_message(lambda m: item(m) and item(m).node == "/n")
-    alice.close()                                             # or kill(): the link goes without a word
+    alice.close()                                             # or kill(): the connection is reset
 
-A reader thread sorts what comes: answers to iq(), requests (pings are answered), and the rest, which waits in order for
-wait_message() and wait_presence(). Every wait has a deadline and, when it passes, says what came instead.
+A reader thread dispatches stanzas: answers to iq(), requests (pings are answered), and the rest, which is queued for
+wait_message() and wait_presence(). Every wait has a deadline; after it, the error lists what was received instead.
 """
 import base64
 import collections
@@ -35,7 +35,7 @@ Item = collections.namedtuple("Item", "node id seq_no text")
 
 
 class Server:
-    """Where a server is; made from the assignments that `ejabberd/run up` writes."""
+    """The addresses of a server, from the assignments that `ejabberd/run up` writes."""
 
     def __init__(self, host, port, domain, pubsub, ca_file):
         self.host, self.port, self.domain, self.pubsub, self.ca_file = host, int(port), domain, pubsub, ca_file
@@ -86,7 +86,7 @@ class Client:
     # ---- sending
 
     def send(self, text):
-        """Sends a stanza, or anything else, as it stands."""
+        """Sends a stanza, or any other text, unchanged."""
         with self._send_lock:
             self._socket.sendall(text.encode() if isinstance(text, str) else text)
 
@@ -113,13 +113,13 @@ class Client:
             return self._answers.pop(number)
 
     def sync(self):
-        """Returns when everything that the server has sent to this session before now has been read."""
+        """Returns when everything that the server has sent to this session so far has been read."""
         self.iq("get", "<ping xmlns='urn:xmpp:ping'/>", to=self.server.domain)
 
     # ---- receiving
 
     def wait_message(self, predicate=None, deadline=DEADLINE):
-        """Takes the oldest message that fits out of the inbox, waiting for it when there is none yet."""
+        """Takes the oldest matching message out of the inbox, and waits if there is none yet."""
         return self._wait(lambda each: each.tag == CLIENT + "message" and (predicate is None or predicate(each)),
                           deadline)
 
@@ -128,7 +128,7 @@ class Client:
                           deadline)
 
     def messages(self):
-        """Takes all messages that are here now."""
+        """Takes all messages received so far."""
         with self._lock:
             found = [each for each in self._inbox if each.tag == CLIENT + "message"]
             self._inbox = [each for each in self._inbox if each.tag != CLIENT + "message"]
@@ -151,7 +151,7 @@ class Client:
     # ---- ending
 
     def close(self):
-        """Ends the stream in order."""
+        """Closes the stream in an orderly way."""
         try:
             self.send("</stream:stream>")
             self.wait_end(5)
@@ -160,7 +160,7 @@ class Client:
         self._hang_up()
 
     def kill(self):
-        """Resets the connection, as a link that breaks does."""
+        """Resets the connection, like a link that breaks."""
         try:
             self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         except OSError:
@@ -168,7 +168,7 @@ class Client:
         self._hang_up()
 
     def _hang_up(self):
-        """Closes only when the reader has let go: it would read from the next socket of this number."""
+        """Closes only after the reader has ended: it would read from the next socket with this descriptor."""
         try:
             self._socket.shutdown(socket.SHUT_RD)
         except OSError:
