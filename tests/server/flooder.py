@@ -16,7 +16,7 @@ def main():
     client = xmppclient.connect(server, *sys.argv[2:5])
     client.send("<presence to='%s'/>" % server.pubsub)
     client.sync()
-    client._sort = lambda element: None  # nobody waits for what comes
+    client._sort = lambda element: None  # what is received is not needed
     stanzas = sys.stdin.buffer.read()
     print("ready", flush=True)
     while not client.ended:

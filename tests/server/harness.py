@@ -107,7 +107,7 @@ class ServerTest(unittest.TestCase):
     def tearDownClass(cls):
         crashes = [line for line in cls.instance.log().splitlines() if "crashed when running pubsub_device" in line]
         cls.instance.remove()
-        if crashes:  # what the engine goes on after, as if the hook had done its work
+        if crashes:  # the engine continues as if the hook had succeeded
             raise AssertionError("\n".join(crashes))
 
     def setUp(self):

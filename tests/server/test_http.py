@@ -352,7 +352,7 @@ class Listeners(HttpTest):
                 self.assertEqual((answer.status, answer.headers["connection"]), (408, "close"))
                 self.assertTrue(answer.error)
                 self.assertTrue(link.ends())
-        with Link(port) as link:  # the whole head has one deadline, however it is cut
+        with Link(port) as link:  # the whole head has one deadline, however it is split
             began = time.monotonic()
             while not link.buffer and time.monotonic() - began < DEADLINE:
                 link.send(b"x")
@@ -364,7 +364,7 @@ class Listeners(HttpTest):
             self.assertTrue(link.buffer, "a head goes on for ever")
             link.socket.settimeout(DEADLINE)
             self.assertEqual(link.answer().status, 408)
-        with Link(port) as link:  # who says nothing is told nothing
+        with Link(port) as link:  # a silent client gets no answer
             self.assertTrue(link.ends())
         with Link(port) as link:
             self.assertEqual(link.ask(request("POST", key, None, b"Content-Length: 70000\r\n")).status, 413)
@@ -467,7 +467,7 @@ class Listeners(HttpTest):
                 pass
         self.assertLessEqual(told, 1)
         other = self.listen("#{}")
-        self.crowd(300, lambda: Link(other))  # a proxy of this machine has as many as it wants
+        self.crowd(300, lambda: Link(other))  # a proxy on this machine has no bound
         self.client("owner").sync()
 
     def test_the_address_is_what_the_proxy_says(self):

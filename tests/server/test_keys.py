@@ -46,7 +46,7 @@ class Keys(ServerTest):
         owner = self.client("owner")
         wrong = xmppclient.form(xmppclient.CONFIG, [("pubsub#access_model", "no such thing")])
         answer = self.ext(owner, "<create-key-node node='%s'>%s</create-key-node>" % (self.node, wrong))
-        self.refused(answer, "resource-constraint")  # the engine's own word for a value that it does not know
+        self.refused(answer, "resource-constraint")  # the engine's own condition for an unknown value
         self.refused(self.ext(owner, "<key node='%s'/>" % self.node, "get"), "item-not-found")
 
     def test_only_the_owner_reads_the_key(self):

@@ -128,7 +128,7 @@ class Costs(Load):
         writer = self.writer()
         self.instance.evaluate("sys:suspend(%s)" % writer)
         self.announce(bob)
-        before = self.instance.evaluate(  # how many items stand before the answer to a request that came second
+        before = self.instance.evaluate(  # the items before the answer to a later request
             "Session = ejabberd_sm:get_session_pid(<<\"bob\">>, <<\"localhost\">>, <<\"portions\">>), "
             "sys:suspend(Session), whereis(%s) ! {'$gen_call', {Session, second}, settle}, sys:resume(%s), "
             "Wait = fun Wait() -> {_, Messages} = process_info(Session, messages), "

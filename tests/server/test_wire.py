@@ -126,7 +126,7 @@ class Characters(ServerTest):
         for client in (bob, plain, self.device("bob", "away")):
             self.assertEqual(self.texts(client, 3), [self.TEXT] * 3)
         fetched = self.succeed(self.pubsub(owner, "<items node='%s'/>" % self.node, "get"))
-        self.assertEqual([each[0].text for each in fetched.iter("{%s}item" % PUBSUB)], [self.TEXT])  # the last alone is stored
+        self.assertEqual([each[0].text for each in fetched.iter("{%s}item" % PUBSUB)], [self.TEXT])  # only the last is stored
 
     def test_an_id_with_blanks_of_every_kind_is_delivered_and_acknowledged(self):
         owner, bob = self.client("owner"), self.device("bob", "blanks")

@@ -164,7 +164,7 @@ class Client:
         try:
             self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         except OSError:
-            pass  # it is gone already
+            pass  # it has ended already
         self._hang_up()
 
     def _hang_up(self):

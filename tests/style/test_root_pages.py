@@ -53,6 +53,13 @@ class Commands(unittest.TestCase):
                     self.assertTrue((ROOT / command).is_file() and (ROOT / command).stat().st_mode & 0o111)
 
 
+    def test_contributors_are_told_every_kind_of_test(self):
+        text = (ROOT / "CONTRIBUTING.md").read_text(encoding="utf-8")
+        told = re.search(r"# one kind: ([\w, ]+)$", text, re.MULTILINE).group(1).split(", ")
+        runner = (ROOT / "tests/run.py").read_text(encoding="utf-8")
+        self.assertCountEqual(told, re.findall(r'"(\w+)"', re.search(r"^KINDS = \((.*)\)$", runner, re.MULTILINE).group(1)))
+
+
 class Links(unittest.TestCase):
     def test_every_link_to_a_file_of_the_tree_leads_to_one(self):
         wrong = []
