@@ -6,10 +6,8 @@ test pumps the main loop. A stage made here has no host daemon, and its bus star
 """
 
 import json
-import os
 import signal
 import socket
-import subprocess
 import urllib.request
 
 import dbus
@@ -17,9 +15,9 @@ import dbus.bus
 import dbus.lowlevel
 
 from bus import SERVICE, SUBSCRIPTION, BusClient
-from stage import BIN, ROOT, Stage, StageTest
+from stage import USER, Stage, StageTest
 
-USER, TOKEN = "device", "the token"
+TOKEN = "the token"
 
 
 class PlatformService:
@@ -173,18 +171,9 @@ class PlatformStage(Stage):
     """Buses and server alone; the service is started by the test, the platform is the test."""
 
     def up(self):
-        script = 'source "$STAGE_ROOT/scripts/stage.sh"; stage_ground "$1" --loglevel debug'
-        done = subprocess.run(["bash", "-c", script, "bash", str(self.dir)], stdin=subprocess.DEVNULL,
-                              env=dict(os.environ, STAGE_ROOT=str(ROOT), STAGE_BIN=str(BIN), STAGE_SAY=":"),
-                              capture_output=True, text=True, check=False)
-        if done.returncode:
-            raise AssertionError(f"the buses and the server did not start:\n{done.stdout}{done.stderr}")
-        self.env = {
-            "ZELT_PRIVATE_BUS": self.path("run", "private.address").read_text(encoding="utf-8").strip(),
-            "ZELT_PUBLIC_BUS": self.path("run", "public.address").read_text(encoding="utf-8").strip(),
-            "ZELT_PREFS_DIR": str(self.path("prefs")), "STATE_DIR": str(self.path("state")),
-            "DEVICE_USER": USER}
-        self.take_environment(self.path("server", "server.env").read_text(encoding="utf-8"))
+        self.device.ground("--loglevel", "debug")
+        self.env = {**self.device.places(), **self.device.server_assignments(), "STATE_DIR": str(self.path("state")),
+                    "DEVICE_USER": USER}
         self.account(USER, TOKEN)
         return self
 

@@ -5,40 +5,29 @@ import contextlib
 import json
 import os
 import pathlib
-import shlex
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
-import time
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-PRESET = os.environ.get("PUBSUB_PRESET", "release")
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "scripts"))
+import processes  # noqa: E402
+from device import BIN, PRESET, ROOT, USER, Device, parse_assignments  # noqa: E402,F401
+from processes import is_running  # noqa: E402
+
 # The tests' nodes have names of three segments, whoever the device's account is.
 os.environ.setdefault("STAGE_OPEN_PREFIXES", '["/e2e", "/owners"]')
-BIN = ROOT / "build" / PRESET / "bin"
 SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 
 
 def wait_until(condition, what, seconds=20):
     """Waits until condition() is true and returns its value; fails with the words of `what`."""
-    deadline = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError(f"not within {seconds} s: {what}")
-        time.sleep(0.02)
-
-
-def is_running(pid):
-    try:
-        with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
-            return stat.read().rpartition(")")[2].split()[0] != "Z"
-    except FileNotFoundError:
-        return False
+    value = processes.wait_until(condition, seconds)
+    if not value:
+        raise AssertionError(f"not within {seconds} s: {what}")
+    return value
 
 
 def is_stopped(pid):
@@ -57,27 +46,20 @@ class Stage:
     def __init__(self):
         (ROOT / "build").mkdir(exist_ok=True)
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="e2e-", dir=ROOT / "build"))
+        self.device = Device(self.dir)
         self.env = {}
-        self._services = []
+        self.service_pid = 0
 
     def up(self):
         done = subprocess.run([str(ROOT / "demo"), "--up", str(self.dir)], stdin=subprocess.DEVNULL,
                               capture_output=True, text=True, check=False)
         if done.returncode:
             raise AssertionError(f"./demo --up failed:\n{done.stdout}{done.stderr}\n{self.logs()}")
-        self.take_environment((self.dir / "env").read_text(encoding="utf-8"))
+        self.env = parse_assignments(self.path("env").read_text(encoding="utf-8"))
+        self.service_pid = int(self.env["SERVICE_PID"])
         return self
 
-    def take_environment(self, assignments):
-        """Takes lines of NAME=VALUE, quoted as for a shell, over into env."""
-        for line in assignments.splitlines():
-            name, _, value = line.partition("=")
-            self.env[name] = "".join(shlex.split(value))
-
     def down(self):
-        for process in self._services:
-            process.kill()
-            process.wait()
         subprocess.run([str(ROOT / "demo"), "--down", str(self.dir)], stdin=subprocess.DEVNULL,
                        capture_output=True, check=False)
         reports = [word for word in SANITIZER_WORDS if word in self.logs()]
@@ -98,31 +80,16 @@ class Stage:
     def path(self, *parts):
         return self.dir.joinpath(*parts)
 
-    @property
-    def service_pid(self):
-        return self._services[-1].pid if self._services else int(self.env["SERVICE_PID"])
-
     def process_environment(self):
-        return dict(
-            os.environ, ZELT_PRIVATE_BUS=self.env["ZELT_PRIVATE_BUS"], ZELT_PUBLIC_BUS=self.env["ZELT_PUBLIC_BUS"],
-            ZELT_PREFS_DIR=self.env["ZELT_PREFS_DIR"], PUBSUB_STATE_DIR=self.env["STATE_DIR"],
-            PUBSUB_CA_FILE=self.env["CA_FILE"], ZELT_HOST_STATE_DIR=str(self.dir / "host"),
-            ZELT_HOST_CONF=str(self.dir / "host" / "host.conf"), ZELT_MACHINE_ID_FILE=str(self.dir / "machine-id"),
-            ZELT_APP_ID_FROM_ENVIRONMENT="1")
+        return self.device.service_environment()
 
     def kill_service(self, how=signal.SIGKILL):
-        pid = self.service_pid
-        os.kill(pid, how)
-        if self._services:
-            self._services[-1].wait(20)
-        wait_until(lambda: not is_running(pid), "the service to end")
+        os.kill(self.service_pid, how)
+        wait_until(lambda: not is_running(self.service_pid), "the service to end")
 
     def start_service(self, **extra):
         """Starts the service anew and waits until it is on the bus."""
-        with open(self.dir / "log" / "service.log", "ab") as log:
-            self._services.append(subprocess.Popen(
-                [str(BIN / "pubsubservice")], env=dict(self.process_environment(), **extra),
-                stdin=subprocess.DEVNULL, stdout=log, stderr=log))
+        self.service_pid = self.device.start_service(**extra).pid
         wait_until(lambda: self.ctl("call", "getJabberId", "{}", check=False)[0] == 0, "the service on the bus")
 
     @contextlib.contextmanager
@@ -154,7 +121,7 @@ class Stage:
     def start_server(self):
         """Starts the server again, unless it runs."""
         if not is_running(int(self.env["SERVER_PID"])):
-            self.take_environment(self.server("start", self.server_folder()))
+            self.env.update(parse_assignments(self.server("start", self.server_folder())))
 
     def account(self, user, password):
         self.server("account", self.server_folder(), user, password)

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """The process by itself, on two buses with nobody else on them: how it starts, and every way it ends."""
 
-import os
 import pathlib
 import re
 import shutil
@@ -10,7 +9,7 @@ import subprocess
 import tempfile
 import unittest
 
-from stage import BIN, ROOT, SANITIZER_WORDS, is_running, wait_until
+from stage import BIN, ROOT, SANITIZER_WORDS, Device, is_running, wait_until
 
 EXITING = "main: Exiting main because of errors"
 EXITS = "main: PUBSUB SERVICE EXITS BECAUSE OF ERRORS"
@@ -23,6 +22,7 @@ class Process(unittest.TestCase):
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="process-", dir=ROOT / "build"))
         self.addCleanup(shutil.rmtree, self.dir, ignore_errors=True)
         self.addCleanup(self.check_sanitizers)
+        self.device = Device(self.dir)
         self.buses = {bus: self.start_bus(bus) for bus in ("private", "public")}
         self.logs = []
 
@@ -32,15 +32,8 @@ class Process(unittest.TestCase):
             self.assertFalse([word for word in SANITIZER_WORDS if word in text], text)
 
     def start_bus(self, bus):
-        config = (ROOT / "packaging/dbus/zelt-dev.conf.in").read_text(encoding="utf-8")
-        path = self.dir / f"{bus}.conf"
-        path.write_text(config.replace("@DIR@", str(self.dir)).replace("@BUS@", bus).replace("@EXTRA@", ""),
-                        encoding="utf-8")
-        process = subprocess.Popen(
-            ["dbus-daemon", f"--config-file={path}", "--nofork", "--nopidfile", "--nosyslog"],
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        process = self.device.start_bus(bus)
         self.addCleanup(self.end, process)
-        wait_until((self.dir / f"{bus}_bus").exists, f"the {bus} bus")
         return process
 
     @staticmethod
@@ -51,10 +44,7 @@ class Process(unittest.TestCase):
     def start(self, **extra):
         """Starts the service; its log is the last of self.logs."""
         self.logs.append(self.dir / f"service-{len(self.logs)}.log")
-        environment = dict(
-            os.environ, ZELT_PRIVATE_BUS=f"unix:path={self.dir}/private_bus",
-            ZELT_PUBLIC_BUS=f"unix:path={self.dir}/public_bus", ZELT_PREFS_DIR=str(self.dir / "prefs"),
-            PUBSUB_STATE_DIR=str(self.dir / "state"))
+        environment = self.device.environment()
         environment.pop("ZELT_APP_ID_FROM_ENVIRONMENT", None)
         environment.update(extra)
         with open(self.logs[-1], "wb") as log:
