@@ -72,7 +72,8 @@ def wait_ready(record, ready, seconds):
 
 @contextlib.contextmanager
 def signals_deferred():
-    """SIGINT and SIGTERM take effect when the block is left, so that none comes between a start and its record."""
+    """SIGINT and SIGTERM take effect when the block is left, so that nothing that is started
+    in it is lost sight of."""
     if threading.current_thread() is not threading.main_thread():
         yield  # signals interrupt the main thread alone
         return
@@ -113,13 +114,16 @@ def call(log, command, **options):
 
     Interrupted, it ends the command and waits for it, so that the command can clean up.
     """
-    with open(log, "ab") as output:
-        process = subprocess.Popen([str(word) for word in command], stdout=output, stderr=subprocess.STDOUT, **options)
+    process = None
     try:
+        with signals_deferred(), open(log, "ab") as output:
+            process = subprocess.Popen([str(word) for word in command], stdout=output, stderr=subprocess.STDOUT,
+                                       **options)
         return process.wait()
     except BaseException:
-        process.terminate()
-        process.wait()
+        if process:
+            process.terminate()
+            process.wait()
         raise
 
 

@@ -1,15 +1,17 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The demo as a newcomer runs it: to its end, as an ordinary user, side by side, and with a step that fails."""
+"""The demo as a newcomer runs it: to its end, as an ordinary user, side by side, with a step that fails, interrupted."""
 
 import os
 import pathlib
 import pwd
 import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
+from unittest import mock
 
-from stage import BIN, PRESET, ROOT, Stage, is_running, wait_until
+from stage import BIN, PRESET, ROOT, Stage, is_running, parse_assignments, wait_until
 
 STORY = ("the handler printed: Hello from the server", "Done: every step worked")
 
@@ -20,6 +22,19 @@ def run_demo(*arguments, root=ROOT, before=(), **environment):
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                           check=False, timeout=240)
     return done.returncode, done.stdout
+
+
+def processes_of(folder):
+    """The processes that were told of the folder, in their arguments or their environment."""
+    found = []
+    for path in pathlib.Path("/proc").glob("[0-9]*"):
+        try:
+            told = path.joinpath("cmdline").read_bytes() + path.joinpath("environ").read_bytes()
+        except OSError:
+            continue  # it has ended, or is somebody else's
+        if os.fsencode(folder) in told and is_running(path.name):
+            found.append(told.replace(b"\0", b" ")[:200])
+    return found
 
 
 class Demo(unittest.TestCase):
@@ -85,6 +100,96 @@ class Demo(unittest.TestCase):
         finally:
             first.down()
             second.down()
+
+
+class Contract(unittest.TestCase):
+    """--up and --down, as scripts use them."""
+
+    def setUp(self):
+        self.top = tempfile.mkdtemp(prefix="demo-")
+        self.addCleanup(shutil.rmtree, self.top)
+
+    def up(self, folder):
+        self.addCleanup(run_demo, "--down", str(folder))
+        return run_demo("--up", str(folder))
+
+    def test_a_folder_may_be_deep_and_have_any_name_and_its_host_daemon_comes_back(self):
+        folder = pathlib.Path(self.top, "deep " * 20, "it's \"quoted\" & 100% $HOME")
+        status, output = self.up(folder)
+        self.assertEqual(status, 0, output)
+        script = 'set -a; . "$1/env"; kill -KILL "$HOST_PID"; pubsubctl --json status'
+        done = subprocess.run(["sh", "-ec", script, "sh", str(folder)], capture_output=True, text=True, check=False,
+                              env=dict(os.environ, PATH=f"{BIN}:{os.environ['PATH']}"))
+        self.assertIn('"connected": true', done.stdout.replace('":true', '": true'), done.stderr)
+        env = parse_assignments(folder.joinpath("env").read_text(encoding="utf-8"))
+        self.assertEqual(env["STATE_DIR"], str(folder / "state"))
+        wait_until(lambda: not is_running(env["HOST_PID"]), "the host daemon to end")
+        subprocess.run(["dbus-send", "--bus=" + env["ZELT_PRIVATE_BUS"], "--print-reply", "--dest=com.zelt.power", "/",
+                        "org.freedesktop.DBus.Peer.Ping"], check=True, capture_output=True)
+        self.assertEqual(run_demo("--down", str(folder)), (0, ""))
+        self.assertEqual(processes_of(self.top), [])
+
+    def test_a_folder_in_use_is_refused_and_goes_on(self):
+        self.assertEqual(self.up(self.top)[0], 0)
+        pid = parse_assignments(pathlib.Path(self.top, "env").read_text(encoding="utf-8"))["SERVICE_PID"]
+        words = f"The processes of {self.top} are running already; stop them with: ./demo --down {self.top}\n"
+        self.assertEqual(run_demo("--up", self.top), (1, words))
+        self.assertTrue(is_running(pid))
+
+    def test_what_does_not_connect_says_so_and_leaves_nothing_running(self):
+        with mock.patch.dict(os.environ, STAGE_DEADLINE="0"):
+            status, output = self.up(self.top)
+        self.assertEqual(status, 1)
+        self.assertIn(f"Timed out: pubsubservice to connect (logs: {self.top}/log)", output)
+        self.assertIn(f"==> {self.top}/log/host.log <==", output)
+        self.assertEqual(processes_of(self.top), [])
+
+
+class Interrupted(unittest.TestCase):
+    """Wherever it is, Ctrl-C and SIGTERM stop everything that was started."""
+
+    def interrupt(self, at, how, *arguments):
+        """Runs the demo until it prints a text; returns its exit status after the signal, and the folder."""
+        process = subprocess.Popen(
+            [str(ROOT / "demo"), *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, text=True, start_new_session=True,
+            preexec_fn=lambda: signal.signal(signal.SIGINT, signal.default_int_handler))  # a shell may have it ignored
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        while at not in process.stdout.readline():
+            self.assertIsNone(process.poll())
+        if how == signal.SIGINT:
+            os.killpg(process.pid, how)  # as a terminal sends it
+        else:
+            process.send_signal(how)
+        output = process.communicate(timeout=60)[0]
+        return process.returncode, output
+
+    def assert_cleaned_up(self, at, how, status, *arguments):
+        before = set(pathlib.Path(ROOT, "build").glob("demo-*"))
+        ended, output = self.interrupt(at, how, *arguments)
+        self.assertEqual(ended, status, output)
+        for folder in set(pathlib.Path(ROOT, "build").glob("demo-*")) - before:
+            self.assertEqual(processes_of(folder), [])
+            shutil.rmtree(folder)
+
+    def test_while_the_server_starts(self):
+        self.assert_cleaned_up("Starting the XMPP server", signal.SIGINT, 130, "--once")
+        self.assert_cleaned_up("Starting the XMPP server", signal.SIGTERM, 143, "--once")
+
+    def test_while_the_service_starts(self):
+        self.assert_cleaned_up("Starting pubsubservice", signal.SIGINT, 130, "--once")
+
+    def test_during_the_story_and_after_it(self):
+        self.assert_cleaned_up("creates a node", signal.SIGTERM, 143, "--once")
+        self.assert_cleaned_up("Press Ctrl-C", signal.SIGINT, 130)
+
+    def test_while_it_starts_for_a_script(self):
+        for how, status in ((signal.SIGINT, -signal.SIGINT), (signal.SIGTERM, 143)):
+            with self.subTest(how), tempfile.TemporaryDirectory(prefix="demo-") as folder:
+                self.assertEqual(self.interrupt("Starting the XMPP server", how, "--up", folder)[0], status)
+                self.assertEqual(processes_of(folder), [])
 
 
 if __name__ == "__main__":
