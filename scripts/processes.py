@@ -72,8 +72,7 @@ def wait_ready(record, ready, seconds):
 
 @contextlib.contextmanager
 def signals_deferred():
-    """SIGINT and SIGTERM take effect when the block is left, so that nothing that is started
-    in it is lost sight of."""
+    """SIGINT and SIGTERM take effect when the block is left: until then what it starts would be known to nobody."""
     if threading.current_thread() is not threading.main_thread():
         yield  # signals interrupt the main thread alone
         return
