@@ -119,7 +119,7 @@ class Reader {
     }
 
     bool readLong(const std::string& word) {
-        size_t equals = word.find('=');
+        const size_t equals = word.find('=');
         std::string name = word.substr(2, equals == std::string::npos ? equals : equals - 2);
         const OptionSpec* spec = lookUp([&](const OptionSpec& option) { return name == option.name; });
         if (!spec)
@@ -164,7 +164,7 @@ class Reader {
     }
 
     bool store(const OptionSpec& spec, const std::string& value) {
-        std::string name = spec.name;
+        const std::string name = spec.name;
         if (!m_global) {
             m_result.options[name] = value;
             m_result.given.emplace_back(name, value);
@@ -190,7 +190,7 @@ class Reader {
     }
 
     bool unknown(const std::string& word) {
-        std::string where =
+        const std::string where =
             m_result.verb ? "`pubsubctl " + verbName(*m_result.verb) + " --help`" : "`pubsubctl --help`";
         return fail("unknown option " + word + "; see " + where +
                     " (write -- before text that begins with a dash)");
@@ -204,7 +204,7 @@ class Reader {
                        ? fail("no verb given; `pubsubctl --help` lists them")
                        : fail("\"" + m_verbWords[0] + "\" needs a second word; `pubsubctl --help`");
         const Verb& verb = *m_result.verb;
-        std::string usage = "usage: pubsubctl " + verbName(verb) + " " + verb.usage;
+        const std::string usage = "usage: pubsubctl " + verbName(verb) + " " + verb.usage;
         if (m_result.arguments.size() < verb.minArguments)
             return fail("an argument is missing; " + usage);
         if (m_result.arguments.size() > verb.maxArguments)

@@ -18,7 +18,7 @@ bool callPayload(const Invocation& invocation, Console& console, std::string& pa
     if (invocation.has("raw"))
         return true;
     JsonRef object = parseWholeJson(payload);
-    bool follow = invocation.has("follow");
+    const bool follow = invocation.has("follow");
     if (!isJson(payload))
         problem = "the payload is no JSON text: " + payload + " (--raw sends it all the same)";
     else if (follow && !json_object_is_type(object.get(), json_type_object))
@@ -32,7 +32,7 @@ bool callPayload(const Invocation& invocation, Console& console, std::string& pa
 
 static Reply place(BusClient& client, const Invocation& invocation, const std::string& payload,
                    Console& console) {
-    std::string uri = methodUri(invocation.arguments[0]);
+    const std::string uri = methodUri(invocation.arguments[0]);
     auto show = [&](const Reply& answer) {
         return console.line(console.json() ? oneLine(answer.payload) : answer.payload);
     };

@@ -65,7 +65,7 @@ struct BusClient::Exchange {
 };
 
 static Reply refusedCall(const std::string& uri, const BusError& error) {
-    Exit code = error.code() == -EINVAL ? Exit::Usage : Exit::NotConnected;
+    const Exit code = error.code() == -EINVAL ? Exit::Usage : Exit::NotConnected;
     return {code, "", "cannot call " + uri + ": " + error.message()};
 }
 
@@ -105,7 +105,7 @@ bool BusClient::attach(std::string& problem) {
 }
 
 Reply BusClient::call(const std::string& uri, const std::string& payload, unsigned timeoutSeconds) {
-    OnAnswer enough = [](const Reply&) { return false; };
+    const OnAnswer enough = [](const Reply&) { return false; };
     Exchange exchange{.client = this,
                       .onAnswer = enough,
                       .service = serviceOf(uri),
@@ -127,7 +127,7 @@ Reply BusClient::send(const std::string& uri, const std::string& payload, unsign
     // A service asks the bus who a new caller is before it hears it. One that has left by then is never
     // heard, so this waits for the answer to a second call: an error, since there is no such method, but a
     // later one.
-    Reply proof = call("zelt://" + serviceOf(uri) + "/" + kNoMethod, "{}", timeoutSeconds);
+    const Reply proof = call("zelt://" + serviceOf(uri) + "/" + kNoMethod, "{}", timeoutSeconds);
     return proof.exit == Exit::Refused ? Reply{Exit::Ok, "", ""} : proof;
 }
 
@@ -180,7 +180,7 @@ Reply BusClient::finish(Exchange& exchange, const std::string& uri, const std::s
 
 bool BusClient::onOpenReply(QSHandle*, QSMessage* message, void* context) {
     auto* client = static_cast<BusClient*>(context);
-    std::string payload = QSMessageGetPayload(message);
+    const std::string payload = QSMessageGetPayload(message);
     client->m_onOpenAnswer(QSMessageIsError(message)
                                ? judgeBusError(client->m_openService, QSMessageGetErrorName(message), payload)
                                : judgeAnswer(payload));
@@ -188,7 +188,7 @@ bool BusClient::onOpenReply(QSHandle*, QSMessage* message, void* context) {
 }
 
 bool BusClient::onOpenEnd(QSHandle*, QSMessage* message, void* context) {
-    JsonRef end = parseWholeJson(QSMessageGetPayload(message));
+    const JsonRef end = parseWholeJson(QSMessageGetPayload(message));
     // A service that is gone did not end it; whoever watches the service hears of that.
     if (textMember(end.get(), "reason") != "gone")
         static_cast<BusClient*>(context)->m_onOpenEnd();
@@ -226,7 +226,7 @@ void BusClient::quit() {
 }
 
 bool BusClient::onServerStatus(QSHandle*, QSMessage* message, void* context) {
-    JsonRef status = parseWholeJson(QSMessageGetPayload(message));
+    const JsonRef status = parseWholeJson(QSMessageGetPayload(message));
     auto* client = static_cast<BusClient*>(context);
     if (client->m_onPresence)
         client->m_onPresence(boolMember(status.get(), "connected"));

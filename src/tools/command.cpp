@@ -19,10 +19,10 @@ namespace {
 
 // A descriptor at the beginning of the text; negative when the system has none to spare.
 int fileOf(const std::string& text) {
-    int file = memfd_create("item", MFD_CLOEXEC);
+    const int file = memfd_create("item", MFD_CLOEXEC);
     size_t written = 0;
     while (file >= 0 && written < text.size()) {
-        ssize_t count = write(file, text.data() + written, text.size() - written);
+        const ssize_t count = write(file, text.data() + written, text.size() - written);
         if (count < 0) {
             close(file);
             return -1;
@@ -86,7 +86,7 @@ pid_t Command::start(int input) {
 
 int Command::waitForEnd(BusClient& client) {
     End end{.client = client};
-    guint watch = g_child_watch_add(m_process, onEnd, &end);
+    const guint watch = g_child_watch_add(m_process, onEnd, &end);
     while (!end.reached && client.run()) {
     }
     if (end.reached)
@@ -99,7 +99,7 @@ int Command::waitForEnd(BusClient& client) {
 }
 
 bool Command::run(const std::string& input, BusClient& client, std::string& problem) {
-    int file = fileOf(input);
+    const int file = fileOf(input);
     m_process = file < 0 ? -1 : start(file);
     if (m_process < 0)
         problem = "cannot run " + m_words[0] + ": " + std::strerror(errno);
@@ -107,7 +107,7 @@ bool Command::run(const std::string& input, BusClient& client, std::string& prob
         close(file);
     if (m_process < 0)
         return false;
-    int status = waitForEnd(client);
+    const int status = waitForEnd(client);
     m_process = 0;
     if (status == 0)
         return true;

@@ -60,7 +60,7 @@ constexpr char kStartHost[] = "start zelt-host, or whatever provides it on this 
 Finding judgeNetwork(const Reply& reply) {
     if (reply.exit != Exit::Ok)
         return {"network", Finding::State::Bad, reply.problem, kStartHost};
-    JsonRef status = parseWholeJson(reply.payload);
+    const JsonRef status = parseWholeJson(reply.payload);
     if (boolMember(status.get(), "isInternetConnectionAvailable"))
         return {"network", Finding::State::Good, "the Internet is reachable", ""};
     return {"network", Finding::State::Bad, "no link leads to the Internet",
@@ -72,7 +72,7 @@ Finding judgeNetwork(const Reply& reply) {
 Finding judgeLogin(const Reply& reply) {
     if (reply.exit != Exit::Ok)
         return {"login", Finding::State::Bad, reply.problem, "start pubsubservice"};
-    JsonRef status = parseWholeJson(reply.payload);
+    const JsonRef status = parseWholeJson(reply.payload);
     if (boolMember(status.get(), "connected"))
         return {"login", Finding::State::Good, "the service is logged in", ""};
     return {"login", Finding::State::Bad, "the service is not connected",
@@ -136,7 +136,7 @@ void Doctor::checkBuses() {
 }
 
 void Doctor::checkServices() {
-    Reply status = ask(methodUri("subscribeConnStatus"), "{}");
+    const Reply status = ask(methodUri("subscribeConnStatus"), "{}");
     tell(fromReply("push service", status, "answers", "start pubsubservice"));
     for (const Needed& needed : kNeeded)
         tell(fromReply(needed.check, ask(needed.uri, needed.payload), "answers", kStartHost));
@@ -144,8 +144,8 @@ void Doctor::checkServices() {
 }
 
 bool Doctor::findPlace(ServerPlace& place) {
-    std::string file = fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub") + "/pubsub.conf";
-    Reply reply = ask("zelt://com.zelt.accountservices/getAccountToken", "");
+    const std::string file = fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub") + "/pubsub.conf";
+    const Reply reply = ask("zelt://com.zelt.accountservices/getAccountToken", "");
     if (placeFromAccount(reply.payload, place))
         tell({"account", Finding::State::Good, place.user + "@" + place.domain, ""});
     else if (!othersCanRead(file) && placeFromCredentials(readText(file), place))
@@ -169,7 +169,7 @@ void Doctor::checkWayToServer() {
             tell({check, Finding::State::Unknown, "needs an account", ""});
         return;
     }
-    std::string caFile = fromEnvironment("PUBSUB_CA_FILE", "/etc/ssl/certs/ca-certificates.crt");
+    const std::string caFile = fromEnvironment("PUBSUB_CA_FILE", "/etc/ssl/certs/ca-certificates.crt");
     for (const Finding& finding : checkServer(place, caFile, kStepSeconds))
         tell(finding);
 }
@@ -183,7 +183,7 @@ Exit Doctor::run() {
     checkBuses();
     checkServices();
     checkWayToServer();
-    Finding login = judgeLogin(ask(methodUri("subscribeConnStatus"), "{}"));
+    const Finding login = judgeLogin(ask(methodUri("subscribeConnStatus"), "{}"));
     tell(login);
     if (login.state == Finding::State::Good)
         tell(judgeExtension(ask(methodUri("activateNode"), "{\"node\":\"/pubsubctl/doctor\"}").payload));
@@ -198,9 +198,9 @@ Exit Doctor::run() {
 bool placeFromAccount(const std::string& payload, ServerPlace& place) {
     std::string text = textMember(parseWholeJson(payload).get(), "jabberId");
     std::erase(text, '\\');
-    JsonRef account = parseWholeJson(text);
-    ServerPlace read{textMember(account.get(), "user"), textMember(account.get(), "service"),
-                     textMember(account.get(), "url"), textMember(account.get(), "port")};
+    const JsonRef account = parseWholeJson(text);
+    const ServerPlace read{textMember(account.get(), "user"), textMember(account.get(), "service"),
+                           textMember(account.get(), "url"), textMember(account.get(), "port")};
     if (read.user.empty() || read.domain.empty() || read.host.empty() || read.port.empty())
         return false;
     place = read;
@@ -214,7 +214,7 @@ bool placeFromCredentials(const std::string& text, ServerPlace& place) {
     ServerPlace read;
     std::getline(lines, jid) && std::getline(lines, password) && std::getline(lines, read.host) &&
         std::getline(lines, read.port);
-    size_t at = jid.find('@');
+    const size_t at = jid.find('@');
     if (at == std::string::npos || read.host.empty() || read.port.empty())
         return false;
     read.user = jid.substr(0, at);
@@ -237,9 +237,9 @@ Finding checkFolder(const std::string& check, const std::string& folder) {
 
 // The node does not exist, so a server with the extension answers that it does not know it.
 Finding judgeExtension(const std::string& payload) {
-    JsonRef answer = parseWholeJson(payload);
-    std::string text = textMember(answer.get(), "errorText");
-    bool understood =
+    const JsonRef answer = parseWholeJson(payload);
+    const std::string text = textMember(answer.get(), "errorText");
+    const bool understood =
         boolMember(answer.get(), "returnValue") || text.find("item-not-found") != std::string::npos;
     if (understood)
         return {"server extension", Finding::State::Good, "the server knows device operations", ""};
@@ -259,7 +259,7 @@ std::string findingLine(const Finding& finding, bool json) {
             .line();
     std::string state = stateWord(finding.state);
     state.resize(8, ' ');
-    std::string line = state + finding.check + ": " + finding.detail;
+    const std::string line = state + finding.check + ": " + finding.detail;
     return finding.advice.empty() ? line : line + "\n        -> " + finding.advice;
 }
 

@@ -39,7 +39,7 @@ Finding resolve(const ServerPlace& place, Addresses& addresses) {
     addrinfo wanted = {};
     wanted.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    int result = getaddrinfo(place.host.c_str(), place.port.c_str(), &wanted, &found);
+    const int result = getaddrinfo(place.host.c_str(), place.port.c_str(), &wanted, &found);
     addresses.reset(found);
     if (result != 0)
         return bad("name resolution", place.host + ": " + gai_strerror(result),
@@ -52,13 +52,13 @@ Finding resolve(const ServerPlace& place, Addresses& addresses) {
 
 // A blocking socket of which no call takes longer than the time given.
 int connectTo(const addrinfo& address, unsigned seconds) {
-    int descriptor = socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int descriptor = socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     timeval limit = {static_cast<time_t>(seconds), 0};
     setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     if (connect(descriptor, address.ai_addr, address.ai_addrlen) == 0)
         return descriptor;
-    int reason = errno == EINPROGRESS ? ETIMEDOUT : errno;
+    const int reason = errno == EINPROGRESS ? ETIMEDOUT : errno;
     close(descriptor);
     errno = reason;
     return -1;
@@ -67,7 +67,7 @@ int connectTo(const addrinfo& address, unsigned seconds) {
 Finding reach(const ServerPlace& place, const addrinfo* addresses, unsigned seconds, int& descriptor) {
     for (const addrinfo* address = addresses; address && descriptor < 0; address = address->ai_next)
         descriptor = connectTo(*address, seconds);
-    std::string where = place.host + " port " + place.port;
+    const std::string where = place.host + " port " + place.port;
     if (descriptor >= 0)
         return good("connection", where + " accepts connections");
     return bad("connection", where + ": " + strerror(errno),
@@ -79,7 +79,7 @@ bool readUntil(int descriptor, const char* wanted) {
     std::string seen;
     char block[2048];
     while (seen.size() < 65536 && seen.find(wanted) == std::string::npos) {
-        ssize_t count = recv(descriptor, block, sizeof block, 0);
+        const ssize_t count = recv(descriptor, block, sizeof block, 0);
         if (count <= 0)
             return false;
         seen.append(block, static_cast<size_t>(count));
@@ -121,7 +121,7 @@ struct Tls {
 
 std::string whyRefused(gnutls_session_t session, int result) {
     gnutls_datum_t words = {};
-    unsigned status = gnutls_session_get_verify_cert_status(session);
+    const unsigned status = gnutls_session_get_verify_cert_status(session);
     if (result != GNUTLS_E_CERTIFICATE_VERIFICATION_ERROR ||
         gnutls_certificate_verification_status_print(status, GNUTLS_CRT_X509, &words, 0) < 0)
         return gnutls_strerror(result);
@@ -133,8 +133,8 @@ std::string whyRefused(gnutls_session_t session, int result) {
 }
 
 Finding shakeHands(int descriptor, const ServerPlace& place, const std::string& caFile, unsigned seconds) {
-    Tls tls;
-    int trusted =
+    const Tls tls;
+    const int trusted =
         gnutls_certificate_set_x509_trust_file(tls.credentials, caFile.c_str(), GNUTLS_X509_FMT_PEM);
     if (trusted <= 0)
         return bad("certificate", caFile + " holds no certificate authority",

@@ -23,7 +23,7 @@ Exit runEndpointCreate(const Invocation& invocation, Console& console) {
                                  "\"");
         request.set("accessType", 2);
     }
-    Reply reply = callPublic(invocation, "createEndpoint", request.line());
+    const Reply reply = callPublic(invocation, "createEndpoint", request.line());
     if (reply.exit == Exit::Ok && statusOf(reply) == "exists")
         console.complain("the endpoint was there already; this is its key");
     return console.finish(reply, keyOf(reply));
@@ -31,13 +31,13 @@ Exit runEndpointCreate(const Invocation& invocation, Console& console) {
 
 Exit runEndpointDelete(const Invocation& invocation, Console& console) {
     const std::string& name = invocation.arguments[0];
-    Reply reply = callPublic(invocation, "deleteEndpoint", JsonObject().set("endpoint", name).line());
-    bool missing = statusOf(reply) == "notfound";
+    const Reply reply = callPublic(invocation, "deleteEndpoint", JsonObject().set("endpoint", name).line());
+    const bool missing = statusOf(reply) == "notfound";
     return console.finish(reply, missing ? "there was no " + name : "deleted " + name);
 }
 
 Exit runEndpointKey(const Invocation& invocation, Console& console) {
-    std::string payload = JsonObject().set("endpoint", invocation.arguments[0]).line();
-    Reply reply = callPublic(invocation, "getPublishKey", payload);
+    const std::string payload = JsonObject().set("endpoint", invocation.arguments[0]).line();
+    const Reply reply = callPublic(invocation, "getPublishKey", payload);
     return console.finish(reply, keyOf(reply));
 }

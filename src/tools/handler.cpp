@@ -50,7 +50,7 @@ class ItemHandler {
 };
 
 ItemHandler::~ItemHandler() {
-    for (guint source : m_sources) {
+    for (const guint source : m_sources) {
         if (source)
             g_source_remove(source);
     }
@@ -70,7 +70,7 @@ bool ItemHandler::onItem(QSHandle*, QSMessage* message, void* context) {
     auto* self = static_cast<ItemHandler*>(context);
     if (self->m_leaving)
         return true;
-    bool heard = self->m_console.line(itemLine(QSMessageGetPayload(message), self->m_console.json()));
+    const bool heard = self->m_console.line(itemLine(QSMessageGetPayload(message), self->m_console.json()));
     self->m_received++;
     if (!heard || self->m_received == self->m_wanted) {
         self->m_leaving = true;
@@ -132,8 +132,8 @@ Exit ItemHandler::run(unsigned count, unsigned seconds) {
     }
     if (!m_leaving || m_received)  // items may overtake the reply
         m_console.complain("receiving the items of " + m_node + " as " + m_name);
-    Exit received = receive();
-    Exit withdrawn = withdraw();
+    const Exit received = receive();
+    const Exit withdrawn = withdraw();
     return received == Exit::Ok ? withdrawn : received;
 }
 
@@ -153,8 +153,8 @@ Exit ItemHandler::receive() {
 
 // An interrupted registration is withdrawn too: it may have reached the service.
 Exit ItemHandler::withdraw() {
-    std::string payload = registration(true);
-    Reply reply = m_client.call(methodUri("unRegisterItemCallback"), payload, m_timeout);
+    const std::string payload = registration(true);
+    const Reply reply = m_client.call(methodUri("unRegisterItemCallback"), payload, m_timeout);
     if (reply.exit == Exit::Ok)
         return Exit::Ok;
     m_console.complain(reply.problem);
@@ -167,7 +167,7 @@ Exit ItemHandler::withdraw() {
 }  // namespace
 
 std::string itemLine(const std::string& payload, bool json) {
-    JsonRef item = parseWholeJson(payload);
+    const JsonRef item = parseWholeJson(payload);
     if (!json)
         return textMember(item.get(), "item");
     return JsonObject()

@@ -33,7 +33,7 @@ std::string wordsFor(const HttpAnswer& answer) {
         if (meaning.status == answer.status)
             words = meaning.words;
     }
-    std::string reason = textMember(parseWholeJson(answer.body).get(), "error");
+    const std::string reason = textMember(parseWholeJson(answer.body).get(), "error");
     if (!reason.empty())
         words += " (" + reason + ")";
     if (!answer.retryAfter.empty())
@@ -73,7 +73,7 @@ void prepare(CURL* curl, const std::string& url, const std::string& text, unsign
 }
 
 Reply failure(CURLcode code, const char* details, unsigned timeoutSeconds) {
-    std::string words = *details ? details : curl_easy_strerror(code);
+    const std::string words = *details ? details : curl_easy_strerror(code);
     if (code == CURLE_OPERATION_TIMEDOUT)
         return {Exit::TimedOut, "",
                 "the server did not answer within " + std::to_string(timeoutSeconds) +
@@ -103,15 +103,15 @@ bool publishUrl(const std::string& target, const std::string& base, std::string&
 Reply judgeHttp(const HttpAnswer& answer) {
     if (answer.status == 201)
         return {Exit::Ok, answer.body, ""};
-    JsonRef body = parseWholeJson(answer.body);
-    bool object = json_object_is_type(body.get(), json_type_object);
+    const JsonRef body = parseWholeJson(answer.body);
+    const bool object = json_object_is_type(body.get(), json_type_object);
     return {Exit::Refused, object ? answer.body : "", wordsFor(answer)};
 }
 
 Reply postItem(const std::string& url, const std::string& text, unsigned timeoutSeconds) {
-    std::unique_ptr<CURL, CurlEnd> curl(curl_easy_init());
+    const std::unique_ptr<CURL, CurlEnd> curl(curl_easy_init());
     // No wait for a leave to send the body, and no guess at its kind.
-    std::unique_ptr<curl_slist, CurlEnd> headers(curl_slist_append(nullptr, "Expect:"));
+    const std::unique_ptr<curl_slist, CurlEnd> headers(curl_slist_append(nullptr, "Expect:"));
     curl_slist_append(headers.get(), "Content-Type: text/plain; charset=utf-8");
     HttpAnswer answer;
     char details[CURL_ERROR_SIZE] = "";
@@ -119,7 +119,7 @@ Reply postItem(const std::string& url, const std::string& text, unsigned timeout
     curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &answer);
     curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, details);
-    CURLcode code = curl_easy_perform(curl.get());
+    const CURLcode code = curl_easy_perform(curl.get());
     if (code != CURLE_OK)
         return failure(code, details, timeoutSeconds);
     curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &answer.status);

@@ -14,8 +14,8 @@
 static constexpr unsigned kSilenceSeconds = 3;
 
 bool readBounds(const Invocation& invocation, Bounds& bounds, std::string& problem) {
-    std::string count = invocation.value("count");
-    std::string seconds = invocation.value("wait");
+    const std::string count = invocation.value("count");
+    const std::string seconds = invocation.value("wait");
     if (invocation.has("count") && !parseCount(count, bounds.count))
         problem = "-C takes a whole number from 1 to 1000000, not \"" + count + "\"";
     else if (invocation.has("wait") && !parseCount(seconds, bounds.seconds))
@@ -24,7 +24,7 @@ bool readBounds(const Invocation& invocation, Bounds& bounds, std::string& probl
 }
 
 Listener::~Listener() {
-    for (guint source : m_sources) {
+    for (const guint source : m_sources) {
         if (source)
             g_source_remove(source);
     }
@@ -122,7 +122,7 @@ static bool lacksConnection(const Reply& reply) {
 }
 
 bool Listener::takeVerdict(Then then) {
-    bool counts = then == Then::Counted || then == Then::Again;
+    const bool counts = then == Then::Counted || then == Then::Again;
     m_counted += counts;
     if (then == Then::Leave || (counts && m_counted == m_bounds.count))
         leave();

@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     Invocation invocation;
     std::string problem;
-    bool understood = parseArguments({argv + 1, argv + argc}, allVerbs(), invocation, problem);
+    const bool understood = parseArguments({argv + 1, argv + argc}, allVerbs(), invocation, problem);
     Console console(std::cin, std::cout, std::cerr, invocation.json,
                     {isatty(STDOUT_FILENO) == 1, isatty(STDERR_FILENO) == 1});
     if (!understood)

@@ -17,7 +17,7 @@ bool createPayload(const Invocation& invocation, std::string& payload, std::stri
     if (invocation.has("title"))
         request.set("title", invocation.value("title"));
     if (invocation.has("access")) {
-        std::string access = invocation.value("access");
+        const std::string access = invocation.value("access");
         if (access != "open" && access != "authorize") {
             problem = "--access is open or authorize, not \"" + access + "\"";
             return false;
@@ -38,7 +38,7 @@ Exit runNodeCreate(const Invocation& invocation, Console& console) {
 }
 
 Exit runNodeDelete(const Invocation& invocation, Console& console) {
-    std::string payload = JsonObject().set("node", invocation.arguments[0]).line();
+    const std::string payload = JsonObject().set("node", invocation.arguments[0]).line();
     return console.finish(callService(invocation, "deleteNode", payload),
                           "deleted " + invocation.arguments[0]);
 }
@@ -62,7 +62,7 @@ static bool readObject(const Invocation& invocation, Console& console, JsonRef& 
 bool itemText(const Invocation& invocation, Console& console, std::string& text, std::string& problem) {
     if (invocation.has("file"))
         return readWhole(console, invocation.value("file"), text, problem);
-    std::string given = invocation.arguments.size() > 1 ? invocation.arguments[1] : "-";
+    const std::string given = invocation.arguments.size() > 1 ? invocation.arguments[1] : "-";
     if (given == "-")
         return readWhole(console, "-", text, problem);
     text = given;
@@ -71,7 +71,7 @@ bool itemText(const Invocation& invocation, Console& console, std::string& text,
 
 bool publishPayload(const Invocation& invocation, Console& console, std::string& payload,
                     std::string& problem) {
-    int sources = (invocation.arguments.size() > 1) + invocation.has("file") + invocation.has("json");
+    const int sources = (invocation.arguments.size() > 1) + invocation.has("file") + invocation.has("json");
     if (sources > 1) {
         problem = "give the item once: as TEXT, with --file or with --json";
         return false;
@@ -125,10 +125,10 @@ Exit runNodeSubscribe(const Invocation& invocation, Console& console) {
     std::string problem;
     if (!subscribePayload(invocation, payload, problem))
         return console.usage(problem);
-    Reply reply = callService(invocation, "subscribeToNode", payload);
-    JsonRef answer = parseWholeJson(reply.payload);
-    std::string subid = textMember(answer.get(), "subid");
-    std::string tail = subid.empty() ? "" : "  subid: " + subid;
+    const Reply reply = callService(invocation, "subscribeToNode", payload);
+    const JsonRef answer = parseWholeJson(reply.payload);
+    const std::string subid = textMember(answer.get(), "subid");
+    const std::string tail = subid.empty() ? "" : "  subid: " + subid;
     return console.finish(reply, "subscribed to " + invocation.arguments[0] + tail);
 }
 
@@ -138,11 +138,11 @@ Exit runNodeUnsubscribe(const Invocation& invocation, Console& console) {
             return console.usage(std::string("--") + needed +
                                  " is missing; `node subscribe` printed what it takes");
     }
-    std::string payload = JsonObject()
-                              .set("node", invocation.arguments[0])
-                              .set("jid", invocation.value("jid"))
-                              .set("subid", invocation.value("subid"))
-                              .line();
-    Reply reply = callService(invocation, "unsubscribeFromNode", payload);
+    const std::string payload = JsonObject()
+                                    .set("node", invocation.arguments[0])
+                                    .set("jid", invocation.value("jid"))
+                                    .set("subid", invocation.value("subid"))
+                                    .line();
+    const Reply reply = callService(invocation, "unsubscribeFromNode", payload);
     return console.finish(reply, "unsubscribed from " + invocation.arguments[0]);
 }

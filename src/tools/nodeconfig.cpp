@@ -6,7 +6,7 @@
 bool configPayload(const Invocation& invocation, std::string& payload, std::string& problem) {
     JsonObject options;
     for (const std::string& given : invocation.values("set")) {
-        size_t equals = given.find('=');
+        const size_t equals = given.find('=');
         if (equals == std::string::npos || equals == 0) {
             problem = "--set takes NAME=VALUE, such as access_model=open, not \"" + given + "\"";
             return false;
@@ -21,7 +21,7 @@ bool configPayload(const Invocation& invocation, std::string& payload, std::stri
 }
 
 static std::string optionsOf(const std::string& payload) {
-    JsonRef reply = parseWholeJson(payload);
+    const JsonRef reply = parseWholeJson(payload);
     json_object* options = jsonMember(reply.get(), "options");
     std::string lines;
     if (!json_object_is_type(options, json_type_object))
@@ -34,10 +34,10 @@ static std::string optionsOf(const std::string& payload) {
 }
 
 static Exit show(const Invocation& invocation, Console& console) {
-    std::string payload =
+    const std::string payload =
         JsonObject().set("nodes", JsonArray().add(invocation.arguments[0]).release()).line();
-    Reply reply = callService(invocation, "getNodeConfig", payload);
-    std::string options = reply.exit == Exit::Ok ? optionsOf(reply.payload) : "";
+    const Reply reply = callService(invocation, "getNodeConfig", payload);
+    const std::string options = reply.exit == Exit::Ok ? optionsOf(reply.payload) : "";
     return console.finish(reply, options.empty() ? "no options are reported" : options);
 }
 

@@ -9,8 +9,8 @@
 std::string noticeLine(const std::string& payload, bool json) {
     if (json)
         return oneLine(payload);
-    JsonRef notice = parseWholeJson(payload);
-    std::string who = textMember(notice.get(), "appid");
+    const JsonRef notice = parseWholeJson(payload);
+    const std::string who = textMember(notice.get(), "appid");
     if (boolMember(notice.get(), "open"))
         return "open  " + who;
     return "item  " + who + "  " + textMember(notice.get(), "node") + "  " + textMember(notice.get(), "item");
@@ -28,7 +28,7 @@ Exit runOnCloseListen(const Invocation& invocation, Console& console) {
                 console.complain("listening for items of closed applications");
             return Listener::Then::Wait;
         }
-        bool heard = console.line(noticeLine(reply.payload, console.json()));
+        bool const heard = console.line(noticeLine(reply.payload, console.json()));
         return heard ? Listener::Then::Counted : Listener::Then::Leave;
     };
     return Listener(console, bounds).run({QSBus::Private, "registerOnClose", "{\"subscribe\":true}"}, take);
@@ -36,7 +36,7 @@ Exit runOnCloseListen(const Invocation& invocation, Console& console) {
 
 static Exit change(const Invocation& invocation, Console& console, const char* method, const char* done) {
     const std::string& endpoint = invocation.arguments[0];
-    Reply reply = callPublic(invocation, method, JsonObject().set("endpoint", endpoint).line());
+    const Reply reply = callPublic(invocation, method, JsonObject().set("endpoint", endpoint).line());
     return console.finish(reply, done + endpoint);
 }
 

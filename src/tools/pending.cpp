@@ -7,11 +7,11 @@
 static constexpr const char* kMembers[] = {"node", "subscriber_jid", "subid", "id"};
 
 std::string pendingLine(const std::string& payload, bool json) {
-    JsonRef request = parseWholeJson(payload);
+    const JsonRef request = parseWholeJson(payload);
     JsonObject object;
     std::string line;
     for (const char* name : kMembers) {
-        std::string value = textMember(request.get(), name);
+        const std::string value = textMember(request.get(), name);
         object.set(name, value);
         line += line.empty() ? value : "  " + std::string(name) + ": " + value;
     }
@@ -28,11 +28,11 @@ Exit runPendingList(const Invocation& invocation, Console& console) {
         nodes.add(node);
     if (invocation.arguments.empty())
         nodes.add("*");
-    std::string payload = JsonObject().set("subscribe", true).set("nodes", nodes.release()).line();
+    const std::string payload = JsonObject().set("subscribe", true).set("nodes", nodes.release()).line();
     auto take = [&](const Reply& reply) {
         if (!jsonMember(parseWholeJson(reply.payload).get(), "subid"))
             return Listener::Then::Wait;
-        bool heard = console.line(pendingLine(reply.payload, console.json()));
+        bool const heard = console.line(pendingLine(reply.payload, console.json()));
         return heard ? Listener::Then::Counted : Listener::Then::Leave;
     };
     return Listener(console, bounds).run({QSBus::Private, "subscribeNodeAuth", payload}, take);
@@ -44,13 +44,13 @@ static Exit decide(const Invocation& invocation, Console& console, bool approve)
             return console.usage(std::string("--") + needed +
                                  " is missing; `pending list` printed what it takes");
     }
-    std::string payload = JsonObject()
-                              .set("node", invocation.arguments[0])
-                              .set("id", invocation.value("id"))
-                              .set("subid", invocation.value("subid"))
-                              .set("approve", approve ? "true" : "false")
-                              .set("subscriber_jid", invocation.value("jid"))
-                              .line();
+    const std::string payload = JsonObject()
+                                    .set("node", invocation.arguments[0])
+                                    .set("id", invocation.value("id"))
+                                    .set("subid", invocation.value("subid"))
+                                    .set("approve", approve ? "true" : "false")
+                                    .set("subscriber_jid", invocation.value("jid"))
+                                    .line();
     return console.finish(callService(invocation, "approvePending", payload),
                           (approve ? "approved " : "denied ") + invocation.value("jid"));
 }

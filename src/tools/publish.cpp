@@ -25,8 +25,8 @@ Exit runPublish(const Invocation& invocation, Console& console) {
     if (!publishUrl(invocation.arguments[0], baseAddress(invocation), url, problem) ||
         !itemText(invocation, console, text, problem))
         return console.usage(problem);
-    Reply reply = postItem(url, text, invocation.timeoutSeconds);
-    JsonRef answer = parseWholeJson(reply.payload);
+    const Reply reply = postItem(url, text, invocation.timeoutSeconds);
+    const JsonRef answer = parseWholeJson(reply.payload);
     return console.finish(reply, "published  id: " + textMember(answer.get(), "id") +
                                      "  seqNo: " + textMember(answer.get(), "seqNo"));
 }

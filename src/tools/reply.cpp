@@ -68,14 +68,14 @@ bool meansUnknown(std::string_view errorName) {
 }  // namespace
 
 Reply judgeAnswer(const std::string& payload) {
-    JsonRef object = parseWholeJson(payload);
+    const JsonRef object = parseWholeJson(payload);
     if (!json_object_is_type(object.get(), json_type_object))
         return {Exit::Refused, payload, "the answer is no JSON object: " + payload};
     if (boolMember(object.get(), "returnValue", true))
         return {Exit::Ok, payload, ""};
-    std::string code = withoutQuotes(textMember(object.get(), "errorCode"));
-    std::string text = withoutQuotes(textMember(object.get(), "errorText"));
-    std::string advice = adviceFor(code, text);
+    const std::string code = withoutQuotes(textMember(object.get(), "errorCode"));
+    const std::string text = withoutQuotes(textMember(object.get(), "errorText"));
+    const std::string advice = adviceFor(code, text);
     std::string problem = code.empty() ? text : code + ": " + text;
     if (problem.empty())
         problem = "refused without a reason";
@@ -85,8 +85,8 @@ Reply judgeAnswer(const std::string& payload) {
 }
 
 Reply judgeBusError(const std::string& service, const std::string& errorName, const std::string& payload) {
-    JsonRef object = parseWholeJson(payload);
-    std::string text = textMember(object.get(), "errorText");
+    const JsonRef object = parseWholeJson(payload);
+    const std::string text = textMember(object.get(), "errorText");
     if (meansAbsent(errorName))
         return {Exit::NotConnected, "", service + " is not on the bus: " + text + "; start it and try again"};
     if (meansUnknown(errorName))

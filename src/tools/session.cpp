@@ -19,15 +19,15 @@ bool LoginProgress::take(bool connected) {
 static Reply waitForLogin(BusClient& client, const Invocation& invocation) {
     LoginProgress progress;
     auto onStatus = [&](const Reply& reply) {
-        JsonRef status = parseWholeJson(reply.payload);
-        bool asked = !progress.first;
-        bool goOn = progress.take(boolMember(status.get(), "connected"));
+        JsonRef const status = parseWholeJson(reply.payload);
+        bool const asked = !progress.first;
+        bool const goOn = progress.take(boolMember(status.get(), "connected"));
         // Asked for only once the status is followed, so that no change is missed.
         if (!asked)
             client.notify(methodUri("initializeAccount"), "{}");
         return goOn;
     };
-    BusClient::Wait wait{.wholeSeconds = invocation.timeoutSeconds};
+    const BusClient::Wait wait{.wholeSeconds = invocation.timeoutSeconds};
     Reply reply = client.follow(methodUri("subscribeConnStatus"), "{\"subscribe\":true}", wait, onStatus);
     if (reply.exit == Exit::TimedOut)
         reply.problem = "no connection within " + std::to_string(invocation.timeoutSeconds) +
@@ -54,11 +54,11 @@ Exit runSessionJid(const Invocation& invocation, Console& console) {
     Reply reply = callService(invocation, "getJabberId", "{}");
     if (reply.exit != Exit::Ok)
         return console.finish(reply, "");
-    Reply second = callService(invocation, "getResource", "{}");
+    const Reply second = callService(invocation, "getResource", "{}");
     if (second.exit != Exit::Ok)
         return console.finish(second, "");
-    std::string user = textMember(parseWholeJson(reply.payload).get(), "username");
-    std::string resource = textMember(parseWholeJson(second.payload).get(), "resource");
+    const std::string user = textMember(parseWholeJson(reply.payload).get(), "username");
+    const std::string resource = textMember(parseWholeJson(second.payload).get(), "resource");
     if (user.empty())
         return console.finish(
             {Exit::NotConnected, "", "no account was used yet; `pubsubctl session login` logs in"}, "");

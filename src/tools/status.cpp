@@ -9,7 +9,7 @@ static const char* yesNo(bool value) {
 }
 
 std::string statusLine(const std::string& payload) {
-    JsonRef status = parseWholeJson(payload);
+    const JsonRef status = parseWholeJson(payload);
     std::string line = boolMember(status.get(), "connected") ? "connected" : "not connected";
     if (jsonMember(status.get(), "network"))
         line += std::string("  network: ") + yesNo(boolMember(status.get(), "network"));
@@ -19,7 +19,7 @@ std::string statusLine(const std::string& payload) {
 }
 
 static bool connectedIn(const std::string& payload) {
-    JsonRef status = parseWholeJson(payload);
+    const JsonRef status = parseWholeJson(payload);
     return boolMember(status.get(), "connected");
 }
 
@@ -34,15 +34,15 @@ static Exit conclude(const Reply& reply, Console& console) {
 
 static Exit ask(BusClient& client, const std::string& uri, const Invocation& invocation, Console& console) {
     bool follow = invocation.has("follow");
-    bool wait = invocation.has("wait");
+    const bool wait = invocation.has("wait");
     auto onAnswer = [&](const Reply& reply) {
         if (reply.exit != Exit::Ok)
             return false;
-        bool heard = console.line(console.json() ? oneLine(reply.payload) : statusLine(reply.payload));
+        bool const heard = console.line(console.json() ? oneLine(reply.payload) : statusLine(reply.payload));
         return heard && (follow || !connectedIn(reply.payload));
     };
     if (!follow && !wait) {
-        Reply reply = client.call(uri, "{}", invocation.timeoutSeconds);
+        const Reply reply = client.call(uri, "{}", invocation.timeoutSeconds);
         onAnswer(reply);
         return conclude(reply, console);
     }

@@ -9,7 +9,7 @@
 #include "util/jsonref.h"
 
 std::string endpointItem(const std::string& payload, bool json) {
-    JsonRef item = parseWholeJson(payload);
+    const JsonRef item = parseWholeJson(payload);
     if (!json)
         return textMember(item.get(), "item");
     return JsonObject()
@@ -32,8 +32,8 @@ class Subscriber {
         if (m_command.given() && !m_command.exists())
             return m_console.usage("there is no program " + m_command.name() +
                                    "; nothing was received for it");
-        std::string payload = JsonObject().set("endpoint", m_endpoint).set("subscribe", true).line();
-        Exit exit = m_listener.run(
+        const std::string payload = JsonObject().set("endpoint", m_endpoint).set("subscribe", true).line();
+        const Exit exit = m_listener.run(
             {QSBus::Public, "subscribe", payload}, [this](Reply& reply) { return take(reply); },
             [this](int number) { pass(number); });
         return m_failed && (exit == Exit::Ok || exit == Exit::TimedOut) ? Exit::CommandFailed : exit;
@@ -43,7 +43,7 @@ class Subscriber {
     using Then = Listener::Then;
 
     Then take(Reply& reply) {
-        JsonRef answer = parseWholeJson(reply.payload);
+        const JsonRef answer = parseWholeJson(reply.payload);
         if (jsonMember(answer.get(), "item"))
             return takeItem(reply.payload);
         if (textMember(answer.get(), "status") == "subscribed") {
@@ -59,7 +59,7 @@ class Subscriber {
     }
 
     Then takeItem(const std::string& payload) {
-        std::string text = endpointItem(payload, m_console.json());
+        const std::string text = endpointItem(payload, m_console.json());
         if (!m_command.given())
             return m_console.line(text) ? Then::Again : Then::Leave;
         // The subscription is used up: what comes meanwhile waits in the service and on the server.
@@ -102,7 +102,7 @@ class Unsubscription {
             return timedOut(kService, m_timeout);
         if (m_last.exit != Exit::Ok || jsonMember(parseWholeJson(m_last.payload).get(), "status"))
             return m_last;
-        Reply status = m_client.call(methodUri("connectStatus"), "{}", m_timeout);
+        const Reply status = m_client.call(methodUri("connectStatus"), "{}", m_timeout);
         if (boolMember(parseWholeJson(status.payload).get(), "connected") && !waitFor(2))
             return timedOut(kService, m_timeout);
         return m_last;
@@ -124,7 +124,7 @@ class Unsubscription {
     bool waitFor(unsigned answers) {
         m_awaited = answers;
         m_timeUp = false;
-        guint timer = g_timeout_add_seconds(m_timeout, onTimeUp, this);
+        const guint timer = g_timeout_add_seconds(m_timeout, onTimeUp, this);
         bool alive = true;
         while (m_answers < m_awaited && !m_timeUp && alive)
             alive = m_client.run();
@@ -165,7 +165,7 @@ Exit runUnsubscribe(const Invocation& invocation, Console& console) {
     auto client = openBus(QSBus::Public, reply);
     if (client)
         reply = Unsubscription(invocation, *client).run(payload.line());
-    bool nobody = textMember(parseWholeJson(reply.payload).get(), "status") == "not subscribed";
+    const bool nobody = textMember(parseWholeJson(reply.payload).get(), "status") == "not subscribed";
     return console.finish(reply,
                           nobody ? "nobody was subscribed to " + endpoint : "unsubscribed from " + endpoint);
 }
