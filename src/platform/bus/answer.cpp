@@ -60,8 +60,8 @@ bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
                        "The client " + message->peer->name + " does not read: " +
                            std::to_string(message->peer->unread.bytes()) + " bytes wait for it");
     }
-    int result = message->unanswered ? sd_bus_reply_method_return(message->wire.get(), "s", text)
-                                     : sendSignal(message, "Answer", text);
+    const int result = message->unanswered ? sd_bus_reply_method_return(message->wire.get(), "s", text)
+                                           : sendSignal(message, "Answer", text);
     if (result < 0)
         return busFailErrno(error, result,
                             "Sending an answer to the client " + message->peer->name + " failed");

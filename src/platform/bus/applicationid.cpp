@@ -62,7 +62,7 @@ std::string idAmong(std::string_view name, size_t parts) {
     if ((found.size() != parts && found.size() != parts + 1) || found.front() != "app" ||
         found.back().empty())
         return {};
-    size_t id = found.size() - parts + 1;
+    const size_t id = found.size() - parts + 1;
     return found[id - 1].empty() ? std::string() : checkedId(found[id]);
 }
 
@@ -78,10 +78,10 @@ bool isUserManager(std::string_view component) {
 // kernels.
 std::string_view managerPath(std::string_view text) {
     std::string_view named;
-    for (std::string_view line : split(text, '\n')) {
+    for (const std::string_view line : split(text, '\n')) {
         if (line.starts_with("0::") && line != "0::/")
             return line.substr(3);
-        size_t at = line.find(":name=systemd:");
+        const size_t at = line.find(":name=systemd:");
         if (at != std::string_view::npos)
             named = line.substr(at + 14);
     }
@@ -93,7 +93,7 @@ std::string_view managerPath(std::string_view text) {
 bool isApplicationId(std::string_view id) {
     if (id.empty() || id.size() > kLongestId || id.front() == '.')
         return false;
-    for (char c : id) {
+    for (const char c : id) {
         if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-')
             return false;
     }
@@ -105,7 +105,7 @@ std::string applicationIdOfUnit(std::string_view unit) {
         return idAmong(unit, 3);
     if (!dropSuffix(unit, ".service"))
         return {};
-    size_t at = unit.find('@');
+    const size_t at = unit.find('@');
     if (at == std::string_view::npos || at + 1 == unit.size())
         return {};
     return idAmong(unit.substr(0, at), 2);
@@ -113,8 +113,8 @@ std::string applicationIdOfUnit(std::string_view unit) {
 
 AppUnit appUnitOfCgroup(std::string_view text) {
     AppUnit unit;
-    std::string_view path = managerPath(text);
-    for (std::string_view component : split(path, '/')) {
+    const std::string_view path = managerPath(text);
+    for (const std::string_view component : split(path, '/')) {
         if (!component.empty())
             (unit.cgroup += '/') += component;
         if (isUserManager(component) && !unit.ofLogin) {
@@ -130,7 +130,7 @@ AppUnit appUnitOfCgroup(std::string_view text) {
 }
 
 std::string environmentValue(std::string_view environment, std::string_view key) {
-    for (std::string_view entry : split(environment, '\0')) {
+    for (const std::string_view entry : split(environment, '\0')) {
         if (entry.size() > key.size() && entry.starts_with(key) && entry[key.size()] == '=')
             return std::string(entry.substr(key.size() + 1));
     }
@@ -148,10 +148,10 @@ std::string applicationIdOfLabel(std::string_view label, std::string_view prefix
 }
 
 std::string applicationIdOfUser(std::string_view table, unsigned user) {
-    std::string wanted = std::to_string(user);
+    const std::string wanted = std::to_string(user);
     for (std::string_view line : split(table, '\n')) {
         line = line.substr(0, line.find('#'));
-        size_t end = line.find_first_of(" \t");
+        const size_t end = line.find_first_of(" \t");
         if (end == std::string_view::npos || line.substr(0, end) != wanted)
             continue;
         line.remove_prefix(line.find_first_not_of(" \t", end) == std::string_view::npos

@@ -20,7 +20,7 @@ namespace {
 constexpr uint64_t kNoTimeout = std::numeric_limits<uint64_t>::max();
 
 std::string errorPayload(const sd_bus_error* error) {
-    JsonRef object(json_object_new_object());
+    const JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "returnValue", json_object_new_boolean(0));
     json_object_object_add(object.get(), "errorCode", json_object_new_int(-1));
     json_object_object_add(object.get(), "errorText",
@@ -36,7 +36,7 @@ void endSubscribedCall(QSHandle* handle, QSToken token, const char* reason) {
     Call& call = *node.mapped();
     call.callback = call.ended;
     call.context = call.endedContext;
-    JsonRef object(json_object_new_object());
+    const JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "reason", json_object_new_string(reason));
     busTell(call, nullptr, json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN), "");
 }
@@ -101,7 +101,7 @@ int onReply(sd_bus_message* reply, void* data, sd_bus_error*) {
     } else if (sd_bus_message_read(reply, "s", &payload) > 0) {
         busTell(*call, reply, payload, "");
     } else {
-        sd_bus_error unreadable = SD_BUS_ERROR_MAKE_CONST(kErrorInvalidText, "The reply is no text");
+        const sd_bus_error unreadable = SD_BUS_ERROR_MAKE_CONST(kErrorInvalidText, "The reply is no text");
         busTell(*call, nullptr, errorPayload(&unreadable).c_str(), kErrorInvalidText);
     }
     return 0;
@@ -189,7 +189,7 @@ bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter cal
         return busFail(error, -EHOSTUNREACH,
                        "The service " + address.service + " does not run, and the bus cannot start it");
     }
-    Wire wire = newMethodCall(handle, address, payload, error);
+    const Wire wire = newMethodCall(handle, address, payload, error);
     if (!wire)
         return false;
     int result = 0;

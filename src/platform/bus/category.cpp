@@ -45,7 +45,7 @@ size_t waitingOf(const Peer& peer) {
 
 // The texts go to the author of the client. True when the request is refused.
 bool refuseBeyondBounds(sd_bus_message* wire, const char* payload, Peer& peer) {
-    size_t length = std::strlen(payload);
+    const size_t length = std::strlen(payload);
     if (length > kLongestPublicPayload) {
         refuse(&peer, wire, kErrorLimitExceeded,
                "The payload has " + std::to_string(length) + " bytes; the public bus takes at most " +
@@ -76,7 +76,7 @@ int onRequest(sd_bus_message* wire, void* data, sd_bus_error*) {
     auto* method = static_cast<Method*>(data);
     QSHandle* handle = method->category->handle;
     const char* sender = sd_bus_message_get_sender(wire);
-    std::shared_ptr<Peer> peer = sender ? busPeer(handle, sender) : nullptr;
+    const std::shared_ptr<Peer> peer = sender ? busPeer(handle, sender) : nullptr;
     if (!peer)
         return refuse(nullptr, wire, SD_BUS_ERROR_FAILED, "The caller could not be identified. Call again");
     if (isDropped(*peer))
@@ -105,7 +105,7 @@ int onCancel(sd_bus_message* wire, void* data, sd_bus_error*) {
         return refuse(nullptr, wire, SD_BUS_ERROR_INVALID_ARGS,
                       "Cancel takes the serial of the call, an unsigned number");
     // What the answer takes was counted when the call came.
-    bool found = busCancelSerial(category->handle, sender, serial);
+    const bool found = busCancelSerial(category->handle, sender, serial);
     sd_bus_reply_method_return(wire, "b", static_cast<int>(found));
     return 1;
 }
@@ -141,8 +141,9 @@ void buildTable(Category& category) {
 int publish(Category& category) {
     sd_bus* bus = category.handle->bus;
     const char* path = category.path.c_str();
-    int result = sd_bus_add_object_vtable(bus, Receive(category.object), path, category.handle->name.c_str(),
-                                          category.table.data(), category.methods.data());
+    const int result =
+        sd_bus_add_object_vtable(bus, Receive(category.object), path, category.handle->name.c_str(),
+                                 category.table.data(), category.methods.data());
     if (result < 0)
         return result;
     return sd_bus_add_object_vtable(bus, Receive(category.subscriptionObject), path, kSubscriptionInterface,
@@ -169,7 +170,7 @@ bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<Me
     for (; signals && signals->name; signals++)
         category->signals.emplace_back(signals->name);
     buildTable(*category);
-    int result = publish(*category);
+    const int result = publish(*category);
     if (result < 0)
         return busFailErrno(error, result, std::string("Registering the category ") + path + " failed");
     handle->categories.push_back(std::move(category));

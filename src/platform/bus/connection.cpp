@@ -66,10 +66,11 @@ void closeBus(QSHandle* handle) {
 bool takeName(QSHandle* handle, QSError* error) {
     if (handle->name.empty())
         return true;
-    int result = sd_bus_request_name(handle->bus, handle->name.c_str(), 0);
+    const int result = sd_bus_request_name(handle->bus, handle->name.c_str(), 0);
     if (result >= 0)
         return true;
-    std::string what = "Taking the name " + handle->name + " on the " + busSideName(handle) + " bus failed";
+    const std::string what =
+        "Taking the name " + handle->name + " on the " + busSideName(handle) + " bus failed";
     if (result == -EEXIST)
         return busFail(error, result, what + ": another process has it");
     if (result == -EACCES || result == -EPERM)
@@ -90,7 +91,7 @@ QSHandle* busOpen(QSBus side, const char* name, QSError* error) {
     auto handle = std::make_unique<QSHandle>();
     handle->side = side;
     handle->name = name ? name : "";
-    std::string where = address(side);
+    const std::string where = address(side);
     int result = connectBus(handle.get(), where);
     if (result < 0) {
         busFailErrno(error, result,
@@ -147,7 +148,7 @@ bool QSUnregister(QSHandle* handle, QSError* error) {
     busDropAllSubscriptions(handle);
     busDropAllPeers(handle);
     busEndDoubt(handle);
-    int result = handle->name.empty() ? 0 : sd_bus_release_name(handle->bus, handle->name.c_str());
+    const int result = handle->name.empty() ? 0 : sd_bus_release_name(handle->bus, handle->name.c_str());
     handle->answeredCalls.clear();
     handle->calls.clear();
     handle->answerFilter.reset();
@@ -162,7 +163,7 @@ bool QSUnregister(QSHandle* handle, QSError* error) {
         busRelease(service->publicHandle);
         delete service;
     }
-    std::string what = "Releasing the name " + handle->name + " failed";
+    const std::string what = "Releasing the name " + handle->name + " failed";
     busRelease(handle);
     return result < 0 ? busFailErrno(error, result, what) : true;
 }

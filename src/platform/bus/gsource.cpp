@@ -59,8 +59,8 @@ bool isDue(uint64_t due) {
 int millisecondsUntil(uint64_t due) {
     if (due == kNever)
         return -1;
-    uint64_t now = static_cast<uint64_t>(g_get_monotonic_time());
-    uint64_t left = due > now ? (due - now + 999) / 1000 : 0;
+    const uint64_t now = static_cast<uint64_t>(g_get_monotonic_time());
+    const uint64_t left = due > now ? (due - now + 999) / 1000 : 0;
     return static_cast<int>(std::min<uint64_t>(left, std::numeric_limits<int>::max()));
 }
 
@@ -88,7 +88,7 @@ gboolean prepare(GSource* source, gint* timeout) {
     // A main loop inside a bus callback waits for other sources; this one has its turn afterwards.
     if (self->handle->processing)
         return FALSE;
-    int events = sd_bus_get_events(self->handle->bus);
+    const int events = sd_bus_get_events(self->handle->bus);
     // A connection that gives no events is lost: the dispatch finds out why.
     self->due = events < 0 ? 0 : dueTime(self->handle->bus);
     self->descriptor.events = static_cast<gushort>(std::max(events, 0));
@@ -113,7 +113,7 @@ gboolean dispatch(GSource* source, GSourceFunc, gpointer) {
     busReference(handle);
     const bool looks = self->alone < kTurnsUntilAlone || self->alone % kTurnsBetweenLooks == 0;
     int handled = 0;
-    bool alive = busProcess(handle, looks ? kMessagesPerTurn : 1, &handled);
+    const bool alive = busProcess(handle, looks ? kMessagesPerTurn : 1, &handled);
     self->alone = handled > 1 ? 0 : self->alone + 1;
     if (!alive)
         busLost(handle);
@@ -173,7 +173,7 @@ bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error) {
     if (!loop || handle->source)
         return busFail(error, -EINVAL,
                        loop ? "The connection is attached to a main loop already" : "There is no main loop");
-    int descriptor = sd_bus_get_fd(handle->bus);
+    const int descriptor = sd_bus_get_fd(handle->bus);
     if (descriptor < 0)
         return busFailErrno(error, descriptor, "Attaching the bus connection to the main loop failed");
     GSource* source = g_source_new(&busSourceFunctions, sizeof(BusSource));
@@ -200,7 +200,7 @@ void QSZeltServiceReadReceived(QSZeltService* service) {
     for (QSHandle* handle : {service->privateHandle, service->publicHandle}) {
         busReference(handle);
         bool drained = true;
-        bool alive = !handle->bus || busProcess(handle, kMessagesPerRead, nullptr, &drained);
+        const bool alive = !handle->bus || busProcess(handle, kMessagesPerRead, nullptr, &drained);
         if (!drained && handle->bus)
             busNoteUnread(handle);
         if (!alive)

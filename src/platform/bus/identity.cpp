@@ -32,7 +32,7 @@ bool isSwitchedOn(const char* variable) {
 // All that a file holds, and nothing when any of it cannot be read: a process may end between the open and
 // the read, which a stream's iterator reports by an exception.
 std::string fileText(const std::string& path) {
-    int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
     if (file < 0)
         return {};
     std::string text;
@@ -60,7 +60,7 @@ std::string ofOneProcess(const BusCredentials& who, std::string (*rule)(const Bu
     const std::string before = busProcessMark(who.pid);
     if (before.empty() || !isProcessOf(before, who.user))
         return {};
-    std::string id = rule(who);
+    const std::string id = rule(who);
     return !id.empty() && busProcessMark(who.pid) == before ? id : std::string();
 }
 
@@ -76,7 +76,7 @@ bool isGroupOfRoot(const std::string& cgroup) {
 }
 
 std::string idInEnvironment(const BusCredentials& who) {
-    std::string id = environmentValue(procText(who.pid, "environ"), "ZELT_APP_ID");
+    const std::string id = environmentValue(procText(who.pid, "environ"), "ZELT_APP_ID");
     return isApplicationId(id) ? id : std::string();
 }
 
@@ -95,10 +95,11 @@ std::string idFromUser(const BusCredentials& who) {
 }
 
 std::string idInUnit(const BusCredentials& who) {
-    AppUnit unit = appUnitOfCgroup(procText(who.pid, "cgroup"));
+    const AppUnit unit = appUnitOfCgroup(procText(who.pid, "cgroup"));
     if (unit.applicationId.empty())
         return {};
-    bool trusted = unit.ofLogin ? isSwitchedOn("ZELT_APP_ID_TRUST_USER_UNITS") : isGroupOfRoot(unit.cgroup);
+    const bool trusted =
+        unit.ofLogin ? isSwitchedOn("ZELT_APP_ID_TRUST_USER_UNITS") : isGroupOfRoot(unit.cgroup);
     return trusted ? unit.applicationId : std::string();
 }
 
@@ -159,7 +160,7 @@ std::string busApplicationId(const BusCredentials& who) {
     if (!who.pid)
         return {};
     for (auto rule : {idFromEnvironment, idFromLabel, idFromUser, idFromUnit}) {
-        std::string id = rule(who);
+        const std::string id = rule(who);
         if (!id.empty())
             return id + " " + std::to_string(who.pid);
     }

@@ -11,7 +11,7 @@ std::shared_ptr<NameWatch> NameWatch::start(QSHandle* handle, const std::string&
     auto watch = std::make_shared<NameWatch>();
     watch->m_name = name;
     watch->m_report = std::move(report);
-    std::string rule =
+    const std::string rule =
         "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
         "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
         name + "'";
@@ -36,12 +36,12 @@ void NameWatch::tell(bool there) {
     m_known = true;
     m_there = there;
     // A copy: the report may stop the watch.
-    Report report = m_report;
+    const Report report = m_report;
     report(there);
 }
 
 int NameWatch::onChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
-    std::shared_ptr<NameWatch> self = static_cast<NameWatch*>(data)->shared_from_this();
+    const std::shared_ptr<NameWatch> self = static_cast<NameWatch*>(data)->shared_from_this();
     OwnerChange change;
     if (!busReadOwnerChange(signal, change))
         return 0;
@@ -60,7 +60,7 @@ int NameWatch::onInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
 }
 
 int NameWatch::onAsked(sd_bus_message* reply, void* data, sd_bus_error*) {
-    std::shared_ptr<NameWatch> self = static_cast<NameWatch*>(data)->shared_from_this();
+    const std::shared_ptr<NameWatch> self = static_cast<NameWatch*>(data)->shared_from_this();
     int there = 0;
     if (!sd_bus_message_is_method_error(reply, nullptr) && sd_bus_message_read(reply, "b", &there) > 0)
         self->tell(there != 0);

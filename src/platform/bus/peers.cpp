@@ -37,13 +37,13 @@ void leave(Peer& peer) {
 void logRefused(const Peer& peer, const QSMessage& request) {
     static gint64 nextLine = 0;
     static unsigned untold = 0;
-    gint64 now = g_get_monotonic_time();
+    const gint64 now = g_get_monotonic_time();
     if (now < nextLine) {
         untold++;
         return;
     }
     nextLine = now + G_USEC_PER_SEC;
-    std::string more =
+    const std::string more =
         untold ? "; so were " + std::to_string(untold) + " calls since the last such line" : "";
     untold = 0;
     PrvPrintErr({}, "%s of the client %s is refused: it left before the bus told who it is%s", request.method,
@@ -163,7 +163,7 @@ void endSharedWatch(QSHandle* handle) {
 
 // sic: without an install callback sd-bus closes the whole connection when the daemon refuses one match.
 int onWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
-    std::shared_ptr<Peer> peer = entryOf(static_cast<Peer*>(data));
+    const std::shared_ptr<Peer> peer = entryOf(static_cast<Peer*>(data));
     if (!peer)
         return 0;
     if (wasLost(reply) && watch(*peer))
@@ -186,7 +186,7 @@ int onWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
 }
 
 int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
-    std::shared_ptr<Peer> peer = entryOf(static_cast<Peer*>(data));
+    const std::shared_ptr<Peer> peer = entryOf(static_cast<Peer*>(data));
     if (!peer)
         return 0;
     if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
@@ -222,7 +222,7 @@ bool watch(Peer& peer) {
         peer.watchAnswered = handle->sharedWatch.state != SharedWatch::State::Asked;
         return true;
     }
-    std::string rule =
+    const std::string rule =
         "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
         "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
         peer.name + "'";

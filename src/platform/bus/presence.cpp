@@ -30,7 +30,8 @@ int unreadBytes(QSHandle* handle) {
 // Whether what waits in the socket names the client: a signal of its death does.
 bool isNamedInUnread(const Peer& peer) {
     char unread[kBacklog];
-    ssize_t length = recv(sd_bus_get_fd(peer.handle->bus), unread, sizeof unread, MSG_PEEK | MSG_DONTWAIT);
+    const ssize_t length =
+        recv(sd_bus_get_fd(peer.handle->bus), unread, sizeof unread, MSG_PEEK | MSG_DONTWAIT);
     return length > 0 &&
            memmem(unread, static_cast<size_t>(length), peer.name.c_str(), peer.name.size() + 1) != nullptr;
 }

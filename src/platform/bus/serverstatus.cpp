@@ -15,7 +15,7 @@ constexpr const char* kUp = "{\"connected\":true}";
 constexpr const char* kDown = "{\"connected\":false}";
 
 std::string watchedName(const char* payload) {
-    JsonRef object = parseJson(payload);
+    const JsonRef object = parseJson(payload);
     json_object* name = jsonMember(object.get(), "serviceName");
     return json_object_is_type(name, json_type_string) ? json_object_get_string(name) : "";
 }
@@ -40,7 +40,7 @@ bool busIsServerStatus(const BusAddress& address) {
 
 bool busWatchServer(QSHandle* handle, const BusAddress& address, const char* payload, QSFilter callback,
                     void* context, QSToken* token, QSError* error) {
-    std::string name = watchedName(payload);
+    const std::string name = watchedName(payload);
     if (sd_bus_service_name_is_valid(name.c_str()) <= 0)
         return busFail(
             error, -EINVAL,

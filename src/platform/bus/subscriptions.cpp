@@ -234,7 +234,7 @@ void busCancel(QSMessage* request) {
 }
 
 void busCancelAll(Peer& peer) {
-    std::vector<QSMessage*> requests = peer.subscribed;
+    const std::vector<QSMessage*> requests = peer.subscribed;
     for (QSMessage* request : requests) {
         QSMessageRef(request);
         request->cancelled = true;

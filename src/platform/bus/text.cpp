@@ -76,7 +76,7 @@ const char* busWireText(const char* text, std::string& storage, QSError* error) 
         busFail(error, -EINVAL, "There is no payload; give a JSON text");
         return nullptr;
     }
-    size_t length = std::strlen(text);
+    const size_t length = std::strlen(text);
     if (length > kLongestPayload) {
         busFail(error, -EMSGSIZE,
                 "The payload has " + std::to_string(length) + " bytes; the bus carries at most " +
@@ -96,7 +96,7 @@ bool busAsksToSubscribe(const char* payload) {
     // Without the word, and without an escape that might spell it, there is nothing to parse.
     if (!payload || (!std::strstr(payload, "subscribe") && !std::strchr(payload, '\\')))
         return false;
-    JsonRef object = parseJson(payload);
+    const JsonRef object = parseJson(payload);
     json_object* member = jsonMember(object.get(), "subscribe");
     return member && json_object_get_boolean(member);
 }

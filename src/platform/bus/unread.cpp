@@ -108,7 +108,7 @@ void settleGone(Peer& peer) {
 }
 
 int onStatistics(sd_bus_message* reply, void* data, sd_bus_error*) {
-    std::shared_ptr<Peer> peer = busKnownPeer(static_cast<Peer*>(data));
+    const std::shared_ptr<Peer> peer = busKnownPeer(static_cast<Peer*>(data));
     if (!peer)
         return 0;
     peer->unread.question.reset();
@@ -126,7 +126,7 @@ int onStatistics(sd_bus_message* reply, void* data, sd_bus_error*) {
 }
 
 int onPong(sd_bus_message* reply, void* data, sd_bus_error*) {
-    std::shared_ptr<Peer> peer = busKnownPeer(static_cast<Peer*>(data));
+    const std::shared_ptr<Peer> peer = busKnownPeer(static_cast<Peer*>(data));
     if (!peer)
         return 0;
     endPing(*peer);
@@ -278,7 +278,7 @@ void busCountSent(Peer& peer, size_t size) {
 }
 
 bool busAskWhatWasRead(Peer& peer) {
-    Unread& unread = peer.unread;
+    const Unread& unread = peer.unread;
     QSHandle* handle = peer.handle;
     if (!handle->bus)
         return false;

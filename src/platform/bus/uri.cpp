@@ -18,7 +18,7 @@ bool refuse(const char* uri, const std::string& why, QSError* error) {
 }
 
 bool takeScheme(std::string_view& rest) {
-    for (std::string_view scheme : {"zelt://", "quor://"}) {
+    for (const std::string_view scheme : {"zelt://", "quor://"}) {
         if (rest.starts_with(scheme)) {
             rest.remove_prefix(scheme.size());
             return true;
@@ -43,10 +43,10 @@ bool busParseUri(const char* uri, BusAddress& address, QSError* error) {
     std::string_view rest = uri ? uri : "";
     if (!takeScheme(rest))
         return refuse(uri, "begins with neither zelt:// nor quor://", error);
-    size_t first = rest.find('/');
+    const size_t first = rest.find('/');
     if (first == std::string_view::npos)
         return refuse(uri, "names no method", error);
-    size_t last = rest.rfind('/');
+    const size_t last = rest.rfind('/');
     address.service = rest.substr(0, first);
     address.path = first == last ? "/" : rest.substr(first, last - first);
     address.method = rest.substr(last + 1);

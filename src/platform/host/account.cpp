@@ -64,7 +64,7 @@ bool isPort(const std::string& text) {
 
 // Clients strip quotes and backslashes from what they read, so a value with one would reach them damaged.
 bool isPlain(const std::string& text) {
-    for (unsigned char c : text) {
+    for (const unsigned char c : text) {
         if (c < 0x20 || c == 0x7f || c == '"' || c == '\\')
             return false;
     }
@@ -96,7 +96,7 @@ bool checkAccount(const Account& account, std::string& words) {
 }
 
 bool readAccount(const std::string& path, Account& account, std::string& words) {
-    int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
     if (descriptor < 0) {
         words = errno == ENOENT ? std::string("no account is set; ") + kSetIt
                                 : "cannot read " + path + ": " + strerror(errno);
@@ -119,10 +119,10 @@ bool readAccount(const std::string& path, Account& account, std::string& words) 
 bool writeAccount(const std::string& path, const Account& account, std::string& words) {
     if (!checkAccount(account, words))
         return false;
-    JsonRef object(json_object_new_object());
+    const JsonRef object(json_object_new_object());
     addMembers(object.get(), account);
     json_object_object_add(object.get(), "token", json_object_new_string(account.token.c_str()));
-    std::string text = std::string(json_object_to_json_string_ext(object.get(), kPrintFlags)) + "\n";
+    const std::string text = std::string(json_object_to_json_string_ext(object.get(), kPrintFlags)) + "\n";
     gchar* folder = g_path_get_dirname(path.c_str());
     g_mkdir_with_parents(folder, 0750);
     g_free(folder);
@@ -140,9 +140,9 @@ bool writeAccount(const std::string& path, const Account& account, std::string& 
 }
 
 std::string accountPayload(const Account& account) {
-    JsonRef inner(json_object_new_object());
+    const JsonRef inner(json_object_new_object());
     addMembers(inner.get(), account);
-    JsonRef object(json_object_new_object());
+    const JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "returnValue", json_object_new_boolean(true));
     json_object_object_add(object.get(), "jabberId",
                            json_object_new_string(json_object_to_json_string_ext(inner.get(), kPrintFlags)));

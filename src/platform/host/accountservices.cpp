@@ -7,7 +7,7 @@
 
 Presence AccountServices::start(GMainLoop* loop) {
     static const QSMethod methods[] = {{"getAccountToken", onGetAccountToken, 0}, {nullptr, nullptr, 0}};
-    Presence presence = m_bus.take("com.zelt.accountservices");
+    const Presence presence = m_bus.take("com.zelt.accountservices");
     if (presence != Presence::Up)
         return presence;
     return m_bus.serve("/", methods, this) && m_bus.attach(loop) ? Presence::Up : Presence::Failed;

@@ -20,7 +20,7 @@ static itimerspec absolute(int64_t microseconds) {
 }
 
 AlarmClock::~AlarmClock() {
-    for (Timer& timer : m_timers) {
+    for (const Timer& timer : m_timers) {
         if (timer.source)
             g_source_remove(timer.source);
         if (timer.descriptor >= 0)
@@ -55,7 +55,7 @@ void AlarmClock::arm(bool wakeup, int64_t deadline) {
         return;
     timer.deadline = deadline;
     // A time of 0 would disarm the timer; one that is over rings at once.
-    itimerspec spec = deadline < 0 ? itimerspec{} : absolute(std::max<int64_t>(deadline, 1));
+    const itimerspec spec = deadline < 0 ? itimerspec{} : absolute(std::max<int64_t>(deadline, 1));
     if (timerfd_settime(timer.descriptor, TFD_TIMER_ABSTIME, &spec, nullptr) < 0)
         say("cannot set a timer: %s", strerror(errno));
 }

@@ -47,14 +47,14 @@ bool readParams(json_object* object, std::string& params) {
 }
 
 bool isCallable(const std::string& uri) {
-    bool scheme = uri.starts_with("zelt://") || uri.starts_with("quor://");
+    const bool scheme = uri.starts_with("zelt://") || uri.starts_with("quor://");
     return scheme && uri.find('/', 7) != std::string::npos && uri.back() != '/';
 }
 
 // What is left of a delay, by the clock that can be trusted.
 int64_t remaining(json_object* entry, const Alarm& alarm, const ClockReading& now, bool sameBoot) {
-    int64_t left = sameBoot ? numberOf(entry, "boottime_us") - now.boottime
-                            : numberOf(entry, "wallclock_us") - now.wallclock;
+    const int64_t left = sameBoot ? numberOf(entry, "boottime_us") - now.boottime
+                                  : numberOf(entry, "wallclock_us") - now.wallclock;
     // A wall clock that was set wrong must not put an alarm off beyond its whole delay.
     return std::clamp<int64_t>(left, 0, alarm.seconds * kSecond);
 }
@@ -74,8 +74,8 @@ bool parseDelay(const std::string& text, int64_t& seconds) {
         return false;
     int fields[3] = {};
     for (int i = 0; i < 3; i++) {
-        char tens = text[i * 3];
-        char ones = text[i * 3 + 1];
+        const char tens = text[i * 3];
+        const char ones = text[i * 3 + 1];
         if (!isDigit(tens) || !isDigit(ones))
             return false;
         fields[i] = (tens - '0') * 10 + (ones - '0');
@@ -87,7 +87,7 @@ bool parseDelay(const std::string& text, int64_t& seconds) {
 }
 
 bool parseAlarm(const char* payload, Alarm& alarm, std::string& words) {
-    JsonRef object = parseJson(payload);
+    const JsonRef object = parseJson(payload);
     if (!json_object_is_type(object.get(), json_type_object)) {
         words = "the payload is no JSON object";
         return false;
@@ -139,7 +139,7 @@ int64_t AlarmTable::next(bool wakeup) const {
 }
 
 std::string AlarmTable::serialise(const ClockReading& now) const {
-    JsonRef file(json_object_new_object());
+    const JsonRef file(json_object_new_object());
     json_object_object_add(file.get(), "boot", json_object_new_string(now.bootId.c_str()));
     json_object* list = json_object_new_array();
     json_object_object_add(file.get(), "alarms", list);
@@ -160,11 +160,11 @@ std::string AlarmTable::serialise(const ClockReading& now) const {
 }
 
 bool AlarmTable::restore(const std::string& text, const ClockReading& now, int& dropped) {
-    JsonRef file = parseJson(text.c_str());
+    const JsonRef file = parseJson(text.c_str());
     json_object* list = jsonMember(file.get(), "alarms");
     if (!json_object_is_type(list, json_type_array))
         return false;
-    bool sameBoot = textOf(file.get(), "boot") == now.bootId && !now.bootId.empty();
+    const bool sameBoot = textOf(file.get(), "boot") == now.bootId && !now.bootId.empty();
     std::map<std::string, Alarm> alarms;
     for (size_t i = 0; i < json_object_array_length(list); i++) {
         json_object* entry = json_object_array_get_idx(list, i);

@@ -25,7 +25,7 @@ AppInstaller::AppInstaller(const HostConfig& config)
       m_list(config.stateDir + "/applications.json") {}
 
 AppInstaller::~AppInstaller() {
-    for (guint source : {m_source, m_settling, m_announcing}) {
+    for (const guint source : {m_source, m_settling, m_announcing}) {
         if (source)
             g_source_remove(source);
     }
@@ -35,7 +35,7 @@ AppInstaller::~AppInstaller() {
 
 Presence AppInstaller::start(GMainLoop* loop) {
     static const QSMethod methods[] = {{"notifyOnChange", onNotifyOnChange, 0}, {nullptr, nullptr, 0}};
-    Presence presence = m_bus.take("com.zelt.appinstaller");
+    const Presence presence = m_bus.take("com.zelt.appinstaller");
     if (presence != Presence::Up)
         return presence;
     m_inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -102,7 +102,7 @@ gboolean AppInstaller::onSettled(gpointer data) {
 }
 
 void AppInstaller::announce() {
-    std::set<std::string> waiting = m_list.unannounced();
+    const std::set<std::string> waiting = m_list.unannounced();
     for (const std::string& application : waiting) {
         if (!tell(application))
             continue;
@@ -112,7 +112,7 @@ void AppInstaller::announce() {
 }
 
 static bool wants(QSMessage* subscriber, const std::string& application) {
-    JsonRef object = parseJson(QSMessageGetPayload(subscriber));
+    const JsonRef object = parseJson(QSMessageGetPayload(subscriber));
     json_object* wanted = jsonMember(object.get(), "appId");
     return !wanted || !strcmp(json_object_get_string(wanted), "*") ||
            application == json_object_get_string(wanted);
@@ -120,11 +120,11 @@ static bool wants(QSMessage* subscriber, const std::string& application) {
 
 // True when somebody heard it.
 bool AppInstaller::tell(const std::string& application) {
-    JsonRef object(json_object_new_object());
+    const JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "returnValue", json_object_new_boolean(true));
     json_object_object_add(object.get(), "statusChange", json_object_new_string("REMOVED"));
     json_object_object_add(object.get(), "appId", json_object_new_string(application.c_str()));
-    std::string payload = json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
+    const std::string payload = json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
     bool heard = false;
     BusError error;
     QSSubscriptionIter* iter = nullptr;
@@ -142,9 +142,9 @@ bool AppInstaller::tell(const std::string& application) {
 
 bool AppInstaller::onNotifyOnChange(QSHandle* handle, QSMessage* message, void* context) {
     auto* self = static_cast<AppInstaller*>(context);
-    JsonRef object = parseJson(QSMessageGetPayload(message));
+    const JsonRef object = parseJson(QSMessageGetPayload(message));
     BusError error;
-    bool subscribes = json_object_get_boolean(jsonMember(object.get(), "subscribe"));
+    const bool subscribes = json_object_get_boolean(jsonMember(object.get(), "subscribe"));
     if (subscribes && !QSSubscriptionAdd(handle, kKey, message, error)) {
         self->m_bus.refuse(message, std::string("the subscription could not be kept: ") + error.message());
         return true;

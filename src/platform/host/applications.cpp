@@ -20,7 +20,7 @@ json_object* arrayOf(const std::set<std::string>& names) {
 
 std::set<std::string> namesIn(json_object* array) {
     std::set<std::string> names;
-    size_t count = json_object_is_type(array, json_type_array) ? json_object_array_length(array) : 0;
+    const size_t count = json_object_is_type(array, json_type_array) ? json_object_array_length(array) : 0;
     for (size_t i = 0; i < count; i++) {
         if (const char* name = json_object_get_string(json_object_array_get_idx(array, i)))
             names.insert(name);
@@ -49,10 +49,10 @@ bool listApplications(const std::string& folder, std::set<std::string>& applicat
     if (!directory)
         return false;
     while (const dirent* entry = readdir(directory)) {
-        bool nested = entry->d_type == DT_UNKNOWN || entry->d_type == DT_LNK
-                          ? isFolder(folder + "/" + entry->d_name)
-                          : entry->d_type == DT_DIR;
-        std::string application = applicationOf(entry->d_name, nested);
+        const bool nested = entry->d_type == DT_UNKNOWN || entry->d_type == DT_LNK
+                                ? isFolder(folder + "/" + entry->d_name)
+                                : entry->d_type == DT_DIR;
+        const std::string application = applicationOf(entry->d_name, nested);
         if (!application.empty())
             applications.insert(application);
     }
@@ -64,7 +64,7 @@ void ApplicationList::load() {
     gchar* text = nullptr;
     if (!g_file_get_contents(m_file.c_str(), &text, nullptr, nullptr))
         return;
-    JsonRef object = parseJson(text);
+    const JsonRef object = parseJson(text);
     g_free(text);
     m_known = json_object_is_type(jsonMember(object.get(), "installed"), json_type_array);
     m_installed = namesIn(jsonMember(object.get(), "installed"));
@@ -94,10 +94,10 @@ void ApplicationList::announced(const std::string& application) {
 }
 
 void ApplicationList::save() const {
-    JsonRef object(json_object_new_object());
+    const JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "installed", arrayOf(m_installed));
     json_object_object_add(object.get(), "removed", arrayOf(m_removed));
-    std::string text = json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PRETTY);
+    const std::string text = json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PRETTY);
     GError* error = nullptr;
     auto flags =
         static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);

@@ -55,7 +55,7 @@ void BusService::accept(QSMessage* message) {
 }
 
 void BusService::refuse(QSMessage* message, const std::string& words) {
-    JsonRef object(json_object_new_object());
+    const JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "returnValue", json_object_new_boolean(false));
     json_object_object_add(object.get(), "errorText", json_object_new_string(words.c_str()));
     reply(message, json_object_to_json_string_ext(object.get(),

@@ -75,7 +75,7 @@ class Values {
         if (!has(group, key))
             return;
         GError* error = nullptr;
-        int read = g_key_file_get_integer(m_file, group, key, &error);
+        const int read = g_key_file_get_integer(m_file, group, key, &error);
         if (!error && read < 0)
             g_set_error_literal(&error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, "negative");
         note(group, key, "a whole number, 0 or more", error);
@@ -109,7 +109,7 @@ void readValues(GKeyFile* file, HostConfig& config, std::string& problem) {
     values.text("applications", "folder", config.applicationsFolder);
     values.number("applications", "settle-ms", config.settleMs);
     values.names("services", "enabled", config.services);
-    std::string unknown = unknownKey(file);
+    const std::string unknown = unknownKey(file);
     if (!unknown.empty())
         problem = unknown + " is no known setting";
 }
@@ -121,8 +121,8 @@ bool readHostConfig(HostConfig& config, std::string& problem) {
         config.stateDir = folder;
     config.accountFile = config.stateDir + "/account.json";
     const char* named = std::getenv("ZELT_HOST_CONF");
-    std::string path = named ? named : kDefaultFile;
-    KeyFile file(g_key_file_new());
+    const std::string path = named ? named : kDefaultFile;
+    const KeyFile file(g_key_file_new());
     GError* error = nullptr;
     if (g_key_file_load_from_file(file.get(), path.c_str(), G_KEY_FILE_NONE, &error)) {
         readValues(file.get(), config, problem);
@@ -130,7 +130,7 @@ bool readHostConfig(HostConfig& config, std::string& problem) {
             problem = path + ": " + problem + "; correct it and start again";
         return problem.empty();
     }
-    bool absent = !named && g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT);
+    const bool absent = !named && g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT);
     if (!absent)
         problem = path + ": " + error->message;
     g_error_free(error);

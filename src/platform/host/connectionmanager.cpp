@@ -23,7 +23,7 @@ ConnectionManager::~ConnectionManager() {
 
 Presence ConnectionManager::start(GMainLoop* loop) {
     static const QSMethod methods[] = {{"getstatus", onGetStatus, 0}, {nullptr, nullptr, 0}};
-    Presence presence = m_bus.take("com.zelt.connectionmanager");
+    const Presence presence = m_bus.take("com.zelt.connectionmanager");
     if (presence != Presence::Up)
         return presence;
     // Watched before it is read: a change in between is then seen twice rather than never.
@@ -31,7 +31,7 @@ Presence ConnectionManager::start(GMainLoop* loop) {
     if (m_changes >= 0)
         m_source = g_unix_fd_add(m_changes, G_IO_IN, onChange, this);
     refresh();
-    bool served = m_bus.serve("/", methods, this) && m_bus.attach(loop);
+    const bool served = m_bus.serve("/", methods, this) && m_bus.attach(loop);
     return served ? Presence::Up : Presence::Failed;
 }
 
@@ -39,11 +39,11 @@ void ConnectionManager::refresh() {
     NetworkSnapshot snapshot;
     if (!m_bus.handle() || !readNetwork(snapshot))
         return;
-    NetworkState state = decideNetwork(snapshot, m_rules);
+    const NetworkState state = decideNetwork(snapshot, m_rules);
     if (state == m_state)
         return;
     m_state = state;
-    std::string payload = networkPayload(state);
+    const std::string payload = networkPayload(state);
     say("network: %s", payload.c_str());
     m_bus.post("/", "getstatus", payload);
 }

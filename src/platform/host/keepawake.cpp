@@ -24,10 +24,10 @@ void KeepAwake::hold(unsigned milliseconds) {
 }
 
 void KeepAwake::request() {
-    int result = sd_bus_call_method_async(m_system.get(), &m_pending, "org.freedesktop.login1",
-                                          "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
-                                          "Inhibit", onInhibitor, this, "ssss", "sleep", "zelt-host",
-                                          "Delivering an item", "delay");
+    const int result = sd_bus_call_method_async(m_system.get(), &m_pending, "org.freedesktop.login1",
+                                                "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                                "Inhibit", onInhibitor, this, "ssss", "sleep", "zelt-host",
+                                                "Delivering an item", "delay");
     if (result < 0)
         letGo();
 }
@@ -51,7 +51,7 @@ int KeepAwake::onInhibitor(sd_bus_message* reply, void* data, sd_bus_error*) {
 gboolean KeepAwake::onTimeUp(gpointer data) {
     auto* self = static_cast<KeepAwake*>(data);
     self->m_timer = 0;
-    gint64 left = (self->m_until - g_get_monotonic_time() + 999) / 1000;
+    const gint64 left = (self->m_until - g_get_monotonic_time() + 999) / 1000;
     if (left > 0)
         self->m_timer = g_timeout_add(static_cast<guint>(left), onTimeUp, self);
     else

@@ -67,7 +67,7 @@ bool startAll(const std::vector<Service>& services, const HostConfig& config) {
     for (const Service& service : services) {
         if (!config.runs(service.name))
             continue;
-        Presence presence = service.start();
+        const Presence presence = service.start();
         if (presence == Presence::Failed)
             return false;
         up += presence == Presence::Up;
@@ -122,9 +122,9 @@ int runDaemon(const HostConfig& config) {
     if (!prepareState(config))
         return 1;
     Ending ending{g_main_loop_new(nullptr, FALSE)};
-    int signals = openSignals();
-    guint source = g_unix_fd_add(signals, G_IO_IN, onSignal, &ending);
-    bool well = serve(config, ending);
+    const int signals = openSignals();
+    const guint source = g_unix_fd_add(signals, G_IO_IN, onSignal, &ending);
+    const bool well = serve(config, ending);
     g_source_remove(source);
     close(signals);
     g_main_loop_unref(ending.loop);
@@ -140,7 +140,7 @@ int misuse(const std::string& word) {
 
 int main(int argc, char** argv) {
     std::vector<std::string> words(argv + 1, argv + argc);
-    std::string word = words.empty() ? "" : words[0];
+    const std::string word = words.empty() ? "" : words[0];
     if (word == "--help" || word == "-h") {
         std::cout << kUsage << kAccountUsage;
         return 0;

@@ -53,7 +53,7 @@ uint32_t numberIn(const rtattr* attribute) {
 
 std::string addressIn(const rtattr* attribute, int family) {
     char text[INET6_ADDRSTRLEN] = "";
-    size_t needed = family == AF_INET ? 4 : 16;
+    const size_t needed = family == AF_INET ? 4 : 16;
     if (RTA_PAYLOAD(attribute) >= needed)
         inet_ntop(family, RTA_DATA(attribute), text, sizeof text);
     return text;
@@ -70,7 +70,7 @@ std::string deviceType(const std::string& name) {
 
 bool isWireless(const std::string& name) {
     struct stat status;
-    std::string folder = "/sys/class/net/" + name;
+    const std::string folder = "/sys/class/net/" + name;
     return stat((folder + "/wireless").c_str(), &status) == 0 ||
            stat((folder + "/phy80211").c_str(), &status) == 0;
 }
@@ -111,8 +111,8 @@ void addAddress(const nlmsghdr* header, NetworkSnapshot& snapshot) {
     // On a point-to-point link IFA_ADDRESS is the peer.
     if (!local.empty())
         address.text = local;
-    bool pending = (flags & IFA_F_TENTATIVE) && !(flags & IFA_F_OPTIMISTIC);
-    bool leaving = flags & (IFA_F_DADFAILED | IFA_F_DEPRECATED);
+    const bool pending = (flags & IFA_F_TENTATIVE) && !(flags & IFA_F_OPTIMISTIC);
+    const bool leaving = flags & (IFA_F_DADFAILED | IFA_F_DEPRECATED);
     address.usable = info->ifa_scope == RT_SCOPE_UNIVERSE && !pending && !leaving;
     snapshot.addresses.push_back(address);
 }
@@ -136,9 +136,9 @@ std::vector<int> routeLinks(const rtmsg* route, size_t length) {
 }
 
 bool isLiveDefault(const rtmsg* route) {
-    bool family = route->rtm_family == AF_INET || route->rtm_family == AF_INET6;
-    bool table = route->rtm_table == RT_TABLE_MAIN || route->rtm_table == RT_TABLE_DEFAULT;
-    bool live = !(route->rtm_flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN | RTM_F_CLONED));
+    const bool family = route->rtm_family == AF_INET || route->rtm_family == AF_INET6;
+    const bool table = route->rtm_table == RT_TABLE_MAIN || route->rtm_table == RT_TABLE_DEFAULT;
+    const bool live = !(route->rtm_flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN | RTM_F_CLONED));
     return family && table && live && route->rtm_dst_len == 0 && route->rtm_type == RTN_UNICAST;
 }
 
@@ -154,7 +154,7 @@ void addRoute(const nlmsghdr* header, NetworkSnapshot& snapshot) {
         else if (type == RTA_PREFSRC)
             route.source = addressIn(attribute, route.family);
     });
-    for (int link : routeLinks(info, RTM_PAYLOAD(header))) {
+    for (const int link : routeLinks(info, RTM_PAYLOAD(header))) {
         route.link = link;
         snapshot.routes.push_back(route);
     }
@@ -164,7 +164,7 @@ enum class Dump { More, Done, Failed };
 
 Dump readDump(int descriptor, NetworkSnapshot& snapshot) {
     alignas(nlmsghdr) static char buffer[32768];
-    ssize_t received = recv(descriptor, buffer, sizeof buffer, 0);
+    const ssize_t received = recv(descriptor, buffer, sizeof buffer, 0);
     if (received < 0)
         return errno == EINTR ? Dump::More : Dump::Failed;
     auto left = static_cast<unsigned>(received);
@@ -210,8 +210,8 @@ void addNetlinkMessage(const void* message, NetworkSnapshot& snapshot) {
 
 bool readNetwork(NetworkSnapshot& snapshot) {
     snapshot = {};
-    Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    for (uint16_t type : {RTM_GETLINK, RTM_GETADDR, RTM_GETROUTE}) {
+    const Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    for (const uint16_t type : {RTM_GETLINK, RTM_GETADDR, RTM_GETROUTE}) {
         if (socket.get() < 0 || !dump(socket.get(), type, snapshot)) {
             say("cannot read the network's state from the kernel: %s", strerror(errno));
             return false;

@@ -50,7 +50,7 @@ LinkState decideLinks(const NetworkSnapshot& snapshot, const NetworkRules& rules
         if (!link || !link->up || link->kind == LinkKind::Loopback ||
             (link->kind == LinkKind::Mobile) != mobile)
             continue;
-        std::string address = sourceAddress(snapshot, route);
+        const std::string address = sourceAddress(snapshot, route);
         if (!address.empty())
             return {true, address};
     }
@@ -87,7 +87,7 @@ NetworkState decideNetwork(const NetworkSnapshot& snapshot, const NetworkRules& 
 }
 
 std::string networkPayload(const NetworkState& state) {
-    JsonRef object(json_object_new_object());
+    const JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "returnValue", json_object_new_boolean(true));
     json_object_object_add(object.get(), "isInternetConnectionAvailable",
                            json_object_new_boolean(state.internet));

@@ -22,7 +22,7 @@ void PortalWatch::start() {
     sd_bus* bus = m_system.get();
     if (!bus)
         return;
-    int owner = m_owner.start(
+    const int owner = m_owner.start(
         bus,
         [this](bool there) {
             // An answer of the owner before counts no more.
@@ -34,8 +34,9 @@ void PortalWatch::start() {
                 judge(false);
         },
         onMatched);
-    int properties = sd_bus_match_signal_async(bus, &m_properties, kManager, kPath, kProperties,
-                                               "PropertiesChanged", onPropertiesChanged, onMatched, this);
+    const int properties =
+        sd_bus_match_signal_async(bus, &m_properties, kManager, kPath, kProperties, "PropertiesChanged",
+                                  onPropertiesChanged, onMatched, this);
     if (owner < 0 || properties < 0)
         say("NetworkManager cannot be watched; captive portals go unseen");
     ask();

@@ -26,11 +26,11 @@ Power::~Power() {
 Presence Power::start(GMainLoop* loop) {
     static const QSMethod timeouts[] = {{"set", onSet, 0}, {"clear", onClear, 0}, {nullptr, nullptr, 0}};
     static const QSMethod activities[] = {{"activityStart", onActivityStart, 0}, {nullptr, nullptr, 0}};
-    Presence presence = m_bus.take("com.zelt.power");
+    const Presence presence = m_bus.take("com.zelt.power");
     if (presence != Presence::Up)
         return presence;
-    bool served = m_clock.open() && m_bus.serve("/timeout", timeouts, this) &&
-                  m_bus.serve("/com/zelt/power", activities, this) && m_bus.attach(loop);
+    const bool served = m_clock.open() && m_bus.serve("/timeout", timeouts, this) &&
+                        m_bus.serve("/com/zelt/power", activities, this) && m_bus.attach(loop);
     if (!served)
         return Presence::Failed;
     load();
@@ -43,19 +43,19 @@ void Power::load() {
     if (!g_file_get_contents(m_file.c_str(), &text, nullptr, nullptr))
         return;
     int dropped = 0;
-    bool usable = m_alarms.restore(text, readClocks(), dropped);
+    const bool usable = m_alarms.restore(text, readClocks(), dropped);
     g_free(text);
     if (dropped)
         say("%d alarms in %s could not be used and are dropped", dropped, m_file.c_str());
     if (usable)
         return;
-    std::string aside = m_file + ".damaged";
+    const std::string aside = m_file + ".damaged";
     g_rename(m_file.c_str(), aside.c_str());
     say("%s is damaged and was moved to %s; its alarms are lost", m_file.c_str(), aside.c_str());
 }
 
 bool Power::save() {
-    std::string text = m_alarms.serialise(readClocks());
+    const std::string text = m_alarms.serialise(readClocks());
     GError* error = nullptr;
     auto flags =
         static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
@@ -86,7 +86,7 @@ void Power::armClock() {
 
 // Called before it is forgotten on disk: a crash in between rings an alarm twice rather than never.
 void Power::ring() {
-    std::vector<Alarm> due = m_alarms.takeDue(readClocks().boottime);
+    const std::vector<Alarm> due = m_alarms.takeDue(readClocks().boottime);
     for (const Alarm& alarm : due)
         call(alarm);
     if (!due.empty())
@@ -109,7 +109,7 @@ bool Power::onSet(QSHandle*, QSMessage* message, void* context) {
         return true;
     }
     alarm.deadline = readClocks().boottime + alarm.seconds * 1000000;
-    bool fresh = self->m_alarms.set(alarm);
+    const bool fresh = self->m_alarms.set(alarm);
     self->armClock();
     if (!fresh)
         self->saveSoon();
@@ -121,7 +121,7 @@ bool Power::onSet(QSHandle*, QSMessage* message, void* context) {
 
 bool Power::onClear(QSHandle*, QSMessage* message, void* context) {
     auto* self = static_cast<Power*>(context);
-    JsonRef object = parseJson(QSMessageGetPayload(message));
+    const JsonRef object = parseJson(QSMessageGetPayload(message));
     json_object* key = jsonMember(object.get(), "key");
     if (!json_object_is_type(key, json_type_string)) {
         self->m_bus.refuse(message, "\"key\" is missing: the text that names the alarm");
@@ -138,9 +138,10 @@ bool Power::onClear(QSHandle*, QSMessage* message, void* context) {
 
 bool Power::onActivityStart(QSHandle*, QSMessage* message, void* context) {
     auto* self = static_cast<Power*>(context);
-    JsonRef object = parseJson(QSMessageGetPayload(message));
+    const JsonRef object = parseJson(QSMessageGetPayload(message));
     json_object* duration = jsonMember(object.get(), "duration_ms");
-    int64_t milliseconds = json_object_is_type(duration, json_type_int) ? json_object_get_int64(duration) : 0;
+    const int64_t milliseconds =
+        json_object_is_type(duration, json_type_int) ? json_object_get_int64(duration) : 0;
     if (milliseconds < 1 || milliseconds > kLongestActivityMs) {
         self->m_bus.refuse(message,
                            "\"duration_ms\" must be a whole number of milliseconds from 1 to 900000");

@@ -14,9 +14,10 @@ ServiceOwner::~ServiceOwner() {
 
 int ServiceOwner::start(sd_bus* bus, OnChange onChange, sd_bus_message_handler_t onMatched) {
     m_onChange = std::move(onChange);
-    std::string rule = std::string("type='signal',sender='") + kBusDaemon + "',path='" + kBusDaemonPath +
-                       "',interface='" + kBusDaemon + "',member='NameOwnerChanged',arg0='" + m_name + "'";
-    int result = sd_bus_add_match_async(bus, &m_match, rule.c_str(), onOwnerChanged, onMatched, this);
+    const std::string rule = std::string("type='signal',sender='") + kBusDaemon + "',path='" +
+                             kBusDaemonPath + "',interface='" + kBusDaemon +
+                             "',member='NameOwnerChanged',arg0='" + m_name + "'";
+    const int result = sd_bus_add_match_async(bus, &m_match, rule.c_str(), onOwnerChanged, onMatched, this);
     if (result < 0)
         return result;
     return sd_bus_call_method_async(bus, &m_query, kBusDaemon, kBusDaemonPath, kBusDaemon, "GetNameOwner",

@@ -27,7 +27,7 @@ static int millisecondsLeft(sd_bus* bus) {
 gboolean SystemBus::prepare(GSource* source, gint* timeout) {
     auto* self = reinterpret_cast<Source*>(source);
     self->descriptor.fd = sd_bus_get_fd(self->owner->m_bus);
-    int events = sd_bus_get_events(self->owner->m_bus);
+    const int events = sd_bus_get_events(self->owner->m_bus);
     self->descriptor.events = static_cast<gushort>(std::max(events, 0));
     *timeout = events < 0 ? 0 : millisecondsLeft(self->owner->m_bus);
     return *timeout == 0;

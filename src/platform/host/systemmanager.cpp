@@ -24,7 +24,7 @@ SystemManager::~SystemManager() {
 
 Presence SystemManager::start(GMainLoop* loop) {
     static const QSMethod methods[] = {{"getBootStatus", onGetBootStatus, 0}, {nullptr, nullptr, 0}};
-    Presence presence = m_bus.take("com.zelt.systemmanager");
+    const Presence presence = m_bus.take("com.zelt.systemmanager");
     if (presence != Presence::Up)
         return presence;
     if (!m_finished && !askSystemd()) {
