@@ -4,8 +4,8 @@
 
 #include <systemd/sd-bus.h>
 
-inline constexpr const char* kBusDaemon = "org.freedesktop.DBus";
-inline constexpr const char* kBusDaemonPath = "/org/freedesktop/DBus";
+inline constexpr char kBusDaemon[] = "org.freedesktop.DBus";
+inline constexpr char kBusDaemonPath[] = "/org/freedesktop/DBus";
 
 // A match rule decides what a daemon sends to all. A signal that somebody addresses to this connection alone
 // passes it, whatever its sender; the sender is the daemon's own entry and cannot be chosen.

@@ -7,9 +7,9 @@
 
 #include "platform/bus/qs.h"
 
-inline constexpr const char* kErrorNoAnswer = "com.zelt.Error.NoAnswer";
-inline constexpr const char* kErrorLimitExceeded = "com.zelt.Error.LimitExceeded";
-inline constexpr const char* kErrorInvalidText = "com.zelt.Error.InvalidText";
+inline constexpr char kErrorNoAnswer[] = "com.zelt.Error.NoAnswer";
+inline constexpr char kErrorLimitExceeded[] = "com.zelt.Error.LimitExceeded";
+inline constexpr char kErrorInvalidText[] = "com.zelt.Error.InvalidText";
 
 // Fills the record, which may be null, over whatever it held; always false. `code` is a negative errno.
 bool busFail(QSError* error, int code, const std::string& message);

@@ -10,8 +10,8 @@
 
 namespace {
 
-constexpr const char* kPlatformPrefix = "com.zelt.";
-constexpr const char* kPlatformRule =
+constexpr char kPlatformPrefix[] = "com.zelt.";
+constexpr char kPlatformRule[] =
     "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/"
     "DBus',interface='org.freedesktop.DBus',"
     "member='NameOwnerChanged',arg0namespace='com.zelt'";

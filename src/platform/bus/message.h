@@ -13,7 +13,7 @@
 
 struct Method;
 
-inline constexpr const char* kSubscriptionInterface = "com.zelt.Subscription1";
+inline constexpr char kSubscriptionInterface[] = "com.zelt.Subscription1";
 
 struct QSMessage {
     QSHandle* handle;  // one reference

@@ -10,9 +10,9 @@
 
 namespace {
 
-constexpr const char* kBusService = "com.zelt.bus";
-constexpr const char* kUp = "{\"connected\":true}";
-constexpr const char* kDown = "{\"connected\":false}";
+constexpr char kBusService[] = "com.zelt.bus";
+constexpr char kUp[] = "{\"connected\":true}";
+constexpr char kDown[] = "{\"connected\":false}";
 
 std::string watchedName(const char* payload) {
     const JsonRef object = parseJson(payload);

@@ -20,8 +20,8 @@
 
 namespace {
 
-constexpr const char* kStatistics = "org.freedesktop.DBus.Debug.Stats";
-constexpr const char* kPeerInterface = "org.freedesktop.DBus.Peer";
+constexpr char kStatistics[] = "org.freedesktop.DBus.Debug.Stats";
+constexpr char kPeerInterface[] = "org.freedesktop.DBus.Peer";
 
 // Of one client: the more its user has unread, the less; never less than the first, never more than the
 // second. A long text, such as an item, may go to a client beyond that.

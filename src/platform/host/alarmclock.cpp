@@ -12,12 +12,16 @@
 
 #include "platform/host/say.h"
 
-static itimerspec absolute(int64_t microseconds) {
+namespace {
+
+itimerspec absolute(int64_t microseconds) {
     itimerspec spec = {};
     spec.it_value.tv_sec = microseconds / 1000000;
     spec.it_value.tv_nsec = microseconds % 1000000 * 1000;
     return spec;
 }
+
+}  // namespace
 
 AlarmClock::~AlarmClock() {
     for (const Timer& timer : m_timers) {

@@ -15,9 +15,20 @@
 #include "platform/host/say.h"
 #include "util/jsonref.h"
 
-static constexpr char kKey[] = "notifyOnChange";
-static constexpr uint32_t kEvents =
+namespace {
+
+constexpr char kKey[] = "notifyOnChange";
+constexpr uint32_t kEvents =
     IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+
+bool wants(QSMessage* subscriber, const std::string& application) {
+    const JsonRef object = parseJson(QSMessageGetPayload(subscriber));
+    json_object* wanted = jsonMember(object.get(), "appId");
+    return !wanted || !strcmp(json_object_get_string(wanted), "*") ||
+           application == json_object_get_string(wanted);
+}
+
+}  // namespace
 
 AppInstaller::AppInstaller(const HostConfig& config)
     : m_folder(config.applicationsFolder),
@@ -109,13 +120,6 @@ void AppInstaller::announce() {
         say("application %s was removed", application.c_str());
         m_list.announced(application);
     }
-}
-
-static bool wants(QSMessage* subscriber, const std::string& application) {
-    const JsonRef object = parseJson(QSMessageGetPayload(subscriber));
-    json_object* wanted = jsonMember(object.get(), "appId");
-    return !wanted || !strcmp(json_object_get_string(wanted), "*") ||
-           application == json_object_get_string(wanted);
 }
 
 // True when somebody heard it.

@@ -5,10 +5,14 @@
 
 #include "platform/host/say.h"
 
-static constexpr char kManager[] = "org.freedesktop.NetworkManager";
-static constexpr char kPath[] = "/org/freedesktop/NetworkManager";
-static constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
-static constexpr uint32_t kPortal = 2;  // NM_CONNECTIVITY_PORTAL
+namespace {
+
+constexpr char kManager[] = "org.freedesktop.NetworkManager";
+constexpr char kPath[] = "/org/freedesktop/NetworkManager";
+constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
+constexpr uint32_t kPortal = 2;  // NM_CONNECTIVITY_PORTAL
+
+}  // namespace
 
 PortalWatch::PortalWatch(SystemBus& system, OnVerdict onVerdict)
     : m_system(system), m_onVerdict(std::move(onVerdict)), m_owner(kManager) {}

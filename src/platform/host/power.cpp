@@ -10,8 +10,12 @@
 #include "platform/host/say.h"
 #include "util/jsonref.h"
 
-static constexpr guint kSaveDelaySeconds = 5;
-static constexpr int64_t kLongestActivityMs = 15 * 60 * 1000;
+namespace {
+
+constexpr guint kSaveDelaySeconds = 5;
+constexpr int64_t kLongestActivityMs = 15 * 60 * 1000;
+
+}  // namespace
 
 Power::Power(const HostConfig& config, SystemBus& system)
     : m_file(config.stateDir + "/alarms.json"), m_clock([this] { ring(); }), m_awake(system) {}

@@ -14,15 +14,19 @@ struct SystemBus::Source {
     SystemBus* owner;
 };
 
-static constexpr int kMessagesPerTurn = 32;
+namespace {
 
-static int millisecondsLeft(sd_bus* bus) {
+constexpr int kMessagesPerTurn = 32;
+
+int millisecondsLeft(sd_bus* bus) {
     uint64_t due = UINT64_MAX;
     if (sd_bus_get_timeout(bus, &due) < 0 || due == UINT64_MAX)
         return -1;
     auto now = static_cast<uint64_t>(g_get_monotonic_time());
     return due <= now ? 0 : static_cast<int>(std::min<uint64_t>((due - now + 999) / 1000, G_MAXINT));
 }
+
+}  // namespace
 
 gboolean SystemBus::prepare(GSource* source, gint* timeout) {
     auto* self = reinterpret_cast<Source*>(source);

@@ -5,14 +5,18 @@
 
 #include "platform/host/say.h"
 
-static constexpr char kSystemd[] = "org.freedesktop.systemd1";
-static constexpr char kPath[] = "/org/freedesktop/systemd1";
-static constexpr char kManager[] = "org.freedesktop.systemd1.Manager";
+namespace {
 
-static const char* bootPayload(bool finished) {
+constexpr char kSystemd[] = "org.freedesktop.systemd1";
+constexpr char kPath[] = "/org/freedesktop/systemd1";
+constexpr char kManager[] = "org.freedesktop.systemd1.Manager";
+
+const char* bootPayload(bool finished) {
     return finished ? "{\"returnValue\":true,\"finished\":true}"
                     : "{\"returnValue\":true,\"finished\":false}";
 }
+
+}  // namespace
 
 SystemManager::SystemManager(SystemBus& system, bool systemdRuns)
     : m_system(system), m_finished(!systemdRuns), m_systemd(kSystemd) {}

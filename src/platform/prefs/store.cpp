@@ -23,7 +23,7 @@ namespace {
 constexpr int kFormat = 1;      // PRAGMA user_version of the files that this source writes
 constexpr int kBusyWait = 250;  // milliseconds: a commit of another process takes a few
 
-constexpr const char* kSettings =
+constexpr char kSettings[] =
     "PRAGMA journal_mode=WAL;"
     "PRAGMA synchronous=FULL;"
     "PRAGMA wal_autocheckpoint=256;"
@@ -32,7 +32,7 @@ constexpr const char* kSettings =
     "PRAGMA journal_size_limit=4194304;"
     "PRAGMA cache_size=-256;"
     "PRAGMA trusted_schema=OFF;";
-constexpr const char* kSchema =
+constexpr char kSchema[] =
     "BEGIN IMMEDIATE;"
     "CREATE TABLE IF NOT EXISTS prefs(key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL) WITHOUT ROWID;"
     "PRAGMA user_version=1;"

@@ -12,7 +12,7 @@
 namespace {
 
 constexpr std::size_t kLongestAppId = 200;  // leaves room for the endings within the 255 bytes of a file name
-constexpr const char* kDefaultFolder = "/var/lib/zelt/prefs";
+constexpr char kDefaultFolder[] = "/var/lib/zelt/prefs";
 
 std::map<std::string, PrefsStore>& stores() {
     static std::map<std::string, PrefsStore> byFile;

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr const char* kDeviceIdKey = "com.zelt.properties.kduid";
+constexpr char kDeviceIdKey[] = "com.zelt.properties.kduid";
 // Ours alone: another application derives another id from the same machine.
 constexpr sd_id128_t kApplication =
     SD_ID128_MAKE(7b, 1e, 0d, 52, 9c, 4f, 4a, 36, 8e, 21, d5, 60, 3a, f7, 14, c9);
