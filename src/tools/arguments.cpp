@@ -7,44 +7,19 @@
 #include <charconv>
 #include <span>
 
-static const OptionSpec kGlobalOptions[] = {
-    {"json", 0, nullptr, "print machine-readable JSON, one object a line"},
-    {"timeout", 0, "SECONDS", "how long to wait for an answer (30)"},
-    {"app", 0, "ID", "call as this application; works where the service lets callers name themselves"},
-    {"help", 'h', nullptr, "show this help, or the help of a verb"},
-    {"version", 0, nullptr, "show the version"},
-};
-
-std::string Invocation::value(const char* option) const {
-    auto found = options.find(option);
-    return found == options.end() ? "" : found->second;
-}
-
-std::vector<std::string> Invocation::values(const char* option) const {
-    std::vector<std::string> list;
-    for (const auto& [name, text] : given) {
-        if (name == option)
-            list.push_back(text);
-    }
-    return list;
-}
-
-bool isApplicationId(const std::string& text) {
-    static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
-    return !text.empty() && text.size() <= 255 && text[0] != '.' &&
-           text.find_first_not_of(kLetters) == std::string::npos;
-}
-
-bool parseCount(const std::string& text, unsigned& value) {
-    unsigned parsed = 0;
-    auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), parsed);
-    if (fault != std::errc() || end != text.data() + text.size() || parsed == 0 || parsed > 1000000)
-        return false;
-    value = parsed;
-    return true;
-}
+#include "util/applicationid.h"
 
 namespace {
+
+constexpr OptionSpec kGlobalOptions[] = {
+    {.name = "json", .help = "print machine-readable JSON, one object per line"},
+    {.name = "timeout", .value = "SECONDS", .help = "how long to wait for an answer (30)"},
+    {.name = "app",
+     .value = "ID",
+     .help = "call as this application; works where the service lets callers name themselves"},
+    {.name = "help", .letter = 'h', .help = "show this help, or the help of a verb"},
+    {.name = "version", .help = "show the version"},
+};
 
 std::string verbName(const Verb& verb) {
     std::string name;
@@ -242,6 +217,29 @@ std::string optionLines(std::span<const OptionSpec> options) {
 }
 
 }  // namespace
+
+std::string Invocation::value(const char* option) const {
+    auto found = options.find(option);
+    return found == options.end() ? "" : found->second;
+}
+
+std::vector<std::string> Invocation::values(const char* option) const {
+    std::vector<std::string> list;
+    for (const auto& [name, text] : given) {
+        if (name == option)
+            list.push_back(text);
+    }
+    return list;
+}
+
+bool parseCount(const std::string& text, unsigned& value) {
+    unsigned parsed = 0;
+    auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), parsed);
+    if (fault != std::errc() || end != text.data() + text.size() || parsed == 0 || parsed > 1000000)
+        return false;
+    value = parsed;
+    return true;
+}
 
 bool parseArguments(const std::vector<std::string>& words, const std::vector<Verb>& verbs,
                     Invocation& invocation, std::string& problem) {

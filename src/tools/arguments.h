@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The command line: the table of verbs and what a person may write after each. Keeps no state.
+// The command line: the table of verbs and what may follow each. Keeps no state.
 #pragma once
 
 #include <map>
@@ -12,31 +12,31 @@ struct Invocation;
 class Console;
 
 struct OptionSpec {
-    const char* name;   // without the dashes
-    char letter;        // 0 when there is no short form
-    const char* value;  // what its value is called in the help; null for a switch
+    const char* name;             // without the dashes
+    char letter = 0;              // 0 when there is no short form
+    const char* value = nullptr;  // the name of its value in the help; null for a switch
     const char* help;
 };
 
 struct Verb {
     std::vector<const char*> words;  // "node", "create"
-    const char* usage;               // the arguments, for the help
+    const char* usage = "";          // the arguments, for the help
     const char* help;
-    size_t minArguments;
-    size_t maxArguments;
-    std::vector<OptionSpec> options;
+    size_t minArguments = 0;
+    size_t maxArguments = 0;
+    std::vector<OptionSpec> options = {};
     Exit (*run)(const Invocation&, Console&);
     bool takesCommand = false;  // whether -- begins a command to run, not further arguments
 };
 
-// What was asked for. Option values are stored under the long name; a switch holds "".
+// A parsed command line. Option values are stored under the long name; a switch holds "".
 struct Invocation {
     const Verb* verb = nullptr;  // null for --help and --version alone
     std::vector<std::string> arguments;
     std::map<std::string, std::string> options;
-    std::vector<std::pair<std::string, std::string>> given;  // the options again, repeated ones too, in order
+    std::vector<std::pair<std::string, std::string>> given;  // all options in order, repeated ones too
     std::vector<std::string> command;                        // what stood after --
-    std::string app;                                         // the application to pass for; "" names none
+    std::string app;                                         // the application id to call as; "" for none
     bool json = false;
     bool help = false;
     bool version = false;
@@ -47,11 +47,9 @@ struct Invocation {
     std::vector<std::string> values(const char* option) const;  // of an option that may be repeated
 };
 
-// `words` is the command line without the program's own name. False with what was wrong and what to do.
+// `words` is the command line without the program's name. On failure `problem` says what to change.
 bool parseArguments(const std::vector<std::string>& words, const std::vector<Verb>& verbs,
                     Invocation& invocation, std::string& problem);
-// What the platform takes for an application id.
-bool isApplicationId(const std::string& text);
 // A whole number of at least 1; false for anything else.
 bool parseCount(const std::string& text, unsigned& value);
 

@@ -3,13 +3,12 @@
 // outermost unit of a control group path counts: what lies below it is at the disposal of the process itself.
 #include "platform/bus/applicationid.h"
 
-#include <cctype>
 #include <optional>
 #include <vector>
 
-namespace {
+#include "util/applicationid.h"
 
-constexpr size_t kLongestId = 255;
+namespace {
 
 bool dropSuffix(std::string_view& text, std::string_view suffix) {
     if (!text.ends_with(suffix))
@@ -89,16 +88,6 @@ std::string_view managerPath(std::string_view text) {
 }
 
 }  // namespace
-
-bool isApplicationId(std::string_view id) {
-    if (id.empty() || id.size() > kLongestId || id.front() == '.')
-        return false;
-    for (const char c : id) {
-        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-')
-            return false;
-    }
-    return true;
-}
 
 std::string applicationIdOfUnit(std::string_view unit) {
     if (dropSuffix(unit, ".scope"))

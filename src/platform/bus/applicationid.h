@@ -13,9 +13,6 @@ struct AppUnit {
     bool ofLogin = false;       // the unit belongs to a user's own manager
 };
 
-// An id that can stand in node names and files: letters, digits, ".", "_" and "-", not begun by ".", 255 at
-// most.
-bool isApplicationId(std::string_view id);
 // The id in a unit name app[-launcher]-ID-RANDOM.scope or app[-launcher]-ID@RANDOM.service, \x escapes
 // resolved;
 // "" for any other name.

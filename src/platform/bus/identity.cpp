@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/bus/applicationid.h"
+#include "util/applicationid.h"
 #include "util/log.h"
 
 namespace {

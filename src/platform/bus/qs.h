@@ -27,9 +27,9 @@ struct QSError {
 using QSFilter = bool (*)(QSHandle* handle, QSMessage* message, void* context);
 
 struct QSMethod {
-    const char* name;  // null ends a table
-    QSFilter handler;
-    unsigned flags;
+    const char* name = nullptr;  // null ends a table
+    QSFilter handler = nullptr;
+    unsigned flags = 0;
 };
 
 struct QSSignal {

@@ -57,8 +57,7 @@ class PrefsStore {
     sqlite3_stmt* m_commit = nullptr;
 };
 
-// Whether an application id can be a file name: letters, digits, '.', '_' and '-', no '.' in front, 1 to 200
-// bytes.
+// Whether it is an application id, and short enough for the file names of its store: 200 bytes at most.
 bool isPrefsAppId(const char* appId);
 // ZELT_PREFS_DIR, or /var/lib/zelt/prefs.
 std::string prefsFolder();

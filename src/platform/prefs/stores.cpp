@@ -2,12 +2,11 @@
 // Where the stores are: the folder, which application ids can be files in it, and the stores of this process.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 
 #include "platform/prefs/store.h"
+#include "util/applicationid.h"
 
 namespace {
 
@@ -19,18 +18,10 @@ std::map<std::string, PrefsStore>& stores() {
     return byFile;
 }
 
-bool isNameCharacter(unsigned char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-           c == '_' || c == '-';
-}
-
 }  // namespace
 
 bool isPrefsAppId(const char* appId) {
-    if (!appId || !*appId || *appId == '.')
-        return false;
-    const std::size_t length = std::strlen(appId);
-    return length <= kLongestAppId && std::all_of(appId, appId + length, isNameCharacter);
+    return appId && isApplicationId(appId, kLongestAppId);
 }
 
 std::string prefsFolder() {
