@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The bus client of the command line. The bus library quits the loop when the connection is lost; whatever
-// else ends a wait leaves its mark first, so an unmarked end is a lost bus.
+// The bus client of the command line. The bus library quits the loop when the connection is lost; every other
+// end of a wait sets a flag first, so an end without the flag means a lost bus.
 #include "tools/client.h"
 
 #include <cerrno>
@@ -9,7 +9,16 @@
 #include "platform/bus/qsraii.h"
 #include "util/jsonref.h"
 
-static constexpr char kNoMethod[] = "isAnybodyThere";
+namespace {
+
+constexpr char kNoMethod[] = "isAnybodyThere";
+
+Reply refusedCall(const std::string& uri, const BusError& error) {
+    const Exit code = error.code() == -EINVAL ? Exit::Usage : Exit::NotConnected;
+    return {code, "", "cannot call " + uri + ": " + error.message()};
+}
+
+}  // namespace
 
 std::string methodUri(const std::string& method) {
     if (method.find("://") != std::string::npos)
@@ -23,7 +32,7 @@ std::string serviceOf(const std::string& uri) {
     return uri.substr(start, uri.find('/', start) - start);
 }
 
-// One call in progress. Lives on the stack of `follow`; the call is cancelled before it goes.
+// One call in progress. Lives on the stack of its caller; the call is cancelled before it is destroyed.
 struct BusClient::Exchange {
     BusClient* client;
     const OnAnswer& onAnswer;
@@ -32,8 +41,8 @@ struct BusClient::Exchange {
     Reply result = lostBus();
     guint firstTimer = 0;
     guint wholeTimer = 0;
-    bool forgotten = false;  // the bus library is through with the call
-    bool answered = false;   // at least once
+    bool finished = false;  // the bus library has closed the call
+    bool answered = false;  // at least once
 
     void end(Reply reply) {
         result = std::move(reply);
@@ -63,11 +72,6 @@ struct BusClient::Exchange {
         timer = 0;
     }
 };
-
-static Reply refusedCall(const std::string& uri, const BusError& error) {
-    const Exit code = error.code() == -EINVAL ? Exit::Usage : Exit::NotConnected;
-    return {code, "", "cannot call " + uri + ": " + error.message()};
-}
 
 BusClient::BusClient() : m_alive(g_main_loop_new(nullptr, TRUE)) {}
 
@@ -124,9 +128,9 @@ Reply BusClient::send(const std::string& uri, const std::string& payload, unsign
     Reply sent = notify(uri, payload);
     if (sent.exit != Exit::Ok)
         return sent;
-    // A service asks the bus who a new caller is before it hears it. One that has left by then is never
-    // heard, so this waits for the answer to a second call: an error, since there is no such method, but a
-    // later one.
+    // A service asks the bus who a new caller is before it handles its calls, and drops those of a caller
+    // that has left by then. So this waits for the answer to a second call: an error, since there is no such
+    // method, but it comes after the first call was handled.
     const Reply proof = call("zelt://" + serviceOf(uri) + "/" + kNoMethod, "{}", timeoutSeconds);
     return proof.exit == Exit::Refused ? Reply{Exit::Ok, "", ""} : proof;
 }
@@ -134,8 +138,7 @@ Reply BusClient::send(const std::string& uri, const std::string& payload, unsign
 Reply BusClient::follow(const std::string& uri, const std::string& payload, Wait wait,
                         const OnAnswer& onAnswer) {
     Exchange exchange{.client = this, .onAnswer = onAnswer, .service = serviceOf(uri), .wait = wait};
-    // The bus tells a caller whose call is open, but not one that was answered already, that the service
-    // died.
+    // The bus reports the death of the service for a call without an answer, but not for an answered one.
     watch(exchange.service, [&exchange](bool there) {
         if (!there && exchange.answered)
             exchange.end({Exit::NotConnected, "", exchange.service + " left the bus"});
@@ -152,7 +155,7 @@ bool BusClient::onReply(QSHandle*, QSMessage* message, void* context) {
     Exchange::stop(exchange->firstTimer);
     exchange->answered = true;
     if (QSMessageIsError(message)) {
-        exchange->forgotten = true;
+        exchange->finished = true;
         exchange->end(
             judgeBusError(exchange->service, QSMessageGetErrorName(message), QSMessageGetPayload(message)));
         return true;
@@ -173,7 +176,7 @@ Reply BusClient::finish(Exchange& exchange, const std::string& uri, const std::s
     Exchange::stop(exchange.firstTimer);
     Exchange::stop(exchange.wholeTimer);
     BusError gone;
-    if (!exchange.forgotten)
+    if (!exchange.finished)
         QSCallCancel(m_handle, token, gone);
     return exchange.result;
 }
@@ -189,7 +192,7 @@ bool BusClient::onOpenReply(QSHandle*, QSMessage* message, void* context) {
 
 bool BusClient::onOpenEnd(QSHandle*, QSMessage* message, void* context) {
     const JsonRef end = parseWholeJson(QSMessageGetPayload(message));
-    // A service that is gone did not end it; whoever watches the service hears of that.
+    // A service that is gone did not end the call; the watch on the service reports that.
     if (textMember(end.get(), "reason") != "gone")
         static_cast<BusClient*>(context)->m_onOpenEnd();
     return true;

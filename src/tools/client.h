@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// One connection to one bus, served on the default main context: calls that wait for one answer or for many.
-// Nothing outlives the object.
+// One connection to one bus on the default main context: calls that wait for one answer or for many. Nothing
+// outlives the object.
 #pragma once
 
 #include <functional>
@@ -12,7 +12,7 @@
 
 inline constexpr char kService[] = "com.zelt.pubsubservice";
 
-// The URI of a method of the service; a whole URI stays as it is.
+// The URI of a method of the service; a full URI is returned as it is.
 std::string methodUri(const std::string& method);
 // The bus name within a URI.
 std::string serviceOf(const std::string& uri);
@@ -33,34 +33,34 @@ class BusClient {
     // Calls and waits for the first answer.
     Reply call(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
 
-    // Sends a call that nobody answers, from a client that stays.
+    // Sends a call that gets no answer, from a client that stays connected.
     Reply notify(const std::string& uri, const std::string& payload);
-    // Sends a call that nobody answers, and waits until the service has it.
+    // Sends a call that gets no answer, and waits until the service has handled it.
     Reply send(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
 
     using OnAnswer = std::function<bool(const Reply&)>;  // false ends the wait
     struct Wait {
-        unsigned firstSeconds = 0;  // for the first answer; 0 waits for ever
-        unsigned wholeSeconds = 0;  // for the end; 0 waits for ever
+        unsigned firstSeconds = 0;  // for the first answer; 0 waits forever
+        unsigned wholeSeconds = 0;  // for the end; 0 waits forever
     };
-    // Calls and hands on every answer until `onAnswer` has enough, an answer is a refusal, the service goes
-    // or a time is up. The result is the last answer, or what ended the wait.
+    // Calls and passes on every answer until `onAnswer` returns false, an answer is a refusal, the service
+    // leaves the bus or a time limit expires. Returns the last answer, or what ended the wait.
     Reply follow(const std::string& uri, const std::string& payload, Wait wait, const OnAnswer& onAnswer);
 
-    // Calls and hands on every answer, the last of which may be a bus error, until `close`; then `onEnd` when
-    // the service says that no answer follows. One open call a client; the functions may only take notes and
-    // `quit`.
+    // Calls and passes on every answer, the last of which may be a bus error, until `close`; then calls
+    // `onEnd` when the service says that no answer follows. One open call per client; the callbacks may only
+    // record what happened and `quit`.
     using OnOpenAnswer = std::function<void(Reply)>;
     using OnEnd = std::function<void()>;
     Reply open(const std::string& uri, const std::string& payload, OnOpenAnswer onAnswer, OnEnd onEnd);
     void close();
 
     // Runs the loop until `quit` or the loss of the bus; false when the bus was lost. A `quit` between two
-    // runs ends the next one at once.
+    // runs ends the next one immediately.
     bool run();
     void quit();
 
-    // Tells when a service comes and goes, from the next run on. One watch a client.
+    // Reports when a service appears on the bus and leaves it, from the next run on. One watch per client.
     using OnPresence = std::function<void(bool there)>;
     bool watch(const std::string& service, OnPresence onPresence);
 
@@ -72,13 +72,12 @@ class BusClient {
     static bool onServerStatus(QSHandle* handle, QSMessage* message, void* context);
     Reply finish(Exchange& exchange, const std::string& uri, const std::string& payload);
 
-    // Never run as a loop: the bus library quits it when the connection is lost, and so it tells that for
-    // good.
+    // Never run: the bus library quits it when the connection is lost, so it records that permanently.
     GMainLoop* m_alive;
     QSHandle* m_handle = nullptr;
-    bool m_quit = false;  // an end that was asked for, not the loss of the bus
+    bool m_quit = false;  // set by `quit`, not by the loss of the bus
     OnPresence m_onPresence;
-    QSToken m_open = 0;  // the open call; the bus library may be through with it
+    QSToken m_open = 0;  // the open call; the bus library may have closed it already
     std::string m_openService;
     OnOpenAnswer m_onOpenAnswer;
     OnEnd m_onOpenEnd;

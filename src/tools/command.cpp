@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Runs the command of a person for each item. The item stands in a file in memory, so that a command that
-// does not read it holds up nobody.
+// Runs a command for each item. The item is in a memory file, so that a command that does not read
+// it blocks nothing.
 #include "tools/command.h"
 
 #include <glib.h>
@@ -17,7 +17,7 @@ extern char** environ;
 
 namespace {
 
-// A descriptor at the beginning of the text; negative when the system has none to spare.
+// A descriptor at the beginning of the text; negative when there is none left.
 int fileOf(const std::string& text) {
     const int file = memfd_create("item", MFD_CLOEXEC);
     size_t written = 0;
@@ -34,10 +34,10 @@ int fileOf(const std::string& text) {
     return file;
 }
 
-std::string howItEnded(const std::string& name, int status) {
+std::string describeExit(const std::string& name, int status) {
     if (WIFSIGNALED(status))
-        return name + " was ended by signal " + std::to_string(WTERMSIG(status));
-    return name + " ended with code " + std::to_string(WEXITSTATUS(status));
+        return name + " was killed by signal " + std::to_string(WTERMSIG(status));
+    return name + " exited with code " + std::to_string(WEXITSTATUS(status));
 }
 
 struct End {
@@ -71,7 +71,7 @@ pid_t Command::start(int input) {
     sigset_t signals;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_adddup2(&files, input, STDIN_FILENO);
-    // This program ignores SIGPIPE; another one rarely expects that.
+    // This program ignores SIGPIPE; the command should not inherit that.
     sigemptyset(&signals);
     sigaddset(&signals, SIGPIPE);
     posix_spawnattr_init(&attributes);
@@ -91,7 +91,7 @@ int Command::waitForEnd(BusClient& client) {
     }
     if (end.reached)
         return end.status;
-    // The bus is lost and the loop with it.
+    // The bus is lost, and the main loop with it.
     g_source_remove(watch);
     while (waitpid(m_process, &end.status, 0) < 0 && errno == EINTR) {
     }
@@ -111,7 +111,7 @@ bool Command::run(const std::string& input, BusClient& client, std::string& prob
     m_process = 0;
     if (status == 0)
         return true;
-    problem = howItEnded(m_words[0], status);
+    problem = describeExit(m_words[0], status);
     return false;
 }
 

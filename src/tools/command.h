@@ -15,9 +15,9 @@ class Command {
 
     bool given() const { return !m_words.empty(); }
     const std::string& name() const { return m_words[0]; }
-    // Whether there is such a program; looked up before anything is received for it.
+    // Whether there is such a program; checked before any item is received for it.
     bool exists() const;
-    // Runs it to its end, while the bus is served. False with the reason when it did not end well.
+    // Runs it to its end while the bus is served. False with the reason when it failed.
     bool run(const std::string& input, BusClient& client, std::string& problem);
     // Passes a signal on to the process, when one runs.
     void signal(int number) const;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Printing. Each line is flushed, since the reader may be a pipe that waits for it.
+// Printing. Each line is flushed, since the reader may be at the other end of a pipe.
 #include "tools/console.h"
 
 #include "util/jsonref.h"
@@ -9,7 +9,7 @@ bool Console::line(const std::string& text) {
     return m_out.good();
 }
 
-void Console::complain(const std::string& text) {
+void Console::message(const std::string& text) {
     m_err << "pubsubctl: " << (m_terminals.err ? escapeForTerminal(text) : text) << std::endl;
 }
 
@@ -17,14 +17,14 @@ Exit Console::finish(const Reply& reply, const std::string& terse) {
     if (m_json && !reply.payload.empty())
         line(oneLine(reply.payload));
     if (!reply.problem.empty())
-        complain(reply.problem);
+        message(reply.problem);
     else if (!m_json)
         line(terse);
     return reply.exit;
 }
 
 Exit Console::usage(const std::string& problem) {
-    complain(problem);
+    message(problem);
     return Exit::Usage;
 }
 

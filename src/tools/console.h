@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Where a command prints: results on one stream, complaints on the other, terse or as JSON. Borrows its
-// streams.
+// Where a command prints: results on one stream, messages on the other, as text or as JSON.
+// Borrows its streams.
 #pragma once
 
 #include <istream>
@@ -11,8 +11,7 @@
 
 class Console {
   public:
-    // Which of the two streams are terminals: on these, control characters of what others sent are written as
-    // escapes.
+    // Which of the two streams are terminals: control characters are escaped on these.
     struct Terminals {
         bool out = false, err = false;
     };
@@ -23,11 +22,12 @@ class Console {
 
     bool json() const { return m_json; }
     std::istream& in() { return m_in; }
-    // Writes one line at once; false when nobody reads any more.
+    // Writes one line and flushes it; false when the reader has closed the stream.
     bool line(const std::string& text);
-    void complain(const std::string& text);
-    // Prints a finished call: the reply itself under --json, else `terse` when it went well. Returns its exit
-    // code.
+    // Prints a message for the user to the error stream.
+    void message(const std::string& text);
+    // Prints a finished call: the reply itself under --json, else `terse` when it succeeded. Returns
+    // the exit code.
     Exit finish(const Reply& reply, const std::string& terse);
     Exit usage(const std::string& problem);
 
@@ -42,5 +42,5 @@ class Console {
 // Line breaks and tabs stay; other control characters (C0, DEL, C1) become \xHH.
 std::string escapeForTerminal(const std::string& text);
 
-// A payload as one line of JSON; text that is no JSON becomes a JSON string.
+// A payload as one line of JSON; text that is not JSON becomes a JSON string.
 std::string oneLine(const std::string& payload);

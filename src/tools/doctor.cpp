@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `doctor`: looks at everything between a client and the server, in the order in which it is needed. Changes
-// nothing.
+// `doctor`: checks everything between a client and the server, in the order in which it is
+// needed. Changes nothing.
 #include "tools/doctor.h"
 
 #include <sys/stat.h>
@@ -21,7 +21,7 @@ namespace {
 constexpr unsigned kStepSeconds = 5;
 constexpr unsigned long long kLeastSpace = 16ULL * 1024 * 1024;
 
-const char* stateWord(Finding::State state) {
+const char* stateName(Finding::State state) {
     switch (state) {
         case Finding::State::Good:
             return "ok";
@@ -44,16 +44,18 @@ Finding fromReply(const std::string& check, const Reply& reply, const std::strin
     return {check, Finding::State::Bad, reply.problem, advice};
 }
 
-// The platform services that the push service relies on, each with a question that changes nothing.
+// The platform services that the push service relies on, each with a call that changes nothing.
 struct Needed {
     const char* check;
     const char* uri;
     const char* payload;
 };
-const Needed kNeeded[] = {
-    {"power service", "zelt://com.zelt.power/timeout/clear", "{\"key\":\"pubsubctl.doctor\"}"},
-    {"installer service", "zelt://com.zelt.appinstaller/notifyOnChange", "{}"},
-    {"boot service", "zelt://com.zelt.systemmanager/getBootStatus", "{}"},
+constexpr Needed kNeeded[] = {
+    {.check = "power service",
+     .uri = "zelt://com.zelt.power/timeout/clear",
+     .payload = "{\"key\":\"pubsubctl.doctor\"}"},
+    {.check = "installer service", .uri = "zelt://com.zelt.appinstaller/notifyOnChange", .payload = "{}"},
+    {.check = "boot service", .uri = "zelt://com.zelt.systemmanager/getBootStatus", .payload = "{}"},
 };
 constexpr char kStartHost[] = "start zelt-host, or whatever provides it on this machine";
 
@@ -63,10 +65,9 @@ Finding judgeNetwork(const Reply& reply) {
     const JsonRef status = parseWholeJson(reply.payload);
     if (boolMember(status.get(), "isInternetConnectionAvailable"))
         return {"network", Finding::State::Good, "the Internet is reachable", ""};
-    return {"network", Finding::State::Bad, "no link leads to the Internet",
-            "check the links and the default route; a machine with loopback alone needs "
-            "loopback-is-internet=true "
-            "in the host's settings"};
+    return {"network", Finding::State::Bad, "no network link reaches the Internet",
+            "check the links and the default route; a machine with only a loopback interface needs "
+            "loopback-is-internet=true in the settings of zelt-host"};
 }
 
 Finding judgeLogin(const Reply& reply) {
@@ -76,8 +77,9 @@ Finding judgeLogin(const Reply& reply) {
     if (boolMember(status.get(), "connected"))
         return {"login", Finding::State::Good, "the service is logged in", ""};
     return {"login", Finding::State::Bad, "the service is not connected",
-            "put right what stands above, then `pubsubctl session login`, also when a login failed while the "
-            "reconnect alarm rang: it is not tried again by itself; the service's log has the reason"};
+            "fix the findings above, then run `pubsubctl session login`, which is also needed when a login "
+            "failed "
+            "at a reconnect alarm, since that one is not retried; the service's log has the reason"};
 }
 
 std::string readText(const std::string& path) {
@@ -87,7 +89,7 @@ std::string readText(const std::string& path) {
     return text.str();
 }
 
-// The service refuses such a credentials file.
+// The service rejects such a credentials file.
 bool othersCanRead(const std::string& file) {
     struct stat status = {};
     return stat(file.c_str(), &status) == 0 && (status.st_mode & 077) != 0;
@@ -99,28 +101,28 @@ class Doctor {
     Exit run();
 
   private:
-    void tell(const Finding& finding);
+    void report(const Finding& finding);
     void checkBuses();
     void checkServices();
     bool findPlace(ServerPlace& place);
-    void checkWayToServer();
+    void checkPathToServer();
     void checkFolders();
     Reply ask(const std::string& uri, const std::string& payload);
 
     const Invocation& m_invocation;
     Console& m_console;
     std::unique_ptr<BusClient> m_private;
-    bool m_well = true;
+    bool m_healthy = true;
 };
 
-void Doctor::tell(const Finding& finding) {
+void Doctor::report(const Finding& finding) {
     m_console.line(findingLine(finding, m_console.json()));
-    m_well = m_well && finding.state != Finding::State::Bad;
+    m_healthy = m_healthy && finding.state != Finding::State::Bad;
 }
 
 Reply Doctor::ask(const std::string& uri, const std::string& payload) {
     if (!m_private)
-        return {Exit::NotConnected, "", "needs the private bus"};
+        return {Exit::NotConnected, "", "requires the private bus"};
     return m_private->call(uri, payload, std::min(m_invocation.timeoutSeconds, kStepSeconds));
 }
 
@@ -129,7 +131,7 @@ void Doctor::checkBuses() {
          {std::pair{QSBus::Private, "private bus"}, std::pair{QSBus::Public, "public bus"}}) {
         Reply reply{Exit::Ok, "", ""};
         auto client = openBus(bus, reply);
-        tell(fromReply(name, reply, "reachable", "start it; its address is in the variable named above"));
+        report(fromReply(name, reply, "reachable", "start it; its address is in the variable named above"));
         if (bus == QSBus::Private)
             m_private = std::move(client);
     }
@@ -137,60 +139,59 @@ void Doctor::checkBuses() {
 
 void Doctor::checkServices() {
     const Reply status = ask(methodUri("subscribeConnStatus"), "{}");
-    tell(fromReply("push service", status, "answers", "start pubsubservice"));
+    report(fromReply("push service", status, "answers", "start pubsubservice"));
     for (const Needed& needed : kNeeded)
-        tell(fromReply(needed.check, ask(needed.uri, needed.payload), "answers", kStartHost));
-    tell(judgeNetwork(ask("zelt://com.zelt.connectionmanager/getstatus", "{}")));
+        report(fromReply(needed.check, ask(needed.uri, needed.payload), "answers", kStartHost));
+    report(judgeNetwork(ask("zelt://com.zelt.connectionmanager/getstatus", "{}")));
 }
 
 bool Doctor::findPlace(ServerPlace& place) {
     const std::string file = fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub") + "/pubsub.conf";
     const Reply reply = ask("zelt://com.zelt.accountservices/getAccountToken", "");
     if (placeFromAccount(reply.payload, place))
-        tell({"account", Finding::State::Good, place.user + "@" + place.domain, ""});
+        report({"account", Finding::State::Good, place.user + "@" + place.domain, ""});
     else if (!othersCanRead(file) && placeFromCredentials(readText(file), place))
-        tell({"account", Finding::State::Good, place.user + "@" + place.domain + ", from " + file,
-              "set it with `zelt-host account set` as well: a connection that is lost does not come back by "
-              "itself "
-              "with this file alone; `pubsubctl status --public` connects it again"});
+        report({"account", Finding::State::Good, place.user + "@" + place.domain + ", from " + file,
+                "also set it with `zelt-host account set`: with this file alone a lost connection is not "
+                "re-established; `pubsubctl status --public` reconnects"});
     else
-        tell({"account", Finding::State::Bad,
-              othersCanRead(file)     ? file + " can be read by others than its owner and is not taken"
-              : reply.problem.empty() ? "the answer names no account"
-                                      : reply.problem,
-              "set it with `zelt-host account set`"});
+        report({"account", Finding::State::Bad,
+                othersCanRead(file)     ? file + " is readable by users other than its owner and is ignored"
+                : reply.problem.empty() ? "the answer contains no account"
+                                        : reply.problem,
+                "set it with `zelt-host account set`"});
     return !place.domain.empty();
 }
 
-void Doctor::checkWayToServer() {
+void Doctor::checkPathToServer() {
     ServerPlace place;
     if (!findPlace(place)) {
         for (const char* check : {"name resolution", "connection", "certificate"})
-            tell({check, Finding::State::Unknown, "needs an account", ""});
+            report({check, Finding::State::Unknown, "requires an account", ""});
         return;
     }
     const std::string caFile = fromEnvironment("PUBSUB_CA_FILE", "/etc/ssl/certs/ca-certificates.crt");
     for (const Finding& finding : checkServer(place, caFile, kStepSeconds))
-        tell(finding);
+        report(finding);
 }
 
 void Doctor::checkFolders() {
-    tell(checkFolder("state folder", fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub")));
-    tell(checkFolder("store", fromEnvironment("ZELT_PREFS_DIR", "/var/lib/zelt/prefs")));
+    report(checkFolder("state folder", fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub")));
+    report(checkFolder("store", fromEnvironment("ZELT_PREFS_DIR", "/var/lib/zelt/prefs")));
 }
 
 Exit Doctor::run() {
     checkBuses();
     checkServices();
-    checkWayToServer();
+    checkPathToServer();
     const Finding login = judgeLogin(ask(methodUri("subscribeConnStatus"), "{}"));
-    tell(login);
+    report(login);
     if (login.state == Finding::State::Good)
-        tell(judgeExtension(ask(methodUri("activateNode"), "{\"node\":\"/pubsubctl/doctor\"}").payload));
+        report(judgeExtension(ask(methodUri("activateNode"), "{\"node\":\"/pubsubctl/doctor\"}").payload));
     else
-        tell({"server extension", Finding::State::Unknown, "needs a login", ""});
+        report({"server extension", Finding::State::Unknown, "requires a login", ""});
     checkFolders();
-    return m_well ? Exit::Ok : Exit::NotConnected;
+    return m_healthy ? Exit::Ok : Exit::NotConnected;
 }
 
 }  // namespace
@@ -229,20 +230,21 @@ Finding checkFolder(const std::string& check, const std::string& folder) {
         return {check, Finding::State::Bad, folder + ": " + strerror(errno),
                 "create it for the user that pubsubservice runs as"};
     if (static_cast<unsigned long long>(space.f_bavail) * space.f_frsize < kLeastSpace)
-        return {check, Finding::State::Bad, folder + " has less than 16 MiB left", "make room on its disk"};
+        return {check, Finding::State::Bad, folder + " has less than 16 MiB left", "free space on its disk"};
     if (access(folder.c_str(), W_OK) != 0 && errno == EROFS)
-        return {check, Finding::State::Bad, folder + " is on a read-only disk", "mount it for writing"};
+        return {check, Finding::State::Bad, folder + " is on a read-only file system",
+                "remount it read-write"};
     return {check, Finding::State::Good, folder, ""};
 }
 
-// The node does not exist, so a server with the extension answers that it does not know it.
+// The node does not exist, so a server with the extension answers item-not-found.
 Finding judgeExtension(const std::string& payload) {
     const JsonRef answer = parseWholeJson(payload);
     const std::string text = textMember(answer.get(), "errorText");
     const bool understood =
         boolMember(answer.get(), "returnValue") || text.find("item-not-found") != std::string::npos;
     if (understood)
-        return {"server extension", Finding::State::Good, "the server knows device operations", ""};
+        return {"server extension", Finding::State::Good, "the server supports device operations", ""};
     if (payload.empty())
         return {"server extension", Finding::State::Unknown, "no answer from the server", ""};
     return {"server extension", Finding::State::Bad, "the server answers device operations with: " + text,
@@ -253,11 +255,11 @@ std::string findingLine(const Finding& finding, bool json) {
     if (json)
         return JsonObject()
             .set("check", finding.check)
-            .set("state", stateWord(finding.state))
+            .set("state", stateName(finding.state))
             .set("detail", finding.detail)
             .set("advice", finding.advice)
             .line();
-    std::string state = stateWord(finding.state);
+    std::string state = stateName(finding.state);
     state.resize(8, ' ');
     const std::string line = state + finding.check + ": " + finding.detail;
     return finding.advice.empty() ? line : line + "\n        -> " + finding.advice;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The server as `doctor` sees it: resolves its name, connects and shakes hands over TLS the way the service
-// does, but sends no account. Waits at most the given time in each step.
+// The server checks of `doctor`: resolves the name, connects and performs the TLS handshake as the service
+// does, but does not authenticate. Waits at most the given time in each step.
 #include <arpa/inet.h>
 #include <gnutls/gnutls.h>
 #include <netdb.h>
@@ -43,14 +43,14 @@ Finding resolve(const ServerPlace& place, Addresses& addresses) {
     addresses.reset(found);
     if (result != 0)
         return bad("name resolution", place.host + ": " + gai_strerror(result),
-                   "check the name in the account and the machine's name servers");
+                   "check the host name in the account and this machine's DNS servers");
     std::string list;
     for (const addrinfo* address = found; address; address = address->ai_next)
         list += (list.empty() ? "" : ", ") + textOf(*address);
-    return good("name resolution", place.host + " is " + list);
+    return good("name resolution", place.host + " resolves to " + list);
 }
 
-// A blocking socket of which no call takes longer than the time given.
+// A blocking socket whose calls time out after `seconds`.
 int connectTo(const addrinfo& address, unsigned seconds) {
     const int descriptor = socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     timeval limit = {static_cast<time_t>(seconds), 0};
@@ -71,10 +71,10 @@ Finding reach(const ServerPlace& place, const addrinfo* addresses, unsigned seco
     if (descriptor >= 0)
         return good("connection", where + " accepts connections");
     return bad("connection", where + ": " + strerror(errno),
-               "check that the server runs and that no firewall stands between");
+               "check that the server is running and that no firewall blocks the port");
 }
 
-// Reads until one of the texts has come; false at the end, at the time limit and when it is none of XMPP.
+// Reads until `wanted` has come; false at the end of the stream, at the time limit and after 64 KiB.
 bool readUntil(int descriptor, const char* wanted) {
     std::string seen;
     char block[2048];
@@ -87,18 +87,18 @@ bool readUntil(int descriptor, const char* wanted) {
     return seen.find(wanted) != std::string::npos;
 }
 
-bool say(int descriptor, const std::string& text) {
+bool sendText(int descriptor, const std::string& text) {
     return send(descriptor, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
 }
 
-// RFC 6120, section 5: the stream is opened in the clear and turns to TLS at once.
+// RFC 6120, section 5: the stream is opened in the clear and switches to TLS immediately.
 bool startTls(int descriptor, const ServerPlace& place) {
-    return say(descriptor,
-               "<?xml version='1.0'?><stream:stream xmlns='jabber:client' version='1.0' "
-               "xmlns:stream='http://etherx.jabber.org/streams' to='" +
-                   place.domain + "'>") &&
+    return sendText(descriptor,
+                    "<?xml version='1.0'?><stream:stream xmlns='jabber:client' version='1.0' "
+                    "xmlns:stream='http://etherx.jabber.org/streams' to='" +
+                        place.domain + "'>") &&
            readUntil(descriptor, "urn:ietf:params:xml:ns:xmpp-tls") &&
-           say(descriptor, "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>") &&
+           sendText(descriptor, "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>") &&
            readUntil(descriptor, "<proceed");
 }
 
@@ -119,28 +119,28 @@ struct Tls {
     gnutls_session_t session = nullptr;
 };
 
-std::string whyRefused(gnutls_session_t session, int result) {
-    gnutls_datum_t words = {};
+std::string refusalReason(gnutls_session_t session, int result) {
+    gnutls_datum_t printed = {};
     const unsigned status = gnutls_session_get_verify_cert_status(session);
     if (result != GNUTLS_E_CERTIFICATE_VERIFICATION_ERROR ||
-        gnutls_certificate_verification_status_print(status, GNUTLS_CRT_X509, &words, 0) < 0)
+        gnutls_certificate_verification_status_print(status, GNUTLS_CRT_X509, &printed, 0) < 0)
         return gnutls_strerror(result);
-    std::string text(reinterpret_cast<char*>(words.data), words.size);
-    gnutls_free(words.data);
+    std::string text(reinterpret_cast<char*>(printed.data), printed.size);
+    gnutls_free(printed.data);
     while (!text.empty() && (text.back() == ' ' || text.back() == '\0'))
         text.pop_back();
     return text;
 }
 
-Finding shakeHands(int descriptor, const ServerPlace& place, const std::string& caFile, unsigned seconds) {
+Finding handshake(int descriptor, const ServerPlace& place, const std::string& caFile, unsigned seconds) {
     const Tls tls;
     const int trusted =
         gnutls_certificate_set_x509_trust_file(tls.credentials, caFile.c_str(), GNUTLS_X509_FMT_PEM);
     if (trusted <= 0)
-        return bad("certificate", caFile + " holds no certificate authority",
+        return bad("certificate", caFile + " contains no CA certificates",
                    "install the ca-certificates package");
     if (!startTls(descriptor, place))
-        return bad("certificate", "the server offers no TLS for " + place.domain,
+        return bad("certificate", "the server does not offer TLS for " + place.domain,
                    "check that the port is the one for XMPP clients and that the server has a certificate");
     gnutls_server_name_set(tls.session, GNUTLS_NAME_DNS, place.domain.data(), place.domain.size());
     gnutls_session_set_verify_cert(tls.session, place.domain.c_str(), 0);
@@ -152,9 +152,9 @@ Finding shakeHands(int descriptor, const ServerPlace& place, const std::string& 
     if (result == 0)
         return good("certificate", "valid for " + place.domain + ", " +
                                        gnutls_protocol_get_name(gnutls_protocol_get_version(tls.session)));
-    return bad(
-        "certificate", whyRefused(tls.session, result),
-        "have the server present a certificate for " + place.domain + " that " + caFile + " vouches for");
+    return bad("certificate", refusalReason(tls.session, result),
+               "install a certificate for " + place.domain + " on the server that an authority in " + caFile +
+                   " has signed");
 }
 
 }  // namespace
@@ -163,17 +163,17 @@ std::vector<Finding> checkServer(const ServerPlace& place, const std::string& ca
     Addresses addresses(nullptr, freeaddrinfo);
     std::vector<Finding> findings = {resolve(place, addresses)};
     if (!addresses) {
-        findings.push_back(unknown("connection", "needs the server's address"));
-        findings.push_back(unknown("certificate", "needs a connection"));
+        findings.push_back(unknown("connection", "requires the server's address"));
+        findings.push_back(unknown("certificate", "requires a connection"));
         return findings;
     }
     int descriptor = -1;
     findings.push_back(reach(place, addresses.get(), seconds, descriptor));
     if (descriptor < 0) {
-        findings.push_back(unknown("certificate", "needs a connection"));
+        findings.push_back(unknown("certificate", "requires a connection"));
         return findings;
     }
-    findings.push_back(shakeHands(descriptor, place, caFile, seconds));
+    findings.push_back(handshake(descriptor, place, caFile, seconds));
     close(descriptor);
     return findings;
 }

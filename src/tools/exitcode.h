@@ -6,7 +6,7 @@ enum class Exit {
     Ok = 0,
     CommandFailed = 1,  // a command that was run for an item failed
     Usage = 2,          // the command line was wrong; nothing was sent
-    Refused = 3,        // the service answered no
-    NotConnected = 4,   // no bus, no service, or the service has no connection to its server
+    Refused = 3,        // the service refused
+    NotConnected = 4,   // no bus, no service, or the service is not connected to its server
     TimedOut = 5,
 };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `handler`: becomes a service of its own on the private bus, has the items of a node delivered to it and
-// prints them. The service keeps a registration for ever, so it is withdrawn on every way out but a kill.
+// `handler`: registers on the private bus as the receiver of a node's items and prints them. The service
+// keeps a registration forever, so it is withdrawn at every exit except a kill.
 #include <glib-unix.h>
 #include <unistd.h>
 
@@ -31,7 +31,7 @@ class ItemHandler {
     Exit receive();
     Exit withdraw();
     std::string registration(bool withdrawing) const;
-    void tellPresence(bool there);
+    void reportPresence(bool there);
     static bool onItem(QSHandle* handle, QSMessage* message, void* context);
     static gboolean onSignal(gpointer data);
     static gboolean onTimeUp(gpointer data);
@@ -41,9 +41,9 @@ class ItemHandler {
     std::string m_node;
     unsigned m_timeout;
     std::string m_name;
-    unsigned m_wanted = 0;  // 0: no bound
+    unsigned m_wanted = 0;  // 0: no limit
     unsigned m_received = 0;
-    bool m_leaving = false;  // interrupted, served, out of time, or nobody reads any more
+    bool m_stopping = false;  // interrupted, count reached, time over, or the reader is gone
     bool m_timeUp = false;
     bool m_wasGone = false;
     guint m_sources[3] = {};  // two signals and the time
@@ -57,23 +57,23 @@ ItemHandler::~ItemHandler() {
 }
 
 bool ItemHandler::open(Reply& failure) {
-    static const QSMethod methods[] = {{"item", onItem, 0}, {nullptr, nullptr, 0}};
-    std::string words;
-    if (m_client.connect(QSBus::Private, m_name.c_str(), words) && m_client.serve(methods, this, words) &&
-        m_client.attach(words))
+    static constexpr QSMethod methods[] = {{.name = "item", .handler = onItem}, {}};
+    std::string problem;
+    if (m_client.connect(QSBus::Private, m_name.c_str(), problem) && m_client.serve(methods, this, problem) &&
+        m_client.attach(problem))
         return true;
-    failure = noBus(words);
+    failure = noBus(problem);
     return false;
 }
 
 bool ItemHandler::onItem(QSHandle*, QSMessage* message, void* context) {
     auto* self = static_cast<ItemHandler*>(context);
-    if (self->m_leaving)
+    if (self->m_stopping)
         return true;
     const bool heard = self->m_console.line(itemLine(QSMessageGetPayload(message), self->m_console.json()));
     self->m_received++;
     if (!heard || self->m_received == self->m_wanted) {
-        self->m_leaving = true;
+        self->m_stopping = true;
         self->m_client.quit();
     }
     return true;
@@ -81,7 +81,7 @@ bool ItemHandler::onItem(QSHandle*, QSMessage* message, void* context) {
 
 gboolean ItemHandler::onSignal(gpointer data) {
     auto* self = static_cast<ItemHandler*>(data);
-    self->m_leaving = true;
+    self->m_stopping = true;
     self->m_client.quit();
     return G_SOURCE_CONTINUE;
 }
@@ -90,7 +90,7 @@ gboolean ItemHandler::onTimeUp(gpointer data) {
     auto* self = static_cast<ItemHandler*>(data);
     self->m_sources[2] = 0;
     self->m_timeUp = true;
-    self->m_leaving = true;
+    self->m_stopping = true;
     self->m_client.quit();
     return G_SOURCE_REMOVE;
 }
@@ -110,11 +110,11 @@ std::string ItemHandler::registration(bool withdrawing) const {
     return payload.line();
 }
 
-void ItemHandler::tellPresence(bool there) {
+void ItemHandler::reportPresence(bool there) {
     if (!there)
-        m_console.complain(std::string(kService) + " left the bus; items go on when it is back");
+        m_console.message(std::string(kService) + " left the bus; delivery resumes when it is back");
     else if (m_wasGone)
-        m_console.complain(std::string(kService) + " is back");
+        m_console.message(std::string(kService) + " is back");
     m_wasGone = !there;
 }
 
@@ -124,30 +124,30 @@ Exit ItemHandler::run(unsigned count, unsigned seconds) {
     if (!open(reply))
         return m_console.finish(reply, "");
     startSources(seconds);
-    m_client.watch(kService, [this](bool there) { tellPresence(there); });
+    m_client.watch(kService, [this](bool there) { reportPresence(there); });
     reply = m_client.call(methodUri("registerItemCallback"), registration(false), m_timeout);
-    if (reply.exit != Exit::Ok && !m_leaving) {
-        m_console.complain(reply.problem);
+    if (reply.exit != Exit::Ok && !m_stopping) {
+        m_console.message(reply.problem);
         return reply.exit;
     }
-    if (!m_leaving || m_received)  // items may overtake the reply
-        m_console.complain("receiving the items of " + m_node + " as " + m_name);
+    if (!m_stopping || m_received)  // items may overtake the reply
+        m_console.message("receiving the items of " + m_node + " as " + m_name);
     const Exit received = receive();
     const Exit withdrawn = withdraw();
     return received == Exit::Ok ? withdrawn : received;
 }
 
 Exit ItemHandler::receive() {
-    while (!m_leaving) {
+    while (!m_stopping) {
         if (!m_client.run()) {
-            m_console.complain(lostBus().problem);
+            m_console.message(lostBus().problem);
             return Exit::NotConnected;
         }
     }
     if (!m_timeUp || m_received >= m_wanted)
         return Exit::Ok;
-    m_console.complain("the time is over: " + std::to_string(m_received) + " of " + std::to_string(m_wanted) +
-                       " items came");
+    m_console.message("timed out: " + std::to_string(m_received) + " of " + std::to_string(m_wanted) +
+                      " items received");
     return Exit::TimedOut;
 }
 
@@ -157,10 +157,10 @@ Exit ItemHandler::withdraw() {
     const Reply reply = m_client.call(methodUri("unRegisterItemCallback"), payload, m_timeout);
     if (reply.exit == Exit::Ok)
         return Exit::Ok;
-    m_console.complain(reply.problem);
-    m_console.complain(
-        "the registration is still there; remove it with: pubsubctl call unRegisterItemCallback '" + payload +
-        "'");
+    m_console.message(reply.problem);
+    m_console.message(
+        "the registration was not removed; remove it with: pubsubctl call unRegisterItemCallback '" +
+        payload + "'");
     return reply.exit;
 }
 

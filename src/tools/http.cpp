@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The HTTP side of publishing, on libcurl. Whoever has a key may publish, so no message names one.
+// Publishing over HTTP with libcurl. A key is a secret, so no message contains one.
 #include "tools/http.h"
 
 #include <curl/curl.h>
@@ -9,36 +9,37 @@
 
 #include "util/jsonref.h"
 
-static constexpr size_t kMostAnswer = 65536;
-
 namespace {
 
-struct Meaning {
+constexpr size_t kMostAnswer = 65536;
+
+struct StatusText {
     long status;
-    const char* words;
+    const char* text;
 };
 
-const Meaning kMeanings[] = {
-    {400, "the server does not take this text: it is empty, or has characters that XML does not carry"},
-    {404, "no endpoint has this key; `pubsubctl endpoint key` prints the right one"},
-    {405, "this is no address to publish to; check the address before the key"},
-    {413, "the text is too long for the server; publish a reference to it instead"},
-    {429, "too many items for this key"},
-    {503, "the server has no room at the moment"},
+constexpr StatusText kStatusTexts[] = {
+    {.status = 400,
+     .text = "the server rejects this text: it is empty, or contains characters that XML cannot carry"},
+    {.status = 404, .text = "no endpoint has this key; `pubsubctl endpoint key` prints the right one"},
+    {.status = 405, .text = "this is not an address to publish to; check the part before the key"},
+    {.status = 413, .text = "the text is too long for the server; publish a reference to it instead"},
+    {.status = 429, .text = "too many items for this key"},
+    {.status = 503, .text = "the server cannot store more items at the moment"},
 };
 
-std::string wordsFor(const HttpAnswer& answer) {
-    std::string words = "the server answered with status " + std::to_string(answer.status);
-    for (const Meaning& meaning : kMeanings) {
-        if (meaning.status == answer.status)
-            words = meaning.words;
+std::string errorText(const HttpAnswer& answer) {
+    std::string text = "the server answered with status " + std::to_string(answer.status);
+    for (const StatusText& entry : kStatusTexts) {
+        if (entry.status == answer.status)
+            text = entry.text;
     }
     const std::string reason = textMember(parseWholeJson(answer.body).get(), "error");
     if (!reason.empty())
-        words += " (" + reason + ")";
+        text += " (" + reason + ")";
     if (!answer.retryAfter.empty())
-        words += "; try again in " + answer.retryAfter + " s";
-    return words;
+        text += "; try again in " + answer.retryAfter + " s";
+    return text;
 }
 
 struct CurlEnd {
@@ -73,14 +74,14 @@ void prepare(CURL* curl, const std::string& url, const std::string& text, unsign
 }
 
 Reply failure(CURLcode code, const char* details, unsigned timeoutSeconds) {
-    const std::string words = *details ? details : curl_easy_strerror(code);
+    const std::string reason = *details ? details : curl_easy_strerror(code);
     if (code == CURLE_OPERATION_TIMEDOUT)
         return {Exit::TimedOut, "",
                 "the server did not answer within " + std::to_string(timeoutSeconds) +
-                    " s; --timeout SECONDS waits longer. The item may have been stored all the same"};
+                    " s; --timeout SECONDS waits longer. The item may have been stored nevertheless"};
     if (code == CURLE_URL_MALFORMAT || code == CURLE_UNSUPPORTED_PROTOCOL)
-        return {Exit::Usage, "", "this is no HTTP address: " + words};
-    return {Exit::NotConnected, "", "the server cannot be reached: " + words};
+        return {Exit::Usage, "", "this is not an HTTP address: " + reason};
+    return {Exit::NotConnected, "", "the server cannot be reached: " + reason};
 }
 
 }  // namespace
@@ -91,10 +92,11 @@ bool publishUrl(const std::string& target, const std::string& base, std::string&
     if (target.starts_with("http://") || target.starts_with("https://"))
         return true;
     if (target.empty() || target.find_first_not_of(kLetters) != std::string::npos)
-        problem = "a key has letters, digits, - and _; give one, or a whole http:// address";
+        problem = "a key consists of letters, digits, - and _; give a key or a full http:// URL";
     else if (base.empty())
         problem =
-            "where to publish is not known; give --url, or set PUBSUB_HTTP_URL to the address before the key";
+            "the address to publish to is unknown; give --url, or set PUBSUB_HTTP_URL to the URL before the "
+            "key";
     else
         url = base + (base.ends_with('/') ? "" : "/") + target;
     return problem.empty();
@@ -105,12 +107,12 @@ Reply judgeHttp(const HttpAnswer& answer) {
         return {Exit::Ok, answer.body, ""};
     const JsonRef body = parseWholeJson(answer.body);
     const bool object = json_object_is_type(body.get(), json_type_object);
-    return {Exit::Refused, object ? answer.body : "", wordsFor(answer)};
+    return {Exit::Refused, object ? answer.body : "", errorText(answer)};
 }
 
 Reply postItem(const std::string& url, const std::string& text, unsigned timeoutSeconds) {
     const std::unique_ptr<CURL, CurlEnd> curl(curl_easy_init());
-    // No wait for a leave to send the body, and no guess at its kind.
+    // No waiting for "100 Continue" before the body, and no default content type.
     const std::unique_ptr<curl_slist, CurlEnd> headers(curl_slist_append(nullptr, "Expect:"));
     curl_slist_append(headers.get(), "Content-Type: text/plain; charset=utf-8");
     HttpAnswer answer;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Publishing over HTTP: one request, and what its answer means to a person. Keeps no state.
+// Publishing over HTTP: one request and the interpretation of its answer. Keeps no state.
 #pragma once
 
 #include <string>
@@ -9,13 +9,12 @@
 struct HttpAnswer {
     long status = 0;
     std::string body;
-    std::string retryAfter;  // the header as it came; "" when there was none
+    std::string retryAfter;  // the header as received; "" when there was none
 };
 
-// Where a key publishes. `target` is a key or a whole address, `base` the address before a key. False with
-// what is wrong.
+// The URL to publish to. `target` is a key or a full URL, `base` the URL before a key. False with the reason.
 bool publishUrl(const std::string& target, const std::string& base, std::string& url, std::string& problem);
-// What an answer means; the words never name the key.
+// The reply for an answer; its text never contains the key.
 Reply judgeHttp(const HttpAnswer& answer);
-// Posts the text; the result is judged.
+// Posts the text and judges the answer.
 Reply postItem(const std::string& url, const std::string& text, unsigned timeoutSeconds);

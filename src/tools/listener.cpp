@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The life of a lasting subscription. What the bus tells is noted in order and taken from the loop below, so
-// that a call may be replaced while it is being answered.
+// A long-lived subscription. Bus events are queued in order and handled in the loop below, so that a call may
+// be replaced while it is being answered.
 #include "tools/listener.h"
 
 #include <glib-unix.h>
@@ -10,8 +10,17 @@
 
 #include "util/jsonref.h"
 
-// Without a connection the service leaves a first answer open; a person is told so after this long.
-static constexpr unsigned kSilenceSeconds = 3;
+namespace {
+
+// A service without a connection does not answer yet; the user is told so after this time.
+constexpr unsigned kSilenceSeconds = 3;
+
+bool lacksConnection(const Reply& reply) {
+    return reply.exit == Exit::NotConnected ||
+           textMember(parseWholeJson(reply.payload).get(), "errorText") == "Service not initialized";
+}
+
+}  // namespace
 
 bool readBounds(const Invocation& invocation, Bounds& bounds, std::string& problem) {
     const std::string count = invocation.value("count");
@@ -31,15 +40,15 @@ Listener::~Listener() {
 }
 
 bool Listener::open(QSBus bus, Reply& failure) {
-    std::string words;
-    if (m_client.connect(bus, nullptr, words) && m_client.attach(words))
+    std::string problem;
+    if (m_client.connect(bus, nullptr, problem) && m_client.attach(problem))
         return true;
-    failure = noBus(words);
+    failure = noBus(problem);
     return false;
 }
 
-void Listener::leave() {
-    m_leaving = true;
+void Listener::stop() {
+    m_stopping = true;
     m_client.quit();
 }
 
@@ -47,7 +56,7 @@ gboolean Listener::onInterrupt(gpointer data) {
     auto* self = static_cast<Listener*>(data);
     if (self->m_onSignal)
         self->m_onSignal(SIGINT);
-    self->leave();
+    self->stop();
     return G_SOURCE_CONTINUE;
 }
 
@@ -55,7 +64,7 @@ gboolean Listener::onTermination(gpointer data) {
     auto* self = static_cast<Listener*>(data);
     if (self->m_onSignal)
         self->m_onSignal(SIGTERM);
-    self->leave();
+    self->stop();
     return G_SOURCE_CONTINUE;
 }
 
@@ -63,7 +72,7 @@ gboolean Listener::onTimeUp(gpointer data) {
     auto* self = static_cast<Listener*>(data);
     self->m_sources[2] = 0;
     self->m_timeUp = true;
-    self->leave();
+    self->stop();
     return G_SOURCE_REMOVE;
 }
 
@@ -71,7 +80,7 @@ gboolean Listener::onSilence(gpointer data) {
     auto* self = static_cast<Listener*>(data);
     self->m_sources[3] = 0;
     if (!self->m_answered)
-        self->m_console.complain("no answer yet: the service has no connection to its server; waiting");
+        self->m_console.message("no answer yet: the service has no connection to its server; waiting");
     return G_SOURCE_REMOVE;
 }
 
@@ -88,7 +97,7 @@ void Listener::note(Kind kind, Reply reply) {
     m_client.quit();
 }
 
-// Replaces the call in place. What it still said is dropped: no item is among it, since the call was used up,
+// Replaces the open call. Its queued answers are dropped: no item is among them, since the call was used up,
 // ended or never accepted.
 void Listener::place() {
     std::erase_if(m_events,
@@ -104,7 +113,7 @@ void Listener::place() {
 }
 
 void Listener::waitForConnection() {
-    m_console.complain("the service has no connection to its server; waiting for it");
+    m_console.message("the service has no connection to its server; waiting for it");
     m_connecting = true;
     place();
 }
@@ -116,26 +125,21 @@ void Listener::takeStatus(const Reply& reply) {
     place();
 }
 
-static bool lacksConnection(const Reply& reply) {
-    return reply.exit == Exit::NotConnected ||
-           textMember(parseWholeJson(reply.payload).get(), "errorText") == "Service not initialized";
-}
-
-bool Listener::takeVerdict(Then then) {
-    const bool counts = then == Then::Counted || then == Then::Again;
+bool Listener::takeVerdict(Verdict verdict) {
+    const bool counts = verdict == Verdict::Counted || verdict == Verdict::Again;
     m_counted += counts;
-    if (then == Then::Leave || (counts && m_counted == m_bounds.count))
-        leave();
-    else if (then == Then::Again && !m_leaving)
+    if (verdict == Verdict::Stop || (counts && m_counted == m_bounds.count))
+        stop();
+    else if (verdict == Verdict::Again && !m_stopping)
         place();
-    return then != Then::Refuse;
+    return verdict != Verdict::Refuse;
 }
 
-// False when `reply` ends the listening.
+// False when `reply` ends the subscription.
 bool Listener::takeAnswer(Reply& reply) {
     m_answered = true;
     if (reply.exit != Exit::Ok && reply.payload.empty())
-        return reply.exit == Exit::NotConnected && m_seen;  // it is gone, and told of when it is back
+        return reply.exit == Exit::NotConnected && m_seen;  // it is gone; its return is reported
     if (m_connecting) {
         takeStatus(reply);
         return true;
@@ -146,9 +150,9 @@ bool Listener::takeAnswer(Reply& reply) {
     }
     if (!lacksConnection(reply))
         return false;
-    // An accepted subscription outlives the connection, and items may be on their way on it.
+    // An accepted subscription outlives the connection, and items may be on their way.
     if (m_accepted)
-        m_console.complain("the connection was lost; items go on when it is back");
+        m_console.message("the connection was lost; delivery resumes when it is back");
     else
         waitForConnection();
     return true;
@@ -165,13 +169,13 @@ bool Listener::take(Event event, Reply& failure) {
     }
     if (event.kind == Kind::Gone) {
         m_gone = true;
-        m_console.complain(std::string(kService) + " left the bus; waiting until it is back");
+        m_console.message(std::string(kService) + " left the bus; waiting for it to return");
         return true;
     }
     m_seen = true;
     if (!std::exchange(m_gone, false))
         return true;
-    m_console.complain(std::string(kService) + " is back");
+    m_console.message(std::string(kService) + " is back");
     m_connecting = false;
     place();
     return true;
@@ -181,8 +185,8 @@ Exit Listener::conclude() {
     m_client.close();
     if (!m_timeUp || m_counted >= m_bounds.count)
         return Exit::Ok;
-    m_console.complain("the time is over: " + std::to_string(m_counted) + " of " +
-                       std::to_string(m_bounds.count) + " came");
+    m_console.message("timed out: " + std::to_string(m_counted) + " of " + std::to_string(m_bounds.count) +
+                      " received");
     return Exit::TimedOut;
 }
 
@@ -196,9 +200,9 @@ Exit Listener::run(const Target& target, const OnAnswer& onAnswer, OnSignal onSi
     startSources();
     m_client.watch(kService, [this](bool there) { note(there ? Kind::Back : Kind::Gone); });
     place();
-    while (!m_leaving) {
+    while (!m_stopping) {
         if (m_events.empty()) {
-            if (!m_client.run() && !m_leaving)
+            if (!m_client.run() && !m_stopping)
                 return m_console.finish(lostBus(), "");
             continue;
         }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A subscription that lasts: one call whose answers are taken until enough came, placed again whenever the
-// service ended it, was gone or had no connection to its server. Keeps the call and what happened to it.
+// A long-lived subscription: one call whose answers are handled until enough items came, placed again
+// whenever the service ended it, left the bus or lost its connection. Keeps the call and its state.
 #pragma once
 
 #include <deque>
@@ -18,15 +18,15 @@ class Listener {
         std::string method;
         std::string payload;
     };
-    // What an answer was to the caller.
-    enum class Then {
-        Wait,     // none that counts
-        Counted,  // one that counts; more come on the same call
-        Again,    // one that counts and used the call up
-        Leave,    // nobody wants more
-        Refuse    // the subscription cannot be had; the reply says why
+    // What the caller makes of an answer.
+    enum class Verdict {
+        Wait,     // not an item
+        Counted,  // an item; more come on the same call
+        Again,    // an item that used the call up
+        Stop,     // no more are wanted
+        Refuse    // the subscription was refused; the reply says why
     };
-    using OnAnswer = std::function<Then(Reply&)>;
+    using OnAnswer = std::function<Verdict(Reply&)>;
     using OnSignal = std::function<void(int)>;
 
     Listener(Console& console, Bounds bounds) : m_console(console), m_bounds(bounds) {}
@@ -35,7 +35,7 @@ class Listener {
     Listener& operator=(const Listener&) = delete;
 
     BusClient& client() { return m_client; }
-    // Signals 2 and 15 end the listening; `onSignal` hears of them first.
+    // SIGINT and SIGTERM end the subscription; `onSignal` is called first.
     Exit run(const Target& target, const OnAnswer& onAnswer, OnSignal onSignal = nullptr);
 
   private:
@@ -52,10 +52,10 @@ class Listener {
     void waitForConnection();
     bool take(Event event, Reply& failure);
     bool takeAnswer(Reply& reply);
-    bool takeVerdict(Then then);
+    bool takeVerdict(Verdict verdict);
     void takeStatus(const Reply& reply);
     Exit conclude();
-    void leave();
+    void stop();
     static gboolean onInterrupt(gpointer data);
     static gboolean onTermination(gpointer data);
     static gboolean onTimeUp(gpointer data);
@@ -70,11 +70,11 @@ class Listener {
     std::deque<Event> m_events;
     unsigned m_counted = 0;
     bool m_seen = false;        // the service was on the bus
-    bool m_gone = false;        // and is not now
-    bool m_answered = false;    // at least once, in whatever way
-    bool m_accepted = false;    // the call in place was answered with yes
-    bool m_connecting = false;  // the call in place follows the connection's status
-    bool m_leaving = false;
+    bool m_gone = false;        // and has left it
+    bool m_answered = false;    // at least once, with success or not
+    bool m_accepted = false;    // the open call was accepted
+    bool m_connecting = false;  // the open call follows the connection status
+    bool m_stopping = false;
     bool m_timeUp = false;
-    guint m_sources[4] = {};  // two signals, the time, the first silence
+    guint m_sources[4] = {};  // two signals, the time limit, the first silence
 };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// pubsubctl: the command line of the push connection. Reads the command line, runs one verb, ends with its
-// code.
+// pubsubctl: the command line of the push connection. Parses the arguments, runs one verb, exits
+// with its code.
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,10 +11,12 @@
 
 #include "tools/verbs.h"
 
-// Makes the kernel show the application id in this process's environment, where the service looks for it:
-// that is fixed when a program starts, so this one starts anew. Returns only when there is nothing to do or
-// on failure.
-static bool takeApplicationId(const std::string& id, char** argv) {
+namespace {
+
+// The service looks for the application id in the environment that the kernel shows of this process, which is
+// fixed when a program starts: so this one executes itself again. Returns only when nothing needs to be done
+// or on failure.
+bool takeApplicationId(const std::string& id, char** argv) {
     const char* present = std::getenv("ZELT_APP_ID");
     if (id.empty() || (present && id == present))
         return true;
@@ -23,8 +25,10 @@ static bool takeApplicationId(const std::string& id, char** argv) {
     return false;
 }
 
+}  // namespace
+
 int main(int argc, char** argv) {
-    // A reader that goes away ends a verb by a failed write, so that it can still clean up after itself.
+    // A closed pipe ends a verb by a failed write, so that it can still clean up after itself.
     std::signal(SIGPIPE, SIG_IGN);
     Invocation invocation;
     std::string problem;
@@ -34,7 +38,7 @@ int main(int argc, char** argv) {
     if (!understood)
         return static_cast<int>(console.usage(problem));
     if (!takeApplicationId(invocation.app, argv)) {
-        console.complain(std::string("cannot start anew for --app: ") + std::strerror(errno));
+        console.message(std::string("cannot execute pubsubctl again for --app: ") + std::strerror(errno));
         return static_cast<int>(Exit::NotConnected);
     }
     if (invocation.help)

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `node`: create, delete, publish, subscribe, unsubscribe, each one call on the private bus. Keeps no state.
+// `node`: create, delete, publish, subscribe and unsubscribe, each one call on the private bus.
+// Keeps no state.
 #include <unistd.h>
 
 #include <charconv>
@@ -43,9 +44,10 @@ Exit runNodeDelete(const Invocation& invocation, Console& console) {
                           "deleted " + invocation.arguments[0]);
 }
 
-// The item as elements and attributes; only an object has any.
-static bool readObject(const Invocation& invocation, Console& console, JsonRef& object,
-                       std::string& problem) {
+namespace {
+
+// The item as elements and attributes, which only an object has.
+bool readObject(const Invocation& invocation, Console& console, JsonRef& object, std::string& problem) {
     std::string text = invocation.value("json");
     if (text == "-" && !readWhole(console, "-", text, problem))
         return false;
@@ -54,10 +56,11 @@ static bool readObject(const Invocation& invocation, Console& console, JsonRef& 
         return true;
     problem =
         "--json takes the item as a JSON object, such as {\"#\":\"text\"}; for JSON output write --json "
-        "before "
-        "the verb";
+        "before the verb";
     return false;
 }
+
+}  // namespace
 
 bool itemText(const Invocation& invocation, Console& console, std::string& text, std::string& problem) {
     if (invocation.has("file"))
@@ -66,7 +69,7 @@ bool itemText(const Invocation& invocation, Console& console, std::string& text,
     if (given == "-")
         return readWhole(console, "-", text, problem);
     text = given;
-    return mayTravel(text, "TEXT", problem);
+    return isSendable(text, "TEXT", problem);
 }
 
 bool publishPayload(const Invocation& invocation, Console& console, std::string& payload,
@@ -111,7 +114,7 @@ bool subscribePayload(const Invocation& invocation, std::string& payload, std::s
         int depth = -1;
         auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), depth);
         if (fault != std::errc() || end != text.data() + text.size() || depth < 0) {
-            problem = "--depth is a whole number, 0 or more, not \"" + text + "\"";
+            problem = "--depth takes a whole number, 0 or more, not \"" + text + "\"";
             return false;
         }
         request.set("depth", depth);
@@ -136,7 +139,7 @@ Exit runNodeUnsubscribe(const Invocation& invocation, Console& console) {
     for (const char* needed : {"jid", "subid"}) {
         if (!invocation.has(needed))
             return console.usage(std::string("--") + needed +
-                                 " is missing; `node subscribe` printed what it takes");
+                                 " is missing; `node subscribe` printed its value");
     }
     const std::string payload = JsonObject()
                                     .set("node", invocation.arguments[0])

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `node config`: what the service reports of a node's configuration, and setting options. Keeps no state.
+// `node config`: shows what the service reports of a node's configuration, and sets options. Keeps no state.
 #include "tools/verbs.h"
 #include "util/jsonref.h"
 
@@ -20,7 +20,9 @@ bool configPayload(const Invocation& invocation, std::string& payload, std::stri
     return true;
 }
 
-static std::string optionsOf(const std::string& payload) {
+namespace {
+
+std::string optionsOf(const std::string& payload) {
     const JsonRef reply = parseWholeJson(payload);
     json_object* options = jsonMember(reply.get(), "options");
     std::string lines;
@@ -33,13 +35,15 @@ static std::string optionsOf(const std::string& payload) {
     return lines;
 }
 
-static Exit show(const Invocation& invocation, Console& console) {
+Exit show(const Invocation& invocation, Console& console) {
     const std::string payload =
         JsonObject().set("nodes", JsonArray().add(invocation.arguments[0]).release()).line();
     const Reply reply = callService(invocation, "getNodeConfig", payload);
     const std::string options = reply.exit == Exit::Ok ? optionsOf(reply.payload) : "";
     return console.finish(reply, options.empty() ? "no options are reported" : options);
 }
+
+}  // namespace
 
 Exit runNodeConfig(const Invocation& invocation, Console& console) {
     if (!invocation.has("set"))

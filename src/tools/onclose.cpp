@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `onclose`: the notices for closed applications, and which endpoints have them. Keeps no state.
+// `onclose`: the notices for closed applications, and which endpoints get them. Keeps no state.
 #include <utility>
 
 #include "tools/listener.h"
@@ -25,20 +25,24 @@ Exit runOnCloseListen(const Invocation& invocation, Console& console) {
     auto take = [&](const Reply& reply) {
         if (!jsonMember(parseWholeJson(reply.payload).get(), "appid")) {
             if (!std::exchange(announced, true))
-                console.complain("listening for items of closed applications");
-            return Listener::Then::Wait;
+                console.message("listening for items of closed applications");
+            return Listener::Verdict::Wait;
         }
         bool const heard = console.line(noticeLine(reply.payload, console.json()));
-        return heard ? Listener::Then::Counted : Listener::Then::Leave;
+        return heard ? Listener::Verdict::Counted : Listener::Verdict::Stop;
     };
     return Listener(console, bounds).run({QSBus::Private, "registerOnClose", "{\"subscribe\":true}"}, take);
 }
 
-static Exit change(const Invocation& invocation, Console& console, const char* method, const char* done) {
+namespace {
+
+Exit change(const Invocation& invocation, Console& console, const char* method, const char* done) {
     const std::string& endpoint = invocation.arguments[0];
     const Reply reply = callPublic(invocation, method, JsonObject().set("endpoint", endpoint).line());
     return console.finish(reply, done + endpoint);
 }
+
+}  // namespace
 
 Exit runOnCloseAdd(const Invocation& invocation, Console& console) {
     return change(invocation, console, "subscribeOnClose", "notices for ");

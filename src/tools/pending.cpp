@@ -4,7 +4,28 @@
 #include "tools/verbs.h"
 #include "util/jsonref.h"
 
-static constexpr const char* kMembers[] = {"node", "subscriber_jid", "subid", "id"};
+namespace {
+
+constexpr const char* kMembers[] = {"node", "subscriber_jid", "subid", "id"};
+
+Exit decide(const Invocation& invocation, Console& console, bool approve) {
+    for (const char* needed : {"id", "subid", "jid"}) {
+        if (!invocation.has(needed))
+            return console.usage(std::string("--") + needed +
+                                 " is missing; `pending list` printed its value");
+    }
+    const std::string payload = JsonObject()
+                                    .set("node", invocation.arguments[0])
+                                    .set("id", invocation.value("id"))
+                                    .set("subid", invocation.value("subid"))
+                                    .set("approve", approve ? "true" : "false")
+                                    .set("subscriber_jid", invocation.value("jid"))
+                                    .line();
+    return console.finish(callService(invocation, "approvePending", payload),
+                          (approve ? "approved " : "denied ") + invocation.value("jid"));
+}
+
+}  // namespace
 
 std::string pendingLine(const std::string& payload, bool json) {
     const JsonRef request = parseWholeJson(payload);
@@ -31,28 +52,11 @@ Exit runPendingList(const Invocation& invocation, Console& console) {
     const std::string payload = JsonObject().set("subscribe", true).set("nodes", nodes.release()).line();
     auto take = [&](const Reply& reply) {
         if (!jsonMember(parseWholeJson(reply.payload).get(), "subid"))
-            return Listener::Then::Wait;
+            return Listener::Verdict::Wait;
         bool const heard = console.line(pendingLine(reply.payload, console.json()));
-        return heard ? Listener::Then::Counted : Listener::Then::Leave;
+        return heard ? Listener::Verdict::Counted : Listener::Verdict::Stop;
     };
     return Listener(console, bounds).run({QSBus::Private, "subscribeNodeAuth", payload}, take);
-}
-
-static Exit decide(const Invocation& invocation, Console& console, bool approve) {
-    for (const char* needed : {"id", "subid", "jid"}) {
-        if (!invocation.has(needed))
-            return console.usage(std::string("--") + needed +
-                                 " is missing; `pending list` printed what it takes");
-    }
-    const std::string payload = JsonObject()
-                                    .set("node", invocation.arguments[0])
-                                    .set("id", invocation.value("id"))
-                                    .set("subid", invocation.value("subid"))
-                                    .set("approve", approve ? "true" : "false")
-                                    .set("subscriber_jid", invocation.value("jid"))
-                                    .line();
-    return console.finish(callService(invocation, "approvePending", payload),
-                          (approve ? "approved " : "denied ") + invocation.value("jid"));
 }
 
 Exit runPendingApprove(const Invocation& invocation, Console& console) {

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `publish`: one item to the endpoint that has a key, as any publisher does it from anywhere. Needs no bus.
+// `publish`: one item over HTTP to the endpoint that has a key, as any other publisher does it. Needs no bus.
 #include <cstdlib>
 
 #include "tools/http.h"
 #include "tools/verbs.h"
 #include "util/jsonref.h"
 
-static std::string baseAddress(const Invocation& invocation) {
+namespace {
+
+std::string baseAddress(const Invocation& invocation) {
     if (invocation.has("url"))
         return invocation.value("url");
     for (const char* name : {"PUBSUB_HTTP_URL", "HTTP_URL"}) {
@@ -15,6 +17,8 @@ static std::string baseAddress(const Invocation& invocation) {
     }
     return "";
 }
+
+}  // namespace
 
 Exit runPublish(const Invocation& invocation, Console& console) {
     if (invocation.arguments.size() > 1 && invocation.has("file"))

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Turns replies and bus errors into exit codes and words. Keeps no state.
+// Turns replies and bus errors into exit codes and messages. Keeps no state.
 #include "tools/reply.h"
 
 #include <string_view>
@@ -9,28 +9,33 @@
 namespace {
 
 struct Hint {
-    const char* word;  // as it stands in "errorCode" or "errorText"
+    const char* error;  // in "errorCode" or "errorText"
     const char* advice;
 };
 
-const Hint kHints[] = {
-    {"connectionErr",
-     "the service has no connection to its server; watch it with `pubsubctl status --follow`"},
-    {"Service not initialized",
-     "the service never reached its server yet; see `pubsubctl status` and its log"},
-    {"item-not-found",
-     "the server knows no such node; create it with `pubsubctl node create` or `pubsubctl endpoint create`"},
-    {"item-required", "the item needs a child element; `payload` is the one that receivers are handed"},
-    {"conflict", "a node of this name is there already"},
-    {"forbidden", "this account may not do that to this node; ask the node's owner"},
-    {"not-authorized", "this account may not do that to this node; ask the node's owner"},
-    {"Error getting appid of calling app",
-     "the platform knows no application behind this process; where the service allows it, `--app ID` names "
-     "one"},
-    {"closed-node", "the node takes only members that its owner lists"},
+constexpr Hint kHints[] = {
+    {.error = "connectionErr",
+     .advice = "the service has no connection to its server; watch it with `pubsubctl status --follow`"},
+    {.error = "Service not initialized",
+     .advice = "the service has not reached its server yet; see `pubsubctl status` and its log"},
+    {.error = "item-not-found",
+     .advice = "the node does not exist on the server; create it with `pubsubctl node create` or `pubsubctl "
+               "endpoint create`"},
+    {.error = "item-required",
+     .advice = "the item needs a child element; `payload` is the one that receivers get"},
+    {.error = "conflict", .advice = "a node with this name already exists"},
+    {.error = "forbidden",
+     .advice = "this account is not allowed to do that with this node; ask the node's owner"},
+    {.error = "not-authorized",
+     .advice = "this account is not allowed to do that with this node; ask the node's owner"},
+    {.error = "Error getting appid of calling app",
+     .advice =
+         "the platform cannot tell which application this process belongs to; where the service allows it, "
+         "`--app ID` names one"},
+    {.error = "closed-node", .advice = "only members that the owner lists may use this node"},
 };
 
-// Some of the service's fixed words carry quotes of their own; a person need not see them.
+// Some fixed texts of the service contain quotes, which are of no use to a reader.
 std::string withoutQuotes(std::string text) {
     if (text.size() >= 2 && text.front() == '"' && text.find('"', 1) == text.size() - 1)
         return text.substr(1, text.size() - 2);
@@ -39,7 +44,7 @@ std::string withoutQuotes(std::string text) {
 
 std::string adviceFor(const std::string& code, const std::string& text) {
     for (const Hint& hint : kHints) {
-        if (code == hint.word || text.find(hint.word) != std::string::npos)
+        if (code == hint.error || text.find(hint.error) != std::string::npos)
             return hint.advice;
     }
     return "";
@@ -70,7 +75,7 @@ bool meansUnknown(std::string_view errorName) {
 Reply judgeAnswer(const std::string& payload) {
     const JsonRef object = parseWholeJson(payload);
     if (!json_object_is_type(object.get(), json_type_object))
-        return {Exit::Refused, payload, "the answer is no JSON object: " + payload};
+        return {Exit::Refused, payload, "the answer is not a JSON object: " + payload};
     if (boolMember(object.get(), "returnValue", true))
         return {Exit::Ok, payload, ""};
     const std::string code = withoutQuotes(textMember(object.get(), "errorCode"));
@@ -92,7 +97,7 @@ Reply judgeBusError(const std::string& service, const std::string& errorName, co
     if (meansUnknown(errorName))
         return {Exit::Refused, "",
                 "no such method on this bus: " + text +
-                    "; platform methods are on the private bus alone, public ones on both"};
+                    "; platform methods are on the private bus only, public ones on both"};
     if (errorName == "org.freedesktop.DBus.Error.AccessDenied")
         return {Exit::Refused, "", "the bus forbids this call: " + text};
     return {Exit::Refused, "", errorName + ": " + text};
@@ -108,6 +113,7 @@ Reply timedOut(const std::string& service, unsigned seconds) {
                 " s; --timeout SECONDS waits longer, and `call --no-reply` does not wait"};
 }
 
-Reply noBus(const std::string& words) {
-    return {Exit::NotConnected, "", words + "; check that the bus runs and that this user may use it"};
+Reply noBus(const std::string& reason) {
+    return {Exit::NotConnected, "",
+            reason + "; check that the bus is running and that this user may connect to it"};
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What came of a call, and the words and exit code that a person gets for it. Keeps no state.
+// The outcome of a call, with the message and the exit code for the user. Keeps no state.
 #pragma once
 
 #include <string>
@@ -8,16 +8,15 @@
 
 struct Reply {
     Exit exit = Exit::NotConnected;
-    std::string payload;  // the answer as it came; "" when there was none
-    std::string problem;  // what was wrong and what to do; "" when nothing was
+    std::string payload;  // the answer as received; "" when there was none
+    std::string problem;  // what was wrong and what to do about it; "" on success
 };
 
-// Reads the service's own verdict: "returnValue", "errorCode" and "errorText".
+// Reads the service's own result: "returnValue", "errorCode" and "errorText".
 Reply judgeAnswer(const std::string& payload);
-// A bus error in place of an answer. `service` is the bus name that was called. A method that gives no answer
-// at all (an alarm target) has done its work: that is no failure.
+// A bus error instead of an answer. `service` is the bus name that was called.
 Reply judgeBusError(const std::string& service, const std::string& errorName, const std::string& payload);
 Reply lostBus();
 Reply timedOut(const std::string& service, unsigned seconds);
-// The bus itself could not be reached; `words` are the bus library's.
-Reply noBus(const std::string& words);
+// The bus could not be reached; `reason` is the bus library's.
+Reply noBus(const std::string& reason);

@@ -1,28 +1,30 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `session`: log in anew, end the connection, name the account. Keeps no state.
+// `session`: logs in again, ends the connection, shows the account. Keeps no state.
 #include "tools/verbs.h"
 #include "util/jsonref.h"
 
 bool LoginProgress::take(bool connected) {
     if (first) {
         first = false;
-        // A connection that stands is dropped first; that one loss is no failure.
-        lossesToBear = connected ? 1 : 0;
+        // An existing connection is dropped first; that one loss is not a failure.
+        lossesExpected = connected ? 1 : 0;
         return true;
     }
     up = connected;
     if (connected)
         return false;
-    return lossesToBear-- > 0;
+    return lossesExpected-- > 0;
 }
 
-static Reply waitForLogin(BusClient& client, const Invocation& invocation) {
+namespace {
+
+Reply waitForLogin(BusClient& client, const Invocation& invocation) {
     LoginProgress progress;
     auto onStatus = [&](const Reply& reply) {
         JsonRef const status = parseWholeJson(reply.payload);
         bool const asked = !progress.first;
         bool const goOn = progress.take(boolMember(status.get(), "connected"));
-        // Asked for only once the status is followed, so that no change is missed.
+        // The login is requested only once the status is followed, so that no change is missed.
         if (!asked)
             client.notify(methodUri("initializeAccount"), "{}");
         return goOn;
@@ -31,12 +33,14 @@ static Reply waitForLogin(BusClient& client, const Invocation& invocation) {
     Reply reply = client.follow(methodUri("subscribeConnStatus"), "{\"subscribe\":true}", wait, onStatus);
     if (reply.exit == Exit::TimedOut)
         reply.problem = "no connection within " + std::to_string(invocation.timeoutSeconds) +
-                        " s; `pubsubctl doctor` looks for the reason";
+                        " s; run `pubsubctl doctor` to find the reason";
     else if (reply.exit == Exit::Ok && !progress.up)
         return {Exit::NotConnected, reply.payload,
-                "the login failed; `pubsubctl doctor` looks for the reason"};
+                "the login failed; run `pubsubctl doctor` to find the reason"};
     return reply;
 }
+
+}  // namespace
 
 Exit runSessionLogin(const Invocation& invocation, Console& console) {
     Reply reply;
@@ -61,7 +65,8 @@ Exit runSessionJid(const Invocation& invocation, Console& console) {
     const std::string resource = textMember(parseWholeJson(second.payload).get(), "resource");
     if (user.empty())
         return console.finish(
-            {Exit::NotConnected, "", "no account was used yet; `pubsubctl session login` logs in"}, "");
+            {Exit::NotConnected, "", "no account has been used yet; log in with `pubsubctl session login`"},
+            "");
     reply.payload = JsonObject().set("user", user).set("resource", resource).line();
     return console.finish(reply, user + (resource.empty() ? "" : "  resource: " + resource));
 }

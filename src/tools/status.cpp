@@ -1,38 +1,30 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `status`: asks on the private bus, which says more, and on the public bus when the private one is closed to
-// the caller. Keeps no state.
+// `status`: asks on the private bus, which reports more, or on the public bus when the caller may not use the
+// private one. Keeps no state.
 #include "tools/verbs.h"
 #include "util/jsonref.h"
 
-static const char* yesNo(bool value) {
+namespace {
+
+const char* yesNo(bool value) {
     return value ? "yes" : "no";
 }
 
-std::string statusLine(const std::string& payload) {
-    const JsonRef status = parseWholeJson(payload);
-    std::string line = boolMember(status.get(), "connected") ? "connected" : "not connected";
-    if (jsonMember(status.get(), "network"))
-        line += std::string("  network: ") + yesNo(boolMember(status.get(), "network"));
-    if (jsonMember(status.get(), "session"))
-        line += std::string("  account: ") + yesNo(boolMember(status.get(), "session"));
-    return line;
-}
-
-static bool connectedIn(const std::string& payload) {
+bool connectedIn(const std::string& payload) {
     const JsonRef status = parseWholeJson(payload);
     return boolMember(status.get(), "connected");
 }
 
 // The exit code says whether the last status was "connected", so that a script need not read the text.
-static Exit conclude(const Reply& reply, Console& console) {
+Exit conclude(const Reply& reply, Console& console) {
     if (!reply.problem.empty())
-        console.complain(reply.problem);
+        console.message(reply.problem);
     if (reply.exit != Exit::Ok)
         return reply.exit;
     return connectedIn(reply.payload) ? Exit::Ok : Exit::NotConnected;
 }
 
-static Exit ask(BusClient& client, const std::string& uri, const Invocation& invocation, Console& console) {
+Exit ask(BusClient& client, const std::string& uri, const Invocation& invocation, Console& console) {
     bool follow = invocation.has("follow");
     const bool wait = invocation.has("wait");
     auto onAnswer = [&](const Reply& reply) {
@@ -56,9 +48,21 @@ static Exit ask(BusClient& client, const std::string& uri, const Invocation& inv
     return conclude(reply, console);
 }
 
+}  // namespace
+
+std::string statusLine(const std::string& payload) {
+    const JsonRef status = parseWholeJson(payload);
+    std::string line = boolMember(status.get(), "connected") ? "connected" : "not connected";
+    if (jsonMember(status.get(), "network"))
+        line += std::string("  network: ") + yesNo(boolMember(status.get(), "network"));
+    if (jsonMember(status.get(), "session"))
+        line += std::string("  account: ") + yesNo(boolMember(status.get(), "session"));
+    return line;
+}
+
 Exit runStatus(const Invocation& invocation, Console& console) {
     if (invocation.has("follow") && invocation.has("wait"))
-        return console.usage("--follow and --wait exclude each other");
+        return console.usage("--follow and --wait are mutually exclusive");
     Reply failure;
     Reply publicFailure;
     auto client = invocation.has("public") ? nullptr : openBus(QSBus::Private, failure);
@@ -68,7 +72,7 @@ Exit runStatus(const Invocation& invocation, Console& console) {
     if (client)
         return ask(*client, methodUri("connectStatus"), invocation, console);
     if (!failure.problem.empty())
-        console.complain(failure.problem);
-    console.complain(publicFailure.problem);
+        console.message(failure.problem);
+    console.message(publicFailure.problem);
     return Exit::NotConnected;
 }

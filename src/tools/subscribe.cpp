@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `subscribe` and `unsubscribe`: an application's wait for the items of its endpoint. The service uses a
-// subscription up with its first item, so each item is followed by a new one. Keeps no state.
+// `subscribe` and `unsubscribe`: receiving the items of an application's endpoint. The service ends a
+// subscription with its first item, so each item is followed by a new subscription. Keeps no state.
 #include <csignal>
 
 #include "tools/command.h"
@@ -30,8 +30,7 @@ class Subscriber {
 
     Exit run() {
         if (m_command.given() && !m_command.exists())
-            return m_console.usage("there is no program " + m_command.name() +
-                                   "; nothing was received for it");
+            return m_console.usage("there is no program " + m_command.name() + "; no item was received");
         const std::string payload = JsonObject().set("endpoint", m_endpoint).set("subscribe", true).line();
         const Exit exit = m_listener.run(
             {QSBus::Public, "subscribe", payload}, [this](Reply& reply) { return take(reply); },
@@ -40,36 +39,36 @@ class Subscriber {
     }
 
   private:
-    using Then = Listener::Then;
+    using Verdict = Listener::Verdict;
 
-    Then take(Reply& reply) {
+    Verdict take(Reply& reply) {
         const JsonRef answer = parseWholeJson(reply.payload);
         if (jsonMember(answer.get(), "item"))
             return takeItem(reply.payload);
         if (textMember(answer.get(), "status") == "subscribed") {
             reply = {Exit::Refused, "",
-                     "another process of this application waits for " + m_endpoint +
-                         " already and gets its next item; `pubsubctl unsubscribe` ends its wait"};
-            return Then::Refuse;
+                     "another process of this application already waits for " + m_endpoint +
+                         " and gets its next item; `pubsubctl unsubscribe` ends its wait"};
+            return Verdict::Refuse;
         }
         if (!m_announced)
-            m_console.complain("receiving the items of " + m_endpoint);
+            m_console.message("receiving the items of " + m_endpoint);
         m_announced = true;
-        return Then::Wait;
+        return Verdict::Wait;
     }
 
-    Then takeItem(const std::string& payload) {
+    Verdict takeItem(const std::string& payload) {
         const std::string text = endpointItem(payload, m_console.json());
         if (!m_command.given())
-            return m_console.line(text) ? Then::Again : Then::Leave;
-        // The subscription is used up: what comes meanwhile waits in the service and on the server.
+            return m_console.line(text) ? Verdict::Again : Verdict::Stop;
+        // The subscription has ended: items that come meanwhile wait in the service and on the server.
         m_listener.client().close();
         std::string problem;
         if (!m_command.run(text, m_listener.client(), problem)) {
-            m_console.complain(problem);
+            m_console.message(problem);
             m_failed = true;
         }
-        return Then::Again;
+        return Verdict::Again;
     }
 
     // A terminal interrupts the command itself.
@@ -86,8 +85,8 @@ class Subscriber {
     bool m_failed = false;
 };
 
-// The second answer comes from the server, and only when the service was connected at the first; a connection
-// that was lost in between has answered it by the time that the status is known.
+// The second answer comes from the server, and only when the service was connected at the first; if the
+// connection was lost in between, it has been answered by the time the status is known.
 class Unsubscription {
   public:
     Unsubscription(const Invocation& invocation, BusClient& client)
@@ -139,7 +138,7 @@ class Unsubscription {
     BusClient& m_client;
     Reply m_last;
     unsigned m_answers = 0;
-    unsigned m_awaited = 0;  // how many end the wait; 0 while nobody waits
+    unsigned m_awaited = 0;  // how many end the wait; 0 when not waiting
     bool m_timeUp = false;
 };
 
@@ -159,7 +158,7 @@ Exit runUnsubscribe(const Invocation& invocation, Console& console) {
     payload.set("endpoint", endpoint);
     if (invocation.has("onclose"))
         payload.set("onclose", true);
-    // Asks for the second answer; the service itself does not read it here.
+    // Asks the bus layer for the second answer; the service itself does not read the member.
     payload.set("subscribe", true);
     Reply reply;
     auto client = openBus(QSBus::Public, reply);

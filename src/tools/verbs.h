@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The verbs of the command line; each group has a file of its own. Keeps no state.
+// The verbs of the command line; each group has its own file. Keeps no state.
 #pragma once
 
 #include <memory>
@@ -12,23 +12,23 @@
 
 const std::vector<Verb>& allVerbs();
 
-// How long to receive: 0 sets no bound.
+// How long to receive; 0 is no limit.
 struct Bounds {
     unsigned count = 0;
     unsigned seconds = 0;
 };
-// -C and -W; false with what is wrong.
+// Reads -C and -W; false with the reason.
 bool readBounds(const Invocation& invocation, Bounds& bounds, std::string& problem);
 
 // A client on a bus, ready to call; null with `failure` filled when the bus cannot be reached.
 std::unique_ptr<BusClient> openBus(QSBus bus, Reply& failure);
 // Calls a method of the service on the private bus with the invocation's timeout.
 Reply callService(const Invocation& invocation, const char* method, const std::string& payload);
-// The same on the public bus, in the name of an application.
+// The same on the public bus, for an application.
 Reply callPublic(const Invocation& invocation, const char* method, const std::string& payload);
-// False, with the reason, for a text that no bus message can carry; `place` says where it came from.
-bool mayTravel(const std::string& text, const std::string& place, std::string& problem);
-// Standard input ("-") or a file, whole; false with a reason.
+// False with the reason for a text that no bus message can carry; `place` names its source.
+bool isSendable(const std::string& text, const std::string& place, std::string& problem);
+// Reads all of standard input ("-") or of a file; false with the reason.
 bool readWhole(Console& console, const std::string& place, std::string& text, std::string& problem);
 
 // The text to publish: the second argument, --file or standard input.
@@ -60,15 +60,15 @@ Exit runOnCloseRemove(const Invocation& invocation, Console& console);
 Exit runHandler(const Invocation& invocation, Console& console);
 Exit runCall(const Invocation& invocation, Console& console);
 
-// Parts that the tests look at alone.
+// Parts that are tested alone.
 
-// What a login looks like from the connection status: the status now, the loss of a standing connection, then
-// the new one or another loss.
+// Follows a login by the connection status: the current status, the loss of an existing connection, then the
+// new connection or another loss.
 struct LoginProgress {
     bool first = true;
     bool up = false;
-    int lossesToBear = 0;
-    bool take(bool connected);  // false once the login is over; `up` says how
+    int lossesExpected = 0;
+    bool take(bool connected);  // false once the login is over; `up` is the result
 };
 
 std::string statusLine(const std::string& payload);
@@ -84,5 +84,5 @@ std::string itemLine(const std::string& payload, bool json);
 std::string endpointItem(const std::string& payload, bool json);
 // A request for approval: "NODE  id: ...", or its four members under --json.
 std::string pendingLine(const std::string& payload, bool json);
-// A notice for a closed application: that it waits again, or an item for it.
+// A notice for a closed application: that it waits again, or that there is an item for it.
 std::string noticeLine(const std::string& payload, bool json);

@@ -96,7 +96,7 @@ class Device:
 
     def test_a_node_lives_from_its_creation_to_its_deletion(self):
         self.assertEqual(self.good("node", "create", "/ctl/news"), "created /ctl/news")
-        self.refused(3, "a node of this name is there already", "node", "create", "/ctl/news")
+        self.refused(3, "a node with this name already exists", "node", "create", "/ctl/news")
         self.assertRegex(self.good("node", "subscribe", "/ctl/news"), r"^subscribed to /ctl/news  subid: \S+$")
         handler = self.start("--json", "handler", "/ctl/news", "-C", "2", "-W", "30").wait_said("receiving")
         self.good("node", "publish", "/ctl/news", "-", text="two\nlines")
@@ -145,12 +145,12 @@ class Endpoints:
     def test_an_endpoint_has_one_key_for_its_life(self):
         key = self.good(*MAIL, "endpoint", "create", "life", "--description", "x" * 49)
         code, again, complaints = self.run_ctl(*MAIL, "endpoint", "create", "life")
-        self.assertEqual((code, again, "was there already" in complaints), (0, key + "\n", True))
+        self.assertEqual((code, again, "already exists" in complaints), (0, key + "\n", True))
         self.assertEqual(json.loads(self.good("--json", *MAIL, "endpoint", "key", "life")),
                          {"returnValue": True, "endpoint": "life", "publishKey": key})
         self.refused(3, "description too long", *MAIL, "endpoint", "create", "long", "--description", "x" * 50)
         self.assertEqual(self.good(*MAIL, "endpoint", "delete", "life"), "deleted life")
-        self.assertEqual(self.good(*MAIL, "endpoint", "delete", "life"), "there was no life")
+        self.assertEqual(self.good(*MAIL, "endpoint", "delete", "life"), "there was no endpoint life")
         self.refused(3, "item-not-found", *MAIL, "endpoint", "key", "life")
         self.refused(3, "no endpoint has this key", "publish", key, "late")
         self.assertNotEqual(self.good(*MAIL, "endpoint", "create", "life"), key)
@@ -178,12 +178,12 @@ class Endpoints:
         for job in ("first", "bad", "last"):
             self.good("publish", key, job + "\n")
         self.assertEqual(worker.end(), (1, ["done: first", "done: bad", "done: last"]))
-        self.assertIn("pubsubctl: sh ended with code 1", worker.complaints)
+        self.assertIn("pubsubctl: sh exited with code 1", worker.complaints)
 
     def test_a_wait_ends_by_signal_by_time_and_by_unsubscribing(self):
         self.good(*MAIL, "endpoint", "create", "wait")
         self.assertEqual(self.good(*MAIL, "unsubscribe", "wait"), "nobody was subscribed to wait")
-        self.refused(5, "0 of 1 came", *MAIL, "subscribe", "wait", "-C", "1", "-W", "1")
+        self.refused(5, "0 of 1 received", *MAIL, "subscribe", "wait", "-C", "1", "-W", "1")
         waiting = self.start(*MAIL, "subscribe", "wait").wait_said("receiving")
         self.refused(3, "another process of this application", *MAIL, "subscribe", "wait")
         self.assertEqual(self.good(*MAIL, "unsubscribe", "wait"), "unsubscribed from wait")

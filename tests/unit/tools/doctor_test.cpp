@@ -110,7 +110,7 @@ TEST(DoctorServer, WhoseNameIsUnknownLeavesTheRestUnknown) {
     auto findings = checkServer({"u", "d", "no-such-host.invalid", "5222"}, "/nowhere", 2);
     EXPECT_THAT(states(findings), testing::ElementsAre(State::Bad, State::Unknown, State::Unknown));
     EXPECT_THAT(findings[0].detail, HasSubstr("no-such-host.invalid: "));
-    EXPECT_EQ(findings[0].advice, "check the name in the account and the machine's name servers");
+    EXPECT_EQ(findings[0].advice, "check the host name in the account and this machine's DNS servers");
 }
 
 TEST(DoctorServer, ThatRefusesConnectionsIsToldSo) {
@@ -125,13 +125,13 @@ TEST(DoctorServer, WithoutTlsIsToldSo) {
     Server server("<stream:features/></stream:stream>");
     auto findings = checkServer({"u", "d.example", "127.0.0.1", server.port}, writeAuthority(folder), 2);
     EXPECT_THAT(states(findings), testing::ElementsAre(State::Good, State::Good, State::Bad));
-    EXPECT_EQ(findings[2].detail, "the server offers no TLS for d.example");
+    EXPECT_EQ(findings[2].detail, "the server does not offer TLS for d.example");
 }
 
 TEST(DoctorServer, CannotBeVerifiedWithoutAuthorities) {
     Server server("");
     auto findings = checkServer({"u", "d", "127.0.0.1", server.port}, "/nowhere/ca.crt", 2);
-    EXPECT_EQ(findings.back().detail, "/nowhere/ca.crt holds no certificate authority");
+    EXPECT_EQ(findings.back().detail, "/nowhere/ca.crt contains no CA certificates");
     EXPECT_EQ(findings.back().state, State::Bad);
 }
 
@@ -189,8 +189,8 @@ TEST(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
          {"ok      private bus: reachable\n", "bad     public bus: ", "ok      push service: answers\n",
           "bad     power service: com.zelt.power is not on the bus",
           "bad     network: ", "bad     account: ", "        -> set it with `zelt-host account set`\n",
-          "unknown certificate: needs an account\n", "bad     login: the service is not connected\n",
-          "unknown server extension: needs a login\n", "ok      store: "})
+          "unknown certificate: requires an account\n", "bad     login: the service is not connected\n",
+          "unknown server extension: requires a login\n", "ok      store: "})
         EXPECT_THAT(out.str(), HasSubstr(line));
     for (const char* variable : {"PUBSUB_STATE_DIR", "ZELT_PREFS_DIR", "ZELT_PUBLIC_BUS"})
         unsetenv(variable);
@@ -224,14 +224,14 @@ TEST_F(FromTheFile, TheDoctorSaysThatALossIsForGoodAndThatALoginIsNotTriedAgain)
     const std::string words = examine(0600);
     EXPECT_THAT(words, HasSubstr("ok      account: u1@example.org, from "));
     EXPECT_THAT(words,
-                HasSubstr("a connection that is lost does not come back by itself with this file alone"));
+                HasSubstr("with this file alone a lost connection is not re-established"));
     EXPECT_THAT(words,
-                HasSubstr("a login failed while the reconnect alarm rang: it is not tried again by itself"));
+                HasSubstr("which is also needed when a login failed at a reconnect alarm, since that one is not retried"));
 }
 
 TEST_F(FromTheFile, TheDoctorTakesNoAccountThatOthersCanRead) {
     EXPECT_THAT(examine(0644),
-                HasSubstr("/pubsub.conf can be read by others than its owner and is not taken\n"));
+                HasSubstr("/pubsub.conf is readable by users other than its owner and is ignored\n"));
 }
 
 }  // namespace

@@ -63,8 +63,8 @@ TEST_P(OneCall, EndsWithThreeAndTheReasonWhenRefused) {
     EXPECT_EQ(run(GetParam().words), Exit::Refused);
     EXPECT_EQ(out.str(), "");
     EXPECT_EQ(err.str(),
-              "pubsubctl: libErr: Error getting appid of calling app (the platform knows no application "
-              "behind this process; where the service allows it, `--app ID` names one)\n");
+              "pubsubctl: libErr: Error getting appid of calling app (the platform cannot tell which application "
+              "this process belongs to; where the service allows it, `--app ID` names one)\n");
 }
 
 constexpr char kKey[] = R"({"returnValue":true,"endpoint":"box","publishKey":"KEY"})";
@@ -94,7 +94,7 @@ INSTANTIATE_TEST_SUITE_P(
                  {"endpoint", "delete", "box"},
                  R"(deleteEndpoint {"endpoint":"box"})",
                  R"({"returnValue":true,"endpoint":"box","status":"notfound"})",
-                 "there was no box"},
+                 "there was no endpoint box"},
         VerbCase{QSBus::Public,
                  {"onclose", "add", "box"},
                  R"(subscribeOnClose {"endpoint":"box"})",
@@ -160,13 +160,13 @@ INSTANTIATE_TEST_SUITE_P(
     Table, WrongUsage,
     testing::Values(
         UsageCase{{"endpoint", "create", "box", "--access", "open"},
-                  "--access is authorize or left out, not \"open\""},
+                  "--access takes only \"authorize\", not \"open\""},
         UsageCase{{"node", "config", "/n", "--set", "title"},
                   "--set takes NAME=VALUE, such as access_model=open, not \"title\""},
         UsageCase{{"node", "config", "/n", "--set", "=x"},
                   "--set takes NAME=VALUE, such as access_model=open, not \"=x\""},
         UsageCase{{"pending", "approve", "/n", "--id", "1", "--subid", "2"},
-                  "--jid is missing; `pending list` printed what it takes"},
+                  "--jid is missing; `pending list` printed its value"},
         UsageCase{{"pending", "list", "-C", "none"},
                   "-C takes a whole number from 1 to 1000000, not \"none\""},
         UsageCase{{"onclose", "listen", "-W", "0"}, "-W takes a whole number of seconds, not \"0\""},

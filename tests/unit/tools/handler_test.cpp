@@ -110,7 +110,7 @@ TEST_F(Handler, EndsWhenTheTimeIsOverAndSaysWhetherTheCountWasReached) {
     EXPECT_EQ(run({"handler", "/n", "-W", "1"}), Exit::Ok);
     EXPECT_THAT(service.calls, ElementsAre(registration, withdrawal));
     EXPECT_EQ(run({"handler", "/n", "-W", "1", "-C", "3"}), Exit::TimedOut);
-    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: the time is over: 0 of 3 items came\n"));
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: timed out: 0 of 3 items received\n"));
 }
 
 TEST_F(Handler, EndsAtOnceWhenTheRegistrationIsRefused) {
@@ -127,7 +127,7 @@ TEST_F(Handler, SaysHowToRemoveARegistrationThatStays) {
     whenRegistered([this] { deliver("one"); });
     EXPECT_EQ(run({"handler", "/n", "-C", "1"}), Exit::Refused);
     EXPECT_THAT(err.str(),
-                HasSubstr("pubsubctl: the registration is still there; remove it with: pubsubctl call "
+                HasSubstr("pubsubctl: the registration was not removed; remove it with: pubsubctl call "
                           "unRegisterItemCallback '{\"node\":\"/n\",\"endpoint\":\"" +
                           endpoint + "\",\"app\":false}'\n"));
 }
@@ -139,7 +139,7 @@ TEST_F(Handler, TellsWhenTheServiceLeavesAndGoesOn) {
             100, [](gpointer) -> gboolean { return kill(getpid(), SIGINT), FALSE; }, nullptr);
     });
     EXPECT_EQ(run({"handler", "/n"}), Exit::NotConnected);
-    EXPECT_THAT(err.str(), HasSubstr("com.zelt.pubsubservice left the bus; items go on when it is back\n"));
+    EXPECT_THAT(err.str(), HasSubstr("com.zelt.pubsubservice left the bus; delivery resumes when it is back\n"));
 }
 
 TEST_F(Handler, EndsWithFourWhenTheBusIsLost) {

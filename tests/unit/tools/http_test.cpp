@@ -32,13 +32,13 @@ TEST(PublishUrl, RefusesWhatIsNoKeyAndAKeyWithoutABase) {
     for (const char* target : {"", "a/b", "a b", "ftp://h/K", "\xc3\xa4"}) {
         std::string problem;
         EXPECT_FALSE(publishUrl(target, "http://h", url, problem)) << target;
-        EXPECT_EQ(problem, "a key has letters, digits, - and _; give one, or a whole http:// address");
+        EXPECT_EQ(problem, "a key consists of letters, digits, - and _; give a key or a full http:// URL");
     }
     std::string problem;
     EXPECT_FALSE(publishUrl("K", "", url, problem));
     EXPECT_EQ(
         problem,
-        "where to publish is not known; give --url, or set PUBSUB_HTTP_URL to the address before the key");
+        "the address to publish to is unknown; give --url, or set PUBSUB_HTTP_URL to the URL before the key");
 }
 
 struct StatusCase {
@@ -58,15 +58,15 @@ INSTANTIATE_TEST_SUITE_P(
     Table, RefusedPublication,
     testing::Values(
         StatusCase{{400, R"({"error":"why"})", ""},
-                   "the server does not take this text: it is empty, or has characters that XML does not "
+                   "the server rejects this text: it is empty, or contains characters that XML cannot "
                    "carry (why)"},
         StatusCase{{404, "no json", ""},
                    "no endpoint has this key; `pubsubctl endpoint key` prints the right one"},
-        StatusCase{{405, "", ""}, "this is no address to publish to; check the address before the key"},
+        StatusCase{{405, "", ""}, "this is not an address to publish to; check the part before the key"},
         StatusCase{{413, "", ""}, "the text is too long for the server; publish a reference to it instead"},
         StatusCase{{429, "", "7"}, "too many items for this key; try again in 7 s"},
         StatusCase{{503, R"({"error":"full"})", "30"},
-                   "the server has no room at the moment (full); try again in 30 s"},
+                   "the server cannot store more items at the moment (full); try again in 30 s"},
         StatusCase{{302, "", ""}, "the server answered with status 302"},
         StatusCase{{200, "", ""}, "the server answered with status 200"}));
 
@@ -150,7 +150,7 @@ TEST(Post, EndsWithFiveWhenTheServerStaysSilent) {
     EXPECT_EQ(reply.exit, Exit::TimedOut);
     EXPECT_EQ(reply.problem,
               "the server did not answer within 1 s; --timeout SECONDS waits longer. The item may have been "
-              "stored all the same");
+              "stored nevertheless");
 }
 
 TEST(Post, EndsWithFourWhenTheServerCannotBeReached) {

@@ -95,7 +95,7 @@ TEST_F(Receiver, RefusesToWaitBesideAnotherProcessOfTheApplication) {
     service.script["subscribe"] = R"({"returnValue":true,"endpoint":"box","status":"subscribed"})";
     EXPECT_EQ(run({"subscribe", "box"}), Exit::Refused);
     EXPECT_EQ(err.str(),
-              "pubsubctl: another process of this application waits for box already and gets its next item; "
+              "pubsubctl: another process of this application already waits for box and gets its next item; "
               "`pubsubctl unsubscribe` ends its wait\n");
 }
 
@@ -115,7 +115,7 @@ TEST_F(Receiver, StaysWhenTheConnectionIsLostUnderAnAcceptedSubscription) {
           }});
     EXPECT_EQ(run({"subscribe", "box", "-C", "1"}), Exit::Ok);
     EXPECT_EQ(out.str(), "later\n");
-    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: the connection was lost; items go on when it is back\n"));
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: the connection was lost; delivery resumes when it is back\n"));
     EXPECT_THAT(service.calls, ElementsAre(subscription));
 }
 
@@ -132,7 +132,7 @@ TEST_F(Receiver, WaitsForTheFirstConnectionOfTheService) {
     EXPECT_EQ(err.str(),
               "pubsubctl: the service has no connection to its server; waiting for it\n"
               "pubsubctl: receiving the items of box\n"
-              "pubsubctl: the time is over: 0 of 1 came\n");
+              "pubsubctl: timed out: 0 of 1 received\n");
 }
 
 TEST_F(Receiver, SaysWhenNoAnswerComesAndGoesOnWaiting) {
@@ -166,7 +166,7 @@ TEST_F(Receiver, WaitsForAServiceThatLeftAndSubscribesAtTheNextOne) {
     EXPECT_EQ(out.str(), "new\n");
     EXPECT_EQ(err.str(),
               "pubsubctl: receiving the items of box\n"
-              "pubsubctl: com.zelt.pubsubservice left the bus; waiting until it is back\n"
+              "pubsubctl: com.zelt.pubsubservice left the bus; waiting for it to return\n"
               "pubsubctl: com.zelt.pubsubservice is back\n");
 }
 
@@ -194,14 +194,14 @@ TEST_F(Receiver, RunsTheCommandForEachItemAndReportsItsFailures) {
     unlink(file.c_str());
     EXPECT_EQ(text, "good\nbad\n");
     EXPECT_EQ(out.str(), "");
-    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: sh ended with code 1\n"));
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: sh exited with code 1\n"));
     EXPECT_THAT(service.calls, ElementsAre(subscription, subscription));
 }
 
 TEST_F(Receiver, SaysWhichSignalEndedACommand) {
     after("subscribe", {item("one")});
     EXPECT_EQ(run({"subscribe", "box", "-C", "1", "--", "sh", "-c", "kill -9 $$"}), Exit::CommandFailed);
-    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: sh was ended by signal 9\n"));
+    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: sh was killed by signal 9\n"));
 }
 
 TEST_F(Receiver, NeedsTheProgramBeforeItReceivesAnything) {

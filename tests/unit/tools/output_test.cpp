@@ -90,17 +90,17 @@ TEST(PublishRequest, RefusesTwoItemsAndWhatNoItemCanCarry) {
     EXPECT_EQ(request(publishPayload, {"node", "publish", "/n", "text", "--json", "{}"}, screen.console),
               "refused: give the item once: as TEXT, with --file or with --json");
     EXPECT_EQ(request(publishPayload, {"node", "publish", "/n", "-"}, screen.console),
-              "refused: standard input is not UTF-8 text (or holds a NUL); encode it first, for instance "
+              "refused: standard input is not UTF-8 text (or contains a NUL); encode it first, for instance "
               "with base64");
     Screen latin(false, "gr\xfcn");
     EXPECT_EQ(request(publishPayload, {"node", "publish", "/n", "-"}, latin.console),
-              "refused: standard input is not UTF-8 text (or holds a NUL); encode it first, for instance "
+              "refused: standard input is not UTF-8 text (or contains a NUL); encode it first, for instance "
               "with base64");
     Screen huge(false, std::string(16 * 1024 * 1024 + 1, 'x'));
     EXPECT_EQ(request(publishPayload, {"node", "publish", "/n", "-"}, huge.console),
               "refused: standard input is longer than 16 MiB; publish a reference to it instead");
     EXPECT_EQ(request(publishPayload, {"node", "publish", "/n", "gr\xfcn"}, screen.console),
-              "refused: TEXT is not UTF-8 text (or holds a NUL); encode it first, for instance with base64");
+              "refused: TEXT is not UTF-8 text (or contains a NUL); encode it first, for instance with base64");
 }
 
 TEST(SubscribeRequest, CarriesJidAndDepthWhenGiven) {
@@ -108,7 +108,7 @@ TEST(SubscribeRequest, CarriesJidAndDepthWhenGiven) {
     EXPECT_EQ(request(subscribePayload, {"node", "subscribe", "/n", "--jid", "a@b/c", "--depth", "0"}),
               R"({"node":"/n","jid":"a@b/c","depth":0})");
     EXPECT_EQ(request(subscribePayload, {"node", "subscribe", "/n", "--depth", "-1"}),
-              "refused: --depth is a whole number, 0 or more, not \"-1\"");
+              "refused: --depth takes a whole number, 0 or more, not \"-1\"");
 }
 
 TEST(CallRequest, SendsJsonAsItIsAndAddsSubscribeToFollow) {
@@ -122,7 +122,7 @@ TEST(CallRequest, SendsJsonAsItIsAndAddsSubscribeToFollow) {
               R"({"subscribe":false})");
     EXPECT_EQ(request(callPayload, {"call", "m", "null"}, screen.console), "null");
     EXPECT_EQ(request(callPayload, {"call", "m", "{\"a\":"}, screen.console),
-              "refused: the payload is no JSON text: {\"a\": (--raw sends it all the same)");
+              "refused: the payload is not JSON: {\"a\": (--raw sends it anyway)");
     EXPECT_EQ(request(callPayload, {"call", "m", "{\"a\":", "--raw"}, screen.console), "{\"a\":");
     EXPECT_EQ(request(callPayload, {"call", "m", "[]", "--follow"}, screen.console),
               "refused: --follow needs a JSON object as payload, to add \"subscribe\" to it");
@@ -178,7 +178,7 @@ INSTANTIATE_TEST_SUITE_P(
             "it "
             "with `pubsubctl status --follow`)"},
         Verdict{R"({"returnValue":false,"errorCode":"cancel","errorText":"item-not-found"})", Exit::Refused,
-                "cancel: item-not-found (the server knows no such node; create it with `pubsubctl node "
+                "cancel: item-not-found (the node does not exist on the server; create it with `pubsubctl node "
                 "create` or `pubsubctl endpoint create`)"},
         Verdict{R"({"returnValue":false,"errorText":"\"in\" must be \"00:25:00\""})", Exit::Refused,
                 "\"in\" must be \"00:25:00\""},
@@ -186,9 +186,9 @@ INSTANTIATE_TEST_SUITE_P(
             R"({"returnValue":false,"errorCode":"modify","errorText":"bad-request item-required"})",
             Exit::Refused,
             "modify: bad-request item-required (the item needs a child element; `payload` is the one that "
-            "receivers are handed)"},
-        Verdict{"[]", Exit::Refused, "the answer is no JSON object: []"},
-        Verdict{"", Exit::Refused, "the answer is no JSON object: "}));
+            "receivers get)"},
+        Verdict{"[]", Exit::Refused, "the answer is not a JSON object: []"},
+        Verdict{"", Exit::Refused, "the answer is not a JSON object: "}));
 
 TEST(BusErrors, AreToldApart) {
     const char* payload = R"({"returnValue":false,"errorCode":-1,"errorText":"why"})";
@@ -199,7 +199,7 @@ TEST(BusErrors, AreToldApart) {
               Exit::NotConnected);
     EXPECT_EQ(judgeBusError("s", "org.freedesktop.DBus.Error.NoReply", payload).exit, Exit::NotConnected);
     EXPECT_EQ(judgeBusError("s", "org.freedesktop.DBus.Error.UnknownMethod", payload).problem,
-              "no such method on this bus: why; platform methods are on the private bus alone, public ones "
+              "no such method on this bus: why; platform methods are on the private bus only, public ones "
               "on both");
     EXPECT_EQ(judgeBusError("s", "org.freedesktop.DBus.Error.AccessDenied", payload).problem,
               "the bus forbids this call: why");
@@ -247,7 +247,7 @@ TEST(Terminal, GetsControlCharactersAsEscapes) {
     std::ostringstream out, err;
     Console console(in, out, err, false, {true, true});
     console.line(kHostile);
-    console.complain(kHostile);
+    console.message(kHostile);
     const std::string escaped =
         "a\\x1b]0;x\\x07\\x1b[2J\\x0d\\x08\\x7f\\xc2\\x9b"
         "31mb\tc\nd \xc3\xbc\n";
@@ -262,7 +262,7 @@ TEST(Terminal, AloneGetsEscapes) {
     console.line(kHostile);
     EXPECT_EQ(out.str(), std::string(kHostile) + "\n");
     Console redirected(in, out, err, false, {true, false});
-    redirected.complain(kHostile);
+    redirected.message(kHostile);
     EXPECT_EQ(err.str(), std::string("pubsubctl: ") + kHostile + "\n");
 }
 

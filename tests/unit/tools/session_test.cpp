@@ -61,7 +61,7 @@ TEST_F(Session, LoginBearsTheLossOfAStandingConnectionOnce) {
     EXPECT_EQ(err.str(), "");
     onLogin({kDown, kDown});
     EXPECT_EQ(run({"session", "login"}), Exit::NotConnected);
-    EXPECT_EQ(err.str(), "pubsubctl: the login failed; `pubsubctl doctor` looks for the reason\n");
+    EXPECT_EQ(err.str(), "pubsubctl: the login failed; run `pubsubctl doctor` to find the reason\n");
 }
 
 TEST_F(Session, LoginFailsWhenTheServiceReportsNoConnection) {
@@ -75,7 +75,7 @@ TEST_F(Session, LoginDoesNotWaitForEver) {
     service.script["subscribeConnStatus"] = kDown;
     onLogin({});
     EXPECT_EQ(run({"--timeout", "1", "session", "login"}), Exit::TimedOut);
-    EXPECT_EQ(err.str(), "pubsubctl: no connection within 1 s; `pubsubctl doctor` looks for the reason\n");
+    EXPECT_EQ(err.str(), "pubsubctl: no connection within 1 s; run `pubsubctl doctor` to find the reason\n");
 }
 
 TEST_F(Session, DisconnectCallsTheService) {
@@ -96,7 +96,7 @@ TEST_F(Session, JidSaysThatThereIsNoneYet) {
     service.script["getJabberId"] = R"({"returnValue":true,"username":""})";
     service.script["getResource"] = R"({"returnValue":true,"resource":""})";
     EXPECT_EQ(run({"session", "jid"}), Exit::NotConnected);
-    EXPECT_EQ(err.str(), "pubsubctl: no account was used yet; `pubsubctl session login` logs in\n");
+    EXPECT_EQ(err.str(), "pubsubctl: no account has been used yet; log in with `pubsubctl session login`\n");
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ TEST_P(NodeVerbs, EndWithThreeAndTheReasonWhenRefused) {
     EXPECT_EQ(out.str(), "");
     EXPECT_EQ(
         err.str(),
-        "pubsubctl: auth: forbidden (this account may not do that to this node; ask the node's owner)\n");
+        "pubsubctl: auth: forbidden (this account is not allowed to do that with this node; ask the node's owner)\n");
 }
 
 TEST_P(NodeVerbs, EndWithFourWhenTheServiceHasNoConnection) {
@@ -106,7 +106,7 @@ INSTANTIATE_TEST_SUITE_P(Table, NodeVerbs,
 
 TEST_F(Verbs, RefuseAnUnsubscribeThatLacksWhatTheServiceNeeds) {
     EXPECT_EQ(run({"node", "unsubscribe", "/n", "--jid", "a@b"}), Exit::Usage);
-    EXPECT_EQ(err.str(), "pubsubctl: --subid is missing; `node subscribe` printed what it takes\n");
+    EXPECT_EQ(err.str(), "pubsubctl: --subid is missing; `node subscribe` printed its value\n");
 }
 
 TEST_F(Verbs, EndWithFourWhenTheServiceIsNotThere) {
