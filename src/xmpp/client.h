@@ -100,6 +100,7 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     bool installConnection(const std::string& localAddress);
     bool installTls();
     void failConnection(gloox::ConnectionError error);
+    using gloox::ClientBase::disconnect;  // the one with a reason, which the one above would hide
     void sendStanza(const std::string& stanza) { send(stanza); }
     bool isOutOfPlace(const gloox::Tag& tag) const;
     bool isFromService(const std::string& from);

@@ -101,7 +101,7 @@ int onReply(sd_bus_message* reply, void* data, sd_bus_error*) {
     } else if (sd_bus_message_read(reply, "s", &payload) > 0) {
         busTell(*call, reply, payload, "");
     } else {
-        const sd_bus_error unreadable = SD_BUS_ERROR_MAKE_CONST(kErrorInvalidText, "The reply is no text");
+        const sd_bus_error unreadable = {kErrorInvalidText, "The reply is no text", 0};
         busTell(*call, nullptr, errorPayload(&unreadable).c_str(), kErrorInvalidText);
     }
     return 0;

@@ -20,8 +20,8 @@ namespace {
 
 constexpr char kDeviceIdKey[] = "com.zelt.properties.kduid";
 // Ours alone: another application derives another id from the same machine.
-constexpr sd_id128_t kApplication =
-    SD_ID128_MAKE(7b, 1e, 0d, 52, 9c, 4f, 4a, 36, 8e, 21, d5, 60, 3a, f7, 14, c9);
+constexpr sd_id128_t kApplication = {
+    {0x7b, 0x1e, 0x0d, 0x52, 0x9c, 0x4f, 0x4a, 0x36, 0x8e, 0x21, 0xd5, 0x60, 0x3a, 0xf7, 0x14, 0xc9}};
 
 bool readMachineId(const char* file, sd_id128_t& id, CallSite site) {
     std::ifstream stream(file);

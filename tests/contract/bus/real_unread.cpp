@@ -147,7 +147,7 @@ class World {
     // One call that waits for its answer, as a simple program makes it.
     bool call(const std::string& payload = "{}") {
         sd_bus_message* reply = nullptr;
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error = {};
         const int result = sd_bus_call_method(m_bus, kServiceName, "/", kServiceName, "echo", &error, &reply,
                                               "s", payload.c_str());
         sd_bus_message_unref(reply);

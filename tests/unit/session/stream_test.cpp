@@ -375,6 +375,7 @@ TEST_F(HeldRequests, WhoseCallerIsGoneAreDropped) {
     reconnect();
     EXPECT_EQ(subscribesSent(), 1);
     EXPECT_NE(lastStanza().xml().find("<subscribe node='/b'"), std::string::npos);
+    EXPECT_TRUE(there.waiting());
     session().m_msgMap.clear();
 }
 
