@@ -250,7 +250,7 @@ class Requests(HttpTest):
         self.assert_published(owner, *["x"] * 4)
 
 
-class Rubbish(HttpTest):
+class MalformedRequests(HttpTest):
     def assert_refused(self, data, status):
         with self.link() as link:
             try:

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """What arrives unchanged, and what is refused because a device's parser could not handle it.
 
-PUBSUB_DOCUMENTS sets the number of random documents, PUBSUB_RUBBISH_SEED their seed.
+PUBSUB_DOCUMENTS sets the number of random documents, PUBSUB_FUZZ_SEED their seed.
 """
 import os
 import random
@@ -12,7 +12,7 @@ from harness import ServerTest
 from xmppclient import DEVICE, EVENT, OWNER, PUBSUB, STANZAS, condition
 
 DOCUMENTS = int(os.environ.get("PUBSUB_DOCUMENTS", "2000"))
-SEED = int(os.environ.get("PUBSUB_RUBBISH_SEED", "1"))
+SEED = int(os.environ.get("PUBSUB_FUZZ_SEED", "1"))
 BATCH = 100
 STREAMS = "http://etherx.jabber.org/streams"
 ENDING = (

@@ -96,7 +96,7 @@ INSTANTIATE_TEST_SUITE_P(
         CgroupCase{"1:name=systemd:/system.slice/app-b-1.scope", "b", "/system.slice/app-b-1.scope", false},
         CgroupCase{"4:memory:/system.slice/app-b-1.scope\n", "", "", false},
         CgroupCase{"0::/\n", "", "", false}, CgroupCase{"", "", "", false},
-        CgroupCase{"rubbish", "", "", false}, CgroupCase{"\n\n::\n0:\n", "", "", false},
+        CgroupCase{"nonsense", "", "", false}, CgroupCase{"\n\n::\n0:\n", "", "", false},
         CgroupCase{"0::no-slash", "", "/no-slash", false}));
 
 TEST(Environment, GivesTheValueOfTheWholeKey) {

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """Items published over HTTP while the service, the server and the link are killed at random moments.
 
-    storm.py [ITEMS [SECONDS [SEED]]]     by default 10000 items in 300 seconds
+    faults.py [ITEMS [SECONDS [SEED]]]     by default 10000 items in 300 seconds
 
 Ends with the counts as JSON and with status 1 when a promise was broken. An application subscribes to every endpoint,
 and again after each item, refusal and end. Three kinds of evidence meet: what the publishers were told (201 and the
@@ -21,11 +21,11 @@ import time
 import urllib.request
 
 from app import App
+from cachewatch import CacheWatch
 from endpoints import Publisher, preferences
 from stage import Stage, wait_until
-from stormwatch import CacheWatch
 
-APP_ID = "com.example.storm"
+APP_ID = "com.example.faults"
 PUBLISHERS = 4
 KINDS = ("service", "link", "server", "stream", "service", "link", "service")  # in turn
 
@@ -59,7 +59,7 @@ class Application:
     def __init__(self, stage, endpoints):
         self.received = {endpoint: [] for endpoint in endpoints}
         self._process = subprocess.Popen(
-            ["/usr/bin/python3", os.path.join(os.path.dirname(__file__), "stormapp.py"),
+            ["/usr/bin/python3", os.path.join(os.path.dirname(__file__), "faultsapp.py"),
              stage.env["ZELT_PUBLIC_BUS"], *endpoints],
             env=dict(os.environ, ZELT_APP_ID=APP_ID, PYTHONDONTWRITEBYTECODE="1"), stdout=subprocess.PIPE, text=True)
         self._reader = threading.Thread(target=self._read, daemon=True)
@@ -76,7 +76,7 @@ class Application:
         self._reader.join()
 
 
-class Storm:
+class Faults:
     """One run; `counts` and `broken` say how it went."""
 
     def __init__(self, stage, items, seconds, seed, nodes=20):
@@ -157,7 +157,7 @@ class Storm:
     def _kill_stream(self, _away):
         """The server ends the stream."""
         session = {"user": self.stage.env["DEVICE_USER"], "host": self.stage.env["XMPP_DOMAIN"],
-                   "resource": self.stage.env["DEVICE_RESOURCE"], "reason": "storm"}
+                   "resource": self.stage.env["DEVICE_RESOURCE"], "reason": "faults"}
         request = urllib.request.Request(self.stage.env["API_URL"] + "/kick_session", json.dumps(session).encode(),
                                          {"Content-Type": "application/json"})
         urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=20).close()
@@ -227,7 +227,7 @@ def main(items=10000, seconds=300, seed=1):
     stage = Stage()
     try:
         stage.up()
-        counts = Storm(stage, int(items), float(seconds), int(seed)).run()
+        counts = Faults(stage, int(items), float(seconds), int(seed)).run()
     finally:
         stage.down()
     print(json.dumps(counts, indent=1))

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""An XMPP server that answers most requests and says a lot that nobody asked for."""
+"""An XMPP server that answers most requests, at random, and sends stanzas that nobody asked for."""
 
 import re
 import select
@@ -12,12 +12,12 @@ sys.path.insert(0, str(ROOT / "bench"))
 from item_server import LoginServer  # noqa: E402
 
 
-class RubbishServer(LoginServer):
-    """Logs every client in that comes, answers most of its requests and sends what nobody asked for."""
+class FuzzServer(LoginServer):
+    """Accepts every client, one at a time, until it is closed."""
 
-    def __init__(self, rubbish):
+    def __init__(self, fuzz):
         super().__init__()
-        self._rubbish = rubbish
+        self._fuzz = fuzz
         self._ends = threading.Event()
         self._thread = threading.Thread(target=self._run)
         self._thread.start()
@@ -40,7 +40,7 @@ class RubbishServer(LoginServer):
                 self._socket.close()
 
     def _serve(self):
-        rubbish, heard = self._rubbish, self._buffer
+        fuzz, heard = self._fuzz, self._buffer
         self._buffer = b""
         while not self._ends.is_set():
             if select.select([self._socket], [], [], 0.005)[0]:
@@ -49,13 +49,13 @@ class RubbishServer(LoginServer):
                     return
                 heard += data
             requests = re.findall(rb"<iq[^>]*\bid='([^']*)'", heard)
-            rubbish.nodes += [node.decode() for node in re.findall(rb"\b(?:node|id)='(/[^']*)'", heard)]
+            fuzz.nodes += [node.decode() for node in re.findall(rb"\b(?:node|id)='(/[^']*)'", heard)]
             heard = heard[heard.rfind(b">") + 1:]
             for request in requests:
-                if rubbish.random.random() < 0.9:
-                    self._send(rubbish.answer(request.decode()))
-            if rubbish.random.random() < 0.5:
-                self._send("".join(rubbish.stanza() for _ in range(rubbish.random.randrange(1, 6))))
-            if rubbish.random.random() < 0.002:
-                self._send(rubbish.random.choice(("<a", "</stream:stream>", "\0", "<a></b>", "<stream:error/>")))
+                if fuzz.random.random() < 0.9:
+                    self._send(fuzz.answer(request.decode()))
+            if fuzz.random.random() < 0.5:
+                self._send("".join(fuzz.stanza() for _ in range(fuzz.random.randrange(1, 6))))
+            if fuzz.random.random() < 0.002:
+                self._send(fuzz.random.choice(("<a", "</stream:stream>", "\0", "<a></b>", "<stream:error/>")))
                 return

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Requests at random, in the protocol's own words: each has an answer, and nothing of the extension breaks.
+"""Random requests, made of the protocol's elements: each gets an answer, and the extension logs no error.
 
-PUBSUB_RUBBISH_SEED and PUBSUB_RUBBISH_ROUNDS choose another row of rubbish, and a longer one.
+PUBSUB_FUZZ_SEED and PUBSUB_FUZZ_ROUNDS set the seed and the length.
 """
 import os
 import random
@@ -12,10 +12,10 @@ from harness import ServerTest
 from xmppclient import DEVICE
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-from rubbish import AUTHORIZATION, COMMANDS, GET_PENDING, NODE_CONFIG, PUBSUB, PUBSUB_OWNER, Rubbish  # noqa: E402
+from fuzz import AUTHORIZATION, COMMANDS, GET_PENDING, NODE_CONFIG, PUBSUB, PUBSUB_OWNER, Fuzz  # noqa: E402
 
-SEED = int(os.environ.get("PUBSUB_RUBBISH_SEED", "1"))
-ROUNDS = int(os.environ.get("PUBSUB_RUBBISH_ROUNDS", "100"))
+SEED = int(os.environ.get("PUBSUB_FUZZ_SEED", "1"))
+ROUNDS = int(os.environ.get("PUBSUB_FUZZ_ROUNDS", "100"))
 REQUESTS, OTHERS = 20, 5  # in a round
 
 
@@ -23,23 +23,23 @@ class Everything(ServerTest):
     def setUp(self):
         super().setUp()
         self.random = random.Random(SEED)
-        self.rubbish = Rubbish(self.random)
+        self.fuzz = Fuzz(self.random)
         self.devices = [self.device(user, "d%d" % i) for i, user in enumerate(("owner", "bob", "carol", "owner"))]
         names = ["/k/%d" % i for i in range(3)]
         self.keys = [self.key_node(self.devices[0], name) for name in names]
-        self.rubbish.nodes += names
+        self.fuzz.nodes += names
 
     def attribute(self, *fitting):
-        return self.random.choice(fitting + (self.rubbish.attribute(),))
+        return self.random.choice(fitting + (self.fuzz.attribute(),))
 
     def inside(self, *fitting):
-        return self.random.choice(fitting + ("", self.rubbish.form(self.random.choice((NODE_CONFIG, AUTHORIZATION))),
-                                             self.rubbish.element(3)))
+        return self.random.choice(fitting + ("", self.fuzz.form(self.random.choice((NODE_CONFIG, AUTHORIZATION))),
+                                             self.fuzz.element(3)))
 
     def on_node(self):
         """The attribute that names a node."""
-        return "node='%s'" % (self.rubbish.attribute() if self.random.random() < 0.3 else
-                              self.random.choice(self.rubbish.nodes))
+        return "node='%s'" % (self.fuzz.attribute() if self.random.random() < 0.3 else
+                              self.random.choice(self.fuzz.nodes))
 
     def standard(self, client):
         jid = self.attribute(client.jid, client.bare)

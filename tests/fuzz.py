@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Payloads and stanzas at random: the system's own words, in places and of types where they make sense or none."""
+"""Random payloads and stanzas, made of the names and values that the system uses, in valid and invalid places."""
 
 import json
 
@@ -15,7 +15,7 @@ KEYS = ("node", "nodes", "endpoint", "item", "xml", "jid", "subid", "id", "appro
         "subscribe", "app", "onclose", "depth", "nodeType", "parent", "title", "accessType", "description", "device",
         "user", "service", "resource", "password", "server", "port", "@xmlns", "#text", "pubsub#title", "")
 TEXTS = ("", "a", "b", "*", "/", "//", "/../a", "/a/b/c/d", "device@localhost", "device@localhost/bench", "@", "true",
-         "0", "-1", "99999999999999999999999", "zelt://com.zelt.rubbish/item", "zelt://", "quor://com.zelt.x/y", "\n\t",
+         "0", "-1", "99999999999999999999999", "zelt://com.zelt.fuzz/item", "zelt://", "quor://com.zelt.x/y", "\n\t",
          "\u00fc\u20ac\U0001f600", "\ufffe", "\x01", "<a>&amp;</a>", "\"", "\\", "%s%n", "x" * 98, "y" * 99, "z" * 5000)
 
 NO_OBJECTS = ("", "{", "[]", "null", "5", "\"a\"", "{}x", "[" * 40, "{\"node\":" * 40, "nonsense")
@@ -50,8 +50,8 @@ def escaped(text):
     return text.replace("&", "&amp;").replace("<", "&lt;").replace("'", "&apos;")
 
 
-class Rubbish:
-    """Draws from the words above; one object for each thread. `nodes` grows with the names that the service uses."""
+class Fuzz:
+    """Draws from the lists above; one object for each thread. `nodes` grows with the names that the service uses."""
 
     def __init__(self, random):
         self.random = random
@@ -91,8 +91,8 @@ class Rubbish:
         inside = self.random.random()
         content = "" if inside < 0.2 else escaped(self.text()) if inside < 0.4 or depth > 5 else \
             "".join(self.element(depth + 1) for _ in range(self.random.randrange(1, 4)))
-        words = "".join(f" {key}='{value}'" for key, value in attributes.items())
-        return f"<{name}{words}>{content}</{name}>"
+        written = "".join(f" {key}='{value}'" for key, value in attributes.items())
+        return f"<{name}{written}>{content}</{name}>"
 
     def attribute(self):
         return escaped(self.random.choice(VALUES) if self.random.random() < 0.4 else self.text())
@@ -117,11 +117,11 @@ class Rubbish:
             return f"<message from='{sender}' id='{self.attribute()}'>{inside}</message>"
         name, types = self.random.choice((("iq", ("get", "set", "result", "error")),
                                           ("presence", ("", "subscribe", "error", "unavailable"))))
-        words = f"from='{sender}' id='{self.attribute()}' type='{self.random.choice(types)}'"
-        return f"<{name} {words}>{self.element()}</{name}>"
+        attributes = f"from='{sender}' id='{self.attribute()}' type='{self.random.choice(types)}'"
+        return f"<{name} {attributes}>{self.element()}</{name}>"
 
     def answer(self, request):
-        """An answer to the request of that id; most are what a server might say."""
+        """An answer to the request with that id; most are what a server might send."""
         node = escaped(self.text())
         kind, inside = self.random.choice((
             ("result", ""),

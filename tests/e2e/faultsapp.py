@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The application of the storm: waits for the items of its endpoints for ever, and prints each as "ENDPOINT ITEM".
+"""The application of faults.py: waits for items of its endpoints until it is ended, and prints each as "ENDPOINT ITEM".
 
 It subscribes again after each item, refusal and end of a subscription, and when the service is back; never for any
-other reason, so an item that the service forgets to hand out stays away.
+other reason, so an item that the service fails to deliver is missed.
 """
 
 import json
