@@ -13,21 +13,20 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "scripts")]
+import device as devices  # noqa: E402
+import processes  # noqa: E402
+from device import BIN  # noqa: E402
 from item_server import ItemServer  # noqa: E402
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-BIN = ROOT / "build" / os.environ.get("PUBSUB_PRESET", "release") / "bin"
 NODE = "/bench/node"
 PAYLOAD = "x" * 100
 
 
 def wait_until(condition, what, seconds=20):
-    deadline = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > deadline:
-            sys.exit(f"not within {seconds} s: {what}")
-        time.sleep(0.02)
+    if not processes.wait_until(condition, seconds):
+        sys.exit(f"not within {seconds} s: {what}")
 
 
 class Table:
@@ -62,34 +61,21 @@ class Device:
 
     def __init__(self, folder):
         self.folder = pathlib.Path(folder)
-        self.processes = []
+        device = devices.Device(folder)
+        self.processes = [device.start_bus(bus) for bus in ("private", "public")]
         self.server = ItemServer()
         for name in ("state/cache", "prefs", "host"):
             (self.folder / name).mkdir(parents=True)
         (self.folder / "prefs").chmod(0o700)
         (self.folder / "host" / "host.conf").write_text("[network]\nloopback-is-internet=true\n")
+        (self.folder / "machine-id").write_text("0123456789abcdef" * 2)
         credentials = self.folder / "state" / "pubsub.conf"
         credentials.touch(mode=0o600)
         credentials.write_text("\n".join(
             ["device@localhost", "secret", "127.0.0.1", str(self.server.port), "pubsub.localhost", "bench"]) + "\n")
         (self.folder / "state" / "pubsubhandlers.conf").write_bytes(
             f'{{"node":"{NODE}","endpoint":"zelt://com.zelt.bench.sink/item","app":false}}\0\n'.encode())
-        self.environment = dict(
-            os.environ, xmpp_config="plain", PUBSUB_STATE_DIR=str(self.folder / "state"),
-            PUBSUB_CA_FILE="/dev/null", ZELT_PREFS_DIR=str(self.folder / "prefs"),
-            ZELT_HOST_STATE_DIR=str(self.folder / "host"), ZELT_HOST_CONF=str(self.folder / "host" / "host.conf"))
-        for bus in ("private", "public"):
-            self._start_bus(bus)
-
-    def _start_bus(self, bus):
-        template = (ROOT / "packaging" / "dbus" / "zelt-dev.conf.in").read_text()
-        socket = self.folder / f"{bus}_bus"
-        config = self.folder / f"{bus}.conf"
-        config.write_text(
-            template.replace("@DIR@", str(self.folder)).replace("@BUS@", bus).replace("@EXTRA@", ""))
-        self.start(f"{bus}-bus", "dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog")
-        wait_until(socket.exists, f"the {bus} bus")
-        self.environment[f"ZELT_{bus.upper()}_BUS"] = f"unix:path={socket}"
+        self.environment = dict(device.environment(), xmpp_config="plain", PUBSUB_CA_FILE="/dev/null")
 
     def start(self, name, *command, ready=False):
         log = open(self.folder / f"{name}.log", "ab")

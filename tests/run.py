@@ -30,7 +30,7 @@ ENVIRONMENT = dict(
 
 
 class Result:
-    """What one test program said: counts, the seconds it took, and its output when something failed."""
+    """The counts of one test program, the seconds it took, and its output."""
 
     def __init__(self, name, passed, failed, seconds, output):
         self.name, self.passed, self.failed = name, passed, failed
@@ -38,7 +38,7 @@ class Result:
 
 
 def run_program(command):
-    """Runs a command; returns (exit status, output). A program over its deadline is killed and says so."""
+    """Runs a command; returns (exit status, output). A program that passes its deadline is killed, as the output says."""
     process = subprocess.Popen(
         command, cwd=ROOT, env=ENVIRONMENT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT, text=True, errors="replace")
