@@ -5,7 +5,7 @@
     scripts/device.py up DIR         starts everything; returns when the service is connected
     scripts/device.py running DIR    whether the service of the folder runs, as an exit status
     scripts/device.py down DIR       stops everything
-    scripts/device.py host DIR       becomes the host daemon; the private bus runs this when one of its services is called
+    scripts/device.py host DIR       becomes the host daemon; the private bus runs this for a service that is not there
 
 The folder holds run/ (sockets and process records), log/NAME.log, state/ (the service's files), prefs/, host/,
 applications/, server/ (the XMPP server), machine-id, and env with shell assignments for scripts.
@@ -41,7 +41,7 @@ USER = "device"
 LONGEST_SOCKET_FOLDER = 90
 
 
-def say_nothing(_text):
+def no_log(_text):
     pass
 
 
@@ -62,7 +62,7 @@ class Device:
 
     PROCESSES = ("service", "host", "public-bus", "private-bus")  # in the order of their end
 
-    def __init__(self, folder, log=say_nothing):
+    def __init__(self, folder, log=no_log):
         self.folder = pathlib.Path(os.path.abspath(folder))
         self._log = log
 

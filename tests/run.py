@@ -38,7 +38,7 @@ class Result:
 
 
 def run_program(command):
-    """Runs a command; returns (exit status, output). A program that passes its deadline is killed, as the output says."""
+    """Runs a command; returns (exit status, output). A program that passes its deadline is killed."""
     process = subprocess.Popen(
         command, cwd=ROOT, env=ENVIRONMENT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT, text=True, errors="replace")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""An XMPP account of another making (slixmpp) on the same server, driven from the test's own thread."""
+"""An XMPP account on the same server, with another implementation (slixmpp), used from the test's own thread."""
 
 import asyncio
 import queue

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The platform services in the hands of a test: time passes when it fires an alarm, networks change when it says.
+"""Platform services that a test controls: it fires alarms and changes networks.
 
 They live in the test's own process, each on a connection of its own to the private bus, and answer while the
-test pumps the main loop. A stage made here has no host daemon, and its bus starts nobody.
+test runs the main loop. A stage made here has no host daemon, and its bus activates no service.
 """
 
 import json
@@ -21,7 +21,7 @@ TOKEN = "the token"
 
 
 class PlatformService:
-    """One service on the bus. `methods` gives for each method the function from a payload to the answer."""
+    """One service on the bus. `methods` maps each method to the function that makes an answer of a payload."""
 
     def __init__(self, address, name, methods):
         self._address, self._name, self._methods = address, name, methods
@@ -68,14 +68,14 @@ class PlatformService:
         return bool(self._held)
 
     def release(self):
-        """Sends the answers that were held, as they were when the calls came."""
+        """Sends the answers that were held, unchanged since their calls."""
         self.holding = False
         for message, answer in self._held:
             self._reply(message, answer)
         self._held = []
 
     def tell(self, answer):
-        """A later answer for every subscriber."""
+        """Sends another answer to every subscriber."""
         for message in self._subscribers:
             later = dbus.lowlevel.SignalMessage(message.get_path(), SUBSCRIPTION, "Answer")
             later.set_destination(message.get_sender())
@@ -84,7 +84,7 @@ class PlatformService:
 
 
 class Power(PlatformService):
-    """Keeps alarms that only fire() lets go off."""
+    """Keeps alarms, which go off only by fire()."""
 
     def __init__(self, address):
         super().__init__(address, "com.zelt.power", {
@@ -107,7 +107,7 @@ class Power(PlatformService):
         return [delay for armed, delay in self.armed if armed == key]
 
     def fire(self, key):
-        """The time of the alarm has come: it is gone, and its address is called with its parameters."""
+        """Removes the alarm and calls its address with its parameters."""
         alarm = self.alarms.pop(key)
         service, method = alarm["uri"].removeprefix("quor://").split("/")
         call = dbus.lowlevel.MethodCallMessage(destination=service, path="/", interface=service,
@@ -118,24 +118,24 @@ class Power(PlatformService):
 
 
 class Network(PlatformService):
-    """Reports what the test last said."""
+    """Reports the status that the test set last."""
 
     def __init__(self, address):
         super().__init__(address, "com.zelt.connectionmanager", {"getstatus": lambda _: self._status})
-        self._status = self._report(wifi="127.0.0.1")
+        self._status = self._made(wifi="127.0.0.1")
 
     @staticmethod
-    def _report(internet=True, wifi=None, wan=None):
+    def _made(internet=True, wifi=None, wan=None):
         def link(ip):
             return {"state": "connected" if ip else "disconnected", "ipAddress": ip or ""}
         return {"returnValue": True, "isInternetConnectionAvailable": internet, "wifi": link(wifi),
                 "wan": link(wan)}
 
-    def say(self, internet=True, wifi=None, wan=None):
-        """The links with these addresses are there; the others are not."""
-        self.say_raw(self._report(internet, wifi, wan))
+    def report(self, internet=True, wifi=None, wan=None):
+        """Reports links with these addresses as connected, and the others as disconnected."""
+        self.report_raw(self._made(internet, wifi, wan))
 
-    def say_raw(self, status):
+    def report_raw(self, status):
         self._status = status
         self.tell(status)
 
@@ -168,7 +168,7 @@ class System(PlatformService):
 
 
 class PlatformStage(Stage):
-    """Buses and server alone; the service is started by the test, the platform is the test."""
+    """Buses and server alone; the test starts the service and is the platform."""
 
     def up(self):
         self.device.ground("--loglevel", "debug")
@@ -178,7 +178,7 @@ class PlatformStage(Stage):
         return self
 
     def kick(self):
-        """The server ends the device's stream with an error and stays up."""
+        """The server ends the device's stream with an error and keeps running."""
         kick(self.env)
 
 
@@ -239,7 +239,7 @@ class PlatformTest(StageTest):
         self.pump(lambda: not self.is_connected(), "the service to be disconnected")
 
     def settle(self):
-        """Whatever the service had done by now has reached the platform: it answered after it."""
+        """The platform has received what the service has sent so far, since the service's answer comes after it."""
         self.private.call("getJabberId", {})
 
     def wait_alarm(self, count):
@@ -251,7 +251,7 @@ class PlatformTest(StageTest):
         return delays
 
     def lose(self):
-        """The server drops the stream; it would take the device back."""
+        """The server drops the stream; it would accept the device again."""
         self.stage.kick()
         self.wait_disconnected()
 

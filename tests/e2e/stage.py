@@ -23,7 +23,7 @@ SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime e
 
 
 def wait_until(condition, what, seconds=20):
-    """Waits until condition() is true and returns its value; fails with the words of `what`."""
+    """Waits until condition() is true and returns its value; fails with the text of `what`."""
     value = processes.wait_until(condition, seconds)
     if not value:
         raise AssertionError(f"not within {seconds} s: {what}")
@@ -31,7 +31,7 @@ def wait_until(condition, what, seconds=20):
 
 
 def is_stopped(pid):
-    """Whether every thread of the process has stopped; a SIGSTOP that was sent reaches them some time later."""
+    """Whether every thread of the process has stopped; SIGSTOP does not reach them at once."""
     def state(task):
         try:
             return task.joinpath("stat").read_text(encoding="ascii").rpartition(")")[2].split()[0]
@@ -88,17 +88,17 @@ class Stage:
         wait_until(lambda: not is_running(self.service_pid), "the service to end")
 
     def start_service(self, **extra):
-        """Starts the service anew and waits until it is on the bus."""
+        """Starts the service again and waits until it is on the bus."""
         self.service_pid = self.device.start_service(**extra).pid
         wait_until(lambda: self.ctl("call", "getJabberId", "{}", check=False)[0] == 0, "the service on the bus")
 
     @contextlib.contextmanager
     def server_held(self):
-        """The server is there, takes what it is sent, and answers nothing until the block is left."""
+        """The server keeps its connections and answers nothing until the block is left."""
         pid = int(self.env["SERVER_PID"])
         os.kill(pid, signal.SIGSTOP)
         try:
-            wait_until(lambda: is_stopped(pid), "the server to stand still")
+            wait_until(lambda: is_stopped(pid), "the server to be stopped")
             yield
         finally:
             os.kill(pid, signal.SIGCONT)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""A hostile client of the public bus, on a plain socket, so that nothing reads, waits or tidies up for it.
+"""A hostile client of the public bus, on a plain socket, without a library that reads, waits or cleans up for it.
 
 As a program:
     stranger.py leave ADDRESS COUNT SEED    COUNT processes, one after the other, that call and exit at once

@@ -31,43 +31,43 @@ class Networks(PlatformTest):
 
     def test_without_internet_it_leaves_and_waits_and_with_internet_it_is_back(self):
         self.start_connected()
-        self.network.say(internet=False)
+        self.network.report(internet=False)
         self.wait_disconnected()
         self.assertEqual(self.status.answers[-1],
                          {"returnValue": True, "connected": False, "session": True, "network": False})
         self.settle()
         self.assertEqual(self.power.alarms, {}, "neither a ping nor an attempt is due without a network")
         self.assertEqual(self.power.delays("reconnectTimer"), [])
-        self.network.say(wifi="127.0.0.1")
+        self.network.report(wifi="127.0.0.1")
         self.wait_connected()
         self.assertEqual(list(self.power.alarms), ["keepAliveTimer"])
 
     def test_the_connection_moves_to_wan_survives_an_outage_there_and_moves_back(self):
-        self.network.say(wifi="127.0.0.2")
+        self.network.report(wifi="127.0.0.2")
         self.start_connected()
         self.assertEqual(self.local_addresses(), ["127.0.0.2"])
-        self.network.say(wan="127.0.0.3")
+        self.network.report(wan="127.0.0.3")
         self.wait_disconnected()
         self.wait_connected()
         self.assertEqual(self.local_addresses(), ["127.0.0.3"])
         told, asked = len(self.status.texts), self.activations("/e2e/before-outage")
-        self.network.say(internet=False, wan="127.0.0.3")
+        self.network.report(internet=False, wan="127.0.0.3")
         self.settle()
         self.assertEqual(self.activations("/e2e/in-outage"), asked)
-        self.network.say(wan="127.0.0.3")
+        self.network.report(wan="127.0.0.3")
         self.settle()
         self.assertEqual(self.activations("/e2e/after-outage"), asked + 1)
         self.assertEqual((self.local_addresses(), len(self.status.texts)), (["127.0.0.3"], told))
-        self.network.say(wifi="127.0.0.2", wan="127.0.0.3")
+        self.network.report(wifi="127.0.0.2", wan="127.0.0.3")
         self.pump(lambda: len(self.status.texts) == told + 2, "a disconnect and a connect")
         self.wait_connected()
         self.assertEqual(self.local_addresses(), ["127.0.0.2"])
         self.assertEqual(self.power.delays("reconnectTimer"), [], "moving is no loss")
 
     def test_an_outage_of_both_links_ends_a_connection_over_wan(self):
-        self.network.say(wan="127.0.0.3")
+        self.network.report(wan="127.0.0.3")
         self.start_connected()
-        self.network.say(internet=False)
+        self.network.report(internet=False)
         self.wait_disconnected()
         self.assertEqual(self.power.delays("reconnectTimer"), [])
 
@@ -76,20 +76,20 @@ class Networks(PlatformTest):
         told = len(self.status.texts)
         for report in ({}, {"wifi": {"state": "disconnected"}}, {"isInternetConnectionAvailable": True},
                        {"isInternetConnectionAvailable": True, "wifi": {}}, "no object", None):
-            self.network.say_raw(report)
+            self.network.report_raw(report)
         self.wait_log("Checking wifi failed - We ran into some parse error?", 2)
         self.wait_log("Error in getting connectionStatus", 4)
         self.assertEqual((len(self.status.texts), self.is_connected()), (told, True))
 
     def test_a_local_address_that_changes_while_connected_does_not_keep_it_from_coming_back(self):
         # 192.0.2.0/24 is nobody's: the network of that address is gone by the time of the next attempt.
-        self.network.say(wifi="127.0.0.2")
+        self.network.report(wifi="127.0.0.2")
         self.start_connected()
-        self.network.say(wifi="192.0.2.1")
+        self.network.report(wifi="192.0.2.1")
         self.settle()
         self.assertEqual(self.local_addresses(), ["127.0.0.2"])
         self.lose()
-        self.network.say(wifi="192.0.2.1")
+        self.network.report(wifi="192.0.2.1")
         self.wait_alarm(1)
         self.power.fire("reconnectTimer")
         self.wait_connected()
@@ -101,7 +101,7 @@ class Networks(PlatformTest):
         self.wait_log("Connection manager went down!!")
         self.network.arrive()
         self.pump(lambda: len(self.network.called("getstatus")) == 2, "the second subscription")
-        self.network.say(internet=False)
+        self.network.report(internet=False)
         self.wait_disconnected()
 
 
@@ -196,7 +196,7 @@ class Losses(PlatformTest):
         self.start_connected()
         self.lose()
         self.wait_alarm(1)
-        self.network.say(wifi="127.0.0.1")
+        self.network.report(wifi="127.0.0.1")
         self.settle()
         self.assertIn("We had some connection err in the past. So nop.", self.log())
         self.assertFalse(self.is_connected())
@@ -205,21 +205,21 @@ class Losses(PlatformTest):
 
     def test_a_server_that_stalls_in_the_login_holds_up_nobody_and_the_attempt_can_be_given_up(self):
         self.start_connected()
-        self.network.say(internet=False)
+        self.network.report(internet=False)
         self.wait_disconnected()
         with self.stage.server_held():
             attached = self.log().count("Attached socket")
-            self.network.say(wifi="127.0.0.1")
+            self.network.report(wifi="127.0.0.1")
             self.wait_log("Attached socket", attached + 1)
             self.assertEqual(self.call("getJabberId")["username"], "device")
             self.assertEqual(self.call("connectStatus")["connected"], False)
-            self.network.say(wifi="127.0.0.1")
+            self.network.report(wifi="127.0.0.1")
             self.settle()
             self.assertEqual(self.log().count("Attached socket"), attached + 1, "one attempt at a time")
-            self.network.say(internet=False)
+            self.network.report(internet=False)
             self.settle()
             self.assertEqual(self.power.delays("reconnectTimer"), [])
-        self.network.say(wifi="127.0.0.1")
+        self.network.report(wifi="127.0.0.1")
         self.wait_connected()
 
     def test_a_server_that_stalls_while_connected_is_waited_for(self):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The demo as a newcomer runs it: to its end, as an ordinary user, side by side, with a step that fails, interrupted."""
+"""The demo as a newcomer runs it: to its end, as an ordinary user, side by side, with a failing step, interrupted."""
 
 import os
 import pathlib

@@ -58,7 +58,7 @@ class Everybody(PlatformTest):
         """The platform tells the truth again, and somebody asks for a connection until there is one."""
         self.power.accepts = True
         self.account.reply = self.account.made(service="localhost", port=str(self.server.port))
-        self.network.say(wifi="127.0.0.1")
+        self.network.report(wifi="127.0.0.1")
         self.private.start("initializeAccount", {})
         for _ in range(20):  # an attempt may meet a bad answer of the server
             self.private.call("connectStatus", {})
@@ -75,7 +75,7 @@ class Everybody(PlatformTest):
     def fuzz_platform(self):
         choice = self.fuzz.random.randrange(5)
         if choice == 0:
-            self.network.say_raw(self.fuzz.value())
+            self.network.report_raw(self.fuzz.value())
         elif choice == 1:
             self.account.reply = self.fuzz.payload()
         elif choice == 2:

@@ -122,13 +122,13 @@ class AccountService(PlatformTest):
         self.account.holding = True
         self.start()
         self.pump(self.account.waits, "the login to be asked for")
-        self.network.say(internet=False)
+        self.network.report(internet=False)
         self.settle()
         self.account.release()
         self.wait_log("There is no network available, cannot connect to service")
         self.settle()
         self.assertEqual(self.power.armed, [], "the network's return is enough")
-        self.network.say(wifi="127.0.0.1")
+        self.network.report(wifi="127.0.0.1")
         self.wait_connected()
 
     def test_an_account_service_that_dies_with_the_request_is_asked_again_when_it_returns(self):

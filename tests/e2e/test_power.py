@@ -33,7 +33,7 @@ class KeepAlive(PlatformTest):
         alarm = self.power.alarms
         self.pump(lambda: "keepAliveTimer" in alarm, "the alarm")
         left = dict(alarm)
-        self.network.say(internet=False)
+        self.network.report(internet=False)
         self.wait_disconnected()
         self.settle()
         before = self.pings()

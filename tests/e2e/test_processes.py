@@ -14,7 +14,12 @@ from unittest import mock
 
 from stage import Device, is_running, parse_assignments, processes, wait_until
 
-STUBBORN = "import signal, time; signal.signal(signal.SIGTERM, signal.SIG_IGN); print('ready', flush=True); time.sleep(60)"
+STUBBORN = """\
+import signal, time
+signal.signal(signal.SIGTERM, signal.SIG_IGN)
+print('ready', flush=True)
+time.sleep(60)
+"""
 ODD_NAME = "a folder 'with' \"quotes\" $HOME & #100% <b> \\n"
 
 
@@ -127,8 +132,9 @@ class Processes(Folder):
 
     def test_an_interrupted_call_ends_its_command_before_it_returns(self):
         self.take_signals()
-        command = ("import signal, sys, time; signal.signal(signal.SIGTERM, lambda *_: (print('cleaned up'), sys.exit()));"
-                   f"import os; os.kill({os.getpid()}, signal.SIGTERM); time.sleep(60)")
+        command = ("import os, signal, sys, time\n"
+                   "signal.signal(signal.SIGTERM, lambda *_: (print('cleaned up'), sys.exit()))\n"
+                   f"os.kill({os.getpid()}, signal.SIGTERM)\ntime.sleep(60)\n")
         with self.assertRaises(Interrupted):
             processes.call(self.log, ["/usr/bin/python3", "-c", command])
         self.assertEqual(self.logged(), "cleaned up\n")
@@ -176,7 +182,8 @@ class Names(Folder):
         programs.mkdir()
         programs.joinpath("dbus-daemon").symlink_to("/bin/false")
         with mock.patch.dict(os.environ, PATH=str(programs)):
-            with self.assertRaisesRegex(processes.Failed, r"^The private-bus process ended at its start; see .*\.log\.$"):
+            with self.assertRaisesRegex(processes.Failed,
+                                        r"^The private-bus process ended at its start; see .*\.log\.$"):
                 device.start_bus("private")
         self.assertIsNone(device.pid("private-bus"))
 
