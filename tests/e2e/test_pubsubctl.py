@@ -212,8 +212,8 @@ class Endpoints:
     def test_publishing_says_what_is_wrong_in_its_exit_code(self):
         key = self.good(*MAIL, "endpoint", "create", "errors")
         self.refused(3, "no endpoint has this key", "publish", "NoSuchKey", "x")
-        self.refused(3, "does not take this text", "publish", key, "")
-        self.refused(2, "a key has letters", "publish", "no/key", "x")
+        self.refused(3, "rejects this text", "publish", key, "")
+        self.refused(2, "a key consists of letters", "publish", "no/key", "x")
         self.refused(4, "cannot be reached", "publish", "http://127.0.0.1:1/push/key", "x")
 
 
