@@ -3,7 +3,7 @@
 """A whole device in a folder: two buses, an XMPP server, the host services and the service.
 
     scripts/device.py up DIR         starts everything; returns when the service is connected
-    scripts/device.py running DIR    whether the service of the folder runs, as an exit status
+    scripts/device.py running DIR    whether a process of the folder runs, as an exit status
     scripts/device.py down DIR       stops everything
     scripts/device.py host DIR       becomes the host daemon; the private bus runs this for a service that is not there
 
@@ -315,7 +315,7 @@ def main(arguments):
         return 2
     verb, device = arguments[0], Device(arguments[1], print_step)
     if verb == "running":
-        return 0 if device.pid("service") else 1
+        return 0 if any(map(device.pid, device.PROCESSES)) else 1
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     try:
         {"up": device.up, "down": device.down, "host": device.become_host}[verb]()

@@ -135,6 +135,11 @@ class Contract(unittest.TestCase):
         words = f"The processes of {self.top} are running already; stop them with: ./demo --down {self.top}\n"
         self.assertEqual(run_demo("--up", self.top), (1, words))
         self.assertTrue(is_running(pid))
+        os.kill(int(pid), signal.SIGKILL)
+        wait_until(lambda: not is_running(pid), "the service to end")
+        self.assertEqual(run_demo("--up", self.top), (1, words))
+        self.assertEqual(run_demo("--down", self.top), (0, ""))
+        self.assertEqual(processes_of(self.top), [])
 
     def test_what_does_not_connect_says_so_and_leaves_nothing_running(self):
         with mock.patch.dict(os.environ, STAGE_DEADLINE="0"):
