@@ -17,29 +17,29 @@
 namespace {
 
 constexpr size_t kLongestFile = 65536;
-constexpr int kPrintFlags = JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE;
-constexpr char kSetIt[] = "set the account with `zelt-host account set`";
+constexpr char kHowToSet[] = "set the account with `zelt-host account set`";
 
 struct Member {
     const char* key;
     std::string Account::*value;
 };
-const Member kMembers[] = {
-    {"user", &Account::user},
-    {"service", &Account::service},
-    {"url", &Account::url},
-    {"port", &Account::port},
+constexpr Member kMembers[] = {
+    {.key = "user", .value = &Account::user},
+    {.key = "service", .value = &Account::service},
+    {.key = "url", .value = &Account::url},
+    {.key = "port", .value = &Account::port},
 };
 
-bool mayTrust(int descriptor, const std::string& path, std::string& words) {
+bool isTrusted(int descriptor, const std::string& path, std::string& problem) {
     struct stat status = {};
     if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode))
-        words = path + " is no regular file; " + kSetIt;
+        problem = path + " is not a regular file; " + kHowToSet;
     else if (status.st_mode & 077)
-        words = path + " can be read by others than its owner; `chmod 600` it and have the token changed";
+        problem =
+            path + " is readable by users other than its owner; `chmod 600` it and have the token changed";
     else if (status.st_uid != geteuid() && status.st_uid != 0)
-        words = path + " belongs to another user; give it to the user of this daemon";
-    return words.empty();
+        problem = path + " belongs to another user; `chown` it to the user of this daemon";
+    return problem.empty();
 }
 
 std::string readAll(int descriptor) {
@@ -50,7 +50,7 @@ std::string readAll(int descriptor) {
     return text;
 }
 
-// A port may also stand there as a number.
+// A port may also be a number.
 std::string textOf(json_object* object, const char* key) {
     const char* text = json_object_get_string(jsonMember(object, key));
     return text ? text : "";
@@ -62,7 +62,7 @@ bool isPort(const std::string& text) {
     return fault == std::errc() && end == text.data() + text.size() && port > 0 && port < 65536;
 }
 
-// Clients strip quotes and backslashes from what they read, so a value with one would reach them damaged.
+// Clients remove quotes and backslashes from what they read, so a value with one would reach them changed.
 bool isPlain(const std::string& text) {
     for (const unsigned char c : text) {
         if (c < 0x20 || c == 0x7f || c == '"' || c == '\\')
@@ -71,81 +71,77 @@ bool isPlain(const std::string& text) {
     return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
 }
 
-void addMembers(json_object* object, const Account& account) {
+JsonObject withMembers(const Account& account) {
+    JsonObject object;
     for (const Member& member : kMembers)
-        json_object_object_add(object, member.key, json_object_new_string((account.*member.value).c_str()));
+        object.set(member.key, account.*member.value);
+    return object;
 }
 
 }  // namespace
 
-bool checkAccount(const Account& account, std::string& words) {
+bool checkAccount(const Account& account, std::string& problem) {
     for (const Member& member : kMembers) {
         if ((account.*member.value).empty())
-            words = std::string("the account has no ") + member.key;
+            problem = std::string("the account has no ") + member.key;
         else if (!isPlain(account.*member.value))
-            words = std::string("the account's ") + member.key +
-                    " holds a quote, a backslash or a control character";
+            problem = std::string("the account's ") + member.key +
+                      " contains a quote, a backslash or a control character";
     }
     if (account.token.empty())
-        words = "the account has no token";
+        problem = "the account has no token";
     else if (!isPlain(account.token))
-        words = "the account's token holds a quote, a backslash or a control character";
-    if (words.empty() && !isPort(account.port))
-        words = "the account's port must be a number from 1 to 65535";
-    return words.empty();
+        problem = "the account's token contains a quote, a backslash or a control character";
+    if (problem.empty() && !isPort(account.port))
+        problem = "the account's port must be a number from 1 to 65535";
+    return problem.empty();
 }
 
-bool readAccount(const std::string& path, Account& account, std::string& words) {
+bool readAccount(const std::string& path, Account& account, std::string& problem) {
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
     if (descriptor < 0) {
-        words = errno == ENOENT ? std::string("no account is set; ") + kSetIt
-                                : "cannot read " + path + ": " + strerror(errno);
+        problem = errno == ENOENT ? std::string("no account is set; ") + kHowToSet
+                                  : "cannot read " + path + ": " + strerror(errno);
         return false;
     }
     JsonRef object;
-    if (mayTrust(descriptor, path, words))
+    if (isTrusted(descriptor, path, problem))
         object = parseJson(readAll(descriptor).c_str());
     close(descriptor);
-    if (!words.empty())
+    if (!problem.empty())
         return false;
     for (const Member& member : kMembers)
         account.*member.value = textOf(object.get(), member.key);
     account.token = textOf(object.get(), "token");
-    if (!checkAccount(account, words))
-        words = path + ": " + words + "; " + kSetIt;
-    return words.empty();
+    if (!checkAccount(account, problem))
+        problem = path + ": " + problem + "; " + kHowToSet;
+    return problem.empty();
 }
 
-bool writeAccount(const std::string& path, const Account& account, std::string& words) {
-    if (!checkAccount(account, words))
+bool writeAccount(const std::string& path, const Account& account, std::string& problem) {
+    if (!checkAccount(account, problem))
         return false;
-    const JsonRef object(json_object_new_object());
-    addMembers(object.get(), account);
-    json_object_object_add(object.get(), "token", json_object_new_string(account.token.c_str()));
-    const std::string text = std::string(json_object_to_json_string_ext(object.get(), kPrintFlags)) + "\n";
+    const std::string text = withMembers(account).set("token", account.token).line() + "\n";
     gchar* folder = g_path_get_dirname(path.c_str());
     g_mkdir_with_parents(folder, 0750);
     g_free(folder);
     GError* error = nullptr;
     auto flags =
         static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
-    // An older file would hand its mode on; the token must not be readable for a moment.
+    // The new file gets the mode of the old one; the token must not be readable even for a moment.
     g_chmod(path.c_str(), 0600);
     if (g_file_set_contents_full(path.c_str(), text.c_str(), static_cast<gssize>(text.size()), flags, 0600,
                                  &error))
         return true;
-    words = std::string("cannot write the account: ") + error->message;
+    problem = std::string("cannot write the account: ") + error->message;
     g_error_free(error);
     return false;
 }
 
 std::string accountPayload(const Account& account) {
-    const JsonRef inner(json_object_new_object());
-    addMembers(inner.get(), account);
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "returnValue", json_object_new_boolean(true));
-    json_object_object_add(object.get(), "jabberId",
-                           json_object_new_string(json_object_to_json_string_ext(inner.get(), kPrintFlags)));
-    json_object_object_add(object.get(), "uniqueId", json_object_new_string(account.token.c_str()));
-    return json_object_to_json_string_ext(object.get(), kPrintFlags);
+    return JsonObject()
+        .set("returnValue", true)
+        .set("jabberId", withMembers(account).line())
+        .set("uniqueId", account.token)
+        .line();
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The account command. The token is no argument: every user of a machine can read the arguments of a process.
+// The account command. The token is not an argument: every user of a machine can read the arguments
+// of a process.
 #include "platform/host/accountcommand.h"
 
 #include <glib/gstdio.h>
@@ -23,11 +24,11 @@ struct Option {
     const char* name;
     std::string Account::*value;
 };
-const Option kOptions[] = {
-    {"--user", &Account::user},
-    {"--service", &Account::service},
-    {"--url", &Account::url},
-    {"--port", &Account::port},
+constexpr Option kOptions[] = {
+    {.name = "--user", .value = &Account::user},
+    {.name = "--service", .value = &Account::service},
+    {.name = "--url", .value = &Account::url},
+    {.name = "--port", .value = &Account::port},
 };
 
 bool takeOption(const std::string& name, const std::string& value, Account& account) {
@@ -40,7 +41,7 @@ bool takeOption(const std::string& name, const std::string& value, Account& acco
     return false;
 }
 
-int misuse(std::ostream& err, const std::string& problem) {
+int usageError(std::ostream& err, const std::string& problem) {
     err << "zelt-host: " << problem << "\n" << kAccountUsage;
     return 2;
 }
@@ -50,17 +51,17 @@ int fail(std::ostream& err, const std::string& problem) {
     return 1;
 }
 
-int setAccount(const std::vector<std::string>& words, const std::string& path, std::istream& in,
+int setAccount(const std::vector<std::string>& arguments, const std::string& path, std::istream& in,
                std::ostream& out, std::ostream& err) {
     Account account{.port = "5222"};
-    for (size_t i = 1; i < words.size(); i += 2) {
-        if (i + 1 == words.size())
-            return misuse(err, words[i] + " needs a value");
-        if (!takeOption(words[i], words[i + 1], account))
-            return misuse(err, "unknown option " + words[i]);
+    for (size_t i = 1; i < arguments.size(); i += 2) {
+        if (i + 1 == arguments.size())
+            return usageError(err, arguments[i] + " needs a value");
+        if (!takeOption(arguments[i], arguments[i + 1], account))
+            return usageError(err, "unknown option " + arguments[i]);
     }
     if (account.user.empty() || account.service.empty())
-        return misuse(err, "--user and --service are needed");
+        return usageError(err, "--user and --service are required");
     if (account.url.empty())
         account.url = account.service;
     std::getline(in, account.token);
@@ -89,18 +90,18 @@ int clearAccount(const std::string& path, std::ostream& err) {
 
 }  // namespace
 
-int runAccountCommand(const std::vector<std::string>& words, const HostConfig& config, std::istream& in,
+int runAccountCommand(const std::vector<std::string>& arguments, const HostConfig& config, std::istream& in,
                       std::ostream& out, std::ostream& err) {
     const std::string& path = config.accountFile;
-    if (words.empty())
-        return misuse(err, "account needs one word more");
-    if (words[0] == "set")
-        return setAccount(words, path, in, out, err);
-    if (words.size() > 1)
-        return misuse(err, "one argument too many: " + words[1]);
-    if (words[0] == "show")
+    if (arguments.empty())
+        return usageError(err, "account needs a command: set, show or clear");
+    if (arguments[0] == "set")
+        return setAccount(arguments, path, in, out, err);
+    if (arguments.size() > 1)
+        return usageError(err, "unexpected argument: " + arguments[1]);
+    if (arguments[0] == "show")
         return showAccount(path, out, err);
-    if (words[0] == "clear")
+    if (arguments[0] == "clear")
         return clearAccount(path, err);
-    return misuse(err, "unknown word " + words[0]);
+    return usageError(err, "unknown command " + arguments[0]);
 }

@@ -11,6 +11,7 @@
 
 extern const char kAccountUsage[];
 
-// `words` is what follows "account". Returns the exit code: 0, 1 when it failed, 2 for a wrong command line.
-int runAccountCommand(const std::vector<std::string>& words, const HostConfig& config, std::istream& in,
+// `arguments` is what follows "account". Returns the exit code: 0, 1 when it failed, 2 for a
+// wrong command line.
+int runAccountCommand(const std::vector<std::string>& arguments, const HostConfig& config, std::istream& in,
                       std::ostream& out, std::ostream& err);

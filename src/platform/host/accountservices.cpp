@@ -3,25 +3,25 @@
 #include "platform/host/accountservices.h"
 
 #include "platform/host/account.h"
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 
-Presence AccountServices::start(GMainLoop* loop) {
-    static const QSMethod methods[] = {{"getAccountToken", onGetAccountToken, 0}, {nullptr, nullptr, 0}};
-    const Presence presence = m_bus.take("com.zelt.accountservices");
-    if (presence != Presence::Up)
-        return presence;
-    return m_bus.serve("/", methods, this) && m_bus.attach(loop) ? Presence::Up : Presence::Failed;
+StartResult AccountServices::start(GMainLoop* loop) {
+    static constexpr QSMethod methods[] = {{.name = "getAccountToken", .handler = onGetAccountToken}, {}};
+    const StartResult result = m_bus.take("com.zelt.accountservices");
+    if (result != StartResult::Started)
+        return result;
+    return m_bus.serve("/", methods, this) && m_bus.attach(loop) ? StartResult::Started : StartResult::Failed;
 }
 
 bool AccountServices::onGetAccountToken(QSHandle*, QSMessage* message, void* context) {
     auto* self = static_cast<AccountServices*>(context);
     Account account;
-    std::string words;
-    if (readAccount(self->m_file, account, words)) {
+    std::string problem;
+    if (readAccount(self->m_file, account, problem)) {
         self->m_bus.reply(message, accountPayload(account));
     } else {
-        say("%s", words.c_str());
-        self->m_bus.refuse(message, words);
+        logLine("%s", problem.c_str());
+        self->m_bus.refuse(message, problem);
     }
     return true;
 }

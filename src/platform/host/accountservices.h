@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// com.zelt.accountservices: hands out the machine's push account. The file is read at each call, so a change
-// counts at once; nothing is kept.
+// com.zelt.accountservices: returns the machine's push account. The file is read at each call, so a change
+// takes effect immediately; nothing is kept.
 #pragma once
 
 #include "platform/host/busservice.h"
@@ -9,7 +9,7 @@
 class AccountServices {
   public:
     explicit AccountServices(const HostConfig& config) : m_file(config.accountFile) {}
-    Presence start(GMainLoop* loop);
+    StartResult start(GMainLoop* loop);
 
   private:
     static bool onGetAccountToken(QSHandle* handle, QSMessage* message, void* context);

@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 
 namespace {
 
@@ -42,13 +42,13 @@ bool AlarmClock::openTimer(Timer& timer, int clock) {
 
 bool AlarmClock::open() {
     if (!openTimer(m_timers[0], CLOCK_BOOTTIME)) {
-        say("the kernel gives no timer on the boot-time clock: %s", strerror(errno));
+        logLine("cannot create a timer on the boot-time clock: %s", strerror(errno));
         return false;
     }
     if (openTimer(m_timers[1], CLOCK_BOOTTIME_ALARM))
         return true;
-    say("alarms cannot wake this machine from suspend (%s); they ring when it wakes. CAP_WAKE_ALARM allows "
-        "it",
+    logLine(
+        "alarms cannot wake this machine from suspend (%s) and fire when it wakes; CAP_WAKE_ALARM is missing",
         strerror(errno));
     return openTimer(m_timers[1], CLOCK_BOOTTIME);
 }
@@ -58,10 +58,10 @@ void AlarmClock::arm(bool wakeup, int64_t deadline) {
     if (timer.deadline == deadline || timer.descriptor < 0)
         return;
     timer.deadline = deadline;
-    // A time of 0 would disarm the timer; one that is over rings at once.
+    // A time of 0 would disarm the timer; one in the past fires immediately.
     const itimerspec spec = deadline < 0 ? itimerspec{} : absolute(std::max<int64_t>(deadline, 1));
     if (timerfd_settime(timer.descriptor, TFD_TIMER_ABSTIME, &spec, nullptr) < 0)
-        say("cannot set a timer: %s", strerror(errno));
+        logLine("cannot set a timer: %s", strerror(errno));
 }
 
 gboolean AlarmClock::onExpired(gint descriptor, GIOCondition, gpointer data) {
@@ -73,7 +73,7 @@ gboolean AlarmClock::onExpired(gint descriptor, GIOCondition, gpointer data) {
         if (timer.descriptor == descriptor)
             timer.deadline = -1;
     }
-    self->m_onRing();
+    self->m_onExpiry();
     return G_SOURCE_CONTINUE;
 }
 
@@ -92,8 +92,7 @@ void ResumeWatch::open() {
     arm();
 }
 
-// A timer that never comes due is cancelled by the kernel whenever the wall clock jumps, as it does at a
-// resume.
+// The kernel cancels this timer, which never expires, whenever the wall clock jumps, as it does at a resume.
 void ResumeWatch::arm() {
     itimerspec never = {};
     never.it_value.tv_sec = static_cast<time_t>(G_MAXINT32) * 4;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The kernel timers behind the alarms, and the notice that the machine was suspended or its clock was set. At
-// rest nothing runs: the kernel keeps the time.
+// The kernel timers behind the alarms, and the detection of a suspend or a step of the clock. Nothing polls:
+// the kernel keeps the time.
 #pragma once
 
 #include <glib.h>
@@ -10,17 +10,17 @@
 
 class AlarmClock {
   public:
-    using OnRing = std::function<void()>;
+    using OnExpiry = std::function<void()>;
 
-    explicit AlarmClock(OnRing onRing) : m_onRing(std::move(onRing)) {}
+    explicit AlarmClock(OnExpiry onExpiry) : m_onExpiry(std::move(onExpiry)) {}
     ~AlarmClock();
     AlarmClock(const AlarmClock&) = delete;
     AlarmClock& operator=(const AlarmClock&) = delete;
 
-    // False, logged, when the kernel gives no timers.
+    // False, logged, when no timer can be created.
     bool open();
-    // Rings at the deadline, in microseconds of the boot-time clock; -1 rings never. `wakeup` picks the timer
-    // that wakes the machine, where the process may use it.
+    // Fires at the deadline, in microseconds of the boot-time clock; -1 never fires. `wakeup` selects the
+    // timer that wakes the machine, where the process may use it.
     void arm(bool wakeup, int64_t deadline);
 
   private:
@@ -32,7 +32,7 @@ class AlarmClock {
     bool openTimer(Timer& timer, int clock);
     static gboolean onExpired(gint descriptor, GIOCondition condition, gpointer data);
 
-    OnRing m_onRing;
+    OnExpiry m_onExpiry;
     Timer m_timers[2];  // ordinary, waking
 };
 

@@ -33,7 +33,7 @@ int64_t numberOf(json_object* object, const char* key) {
     return json_object_is_type(value, json_type_int) ? json_object_get_int64(value) : -1;
 }
 
-// Clients give the payload of the call as a JSON text; an object is understood as well.
+// Clients give the payload of the call as a JSON text; an object is accepted as well.
 bool readParams(json_object* object, std::string& params) {
     json_object* value = jsonMember(object, "params");
     if (!value)
@@ -41,8 +41,7 @@ bool readParams(json_object* object, std::string& params) {
     if (json_object_is_type(value, json_type_string))
         params = json_object_get_string(value);
     else
-        params =
-            json_object_to_json_string_ext(value, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+        params = jsonLine(value);
     return parseJson(params.c_str()) != nullptr;
 }
 
@@ -51,11 +50,11 @@ bool isCallable(const std::string& uri) {
     return scheme && uri.find('/', 7) != std::string::npos && uri.back() != '/';
 }
 
-// What is left of a delay, by the clock that can be trusted.
+// The rest of a delay, by the clock that is valid.
 int64_t remaining(json_object* entry, const Alarm& alarm, const ClockReading& now, bool sameBoot) {
     const int64_t left = sameBoot ? numberOf(entry, "boottime_us") - now.boottime
                                   : numberOf(entry, "wallclock_us") - now.wallclock;
-    // A wall clock that was set wrong must not put an alarm off beyond its whole delay.
+    // A wall clock that was wrong must not postpone an alarm beyond its whole delay.
     return std::clamp<int64_t>(left, 0, alarm.seconds * kSecond);
 }
 
@@ -86,24 +85,24 @@ bool parseDelay(const std::string& text, int64_t& seconds) {
     return true;
 }
 
-bool parseAlarm(const char* payload, Alarm& alarm, std::string& words) {
+bool parseAlarm(const char* payload, Alarm& alarm, std::string& problem) {
     const JsonRef object = parseJson(payload);
     if (!json_object_is_type(object.get(), json_type_object)) {
-        words = "the payload is no JSON object";
+        problem = "the payload is not a JSON object";
         return false;
     }
     alarm.key = textOf(object.get(), "key");
     alarm.uri = textOf(object.get(), "uri");
     alarm.wakeup = json_object_get_boolean(jsonMember(object.get(), "wakeup"));
     if (alarm.key.empty())
-        words = "\"key\" is missing: a text that names the alarm";
+        problem = "\"key\" is missing: a text that names the alarm";
     else if (!isCallable(alarm.uri))
-        words = "\"uri\" must be the method to call, zelt://SERVICE/METHOD";
+        problem = "\"uri\" must be the method to call, zelt://SERVICE/METHOD";
     else if (!parseDelay(textOf(object.get(), "in"), alarm.seconds))
-        words = "\"in\" must be hours:minutes:seconds with two digits each, such as \"00:25:00\"";
+        problem = "\"in\" must be hours:minutes:seconds with two digits each, such as \"00:25:00\"";
     else if (!readParams(object.get(), alarm.params))
-        words = "\"params\" must be a JSON text, the payload of the call";
-    return words.empty();
+        problem = "\"params\" must be a JSON text, the payload of the call";
+    return problem.empty();
 }
 
 bool AlarmTable::set(const Alarm& alarm) {
@@ -139,22 +138,20 @@ int64_t AlarmTable::next(bool wakeup) const {
 }
 
 std::string AlarmTable::serialise(const ClockReading& now) const {
-    const JsonRef file(json_object_new_object());
-    json_object_object_add(file.get(), "boot", json_object_new_string(now.bootId.c_str()));
-    json_object* list = json_object_new_array();
-    json_object_object_add(file.get(), "alarms", list);
+    JsonArray list;
     for (const auto& [key, alarm] : m_alarms) {
-        json_object* entry = json_object_new_object();
-        json_object_object_add(entry, "key", json_object_new_string(key.c_str()));
-        json_object_object_add(entry, "uri", json_object_new_string(alarm.uri.c_str()));
-        json_object_object_add(entry, "params", json_object_new_string(alarm.params.c_str()));
-        json_object_object_add(entry, "wakeup", json_object_new_boolean(alarm.wakeup));
-        json_object_object_add(entry, "seconds", json_object_new_int64(alarm.seconds));
-        json_object_object_add(entry, "boottime_us", json_object_new_int64(alarm.deadline));
-        json_object_object_add(entry, "wallclock_us",
-                               json_object_new_int64(now.wallclock + alarm.deadline - now.boottime));
-        json_object_array_add(list, entry);
+        list.add(JsonObject()
+                     .set("key", key)
+                     .set("uri", alarm.uri)
+                     .set("params", alarm.params)
+                     .set("wakeup", alarm.wakeup)
+                     .set("seconds", alarm.seconds)
+                     .set("boottime_us", alarm.deadline)
+                     .set("wallclock_us", now.wallclock + alarm.deadline - now.boottime)
+                     .release());
     }
+    JsonObject file;
+    file.set("boot", now.bootId).set("alarms", list.release());
     return json_object_to_json_string_ext(file.get(),
                                           JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE);
 }

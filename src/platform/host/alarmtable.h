@@ -2,8 +2,8 @@
 // The alarms that clients have set, by key, and their form on disk (alarms.json below the state folder).
 //
 // A deadline is kept on the boot-time clock, which runs on during suspend and never jumps. The file also
-// holds the wall clock's idea of it, which is used after a reboot alone, since the boot-time clock starts
-// anew then.
+// holds the deadline on the wall clock, which is used only after a reboot, when the boot-time clock starts
+// again at zero.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ struct Alarm {
     std::string uri;
     std::string params = "{}";  // the payload of the call, a JSON text
     bool wakeup = false;        // wakes the machine from suspend
-    int64_t seconds = 0;        // the delay as it was asked for
+    int64_t seconds = 0;        // the requested delay
     int64_t deadline = 0;       // microseconds of the boot-time clock
 };
 
@@ -30,22 +30,22 @@ ClockReading readClocks();
 
 // "HH:MM:SS", two digits each, minutes and seconds below 60.
 bool parseDelay(const std::string& text, int64_t& seconds);
-// Reads the payload of a set; false with the words of the refusal.
-bool parseAlarm(const char* payload, Alarm& alarm, std::string& words);
+// Reads the payload of `set`; false with the reason.
+bool parseAlarm(const char* payload, Alarm& alarm, std::string& problem);
 
 class AlarmTable {
   public:
     // True when the key is new.
     bool set(const Alarm& alarm);
     bool clear(const std::string& key);
-    // Takes out what is due, the earliest first.
+    // Removes and returns the alarms that are due, the earliest first.
     std::vector<Alarm> takeDue(int64_t boottime);
     // The next deadline of alarms that wake (or do not wake) the machine; -1 when there is none.
     int64_t next(bool wakeup) const;
     bool empty() const { return m_alarms.empty(); }
 
     std::string serialise(const ClockReading& now) const;
-    // Replaces the table; false, with nothing replaced, when the text is no alarm file. Entries that cannot
+    // Replaces the table; false, without a change, when the text is not an alarm file. Entries that cannot
     // be used are counted in `dropped`.
     bool restore(const std::string& text, const ClockReading& now, int& dropped);
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The application installer service. A change of the folder only starts a short wait, then the folder is
-// compared with what is known: an upgrade that takes an entry away and puts it back is no removal, and
-// subscribers destroy an application's data when they hear of one.
+// The application installer service. A change of the folder only starts a short delay, after which the folder
+// is compared with the list: an upgrade that removes an entry and restores it is not a removal, and
+// subscribers delete an application's data at a removal.
 #include "platform/host/appinstaller.h"
 
 #include <glib-unix.h>
@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "platform/bus/qsraii.h"
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 #include "util/jsonref.h"
 
 namespace {
@@ -44,27 +44,27 @@ AppInstaller::~AppInstaller() {
         close(m_inotify);
 }
 
-Presence AppInstaller::start(GMainLoop* loop) {
-    static const QSMethod methods[] = {{"notifyOnChange", onNotifyOnChange, 0}, {nullptr, nullptr, 0}};
-    const Presence presence = m_bus.take("com.zelt.appinstaller");
-    if (presence != Presence::Up)
-        return presence;
+StartResult AppInstaller::start(GMainLoop* loop) {
+    static constexpr QSMethod methods[] = {{.name = "notifyOnChange", .handler = onNotifyOnChange}, {}};
+    const StartResult result = m_bus.take("com.zelt.appinstaller");
+    if (result != StartResult::Started)
+        return result;
     m_inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (m_inotify >= 0)
         m_source = g_unix_fd_add(m_inotify, G_IO_IN, onFolderEvent, this);
     m_list.load();
     openWatch();
-    return m_bus.serve("/", methods, this) && m_bus.attach(loop) ? Presence::Up : Presence::Failed;
+    return m_bus.serve("/", methods, this) && m_bus.attach(loop) ? StartResult::Started : StartResult::Failed;
 }
 
-// Watched before it is read, so that nothing falls in between.
+// Watched before it is read, so that no change between the two is missed.
 void AppInstaller::openWatch() {
     if (m_watch >= 0)
         return;
     m_watch = inotify_add_watch(m_inotify, m_folder.c_str(), kEvents);
     if (m_watch < 0)
-        say("cannot watch the applications folder %s: %s; removals go unseen until it is there",
-            m_folder.c_str(), strerror(errno));
+        logLine("cannot watch the applications folder %s: %s; removals are not detected until it exists",
+                m_folder.c_str(), strerror(errno));
     else
         look();
 }
@@ -82,7 +82,7 @@ gboolean AppInstaller::onFolderEvent(gint descriptor, GIOCondition, gpointer dat
     while ((count = read(descriptor, buffer, sizeof buffer)) > 0) {
         for (char* at = buffer; at < buffer + count;) {
             auto* event = reinterpret_cast<inotify_event*>(at);
-            // The folder itself went: its applications are out of sight, not removed.
+            // The folder itself is gone: its applications are unknown, not removed.
             if (event->mask & (IN_IGNORED | IN_MOVE_SELF)) {
                 inotify_rm_watch(descriptor, event->wd);
                 self->m_watch = -1;
@@ -91,8 +91,8 @@ gboolean AppInstaller::onFolderEvent(gint descriptor, GIOCondition, gpointer dat
         }
     }
     if (self->m_watch < 0)
-        say("the applications folder %s is gone; removals go unseen until it is back",
-            self->m_folder.c_str());
+        logLine("the applications folder %s is gone; removals are not detected until it is back",
+                self->m_folder.c_str());
     else
         self->settle();
     return G_SOURCE_CONTINUE;
@@ -117,19 +117,16 @@ void AppInstaller::announce() {
     for (const std::string& application : waiting) {
         if (!tell(application))
             continue;
-        say("application %s was removed", application.c_str());
+        logLine("application %s was removed", application.c_str());
         m_list.announced(application);
     }
 }
 
-// True when somebody heard it.
+// True when a subscriber was told.
 bool AppInstaller::tell(const std::string& application) {
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "returnValue", json_object_new_boolean(true));
-    json_object_object_add(object.get(), "statusChange", json_object_new_string("REMOVED"));
-    json_object_object_add(object.get(), "appId", json_object_new_string(application.c_str()));
-    const std::string payload = json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
-    bool heard = false;
+    const std::string payload =
+        JsonObject().set("returnValue", true).set("statusChange", "REMOVED").set("appId", application).line();
+    bool delivered = false;
     BusError error;
     QSSubscriptionIter* iter = nullptr;
     if (!QSSubscriptionAcquire(m_bus.handle(), kKey, &iter, error))
@@ -138,10 +135,10 @@ bool AppInstaller::tell(const std::string& application) {
         QSMessage* subscriber = QSSubscriptionNext(iter);
         BusError lost;
         if (wants(subscriber, application))
-            heard = QSMessageRespond(subscriber, payload.c_str(), lost) || heard;
+            delivered = QSMessageRespond(subscriber, payload.c_str(), lost) || delivered;
     }
     QSSubscriptionRelease(iter);
-    return heard;
+    return delivered;
 }
 
 bool AppInstaller::onNotifyOnChange(QSHandle* handle, QSMessage* message, void* context) {
@@ -155,7 +152,7 @@ bool AppInstaller::onNotifyOnChange(QSHandle* handle, QSMessage* message, void* 
     }
     self->openWatch();
     self->m_bus.reply(message, "{\"returnValue\":true,\"statusChange\":\"NONE\"}");
-    // What was removed unheard follows the first answer.
+    // Removals that no subscriber was told of follow the first answer.
     if (subscribes && !self->m_announcing)
         self->m_announcing = g_idle_add(onSubscribed, self);
     return true;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// com.zelt.appinstaller: tells when an application was removed. A removal that nobody heard of waits, on
-// disk, for the next subscriber.
+// com.zelt.appinstaller: reports the removal of applications. A removal without a subscriber is kept on disk
+// for the next one.
 #pragma once
 
 #include "platform/host/applications.h"
@@ -14,7 +14,7 @@ class AppInstaller {
     AppInstaller(const AppInstaller&) = delete;
     AppInstaller& operator=(const AppInstaller&) = delete;
 
-    Presence start(GMainLoop* loop);
+    StartResult start(GMainLoop* loop);
 
   private:
     void openWatch();

@@ -6,16 +6,16 @@
 #include <glib.h>
 #include <sys/stat.h>
 
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 #include "util/jsonref.h"
 
 namespace {
 
-json_object* arrayOf(const std::set<std::string>& names) {
-    json_object* array = json_object_new_array();
+JsonRef arrayOf(const std::set<std::string>& names) {
+    JsonArray array;
     for (const std::string& name : names)
-        json_object_array_add(array, json_object_new_string(name.c_str()));
-    return array;
+        array.add(name);
+    return array.release();
 }
 
 std::set<std::string> namesIn(json_object* array) {
@@ -70,7 +70,8 @@ void ApplicationList::load() {
     m_installed = namesIn(jsonMember(object.get(), "installed"));
     m_removed = namesIn(jsonMember(object.get(), "removed"));
     if (!m_known)
-        say("%s is damaged; removals while the daemon was down go unseen this once", m_file.c_str());
+        logLine("%s is damaged; removals while the daemon was down are not detected this time",
+                m_file.c_str());
 }
 
 void ApplicationList::update(const std::set<std::string>& applications) {
@@ -80,7 +81,7 @@ void ApplicationList::update(const std::set<std::string>& applications) {
         if (!applications.count(application))
             m_removed.insert(application);
     }
-    // An application that came back before anybody heard of its removal keeps its data.
+    // An application that came back before its removal was announced keeps its data.
     for (const std::string& application : applications)
         m_removed.erase(application);
     m_installed = applications;
@@ -94,9 +95,8 @@ void ApplicationList::announced(const std::string& application) {
 }
 
 void ApplicationList::save() const {
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "installed", arrayOf(m_installed));
-    json_object_object_add(object.get(), "removed", arrayOf(m_removed));
+    JsonObject object;
+    object.set("installed", arrayOf(m_installed)).set("removed", arrayOf(m_removed));
     const std::string text = json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PRETTY);
     GError* error = nullptr;
     auto flags =
@@ -104,6 +104,7 @@ void ApplicationList::save() const {
     if (g_file_set_contents_full(m_file.c_str(), text.c_str(), static_cast<gssize>(text.size()), flags, 0600,
                                  &error))
         return;
-    say("cannot keep the list of applications: %s; removals during a restart go unseen", error->message);
+    logLine("cannot keep the list of applications: %s; removals during a restart are not detected",
+            error->message);
     g_error_free(error);
 }

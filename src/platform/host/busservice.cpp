@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the five services share on the bus.
+// What the five services have in common on the bus.
 #include "platform/host/busservice.h"
 
 #include <cerrno>
 
 #include "platform/bus/qsraii.h"
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 #include "util/jsonref.h"
 
 BusService::~BusService() {
@@ -14,25 +14,25 @@ BusService::~BusService() {
         QSUnregister(m_handle, error);
 }
 
-Presence BusService::take(const char* name) {
+StartResult BusService::take(const char* name) {
     m_name = name;
     BusError error;
     if (QSRegister(QSBus::Private, name, &m_handle, error))
-        return Presence::Up;
+        return StartResult::Started;
     m_handle = nullptr;
     if (error.code() == -EEXIST) {
-        say("%s is provided by another process already; it keeps it", name);
-        return Presence::TakenByAnother;
+        logLine("%s is already provided by another process, which keeps it", name);
+        return StartResult::NameTaken;
     }
-    say("cannot provide %s on the private bus: %s", name, error.message());
-    return Presence::Failed;
+    logLine("cannot provide %s on the private bus: %s", name, error.message());
+    return StartResult::Failed;
 }
 
 bool BusService::serve(const char* category, const QSMethod* methods, void* context) {
     BusError error;
     if (QSRegisterCategory(m_handle, category, methods, context, error))
         return true;
-    say("%s cannot serve %s: %s", m_name.c_str(), category, error.message());
+    logLine("%s cannot serve %s: %s", m_name.c_str(), category, error.message());
     return false;
 }
 
@@ -40,26 +40,22 @@ bool BusService::attach(GMainLoop* loop) {
     BusError error;
     if (QSGmainAttach(m_handle, loop, error))
         return true;
-    say("%s cannot use the main loop: %s", m_name.c_str(), error.message());
+    logLine("%s cannot use the main loop: %s", m_name.c_str(), error.message());
     return false;
 }
 
 void BusService::reply(QSMessage* message, const std::string& payload) {
     BusError error;
     if (!QSMessageReply(m_handle, message, payload.c_str(), error))
-        say("%s: an answer did not reach its caller: %s", m_name.c_str(), error.message());
+        logLine("%s: an answer could not be sent: %s", m_name.c_str(), error.message());
 }
 
 void BusService::accept(QSMessage* message) {
     reply(message, "{\"returnValue\":true}");
 }
 
-void BusService::refuse(QSMessage* message, const std::string& words) {
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "returnValue", json_object_new_boolean(false));
-    json_object_object_add(object.get(), "errorText", json_object_new_string(words.c_str()));
-    reply(message, json_object_to_json_string_ext(object.get(),
-                                                  JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
+void BusService::refuse(QSMessage* message, const std::string& errorText) {
+    reply(message, JsonObject().set("returnValue", false).set("errorText", errorText).line());
 }
 
 void BusService::replyAndSubscribe(QSMessage* message, const std::string& payload) {
@@ -74,5 +70,5 @@ void BusService::replyAndSubscribe(QSMessage* message, const std::string& payloa
 void BusService::post(const char* category, const char* method, const std::string& payload) {
     BusError error;
     if (!QSSubscriptionPost(m_handle, category, method, payload.c_str(), error))
-        say("%s: a change did not reach every subscriber: %s", m_name.c_str(), error.message());
+        logLine("%s: a change could not be sent to every subscriber: %s", m_name.c_str(), error.message());
 }

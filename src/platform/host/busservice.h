@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// One platform service's place on the private bus: its name, its methods and the answers it gives. The
-// connection lives as long as the object.
+// One platform service on the private bus: its name, its methods and its answers. The connection lives as
+// long as the object.
 #pragma once
 
 #include <glib.h>
@@ -9,8 +9,8 @@
 
 #include "platform/bus/qs.h"
 
-// What came of taking the name.
-enum class Presence { Up, TakenByAnother, Failed };
+// How the start of a service ended; another process may own its name.
+enum class StartResult { Started, NameTaken, Failed };
 
 class BusService {
   public:
@@ -19,17 +19,18 @@ class BusService {
     BusService(const BusService&) = delete;
     BusService& operator=(const BusService&) = delete;
 
-    // Takes the name; failures are logged. Methods go in before `attach`, so that no early call goes unknown.
-    Presence take(const char* name);
+    // Takes the name; failures are logged. Methods are registered before `attach`, so that early
+    // calls find them.
+    StartResult take(const char* name);
     bool serve(const char* category, const QSMethod* methods, void* context);
     bool attach(GMainLoop* loop);
 
     QSHandle* handle() const { return m_handle; }
     void reply(QSMessage* message, const std::string& payload);
-    // {"returnValue":true}, or false with the words.
+    // {"returnValue":true}, or false with the error text.
     void accept(QSMessage* message);
-    void refuse(QSMessage* message, const std::string& words);
-    // Subscribes the request when it asks for it, then gives the first answer.
+    void refuse(QSMessage* message, const std::string& errorText);
+    // Subscribes the request when it asks for it, then sends the first answer.
     void replyAndSubscribe(QSMessage* message, const std::string& payload);
     void post(const char* category, const char* method, const std::string& payload);
 

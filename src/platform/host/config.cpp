@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reads the key file. An unknown group or key is refused: a misspelt word would otherwise silently do
-// nothing.
+// Reads the key file. An unknown group or key is an error: a misspelled one would otherwise
+// silently do nothing.
 #include "platform/host/config.h"
 
 #include <glib.h>
@@ -21,7 +21,7 @@ struct KnownKey {
     const char* group;
     const char* key;
 };
-const KnownKey kKnownKeys[] = {
+constexpr KnownKey kKnownKeys[] = {
     {"network", "loopback-is-internet"}, {"network", "interfaces"},     {"account", "file"},
     {"applications", "folder"},          {"applications", "settle-ms"}, {"services", "enabled"},
 };
@@ -55,7 +55,7 @@ std::string unknownKey(GKeyFile* file) {
     return found;
 }
 
-// The values of one file; a value of the wrong form is remembered as the first fault.
+// The values of one file; a value of the wrong form is reported as the problem.
 class Values {
   public:
     Values(GKeyFile* file, std::string& problem) : m_file(file), m_problem(problem) {}
@@ -111,7 +111,7 @@ void readValues(GKeyFile* file, HostConfig& config, std::string& problem) {
     values.names("services", "enabled", config.services);
     const std::string unknown = unknownKey(file);
     if (!unknown.empty())
-        problem = unknown + " is no known setting";
+        problem = unknown + " is not a known setting";
 }
 
 }  // namespace
@@ -127,7 +127,7 @@ bool readHostConfig(HostConfig& config, std::string& problem) {
     if (g_key_file_load_from_file(file.get(), path.c_str(), G_KEY_FILE_NONE, &error)) {
         readValues(file.get(), config, problem);
         if (!problem.empty())
-            problem = path + ": " + problem + "; correct it and start again";
+            problem = path + ": " + problem + "; correct it and restart zelt-host";
         return problem.empty();
     }
     const bool absent = !named && g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT);

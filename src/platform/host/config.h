@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the administrator of a machine may say about it: /etc/zelt/host.conf, or the file that ZELT_HOST_CONF
-// names. Read once at start; a missing file is an ordinary machine.
+// The settings of zelt-host: /etc/zelt/host.conf, or the file that ZELT_HOST_CONF names. Read once at start;
+// without the file the defaults apply.
 #pragma once
 
 #include <set>
@@ -18,5 +18,5 @@ struct HostConfig {
     bool runs(const char* service) const { return services.empty() || services.count(service) > 0; }
 };
 
-// False with what was wrong when there is a file that cannot be used.
+// False with the problem when there is a file that cannot be used.
 bool readHostConfig(HostConfig& config, std::string& problem);

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The connection manager service. The kernel's change notices only say when to look; what they tell is read
-// whole, so that a lost notice never leaves a wrong state behind.
+// The connection manager service. Change notices of the kernel only trigger a reading of the complete state,
+// so that a lost notice never leaves a wrong one.
 #include "platform/host/connectionmanager.h"
 
 #include <glib-unix.h>
 #include <unistd.h>
 
+#include "platform/host/log.h"
 #include "platform/host/netlink.h"
-#include "platform/host/say.h"
 
 ConnectionManager::ConnectionManager(const HostConfig& config) {
     m_rules.loopbackIsInternet = config.loopbackIsInternet;
@@ -21,18 +21,18 @@ ConnectionManager::~ConnectionManager() {
         close(m_changes);
 }
 
-Presence ConnectionManager::start(GMainLoop* loop) {
-    static const QSMethod methods[] = {{"getstatus", onGetStatus, 0}, {nullptr, nullptr, 0}};
-    const Presence presence = m_bus.take("com.zelt.connectionmanager");
-    if (presence != Presence::Up)
-        return presence;
-    // Watched before it is read: a change in between is then seen twice rather than never.
+StartResult ConnectionManager::start(GMainLoop* loop) {
+    static constexpr QSMethod methods[] = {{.name = "getstatus", .handler = onGetStatus}, {}};
+    const StartResult result = m_bus.take("com.zelt.connectionmanager");
+    if (result != StartResult::Started)
+        return result;
+    // Watched before it is read: a change in between is seen twice rather than missed.
     m_changes = openNetworkChanges();
     if (m_changes >= 0)
         m_source = g_unix_fd_add(m_changes, G_IO_IN, onChange, this);
     refresh();
     const bool served = m_bus.serve("/", methods, this) && m_bus.attach(loop);
-    return served ? Presence::Up : Presence::Failed;
+    return served ? StartResult::Started : StartResult::Failed;
 }
 
 void ConnectionManager::refresh() {
@@ -44,7 +44,7 @@ void ConnectionManager::refresh() {
         return;
     m_state = state;
     const std::string payload = networkPayload(state);
-    say("network: %s", payload.c_str());
+    logLine("network: %s", payload.c_str());
     m_bus.post("/", "getstatus", payload);
 }
 

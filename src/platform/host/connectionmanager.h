@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// com.zelt.connectionmanager: tells which links lead to the Internet, at once and at every change. Keeps the
-// state it told last; nothing survives a restart.
+// com.zelt.connectionmanager: reports which links reach the Internet, at the call and at every change. Keeps
+// the last reported state; nothing survives a restart.
 #pragma once
 
 #include "platform/host/busservice.h"
@@ -14,10 +14,10 @@ class ConnectionManager {
     ConnectionManager(const ConnectionManager&) = delete;
     ConnectionManager& operator=(const ConnectionManager&) = delete;
 
-    Presence start(GMainLoop* loop);
-    // Looks at the network anew and tells the subscribers when it is no longer what they know.
+    StartResult start(GMainLoop* loop);
+    // Reads the network state and reports it to the subscribers when it has changed.
     void refresh();
-    // A page that wants a login stands before the Internet, or does so no more.
+    // Whether a captive portal blocks the Internet.
     void setCaptivePortal(bool captive);
 
   private:

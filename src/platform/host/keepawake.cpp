@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The inhibitor lock. A request while it is held only moves its end, so a burst of items costs one lock.
+// The inhibitor lock. A request while it is held only extends it, so a burst of items takes one lock.
 #include "platform/host/keepawake.h"
 
 #include <fcntl.h>
@@ -7,10 +7,10 @@
 
 #include <algorithm>
 
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 
 KeepAwake::~KeepAwake() {
-    letGo();
+    release();
 }
 
 void KeepAwake::hold(unsigned milliseconds) {
@@ -29,22 +29,22 @@ void KeepAwake::request() {
                                                 "Inhibit", onInhibitor, this, "ssss", "sleep", "zelt-host",
                                                 "Delivering an item", "delay");
     if (result < 0)
-        letGo();
+        release();
 }
 
 int KeepAwake::onInhibitor(sd_bus_message* reply, void* data, sd_bus_error*) {
     auto* self = static_cast<KeepAwake*>(data);
     self->m_pending = sd_bus_slot_unref(self->m_pending);
     if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
-        say("no inhibitor against suspend: %s; the machine may sleep while an item is delivered",
-            error->message);
+        logLine("cannot inhibit suspend: %s; the machine may sleep while an item is delivered",
+                error->message);
         self->m_absent = sd_bus_error_has_name(error, SD_BUS_ERROR_SERVICE_UNKNOWN);
-        self->letGo();
+        self->release();
         return 0;
     }
     int descriptor = -1;
     if (sd_bus_message_read(reply, "h", &descriptor) >= 0)
-        self->m_inhibitor = fcntl(descriptor, F_DUPFD_CLOEXEC, 3);  // the message owns its own
+        self->m_inhibitor = fcntl(descriptor, F_DUPFD_CLOEXEC, 3);  // the message owns the original
     return 0;
 }
 
@@ -55,11 +55,11 @@ gboolean KeepAwake::onTimeUp(gpointer data) {
     if (left > 0)
         self->m_timer = g_timeout_add(static_cast<guint>(left), onTimeUp, self);
     else
-        self->letGo();
+        self->release();
     return G_SOURCE_REMOVE;
 }
 
-void KeepAwake::letGo() {
+void KeepAwake::release() {
     if (m_timer)
         g_source_remove(m_timer);
     m_timer = 0;

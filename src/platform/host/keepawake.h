@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Keeps the machine from suspending for a while, by a delay inhibitor of logind. Where no logind runs there
-// is nothing to hold off. One inhibitor serves all requests; it ends with the last of them.
+// Keeps the machine from suspending for a while, by a delay inhibitor of logind; does nothing where no logind
+// runs. One inhibitor serves all requests; it ends with the last of them.
 #pragma once
 
 #include <glib.h>
@@ -15,12 +15,12 @@ class KeepAwake {
     KeepAwake(const KeepAwake&) = delete;
     KeepAwake& operator=(const KeepAwake&) = delete;
 
-    // Stays awake for at least so long from now.
+    // Keeps the machine awake for at least this time from now.
     void hold(unsigned milliseconds);
 
   private:
     void request();
-    void letGo();
+    void release();
     static int onInhibitor(sd_bus_message* reply, void* data, sd_bus_error* error);
     static gboolean onTimeUp(gpointer data);
 

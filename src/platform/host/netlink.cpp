@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Speaks rtnetlink. A dump is answered by the kernel within the receive call itself, so reading it never
-// waits.
+// rtnetlink. The kernel produces a dump within the receive call, so reading one never waits.
 #include "platform/host/netlink.h"
 
 #include <arpa/inet.h>
@@ -16,7 +15,7 @@
 #include <fstream>
 #include <utility>
 
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 
 namespace {
 
@@ -213,7 +212,7 @@ bool readNetwork(NetworkSnapshot& snapshot) {
     const Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
     for (const uint16_t type : {RTM_GETLINK, RTM_GETADDR, RTM_GETROUTE}) {
         if (socket.get() < 0 || !dump(socket.get(), type, snapshot)) {
-            say("cannot read the network's state from the kernel: %s", strerror(errno));
+            logLine("cannot read the network state from the kernel: %s", strerror(errno));
             return false;
         }
     }
@@ -227,7 +226,7 @@ int openNetworkChanges() {
     address.nl_groups =
         RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
     if (socket.get() < 0 || bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
-        say("cannot watch the network: %s; its changes will go unseen", strerror(errno));
+        logLine("cannot watch the network: %s; changes will not be detected", strerror(errno));
         return -1;
     }
     return socket.release();
@@ -235,7 +234,7 @@ int openNetworkChanges() {
 
 void drainNetworkChanges(int descriptor) {
     char buffer[8192];
-    // ENOBUFS says that changes were lost, which is one change more.
+    // ENOBUFS means that changes were lost, which is a change too.
     while (recv(descriptor, buffer, sizeof buffer, MSG_DONTWAIT) >= 0 || errno == EINTR || errno == ENOBUFS) {
     }
 }

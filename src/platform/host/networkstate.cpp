@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // A link counts as connected when a default route leaves through it and it has an address of the route's
-// family: clients bind to that address, so a link that leads nowhere must not be offered. Of several routes
-// the cheapest IPv4 one wins, then the cheapest IPv6 one.
+// family: clients bind to that address, so a link without such a route must not be reported. Of several
+// routes the IPv4 one with the lowest metric wins, then the IPv6 one.
 #include "platform/host/networkstate.h"
 
 #include <algorithm>
@@ -66,12 +66,11 @@ LinkState decideLoopback(const NetworkSnapshot& snapshot, const NetworkRules& ru
     return {};
 }
 
-json_object* linkObject(const LinkState& state) {
-    json_object* object = json_object_new_object();
-    json_object_object_add(object, "state",
-                           json_object_new_string(state.connected ? "connected" : "disconnected"));
-    json_object_object_add(object, "ipAddress", json_object_new_string(state.ipAddress.c_str()));
-    return object;
+JsonRef linkObject(const LinkState& state) {
+    return JsonObject()
+        .set("state", state.connected ? "connected" : "disconnected")
+        .set("ipAddress", state.ipAddress)
+        .release();
 }
 
 }  // namespace
@@ -87,11 +86,10 @@ NetworkState decideNetwork(const NetworkSnapshot& snapshot, const NetworkRules& 
 }
 
 std::string networkPayload(const NetworkState& state) {
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "returnValue", json_object_new_boolean(true));
-    json_object_object_add(object.get(), "isInternetConnectionAvailable",
-                           json_object_new_boolean(state.internet));
-    json_object_object_add(object.get(), "wifi", linkObject(state.wifi));
-    json_object_object_add(object.get(), "wan", linkObject(state.wan));
-    return json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
+    return JsonObject()
+        .set("returnValue", true)
+        .set("isInternetConnectionAvailable", state.internet)
+        .set("wifi", linkObject(state.wifi))
+        .set("wan", linkObject(state.wan))
+        .line();
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the machine's links, addresses and routes mean to the platform: which link carries Internet traffic,
-// and from which address. Pure functions over a snapshot; keeps no state.
+// The platform's view of the machine's links, addresses and routes: which link carries Internet traffic, and
+// from which address. Pure functions over a snapshot; keeps no state.
 #pragma once
 
 #include <sys/socket.h>
@@ -23,7 +23,7 @@ struct Address {
     int link = 0;
     int family = AF_INET;
     std::string text;
-    bool usable = false;  // of global scope, verified, not about to go
+    bool usable = false;  // of global scope, verified, not deprecated
 };
 
 struct DefaultRoute {
@@ -40,9 +40,9 @@ struct NetworkSnapshot {
 };
 
 struct NetworkRules {
-    bool loopbackIsInternet = false;   // for a machine with nothing but loopback
+    bool loopbackIsInternet = false;   // for a machine with only a loopback interface
     std::set<std::string> interfaces;  // the links that count; all when empty
-    bool captivePortal = false;        // a page stands between the links and the Internet
+    bool captivePortal = false;        // a portal blocks the Internet
 };
 
 struct LinkState {
@@ -51,7 +51,7 @@ struct LinkState {
     bool operator==(const LinkState&) const = default;
 };
 
-// "Wi-Fi" stands for every link without a price a byte, wired ones included.
+// "wifi" is every unmetered link, wired ones included.
 struct NetworkState {
     bool internet = false;
     LinkState wifi;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// NetworkManager's connectivity check. Only a portal counts: "limited" also means a network without the page
-// that NetworkManager looks for, and "none" an interface that it does not manage.
+// NetworkManager's connectivity check. Only a portal counts: "limited" also means that the check page of
+// NetworkManager is not reachable, and "none" an interface that it does not manage.
 #include "platform/host/portalwatch.h"
 
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ void PortalWatch::start() {
     const int owner = m_owner.start(
         bus,
         [this](bool there) {
-            // An answer of the owner before counts no more.
+            // An answer of the previous owner does not count.
             m_query = sd_bus_slot_unref(m_query);
             m_askAgain = false;
             if (there)
@@ -42,11 +42,11 @@ void PortalWatch::start() {
         sd_bus_match_signal_async(bus, &m_properties, kManager, kPath, kProperties, "PropertiesChanged",
                                   onPropertiesChanged, onMatched, this);
     if (owner < 0 || properties < 0)
-        say("NetworkManager cannot be watched; captive portals go unseen");
+        logLine("NetworkManager cannot be watched; captive portals are not detected");
     ask();
 }
 
-// One question at a time, however many signals come.
+// One query at a time, however many signals come.
 void PortalWatch::ask() {
     m_askAgain = m_query != nullptr;
     if (m_askAgain)
@@ -54,7 +54,7 @@ void PortalWatch::ask() {
     sd_bus_message* call = nullptr;
     if (sd_bus_message_new_method_call(m_system.get(), &call, kManager, kPath, kProperties, "Get") >= 0) {
         sd_bus_message_append(call, "ss", kManager, "Connectivity");
-        // A machine that does without NetworkManager is not to be given one.
+        // A query must not start NetworkManager on a machine that does not run it.
         sd_bus_message_set_auto_start(call, 0);
         sd_bus_call_async(m_system.get(), &m_query, call, onConnectivity, this, 0);
     }
@@ -70,11 +70,11 @@ void PortalWatch::judge(bool captive) {
 
 int PortalWatch::onMatched(sd_bus_message* reply, void*, sd_bus_error*) {
     if (const sd_bus_error* error = sd_bus_message_get_error(reply))
-        say("NetworkManager cannot be watched: %s; captive portals go unseen", error->message);
+        logLine("NetworkManager cannot be watched: %s; captive portals are not detected", error->message);
     return 0;
 }
 
-// That something changed is all that is taken from the signal; what it is now is asked for.
+// The signal only tells that something changed; the value is queried.
 int PortalWatch::onPropertiesChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     auto* self = static_cast<PortalWatch*>(data);
     if (self->m_owner.sent(signal))

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Tells whether NetworkManager has found a captive portal. Where it does not run nobody has looked for one.
-// Keeps the last verdict.
+// Reports whether NetworkManager has detected a captive portal; without NetworkManager there is none. Keeps
+// the last result.
 #pragma once
 
 #include <functional>
@@ -29,7 +29,7 @@ class PortalWatch {
     SystemBus& m_system;
     OnVerdict m_onVerdict;
     bool m_captive = false;
-    bool m_askAgain = false;  // something changed while an answer was under way
+    bool m_askAgain = false;  // something changed while a query was pending
     ServiceOwner m_owner;
     sd_bus_slot* m_properties = nullptr;
     sd_bus_slot* m_query = nullptr;

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The power service. A new alarm and a cleared one reach the disk before the answer. A client that keeps
-// pushing one alarm before it (a keep-alive, at every stanza) is written a few seconds later: after a crash
-// its alarm rings that much early, which costs less than a disk sync a stanza.
+// postponing one alarm (a keep-alive, at every stanza) is written a few seconds later: after a crash its
+// alarm fires that much early, which costs less than a disk sync for each stanza.
 #include "platform/host/power.h"
 
 #include <glib/gstdio.h>
 
 #include "platform/bus/qsraii.h"
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 #include "util/jsonref.h"
 
 namespace {
@@ -27,19 +27,20 @@ Power::~Power() {
     }
 }
 
-Presence Power::start(GMainLoop* loop) {
-    static const QSMethod timeouts[] = {{"set", onSet, 0}, {"clear", onClear, 0}, {nullptr, nullptr, 0}};
-    static const QSMethod activities[] = {{"activityStart", onActivityStart, 0}, {nullptr, nullptr, 0}};
-    const Presence presence = m_bus.take("com.zelt.power");
-    if (presence != Presence::Up)
-        return presence;
+StartResult Power::start(GMainLoop* loop) {
+    static constexpr QSMethod timeouts[] = {
+        {.name = "set", .handler = onSet}, {.name = "clear", .handler = onClear}, {}};
+    static constexpr QSMethod activities[] = {{.name = "activityStart", .handler = onActivityStart}, {}};
+    const StartResult result = m_bus.take("com.zelt.power");
+    if (result != StartResult::Started)
+        return result;
     const bool served = m_clock.open() && m_bus.serve("/timeout", timeouts, this) &&
                         m_bus.serve("/com/zelt/power", activities, this) && m_bus.attach(loop);
     if (!served)
-        return Presence::Failed;
+        return StartResult::Failed;
     load();
     armClock();
-    return Presence::Up;
+    return StartResult::Started;
 }
 
 void Power::load() {
@@ -50,12 +51,12 @@ void Power::load() {
     const bool usable = m_alarms.restore(text, readClocks(), dropped);
     g_free(text);
     if (dropped)
-        say("%d alarms in %s could not be used and are dropped", dropped, m_file.c_str());
+        logLine("%d alarms in %s are invalid and were dropped", dropped, m_file.c_str());
     if (usable)
         return;
     const std::string aside = m_file + ".damaged";
     g_rename(m_file.c_str(), aside.c_str());
-    say("%s is damaged and was moved to %s; its alarms are lost", m_file.c_str(), aside.c_str());
+    logLine("%s is damaged and was moved to %s; its alarms are lost", m_file.c_str(), aside.c_str());
 }
 
 bool Power::save() {
@@ -66,7 +67,7 @@ bool Power::save() {
     if (g_file_set_contents_full(m_file.c_str(), text.c_str(), static_cast<gssize>(text.size()), flags, 0600,
                                  &error))
         return true;
-    say("cannot keep the alarms: %s; they will not survive a restart", error->message);
+    logLine("cannot save the alarms: %s; they will not survive a restart", error->message);
     g_error_free(error);
     return false;
 }
@@ -88,7 +89,7 @@ void Power::armClock() {
     m_clock.arm(true, m_alarms.next(true));
 }
 
-// Called before it is forgotten on disk: a crash in between rings an alarm twice rather than never.
+// The call comes before the removal on disk: a crash in between fires an alarm twice rather than never.
 void Power::ring() {
     const std::vector<Alarm> due = m_alarms.takeDue(readClocks().boottime);
     for (const Alarm& alarm : due)
@@ -101,15 +102,15 @@ void Power::ring() {
 void Power::call(const Alarm& alarm) {
     BusError error;
     if (!QSCall(m_bus.handle(), alarm.uri.c_str(), alarm.params.c_str(), nullptr, nullptr, nullptr, error))
-        say("alarm %s could not call %s: %s", alarm.key.c_str(), alarm.uri.c_str(), error.message());
+        logLine("alarm %s could not call %s: %s", alarm.key.c_str(), alarm.uri.c_str(), error.message());
 }
 
 bool Power::onSet(QSHandle*, QSMessage* message, void* context) {
     auto* self = static_cast<Power*>(context);
     Alarm alarm;
-    std::string words;
-    if (!parseAlarm(QSMessageGetPayload(message), alarm, words)) {
-        self->m_bus.refuse(message, words);
+    std::string problem;
+    if (!parseAlarm(QSMessageGetPayload(message), alarm, problem)) {
+        self->m_bus.refuse(message, problem);
         return true;
     }
     alarm.deadline = readClocks().boottime + alarm.seconds * 1000000;
@@ -118,7 +119,7 @@ bool Power::onSet(QSHandle*, QSMessage* message, void* context) {
     if (!fresh)
         self->saveSoon();
     else if (!self->save())
-        say("alarm %s is set in memory alone", alarm.key.c_str());
+        logLine("alarm %s is set in memory only", alarm.key.c_str());
     self->m_bus.accept(message);
     return true;
 }
@@ -131,7 +132,7 @@ bool Power::onClear(QSHandle*, QSMessage* message, void* context) {
         self->m_bus.refuse(message, "\"key\" is missing: the text that names the alarm");
         return true;
     }
-    // An alarm that is gone already is cleared.
+    // Clearing an alarm that does not exist succeeds.
     if (self->m_alarms.clear(json_object_get_string(key))) {
         self->save();
         self->armClock();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// com.zelt.power: alarms that call a method once, waking the machine for it, and a short keep-awake. Alarms
-// belong to nobody: they survive their client, and on disk a restart of the daemon and of the machine.
+// com.zelt.power: alarms that call a method once and can wake the machine, and a short keep-awake. Alarms
+// survive their client and, on disk, a restart of the daemon and of the machine.
 #pragma once
 
 #include <string>
@@ -18,8 +18,8 @@ class Power {
     Power(const Power&) = delete;
     Power& operator=(const Power&) = delete;
 
-    Presence start(GMainLoop* loop);
-    // Calls what is due and sets the timers for the rest.
+    StartResult start(GMainLoop* loop);
+    // Fires the alarms that are due and sets the timers for the rest.
     void ring();
 
   private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The match is asked for before the question, so no change falls between them. An answer that is older than a
-// change is not possible: the daemon sends both in order.
+// The match is installed before the query, so that no change is missed. The daemon sends answer and changes
+// in order, so the answer cannot be older than a change before it.
 #include "platform/host/serviceowner.h"
 
 #include <cstring>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Follows which connection of the system bus owns a service's name, so that a signal of the service can be
-// told from one that another process sends. Keeps the owner's unique name.
+// Follows which connection of the system bus owns a service's name, so that signals of the service can be
+// distinguished from those of other processes. Keeps the owner's unique name.
 #pragma once
 
 #include <functional>
@@ -17,10 +17,10 @@ class ServiceOwner {
     ServiceOwner(const ServiceOwner&) = delete;
     ServiceOwner& operator=(const ServiceOwner&) = delete;
 
-    // Negative errno when the bus cannot be asked. `onChange` is called for every change from now on, not for
-    // what is the case already; `onMatched` gets the daemon's answer to the match.
+    // Negative errno when the bus cannot be queried. `onChange` is called for every later change, not for the
+    // current owner; `onMatched` gets the daemon's answer to the match.
     int start(sd_bus* bus, OnChange onChange, sd_bus_message_handler_t onMatched);
-    // True for a message that the owner sent. While the owner is not known yet nothing is.
+    // True for a message that the owner sent; false while the owner is not known yet.
     bool sent(sd_bus_message* message) const;
 
   private:

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 
 struct SystemBus::Source {
     GSource base;
@@ -49,7 +49,9 @@ gboolean SystemBus::dispatch(GSource* source, GSourceFunc, gpointer) {
         result = sd_bus_process(owner->m_bus, nullptr);
     if (result >= 0)
         return G_SOURCE_CONTINUE;
-    say("the system bus is lost: %s; suspend, captive portals and the boot status go unseen",
+    logLine(
+        "the system bus connection is lost: %s; suspend, captive portals and the boot status are not "
+        "detected",
         strerror(-result));
     owner->close();
     return G_SOURCE_REMOVE;

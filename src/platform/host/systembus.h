@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The machine's own system bus, where logind, systemd and NetworkManager are found when they run. Connects
-// without waiting; a machine without that bus, or without one of them, is an ordinary machine too.
+// The machine's system bus, with logind, systemd and NetworkManager where they run. Connects without waiting;
+// a machine without that bus, or without one of these services, is supported too.
 #pragma once
 
 #include <glib.h>

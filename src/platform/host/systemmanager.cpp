@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The system manager service. The signal is asked for before the state, so that a boot that ends in between
-// is seen; what it reports is asked for as well, since any process can send the like of it.
+// The system manager service. The signal is subscribed to before the state is queried, so that the end of the
+// boot in between is not missed; the signal only triggers a query, since any process can send one.
 #include "platform/host/systemmanager.h"
 
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 
 namespace {
 
@@ -26,16 +26,16 @@ SystemManager::~SystemManager() {
     sd_bus_slot_unref(m_query);
 }
 
-Presence SystemManager::start(GMainLoop* loop) {
-    static const QSMethod methods[] = {{"getBootStatus", onGetBootStatus, 0}, {nullptr, nullptr, 0}};
-    const Presence presence = m_bus.take("com.zelt.systemmanager");
-    if (presence != Presence::Up)
-        return presence;
+StartResult SystemManager::start(GMainLoop* loop) {
+    static constexpr QSMethod methods[] = {{.name = "getBootStatus", .handler = onGetBootStatus}, {}};
+    const StartResult result = m_bus.take("com.zelt.systemmanager");
+    if (result != StartResult::Started)
+        return result;
     if (!m_finished && !askSystemd()) {
-        say("systemd cannot be asked about the boot; it is taken as finished");
+        logLine("systemd cannot be queried about the boot; assuming that it has finished");
         m_finished = true;
     }
-    return m_bus.serve("/", methods, this) && m_bus.attach(loop) ? Presence::Up : Presence::Failed;
+    return m_bus.serve("/", methods, this) && m_bus.attach(loop) ? StartResult::Started : StartResult::Failed;
 }
 
 bool SystemManager::askSystemd() {
@@ -48,7 +48,7 @@ bool SystemManager::askSystemd() {
            askFinishTime();
 }
 
-// One question at a time, however many signals come.
+// One query at a time, however many signals come.
 bool SystemManager::askFinishTime() {
     m_askAgain = m_query != nullptr;
     return m_askAgain || sd_bus_call_method_async(m_system.get(), &m_query, kSystemd, kPath,
@@ -63,7 +63,7 @@ void SystemManager::finish() {
     m_bus.post("/", "getBootStatus", bootPayload(true));
 }
 
-// The signal only says when to ask.
+// The signal only triggers a query.
 int SystemManager::onStartupFinished(sd_bus_message* signal, void* data, sd_bus_error*) {
     auto* self = static_cast<SystemManager*>(data);
     if (!self->m_finished && self->m_systemd.sent(signal))
@@ -73,7 +73,7 @@ int SystemManager::onStartupFinished(sd_bus_message* signal, void* data, sd_bus_
 
 int SystemManager::onMatched(sd_bus_message* reply, void*, sd_bus_error*) {
     if (const sd_bus_error* error = sd_bus_message_get_error(reply))
-        say("systemd does not report the end of the boot: %s", error->message);
+        logLine("systemd does not report the end of the boot: %s", error->message);
     return 0;
 }
 
@@ -82,7 +82,8 @@ int SystemManager::onFinishTime(sd_bus_message* reply, void* data, sd_bus_error*
     uint64_t finished = 0;
     self->m_query = sd_bus_slot_unref(self->m_query);
     if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
-        say("systemd cannot be asked about the boot: %s; it is taken as finished", error->message);
+        logLine("systemd cannot be queried about the boot: %s; assuming that it has finished",
+                error->message);
         self->finish();
     } else if (sd_bus_message_read(reply, "v", "t", &finished) >= 0 && finished > 0) {
         self->finish();

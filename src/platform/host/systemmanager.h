@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// com.zelt.systemmanager: tells whether the machine has finished booting, by systemd where it runs. Elsewhere
-// a machine that runs this has booted. Nothing survives a restart.
+// com.zelt.systemmanager: reports whether the machine has finished booting, according to systemd where it
+// runs. Without systemd the boot counts as finished. Nothing survives a restart.
 #pragma once
 
 #include "platform/host/busservice.h"
@@ -15,7 +15,7 @@ class SystemManager {
     SystemManager(const SystemManager&) = delete;
     SystemManager& operator=(const SystemManager&) = delete;
 
-    Presence start(GMainLoop* loop);
+    StartResult start(GMainLoop* loop);
 
   private:
     bool askSystemd();
@@ -29,7 +29,7 @@ class SystemManager {
     BusService m_bus;
     SystemBus& m_system;
     bool m_finished;
-    bool m_askAgain = false;  // a signal came while an answer was under way
+    bool m_askAgain = false;  // a signal came while a query was pending
     ServiceOwner m_systemd;
     sd_bus_slot* m_match = nullptr;
     sd_bus_slot* m_query = nullptr;

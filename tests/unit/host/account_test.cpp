@@ -67,14 +67,14 @@ TEST_F(AccountFile, IsRefusedWhenOthersCanReadIt) {
     for (mode_t mode : {0640, 0604, 0644, 0620}) {
         write(kText, mode);
         EXPECT_EQ(read(),
-                  path + " can be read by others than its owner; `chmod 600` it and have the token changed");
+                  path + " is readable by users other than its owner; `chmod 600` it and have the token changed");
     }
 }
 
 TEST_F(AccountFile, IsRefusedWithTheReasonWhenItIsMissingOrNoFile) {
     EXPECT_EQ(read(), "no account is set; set the account with `zelt-host account set`");
     std::filesystem::create_directory(path);
-    EXPECT_EQ(read(), path + " is no regular file; set the account with `zelt-host account set`");
+    EXPECT_EQ(read(), path + " is not a regular file; set the account with `zelt-host account set`");
     std::filesystem::remove(path);
     std::filesystem::create_symlink("/dev/null", path);
     EXPECT_THAT(read(), HasSubstr("cannot read " + path));
@@ -93,9 +93,9 @@ TEST_F(AccountFile, IsRefusedWhenAMemberIsMissingOrUnusable) {
              std::pair{R"({"user":"u","service":"s","url":"h","port":"65536","token":"t"})",
                        "the account's port must be a number from 1 to 65535"},
              std::pair{R"({"user":"u","service":"s","url":"h","port":"1","token":"a\"b"})",
-                       "the account's token holds a quote, a backslash or a control character"},
+                       "the account's token contains a quote, a backslash or a control character"},
              std::pair{R"({"user":"u\\","service":"s","url":"h","port":"1","token":"t"})",
-                       "the account's user holds a quote, a backslash or a control character"},
+                       "the account's user contains a quote, a backslash or a control character"},
          }) {
         write(text);
         EXPECT_EQ(read(), path + ": " + reason + "; set the account with `zelt-host account set`") << text;
@@ -133,12 +133,12 @@ TEST_F(AccountFile, TakesTheServerAndThePortFromTheServiceUnlessGiven) {
 
 TEST_F(AccountFile, IsNotWrittenFromAWrongCommandLine) {
     for (auto [words, problem] : {
-             std::pair{std::vector<std::string>{}, "account needs one word more"},
-             std::pair{std::vector<std::string>{"paint"}, "unknown word paint"},
-             std::pair{std::vector<std::string>{"show", "x"}, "one argument too many: x"},
+             std::pair{std::vector<std::string>{}, "account needs a command: set, show or clear"},
+             std::pair{std::vector<std::string>{"paint"}, "unknown command paint"},
+             std::pair{std::vector<std::string>{"show", "x"}, "unexpected argument: x"},
              std::pair{std::vector<std::string>{"set", "--user"}, "--user needs a value"},
              std::pair{std::vector<std::string>{"set", "--token", "t"}, "unknown option --token"},
-             std::pair{std::vector<std::string>{"set", "--user", "u"}, "--user and --service are needed"},
+             std::pair{std::vector<std::string>{"set", "--user", "u"}, "--user and --service are required"},
          }) {
         EXPECT_EQ(command(words, "t"), 2);
         EXPECT_EQ(err.str(), "zelt-host: " + std::string(problem) + "\n" + kAccountUsage);
@@ -160,7 +160,7 @@ TEST_F(AccountFile, IsReadAnewAtEachCallOfTheService) {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     {
         AccountServices service(config);
-        ASSERT_EQ(service.start(loop), Presence::Up);
+        ASSERT_EQ(service.start(loop), StartResult::Started);
         Caller caller;
         EXPECT_EQ(caller.call(kGetToken, ""),
                   "{\"returnValue\":false,\"errorText\":\"no account is set; set the "

@@ -46,8 +46,8 @@ constexpr char kBadIn[] = "\"in\" must be hours:minutes:seconds with two digits 
 constexpr char kBadUri[] = "\"uri\" must be the method to call, zelt://SERVICE/METHOD";
 INSTANTIATE_TEST_SUITE_P(
     Table, RefusedAlarm,
-    testing::Values(SetCase{"", "the payload is no JSON object"},
-                    SetCase{"[]", "the payload is no JSON object"},
+    testing::Values(SetCase{"", "the payload is not a JSON object"},
+                    SetCase{"[]", "the payload is not a JSON object"},
                     SetCase{"{}", "\"key\" is missing: a text that names the alarm"},
                     SetCase{R"({"key":5,"uri":"zelt://a.b/c","in":"00:00:01"})",
                             "\"key\" is missing: a text that names the alarm"},

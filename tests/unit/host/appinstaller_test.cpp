@@ -57,7 +57,7 @@ class Installer : public testing::Test {
     }
     void start() {
         service = std::make_unique<AppInstaller>(config);
-        ASSERT_EQ(service->start(loop), Presence::Up);
+        ASSERT_EQ(service->start(loop), StartResult::Started);
     }
     std::string entry(const std::string& name) { return folder / ("apps/" + name + ".desktop"); }
     void install(const std::string& name) { std::ofstream{entry(name)}; }

@@ -16,7 +16,7 @@ class Caller {
   public:
     // With a name it can be called, at zelt://NAME/ring.
     explicit Caller(const char* name = nullptr) : m_loop(g_main_loop_new(nullptr, FALSE)) {
-        static const QSMethod methods[] = {{"ring", onRing, 0}, {nullptr, nullptr, 0}};
+        static constexpr QSMethod methods[] = {{.name = "ring", .handler = onRing}, {}};
         BusError error;
         bool up = QSRegister(QSBus::Private, name, &m_handle, error) &&
                   (!name || QSRegisterCategory(m_handle, "/", methods, this, error)) &&

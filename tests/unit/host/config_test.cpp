@@ -55,15 +55,15 @@ TEST_F(Config, TakesEverySetting) {
 
 TEST_F(Config, RefusesWordsThatItDoesNotKnow) {
     EXPECT_EQ(read("[network]\nloopback=true\n"),
-              "[network] loopback is no known setting; correct it and start again");
-    EXPECT_EQ(read("[wifi]\nfile=x\n"), "[wifi] file is no known setting; correct it and start again");
+              "[network] loopback is not a known setting; correct it and restart zelt-host");
+    EXPECT_EQ(read("[wifi]\nfile=x\n"), "[wifi] file is not a known setting; correct it and restart zelt-host");
 }
 
 TEST_F(Config, RefusesValuesOfTheWrongForm) {
     EXPECT_EQ(read("[network]\nloopback-is-internet=perhaps\n"),
-              "[network] loopback-is-internet must be true or false; correct it and start again");
+              "[network] loopback-is-internet must be true or false; correct it and restart zelt-host");
     EXPECT_EQ(read("[applications]\nsettle-ms=-1\n"),
-              "[applications] settle-ms must be a whole number, 0 or more; correct it and start again");
+              "[applications] settle-ms must be a whole number, 0 or more; correct it and restart zelt-host");
     EXPECT_NE(read("no key file\n"), "read");
 }
 

@@ -43,7 +43,7 @@ TEST(ConnectionManagerService, AnswersAtOnceAndThenAtEachChange) {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     {
         ConnectionManager manager(onLoopback());
-        ASSERT_EQ(manager.start(loop), Presence::Up);
+        ASSERT_EQ(manager.start(loop), StartResult::Started);
         Caller caller;
         EXPECT_EQ(caller.call(kGetStatus, "{}"), kOnLoopback);
         auto& answers = caller.follow(kGetStatus, R"({"subscribe":true})");
@@ -96,7 +96,7 @@ gboolean onWord(gint descriptor, GIOCondition, gpointer loop) {
     char own = enterOwnNetwork() ? 'y' : 'n';
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     ConnectionManager manager(onLoopback());
-    if (own == 'y' && manager.start(loop) != Presence::Up)
+    if (own == 'y' && manager.start(loop) != StartResult::Started)
         own = 'x';
     g_unix_fd_add(words, G_IO_IN, onWord, loop);
     if (write(state, &own, 1) == 1 && own == 'y')

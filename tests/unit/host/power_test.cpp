@@ -28,7 +28,7 @@ class PowerService : public testing::Test {
     }
     void start() {
         power = std::make_unique<Power>(config, system);
-        ASSERT_EQ(power->start(loop), Presence::Up);
+        ASSERT_EQ(power->start(loop), StartResult::Started);
     }
     std::string set(const char* key, const char* in, const char* params = "{}", bool wakeup = true) {
         std::string text = std::string(R"({"key":")") + key +
@@ -140,7 +140,7 @@ TEST_F(PowerService, RefusesAnActivityWithoutASensibleDuration) {
 
 TEST_F(PowerService, LeavesTheNameToAnotherProvider) {
     Power second(config, system);
-    EXPECT_EQ(second.start(loop), Presence::TakenByAnother);
+    EXPECT_EQ(second.start(loop), StartResult::NameTaken);
     second.ring();
     EXPECT_EQ(set("k", "00:10:00"), kYes);
 }

@@ -198,7 +198,7 @@ TEST(SystemBusAbsent, IsAnOrdinaryMachine) {
 
 TEST_F(OnSystemBus, BootIsFinishedWithoutSystemd) {
     SystemManager manager(system, false);
-    ASSERT_EQ(manager.start(loop), Presence::Up);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
     Caller caller;
     EXPECT_EQ(caller.call(kGetBootStatus, "{\"subscribe\":true}"), kFinished);
 }
@@ -206,7 +206,7 @@ TEST_F(OnSystemBus, BootIsFinishedWithoutSystemd) {
 TEST_F(OnSystemBus, BootEndsWhenSystemdSaysSo) {
     machine.own("org.freedesktop.systemd1");
     SystemManager manager(system, true);
-    ASSERT_EQ(manager.start(loop), Presence::Up);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
     Caller caller;
     auto& answers = caller.follow(kGetBootStatus, "{\"subscribe\":true}");
     EXPECT_TRUE(caller.waitFor([&] { return answers.size() == 1 && machine.subscribers == 1; }));
@@ -221,14 +221,14 @@ TEST_F(OnSystemBus, BootThatEndedBeforeIsFinished) {
     machine.own("org.freedesktop.systemd1");
     machine.finishTime = 5;
     SystemManager manager(system, true);
-    ASSERT_EQ(manager.start(loop), Presence::Up);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
     Caller caller;
     EXPECT_TRUE(caller.waitFor([&] { return caller.call(kGetBootStatus, "{}") == kFinished; }));
 }
 
 TEST_F(OnSystemBus, BootIsTakenAsFinishedWhenSystemdDoesNotAnswer) {
     SystemManager manager(system, true);
-    ASSERT_EQ(manager.start(loop), Presence::Up);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
     Caller caller;
     EXPECT_TRUE(caller.waitFor([&] { return caller.call(kGetBootStatus, "{}") == kFinished; }));
 }
@@ -261,7 +261,7 @@ std::string nameOf(SystemBus& system) {
 TEST_F(OnSystemBus, ForgedSignalOfSystemdEndsNoBoot) {
     machine.own("org.freedesktop.systemd1");
     SystemManager manager(system, true);
-    ASSERT_EQ(manager.start(loop), Presence::Up);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
     Caller caller;
     auto& answers = caller.follow(kGetBootStatus, "{\"subscribe\":true}");
     ASSERT_TRUE(caller.waitFor([&] { return answers.size() == 1 && machine.finishAsked == 1; }));
@@ -277,7 +277,7 @@ TEST_F(OnSystemBus, ForgedSignalOfSystemdEndsNoBoot) {
 TEST_F(OnSystemBus, SignalOfSystemdBeforeItsWordEndsNoBoot) {
     machine.own("org.freedesktop.systemd1");
     SystemManager manager(system, true);
-    ASSERT_EQ(manager.start(loop), Presence::Up);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
     Caller caller;
     auto& answers = caller.follow(kGetBootStatus, "{\"subscribe\":true}");
     ASSERT_TRUE(caller.waitFor([&] { return answers.size() == 1 && machine.finishAsked == 1; }));

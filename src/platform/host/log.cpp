@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The daemon's log. Keeps no state.
-#include "platform/host/say.h"
+#include "platform/host/log.h"
 
 #include <cstdarg>
 #include <cstdio>
 
-void say(const char* format, ...) {
+void logLine(const char* format, ...) {
     char line[512];
     va_list arguments;
     va_start(arguments, format);

@@ -1,6 +1,0 @@
-// SPDX-License-Identifier: GPL-3.0-only
-// The daemon's log: one line on standard error, which the unit hands to the journal.
-#pragma once
-
-// printf-style, without a line end.
-void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
