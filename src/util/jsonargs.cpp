@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reading request members: json-c's own conversions, one level of lookup, and the words for what is missing.
+// Reading request members: json-c's own conversions, one level of lookup, and the texts for what is missing.
 //
 // A member that is null counts as missing. Keeps no state.
 #include "util/jsonargs.h"

@@ -15,8 +15,8 @@ struct JsonPut {
 };
 using JsonRef = std::unique_ptr<json_object, JsonPut>;
 
-// Parses a text, ignoring what follows its first value; null for a text that is no JSON and for the JSON text
-// `null`.
+// Parses a text, ignoring what follows its first value; null for a text that is no JSON and for the
+// JSON text `null`.
 inline JsonRef parseJson(const char* text) {
     return JsonRef(text ? json_tokener_parse(text) : nullptr);
 }
@@ -30,8 +30,8 @@ std::string jsonText(json_object* object);
 // The form without blanks, slashes not escaped: {"key":"value"}
 std::string jsonLine(json_object* object);
 
-// The member `key` of an object, borrowed. Null when `object` is no object, has no such member, or it is
-// null.
+// The member `key` of an object, borrowed. Null when `object` is no object, has no such member, or
+// it is null.
 inline json_object* jsonMember(json_object* object, const char* key) {
     json_object* value = nullptr;
     if (!json_object_is_type(object, json_type_object))

@@ -17,15 +17,15 @@
 namespace {
 
 constexpr int kMessageSize = 512;  // with the terminating zero: longer messages are cut
-constexpr int kFormatSize = 1024;  // no format of ours is as long
+constexpr int kFormatSize = 1024;  // longer than every format in use
 constexpr char kMark = '\xff';
 
 bool isControl(char character) {
     return static_cast<unsigned char>(character) < 0x20 || character == '\x7f';
 }
 
-// Writes the escape of the control character at `text` and returns how many bytes it has there, 0 when it is
-// none. Terminals also obey those of U+0080 to U+009F.
+// Writes the escape of the control character at `text` and returns its length in `text`, 0 when it is none.
+// Terminals also obey those of U+0080 to U+009F.
 int escape(const char* text, char (&escaped)[12]) {
     const auto byte = [text](int at) { return static_cast<unsigned char>(text[at]); };
     if (byte(0) == 0xc2 && byte(1) >= 0x80 && byte(1) < 0xa0) {

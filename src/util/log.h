@@ -4,9 +4,9 @@
 
 #include <cstdio>
 
-// Where a log line comes from: the plain name of a function and a line in it. `{}` at a call is the place of that
-// call. A helper that logs for its caller takes `CallSite site = {}` and passes it on, so that its lines carry the
-// name of the operation.
+// Where a log line comes from: the plain name of a function and a line in it. `{}` at a call is the place of
+// that call. A helper that logs for its caller takes `CallSite site = {}` and passes it on, so that its lines
+// carry the name of the operation.
 struct CallSite {
     // Not explicit: `{}` stands for it at a call.
     constexpr CallSite(const char* callingFunction = __builtin_FUNCTION(), int callingLine = __builtin_LINE())
@@ -22,7 +22,8 @@ void PrvPrintDbg(CallSite site, const char* format, ...) __attribute__((format(p
 void PrintDbgRelease(CallSite site, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void glooxDbg(CallSite site, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// Writes the text with its control characters escaped, as the log does; a text of others forges no line.
+// Writes the text with its control characters escaped, as the log does, so that foreign text
+// cannot forge lines.
 void printEscaped(FILE* stream, const char* text);
 
 // Ends the text at the first newline within the first `length` bytes of `buffer`.

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// How much one cause may write into the log. Lines that are written while nobody is named as their cause have
-// no bound.
+// How much one cause may write into the log. Lines without a cause have no bound.
 #pragma once
 
 #include <cstdint>
 
-// Of one cause: 1,000 lines at once, and 50 a second.
+// For one cause: a burst of 1,000 lines, and 50 per second.
 class LogBudget {
   public:
-    // True when a line may be written now, at `now` microseconds of a clock that never goes back; `leftOut`
-    // then says how many lines before it were not.
+    // True when a line may be written now, at `now` microseconds of a monotonic clock; `leftOut` is
+    // then the number of lines suppressed before it.
     bool take(int64_t now, unsigned long& leftOut);
     bool isFull(int64_t now) const;
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Where the service keeps its files. A relocatable build takes the places from PUBSUB_STATE_DIR and
-// PUBSUB_CA_FILE.
+// Where the service keeps its files. A relocatable build takes the places from
+// PUBSUB_STATE_DIR and PUBSUB_CA_FILE.
 #pragma once
 
 #include <string>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The QP calls: handles, which buffer writes over the store of their application.
 //
-// A handle holds nothing but its buffer; the store behind it belongs to the process and outlives every
-// handle.
+// A handle holds nothing but its buffer; the store behind it belongs to the process and
+// outlives every handle.
 #include "platform/prefs/qp.h"
 
 #include <cstring>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The preferences store (QP): durable key-value stores, one for each application id.
 //
-// A handle is a buffer of writes over what is stored; freeing it with commit makes them durable in one
-// transaction, freeing it without drops them. Results are 0 or one of QPResult. Copies are the caller's:
-// free().
+// A handle is a buffer of writes over what is stored; freeing it with commit makes them durable
+// in one transaction, freeing it without drops them. Results are 0 or one of QPResult. Copies are
+// the caller's: free().
 #pragma once
 
 #include <json-c/json.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Moving a damaged database out of the way. The numbers only rise, so that no earlier damaged file is
-// overwritten.
+// Moving a damaged database out of the way. The numbers only rise, so that no earlier damaged
+// file is overwritten.
 #include "platform/prefs/setaside.h"
 
 #include <fcntl.h>
@@ -22,7 +22,7 @@ bool renameToFree(const std::string& from, const std::string& to) {
     return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
 }
 
-// Some file systems know no RENAME_NOREPLACE: there a look before the rename has to do.
+// Some file systems do not support RENAME_NOREPLACE: there a check before the rename has to suffice.
 bool renameAside(const std::string& from, const std::string& to) {
     if (exists(to) || exists(to + "-wal")) {
         errno = EEXIST;
@@ -45,7 +45,8 @@ std::string setDamagedFileAside(const std::string& appId, const std::string& fil
         }
         aside = file + ".damaged-" + std::to_string(++number);
     }
-    // The log belongs to the damaged file, and would spoil the fresh one. The index is rebuilt from it.
+    // The write-ahead log belongs to the damaged file and would damage the new one. The index is
+    // rebuilt from it.
     rename((file + "-wal").c_str(), (aside + "-wal").c_str());
     unlink((file + "-shm").c_str());
     PrvPrintErr({}, "Preferences of %s: the file was damaged and begins anew. The old one is kept as %s",

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The store of one application over SQLite.
 //
-// The connection stays open over commits, so a commit costs one data sync and no opening. A connection whose
-// transaction cannot be ended, or whose file turns out damaged, is closed; the next use opens and checks it
-// anew.
+// The connection stays open over commits, so a commit costs one data sync and no opening. A connection
+// whose transaction cannot be ended, or whose file turns out damaged, is closed; the next use opens and
+// checks it again.
 #include "platform/prefs/store.h"
 
 #include <fcntl.h>
@@ -78,7 +78,7 @@ int toResult(int result) {
             return QP_BUSY;
         case SQLITE_CORRUPT:
         case SQLITE_NOTADB:
-        case SQLITE_ERROR:  // our own statements are right: the file has other tables than ours
+        case SQLITE_ERROR:  // the statements are correct, so the file has other tables
             return QP_CORRUPT;
         case SQLITE_TOOBIG:
             return QP_BAD_ARGUMENT;
@@ -190,8 +190,8 @@ int PrefsStore::tryOpen() {
     return failed;
 }
 
-// Made here rather than by SQLite so that nobody else can read it; SQLite gives the -wal and -shm files its
-// mode.
+// Made here rather than by SQLite so that nobody else can read it; SQLite gives the -wal and -shm
+// files its mode.
 int PrefsStore::createFile() {
     int descriptor = ::open(m_file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (descriptor < 0 && errno == ENOENT) {

@@ -24,14 +24,14 @@ class PrefsStore {
     PrefsStore(const PrefsStore&) = delete;
     PrefsStore& operator=(const PrefsStore&) = delete;
 
-    // Opens the database unless it is open; a damaged one is set aside and a fresh one made.
+    // Opens the database unless it is open; a damaged one is set aside and a new one created.
     int open();
-    // QP_NOT_FOUND when the key is not there.
+    // QP_NOT_FOUND when there is no such key.
     int read(const std::string& key, std::string& value);
     int readKeys(std::set<std::string>& keys);
-    // Writes all of it or nothing. What equals the stored value is left alone and costs no sync.
+    // Writes all of it or nothing. Values that equal the stored ones are not written and cost no sync.
     int commit(const PrefsWrites& writes);
-    // The next use opens the database anew.
+    // The next use opens the database again.
     void close();
 
   private:
@@ -61,10 +61,10 @@ class PrefsStore {
 bool isPrefsAppId(const char* appId);
 // ZELT_PREFS_DIR, or /var/lib/zelt/prefs.
 std::string prefsFolder();
-// Makes the folder, for its owner alone, and what is missing above it. What cannot be made shows when a file
-// in it cannot be opened.
+// Makes the folder, for its owner alone, and what is missing above it. A failure shows when a file in it
+// cannot be opened.
 void makePrefsFolder(const std::string& folder);
 // The store of an application, made at its first use and kept for the process.
 PrefsStore& prefsStoreOf(const std::string& appId);
-// Closes every database, as the end of the process does. Handles stay good: their next use opens it anew.
+// Closes every database, as the end of the process does. Handles stay valid: their next use opens it again.
 void closePrefsStores();
