@@ -44,7 +44,7 @@ bool startBus(Bus& bus, BusError& error, CallSite site) {
     }
     if (!QSRegisterZeltService(kServiceName, &bus.service, error))
         return failed("Register of com.zelt.pubsubservice failed %s\n", error, site);
-    if (!QSZeltServiceRegisterCategory(bus.service, "/", pubMethods, methods, nullptr, nullptr, error))
+    if (!QSZeltServiceRegisterCategory(bus.service, "/", pubMethods, methods, nullptr, error))
         return failed("Registering of category for pubsub service failed %s\n", error, site);
     if (!QSGmainAttachZeltService(bus.service, gpMainLoop, error))
         return failed("Attaching to mainloop failed %s\n", error, site);

@@ -165,7 +165,7 @@ bool QSRegisterZeltService(const char* name, QSZeltService** service, QSError* e
 
 bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category,
                                    const QSMethod* publicMethods, const QSMethod* privateMethods,
-                                   const QSSignal*, void* context, QSError* error) {
+                                   void* context, QSError* error) {
     if (faultInjected("QSZeltServiceRegisterCategory", error))
         return false;
     return addMethods(service->privateHandle, category, publicMethods, context) &&

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Several answers on one request: the first is the method return, the later ones are signals to the caller
-// alone, named by the serial of the call. An answer that could not be sent does not count. No state of its
-// own.
+// Several answers on one request: the first is the method return, the later ones are signals to the
+// caller alone, named by the serial of the call. An answer that could not be sent does not count. No
+// state of its own.
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -65,7 +65,7 @@ bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
     if (result < 0)
         return busFailErrno(error, result,
                             "Sending an answer to the client " + message->peer->name + " failed");
-    // Nobody is sent what was said to be unwanted.
+    // A client that has cancelled gets nothing more.
     if (!message->unanswered || message->wantsReply)
         busCountSent(*message->peer, size);
     countAnswered(message);
@@ -95,7 +95,7 @@ void busCloseRequest(QSMessage* request) {
 }
 
 bool QSMessageReply(QSHandle*, QSMessage* message, const char* payload, QSError* error) {
-    // The message knows the connection that it came in by; the handle stands in the call for its readers.
+    // The message knows its own connection; the handle is only part of the interface.
     return busAnswer(message, payload, error);
 }
 

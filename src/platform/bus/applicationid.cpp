@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reading an application id out of control groups, labels, user tables and environments. No state. The
-// outermost unit of a control group path counts: what lies below it is at the disposal of the process itself.
+// Reading an application id from control groups, labels, user tables and environments. No state. The
+// outermost unit of a control group path counts: the process itself can create what is below it.
 #include "platform/bus/applicationid.h"
 
 #include <optional>
@@ -73,8 +73,8 @@ bool isUserManager(std::string_view component) {
     return component.starts_with("user@") && component.ends_with(".service");
 }
 
-// The control group path that the service manager keeps: the unified one, else the named one of older
-// kernels.
+// The control group path that the service manager keeps: the unified one, else the named one
+// of older kernels.
 std::string_view managerPath(std::string_view text) {
     std::string_view named;
     for (const std::string_view line : split(text, '\n')) {

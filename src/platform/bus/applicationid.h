@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reading an application id out of what the system says about a process. Pure functions: the reading of the
+// Reading an application id from what the system reports about a process. Pure functions: the reading of the
 // system itself is in identity.cpp.
 #pragma once
 
@@ -14,15 +14,14 @@ struct AppUnit {
 };
 
 // The id in a unit name app[-launcher]-ID-RANDOM.scope or app[-launcher]-ID@RANDOM.service, \x escapes
-// resolved;
-// "" for any other name.
+// resolved; "" for any other name.
 std::string applicationIdOfUnit(std::string_view unit);
 // Reads the text of /proc/PID/cgroup.
 AppUnit appUnitOfCgroup(std::string_view text);
 // The value of `key` in the text of /proc/PID/environ; "" when it is not there.
 std::string environmentValue(std::string_view environment, std::string_view key);
-// The id of a security label "PREFIX" + ID, a confinement mode in brackets behind it left out; "" for another
-// label.
+// The id of a security label "PREFIX" + ID, a confinement mode in brackets behind it left out; ""
+// for another label.
 std::string applicationIdOfLabel(std::string_view label, std::string_view prefix);
 // The id that a table of lines "UID ID" gives to a user; "" when it has none. "#" begins a comment.
 std::string applicationIdOfUser(std::string_view table, unsigned user);

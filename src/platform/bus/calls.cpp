@@ -20,11 +20,10 @@ namespace {
 constexpr uint64_t kNoTimeout = std::numeric_limits<uint64_t>::max();
 
 std::string errorPayload(const sd_bus_error* error) {
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "returnValue", json_object_new_boolean(0));
-    json_object_object_add(object.get(), "errorCode", json_object_new_int(-1));
-    json_object_object_add(object.get(), "errorText",
-                           json_object_new_string(error->message ? error->message : error->name));
+    JsonObject object;
+    object.set("returnValue", false)
+        .set("errorCode", -1)
+        .set("errorText", error->message ? error->message : error->name);
     return json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
 }
 
@@ -36,13 +35,13 @@ void endSubscribedCall(QSHandle* handle, QSToken token, const char* reason) {
     Call& call = *node.mapped();
     call.callback = call.ended;
     call.context = call.endedContext;
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "reason", json_object_new_string(reason));
+    JsonObject object;
+    object.set("reason", reason);
     busTell(call, nullptr, json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN), "");
 }
 
-// A later answer or the end of a subscription, named by the serial of our call and counted only from its
-// server.
+// A later answer or the end of a subscription, named by the serial of our call and counted only
+// from its server.
 int onSubscriptionSignal(sd_bus_message* signal, void* data, sd_bus_error*) {
     auto* handle = static_cast<QSHandle*>(data);
     if (!sd_bus_message_is_signal(signal, kSubscriptionInterface, nullptr))

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Method tables on the bus and the way in for requests: read, bound, identify the caller, hand to the
-// handler. The layer keeps the tables as long as the connection; a method that is in no table is answered by
-// sd-bus as unknown.
+// Method tables on the bus and the path of incoming requests: read, check the bounds, identify the
+// caller, call the handler. The tables live as long as the connection; sd-bus answers a method that is in
+// no table as unknown.
 #include "platform/bus/category.h"
 
 #include <algorithm>
@@ -16,14 +16,14 @@ namespace {
 
 constexpr size_t kLongestPublicPayload = 4 * 1024;
 constexpr size_t kMostWaiting = 128;
-// Bytes of its requests that a client may have waiting: the more its user has, the less.
+// Bytes of requests that a client may have waiting: the more its user has, the fewer.
 constexpr size_t kLeastKept = 16 * 1024;
 constexpr size_t kMostKept = 1024 * 1024;
 constexpr size_t kClientsOfARoom = 16;
-// Requests that wait for word that their client reads.
+// Requests that wait until their client is known to read.
 constexpr size_t kMostHeld = 8;
 
-// Always 1, "handled": a failure to send it ends nothing but this call.
+// Always 1, "handled": a failure to send it affects only this call.
 int refuse(Peer* peer, sd_bus_message* wire, const char* name, const std::string& text) {
     if (peer && !busMaySend(*peer, kMessageOverhead + text.size()))
         return 1;
@@ -38,12 +38,12 @@ bool mayKeep(const Peer& peer, const char* payload) {
     return peer.kept + busRequestSize(payload) <= limit;
 }
 
-// Those that are subscribed have a bound of their own.
+// Subscribed requests have a separate bound.
 size_t waitingOf(const Peer& peer) {
     return peer.requests - peer.subscribed.size();
 }
 
-// The texts go to the author of the client. True when the request is refused.
+// The texts are meant for the author of the client. True when the request is refused.
 bool refuseBeyondBounds(sd_bus_message* wire, const char* payload, Peer& peer) {
     const size_t length = std::strlen(payload);
     if (length > kLongestPublicPayload) {
@@ -67,7 +67,7 @@ bool refuseBeyondBounds(sd_bus_message* wire, const char* payload, Peer& peer) {
     return false;
 }
 
-// A client that does not read gets nothing more, and a few requests wait for word that it reads again.
+// A client that does not read gets no more answers; a few of its requests wait until it reads again.
 bool isDropped(Peer& peer) {
     return !busMaySend(peer, kMessageOverhead) && !(busAskWhatWasRead(peer) && peer.held.size() < kMostHeld);
 }
@@ -85,8 +85,8 @@ int onRequest(sd_bus_message* wire, void* data, sd_bus_error*) {
     if (sd_bus_message_read(wire, "s", &payload) < 0)
         return refuse(
             peer.get(), wire, kErrorInvalidText,
-            "The payload holds a code point that the bus does not bear, such as U+FFFE or U+FDD0. Write "
-            "it as a JSON \\u escape");
+            "The payload contains a character that D-Bus strings cannot carry, such as U+FFFE or U+FDD0. "
+            "Write it as a JSON \\u escape");
     if (busIsPublic(handle) && refuseBeyondBounds(wire, payload, *peer))
         return 1;
     QSMessage* request = busNewRequest(handle, wire, payload, peer, method);
@@ -104,7 +104,7 @@ int onCancel(sd_bus_message* wire, void* data, sd_bus_error*) {
     if (sd_bus_message_read(wire, "u", &serial) < 0 || !sender)
         return refuse(nullptr, wire, SD_BUS_ERROR_INVALID_ARGS,
                       "Cancel takes the serial of the call, an unsigned number");
-    // What the answer takes was counted when the call came.
+    // The size of the answer was counted when the call came.
     const bool found = busCancelSerial(category->handle, sender, serial);
     sd_bus_reply_method_return(wire, "b", static_cast<int>(found));
     return 1;
@@ -133,8 +133,6 @@ void buildTable(Category& category) {
         category.table.push_back(SD_BUS_METHOD_WITH_NAMES_OFFSET(
             category.methods[i].name.c_str(), "s", SD_BUS_PARAM(request), "s", SD_BUS_PARAM(reply), onRequest,
             i * sizeof(Method), SD_BUS_VTABLE_UNPRIVILEGED));
-    for (const std::string& signal : category.signals)
-        category.table.push_back(SD_BUS_SIGNAL_WITH_NAMES(signal.c_str(), "s", SD_BUS_PARAM(payload), 0));
     category.table.push_back(SD_BUS_VTABLE_END);
 }
 
@@ -153,22 +151,20 @@ int publish(Category& category) {
 }  // namespace
 
 bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<MethodTable> tables,
-                    const QSSignal* signals, void* context, QSError* error) {
+                    void* context, QSError* error) {
     if (!busIsOpen(handle, error))
         return false;
     if (handle->name.empty())
         return busFail(error, -EINVAL, "A connection without a service name has no methods");
     if (!path || sd_bus_object_path_is_valid(path) <= 0)
         return busFail(error, -EINVAL,
-                       std::string("\"") + (path ? path : "") + "\" is no category; write /NAME");
+                       std::string("\"") + (path ? path : "") + "\" is not a category; write /NAME");
     auto category = std::make_unique<Category>();
     category->handle = handle;
     category->path = path;
     category->context = context;
     for (const MethodTable& table : tables)
         addMethods(*category, table);
-    for (; signals && signals->name; signals++)
-        category->signals.emplace_back(signals->name);
     buildTable(*category);
     const int result = publish(*category);
     if (result < 0)
@@ -179,6 +175,5 @@ bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<Me
 
 bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* methods, void* context,
                         QSError* error) {
-    return busAddCategory(handle, category, {{methods, handle && busIsPublic(handle)}}, nullptr, context,
-                          error);
+    return busAddCategory(handle, category, {{methods, handle && busIsPublic(handle)}}, context, error);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A category of a service: an object of the bus whose interface is the service's name and whose methods are a
-// table.
+// A category of a service: an object of the bus whose interface is the service's name and whose methods
+// are a table.
 #pragma once
 
 #include <initializer_list>
@@ -27,13 +27,12 @@ struct Category {
     std::string path;
     void* context;
     std::vector<Method> methods;
-    std::vector<std::string> signals;
     std::vector<sd_bus_vtable> table;
     // Last, so that the registrations end before the tables that sd-bus reads at their end.
     Slot object;
     Slot subscriptionObject;
 };
 
-// Of two methods of one name in `tables` the first counts.
+// Of two methods with the same name in `tables` the first one is used.
 bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<MethodTable> tables,
-                    const QSSignal* signals, void* context, QSError* error);
+                    void* context, QSError* error);

@@ -19,7 +19,7 @@ namespace {
 
 constexpr uint64_t kDaemonDeadline = 2'000'000;  // microseconds
 
-constexpr size_t kMostLogBudgets = 256;  // beyond it those of quiet users go
+constexpr size_t kMostLogBudgets = 256;  // beyond it those of inactive users are dropped
 
 const char* addressVariable(QSBus side) {
     return side == QSBus::Public ? "ZELT_PUBLIC_BUS" : "ZELT_PRIVATE_BUS";
@@ -41,17 +41,16 @@ int connectBus(QSHandle* handle, const std::string& where) {
         result = sd_bus_set_address(handle->bus, where.c_str());
     if (result >= 0)
         result = sd_bus_set_bus_client(handle->bus, 1);
-    // No method takes a descriptor; refusing them keeps clients from filling our table.
+    // No method takes a file descriptor; refusing them keeps clients from filling the table.
     if (result >= 0)
         result = sd_bus_negotiate_fds(handle->bus, 0);
-    // How long an answer of the daemon itself is awaited before it counts as lost; calls to services have no
-    // limit.
+    // The time limit for answers of the daemon itself; calls to services have none.
     if (result >= 0)
         result = sd_bus_set_method_call_timeout(handle->bus, kDaemonDeadline);
     if (result >= 0)
         result = sd_bus_start(handle->bus);
-    // Waits for the daemon's greeting, so that an unreachable bus is an error here and not a lost connection
-    // later.
+    // Waits for the daemon's greeting, so that an unreachable bus is an error here and not a
+    // lost connection later.
     const char* uniqueName = nullptr;
     if (result >= 0)
         result = sd_bus_get_unique_name(handle->bus, &uniqueName);
@@ -118,7 +117,7 @@ bool busIsOpen(const QSHandle* handle, QSError* error) {
 
 LogBudget& busLogBudget(QSHandle* handle, unsigned user) {
     const int64_t now = g_get_monotonic_time();
-    // Not while one of them pays.
+    // Not while one of them is in use.
     if (handle->logBudgets.size() > kMostLogBudgets && !LogPayer::pays())
         std::erase_if(handle->logBudgets, [&](const auto& entry) { return entry.second.isFull(now); });
     return handle->logBudgets[user];
@@ -135,7 +134,7 @@ void busRelease(QSHandle* handle) {
 
 bool QSRegister(QSBus bus, const char* name, QSHandle** handle, QSError* error) {
     if (!handle)
-        return busFail(error, -EINVAL, "There is no place for the bus handle");
+        return busFail(error, -EINVAL, "The pointer for the bus handle is null");
     *handle = busOpen(bus, name, error);
     return *handle != nullptr;
 }
@@ -144,7 +143,7 @@ bool QSUnregister(QSHandle* handle, QSError* error) {
     if (!busIsOpen(handle, error))
         return false;
     busDetach(handle);
-    // While the connection still stands, waiting callers are told that no answer follows.
+    // While the connection is still open, waiting callers are told that no answer follows.
     busDropAllSubscriptions(handle);
     busDropAllPeers(handle);
     busEndDoubt(handle);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The bus daemon as a peer: its address, and what counts as its own word.
+// The bus daemon as a peer: its address, and which messages are its own.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -7,8 +7,8 @@
 inline constexpr char kBusDaemon[] = "org.freedesktop.DBus";
 inline constexpr char kBusDaemonPath[] = "/org/freedesktop/DBus";
 
-// A match rule decides what a daemon sends to all. A signal that somebody addresses to this connection alone
-// passes it, whatever its sender; the sender is the daemon's own entry and cannot be chosen.
+// A match rule selects broadcasts. A signal that a client addresses to this connection arrives without one,
+// whatever its content; the sender is set by the daemon and cannot be forged.
 bool busIsFromDaemon(sd_bus_message* message);
 
 struct OwnerChange {
@@ -17,5 +17,5 @@ struct OwnerChange {
     const char* after = "";
 };
 
-// Reads a NameOwnerChanged; false for one that is not the daemon's.
+// Reads a NameOwnerChanged; false for one that the daemon did not send.
 bool busReadOwnerChange(sd_bus_message* signal, OwnerChange& change);

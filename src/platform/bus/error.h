@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Filling the error record of a bus call, and the names of the D-Bus errors that the layer itself answers
-// with.
+// Filling the error record of a bus call, and the names of the D-Bus errors that the layer itself sends.
 #pragma once
 
 #include <string>
@@ -13,5 +12,5 @@ inline constexpr char kErrorInvalidText[] = "com.zelt.Error.InvalidText";
 
 // Fills the record, which may be null, over whatever it held; always false. `code` is a negative errno.
 bool busFail(QSError* error, int code, const std::string& message);
-// The same with the system's words for the code: "WHAT: Connection refused".
+// The same with the system's text for the code: "WHAT: Connection refused".
 bool busFailErrno(QSError* error, int code, const std::string& what);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Who a client is. The credentials come from the bus daemon, which had them from the kernel when the client
-// connected; nothing that a client says about itself counts. The installation's choices are read from the
+// Who a client is. The credentials come from the bus daemon, which got them from the kernel when the client
+// connected; what a client says about itself does not count. The installation's choices are read from the
 // environment for each new client. No state.
 #include "platform/bus/identity.h"
 
@@ -55,8 +55,8 @@ bool isProcessOf(const std::string& mark, unsigned user) {
     return user == kUnknownUser || mark.ends_with(' ' + std::to_string(user));
 }
 
-// What is read from the process that has the id now counts only when it is the same process before and after,
-// and one of the user that connected.
+// What is read from the process with this id counts only when it is the same process before and after the
+// reading, and belongs to the user that connected.
 std::string ofOneProcess(const BusCredentials& who, std::string (*rule)(const BusCredentials&)) {
     const std::string before = busProcessMark(who.pid);
     if (before.empty() || !isProcessOf(before, who.user))
@@ -65,8 +65,8 @@ std::string ofOneProcess(const BusCredentials& who, std::string (*rule)(const Bu
     return !id.empty() && busProcessMark(who.pid) == before ? id : std::string();
 }
 
-// Only root can have made a group that root owns: below a group that was handed to a user, the user owns what
-// he makes. A group that is not found where one of the usual layouts keeps it is not trusted.
+// Only root can have made a group that root owns: below a group that was delegated to a user, the user owns
+// new groups. A group that is not found in one of the usual layouts is not trusted.
 bool isGroupOfRoot(const std::string& cgroup) {
     for (const char* root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified", "/sys/fs/cgroup/systemd"}) {
         struct stat info;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What is known about the other services of the platform, so that a call to one that cannot answer is refused
-// at once and the caller's own failure path runs. Names outside the platform's namespace are known only while
-// a server-status watch follows them. In memory, with the connection.
+// What is known about the other services of the platform, so that a call to one that cannot answer fails
+// immediately and the caller's error handling runs. Names outside the platform's namespace are known only
+// while a server-status watch follows them. In memory, with the connection.
 #include "platform/bus/knownnames.h"
 
 #include "platform/bus/connection.h"
@@ -37,7 +37,7 @@ bool readNames(sd_bus_message* reply, Each each) {
 void KnownNames::start(QSHandle* handle) {
     m_handle = handle;
     sd_bus* bus = handle->bus;
-    // The watch first: what changes while the list is under way is then seen.
+    // The watch first, so that changes are not missed while the list is queried.
     if (sd_bus_add_match_async(bus, Receive(m_changes), kPlatformRule, onChanged, onInstalled, this) < 0 ||
         askDaemon(bus, m_ownedQuery, "ListNames", onOwned, this) < 0 ||
         askDaemon(bus, m_startableQuery, "ListActivatableNames", onStartable, this) < 0)

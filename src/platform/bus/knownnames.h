@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What a service's private connection knows about the other services: which are there and which the daemon
-// can start. Asked for once when the connection opens and followed from then on, always asynchronously.
+// What a service's private connection knows about the other services: which are running and which the
+// daemon can start. Queried when the connection opens and followed from then on, always asynchronously.
 #pragma once
 
 #include <map>
@@ -15,11 +15,11 @@ class KnownNames {
     // Follows the platform's names; `handle` owns this object.
     void start(QSHandle* handle);
     void stop();
-    // A server-status watch has seen this name there or not there.
+    // A server-status watch reports that this name has an owner or not.
     void note(const std::string& name, bool there);
-    // True when the name is known to be neither there nor startable; false while nothing is known.
+    // True when the name is known to be neither owned nor startable; false while nothing is known.
     bool isDown(const std::string& name) const;
-    // Asks again for the names that the daemon can start: one may have been installed since.
+    // Queries the startable names again: a service may have been installed since.
     void refreshStartable();
 
   private:

@@ -15,7 +15,7 @@
 
 namespace {
 
-// The message as it came, what the layer and what the service note about it.
+// The message itself, and what the layer and the service store about it.
 constexpr size_t kRequestOverhead = 2048;
 
 }  // namespace

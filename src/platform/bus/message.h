@@ -45,8 +45,8 @@ QSMessage* busNewRequest(QSHandle* handle, sd_bus_message* wire, const char* pay
                          const std::shared_ptr<Peer>& peer, const Method* target);
 // Hands a request to its handler and gives the reference back.
 void busDispatch(QSMessage* request);
-// Drops the message that a request came in once its method return was given: what is kept needs the texts
-// alone.
+// Drops the message that a request came in once its method return was given: what is kept needs
+// the texts alone.
 void busForgetWire(QSMessage* request);
 // A message to a callback of ours: `wire` may be null, and then `payload` is copied.
 QSMessage* busNewReply(QSHandle* handle, sd_bus_message* wire, const char* payload,

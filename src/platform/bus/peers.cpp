@@ -210,8 +210,8 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
     return 0;
 }
 
-// Asks to be told of the client's death. A rule whose confirmation was lost may stand; it is taken back
-// first.
+// Asks to be told of the client's death. A rule whose confirmation was lost may stand; it is
+// taken back first.
 bool watch(Peer& peer) {
     QSHandle* handle = peer.handle;
     if (handle->sharedWatch.state == SharedWatch::State::None && handle->peers.size() >= kMostWatchedAlone &&

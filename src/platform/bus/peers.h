@@ -50,6 +50,6 @@ void busHandOnHeld(Peer& peer);
 bool busCancelSerial(QSHandle* handle, const char* sender, uint32_t serial);
 // A request of the entry ends. An entry whose client's death nobody would report goes with its last request.
 void busForgetRequest(QSMessage* request);
-// At the end of the connection: held requests are closed, entries are left to the messages that still need
-// them.
+// At the end of the connection: held requests are closed, entries are left to the messages that
+// still need them.
 void busDropAllPeers(QSHandle* handle);

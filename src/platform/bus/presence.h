@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Whether the clients that are known are still there. The daemon reports each death by a signal, but drops
-// what it sends to a connection whose inbox is full, signals and answers alike. When that may have happened
-// it is asked for the names that exist; until it has answered, whoever must be sure asks by a connection of
-// its own.
+// what it sends to a connection whose inbox is full, signals and answers alike. When that may have
+// happened it is asked for the names that exist; until it has answered, whoever must be sure asks by a
+// connection of its own.
 #pragma once
 
 #include "platform/bus/connection.h"

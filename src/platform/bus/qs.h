@@ -16,24 +16,20 @@ struct QSSubscriptionIter;  // an acquired subscription list
 
 using QSToken = unsigned long;  // names a placed call; 0 names none
 
-// An error record: initialise once, free after each use. Freeing an empty record is harmless.
+// An error record: initialise once, free after each use. Freeing an empty record does nothing.
 struct QSError {
     int code;       // negative errno
     char* message;  // what was wrong, owned by the record; null when there is no error
 };
 
-// Method handler, reply callback and cancel function alike. The message is borrowed: take a reference to keep
-// it.
+// Method handler, reply callback and cancel function alike. The message is borrowed: take a reference
+// to keep it.
 using QSFilter = bool (*)(QSHandle* handle, QSMessage* message, void* context);
 
 struct QSMethod {
     const char* name = nullptr;  // null ends a table
     QSFilter handler = nullptr;
     unsigned flags = 0;
-};
-
-struct QSSignal {
-    const char* name;  // null ends a table
 };
 
 bool QSErrorInit(QSError* error);
@@ -46,20 +42,19 @@ bool QSRegisterZeltService(const char* name, QSZeltService** service, QSError* e
 // Public methods are served on both connections, private ones on the private connection only.
 bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category,
                                    const QSMethod* publicMethods, const QSMethod* privateMethods,
-                                   const QSSignal* signals, void* context, QSError* error);
-// One source a connection. A connection that is lost afterwards quits the loop.
+                                   void* context, QSError* error);
+// One source per connection. A connection that is lost afterwards quits the loop.
 bool QSGmainAttachZeltService(QSZeltService* service, GMainLoop* loop, QSError* error);
 QSHandle* QSZeltServiceGetPrivateConnection(QSZeltService* service);
 QSHandle* QSZeltServiceGetPublicConnection(QSZeltService* service);
-// Handles, once, what both connections have received by now, within a bound; never waits. Inside a bus
-// callback it does nothing.
+// Handles once what both connections have received, within a bound; never waits. Inside a bus callback
+// it does nothing.
 void QSZeltServiceReadReceived(QSZeltService* service);
 // Releases the name and closes the connection; subscribers are told that no answer follows, the cancel
 // function does not run. Messages that are still kept may be released later, at process exit too.
 bool QSUnregister(QSHandle* handle, QSError* error);
 
-// A connection of its own on one bus, for clients and for services that live on one bus alone (name null:
-// none).
+// A connection to one bus, for clients (name null) and for services on one bus only.
 enum class QSBus { Private, Public };
 bool QSRegister(QSBus bus, const char* name, QSHandle** handle, QSError* error);
 bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* methods, void* context,
@@ -68,20 +63,19 @@ bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error);
 
 // Calls zelt://SERVICE/CATEGORY.../METHOD (quor:// is the same). Without a callback no reply is asked for.
 // With one it is called for the reply, without a time limit, and when the payload asks to "subscribe" for
-// every later answer. Refused at once: an address that D-Bus does not bear, a payload that is not UTF-8, a
+// every later answer. Refused at once: an address that is not valid on D-Bus, a payload that is not UTF-8, a
 // service that is known to be neither there nor startable. zelt://com.zelt.bus/signal/registerServerStatus
 // with {"serviceName":NAME} reports {"connected":true|false}.
 bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter callback, void* context,
             QSToken* token, QSError* error);
 // Forgets a call; a subscription of it ends at the service too.
 bool QSCallCancel(QSHandle* handle, QSToken token, QSError* error);
-// Has `ended` called once when no answer follows to an answered call that subscribed, with {"reason":TEXT}:
-// `released` or `cancelled` by the service's word, `gone` when it left the bus. A bus error in place of the
-// reply ends a call without it, and so does QSCallCancel.
+// Sets a function that is called once when an answered call that subscribed gets no more answers, with
+// {"reason":TEXT}: `released` or `cancelled` as the service says, `gone` when it left the bus. It is not
+// called for a call that ends with a bus error instead of a reply or with QSCallCancel.
 bool QSCallSetEndFunction(QSHandle* handle, QSToken token, QSFilter ended, void* context, QSError* error);
 
-// The texts of a request stay where they are until its handler returns, and after that until its first
-// answer.
+// The texts of a request stay valid until its handler returns, and after that until its first answer.
 const char* QSMessageGetPayload(QSMessage* message);
 const char* QSMessageGetMethod(QSMessage* message);
 const char* QSMessageGetCategory(QSMessage* message);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A service that stands under one name on both buses. It keeps the two connections; its tables are the
-// categories'.
+// A service that stands under one name on both buses. It keeps the two connections; its tables
+// are the categories'.
 #include <cerrno>
 
 #include "platform/bus/category.h"
@@ -30,12 +30,12 @@ bool QSRegisterZeltService(const char* name, QSZeltService** service, QSError* e
 
 bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category,
                                    const QSMethod* publicMethods, const QSMethod* privateMethods,
-                                   const QSSignal* signals, void* context, QSError* error) {
+                                   void* context, QSError* error) {
     if (!service)
         return busFail(error, -EINVAL, "There is no service; register it first");
     return busAddCategory(service->privateHandle, category, {{publicMethods, true}, {privateMethods, false}},
-                          signals, context, error) &&
-           busAddCategory(service->publicHandle, category, {{publicMethods, true}}, signals, context, error);
+                          context, error) &&
+           busAddCategory(service->publicHandle, category, {{publicMethods, true}}, context, error);
 }
 
 bool QSGmainAttachZeltService(QSZeltService* service, GMainLoop* loop, QSError* error) {

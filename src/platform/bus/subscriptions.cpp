@@ -31,8 +31,8 @@ std::string methodKey(const std::string& category, const std::string& method) {
     return category + " " + method;
 }
 
-// Takes the member out of the list and the list out of its table when it was the last; gives no reference
-// back.
+// Takes the member out of the list and the list out of its table when it was the last; gives
+// no reference back.
 void takeOut(SubscriptionList& list, QSMessage* request) {
     std::erase(list.members, request);
     if (list.members.empty())

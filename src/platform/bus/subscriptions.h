@@ -21,8 +21,8 @@ struct SubscriptionList {
 
 // The client has cancelled the call: the request leaves every list, then the cancel function runs.
 void busCancel(QSMessage* request);
-// The client is gone: all its requests leave their lists, then the cancel function runs for each, oldest
-// first.
+// The client is gone: all its requests leave their lists, then the cancel function runs for
+// each, oldest first.
 void busCancelAll(Peer& peer);
 // At the end of the connection: the lists are emptied, the cancel function does not run.
 void busDropAllSubscriptions(QSHandle* handle);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // JSON texts on the wire. D-Bus strings are UTF-8, but the bus library refuses the code points that Unicode
-// calls non-characters (U+FDD0 to U+FDEF and the last two of every plane), which JSON may carry. Inside a
-// JSON string the \u escape means the same, and outside one they are no JSON anyway. No state.
+// calls non-characters (U+FDD0 to U+FDEF and the last two of every plane), which JSON may contain. Inside a
+// JSON string the \u escape means the same, and outside of strings they are not valid JSON anyway. No state.
 #include "platform/bus/text.h"
 
 #include <cerrno>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Lead bytes below this one begin no non-character.
+// Lead bytes below this one do not start a non-character.
 constexpr unsigned char kFirstLeadByte = 0xEF;
 
 bool isAscii(const char* text, size_t length) {
@@ -86,14 +86,14 @@ const char* busWireText(const char* text, std::string& storage, QSError* error) 
     if (isAscii(text, length))
         return text;
     if (!g_utf8_validate(text, static_cast<gssize>(length), nullptr)) {
-        busFail(error, -EILSEQ, "The payload is not UTF-8; the bus carries UTF-8 alone");
+        busFail(error, -EILSEQ, "The payload is not UTF-8; the bus carries only UTF-8");
         return nullptr;
     }
     return escapeNonCharacters(text, storage);
 }
 
 bool busAsksToSubscribe(const char* payload) {
-    // Without the word, and without an escape that might spell it, there is nothing to parse.
+    // Without the word, and without an escape that might stand for it, there is nothing to parse.
     if (!payload || (!std::strstr(payload, "subscribe") && !std::strchr(payload, '\\')))
         return false;
     const JsonRef object = parseJson(payload);

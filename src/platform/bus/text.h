@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// JSON texts on the wire: which code points a D-Bus string bears, and the escapes of those that it does not.
+// JSON texts on the wire: characters that D-Bus strings cannot carry are written as escapes.
 #pragma once
 
 #include <string>
 
 #include "platform/bus/qs.h"
 
-// The longest payload that is sent. Every bus daemon takes it; one that is too long for the daemon would cost
-// the connection.
+// The longest payload that is sent. Every bus daemon accepts it; a daemon closes the connection of a client
+// that sends a longer one.
 inline constexpr size_t kLongestPayload = 16 * 1024 * 1024;
 
 // The form of `text` that goes on the wire: `text` itself, or `storage` when some code points had to be

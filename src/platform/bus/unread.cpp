@@ -28,11 +28,11 @@ constexpr char kPeerInterface[] = "org.freedesktop.DBus.Peer";
 constexpr size_t kLeast = 8 * 1024;
 constexpr size_t kMost = 128 * 1024;
 constexpr size_t kClientsOfARoom = 64;
-// A client with less than this unread gets its next answer as long as there is any room, and a small one
-// always.
+// A client with less than this unread gets its next answer as long as there is any room, and a
+// small one always.
 constexpr size_t kLittle = 1024;
-// Beyond this nobody gets more, but for that small answer. A stock daemon takes 127 MiB from a service, ours
-// 16.
+// Beyond this nobody gets more, but for that small answer. A stock daemon takes 127 MiB from a
+// service, ours 16.
 constexpr size_t kMostOfAll = 12 * 1024 * 1024;
 constexpr size_t kLong = 32 * 1024;
 constexpr size_t kLongOfARoom = 8;

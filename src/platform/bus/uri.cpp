@@ -50,15 +50,16 @@ bool busParseUri(const char* uri, BusAddress& address, QSError* error) {
     address.service = rest.substr(0, first);
     address.path = first == last ? "/" : rest.substr(first, last - first);
     address.method = rest.substr(last + 1);
-    // The service stands as destination and as interface, so it must be a name of both kinds.
+    // The service is used as destination and as interface, so it must be valid as both.
     if (sd_bus_service_name_is_valid(address.service.c_str()) <= 0 ||
         sd_bus_interface_name_is_valid(address.service.c_str()) <= 0)
         return refuse(uri, "names no valid service", error);
-    // A doubled slash before the method leaves "/", which is a path but no category that anybody has written.
+    // A double slash before the method leaves "/", which is a valid path but not a category of the address.
     if (sd_bus_object_path_is_valid(address.path.c_str()) <= 0 || first + 1 == last)
-        return refuse(uri, "has a category that D-Bus does not bear (letters, digits and _ only)", error);
+        return refuse(uri, "has a category that is not valid on D-Bus (letters, digits and _ only)", error);
     if (!isMember(address.method))
-        return refuse(uri, "has a method name that D-Bus does not bear (letters, digits and _ only)", error);
+        return refuse(uri, "has a method name that is not valid on D-Bus (letters, digits and _ only)",
+                      error);
     if (isReserved(address))
         return refuse(uri, "is one that D-Bus reserves", error);
     return true;

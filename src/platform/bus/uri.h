@@ -12,6 +12,6 @@ struct BusAddress {
     std::string method;   // member
 };
 
-// Reads zelt://SERVICE/CATEGORY.../METHOD or quor://...; false, with the reason in `error`, when it is no
-// such address or D-Bus does not bear one of its parts.
+// Reads zelt://SERVICE/CATEGORY.../METHOD or quor://...; false, with the reason in `error`, when it is not
+// such an address or one of its parts is not valid on D-Bus.
 bool busParseUri(const char* uri, BusAddress& address, QSError* error);

@@ -22,8 +22,8 @@ class BusContract : public testing::Test {
 
     void SetUp() override {
         ASSERT_TRUE(QSRegisterZeltService(kServiceName, &m_service, m_error)) << m_error.message();
-        ASSERT_TRUE(QSZeltServiceRegisterCategory(m_service, "/", kPublicMethods, kPrivateMethods, nullptr,
-                                                  this, m_error))
+        ASSERT_TRUE(
+            QSZeltServiceRegisterCategory(m_service, "/", kPublicMethods, kPrivateMethods, this, m_error))
             << m_error.message();
         ASSERT_TRUE(QSGmainAttachZeltService(m_service, m_engine->loop(), m_error)) << m_error.message();
         m_private = QSZeltServiceGetPrivateConnection(m_service);
@@ -101,8 +101,10 @@ class BusContract : public testing::Test {
         return true;
     }
 
-    static constexpr QSMethod kPublicMethods[] = {{"hold", onRequest, 0}, {"follow", onRequest, 0}, {}};
-    static constexpr QSMethod kPrivateMethods[] = {{"secret", onRequest, 0}, {"watch", onRequest, 0}, {}};
+    static constexpr QSMethod kPublicMethods[] = {
+        {.name = "hold", .handler = onRequest}, {.name = "follow", .handler = onRequest}, {}};
+    static constexpr QSMethod kPrivateMethods[] = {
+        {.name = "secret", .handler = onRequest}, {.name = "watch", .handler = onRequest}, {}};
 };
 
 // Cases that must hold alike on both buses.

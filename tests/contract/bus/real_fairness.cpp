@@ -7,6 +7,7 @@
 #include <chrono>
 #include <fstream>
 
+#include "tests/contract/bus/real_echo.h"
 #include "tests/contract/bus/real_fixture.h"
 
 using testing::ElementsAre;
@@ -143,26 +144,6 @@ TEST_F(Fairness, ASubscriberThatDoesNotReadHoldsNobody) {
 
 namespace {
 
-// A service of its own process that does nothing but serve.
-[[noreturn]] void serveForEver() {
-    static const QSMethod methods[] = {{"follow",
-                                        [](QSHandle* handle, QSMessage* message, void*) {
-                                            return QSSubscriptionProcess(handle, message, nullptr, nullptr) &&
-                                                   QSMessageReply(handle, message, "{}", nullptr);
-                                        },
-                                        0},
-                                       {}};
-    BusError error;
-    QSZeltService* service = nullptr;
-    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    if (QSRegisterZeltService(kServiceName, &service, error) &&
-        QSZeltServiceRegisterCategory(service, "/", methods, nullptr, nullptr, nullptr, error) &&
-        QSGmainAttachZeltService(service, loop, error))
-        g_main_loop_run(loop);
-    QSErrorPrint(error, stderr);
-    _exit(1);
-}
-
 std::string statusLine(pid_t pid, const std::string& key) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(status, line);) {
@@ -178,7 +159,7 @@ TEST(Rest, AServiceWithSubscribersDoesNotWake) {
     RealEngine engine;
     OwnedProcess service(fork());
     if (service.pid() == 0)
-        serveForEver();
+        serveEchoes();
     auto client = engine.client(QSBus::Public, "com.example.app");
     std::vector<std::string> answers;
     // The service may not have its name yet: the call is repeated until it has.

@@ -349,12 +349,12 @@ bool keep(QSHandle* handle, QSMessage* message, void* loop) {
 }
 
 [[noreturn]] void exitWithKeptMessages() {
-    static const QSMethod methods[] = {{"hold", keep, 0}, {}};
+    static const QSMethod methods[] = {{.name = "hold", .handler = keep}, {}};
     BusError error;
     QSZeltService* service = nullptr;
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     QSRegisterZeltService(kServiceName, &service, error);
-    QSZeltServiceRegisterCategory(service, "/", methods, nullptr, nullptr, loop, error);
+    QSZeltServiceRegisterCategory(service, "/", methods, nullptr, loop, error);
     QSGmainAttachZeltService(service, loop, error);
     auto answered = [](QSHandle*, QSMessage*, void*) { return true; };
     for (QSBus bus : {QSBus::Private, QSBus::Public}) {

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "tests/contract/bus/real_echo.h"
 #include "tests/contract/bus/real_fixture.h"
 #include "util/log.h"
 
@@ -35,35 +36,6 @@ constexpr const char* kStockLimits = R"(
   <limit name="max_incoming_bytes">133169152</limit>
   <limit name="max_outgoing_bytes">133169152</limit>
   <limit name="max_connections_per_user">256</limit>)";
-
-bool echo(QSHandle* handle, QSMessage* message, void*) {
-    return QSMessageReply(handle, message, QSMessageGetPayload(message), nullptr);
-}
-
-bool answerAtLength(QSHandle* handle, QSMessage* message, void*) {
-    static const std::string text(60000, 'x');
-    return QSMessageReply(handle, message, text.c_str(), nullptr);
-}
-
-bool follow(QSHandle* handle, QSMessage* message, void*) {
-    return QSSubscriptionProcess(handle, message, nullptr, nullptr) &&
-           QSMessageReply(handle, message, "{}", nullptr);
-}
-
-[[noreturn]] void serveEchoes() {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    static const QSMethod methods[] = {
-        {"echo", echo, 0}, {"follow", follow, 0}, {"long", answerAtLength, 0}, {}};
-    BusError error;
-    QSZeltService* service = nullptr;
-    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    if (QSRegisterZeltService(kServiceName, &service, error) &&
-        QSZeltServiceRegisterCategory(service, "/", methods, nullptr, nullptr, nullptr, error) &&
-        QSGmainAttachZeltService(service, loop, error))
-        g_main_loop_run(loop);
-    QSErrorPrint(error, stderr);
-    _exit(1);
-}
 
 long kilobytes(pid_t pid, const std::string& key) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");

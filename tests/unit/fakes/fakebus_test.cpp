@@ -64,8 +64,8 @@ class FakeBusTest : public ::testing::Test {
     static void registerTables() {
         QSZeltService* service = nullptr;
         ASSERT_TRUE(QSRegisterZeltService("com.zelt.pubsubservice", &service, nullptr));
-        ASSERT_TRUE(QSZeltServiceRegisterCategory(service, "/", kPublicMethods, kPrivateMethods, nullptr,
-                                                  nullptr, nullptr));
+        ASSERT_TRUE(
+            QSZeltServiceRegisterCategory(service, "/", kPublicMethods, kPrivateMethods, nullptr, nullptr));
     }
 };
 
