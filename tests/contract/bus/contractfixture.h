@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The service of the bus contract: registered with a public and a private table whose handlers do what the
-// test tells them. Everything ends with the test.
+// The service of the bus contract: registered with a public and a private table whose handlers are set by
+// the test. Everything ends with the test.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -107,7 +107,7 @@ class BusContract : public testing::Test {
         {.name = "secret", .handler = onRequest}, {.name = "watch", .handler = onRequest}, {}};
 };
 
-// Cases that must hold alike on both buses.
+// Cases that must hold on both buses.
 class OnBothBuses : public BusContract, public testing::WithParamInterface<QSBus> {
   protected:
     QSHandle* handle() const { return handleOf(GetParam()); }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the bus contract needs of the world around a service: clients that call it, other services that it
-// calls, and a main loop that is turned until something has happened. The service itself is driven through
-// the QS calls, so one suite runs against the layer on real bus daemons and against the fake that the unit
-// tests link. Nothing survives a test: every engine starts with empty buses.
+// The environment of a service in the bus contract: clients that call it, other services that it calls, and a
+// main loop that is iterated until something has happened. The service itself is driven through the QS calls,
+// so one suite runs against the layer on real bus daemons and against the fake that the unit tests link.
+// Nothing survives a test: every engine starts with empty buses.
 #pragma once
 
 #include <glib.h>
@@ -17,7 +17,7 @@
 // The name under which every test of the contract registers its service.
 inline constexpr const char* kServiceName = "com.zelt.contract";
 
-// One connection of a client. Destroying it is the client's death: its connection closes without a word.
+// One connection of a client. Destroying it closes the connection, as the client's death does.
 class BusClient {
   public:
     virtual ~BusClient() = default;
@@ -28,7 +28,7 @@ class BusClient {
     // The same with the flag "no reply expected".
     virtual size_t callWithoutReply(const std::string& category, const std::string& method,
                                     const std::string& payload) = 0;
-    // Ends the subscription that the call opened; the outcome stands among the answers.
+    // Ends the subscription that the call opened; the outcome is among the answers.
     virtual void cancel(size_t call) = 0;
     // All that came back for the call, in order of arrival:
     //   "reply TEXT"       the method return              "error NAME"    a bus error in its place
@@ -37,7 +37,7 @@ class BusClient {
     virtual std::vector<std::string> answers(size_t call) const = 0;
 };
 
-// A service of another process on the private bus. Destroying it lets the name go.
+// A service of another process on the private bus. Destroying it releases the name.
 class OtherService {
   public:
     virtual ~OtherService() = default;
@@ -47,7 +47,7 @@ class OtherService {
     virtual std::vector<std::string> calls() const = 0;
     virtual void reply(size_t call, const std::string& payload) = 0;
     virtual void refuse(size_t call, const std::string& errorName, const std::string& text) = 0;
-    // A later answer on a call that was replied to, and the word that none follows.
+    // A later answer on a call that was replied to, and the notice that none follows.
     virtual void answer(size_t call, const std::string& payload) = 0;
     virtual void end(size_t call) = 0;
     // The indexes of the calls whose subscription the caller has cancelled.
@@ -58,15 +58,15 @@ class BusEngine {
   public:
     virtual ~BusEngine() = default;
 
-    // The loop that services of this test are attached to; not running, `until` turns it.
+    // The loop that services of this test are attached to; not running, `until` iterates it.
     virtual GMainLoop* loop() = 0;
     // A client on one bus. With an id every message of it reports "ID PID", else "".
     virtual std::unique_ptr<BusClient> client(QSBus bus, const std::string& applicationId = {}) = 0;
     // The name is taken when this returns.
     virtual std::unique_ptr<OtherService> otherService(const std::string& name) = 0;
-    // Turns the loop until the condition holds; false when it does not within five seconds.
+    // Iterates the loop until the condition holds; false when it does not within five seconds.
     virtual bool until(const std::function<bool()>& condition) = 0;
-    // Turns the loop until all that was sent before has been handled by everybody, replies to it included.
+    // Iterates the loop until everything sent so far has been handled, the replies included.
     virtual void settle() = 0;
 };
 

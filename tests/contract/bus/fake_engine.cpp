@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The bus contract on the fake that the unit tests link: what clients do waits until the loop is turned or
+// The bus contract on the fake that the unit tests link: what clients do waits until the loop is iterated or
 // the service reads its connections, as on a real bus.
 #include <string>
 
@@ -131,7 +131,7 @@ class FakeEngine : public BusEngine {
     std::unique_ptr<OtherService> otherService(const std::string& name) override {
         return std::make_unique<FakeOtherService>(name);
     }
-    // Nothing comes from outside: what nobody has done by the end of the queue will not be done.
+    // Nothing comes from outside: what has not happened at the end of the queue will not happen.
     bool until(const std::function<bool()>& condition) override {
         while (!condition())
             if (!fakeBus().readOne())

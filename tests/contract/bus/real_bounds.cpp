@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The bounds of the public bus from inside: what waits for a client that reads later, what kept requests
-// take, and what is written about clients that nobody knows.
+// take, and what is logged about unknown clients.
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,9 +42,10 @@ class ReadsLater : public RealBusTest {
         return found == m_public->peers.end() ? nullptr : found->second.get();
     }
     size_t held() const { return peer() ? peer()->held.size() : 0; }
-    // What was sent last may still be on its way into the socket: until a question finds nothing more read.
+    // What was sent last may still be on its way to the socket: repeats until a query finds
+    // nothing more read.
     bool isFull() const { return held() && peer()->unread.gap > 0; }
-    // Calls without reading the answers, until requests wait for word that the client reads.
+    // Calls without reading the answers, until requests wait because the client does not read.
     void fillUp() {
         call();
         ASSERT_TRUE(m_engine->until([&] { return m_answered.size() == 1; }));
@@ -187,7 +188,7 @@ TEST_F(KeptRequests, BeyondThePartOfTheirUserAreRefused) {
     m_public->kept.add(user, 6 * kMiB);
     auto client = m_engine->client(QSBus::Public);
     EXPECT_EQ(keptOf(*client), 2u);
-    // Another client of this user has its least part, too.
+    // Another client of this user has its minimum share, too.
     EXPECT_EQ(keptOf(*quiet), 2u);
 }
 
@@ -200,7 +201,7 @@ TEST_F(KeptRequests, OfAnotherUserLeaveThisOneItsPart) {
 
 namespace {
 
-// A daemon that tells nobody who a client is.
+// A daemon that does not tell who a client is.
 class TellsNoIdentity : public RealBusTest {
   protected:
     TellsNoIdentity() {

@@ -104,7 +104,7 @@ OwnedProcess startBusDaemon(const std::string& folder, const std::string& name, 
     }
     close(ready[1]);
     OwnedProcess daemon(pid);
-    // The address is printed when the daemon listens; the end of the pipe means that it gave up.
+    // The address is printed when the daemon listens; the end of the pipe means that it failed.
     char byte;
     bool listens = read(ready[0], &byte, 1) == 1;
     close(ready[0]);

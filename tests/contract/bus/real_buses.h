@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Two bus daemons of a test, private and public, in a folder of their own, with the developer's
-// configuration. They are stopped by their process ids and the folder is removed at the end.
+// Two bus daemons of a test, private and public, in their own folder, with the development configuration.
+// They are stopped by their process ids and the folder is removed at the end.
 #pragma once
 
 #include <sys/types.h>
@@ -58,7 +58,7 @@ class RealBuses {
   private:
     OwnedProcess startDaemon(QSBus bus, const std::string& extraConfig);
 
-    TestFolder m_folder;  // first, so that the daemons are stopped before it goes
+    TestFolder m_folder;  // first, so that the daemons are stopped before it is removed
     OwnedProcess m_private;
     OwnedProcess m_public;
 };

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The installed bus configurations, each tried on a daemon of its own: the private bus's file with its socket
-// and its group put in the test's place, the system bus's policy behind the rules that a system bus begins
-// with.
+// The installed bus configurations, each tested with its own daemon: the file of the private bus with the
+// socket and group of the test, the policy of the system bus after the rules that a system bus starts with.
 #include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -41,7 +40,7 @@ int takeOutcome(sd_bus_message* reply, void* outcome, sd_bus_error*) {
     return 0;
 }
 
-// Asks the service for Ping of an interface and turns both sides until there is an outcome.
+// Calls Ping of an interface of the service and iterates both sides until there is an outcome.
 std::string outcomeOf(sd_bus* client, const char* interface) {
     std::string outcome;
     sd_bus_call_method_async(client, nullptr, "com.zelt.pubsubservice", "/", interface, "Ping", takeOutcome,
@@ -92,7 +91,7 @@ TEST(PrivateBusConfiguration, LetsTheGroupServeAndCall) {
     g_main_loop_unref(loop);
 }
 
-// The folder is made here as its tmpfiles line says, but for the names, in the test's own place.
+// The folder is created as its tmpfiles line says, except for the names, in the folder of the test.
 TEST(PrivateBusFolder, IsClosedToStrangers) {
     std::ifstream rules(std::string(TEST_SOURCE_DIR) + "/packaging/tmpfiles/zelt.conf");
     std::string kind, path, group, user;
@@ -119,7 +118,7 @@ TEST(PrivateBusFolder, IsClosedToStrangers) {
     struct stat socketState = {};
     ASSERT_EQ(stat(socketPath.c_str(), &socketState), 0);
     if (getuid() != 0) {
-        // Nobody else can be played: what the mode says has to do.
+        // No other user can be simulated: the mode has to suffice.
         EXPECT_EQ(mode & 07, 0u);
         return;
     }

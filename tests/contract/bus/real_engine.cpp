@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The bus contract's world on real bus daemons. Clients and other services speak plain D-Bus by sd-bus, not
-// by the layer under test, so that the wire contract is checked as a foreign client sees it. A client with an
-// application id connects from a process of its own, whose environment carries the id.
+// The environment of the bus contract on real bus daemons. Clients and other services use plain D-Bus through
+// sd-bus, not the layer under test, so that the wire contract is checked as a foreign client sees it. A
+// client with an application id connects from its own process, whose environment has the id.
 #include "tests/contract/bus/real_engine.h"
 
 #include <sys/prctl.h>
@@ -70,8 +70,8 @@ int receiveDescriptor(int channel) {
     if (connect(connection, reinterpret_cast<sockaddr*>(&where), sizeof where) != 0)
         _exit(1);
     sendDescriptor(channel, connection);
-    // The credentials of a connection are those of the process that connected; its environment is the new
-    // one.
+    // The credentials of a connection are those of the process that connected; its environment is
+    // the new one.
     std::string entry = "ZELT_APP_ID=" + id;
     char* environment[] = {entry.data(), nullptr};
     execle("/bin/sleep", "sleep", "1000", nullptr, environment);
@@ -356,7 +356,7 @@ bool RealEngine::until(const std::function<bool()>& condition) {
 }
 
 void RealEngine::settle() {
-    // Three rounds: a first request of a client, the daemon's word on who it is, and the answer.
+    // Three rounds: a first request of a client, the daemon's answer about its identity, and the reply.
     for (int round = 0; round < 3; round++) {
         int outstanding = 0;
         for (WireConnection* connection : m_connections)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The engine of the bus contract on real daemons, and plain D-Bus connections that are turned with its loop.
-// The tests that need a real bus build on it beyond the contract.
+// The engine of the bus contract on real daemons, and plain D-Bus connections that its loop serves. Tests
+// beyond the contract that need a real bus use it too.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -10,7 +10,7 @@
 
 class RealEngine;
 
-// One connection outside the layer. While it exists the engine turns it.
+// One connection outside the layer. While it exists the engine serves it.
 class WireConnection {
   public:
     WireConnection(RealEngine& engine, QSBus bus, int descriptor = -1);
@@ -21,7 +21,7 @@ class WireConnection {
     sd_bus* bus() const { return m_bus; }
     // Handles what has come; true when there was anything.
     bool turn();
-    // Sends a ping to the service under test; its answer takes one off the count.
+    // Sends a ping to the service under test; its answer decrements the count.
     void ping(int* outstanding);
 
   protected:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What nobody can do to the others on real buses: a flood, a subscriber that does not read, a burst; and that
-// the layer does nothing while nothing happens.
+// One client must not affect others on real buses: a flood, a subscriber that does not read, a burst; and the
+// layer does nothing while nothing happens.
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -169,7 +169,7 @@ TEST(Rest, AServiceWithSubscribersDoesNotWake) {
         answers = client->answers(call);
         return answers == std::vector<std::string>{"reply {}"};
     }));
-    // What the start left to do ends by itself; from the first quiet tenth of a second on nothing may happen.
+    // The work of the start ends by itself; after the first quiet tenth of a second nothing may happen.
     std::string switches;
     ASSERT_TRUE(engine.until([&] {
         std::string before = statusLine(service.pid(), "voluntary_ctxt_switches");

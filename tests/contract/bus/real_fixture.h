@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // What the tests of the layer on real buses share beyond the contract: plain connections that send and count,
-// and sight of the layer's own tables.
+// and access to the tables of the layer.
 #pragma once
 
 #include <poll.h>
@@ -24,7 +24,7 @@ class RealBusTest : public BusContract {
         }
         return count;
     }
-    // Waits, without turning the loop, until the daemon has put something on the connection.
+    // Waits, without iterating the loop, until the daemon has put something on the connection.
     static bool hasInput(QSHandle* handle) {
         pollfd wait = {sd_bus_get_fd(handle->bus), POLLIN, 0};
         return poll(&wait, 1, 5000) == 1;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What comes and goes on real buses leaves nothing behind: clients, requests, connections, the process
-// itself.
+// Clients, requests, connections and the process itself leave nothing behind on real buses.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -124,8 +123,8 @@ TEST_F(Lifetime, ADeathIsSeenAtWhateverMomentItFalls) {
     }
 }
 
-// A service that does not read for a while: the daemon's queue for it is full, and what the daemon has to
-// tell it is dropped.
+// A service that does not read for a while: the daemon's queue for it is full, and notices of the
+// daemon are dropped.
 class FullInbox : public RealBusTest, public testing::WithParamInterface<QSBus> {
   protected:
     QSHandle* handle() const { return handleOf(GetParam()); }
@@ -137,7 +136,7 @@ class FullInbox : public RealBusTest, public testing::WithParamInterface<QSBus> 
         sd_bus_flush(flooder.bus());
         isThere(flooder, "org.freedesktop.DBus");  // the daemon has taken all of it
     }
-    // Asked of the daemon by a connection other than the service's.
+    // Queried from the daemon on a connection other than the service's.
     static bool isThere(WireConnection& observer, const std::string& name) {
         sd_bus_message* reply = nullptr;
         int there = 0;
@@ -200,7 +199,7 @@ TEST_P(FullInbox, AnIdentityWhoseAnswerWasLostIsAskedAgain) {
     client->call("/", "follow", "{}");
     ASSERT_TRUE(hasInput(handle()));
     fill(flooder);
-    // Up to the request of the new client. The questions that follow from it meet the full inbox.
+    // Up to the request of the new client. The queries that follow from it meet the full queue.
     while (handle()->peers.empty())
         ASSERT_TRUE(hasInput(handle()) && busProcess(handle(), 1));
     sd_bus_flush(handle()->bus);
@@ -319,7 +318,7 @@ TEST_P(LostBus, EndsTheMainLoop) {
             return G_SOURCE_CONTINUE;
         },
         &overdue);
-    // The engine's own connections are not turned here, so that theirs does not end anything.
+    // The engine's own connections are not served here, so that they end nothing.
     testing::internal::CaptureStderr();
     g_main_loop_run(m_engine->loop());
     std::string log = testing::internal::GetCapturedStderr();
@@ -336,7 +335,7 @@ TEST_P(LostBus, EndsTheMainLoop) {
 
 namespace {
 
-// As in a service whose tables are static: they are destroyed after main, with the bus long gone.
+// As in a service whose tables are static: they are destroyed after main, when the bus is gone.
 KeptMessage keptAtExit[2];
 QSHandle* exitHandles[3];
 
@@ -364,7 +363,7 @@ bool keep(QSHandle* handle, QSMessage* message, void* loop) {
         QSGmainAttach(client, loop, error);
     }
     g_main_loop_run(loop);
-    // The way out of a service: the private connection is unregistered, the public one is not.
+    // The shutdown of a service: the private connection is unregistered, the public one is not.
     exitHandles[2] = QSZeltServiceGetPublicConnection(service);
     QSUnregister(QSZeltServiceGetPrivateConnection(service), error);
     g_main_loop_unref(loop);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Clients of the public bus that call and do not read the answers, under the limits of a stock system bus and
-// under ours: what they cost the service, the bus daemon and everybody else; and that clients which do read
-// pay nothing for it. The service under test is a process of its own, and so are the hostile clients, under
-// another user where the test may choose one.
+// under the installed ones: their cost for the service, the bus daemon and other clients; clients that read
+// are not affected. The service under test and the hostile clients run in their own processes, the clients as
+// another user where the test can choose one.
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -17,8 +17,8 @@
 #include "util/log.h"
 
 #ifdef __SANITIZE_ADDRESS__
-// What is freed waits here before it is used again, up to 256 MiB by default, and would count as memory that
-// clients make the service take.
+// Freed memory is quarantined, up to 256 MiB by default, and would count as memory that clients make
+// the service use.
 extern "C" const char* __asan_default_options() {
     return "quarantine_size_mb=1";
 }
@@ -29,7 +29,7 @@ namespace {
 constexpr int kHostile = 50;
 constexpr unsigned kNobody = 65534;
 constexpr const char* kEverybody = R"(<policy context="default"><allow user="*"/></policy>)";
-// What dbus-daemon has built in, and what no system bus of a distribution changes.
+// The built-in limits of dbus-daemon, which no distribution changes for its system bus.
 constexpr const char* kStockLimits = R"(
   <limit name="max_replies_per_connection">128</limit>
   <limit name="max_match_rules_per_connection">512</limit>
@@ -45,7 +45,7 @@ long kilobytes(pid_t pid, const std::string& key) {
     return 0;
 }
 
-// A connection of no library: its greeting is read, and nothing after it.
+// A connection that reads its greeting and nothing after it.
 class Deaf {
   public:
     explicit Deaf(const std::string& address) {
@@ -77,8 +77,7 @@ struct Hostile {
     int calls;
 };
 
-// Each of them sends its calls, then all go on at an easy pace, for ever. One byte says that the calls are
-// sent.
+// Each of them sends its calls, then all continue slowly, forever. One byte reports that the calls are sent.
 [[noreturn]] void beDeaf(const std::string& address, const Hostile& hostile, int channel) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0))
@@ -116,7 +115,7 @@ class World {
     std::string address() { return m_engine.buses().address(QSBus::Public); }
     pid_t service() const { return m_service.pid(); }
     sd_bus* bus() { return m_bus; }
-    // One call that waits for its answer, as a simple program makes it.
+    // One call that waits for its answer, as in a simple program.
     bool call(const std::string& payload = "{}") {
         sd_bus_message* reply = nullptr;
         sd_bus_error error = {};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The wire contract as foreign programs meet it on real buses: introspection, texts, identity, refusals of
+// The wire contract as foreign programs see it on real buses: introspection, texts, identity, refusals of
 // the daemon, activation, and the layer as client of itself.
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,7 +32,7 @@ class OnTheWire : public RealBusTest {
         return text;
     }
 
-    // Runs a program and gives what it printed; the loop turns meanwhile.
+    // Runs a program and returns its output; the loop runs meanwhile.
     std::string outputOf(const std::string& command) {
         FILE* pipe = popen((command + " 2>&1").c_str(), "r");
         std::string output;
@@ -252,7 +252,7 @@ class NoMatchRules : public OtherConfiguration {
     NoMatchRules() : OtherConfiguration(R"(<limit name="max_match_rules_per_connection">0</limit>)") {}
 };
 
-// The activation files are written before the daemons start, so their folder is one of its own.
+// The activation files are written before the daemons start, so they have their own folder.
 struct ServiceFolder {
     ServiceFolder() {
         std::ofstream(folder.path() + "/com.zelt.startable.service")
@@ -296,7 +296,7 @@ TEST_F(NoMatchRules, ARefusedWatchCostsTheSubscriptionAndNotTheConnection) {
     EXPECT_THAT(m_error.message(), HasSubstr("max_match_rules_per_connection"));
     EXPECT_TRUE(respond(m_kept[4].get(), "answered"));
     ASSERT_TRUE(has(*clients[4], call, 1));
-    // An entry whose end nobody would report goes with its last request.
+    // An entry whose end would not be reported is removed with its last request.
     EXPECT_EQ(m_public->peers.size(), 5u);
     m_kept.pop_back();
     EXPECT_EQ(m_public->peers.size(), 4u);

@@ -243,7 +243,7 @@ TEST_F(Received, RequestsOfBothBusesAreHandledByOneRead) {
     m_kept.clear();
     privateClient->call("/", "hold", "private");
     publicClient->call("/", "hold", "public");
-    // The read does not wait, so it is repeated until the daemons have passed both on; the loop stands still.
+    // The read does not wait, so it is repeated until the daemons have delivered both; the loop does not run.
     Strings payloads;
     gint64 deadline = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
     while (m_kept.size() < 2 && g_get_monotonic_time() < deadline)

@@ -4,11 +4,11 @@
 
 #include <memory>
 
-// Begins with an empty store; nothing of it is left behind.
+// Starts with an empty store and leaves nothing behind.
 class PrefsEngine {
   public:
     virtual ~PrefsEngine() = default;
-    // The process ends without freeing its handles, and another one begins.
+    // The process ends without freeing its handles, and a new one starts.
     virtual void restart() = 0;
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The contract of the preferences store on the real one, in a folder that goes with the engine.
+// The contract of the preferences store on the real one, in a folder that is removed with the engine.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>

@@ -41,7 +41,7 @@ INSTANTIATE_TEST_SUITE_P(
         UnitCase{"application-com.example.app-1.scope", ""}, UnitCase{"dbus-com.example.app@1.service", ""},
         UnitCase{"app-com.example.app-1.slice", ""}, UnitCase{"app-com.example.app-1", ""}, UnitCase{"", ""},
         UnitCase{".scope", ""}, UnitCase{".service", ""}, UnitCase{"@.service", ""},
-        // Escapes that are broken, and ids that would not stay one name
+        // Broken escapes, and characters that an id must not have
         UnitCase{"app-com.example\\x2-1.scope", ""}, UnitCase{"app-com.example\\xZZ-1.scope", ""},
         UnitCase{"app-com.example\\-1.scope", ""}, UnitCase{"app-com.example\\x2D-1.scope", ""},
         UnitCase{"app-a\\x2fb-1.scope", ""}, UnitCase{"app-a\\x20b-1.scope", ""},
@@ -72,7 +72,7 @@ INSTANTIATE_TEST_SUITE_P(
                    "/system.slice/app-com.example.app-1.scope", false},
         CgroupCase{"0::/apps.slice/apps-a.slice/app-kde-com.example.app@2.service/sub/group\n",
                    "com.example.app", "/apps.slice/apps-a.slice/app-kde-com.example.app@2.service", false},
-        // What a process makes below its unit does not count, whatever it is called.
+        // What a process creates below its unit does not count, whatever its name.
         CgroupCase{"0::/system.slice/evil.service/app-com.example.bank-1.scope\n", "",
                    "/system.slice/evil.service", false},
         CgroupCase{"0::/system.slice/app-com.example.a-1.scope/app-com.example.b-1.scope\n", "com.example.a",

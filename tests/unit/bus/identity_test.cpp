@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The way from a connection's credentials to an application id, on the processes of this machine: the test's
-// own, and children that it starts.
+// From a connection's credentials to an application id, on processes of this machine: the test itself
+// and its children.
 #include "platform/bus/identity.h"
 
 #include <fcntl.h>

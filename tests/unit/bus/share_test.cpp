@@ -8,7 +8,7 @@ namespace {
 constexpr size_t kMost = 12'000'000;
 constexpr size_t kStep = 1000;
 
-// Adds for the user for as long as there is room, and says how much that was.
+// Adds for the user as long as there is room, and returns how much that was.
 size_t fill(Share& share, unsigned user) {
     size_t added = 0;
     for (; share.room(user) >= kStep; added += kStep)

@@ -27,7 +27,7 @@ class AccountFile : public testing::Test {
         std::ofstream(path) << text;
         chmod(path.c_str(), mode);
     }
-    // The words of the refusal, or "read".
+    // The text of the refusal, or "read".
     std::string read() {
         std::string words;
         return readAccount(path, account, words) ? "read" : words;
@@ -66,8 +66,9 @@ TEST_F(AccountFile, MayGiveItsPortAsANumber) {
 TEST_F(AccountFile, IsRefusedWhenOthersCanReadIt) {
     for (mode_t mode : {0640, 0604, 0644, 0620}) {
         write(kText, mode);
-        EXPECT_EQ(read(),
-                  path + " is readable by users other than its owner; `chmod 600` it and have the token changed");
+        EXPECT_EQ(
+            read(),
+            path + " is readable by users other than its owner; `chmod 600` it and have the token changed");
     }
 }
 

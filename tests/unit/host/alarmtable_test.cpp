@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Alarms: what a set must hold, which are due, and what is left of them after a restart or a reboot.
+// Alarms: what `set` requires, which are due, and the rest of their delay after a restart or a reboot.
 #include "platform/host/alarmtable.h"
 
 #include <gtest/gtest.h>

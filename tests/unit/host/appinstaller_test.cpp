@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Removed applications: what counts as one, and that each removal is heard once.
+// Removed applications: what counts as one, and that each removal is reported once.
 #include "platform/host/appinstaller.h"
 
 #include <gmock/gmock.h>

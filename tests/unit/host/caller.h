@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A client on the private bus for tests: calls, follows and is called. Waits for a condition, with a
-// deadline.
+// A client on the private bus for tests: calls, follows and is called. Waits for a condition,
+// with a deadline.
 #pragma once
 
 #include <gtest/gtest.h>

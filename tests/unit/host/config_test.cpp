@@ -56,7 +56,8 @@ TEST_F(Config, TakesEverySetting) {
 TEST_F(Config, RefusesWordsThatItDoesNotKnow) {
     EXPECT_EQ(read("[network]\nloopback=true\n"),
               "[network] loopback is not a known setting; correct it and restart zelt-host");
-    EXPECT_EQ(read("[wifi]\nfile=x\n"), "[wifi] file is not a known setting; correct it and restart zelt-host");
+    EXPECT_EQ(read("[wifi]\nfile=x\n"),
+              "[wifi] file is not a known setting; correct it and restart zelt-host");
 }
 
 TEST_F(Config, RefusesValuesOfTheWrongForm) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The connection manager on a real bus; changes come from the kernel, in a network namespace of the test's
-// own where one may be made.
+// The connection manager on a real bus; changes come from the kernel, in a network namespace of the test
+// where one may be created.
 #include "platform/host/connectionmanager.h"
 
 #include <glib-unix.h>
@@ -91,7 +91,7 @@ gboolean onWord(gint descriptor, GIOCondition, gpointer loop) {
     return G_SOURCE_CONTINUE;
 }
 
-// Runs the service in a network of its own, where loopback goes up and down at the other end's word.
+// Runs the service in a network namespace, where loopback goes up and down as the other end of the pipe says.
 [[noreturn]] void runInOwnNetwork(int words, int state) {
     char own = enterOwnNetwork() ? 'y' : 'n';
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
@@ -127,7 +127,7 @@ TEST(ConnectionManagerService, FollowsTheKernel) {
         EXPECT_TRUE(caller.waitFor([&] { return answers.size() == 3; }));
         EXPECT_THAT(answers, ElementsAre(kNothing, kOnLoopback, kNothing));
     } else {
-        // Without a namespace nothing may be changed; the watch itself must still open.
+        // Without a namespace nothing can be changed; the watch itself must still open.
         int changes = openNetworkChanges();
         EXPECT_GE(changes, 0);
         close(changes);

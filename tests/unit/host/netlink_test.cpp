@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reading what the kernel says: dump messages made by hand, and this machine's own network.
+// Reading the state of the kernel: handmade dump messages, and this machine's network.
 #include "platform/host/netlink.h"
 
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Which links lead to the Internet, decided from lists of links, addresses and routes.
+// Which links reach the Internet, decided from lists of links, addresses and routes.
 #include "platform/host/networkstate.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The power service on a real bus with the kernel's own timers.
+// The power service on a real bus with real kernel timers.
 #include "platform/host/power.h"
 
 #include <gmock/gmock.h>

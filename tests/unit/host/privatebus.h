@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A bus daemon of the test's own in a folder of its own, ended by process id. While it lives the environment
-// variable names it.
+// A bus daemon for one test in its own folder, ended by process id. While it lives the environment variable
+// has its address.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -69,7 +69,7 @@ class PrivateBus {
     }
     void runDaemon(int* ends) {
         // A test that waits for its output must not wait for the daemon's end of the pipe.
-        // What it logs belongs to no test.
+        // Its log is of no interest to the tests.
         dup2(ends[1], 3);
         if (!freopen("/dev/null", "w", stderr))
             _exit(126);

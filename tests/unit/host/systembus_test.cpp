@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the host learns from systemd, NetworkManager and logind, played by the test on a bus of its own that
-// stands in for the machine's system bus.
+// What the host learns from systemd, NetworkManager and logind, which the test simulates on a bus that
+// replaces the machine's system bus.
 #include "platform/host/systembus.h"
 
 #include <gmock/gmock.h>
@@ -20,7 +20,7 @@ constexpr char kGetBootStatus[] = "zelt://com.zelt.systemmanager/getBootStatus";
 constexpr char kRunning[] = "{\"returnValue\":true,\"finished\":false}";
 constexpr char kFinished[] = "{\"returnValue\":true,\"finished\":true}";
 
-// The three services of a machine, as far as the host asks them.
+// The three services, as far as the host uses them.
 class Machine {
   public:
     Machine() {
@@ -152,8 +152,8 @@ class Stranger {
         EXPECT_GE(sd_bus_message_set_destination(wire, to.c_str()), 0);
         EXPECT_GE(sd_bus_send(m_system.get(), wire, nullptr), 0);
         sd_bus_message_unref(wire);
-        // Order is kept: with the first answer the signal was handled, with the later ones what followed
-        // from it.
+        // Order is kept: with the first answer the signal was handled, with the later ones what
+        // followed from it.
         for (int round = 0; round < 3; round++) {
             bool answered = false;
             auto note = [](sd_bus_message*, void* data, sd_bus_error*) {
@@ -251,7 +251,7 @@ TEST_F(OnSystemBus, CaptivePortalIsToldOnlyWhileNetworkManagerSeesOne) {
     EXPECT_THAT(verdicts, ElementsAre(true, false, true, false));
 }
 
-// The unique name of the host's own connection, which is where a stranger sends to.
+// The unique name of the host's own connection, to which another process can send.
 std::string nameOf(SystemBus& system) {
     const char* name = "";
     sd_bus_get_unique_name(system.get(), &name);

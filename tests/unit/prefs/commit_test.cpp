@@ -14,7 +14,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-// No file of this process may grow beyond `bytes` while this lives: a full disk, to the process.
+// No file of this process can grow beyond `bytes` while this lives, as on a full disk.
 class FullDisk {
   public:
     explicit FullDisk(rlim_t bytes) {

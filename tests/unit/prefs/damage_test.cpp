@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Damaged files: found when they are opened, set aside whole, and never in the way of a fresh one.
+// Damaged files: found when they are opened, set aside completely, and never in the way of a new one.
 #include <sqlite3.h>
 #include <sys/stat.h>
 
@@ -33,7 +33,7 @@ std::string onlyValueOf(const std::filesystem::path& database, const char* query
 
 class PrefsDamage : public PrefsFolderTest {
   protected:
-    // A file with many pages, closed, so that all of it is in the one file.
+    // A database with many pages, closed, so that all of it is in one file.
     std::string makeFile(std::size_t valueLength = 1000) {
         QPHandle* handle = nullptr;
         EXPECT_EQ(get(handle), QP_OK);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A process that is killed while it commits loses nothing that it was told is stored, and no commit is half
-// there.
+// A process that is killed while it commits loses nothing that was reported as stored, and no commit
+// is partly stored.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,8 +25,8 @@ class PrefsDurability : public PrefsFolderTest {
                 _exit(1);
         }
     }
-    // Runs a child until it has stored so many numbers, kills it, and returns the last one that it
-    // acknowledged.
+    // Runs a child until it has stored so many numbers, kills it, and returns the last one
+    // that it acknowledged.
     static int runAndKill(int from) {
         int ends[2];
         EXPECT_EQ(pipe(ends), 0);

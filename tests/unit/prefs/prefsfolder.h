@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A preferences folder for one test, the shortest ways to write and read in it, and a capture of the log.
+// A preferences folder for one test, short functions to write and read in it, and a capture of the log.
 #pragma once
 
 #include <gmock/gmock.h>

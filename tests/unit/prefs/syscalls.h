@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Counts the data syncs of this process, and lets them fail: the test program's own fsync and fdatasync stand
-// before the C library's.
+// Counts the data syncs of this process, and lets them fail: the test program's own fsync and fdatasync
+// override those of the C library.
 #pragma once
 
 struct Syncs {

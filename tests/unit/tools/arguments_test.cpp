@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The command line: what is understood, what is refused and in which words.
+// The command line: what is accepted, what is refused and with which message.
 #include "tools/arguments.h"
 
 #include <gmock/gmock.h>

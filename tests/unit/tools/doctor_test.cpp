@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The checks of `doctor`, against places that are broken in a known way.
+// The checks of `doctor`, against environments that are broken in a known way.
 #include "tools/doctor.h"
 
 #include <gmock/gmock.h>
@@ -20,7 +20,7 @@ namespace {
 using testing::HasSubstr;
 using State = Finding::State;
 
-// An authority that vouches for nobody.
+// A CA certificate that has signed nothing.
 constexpr char kAuthority[] = R"(-----BEGIN CERTIFICATE-----
 MIIBiTCCAS+gAwIBAgIUBg00ujSA0WpzQfSlW0T0tWWk7zYwCgYIKoZIzj0EAwIw
 GTEXMBUGA1UEAwwOdGVzdCBhdXRob3JpdHkwIBcNMjYxMTIxMTAwMTE5WhgPMjEy
@@ -198,7 +198,7 @@ TEST(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
 
 class FromTheFile : public testing::Test {
   protected:
-    // What the doctor says of a device that has its account from the credentials file.
+    // What `doctor` reports for a device whose account comes from the credentials file.
     std::string examine(mode_t mode) {
         PrivateBus bus;
         TestFolder folder;
@@ -223,10 +223,11 @@ class FromTheFile : public testing::Test {
 TEST_F(FromTheFile, TheDoctorSaysThatALossIsForGoodAndThatALoginIsNotTriedAgain) {
     const std::string words = examine(0600);
     EXPECT_THAT(words, HasSubstr("ok      account: u1@example.org, from "));
-    EXPECT_THAT(words,
-                HasSubstr("with this file alone a lost connection is not re-established"));
-    EXPECT_THAT(words,
-                HasSubstr("which is also needed when a login failed at a reconnect alarm, since that one is not retried"));
+    EXPECT_THAT(words, HasSubstr("with this file alone a lost connection is not re-established"));
+    EXPECT_THAT(
+        words,
+        HasSubstr(
+            "which is also needed when a login failed at a reconnect alarm, since that one is not retried"));
 }
 
 TEST_F(FromTheFile, TheDoctorTakesNoAccountThatOthersCanRead) {

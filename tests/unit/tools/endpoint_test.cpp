@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The verbs of applications and of node owners: what is asked on which bus, what is printed, how it ends.
+// The verbs of applications and of node owners: what is called on which bus, what is printed, and
+// the exit code.
 #include <gmock/gmock.h>
 
 #include <sstream>
@@ -62,9 +63,10 @@ TEST_P(OneCall, EndsWithThreeAndTheReasonWhenRefused) {
         R"({"returnValue":false,"errorCode":"libErr","errorText":"Error getting appid of calling app"})";
     EXPECT_EQ(run(GetParam().words), Exit::Refused);
     EXPECT_EQ(out.str(), "");
-    EXPECT_EQ(err.str(),
-              "pubsubctl: libErr: Error getting appid of calling app (the platform cannot tell which application "
-              "this process belongs to; where the service allows it, `--app ID` names one)\n");
+    EXPECT_EQ(
+        err.str(),
+        "pubsubctl: libErr: Error getting appid of calling app (the platform cannot tell which application "
+        "this process belongs to; where the service allows it, `--app ID` names one)\n");
 }
 
 constexpr char kKey[] = R"({"returnValue":true,"endpoint":"box","publishKey":"KEY"})";

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A small push service on a real bus, within the test's process: it answers from a script and notes what it
-// was asked. It is served by whatever loop the verb under test runs.
+// A small push service on a real bus, within the test's process: it answers from a script and records
+// its calls. The loop of the verb under test serves it.
 #pragma once
 
 #include <glib.h>
@@ -77,7 +77,7 @@ class FakeService {
         EXPECT_TRUE(QSCall(m_handle, uri.c_str(), payload.c_str(), nullptr, nullptr, nullptr, error))
             << error.message();
     }
-    // Lets go of the calls that subscribed to a method, which tells their callers that no answer follows.
+    // Releases the calls that subscribed to a method, which tells their callers that no answer follows.
     void endSubscriptions(const std::string& method) {
         std::erase_if(m_subscribed, [&](const Subscribed& call) { return call.method == method; });
         QSSubscriptionIter* list = nullptr;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The item handler on a real bus: it registers, prints what is delivered to it and withdraws on every way
-// out.
+// The item handler on a real bus: it registers, prints what is delivered to it and withdraws at every exit.
 #include <gmock/gmock.h>
 
 #include <sstream>
@@ -139,7 +138,8 @@ TEST_F(Handler, TellsWhenTheServiceLeavesAndGoesOn) {
             100, [](gpointer) -> gboolean { return kill(getpid(), SIGINT), FALSE; }, nullptr);
     });
     EXPECT_EQ(run({"handler", "/n"}), Exit::NotConnected);
-    EXPECT_THAT(err.str(), HasSubstr("com.zelt.pubsubservice left the bus; delivery resumes when it is back\n"));
+    EXPECT_THAT(err.str(),
+                HasSubstr("com.zelt.pubsubservice left the bus; delivery resumes when it is back\n"));
 }
 
 TEST_F(Handler, EndsWithFourWhenTheBusIsLost) {

@@ -92,7 +92,7 @@ class HttpServer {
         m_thread = std::thread([this] { serve(); });
     }
     ~HttpServer() { finish(); }
-    // Waits until the client has gone.
+    // Waits until the client has disconnected.
     void finish() {
         if (!m_thread.joinable())
             return;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Subscriptions that last, against a small service on a real bus: what is asked anew, what is printed, what
-// ends them.
+// Long-lived subscriptions, against a small service on a real bus: what is called again, what is printed,
+// what ends them.
 #include <gmock/gmock.h>
 
 #include <sstream>
@@ -49,7 +49,7 @@ class Receiver : public testing::Test {
             },
             new std::function<void()>(step));
     }
-    // An item as the service hands it on: it uses the subscription up.
+    // An item as the service delivers it: it ends the subscription.
     std::function<void()> item(const std::string& text) {
         return [this, text] {
             service.post("subscribe",
@@ -115,7 +115,8 @@ TEST_F(Receiver, StaysWhenTheConnectionIsLostUnderAnAcceptedSubscription) {
           }});
     EXPECT_EQ(run({"subscribe", "box", "-C", "1"}), Exit::Ok);
     EXPECT_EQ(out.str(), "later\n");
-    EXPECT_THAT(err.str(), HasSubstr("pubsubctl: the connection was lost; delivery resumes when it is back\n"));
+    EXPECT_THAT(err.str(),
+                HasSubstr("pubsubctl: the connection was lost; delivery resumes when it is back\n"));
     EXPECT_THAT(service.calls, ElementsAre(subscription));
 }
 

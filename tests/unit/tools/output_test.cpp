@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What requests are made of and how replies are printed and judged; no bus is needed.
+// The contents of requests, and how replies are printed and judged; no bus is needed.
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -18,7 +18,7 @@ Invocation invoke(std::vector<std::string> words) {
     return invocation;
 }
 
-// A request as its payload, or the words of its refusal.
+// A request as its payload, or the message that refuses it.
 template <typename Make, typename... Rest>
 std::string request(Make make, std::vector<std::string> words, Rest&... rest) {
     std::string payload;
@@ -99,8 +99,9 @@ TEST(PublishRequest, RefusesTwoItemsAndWhatNoItemCanCarry) {
     Screen huge(false, std::string(16 * 1024 * 1024 + 1, 'x'));
     EXPECT_EQ(request(publishPayload, {"node", "publish", "/n", "-"}, huge.console),
               "refused: standard input is longer than 16 MiB; publish a reference to it instead");
-    EXPECT_EQ(request(publishPayload, {"node", "publish", "/n", "gr\xfcn"}, screen.console),
-              "refused: TEXT is not UTF-8 text (or contains a NUL); encode it first, for instance with base64");
+    EXPECT_EQ(
+        request(publishPayload, {"node", "publish", "/n", "gr\xfcn"}, screen.console),
+        "refused: TEXT is not UTF-8 text (or contains a NUL); encode it first, for instance with base64");
 }
 
 TEST(SubscribeRequest, CarriesJidAndDepthWhenGiven) {
@@ -177,9 +178,10 @@ INSTANTIATE_TEST_SUITE_P(
             "connectionErr: Not connected to xmpp server (the service has no connection to its server; watch "
             "it "
             "with `pubsubctl status --follow`)"},
-        Verdict{R"({"returnValue":false,"errorCode":"cancel","errorText":"item-not-found"})", Exit::Refused,
-                "cancel: item-not-found (the node does not exist on the server; create it with `pubsubctl node "
-                "create` or `pubsubctl endpoint create`)"},
+        Verdict{
+            R"({"returnValue":false,"errorCode":"cancel","errorText":"item-not-found"})", Exit::Refused,
+            "cancel: item-not-found (the node does not exist on the server; create it with `pubsubctl node "
+            "create` or `pubsubctl endpoint create`)"},
         Verdict{R"({"returnValue":false,"errorText":"\"in\" must be \"00:25:00\""})", Exit::Refused,
                 "\"in\" must be \"00:25:00\""},
         Verdict{

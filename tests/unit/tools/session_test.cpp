@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Logging in, logging out and naming the account, on a real bus.
+// Logging in, logging out and showing the account, on a real bus.
 #include <gmock/gmock.h>
 
 #include <sstream>

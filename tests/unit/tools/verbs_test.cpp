@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The verbs against a small service on a real private bus: what is asked, what is printed, how it ends.
+// The verbs against a small service on a real private bus: what is called, what is printed, and
+// the exit code.
 #include <gmock/gmock.h>
 
 #include <sstream>
@@ -69,9 +70,9 @@ TEST_P(NodeVerbs, EndWithThreeAndTheReasonWhenRefused) {
         R"({"node":"/n","returnValue":false,"errorCode":"auth","errorText":"forbidden"})";
     EXPECT_EQ(run(GetParam().words), Exit::Refused);
     EXPECT_EQ(out.str(), "");
-    EXPECT_EQ(
-        err.str(),
-        "pubsubctl: auth: forbidden (this account is not allowed to do that with this node; ask the node's owner)\n");
+    EXPECT_EQ(err.str(),
+              "pubsubctl: auth: forbidden (this account is not allowed to do that with this node; ask the "
+              "node's owner)\n");
 }
 
 TEST_P(NodeVerbs, EndWithFourWhenTheServiceHasNoConnection) {

@@ -33,7 +33,7 @@ INSTANTIATE_TEST_SUITE_P(
                     StrictCase{R"({"node":"a\\b\"c\\\\\""})", true, "abc", "preset"},
                     // The check for emptiness comes before the cleaning.
                     StrictCase{R"({"node":"\"\\\""})", true, "", "preset"},
-                    // json-c hands out a C string.
+                    // json-c returns a C string.
                     StrictCase{R"({"node":"a\u0000b"})", true, "a", "preset"},
                     StrictCase{R"({"node":"\u0000b"})", false, "unchanged", "Empty node provided"},
                     StrictCase{R"({"node":""})", false, "unchanged", "Empty node provided"},

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Whole JSON texts, members by type, and what the builders write.
+// Complete JSON texts, members by type, and what the builders write.
 #include "util/jsonref.h"
 
 #include <gtest/gtest.h>

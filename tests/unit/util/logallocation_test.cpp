@@ -11,7 +11,7 @@
 
 namespace {
 
-// Whatever takes memory from the heap, in C++ or in C.
+// Every function that allocates from the heap, in C++ or in C.
 long allocations = 0;
 
 }  // namespace

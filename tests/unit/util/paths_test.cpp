@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The places of the service's files, in a build that may be moved and in one that may not.
+// The places of the service's files, in a relocatable build and in a fixed one.
 #include "util/paths.h"
 
 #include <gtest/gtest.h>
