@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "platform/prefs/qp.h"
+#include "session/preferences.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
 #include "util/jsonref.h"
@@ -173,30 +174,23 @@ std::vector<std::filesystem::directory_entry> filesOf(const std::string& folder)
 std::multimap<std::string, std::string> knownNodes() {
     std::multimap<std::string, std::string> nodes;
     QPHandle* handle = gCurrentSession.m_prefsHandle;
-    if (!handle && QPAppGetHandle("com.zelt.pubsubservice", &handle) != QP_OK)
+    const bool borrowed = handle;
+    Preferences store(kServicePreferences, handle);
+    if (!store.open(nullptr))
         return nodes;
-    json_object* listed = nullptr;
-    QPAppCopyKeysCJ(handle, &listed);
-    const JsonRef keys(listed);
-    const std::size_t count = listed ? json_object_array_length(listed) : 0;
+    const JsonRef keys = store.keys();
+    const std::size_t count = keys ? json_object_array_length(keys.get()) : 0;
     for (std::size_t i = 0; i < count; ++i) {
-        const std::string key = json_object_get_string(json_object_array_get_idx(listed, i));
-        char* value = nullptr;
-        if (!key.starts_with("delete") || QPAppCopyValue(handle, key.c_str(), &value) != QP_OK)
+        const std::string key = json_object_get_string(json_object_array_get_idx(keys.get(), i));
+        if (!key.starts_with("delete"))
             continue;
-        const std::unique_ptr<char, decltype(&free)> owned(value, free);
-        const JsonRef record = parseJson(value);
-        json_object* entries = jsonMember(record.get(), "nodes");
-        if (!json_object_is_type(entries, json_type_array))
-            continue;
-        for (std::size_t j = 0; j < json_object_array_length(entries); ++j) {
-            std::string node = json_object_to_json_string(json_object_array_get_idx(entries, j));
-            cleanSlashes(node);
+        const StoredValue record = store.read(key);
+        for (const std::string& node : cleanedEntries(jsonMember(record.json.get(), "nodes"))) {
             const std::string rest = restOf(node);
             nodes.emplace(fileNameOf(rest), rest);
         }
     }
-    if (handle != gCurrentSession.m_prefsHandle)
+    if (!borrowed)
         QPAppFreeHandle(handle, false);
     return nodes;
 }

@@ -7,25 +7,26 @@
 #include <cstdlib>
 
 #include "platform/prefs/qp.h"
+#include "session/preferences.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
-#include "util/jsonref.h"
-#include "util/log.h"
+
+namespace {
+
+Preferences storeOver(QPHandle*& handle) {
+    return {"pubsubservice.offlineMap", handle};
+}
+
+}  // namespace
 
 QPHandle* PubSubSession::getOfflinePrefHandle() {
-    if (!m_offlinePrefHandle && QPAppGetHandle("pubsubservice.offlineMap", &m_offlinePrefHandle) != QP_OK)
-        m_offlinePrefHandle = nullptr;
+    storeOver(m_offlinePrefHandle).open(nullptr);
     return m_offlinePrefHandle;
 }
 
 void PubSubSession::commitOfflinePrefHandle() {
-    if (m_offlinePrefHandle) {
-        const int result = QPAppFreeHandle(m_offlinePrefHandle, true);
-        if (result != QP_OK)
-            PrvPrintErr({}, "Error: QPFreeHandle failed returned %d,", result);
-        m_offlinePrefHandle = nullptr;
-    }
-    getOfflinePrefHandle();
+    storeOver(m_offlinePrefHandle)
+        .commit({.commitFailed = "Error: QPFreeHandle failed returned %d,", .openFailed = nullptr});
 }
 
 void PubSubSession::persistOfflineMap(const std::string& node, const std::string& value) {
@@ -72,16 +73,11 @@ void PubSubSession::removeOfflineMap(const std::string& node) {
 }
 
 void PubSubSession::loadOfflineMapFromDisk() {
-    json_object* listed = nullptr;
-    QPHandle* store = getOfflinePrefHandle();
-    if (!store || QPAppCopyKeysCJ(store, &listed) != QP_OK)
+    Preferences store = storeOver(m_offlinePrefHandle);
+    if (!store.open(nullptr))
         return;
-    const JsonRef keys(listed);
-    const std::size_t count =
-        json_object_is_type(keys.get(), json_type_array) ? json_object_array_length(keys.get()) : 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        std::string node = json_object_to_json_string(json_object_array_get_idx(keys.get(), i));
-        cleanSlashes(node);
+    const JsonRef keys = store.keys();
+    for (const std::string& node : cleanedEntries(keys.get())) {
         // Fetched anew: the entry before has replaced the handle.
         QPHandle* handle = getOfflinePrefHandle();
         char* value = nullptr;

@@ -3,29 +3,19 @@
 //
 // Kept in the preferences of the service alone, under the node's name, as {"seqNo": "42"}; it survives a
 // restart. The deletion store keeps its records there too, under keys that begin with "delete", so the number
-// of a node whose name begins so has a key of its own. Every commit replaces PubSubSession::m_prefsHandle, so
-// the handle is fetched anew before each use.
+// of a node whose name begins so has a key of its own. Every write is committed at once.
 #include <glib.h>
 
-#include <cstdlib>
-
-#include "platform/prefs/qp.h"
+#include "session/preferences.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
-#include "util/jsonref.h"
 #include "util/log.h"
 
 namespace {
 
-constexpr const char* kPrefsApp = "com.zelt.pubsubservice";
 constexpr int kDecimal = 10;
-
-int openPrefs(QPHandle*& handle) {
-    return handle ? QP_OK : QPAppGetHandle(kPrefsApp, &handle);
-}
-
-constexpr const char* kDelete = "delete";
-constexpr const char* kSeqNo = "seqNo:";
+constexpr char kDelete[] = "delete";
+constexpr char kSeqNo[] = "seqNo:";
 
 // The key of a node's number: its name, but never one that a record of the deletion store can have. No two
 // nodes share one.
@@ -33,21 +23,9 @@ std::string keyOf(const std::string& node) {
     return node.starts_with(kDelete) || node.starts_with(kSeqNo) ? kSeqNo + node : node;
 }
 
-// The record of a number under `key`; null when there is none.
-JsonRef readNumber(QPHandle* handle, const std::string& key, bool& damaged) {
-    char* stored = nullptr;
-    if (QPAppCopyValue(handle, key.c_str(), &stored) != QP_OK || !stored)
-        return nullptr;
-    JsonRef record = parseJson(stored);
-    free(stored);
-    damaged = !record;
-    return record;
-}
-
 // Whether an earlier release kept the number of `node` where the deletion store keeps its records.
-bool hasNumberAmongRecords(QPHandle* handle, const std::string& node) {
-    bool damaged = false;
-    return node.starts_with(kDelete) && jsonMember(readNumber(handle, node, damaged).get(), "seqNo");
+bool hasNumberAmongRecords(const Preferences& store, const std::string& node) {
+    return node.starts_with(kDelete) && jsonMember(store.read(node).json.get(), "seqNo");
 }
 
 uint64_t numberOf(const std::string& text) {
@@ -58,20 +36,18 @@ uint64_t numberOf(const std::string& text) {
 
 bool PubSubSession::getSeqNo(const std::string& node, std::string& seqNo) {
     seqNo = "0";
-    if (const int result = openPrefs(m_prefsHandle); result != QP_OK) {
-        PrvPrintErr({}, "Getting app handle failed. %d", result);
+    Preferences store = preferences();
+    if (!store.open())
         return false;
-    }
-    bool damaged = false;
-    JsonRef record = readNumber(m_prefsHandle, keyOf(node), damaged);
-    if (!record && !damaged && hasNumberAmongRecords(m_prefsHandle, node))
-        record = readNumber(m_prefsHandle, node, damaged);
-    if (damaged)
+    StoredValue record = store.read(keyOf(node));
+    if (!record.exists && hasNumberAmongRecords(store, node))
+        record = store.read(node);
+    if (record.isDamaged())
         PrvPrintErr({}, "Parsing value failed");
-    if (!record)
+    if (!record.json)
         return false;
     std::string ignored;
-    getJSONStringV2(record.get(), "seqNo", ignored, seqNo);
+    getJSONStringV2(record.json.get(), "seqNo", ignored, seqNo);
     return true;
 }
 
@@ -88,42 +64,37 @@ bool PubSubSession::isStalePacket(const std::string& node, const std::string& se
 }
 
 void PubSubSession::persistSeqNo(const std::string& node, const std::string& seqNo) {
-    if (openPrefs(m_prefsHandle) != QP_OK)
+    Preferences store = preferences();
+    if (!store.open(nullptr))
         return;
     if (node.empty()) {
         // sic: the two values stand in each other's place.
         PrvPrintErr({}, "Item id not saved Node %s , SeqNo:%s", seqNo.c_str(), node.c_str());
         return;
     }
-    const JsonRef record(json_object_new_object());
-    json_object_object_add(record.get(), "seqNo", json_object_new_string(seqNo.c_str()));
-    const int result =
-        QPAppSetValue(m_prefsHandle, keyOf(node).c_str(), json_object_to_json_string(record.get()));
-    if (result != QP_OK)
-        PrvPrintErr({}, "Error: QPAppSetValue returned %d, On failed", result);
-    else if (hasNumberAmongRecords(m_prefsHandle, node))
-        QPAppRemoveValue(m_prefsHandle, node.c_str());
-    QPAppFreeHandle(m_prefsHandle, true);
-    m_prefsHandle = nullptr;
-    if (openPrefs(m_prefsHandle) != QP_OK) {
-        PrvPrintErr({}, "Getting app handle failed!");
-        m_prefsHandle = nullptr;
-    }
+    JsonObject record;
+    record.set("seqNo", seqNo.c_str());
+    if (store.write(keyOf(node), record.get()) && hasNumberAmongRecords(store, node))
+        store.remove(node);
+    store.commit();
 }
 
-void PubSubSession::dropSeqNo(QPHandle* handle, const std::string& node) {
-    if (hasNumberAmongRecords(handle, node))
-        QPAppRemoveValue(handle, node.c_str());
-    QPAppRemoveValue(handle, keyOf(node).c_str());
-}
-
-bool PubSubSession::moveNumberAside(QPHandle* handle, const std::string& key) {
-    if (!hasNumberAmongRecords(handle, key))
+bool PubSubSession::moveNumberAside(Preferences& store, const std::string& key) {
+    if (!hasNumberAmongRecords(store, key))
         return false;
-    bool damaged = false;
-    const JsonRef record = readNumber(handle, key, damaged);
-    if (!readNumber(handle, keyOf(key), damaged))
-        QPAppSetValue(handle, keyOf(key).c_str(), json_object_to_json_string(record.get()));
-    QPAppRemoveValue(handle, key.c_str());
+    const StoredValue record = store.read(key);
+    if (!store.read(keyOf(key)).json)
+        store.write(keyOf(key), record.json.get(), nullptr);
+    store.remove(key);
     return true;
+}
+
+void removeSeqNo(const std::string& node, PubSubSession& session) {
+    Preferences store = session.preferences();
+    if (!store.open())
+        return;
+    if (hasNumberAmongRecords(store, node))
+        store.remove(node);
+    store.remove(keyOf(node));
+    store.commit({.commitFailed = "Commit failed %d ", .openFailed = "Getting app handle failed! %d "});
 }

@@ -6,140 +6,123 @@
 // that the work of one creation does not grow with their number, and "delete" -> {"appid": [...]}, the keys
 // of the records whose bulk deletion the server has not answered yet. In memory the further nodes
 // (PubSubSession::m_furtherNodes, by the key of the record) and the bulk deletions in flight (m_deleteMap).
-// Every write is committed at once, which replaces PubSubSession::m_prefsHandle.
+// Every change is committed at once.
 #include <gloox/error.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <iterator>
 #include <utility>
 
-#include "platform/prefs/qp.h"
 #include "request/names.h"
+#include "session/preferences.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
-#include "util/jsonref.h"
-#include "util/log.h"
 #include "xmpp/manager.h"
 
 namespace {
 
-constexpr const char* kPrefsApp = "com.zelt.pubsubservice";
-constexpr const char* kDelete = "delete";
-constexpr const char* kNodes = "nodes";
-constexpr const char* kAppId = "appid";
+constexpr char kDelete[] = "delete";
+constexpr char kNodes[] = "nodes";
+constexpr char kAppId[] = "appid";
 constexpr std::size_t kRecordNodes = 64;  // of an application, in its own record
 constexpr std::size_t kEndpoints = 1000;  // of an application
 
-constexpr char kOpenFailed[] = "Getting app handle failed. %d";
-constexpr char kSetFailed[] = "Error: QPAppSetValue returned %d, On failed";
-constexpr char kRemoveFailed[] = "Removing delete key failed %s";
+// A list of names as it is stored, {MEMBER: [NAME, ...]}; an empty one where nothing is.
+struct StoredList {
+    bool exists = false;
+    JsonRef object;                // null when what is stored is no JSON
+    json_object* names = nullptr;  // in `object`; null when it has no such list
+};
+
+// Formats for the key of the record at hand.
+struct ListErrors {
+    const char* noJson;
+    const char* noList;
+};
+constexpr char kValueDamaged[] = "Parsing value failed";
 constexpr char kRecordDamaged[] = "Parsing delete appid key value failed %s";
 constexpr char kListDamaged[] = "Parsing delete key failed";
-constexpr char kValueDamaged[] = "Parsing value failed";
+constexpr ListErrors kChangeErrors{kValueDamaged, "Parsing nodes key failed"};
+constexpr ListErrors kCleanupErrors{kRecordDamaged, "Parsing nodes in key failed %s"};
+constexpr ListErrors kListingErrors{kRecordDamaged, kListDamaged};
+constexpr ListErrors kUnlistingErrors{kValueDamaged, kValueDamaged};
+constexpr ListErrors kRetryErrors{kListDamaged, kListDamaged};
 
-bool openPrefs(QPHandle*& handle) {
-    const int result = handle ? QP_OK : QPAppGetHandle(kPrefsApp, &handle);
-    if (result != QP_OK)
-        PrvPrintErr({}, kOpenFailed, result);
-    return result == QP_OK;
+StoredList emptyList(const char* member) {
+    StoredList list;
+    JsonArray names;
+    list.names = names.get();
+    list.object = JsonObject().set(member, names.release()).release();
+    return list;
 }
 
-void commitPrefs(QPHandle*& handle) {
-    QPAppFreeHandle(handle, true);
-    handle = nullptr;
-    if (QPAppGetHandle(kPrefsApp, &handle) != QP_OK) {
-        handle = nullptr;
-        PrvPrintErr({}, "Getting app handle failed!");
-    }
+// A store that cannot be read is logged.
+StoredValue readValue(const Preferences& store, const std::string& key, CallSite site = {}) {
+    StoredValue value = store.read(key);
+    if (value.isUnreadable())
+        PrvPrintErr(site, "Reading %s from the preferences failed. %d", key.c_str(), value.result);
+    return value;
 }
 
-// False when the store cannot be read. A key that is not there is no failure and leaves `exists` false.
-bool readValue(QPHandle* handle, const std::string& key, bool& exists, std::string& value) {
-    char* stored = nullptr;
-    const int result = QPAppCopyValue(handle, key.c_str(), &stored);
-    exists = result == QP_OK && stored;
-    if (exists)
-        value = stored;
-    free(stored);
-    if (result == QP_OK || result == QP_NOT_FOUND)
-        return true;
-    PrvPrintErr({}, "Reading %s from the preferences failed. %d", key.c_str(), result);
-    return false;
+StoredList listOf(StoredValue value, const char* member) {
+    if (!value.exists)
+        return emptyList(member);
+    StoredList list{true, std::move(value.json)};
+    json_object* names = jsonMember(list.object.get(), member);
+    list.names = json_object_is_type(names, json_type_array) ? names : nullptr;
+    return list;
 }
 
-// As readValue, for a record of this store: a number that an earlier release kept there is moved away.
-bool readRecord(QPHandle* handle, const std::string& key, bool& exists, std::string& value) {
-    if (!readValue(handle, key, exists, value))
+// False when the store cannot be read. A number that an earlier release kept under `key` is moved away.
+bool readList(Preferences& store, const std::string& key, const char* member, StoredList& list,
+              CallSite site = {}) {
+    StoredValue value = readValue(store, key, site);
+    if (value.isUnreadable())
         return false;
-    if (exists && PubSubSession::moveNumberAside(handle, key))
-        exists = false;
+    if (value.exists && PubSubSession::moveNumberAside(store, key))
+        value.exists = false;
+    list = listOf(std::move(value), member);
     return true;
 }
 
-bool writeValue(QPHandle* handle, const std::string& key, json_object* value) {
-    const int result = QPAppSetValue(handle, key.c_str(), json_object_to_json_string(value));
-    if (result != QP_OK)
-        PrvPrintErr({}, kSetFailed, result);
-    return result == QP_OK;
+bool isSound(const StoredList& list, const ListErrors& errors, const std::string& key, CallSite site = {}) {
+    if (!list.names)
+        PrvPrintErr(site, list.object ? errors.noList : errors.noJson, key.c_str());
+    return list.names;
 }
 
-bool removeValue(QPHandle* handle, const std::string& key) {
-    if (QPAppRemoveValue(handle, key.c_str()) == QP_OK)
+void addName(const StoredList& list, const std::string& name) {
+    json_object_array_add(list.names, json_object_new_string(name.c_str()));
+}
+
+bool removeValue(Preferences& store, const std::string& key, CallSite site = {}) {
+    if (store.remove(key))
         return true;
-    PrvPrintErr({}, kRemoveFailed, key.c_str());
+    PrvPrintErr(site, "Removing delete key failed %s", key.c_str());
     return false;
-}
-
-json_object* arrayMember(json_object* object, const char* key) {
-    json_object* array = jsonMember(object, key);
-    return json_object_is_type(array, json_type_array) ? array : nullptr;
-}
-
-JsonRef listObject(const char* member, json_object* array) {
-    JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), member, array);
-    return object;
-}
-
-// The entries' texts: what the JSON holds without its backslashes and double quotes.
-std::list<std::string> cleanedEntries(json_object* array) {
-    std::list<std::string> entries;
-    for (std::size_t i = 0; i < json_object_array_length(array); ++i) {
-        std::string entry = json_object_to_json_string(json_object_array_get_idx(array, i));
-        cleanSlashes(entry);
-        entries.push_back(std::move(entry));
-    }
-    return entries;
 }
 
 std::string furtherKey(const std::string& key, const std::string& node) {
     return key + ' ' + node;
 }
 
-bool writeFurtherNode(QPHandle* handle, const std::string& key, const std::string& node) {
-    json_object* nodes = json_object_new_array();
-    json_object_array_add(nodes, json_object_new_string(node.c_str()));
-    return writeValue(handle, furtherKey(key, node), listObject(kNodes, nodes).get());
-}
-
-bool isFurtherNode(QPHandle* handle, const std::string& key) {
-    bool exists = false;
-    std::string text;
-    const JsonRef record = readValue(handle, key, exists, text) && exists ? parseJson(text.c_str()) : nullptr;
-    return arrayMember(record.get(), kNodes);
+bool writeFurtherNode(Preferences& store, const std::string& key, const std::string& node,
+                      CallSite site = {}) {
+    const StoredList list = emptyList(kNodes);
+    addName(list, node);
+    return store.write(furtherKey(key, node), list.object.get(), kWriteFailed, site);
 }
 
 // An earlier release kept all nodes in the one record: what is more than it holds now moves to keys of their
 // own.
-bool shortenRecord(QPHandle* handle, const std::string& key, json_object* nodes,
-                   std::set<std::string>& further) {
+bool shortenRecord(Preferences& store, const std::string& key, json_object* nodes,
+                   std::set<std::string>& further, CallSite site = {}) {
     const std::size_t count = json_object_array_length(nodes);
     if (count <= kRecordNodes)
         return true;
     const std::list<std::string> all = cleanedEntries(nodes);
     for (auto node = std::next(all.begin(), kRecordNodes); node != all.end(); ++node) {
-        if (!writeFurtherNode(handle, key, *node))
+        if (!writeFurtherNode(store, key, *node, site))
             return false;
         further.insert(*node);
     }
@@ -148,98 +131,65 @@ bool shortenRecord(QPHandle* handle, const std::string& key, json_object* nodes,
 }
 
 // Writes the list under `key` without `gone`, or removes the key with the last entry.
-bool writeWithout(QPHandle* handle, const std::string& key, const char* member, json_object* array,
-                  const std::string& gone) {
-    std::list<std::string> left = cleanedEntries(array);
+bool writeWithout(Preferences& store, const std::string& key, const char* member, json_object* names,
+                  const std::string& gone, CallSite site = {}) {
+    std::list<std::string> left = cleanedEntries(names);
     left.remove(gone);
     if (left.empty())
-        return removeValue(handle, key);
-    json_object* kept = json_object_new_array();
+        return removeValue(store, key, site);
+    const StoredList kept = emptyList(member);
     for (const std::string& entry : left)
-        json_object_array_add(kept, json_object_new_string(entry.c_str()));
-    return writeValue(handle, key, listObject(member, kept).get());
+        addName(kept, entry);
+    return store.write(key, kept.object.get(), kWriteFailed, site);
 }
 
 // Enters `key` among the records whose deletion is under way. sic: it can be listed more than once.
-bool listDeletion(QPHandle*& handle, const std::string& key) {
-    bool exists = false;
-    std::string text;
-    if (!readRecord(handle, kDelete, exists, text))
+bool listDeletion(Preferences& store, const std::string& key, CallSite site = {}) {
+    StoredList listing;
+    if (!readList(store, kDelete, kAppId, listing, site) || !isSound(listing, kListingErrors, key, site))
         return false;
-    JsonRef list = exists ? parseJson(text.c_str()) : listObject(kAppId, json_object_new_array());
-    if (!list) {
-        PrvPrintErr({}, kRecordDamaged, key.c_str());
+    addName(listing, key);
+    if (!store.write(kDelete, listing.object.get(), kWriteFailed, site))
         return false;
-    }
-    json_object* keys = arrayMember(list.get(), kAppId);
-    if (!keys) {
-        PrvPrintErr({}, kListDamaged);
-        return false;
-    }
-    json_object_array_add(keys, json_object_new_string(key.c_str()));
-    if (!writeValue(handle, kDelete, list.get()))
-        return false;
-    commitPrefs(handle);
+    store.commit({}, site);
     return true;
 }
 
 // Takes every listing of `key` out again.
-void unlistDeletion(QPHandle* handle, const std::string& key) {
-    bool exists = false;
-    std::string text;
-    if (!readValue(handle, kDelete, exists, text) || !exists)
-        return;
-    const JsonRef list = parseJson(text.c_str());
-    json_object* keys = arrayMember(list.get(), kAppId);
-    if (!keys)
-        PrvPrintErr({}, kValueDamaged);
-    else
-        writeWithout(handle, kDelete, kAppId, keys, key);
+void unlistDeletion(Preferences& store, const std::string& key, CallSite site = {}) {
+    const StoredList listing = listOf(readValue(store, kDelete, site), kAppId);
+    if (listing.exists && isSound(listing, kUnlistingErrors, key, site))
+        writeWithout(store, kDelete, kAppId, listing.names, key, site);
 }
 
 }  // namespace
 
-void removeSeqNo(const std::string& node, PubSubSession& session) {
-    if (!openPrefs(session.m_prefsHandle))
-        return;
-    PubSubSession::dropSeqNo(session.m_prefsHandle, node);
-    const int committed = QPAppFreeHandle(session.m_prefsHandle, true);
-    if (committed != QP_OK)
-        PrvPrintErr({}, "Commit failed %d ", committed);
-    session.m_prefsHandle = nullptr;
-    const int opened = QPAppGetHandle(kPrefsApp, &session.m_prefsHandle);
-    if (opened == QP_OK)
-        return;
-    session.m_prefsHandle = nullptr;
-    PrvPrintErr({}, "Getting app handle failed! %d ", opened);
-}
-
 std::set<std::string>& PubSubSession::furtherNodes(const std::string& key) {
-    json_object* listed = nullptr;
-    if (!m_furtherNodesRead && m_prefsHandle && QPAppCopyKeysCJ(m_prefsHandle, &listed) == QP_OK) {
+    const Preferences store = preferences();
+    const JsonRef keys = !m_furtherNodesRead && store.isOpen() ? store.keys() : nullptr;
+    if (keys)
         m_furtherNodesRead = true;
-        const JsonRef keys(listed);
-        for (std::size_t i = 0; i < json_object_array_length(keys.get()); ++i) {
-            const std::string name = json_object_get_string(json_object_array_get_idx(keys.get(), i));
-            const std::size_t blank = name.find(' ');
-            if (blank != std::string::npos && name.starts_with(kDelete) && isFurtherNode(m_prefsHandle, name))
-                m_furtherNodes[name.substr(0, blank)].insert(name.substr(blank + 1));
-        }
+    const std::size_t count = keys ? json_object_array_length(keys.get()) : 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string name = json_object_get_string(json_object_array_get_idx(keys.get(), i));
+        const std::size_t blank = name.find(' ');
+        if (blank == std::string::npos || !name.starts_with(kDelete))
+            continue;
+        if (const StoredList record = listOf(readValue(store, name), kNodes); record.exists && record.names)
+            m_furtherNodes[name.substr(0, blank)].insert(name.substr(blank + 1));
     }
     return m_furtherNodes[key];
 }
 
 bool PubSubSession::mayOwnNode(const std::string& node, const std::string& appId, bool* known) {
     const std::string key = kDelete + appId;
-    bool exists = false;
-    std::string text;
+    Preferences store = preferences();
+    StoredList record;
     // A store that cannot be read refuses nobody: the creation is told so where the node enters the record.
-    if (!openPrefs(m_prefsHandle) || !readRecord(m_prefsHandle, key, exists, text))
+    if (!store.open() || !readList(store, key, kNodes, record))
         return true;
     const std::set<std::string>& further = furtherNodes(key);
-    const JsonRef record = exists ? parseJson(text.c_str()) : nullptr;
-    json_object* nodes = arrayMember(record.get(), kNodes);
-    const std::list<std::string> entries = nodes ? cleanedEntries(nodes) : std::list<std::string>();
+    const std::list<std::string> entries = cleanedEntries(record.names);
     const bool owned =
         further.contains(node) || std::find(entries.begin(), entries.end(), node) != entries.end();
     if (known)
@@ -253,105 +203,72 @@ bool PubSubSession::mayOwnNode(const std::string& node, const std::string& appId
 
 bool PubSubSession::addNodeToDeleteStore(const std::string& node, const std::string& appId) {
     const std::string key = kDelete + appId;
-    bool exists = false;
-    std::string text;
-    if (!openPrefs(m_prefsHandle) || !readRecord(m_prefsHandle, key, exists, text))
+    Preferences store = preferences();
+    StoredList record;
+    if (!store.open() || !readList(store, key, kNodes, record) || !isSound(record, kChangeErrors, key))
         return false;
-    JsonRef record = exists ? parseJson(text.c_str()) : listObject(kNodes, json_object_new_array());
-    if (!record) {
-        PrvPrintErr({}, kValueDamaged);
-        return false;
-    }
-    json_object* nodes = arrayMember(record.get(), kNodes);
-    if (!nodes) {
-        PrvPrintErr({}, "Parsing nodes key failed");
-        return false;
-    }
     std::set<std::string>& further = furtherNodes(key);
-    if (further.contains(node))
+    const std::list<std::string> entries = cleanedEntries(record.names);
+    if (further.contains(node) || std::find(entries.begin(), entries.end(), node) != entries.end())
         return true;
-    for (const std::string& entry : cleanedEntries(nodes))
-        if (entry == node)
-            return true;
-    if (json_object_array_length(nodes) < kRecordNodes) {
-        json_object_array_add(nodes, json_object_new_string(node.c_str()));
-        if (!writeValue(m_prefsHandle, key, record.get()))
+    if (entries.size() < kRecordNodes) {
+        addName(record, node);
+        if (!store.write(key, record.object.get()))
             return false;
     } else {
-        const bool longRecord = json_object_array_length(nodes) > kRecordNodes;
-        if (!shortenRecord(m_prefsHandle, key, nodes, further) ||
-            (longRecord && !writeValue(m_prefsHandle, key, record.get())) ||
-            !writeFurtherNode(m_prefsHandle, key, node))
+        const bool longRecord = entries.size() > kRecordNodes;
+        if (!shortenRecord(store, key, record.names, further) ||
+            (longRecord && !store.write(key, record.object.get())) || !writeFurtherNode(store, key, node))
             return false;
         further.insert(node);
     }
-    commitPrefs(m_prefsHandle);
+    store.commit();
     return true;
 }
 
 bool PubSubSession::removeNodeFromDeleteStore(const std::string& node, const std::string& appId) {
     const std::string key = kDelete + appId;
-    bool exists = false;
-    std::string text;
-    if (!openPrefs(m_prefsHandle) || !readRecord(m_prefsHandle, key, exists, text))
+    Preferences store = preferences();
+    StoredList record;
+    if (!store.open() || !readList(store, key, kNodes, record))
         return false;
     std::set<std::string>& further = furtherNodes(key);
     if (further.contains(node)) {
-        if (!removeValue(m_prefsHandle, furtherKey(key, node)))
+        if (!removeValue(store, furtherKey(key, node)))
             return false;
         further.erase(node);
-        commitPrefs(m_prefsHandle);
+        store.commit();
         return true;
     }
-    if (!exists) {
+    if (!record.exists) {
         PrvPrintErr({}, "Node %s not present in appid %s", node.c_str(), appId.c_str());
         return false;
     }
-    const JsonRef record = parseJson(text.c_str());
-    if (!record) {
-        PrvPrintErr({}, kValueDamaged);
-        return false;
-    }
-    json_object* nodes = arrayMember(record.get(), kNodes);
-    if (!nodes) {
-        PrvPrintErr({}, "Parsing nodes key failed");
-        return false;
-    }
-    if (!shortenRecord(m_prefsHandle, key, nodes, further))
+    if (!isSound(record, kChangeErrors, key) || !shortenRecord(store, key, record.names, further))
         return false;
     if (further.erase(node) != 0)
-        QPAppRemoveValue(m_prefsHandle, furtherKey(key, node).c_str());
-    if (!writeWithout(m_prefsHandle, key, kNodes, nodes, node))
+        store.remove(furtherKey(key, node));
+    if (!writeWithout(store, key, kNodes, record.names, node))
         return false;
-    commitPrefs(m_prefsHandle);
+    store.commit();
     return true;
 }
 
 bool PubSubSession::cleanupNodes(const std::string& appId, const std::string& storeKey) {
     const std::string key = storeKey.empty() ? kDelete + appId : storeKey;
-    bool exists = false;
-    std::string text;
-    if (!openPrefs(m_prefsHandle) || !readRecord(m_prefsHandle, key, exists, text))
+    Preferences store = preferences();
+    StoredList record;
+    if (!store.open() || !readList(store, key, kNodes, record))
         return false;
     const std::set<std::string>& further = furtherNodes(key);
-    if (!exists && further.empty())
+    if (!record.exists && further.empty())
         return true;
-    const JsonRef record = exists ? parseJson(text.c_str()) : listObject(kNodes, json_object_new_array());
-    if (!record) {
-        PrvPrintErr({}, kRecordDamaged, key.c_str());
-        return false;
-    }
-    json_object* listed = arrayMember(record.get(), kNodes);
-    if (!listed) {
-        PrvPrintErr({}, "Parsing nodes in key failed %s", key.c_str());
-        return false;
-    }
-    if (!listDeletion(m_prefsHandle, key))
+    if (!isSound(record, kCleanupErrors, key) || !listDeletion(store, key))
         return false;
     if (!m_connected)
         return true;
 
-    gloox::StringList nodes = cleanedEntries(listed);
+    gloox::StringList nodes = cleanedEntries(record.names);
     nodes.insert(nodes.end(), further.begin(), further.end());
     for (const std::string& node : nodes) {
         removeOfflineMap(node);
@@ -369,19 +286,14 @@ bool PubSubSession::cleanupNodes(const std::string& appId, const std::string& st
 }
 
 void PubSubSession::deleteBulkNodes() {
-    bool exists = false;
-    std::string text;
-    if (!openPrefs(m_prefsHandle) || !readRecord(m_prefsHandle, kDelete, exists, text) || !exists)
+    Preferences store = preferences();
+    StoredList listing;
+    if (!store.open() || !readList(store, kDelete, kAppId, listing) || !listing.exists ||
+        !isSound(listing, kRetryErrors, kDelete))
         return;
-    const JsonRef list = parseJson(text.c_str());
-    json_object* keys = arrayMember(list.get(), kAppId);
-    if (!keys) {
-        PrvPrintErr({}, kListDamaged);
-        return;
-    }
     // sic: the entry goes on with its quotes, which no key has, so what was listed while disconnected stays.
-    for (std::size_t i = 0; i < json_object_array_length(keys); ++i)
-        cleanupNodes("", json_object_to_json_string(json_object_array_get_idx(keys, i)));
+    for (std::size_t i = 0; i < json_object_array_length(listing.names); ++i)
+        cleanupNodes("", json_object_to_json_string(json_object_array_get_idx(listing.names, i)));
 }
 
 void PubSubSession::handleBulkDelete(const std::string& id, const gloox::JID&, const gloox::Error* error) {
@@ -389,18 +301,16 @@ void PubSubSession::handleBulkDelete(const std::string& id, const gloox::JID&, c
     setPingTimer();
     // sic: a deletion that the server refused is forgotten like one that it did.
     printerror(error);
-    if (!deletion || !openPrefs(m_prefsHandle))
+    Preferences store = preferences();
+    if (!deletion || !store.open())
         return;
     const std::string& key = deletion.mapped();
     const std::set<std::string> further = std::move(furtherNodes(key));
     m_furtherNodes.erase(key);
     for (const std::string& node : further)
-        removeValue(m_prefsHandle, furtherKey(key, node));
-    bool exists = false;
-    std::string ignored;
-    if (further.empty() || (readValue(m_prefsHandle, key, exists, ignored) && exists))
-        if (!removeValue(m_prefsHandle, key))
-            return;
-    unlistDeletion(m_prefsHandle, key);
-    commitPrefs(m_prefsHandle);
+        removeValue(store, furtherKey(key, node));
+    if ((further.empty() || readValue(store, key).exists) && !removeValue(store, key))
+        return;
+    unlistDeletion(store, key);
+    store.commit();
 }

@@ -10,11 +10,11 @@
 #include <sys/stat.h>
 
 #include "platform/bus/qsraii.h"
-#include "platform/prefs/qp.h"
 #include "service/cancel.h"
 #include "service/methods.h"
 #include "service/watchers.h"
 #include "session/credentials.h"
+#include "session/preferences.h"
 #include "session/pubsubsession.h"
 #include "util/log.h"
 #include "util/paths.h"
@@ -74,14 +74,7 @@ void loadCredentials() {
 }
 
 bool openPreferences(CallSite site) {
-    QPHandle* handle = nullptr;
-    const int result = QPAppGetHandle(kServiceName, &handle);
-    if (result != QP_OK) {
-        PrvPrintErr(site, "Error: QPAppGetHandle returned %d", result);
-        return false;
-    }
-    gCurrentSession.m_prefsHandle = handle;
-    return true;
+    return gCurrentSession.preferences().open("Error: QPAppGetHandle returned %d", site);
 }
 
 bool startWatchers(QSHandle* handle, CallSite site) {

@@ -27,6 +27,7 @@
 #include "util/log.h"
 #include "xmpp/resulthandler.h"
 
+class Preferences;
 class Request;
 struct json_object;
 struct QPHandle;
@@ -212,15 +213,17 @@ class PubSubSession : public gloox::MessageHandler,
     void ReadHandlerFile();
     bool UpdateHandlerFile(const char* line, bool append);
 
+    // session/preferences.cpp: the service's own store
+    Preferences preferences();
+
     // delivery/seqno.cpp
     bool getSeqNo(const std::string& node, std::string& seqNo);
     bool getSeqNo(const std::string& node, uint64_t& seqNo);
     void persistSeqNo(const std::string& node, const std::string& seqNo);
     bool isStalePacket(const std::string& node, const std::string& seqNo);
-    // Both buffer their writes in the handle; the caller commits.
-    static void dropSeqNo(QPHandle* handle, const std::string& node);
-    // Clears `key` for a record of the deletion store when an earlier release kept a node's number there.
-    static bool moveNumberAside(QPHandle* handle, const std::string& key);
+    // Clears `key` for a record of the deletion store when an earlier release kept a node's number there. The
+    // caller commits.
+    static bool moveNumberAside(Preferences& store, const std::string& key);
 
     // delivery/offlinemap.cpp
     QPHandle* getOfflinePrefHandle();
@@ -337,7 +340,7 @@ class PubSubSession : public gloox::MessageHandler,
     static constexpr std::size_t kNoCursor = static_cast<std::size_t>(-1);
 };
 
-// maintenance/deletestore.cpp: forgets the number of the node's last item; a node without one is fine.
+// delivery/seqno.cpp: forgets the number of the node's last item; a node without one is fine.
 void removeSeqNo(const std::string& node, PubSubSession& session);
 
 // The factory that other programs of the platform use to log in by themselves.

@@ -72,6 +72,18 @@ void cleanSlashes(std::string& text) {
     removeQuotes(text);
 }
 
+std::list<std::string> cleanedEntries(json_object* array) {
+    std::list<std::string> entries;
+    const std::size_t count =
+        json_object_is_type(array, json_type_array) ? json_object_array_length(array) : 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        std::string entry = json_object_to_json_string(json_object_array_get_idx(array, i));
+        cleanSlashes(entry);
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
 void getStringFromJSONObject(json_object* object, std::string& text) {
     text = json_object_to_json_string(object);
     removeAll(text, '\\');

@@ -5,6 +5,7 @@
 #include <json-c/json.h>
 
 #include <cstdint>
+#include <list>
 #include <string>
 
 // The value with every backslash and double quote removed; "" when it is missing or empty. The reason is
@@ -19,6 +20,8 @@ bool getJSONInt(json_object* object, const char* key, std::string& errorText, in
 
 void removeQuotes(std::string& text);  // every double quote
 void cleanSlashes(std::string& text);  // every backslash, then every double quote
+// The JSON text of each entry, cleaned so; empty when it is no array.
+std::list<std::string> cleanedEntries(json_object* array);
 // The object's JSON text without backslashes. sic: it is no valid JSON any more when a string held an escape.
 void getStringFromJSONObject(json_object* object, std::string& text);
 

@@ -256,7 +256,7 @@ TEST_F(CleanUp, TwiceListsTheRecordTwiceAndEitherAnswerRemovesBoth) {
     EXPECT_FALSE(stored().contains("delete"));
     answer(first);
     EXPECT_EQ(takeEvents(), Texts{kPing});
-    EXPECT_EQ(takeLogLines(), Texts{"removeValue: Removing delete key failed " + kKey});
+    EXPECT_EQ(takeLogLines(), Texts{"handleBulkDelete: Removing delete key failed " + kKey});
     EXPECT_TRUE(session().m_deleteMap.empty());
 }
 
@@ -345,7 +345,7 @@ TEST_F(CleanUp, AnswerLeavesADamagedListingAlone) {
     takeEvents();
     takeLog();
     answer(lastId());
-    EXPECT_EQ(takeLogLines(), Texts{"unlistDeletion: Parsing value failed"});
+    EXPECT_EQ(takeLogLines(), Texts{"handleBulkDelete: Parsing value failed"});
     EXPECT_EQ(at("delete"), "damaged");
     EXPECT_FALSE(stored().contains(kKey));
 }

@@ -111,6 +111,15 @@ TEST_F(DeleteStore, TakesNoNumberOfANodeForAFurtherNode) {
     EXPECT_TRUE(session().isStalePacket("deletecom.example.app news", "42"));
 }
 
+TEST_F(DeleteStore, TakesNoKeyThatCannotBeReadForAFurtherNode) {
+    store("deletecom.example.app /u/a", nodesOf(R"("\/u\/a")"));
+    store("deletecom.example.app /u/b", nodesOf(R"("\/u\/b")"));
+    session().persistSeqNo("/x", "1");  // opens the store
+    fakePrefs().failNext("QPAppCopyValue", QP_IO);
+    EXPECT_EQ(session().furtherNodes(kKey), (std::set<std::string>{"/u/b"}));
+    EXPECT_EQ(takeLog(), Texts{"Reading deletecom.example.app /u/a from the preferences failed. 3"});
+}
+
 TEST_F(CleanUp, TakesEveryNodeOfALargeApplicationAndLeavesNothing) {
     for (const bool record : {true, false}) {
         for (int i = 0; i < 70; ++i)

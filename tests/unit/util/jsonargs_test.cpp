@@ -134,6 +134,13 @@ TEST(Cleaners, LeaveAnEmptyTextEmpty) {
     EXPECT_EQ(text, "");
 }
 
+TEST(Cleaners, CleanEachEntryOfAnArrayAndFindNoneInAnythingElse) {
+    const JsonRef array = parseJson(R"(["/a/b", "a\"b", 5, null, ["c"]])");
+    EXPECT_EQ(cleanedEntries(array.get()), (std::list<std::string>{"/a/b", "ab", "5", "null", "[ c ]"}));
+    EXPECT_TRUE(cleanedEntries(parseJson(R"({"0":"a"})").get()).empty());
+    EXPECT_TRUE(cleanedEntries(nullptr).empty());
+}
+
 TEST(ObjectText, LosesItsBackslashesAndKeepsItsQuotes) {
     JsonRef object = parseJson(R"({"node":"/a/b","text":"say \"x\""})");
     std::string text = "old";
