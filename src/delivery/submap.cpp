@@ -56,7 +56,7 @@ bool PubSubSession::removeSubMap(const std::string& node) {
         return false;
     if (subscriber->second.handle)
         checkAndRemove(subscriber->second.handle, node);
-    m_deferredSubscribes.erase(node);
+    dropDeferredSubscriber(node);
     // Last: `node` may be the key itself.
     subMap.erase(subscriber);
     return true;

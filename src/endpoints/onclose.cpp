@@ -43,7 +43,7 @@ bool registerOnClose(QSHandle* handle, QSMessage* message, void*) {
         return request.refuse();
     if (!request.processSubscription())
         return request.refuse("libErr", "Subscribe on Zelt bus failed");
-    gCurrentSession.m_onCloseRegistered = true;
+    gCurrentSession.setOnCloseRegistered(true);
     sendReply(handle, message, R"({"returnValue":true})");
     return true;
 }
@@ -81,4 +81,8 @@ bool unsubscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
     session.removeOfflineMap(request.node);
     endpointReply(true, request.endpoint).respond(message, "", kUnsubscribeFailed);
     return true;
+}
+
+void PubSubSession::setOnCloseRegistered(bool registered) {
+    m_onCloseRegistered = registered;
 }

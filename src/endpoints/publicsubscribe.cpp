@@ -156,7 +156,8 @@ void PubSubSession::activateDeferredSubscribers() {
         } else if (!id.empty()) {
             setEndpointMap(id, request.message.get(), request.endpoint, request.node, request.appId);
         } else {
-            QSHandle* handle = subMap[request.node].handle;
+            const auto subscriber = subMap.find(request.node);
+            QSHandle* handle = subscriber == subMap.end() ? nullptr : subscriber->second.handle;
             removeSubMap(request.node);
             PrvPrintErr({}, "Error %s, Incoming %s", kLibraryNotInitialized,
                         QSMessageGetPayload(request.message.get()));
@@ -174,6 +175,10 @@ void PubSubSession::settleDeferredSubscriber(const std::string& node) {
     // The result that is still to come must not answer it again.
     dropEndpointRequests(request.message.get());
     endpointReply(true, request.endpoint).respond(request.message.get(), "", kSubscribeFailed);
+}
+
+void PubSubSession::dropDeferredSubscriber(const std::string& node) {
+    m_deferredSubscribes.erase(node);
 }
 
 void PubSubSession::firstAnswerGiven(const _endpointStruct& request) {

@@ -65,6 +65,10 @@ void PubSubSession::removeActivateMap(const std::string& node) {
     m_activateMap.erase(node);
 }
 
+void PubSubSession::forgetActivations() {
+    m_activateMap.clear();
+}
+
 void PubSubSession::activateNodes() {
     if (!m_pubsub)
         return;

@@ -296,6 +296,10 @@ void PubSubSession::deleteBulkNodes() {
         cleanupNodes("", json_object_to_json_string(json_object_array_get_idx(listing.names, i)));
 }
 
+void PubSubSession::forgetBulkDeletions() {
+    m_deleteMap.clear();
+}
+
 void PubSubSession::handleBulkDelete(const std::string& id, const gloox::JID&, const gloox::Error* error) {
     const auto deletion = m_deleteMap.extract(id);
     setPingTimer();

@@ -55,7 +55,7 @@ bool cancelFunction(QSHandle* handle, QSMessage* message, void*) {
     }
     if (method == "registerOnClose") {
         PrvPrintErr({}, "Headless app crashed?");
-        gCurrentSession.m_onCloseRegistered = false;
+        gCurrentSession.setOnCloseRegistered(false);
     }
     return true;
 }

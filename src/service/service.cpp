@@ -70,7 +70,7 @@ void loadCredentials() {
         return;
     ReadCredentials(gjid, gpasswd, gresource, gserver, gport, gpNode);
     gCurrentSession.setSessionDetails(gjid, gpasswd, gresource, gserver, gpNode, gport);
-    gCurrentSession.m_domain = domainOf(gjid);
+    gCurrentSession.setDomain(domainOf(gjid));
 }
 
 bool openPreferences(CallSite site) {

@@ -161,6 +161,14 @@ void PubSubSession::reconnect() {
         scheduleReconnect();
 }
 
+void PubSubSession::stopReconnecting() {
+    m_retryCount = -1;
+    if (!m_reconnectPending)
+        return;
+    removeReconnectTimer();
+    m_reconnectPending = false;
+}
+
 bool PubSubSession::reconnectResponse(QSHandle*, QSMessage* reply, void* context) {
     bool accepted = false;
     if (!readReply(reply, "returnValue", "Could find returnValue? %s", "reconnectResponse failed.  %s",

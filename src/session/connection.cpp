@@ -183,12 +183,8 @@ void PubSubSession::onConnect() {
     m_connecting = false;
     m_survivedOutage = false;
     m_lastError = 0;
-    m_retryCount = -1;
     PrvPrintErr({}, "We formed a connection with the xmpp server");
-    if (m_reconnectPending) {
-        removeReconnectTimer();
-        m_reconnectPending = false;
-    }
+    stopReconnecting();
     setPingTimer();
     m_spare3 = false;
     if (m_client)
@@ -224,8 +220,8 @@ void PubSubSession::cleanUpOnDisconnect() {
             removeSubMap(request.node);
         answerDisconnected(request);
     }
-    m_deleteMap.clear();
-    m_activateMap.clear();
+    forgetBulkDeletions();
+    forgetActivations();
 }
 
 void PubSubSession::disconnect() {

@@ -8,7 +8,6 @@
 
 #include <glib.h>
 #include <gloox/connectionlistener.h>
-#include <gloox/discohandler.h>
 #include <gloox/jid.h>
 #include <gloox/loghandler.h>
 #include <gloox/messagehandler.h>
@@ -23,9 +22,10 @@
 #include <string>
 
 #include "platform/bus/qsraii.h"
+#include "session/copiedempty.h"
 #include "session/endpointrequest.h"
 #include "util/log.h"
-#include "xmpp/resulthandler.h"
+#include "xmpp/unaskedresults.h"
 
 class Preferences;
 class Request;
@@ -37,22 +37,24 @@ class Client;
 class Manager;
 }  // namespace xmpp
 
-class PubSubSession : public gloox::MessageHandler,
+class PubSubSession : public CopiedEmpty<PubSubSession>,
+                      public gloox::MessageHandler,
                       public gloox::ConnectionListener,
-                      public xmpp::ResultHandler,
-                      public gloox::DiscoHandler,
+                      public xmpp::UnaskedResults,
                       public gloox::LogHandler {
   public:
     // session/session.cpp: construction, details, state folder
     PubSubSession();
     ~PubSubSession() override;
-    PubSubSession(const PubSubSession&) = default;             // copied only while it owns nothing
-    PubSubSession& operator=(const PubSubSession&) = default;  // likewise
+    PubSubSession(const PubSubSession&) = default;  // ends the process unless the original owns nothing
+    PubSubSession& operator=(const PubSubSession&) = default;  // unless neither side does
+    bool ownsNothing() const;
 
     void setSessionDetails(const std::string& jid, const std::string& password, const std::string& resource,
                            const std::string& server, const std::string& service, int port);
     void getSessionDetails(std::string& jid, std::string& password, std::string& resource,
                            std::string& server, std::string& service, int& port);
+    void setDomain(const std::string& domain);
     void createCacheDir();
     void turnOffTls();
 
@@ -75,16 +77,9 @@ class PubSubSession : public gloox::MessageHandler,
     // nodes/createnode.cpp
     void handleNodeCreation(const std::string& id, const gloox::JID& service, const std::string& node,
                             const gloox::Error* error) override;
-    // session/unusedresults.cpp: results of operations that this service never asks for
-    void handleItem(const gloox::JID& service, const std::string& node, const gloox::Tag* entry) override;
-    void handleItems(const std::string& id, const gloox::JID& service, const std::string& node,
-                     const gloox::PubSub::ItemList& items, const gloox::Error* error) override;
     // nodes/publish.cpp
     void handleItemPublication(const std::string& id, const gloox::JID& service, const std::string& node,
                                const gloox::PubSub::ItemList& items, const gloox::Error* error) override;
-    // session/unusedresults.cpp
-    void handleItemDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
-                              const gloox::PubSub::ItemList& items, const gloox::Error* error) override;
     // delivery/subscribetonode.cpp
     void handleSubscriptionResult(const std::string& id, const gloox::JID& service, const std::string& node,
                                   const std::string& subid, const gloox::JID& subscriber,
@@ -94,22 +89,6 @@ class PubSubSession : public gloox::MessageHandler,
     void handleUnsubscriptionResult(const std::string& id, const gloox::JID& service, const std::string& node,
                                     const std::string& subid, const gloox::JID& subscriber,
                                     const gloox::Error* error) override;
-    // session/unusedresults.cpp
-    void handleSubscriptionOptions(const std::string& id, const gloox::JID& service, const gloox::JID& jid,
-                                   const std::string& node, const gloox::DataForm* options,
-                                   const std::string& subid, const gloox::Error* error) override;
-    void handleSubscriptionOptionsResult(const std::string& id, const gloox::JID& service,
-                                         const gloox::JID& jid, const std::string& node,
-                                         const std::string& subid, const gloox::Error* error) override;
-    void handleSubscribers(const std::string& id, const gloox::JID& service, const std::string& node,
-                           const gloox::PubSub::SubscriptionList& list, const gloox::Error* error) override;
-    void handleSubscribersResult(const std::string& id, const gloox::JID& service, const std::string& node,
-                                 const gloox::PubSub::SubscriberList* list,
-                                 const gloox::Error* error) override;
-    void handleAffiliates(const std::string& id, const gloox::JID& service, const std::string& node,
-                          const gloox::PubSub::AffiliateList* list, const gloox::Error* error) override;
-    void handleAffiliatesResult(const std::string& id, const gloox::JID& service, const std::string& node,
-                                const gloox::PubSub::AffiliateList* list, const gloox::Error* error) override;
     // nodes/nodeconfig.cpp
     void handleNodeConfig(const std::string& id, const gloox::JID& service, const std::string& node,
                           const gloox::DataForm* config, const gloox::Error* error) override;
@@ -120,13 +99,6 @@ class PubSubSession : public gloox::MessageHandler,
                               const gloox::Error* error) override;
     void handleNodePurge(const std::string& id, const gloox::JID& service, const std::string& node,
                          const gloox::Error* error) override;
-    // session/unusedresults.cpp
-    void handleSubscriptions(const std::string& id, const gloox::JID& service,
-                             const gloox::PubSub::SubscriptionMap& map, const gloox::Error* error) override;
-    void handleAffiliations(const std::string& id, const gloox::JID& service,
-                            const gloox::PubSub::AffiliationMap& map, const gloox::Error* error) override;
-    void handleDefaultNodeConfig(const std::string& id, const gloox::JID& service,
-                                 const gloox::DataForm* config, const gloox::Error* error) override;
     // endpoints/publishkeys.cpp
     void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
                          const std::string& status, const gloox::Error* error) override;
@@ -145,10 +117,6 @@ class PubSubSession : public gloox::MessageHandler,
                                 const gloox::Error* error) override;
     void handleBulkActivate(const std::string& id, const gloox::JID& service,
                             const gloox::Error* error) override;
-    // session/unusedresults.cpp
-    void handleDiscoInfo(const gloox::JID& from, const gloox::Disco::Info& info, int context) override;
-    void handleDiscoItems(const gloox::JID& from, const gloox::Disco::Items& items, int context) override;
-    void handleDiscoError(const gloox::JID& from, const gloox::Error* error, int context) override;
 
     // session/requests.cpp: requests that wait for the server's result, by request id
     void keepRequest(const std::string& id, QSMessage* message);
@@ -190,6 +158,7 @@ class PubSubSession : public gloox::MessageHandler,
     bool setReconnectTimer(const std::string& in);
     void setPingTimer();
     void removeReconnectTimer();
+    void stopReconnecting();  // once there is a connection
     void removePingTimer();
     void setPowerOn();
     void getBootStatus();
@@ -258,7 +227,11 @@ class PubSubSession : public gloox::MessageHandler,
     // endpoints/publicsubscribe.cpp: subscribers that came while there was no connection
     void activateDeferredSubscribers();
     void settleDeferredSubscriber(const std::string& node);
+    void dropDeferredSubscriber(const std::string& node);
     void firstAnswerGiven(const _endpointStruct& request);
+
+    // endpoints/onclose.cpp
+    void setOnCloseRegistered(bool registered);
 
     // endpoints/writerate.cpp: `writes` says whether the request changes what is on the disk. Later: it was
     // kept, and `handler` is called with it again. Never: too many of the application wait.
@@ -269,6 +242,7 @@ class PubSubSession : public gloox::MessageHandler,
     bool activateNode(const std::string& node, std::string& requestId);
     void activated(const std::string& node, bool value);
     void removeActivateMap(const std::string& node);
+    void forgetActivations();  // the server keeps none over a disconnect
     void activateNodes();
 
     // maintenance/deletestore.cpp
@@ -280,6 +254,7 @@ class PubSubSession : public gloox::MessageHandler,
     bool removeNodeFromDeleteStore(const std::string& node, const std::string& appId);
     bool cleanupNodes(const std::string& appId, const std::string& storeKey);
     void deleteBulkNodes();
+    void forgetBulkDeletions();  // no answer comes after a disconnect
 
     std::map<std::string, KeptMessage> m_msgMap;  // requests waiting for a result, by request id
     std::list<std::string> m_pendingList;         // nodes with pending subscribers still to be asked for

@@ -26,6 +26,10 @@ PubSubSession::~PubSubSession() {
     delete m_pubsub;
 }
 
+bool PubSubSession::ownsNothing() const {
+    return !m_client && !m_pubsub && !m_prefsHandle && !m_offlinePrefHandle && m_writeTimer == 0;
+}
+
 void PubSubSession::setSessionDetails(const std::string& jid, const std::string& password,
                                       const std::string& resource, const std::string& server,
                                       const std::string& service, int port) {
@@ -47,6 +51,10 @@ void PubSubSession::getSessionDetails(std::string& jid, std::string& password, s
     server = m_server;
     service = m_pubsubService;
     port = m_port;
+}
+
+void PubSubSession::setDomain(const std::string& domain) {
+    m_domain = domain;
 }
 
 void PubSubSession::createCacheDir() {

@@ -92,6 +92,9 @@ void ServiceTest::dropSession() {
     delete std::exchange(old.m_pubsub, nullptr);
     pump();
     fakePrefs().restart();
+    old.m_prefsHandle = old.m_offlinePrefHandle = nullptr;  // ended with the restart
+    if (const guint timer = std::exchange(old.m_writeTimer, 0))
+        g_source_remove(timer);
     gCurrentSession = gPubSub;
 }
 

@@ -2,6 +2,8 @@
 // The session object: its initial values, its details, its folder, and what happens to it in the end.
 #include <sys/stat.h>
 
+#include <utility>
+
 #include "tests/fakes/servicefixture.h"
 #include "xmpp/client.h"
 #include "xmpp/manager.h"
@@ -160,6 +162,39 @@ TEST_F(Session, GoesWithItsClientAndReportsNothing) {
     EXPECT_EQ(takeEvents(), Texts{});
     EXPECT_EQ(takeLogLines(), Texts{});
     EXPECT_FALSE(fakeServer().connected());
+}
+
+// A copy would release twice what the original owns, and lose what it overwrites.
+TEST_F(Session, EndsTheProcessRatherThanCopyWhatItOwns) {
+    const auto expectDeath = [&] {
+        EXPECT_DEATH(PubSubSession(session()).createCacheDir(), "ownsNothing");
+        EXPECT_DEATH(session() = gPubSub, "ownsNothing");
+        PubSubSession other;
+        EXPECT_DEATH(other = session(), "ownsNothing");
+    };
+    EXPECT_TRUE(session().ownsNothing());
+    session() = gPubSub;
+    const PubSubSession copy(session());
+    EXPECT_TRUE(copy.ownsNothing());
+
+    giveDetails();
+    EXPECT_TRUE(session().ownsNothing());
+    ASSERT_TRUE(session().createSession());
+    expectDeath();
+    session().dropClient();
+    expectDeath();  // the manager is still there
+    delete std::exchange(session().m_pubsub, nullptr);
+    EXPECT_TRUE(session().ownsNothing());
+    session().persistSeqNo("/a", "1");
+    expectDeath();
+    QPAppFreeHandle(std::exchange(session().m_prefsHandle, nullptr), false);
+    session().setOfflineMap("/a", "com.example.app");
+    expectDeath();
+    QPAppFreeHandle(std::exchange(session().m_offlinePrefHandle, nullptr), false);
+    EXPECT_TRUE(session().ownsNothing());
+    session().m_writeTimer = 1;
+    expectDeath();
+    session().m_writeTimer = 0;
 }
 
 TEST_F(Session, LogsTheLibrarysLinesUnderItsOwnName) {
