@@ -79,8 +79,8 @@ WRITERS = {
 }
 
 # No other file than the writer even reads these: they are reached through its functions.
-CLOSED = {"m_msgMap", "m_endpointMap", "m_deferredSubscribes", "m_writeRates", "m_writing", "appNodeMap", "m_activateMap",
-          "m_deleteMap", "m_furtherNodes", "m_furtherNodesRead", "m_pendingList", "m_pendingCursor",
+CLOSED = {"m_msgMap", "m_endpointMap", "m_deferredSubscribes", "m_writeRates", "m_writing", "appNodeMap",
+          "m_activateMap",          "m_deleteMap", "m_furtherNodes", "m_furtherNodesRead", "m_pendingList", "m_pendingCursor",
           "m_retryCount", "m_source", "m_socket"}
 
 # Functions of the class that hand out a member to be written, and the files that may call them.
@@ -97,8 +97,8 @@ READING_CALLS = {
     "g_io_channel_unix_new",
 }
 
-MUTATOR = (r"(?:erase|clear|insert\w*|emplace\w*|try_emplace|extract|push_\w+|pop_\w+|remove\w*|swap|merge|assign|append|"
-           r"resize|sort|unique|splice|reset|replace|set\w*|begin|rbegin|data)\s*\(")
+MUTATOR = (r"(?:erase|clear|insert\w*|emplace\w*|try_emplace|extract|push_\w+|pop_\w+|remove\w*|swap|merge|assign|"
+           r"append|resize|sort|unique|splice|reset|replace|set\w*|begin|rbegin|data)\s*\(")
 ASSIGNMENT = r"(?:[-+*/%|&^]|<<|>>)?=(?!=)"
 PART = r"(?:\s*(?:\.|->)\s*\w+(?:\s*\([^()]*\))?)"  # .second, ->second, .front(), .at(key)
 # What follows the name in a write. `->` alone leads away from the member, unless it is an iterator's.
@@ -110,7 +110,8 @@ ITERATOR_OF = re.compile(r"\s*\.\s*(?:find|begin|end|lower_bound|upper_bound)\s*
 OBJECT = re.compile(r"(?:\b\w+\s*(?:\.|->|::)\s*)?$")  # session. session-> gCurrentSession. PubSubSession:: this->
 WRITTEN_BEFORE = re.compile(r"(?:\+\+|--|\bdelete\s|(?:[(,={?:]|\breturn)\s*&|>>|\[[^\]]*&\s*\w+\s*=)\s*$")
 # A reference that is not const, to the member or to a part of it: for (auto& entry : M), Map& map = a ? M : other
-REFERENCE_TO = re.compile(r"(?:^|[(;{}])\s*(?:for\s*\(\s*)?(?P<type>(?:\w|::|<[^;={}]*>|\s|\*)+)&\s*(?:\w+|\[[^\]]*\])\s*[:={(](?P<rest>[^;]*)$")
+REFERENCE_TO = re.compile(r"(?:^|[(;{}])\s*(?:for\s*\(\s*)?(?P<type>(?:\w|::|<[^;={}]*>|\s|\*)+)&\s*"
+                          r"(?:\w+|\[[^\]]*\])\s*[:={(][^;]*$")
 
 
 def stripped(text):
@@ -245,15 +246,18 @@ class Owners(unittest.TestCase):
 
 class Detection(unittest.TestCase):
     WRITES = [
-        "m_x = 1;", "session.m_x = 1;", "session->m_x += 1;", "gCurrentSession.m_x |= true;", "++m_x;", "--session.m_x;",
+        "m_x = 1;", "session.m_x = 1;", "session->m_x += 1;", "gCurrentSession.m_x |= true;", "++m_x;",
+        "--session.m_x;",
         "m_x++;", "m_x[key] = 1;", "f(m_x[key]);", "m_x.erase(key);", "session.m_x.clear();", "m_x.extract(key);",
         "if (m_x.emplace(a, b).second)", "m_x.push_back(a);", "m_x.remove_if(f);", "m_x.insert_or_assign(a, b);",
         "auto old = std::exchange(m_x, nullptr);", "delete std::exchange(session.m_x, nullptr);",
         "std::swap(a, m_x);", "std::erase_if(m_x, f);", "auto moved = std::move(session.m_x);", "delete m_x;",
         "QPAppGetHandle(name, &m_x);", "auto* pointer = &session.m_x;", "return &m_x;", "fill(1, m_x);",
-        "auto& map = m_x;", "Map& map = app ? other : m_x;", "std::list<std::string>& list = (app ? m_x : other)[node];",
+        "auto& map = m_x;", "Map& map = app ? other : m_x;",
+        "std::list<std::string>& list = (app ? m_x : other)[node];",
         "for (auto& [node, rate] : session->m_x) {", "for (std::pair<const int, int>& entry : m_x)",
-        "m_x.at(key) = 1;", "m_x.front().clear();", "m_x.field = 1;", "return {name, m_x};", "Preferences store{name, m_x};",
+        "m_x.at(key) = 1;", "m_x.front().clear();", "m_x.field = 1;", "return {name, m_x};",
+        "Preferences store{name, m_x};",
         "Preferences store(name, m_x);", "PubSubSession::m_x = nullptr;", "this->m_x = 1;", "x = m_x = 1;",
         "const auto entry = m_x.find(node);\n    entry->second.handle = handle;",
         "auto entry = session.m_x.find(node);\n    if (entry->second.remove(endpoint) == 0)",
@@ -262,11 +266,13 @@ class Detection(unittest.TestCase):
         "std::tie(a, m_x) = pair;",
     ]
     READS = [
-        "if (m_x == 1)", "if (m_x)", "if (!session.m_x || other)", "a = m_x;", "f(m_x + 1);", "return m_x;", "x == m_x;",
+        "if (m_x == 1)", "if (m_x)", "if (!session.m_x || other)", "a = m_x;", "f(m_x + 1);", "return m_x;",
+        "x == m_x;",
         "const auto entry = m_x.find(node);\n    if (entry != m_x.end() && entry->second == 1)",
         "const auto& entries = gCurrentSession.m_x;", "for (const auto& [node, entry] : m_x)", "m_x.contains(node);",
         "m_x->send(iq);", "session.m_x->disconnect();", "if (a && m_x)", "a & m_x;", "gloox::JID(session.m_x);",
-        "const gloox::JID service(m_x);", "m_x.full().empty();", "reply.set(key, session.m_x);", "m_x >= 1;", "m_x <= 1;",
+        "const gloox::JID service(m_x);", "m_x.full().empty();", "reply.set(key, session.m_x);", "m_x >= 1;",
+        "m_x <= 1;",
         "m_x != 1;", "const std::string start = session.m_x + 0;", "// m_x = 1", "/* m_x = 1 */", "log(\"m_x = 1\");",
         "const gloox::JID jid = gCurrentSession.m_x;", "QSHandle* handle = m_x;", "std::string& text = other; if (m_x)",
     ]
