@@ -79,9 +79,9 @@ WRITERS = {
 }
 
 # No other file than the writer even reads these: they are reached through its functions.
-CLOSED = {"m_msgMap", "m_endpointMap", "m_deferredSubscribes", "m_writeRates", "m_writing", "appNodeMap",
-          "m_activateMap",          "m_deleteMap", "m_furtherNodes", "m_furtherNodesRead", "m_pendingList", "m_pendingCursor",
-          "m_retryCount", "m_source", "m_socket"}
+CLOSED = {"m_msgMap", "m_endpointMap", "m_deferredSubscribes", "m_writeRates", "m_writing", "appNodeMap", "m_deleteMap",
+          "m_activateMap", "m_furtherNodes", "m_furtherNodesRead", "m_pendingList", "m_pendingCursor", "m_retryCount",
+          "m_source", "m_socket"}
 
 # Functions of the class that hand out a member to be written, and the files that may call them.
 DOORS = {"furtherNodes": {"maintenance/deletestore.cpp"}}
