@@ -352,7 +352,7 @@ void CacheFiles::noteChange() {
 }
 
 void CacheFiles::refresh() {
-    const std::string folder = cacheDir();
+    const std::string& folder = cacheDir();
     if (folder != m_folder) {
         m_folder = folder;
         m_apart = stateDir() + "/cache.nodes/";

@@ -42,7 +42,7 @@ struct Invocation {
     bool version = false;
     unsigned timeoutSeconds = 30;
 
-    bool has(const char* option) const { return options.count(option) > 0; }
+    bool has(const char* option) const { return options.contains(option); }
     std::string value(const char* option) const;
     std::vector<std::string> values(const char* option) const;  // of an option that may be repeated
 };

@@ -13,8 +13,6 @@
 #include <csignal>
 #include <cstring>
 
-extern char** environ;
-
 namespace {
 
 // A descriptor at the beginning of the text; negative when there is none left.

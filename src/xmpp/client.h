@@ -40,6 +40,8 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
   public:
     Client(const gloox::JID& jid, const std::string& password, int port);
     ~Client() override;
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
 
     // Events and forms from anyone but this entity are dropped and logged.
     void setPubSubService(const gloox::JID& service);

@@ -21,6 +21,10 @@ std::atomic<int> runningThreads = 0;
 
 struct AddressList {
     addrinfo* first = nullptr;
+
+    AddressList() = default;
+    AddressList(const AddressList&) = delete;
+    AddressList& operator=(const AddressList&) = delete;
     ~AddressList() {
         if (first)
             freeaddrinfo(first);
@@ -59,6 +63,7 @@ SocketAddress SocketAddress::numeric(const std::string& host, int port) {
     return addresses.front();
 }
 
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): an aggregate, made in one place
 struct Lookup::Task {
     std::string host;
     int port;

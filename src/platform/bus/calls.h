@@ -10,6 +10,7 @@
 #include "platform/bus/namewatch.h"
 #include "platform/bus/uri.h"
 
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): an aggregate; its slot cannot be copied
 struct Call {
     QSHandle* handle;  // borrowed: it owns the call
     QSToken token;

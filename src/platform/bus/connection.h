@@ -40,6 +40,7 @@ struct SharedWatch {
     Slot rule;
 };
 
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): the slots in it cannot be copied
 struct QSHandle {
     sd_bus* bus = nullptr;
     QSBus side = QSBus::Private;

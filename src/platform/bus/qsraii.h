@@ -23,7 +23,7 @@ class BusError {
 };
 
 // Holds one reference on a bus message; copying takes another one.
-class KeptMessage {
+class KeptMessage {  // NOLINT(cppcoreguidelines-special-member-functions): one assignment, by value
   public:
     KeptMessage() = default;
     explicit KeptMessage(QSMessage* message) : m_message(message) {

@@ -78,7 +78,7 @@ void ApplicationList::update(const std::set<std::string>& applications) {
     if (m_known && applications == m_installed)
         return;
     for (const std::string& application : m_installed) {
-        if (!applications.count(application))
+        if (!applications.contains(application))
             m_removed.insert(application);
     }
     // An application that came back before its removal was announced keeps its data.

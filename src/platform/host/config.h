@@ -15,7 +15,7 @@ struct HostConfig {
     unsigned settleMs = 2000;                                    // [applications] settle-ms
     std::set<std::string> services;                              // [services] enabled, all when empty
 
-    bool runs(const char* service) const { return services.empty() || services.count(service) > 0; }
+    bool runs(const char* service) const { return services.empty() || services.contains(service); }
 };
 
 // False with the problem when there is a file that cannot be used.

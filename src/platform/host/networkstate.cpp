@@ -21,7 +21,7 @@ namespace {
 
 const Link* findLink(const NetworkSnapshot& snapshot, const NetworkRules& rules, int index) {
     for (const Link& link : snapshot.links) {
-        if (link.index == index && (rules.interfaces.empty() || rules.interfaces.count(link.name)))
+        if (link.index == index && (rules.interfaces.empty() || rules.interfaces.contains(link.name)))
             return &link;
     }
     return nullptr;
