@@ -1,11 +1,14 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: GPL-3.0-only
-"""Builds with the sanitizers and runs the tests, kind by kind; the last line is "N passed, N failed"."""
+"""Builds with the sanitizers and runs the tests, kind by kind; the last line is "N passed, N failed".
+
+Without a kind those of TESTS run. Those of GATES, which need builds of their own, run when they are named."""
 
 import json
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -15,7 +18,9 @@ from concurrent.futures import ThreadPoolExecutor
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PRESET = os.environ.get("PUBSUB_TEST_PRESET", "asan")
 BIN = ROOT / "build" / PRESET / "bin"
-KINDS = ("style", "unit", "contract", "server", "e2e")
+TESTS = ("style", "unit", "contract", "server", "e2e")
+BUILT = {"unit", "contract", "e2e"}  # need the programs of PRESET
+GATES = ("clang", "tidy")
 PROGRAM_DEADLINE = 600  # seconds for one test program
 
 ENVIRONMENT = dict(
@@ -76,11 +81,46 @@ def run_counting(name, command):
     return Result(name, passed, failed, time.monotonic() - start, output)
 
 
+def run_build(preset):
+    """One check: the preset is built. What the compiler says is printed as it comes."""
+    print(f"Building ({preset})", flush=True)
+    start = time.monotonic()
+    command = [str(ROOT / "scripts/build"), preset]
+    failed = int(subprocess.run(command, stdin=subprocess.DEVNULL, check=False).returncode != 0)
+    return Result(f"build {preset}", 1 - failed, failed, time.monotonic() - start, "The build failed.")
+
+
+def run_check(name, command):
+    """A command whose exit status is all that it says."""
+    start = time.monotonic()
+    status, output = run_program(command)
+    return Result(name, int(not status), int(bool(status)), time.monotonic() - start, output)
+
+
+def tidy_programs():
+    """One check for each source of the product, with the commands of the build with clang."""
+    if not shutil.which("clang-tidy"):
+        yield "clang-tidy", lambda: Result("clang-tidy", 0, 1, 0, "clang-tidy is missing; scripts/install-packages")
+        return
+    configured, output = run_program(["cmake", "--preset", "clang"])
+    if configured:
+        yield "configure", lambda: Result("configuring the clang build", 0, 1, 0, output)
+        return
+    for path in sorted((ROOT / "src").rglob("*.cpp")):
+        name = str(path.relative_to(ROOT))
+        command = ["clang-tidy", "--quiet", "-p", "build/clang", name]
+        yield name, lambda name=name, command=command: run_check(name, command)
+
+
 def programs_of(kind):
     """The test programs of a kind as (name, function without arguments)."""
     if kind in ("unit", "contract"):
         for path in sorted(BIN.glob(kind + "_*")):
             yield path.name, lambda path=path: run_googletest(path)
+    elif kind == "clang":
+        yield kind, lambda: run_build("clang")
+    elif kind == "tidy":
+        yield from tidy_programs()
     elif kind == "server":
         for path in sorted((ROOT / "tests/server").glob("test_*.py")):
             command = ["/usr/bin/python3", str(ROOT / "tests/server/run_tests.py"), path.stem + "."]
@@ -100,17 +140,16 @@ def report(result):
 
 
 def main(kinds):
-    unknown = [kind for kind in kinds if kind not in KINDS]
+    unknown = [kind for kind in kinds if kind not in TESTS + GATES]
     if unknown:
-        print(f"unknown kind of test: {', '.join(unknown)}; there are: {', '.join(KINDS)}", file=sys.stderr)
+        print(f"unknown kind of test: {', '.join(unknown)}; there are: {', '.join(TESTS + GATES)}", file=sys.stderr)
         return 2
-    kinds = [kind for kind in KINDS if not kinds or kind in kinds]
-    if set(kinds) & {"unit", "contract", "e2e"}:
-        print(f"Building ({PRESET})", flush=True)
-        if subprocess.run([str(ROOT / "scripts/build"), PRESET], stdin=subprocess.DEVNULL, check=False).returncode:
-            print("The build failed.\n0 passed, 1 failed")
-            return 1
+    kinds = [kind for kind in TESTS + GATES if kind in (kinds or TESTS)]
     passed = failed = 0
+    if set(kinds) & BUILT and run_build(PRESET).failed:
+        print("The build failed.", flush=True)
+        failed = 1
+        kinds = [kind for kind in kinds if kind not in BUILT]
     for kind in kinds:
         print(f"== {kind}", flush=True)
         programs = list(programs_of(kind))
