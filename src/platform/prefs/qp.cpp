@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The QP calls: handles, which buffer writes over the store of their application.
+// The QP calls. A handle buffers writes to the store of its application.
 //
-// A handle holds nothing but its buffer; the store behind it belongs to the process and
-// outlives every handle.
+// A handle holds only this buffer; the store belongs to the process and outlives every handle.
 #include "platform/prefs/qp.h"
 
 #include <cstring>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Moving a damaged database out of the way. The numbers only rise, so that no earlier damaged
-// file is overwritten.
+// Moving a damaged database out of the way, to the first free number, so that no earlier
+// damaged file is overwritten.
 #include "platform/prefs/setaside.h"
 
 #include <fcntl.h>
@@ -45,8 +45,8 @@ std::string setDamagedFileAside(const std::string& appId, const std::string& fil
         }
         aside = file + ".damaged-" + std::to_string(++number);
     }
-    // The write-ahead log belongs to the damaged file and would damage the new one. The index is
-    // rebuilt from it.
+    // The write-ahead log belongs to the damaged file and would damage the new one. SQLite rebuilds the -shm
+    // file from the log.
     rename((file + "-wal").c_str(), (aside + "-wal").c_str());
     unlink((file + "-shm").c_str());
     PrvPrintErr({}, "Preferences of %s: the file was damaged and begins anew. The old one is kept as %s",

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The store of one application over SQLite.
 //
-// The connection stays open over commits, so a commit costs one data sync and no opening. A connection
-// whose transaction cannot be ended, or whose file turns out damaged, is closed; the next use opens and
-// checks it again.
+// The connection stays open between commits, so a commit costs one data sync and no opening. A connection
+// whose transaction cannot be ended, or whose file turns out to be damaged, is closed; the next use opens
+// and checks it again.
 #include "platform/prefs/store.h"
 
 #include <fcntl.h>
@@ -27,8 +27,9 @@ constexpr char kSettings[] =
     "PRAGMA journal_mode=WAL;"
     "PRAGMA synchronous=FULL;"
     "PRAGMA wal_autocheckpoint=256;"
-    // Above what 256 pages and their frames take: a log that is cut at every checkpoint grows again with
-    // every commit, and a sync of a file that grew costs the file system's own journal as well.
+    // More than 256 pages and their frame headers need. With less, every checkpoint truncates the log;
+    // it then grows again with the next commits, and syncing a file that grew costs a write to the
+    // file system's journal too.
     "PRAGMA journal_size_limit=4194304;"
     "PRAGMA cache_size=-256;"
     "PRAGMA trusted_schema=OFF;";
@@ -124,7 +125,7 @@ std::string reason(int result, int systemError) {
     return systemError == 0 ? text : text + " (" + strerror(systemError) + ')';
 }
 
-// A write or sync of the log leaves its system error with the log's file alone.
+// The system error of a failed write or sync of the log is kept only with the log's file.
 int logErrorOf(sqlite3* database) {
     sqlite3_file* log = nullptr;
     int systemError = 0;
@@ -134,7 +135,7 @@ int logErrorOf(sqlite3* database) {
     return systemError;
 }
 
-// SQLite keeps the last system error; it belongs to this failure only when this failure is the system's.
+// SQLite keeps the last system error; it explains this failure only if that is an I/O or open error.
 int systemErrorOf(sqlite3* database, int result) {
     const int primary = result & 0xff;
     if (!database || (primary != SQLITE_IOERR && primary != SQLITE_CANTOPEN))
@@ -190,8 +191,8 @@ int PrefsStore::tryOpen() {
     return failed;
 }
 
-// Made here rather than by SQLite so that nobody else can read it; SQLite gives the -wal and -shm
-// files its mode.
+// Created here rather than by SQLite, so that only the owner can read it; SQLite gives the -wal and -shm
+// files the same mode.
 int PrefsStore::createFile() {
     int descriptor = ::open(m_file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (descriptor < 0 && errno == ENOENT) {
@@ -239,7 +240,7 @@ int PrefsStore::prepareStatements() {
     const std::pair<sqlite3_stmt**, const char*> statements[] = {
         {&m_read, "SELECT value FROM prefs WHERE key=?1"},
         {&m_keys, "SELECT key FROM prefs"},
-        // A write equal to what is stored changes no page, and a commit without one costs no sync.
+        // Writing the stored value again changes no page, and a commit without changed pages costs no sync.
         {&m_set,
          "INSERT INTO prefs VALUES(?1,?2) ON CONFLICT(key) DO UPDATE SET value=excluded.value"
          " WHERE value<>excluded.value"},

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The store of one application: one SQLite database in write-ahead logging, open for the time of the process.
+// The store of one application: one SQLite database with write-ahead logging, open while the process runs.
 //
 // State on disk: FOLDER/ID.db with its -wal and -shm files, table prefs(key, value). A commit is one
-// transaction and one data sync; what it acknowledged survives a kill and a power cut. Results are those of
-// QPResult; a function that fails has logged what to do.
+// transaction and one data sync; once it has succeeded, it survives a kill and a power failure. Results are
+// those of QPResult; a function that fails has logged the reason and a remedy.
 #pragma once
 
 #include <map>
@@ -57,14 +57,14 @@ class PrefsStore {
     sqlite3_stmt* m_commit = nullptr;
 };
 
-// Whether it is an application id, and short enough for the file names of its store: 200 bytes at most.
+// Whether this is an application id short enough for the file names of its store: at most 200 bytes.
 bool isPrefsAppId(const char* appId);
 // ZELT_PREFS_DIR, or /var/lib/zelt/prefs.
 std::string prefsFolder();
-// Makes the folder, for its owner alone, and what is missing above it. A failure shows when a file in it
-// cannot be opened.
+// Creates the folder, accessible to its owner only, and missing folders above it. A failure shows when a file
+// in it cannot be opened.
 void makePrefsFolder(const std::string& folder);
-// The store of an application, made at its first use and kept for the process.
+// The store of an application, created at its first use and kept until the process ends.
 PrefsStore& prefsStoreOf(const std::string& appId);
-// Closes every database, as the end of the process does. Handles stay valid: their next use opens it again.
+// Closes every database, as at the end of the process. Handles stay valid: their next use opens it again.
 void closePrefsStores();

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Where the stores are: the folder, which application ids can be files in it, and the stores of this process.
+// Where the stores are: the folder, which application ids can be file names in it, and the
+// stores of this process.
 #include <sys/stat.h>
 
 #include <cstdlib>

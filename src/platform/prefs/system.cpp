@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// System values. The device id is derived from the machine id for this application, as
-// sd_id128_get_machine_app_specific does it, so that it tells nobody the machine id itself; it is the same
-// for the life of an installation.
+// System values. The device id is derived from the machine id for this application, like
+// sd_id128_get_machine_app_specific does, so that it does not reveal the machine id; it never changes during
+// the life of an installation.
 //
 // ZELT_MACHINE_ID_FILE names another file with a machine id, for tests and for machines that have none.
 #include <glib.h>
@@ -19,7 +19,7 @@
 namespace {
 
 constexpr char kDeviceIdKey[] = "com.zelt.properties.kduid";
-// Ours alone: another application derives another id from the same machine.
+// Specific to this application; another one derives another id from the same machine id.
 constexpr sd_id128_t kApplication = {
     {0x7b, 0x1e, 0x0d, 0x52, 0x9c, 0x4f, 0x4a, 0x36, 0x8e, 0x21, 0xd5, 0x60, 0x3a, 0xf7, 0x14, 0xc9}};
 
