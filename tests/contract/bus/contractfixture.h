@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The service of the bus contract: registered with a public and a private table whose handlers are set by
-// the test. Everything ends with the test.
+// The service of the bus contract, registered with a public and a private table whose handlers the test sets.
+// Everything ends with the test.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -17,7 +17,7 @@
 class BusContract : public testing::Test {
   protected:
     using Strings = std::vector<std::string>;
-    // What a handler does with a request, by the method's name. Methods without an entry keep the request.
+    // The handlers, by the method's name. A method without one keeps its requests.
     using Handler = std::function<void(QSHandle*, QSMessage*)>;
 
     void SetUp() override {

@@ -17,12 +17,12 @@
 // The name under which every test of the contract registers its service.
 inline constexpr const char* kServiceName = "com.zelt.contract";
 
-// One connection of a client. Destroying it closes the connection, as the client's death does.
+// One connection of a client. Destroying it closes the connection, as the end of the client's process does.
 class BusClient {
   public:
     virtual ~BusClient() = default;
 
-    // Calls a method of kServiceName; the number names the call below. Nothing is waited for.
+    // Calls a method of kServiceName without waiting; the functions below take the number of the call.
     virtual size_t call(const std::string& category, const std::string& method,
                         const std::string& payload) = 0;
     // The same with the flag "no reply expected".
@@ -42,12 +42,12 @@ class OtherService {
   public:
     virtual ~OtherService() = default;
 
-    // The calls received so far, in order: "CATEGORY METHOD PAYLOAD", with " (no reply)" behind it when the
-    // caller expects none. Their index names them below.
+    // The calls received so far, in order: "CATEGORY METHOD PAYLOAD", followed by " (no reply)" when the
+    // caller expects none. The functions below take their index.
     virtual std::vector<std::string> calls() const = 0;
     virtual void reply(size_t call, const std::string& payload) = 0;
     virtual void refuse(size_t call, const std::string& errorName, const std::string& text) = 0;
-    // A later answer on a call that was replied to, and the notice that none follows.
+    // A later answer to a call that was replied to, and the notice that none follows.
     virtual void answer(size_t call, const std::string& payload) = 0;
     virtual void end(size_t call) = 0;
     // The indexes of the calls whose subscription the caller has cancelled.
@@ -58,11 +58,11 @@ class BusEngine {
   public:
     virtual ~BusEngine() = default;
 
-    // The loop that services of this test are attached to; not running, `until` iterates it.
+    // The loop to which the services of this test are attached. It does not run; `until` iterates it.
     virtual GMainLoop* loop() = 0;
-    // A client on one bus. With an id every message of it reports "ID PID", else "".
+    // A client on one bus. With an id, its messages have the application id "ID PID", otherwise "".
     virtual std::unique_ptr<BusClient> client(QSBus bus, const std::string& applicationId = {}) = 0;
-    // The name is taken when this returns.
+    // A service of another process; it owns the name when this returns.
     virtual std::unique_ptr<OtherService> otherService(const std::string& name) = 0;
     // Iterates the loop until the condition holds; false when it does not within five seconds.
     virtual bool until(const std::function<bool()>& condition) = 0;

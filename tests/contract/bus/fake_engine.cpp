@@ -58,7 +58,7 @@ class FakeClient : public BusClient {
     std::vector<FakeMessage*> m_calls;
 };
 
-// Sees the calls to its name that were placed since it came.
+// Receives the calls to its name that were placed since it was created.
 class FakeOtherService : public OtherService {
   public:
     explicit FakeOtherService(const std::string& name) : m_name(name), m_first(fakeBus().calls().size()) {
@@ -131,7 +131,7 @@ class FakeEngine : public BusEngine {
     std::unique_ptr<OtherService> otherService(const std::string& name) override {
         return std::make_unique<FakeOtherService>(name);
     }
-    // Nothing comes from outside: what has not happened at the end of the queue will not happen.
+    // Nothing arrives from outside: what has not happened when the queue is empty will not happen.
     bool until(const std::function<bool()>& condition) override {
         while (!condition())
             if (!fakeBus().readOne())

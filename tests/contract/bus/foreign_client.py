@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: GPL-3.0-only
-# A client of another making for the bus tests, on the public bus of ZELT_PUBLIC_BUS. `follow` subscribes, prints
-# what comes, cancels at the first later answer and prints the end; `noncharacter` sends a text that sd-bus refuses.
+# A D-Bus client that does not use the bus layer, for the bus tests; connects to the bus of ZELT_PUBLIC_BUS.
+# `follow` subscribes, prints what is received, cancels at the first later answer and prints the end;
+# `noncharacter` sends a text that sd-bus refuses.
 import os
 import sys
 

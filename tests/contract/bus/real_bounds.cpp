@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The bounds of the public bus from inside: what waits for a client that reads later, what kept requests
-// take, and what is logged about unknown clients.
+// The limits of the public bus, tested inside the layer: messages that wait for a client that reads later,
+// bytes of kept requests, and log lines about unknown clients.
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// A client of the public bus that stops reading and begins again. Its calls are numbered by their payloads.
+// A client of the public bus that stops reading and starts again. The payload of each call is its number.
 class ReadsLater : public RealBusTest {
   protected:
     void SetUp() override {
@@ -42,10 +42,10 @@ class ReadsLater : public RealBusTest {
         return found == m_public->peers.end() ? nullptr : found->second.get();
     }
     size_t held() const { return peer() ? peer()->held.size() : 0; }
-    // What was sent last may still be on its way to the socket: repeats until a query finds
-    // nothing more read.
+    // The last messages may still be on their way to the socket: repeats until a query
+    // finds nothing more read.
     bool isFull() const { return held() && peer()->unread.gap > 0; }
-    // Calls without reading the answers, until requests wait because the client does not read.
+    // Calls without reading the answers until requests wait for the client to read.
     void fillUp() {
         call();
         ASSERT_TRUE(m_engine->until([&] { return m_answered.size() == 1; }));
@@ -125,7 +125,7 @@ TEST_F(ReadsLater, AnItemCountsAsTakenWhenTheClientReadsAndNotBefore) {
 class KeptRequests : public RealBusTest {
   protected:
     static constexpr size_t kMiB = 1024 * 1024;
-    // Calls with the longest payload until a call is refused, and says how many were kept.
+    // Calls with the longest payload until a call is refused, and returns how many were kept.
     size_t keptOf(BusClient& client) {
         const size_t before = m_kept.size();
         for (;;) {
@@ -170,7 +170,7 @@ TEST_F(KeptRequests, OfOneClientTakeAPartOfWhatIsFree) {
     auto client = m_engine->client(QSBus::Public);
     const size_t kept = keptOf(*client);
     EXPECT_GE(kept, 40u);
-    // Fewer than the bound of their number.
+    // Fewer than the limit for their number.
     EXPECT_LT(kept, 128u);
     EXPECT_LE(m_public->kept.total(), kMiB);
     EXPECT_GE(m_public->kept.total(), kept * 4096);
@@ -188,7 +188,7 @@ TEST_F(KeptRequests, BeyondThePartOfTheirUserAreRefused) {
     m_public->kept.add(user, 6 * kMiB);
     auto client = m_engine->client(QSBus::Public);
     EXPECT_EQ(keptOf(*client), 2u);
-    // Another client of this user has its minimum share, too.
+    // Another client of this user still has its minimum share.
     EXPECT_EQ(keptOf(*quiet), 2u);
 }
 

@@ -118,7 +118,7 @@ TEST(PrivateBusFolder, IsClosedToStrangers) {
     struct stat socketState = {};
     ASSERT_EQ(stat(socketPath.c_str(), &socketState), 0);
     if (getuid() != 0) {
-        // No other user can be simulated: the mode has to suffice.
+        // The test cannot run as another user, so only the mode is checked.
         EXPECT_EQ(mode & 07, 0u);
         return;
     }

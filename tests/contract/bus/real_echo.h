@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A service in its own process, for tests that look at a service from outside.
+// A service in its own process, for tests that examine a service from outside.
 #pragma once
 
 // Serves `echo` (answers with the request), `follow` (subscribes) and `long` (a long answer) on both buses

@@ -70,8 +70,8 @@ int receiveDescriptor(int channel) {
     if (connect(connection, reinterpret_cast<sockaddr*>(&where), sizeof where) != 0)
         _exit(1);
     sendDescriptor(channel, connection);
-    // The credentials of a connection are those of the process that connected; its environment is
-    // the new one.
+    // The credentials of a connection are those of the process that connected; its environment
+    // is the new one.
     std::string entry = "ZELT_APP_ID=" + id;
     char* environment[] = {entry.data(), nullptr};
     execle("/bin/sleep", "sleep", "1000", nullptr, environment);

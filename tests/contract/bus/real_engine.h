@@ -10,7 +10,7 @@
 
 class RealEngine;
 
-// One connection outside the layer. While it exists the engine serves it.
+// One connection outside the layer; the engine serves it while it exists.
 class WireConnection {
   public:
     WireConnection(RealEngine& engine, QSBus bus, int descriptor = -1);
@@ -19,7 +19,7 @@ class WireConnection {
     WireConnection& operator=(const WireConnection&) = delete;
 
     sd_bus* bus() const { return m_bus; }
-    // Handles what has come; true when there was anything.
+    // Handles what was received; true when there was something.
     bool turn();
     // Sends a ping to the service under test; its answer decrements the count.
     void ping(int* outstanding);

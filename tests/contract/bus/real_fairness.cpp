@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// One client must not affect others on real buses: a flood, a subscriber that does not read, a burst; and the
-// layer does nothing while nothing happens.
+// One client must not affect others on real buses: a flood of calls, a subscriber that does not read, a
+// burst. The layer does nothing while nothing happens.
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -69,7 +69,7 @@ TEST_F(Fairness, ATurnTakesOneOfLoneRequestsAndManyOfABurst) {
     sendAll(1);
     size = received();
     turnsToHandle(1);
-    // Which of the turns looks for more is not known here, but it is one of several.
+    // It is not known here which dispatch looks for more messages, but it is one of several.
     bool tookOne = false;
     for (int more = 0; more < 2 && !tookOne; more++) {
         for (int i = 0; i < 9 + more; i++) {
@@ -169,7 +169,7 @@ TEST(Rest, AServiceWithSubscribersDoesNotWake) {
         answers = client->answers(call);
         return answers == std::vector<std::string>{"reply {}"};
     }));
-    // The work of the start ends by itself; after the first quiet tenth of a second nothing may happen.
+    // The work at the start ends by itself; after the first idle tenth of a second nothing may happen.
     std::string switches;
     ASSERT_TRUE(engine.until([&] {
         std::string before = statusLine(service.pid(), "voluntary_ctxt_switches");

@@ -24,7 +24,7 @@ class RealBusTest : public BusContract {
         }
         return count;
     }
-    // Waits, without iterating the loop, until the daemon has put something on the connection.
+    // Waits, without iterating the loop, until the connection has something to read.
     static bool hasInput(QSHandle* handle) {
         pollfd wait = {sd_bus_get_fd(handle->bus), POLLIN, 0};
         return poll(&wait, 1, 5000) == 1;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Signals that another connection of the bus forges: a daemon delivers a signal that is addressed to one
-// connection whatever match rules that one has.
+// Signals that another connection of the bus forges: a daemon delivers a signal with a destination regardless
+// of the match rules of the receiver.
 #include "platform/bus/calls.h"
 #include "tests/contract/bus/real_fixture.h"
 
@@ -14,8 +14,8 @@ class Forgery : public RealBusTest {
         sd_bus_get_unique_name(handle->bus, &name);
         return name;
     }
-    // Tells the connection `to`, with a signal like the daemon's, that `name` has changed from
-    // `before` to `after`.
+    // Sends to the connection `to` a signal like the daemon's: the owner of `name` has changed
+    // from `before` to `after`.
     static void forge(sd_bus* from, const std::string& to, const std::string& name, const std::string& before,
                       const std::string& after) {
         sd_bus_message* wire = nullptr;

@@ -123,12 +123,12 @@ TEST_F(Lifetime, ADeathIsSeenAtWhateverMomentItFalls) {
     }
 }
 
-// A service that does not read for a while: the daemon's queue for it is full, and notices of the
-// daemon are dropped.
+// A service that does not read for a while: the daemon's outgoing queue for it is full, and the daemon
+// drops its own signals.
 class FullInbox : public RealBusTest, public testing::WithParamInterface<QSBus> {
   protected:
     QSHandle* handle() const { return handleOf(GetParam()); }
-    // Sends more than the daemon keeps for the service; it refuses the rest.
+    // Sends more than the daemon queues for the service; the daemon refuses the rest.
     void fill(WireConnection& flooder) {
         const std::string payload(3000, 'x');
         for (int i = 0; i < 800; i++)
@@ -136,7 +136,7 @@ class FullInbox : public RealBusTest, public testing::WithParamInterface<QSBus> 
         sd_bus_flush(flooder.bus());
         isThere(flooder, "org.freedesktop.DBus");  // the daemon has taken all of it
     }
-    // Queried from the daemon on a connection other than the service's.
+    // Asks the daemon on a connection other than the service's.
     static bool isThere(WireConnection& observer, const std::string& name) {
         sd_bus_message* reply = nullptr;
         int there = 0;
@@ -199,7 +199,7 @@ TEST_P(FullInbox, AnIdentityWhoseAnswerWasLostIsAskedAgain) {
     client->call("/", "follow", "{}");
     ASSERT_TRUE(hasInput(handle()));
     fill(flooder);
-    // Up to the request of the new client. The queries that follow from it meet the full queue.
+    // Reads up to the request of the new client. The queries that it causes meet the full queue.
     while (handle()->peers.empty())
         ASSERT_TRUE(hasInput(handle()) && busProcess(handle(), 1));
     sd_bus_flush(handle()->bus);
@@ -335,7 +335,7 @@ TEST_P(LostBus, EndsTheMainLoop) {
 
 namespace {
 
-// As in a service whose tables are static: they are destroyed after main, when the bus is gone.
+// As in a service whose tables are static: they are destroyed after main, when the connection is closed.
 KeptMessage keptAtExit[2];
 QSHandle* exitHandles[3];
 

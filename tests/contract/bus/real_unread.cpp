@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Clients of the public bus that call and do not read the answers, under the limits of a stock system bus and
-// under the installed ones: their cost for the service, the bus daemon and other clients; clients that read
-// are not affected. The service under test and the hostile clients run in their own processes, the clients as
-// another user where the test can choose one.
+// Clients of the public bus that call and do not read the answers, under the default limits of a system bus
+// and under the installed ones: their cost for the service, the bus daemon and other clients. Clients that
+// read are not affected. The service under test and the hostile clients run in their own processes, the
+// clients as another user where the test can choose one.
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -17,8 +17,8 @@
 #include "util/log.h"
 
 #ifdef __SANITIZE_ADDRESS__
-// Freed memory is quarantined, up to 256 MiB by default, and would count as memory that clients make
-// the service use.
+// Freed memory is quarantined, up to 256 MiB by default, and would count as memory that clients
+// make the service use.
 extern "C" const char* __asan_default_options() {
     return "quarantine_size_mb=1";
 }
@@ -45,7 +45,7 @@ long kilobytes(pid_t pid, const std::string& key) {
     return 0;
 }
 
-// A connection that reads its greeting and nothing after it.
+// A connection that reads the reply to Hello and nothing after it.
 class Deaf {
   public:
     explicit Deaf(const std::string& address) {
@@ -77,7 +77,7 @@ struct Hostile {
     int calls;
 };
 
-// Each of them sends its calls, then all continue slowly, forever. One byte reports that the calls are sent.
+// Each client sends its calls; then all continue slowly, forever. One byte reports that the calls are sent.
 [[noreturn]] void beDeaf(const std::string& address, const Hostile& hostile, int channel) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0))
@@ -115,7 +115,7 @@ class World {
     std::string address() { return m_engine.buses().address(QSBus::Public); }
     pid_t service() const { return m_service.pid(); }
     sd_bus* bus() { return m_bus; }
-    // One call that waits for its answer, as in a simple program.
+    // One call that waits for its answer, as a simple program makes it.
     bool call(const std::string& payload = "{}") {
         sd_bus_message* reply = nullptr;
         sd_bus_error error = {};
@@ -125,8 +125,8 @@ class World {
         sd_bus_error_free(&error);
         return result >= 0;
     }
-    // The median of a call, in microseconds; the best of three rounds, since others use the machine too. 0
-    // when a call has no answer.
+    // The median duration of a call in microseconds, as the best of three rounds because other programs use
+    // the machine too. 0 when a call has no answer.
     gint64 median() {
         gint64 best = 0;
         for (int round = 0; round < 3; round++) {
@@ -156,7 +156,8 @@ class World {
         EXPECT_EQ(poll(&wait, 1, 60000), 1);
         EXPECT_EQ(read(channel[0], &byte, 1), 1);
         close(channel[0]);
-        // What they have sent may still fill the service's inbox, and the daemon refuses calls then.
+        // Their calls may still fill the daemon's queue for the service, and the daemon
+        // refuses further calls then.
         int inARow = 0;
         const gint64 deadline = g_get_monotonic_time() + 60 * G_USEC_PER_SEC;
         while (inARow < 100 && g_get_monotonic_time() < deadline)
@@ -174,7 +175,7 @@ class World {
 class ClientsThatDoNotRead
     : public testing::TestWithParam<std::tuple<const char*, std::pair<const char*, Hostile>>> {};
 
-// A client that reads, under a daemon that tells what waits for it and under one that does not.
+// A client that reads, with a daemon that tells what waits for it and with one that does not.
 class ClientsThatRead : public testing::TestWithParam<const char*> {};
 
 constexpr const char* kTelling = "";

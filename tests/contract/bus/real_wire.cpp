@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The wire contract as foreign programs see it on real buses: introspection, texts, identity, refusals of
-// the daemon, activation, and the layer as client of itself.
+// The wire contract as foreign programs see it on real buses: introspection, texts, identity, refusals of the
+// daemon, activation, and the layer as client of itself.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -296,7 +296,7 @@ TEST_F(NoMatchRules, ARefusedWatchCostsTheSubscriptionAndNotTheConnection) {
     EXPECT_THAT(m_error.message(), HasSubstr("max_match_rules_per_connection"));
     EXPECT_TRUE(respond(m_kept[4].get(), "answered"));
     ASSERT_TRUE(has(*clients[4], call, 1));
-    // An entry whose end would not be reported is removed with its last request.
+    // A client whose disconnection would not be reported is removed with its last request.
     EXPECT_EQ(m_public->peers.size(), 5u);
     m_kept.pop_back();
     EXPECT_EQ(m_public->peers.size(), 4u);

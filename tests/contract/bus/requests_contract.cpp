@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The contract of requests: which methods are there, what a handler sees, and the answers that a caller gets.
+// The contract of requests: which methods exist, what a handler receives, and the answers that a caller gets.
 #include "platform/bus/qscaller.h"
 #include "tests/contract/bus/contractfixture.h"
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The contract of subscriptions: lists and keys, answers to subscribers, cancel, end, and the death
-// of a client.
+// The contract of subscriptions: lists and keys, answers to subscribers, cancelling, the end of a
+// subscription and the disconnection of a client.
 #include "tests/contract/bus/contractfixture.h"
 
 using testing::ElementsAre;
