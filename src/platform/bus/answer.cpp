@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Several answers on one request: the first is the method return, the later ones are signals to the
-// caller alone, named by the serial of the call. An answer that could not be sent does not count. No
-// state of its own.
+// Several answers to one request: the first is the method return, later ones are signals to the caller that
+// carry the serial of the call. An answer that could not be sent does not count. No state.
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -45,7 +44,7 @@ bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
         return busFail(error, -ENOTCONN, "The bus connection is closed");
     if (message->peer->state == Peer::State::Gone)
         return busFail(error, -ENOTCONN, "The client " + message->peer->name + " is gone");
-    // The return of the call itself is still owed: without it the caller's slot would stay open.
+    // The method return is sent even after a cancel; without it the caller's call would stay pending.
     if (message->cancelled && !message->unanswered)
         return busFail(error, -ECANCELED,
                        "The client " + message->peer->name + " has cancelled the subscription");
@@ -65,7 +64,7 @@ bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
     if (result < 0)
         return busFailErrno(error, result,
                             "Sending an answer to the client " + message->peer->name + " failed");
-    // A client that has cancelled gets nothing more.
+    // No method return is sent, and nothing is counted, when the caller expects none.
     if (!message->unanswered || message->wantsReply)
         busCountSent(*message->peer, size);
     countAnswered(message);
@@ -100,7 +99,7 @@ bool QSMessageReply(QSHandle*, QSMessage* message, const char* payload, QSError*
 }
 
 bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error) {
-    // Items are later answers.
+    // Items are later answers, and count as delivered once they are sent.
     return message && !message->unanswered ? busHandOver(message, payload, error)
                                            : busAnswer(message, payload, error);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reading an application id from control groups, labels, user tables and environments. No state. The
-// outermost unit of a control group path counts: the process itself can create what is below it.
+// Reading an application id from control groups, labels, user tables and environments. No state. Only the
+// outermost unit of a control group path is used, because the process itself can create groups below it.
 #include "platform/bus/applicationid.h"
 
 #include <optional>
@@ -25,7 +25,7 @@ int hexDigit(char digit) {
     return -1;
 }
 
-// Resolves the \xHH escapes of a unit name; nothing when one is broken.
+// Resolves the \xHH escapes of a unit name; nullopt when one is malformed.
 std::optional<std::string> unescape(std::string_view text) {
     std::string plain;
     for (size_t i = 0; i < text.size(); i++) {
@@ -55,7 +55,8 @@ std::string checkedId(std::string_view escaped) {
     return id && isApplicationId(*id) ? *id : std::string();
 }
 
-// "app", perhaps a launcher, the id, and perhaps the random part: `parts` is the count without a launcher.
+// "app", an optional launcher, the id and an optional random part; `parts` is the number of
+// parts without a launcher.
 std::string idAmong(std::string_view name, size_t parts) {
     std::vector<std::string_view> found = split(name, '-');
     if ((found.size() != parts && found.size() != parts + 1) || found.front() != "app" ||
@@ -73,8 +74,8 @@ bool isUserManager(std::string_view component) {
     return component.starts_with("user@") && component.ends_with(".service");
 }
 
-// The control group path that the service manager keeps: the unified one, else the named one
-// of older kernels.
+// The control group path that the service manager uses: that of the unified hierarchy, else the named
+// one of older kernels.
 std::string_view managerPath(std::string_view text) {
     std::string_view named;
     for (const std::string_view line : split(text, '\n')) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reading an application id from what the system reports about a process. Pure functions: the reading of the
-// system itself is in identity.cpp.
+// Reading an application id from what the system reports about a process. Pure functions; identity.cpp
+// reads the system itself.
 #pragma once
 
 #include <string>
@@ -18,10 +18,10 @@ struct AppUnit {
 std::string applicationIdOfUnit(std::string_view unit);
 // Reads the text of /proc/PID/cgroup.
 AppUnit appUnitOfCgroup(std::string_view text);
-// The value of `key` in the text of /proc/PID/environ; "" when it is not there.
+// The value of `key` in the text of /proc/PID/environ; "" when it is absent.
 std::string environmentValue(std::string_view environment, std::string_view key);
-// The id of a security label "PREFIX" + ID, a confinement mode in brackets behind it left out; ""
-// for another label.
+// The id in a security label "PREFIX" + ID; a confinement mode in brackets after it is ignored. ""
+// for any other label.
 std::string applicationIdOfLabel(std::string_view label, std::string_view prefix);
 // The id that a table of lines "UID ID" gives to a user; "" when it has none. "#" begins a comment.
 std::string applicationIdOfUser(std::string_view table, unsigned user);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Calls to other services: without a callback no reply is asked for (a daemon allows only so many open ones);
-// with one there is no timer, the daemon reports a service that dies. All of it lives with the connection.
+// Calls to other services. A call without a callback expects no reply, because a daemon limits the pending
+// replies of a connection. A call with one has no timer: the daemon reports when the service disconnects. All
+// of it lives with the connection.
 #include "platform/bus/calls.h"
 
 #include <cerrno>
@@ -27,7 +28,7 @@ std::string errorPayload(const sd_bus_error* error) {
     return json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN);
 }
 
-// Out of the table before the callback, so that the token is spent when it runs.
+// Removed from the table before the callback runs, so that the token is invalid by then.
 void endSubscribedCall(QSHandle* handle, QSToken token, const char* reason) {
     auto node = handle->calls.extract(token);
     if (!node || !node.mapped()->ended)
@@ -40,8 +41,8 @@ void endSubscribedCall(QSHandle* handle, QSToken token, const char* reason) {
     busTell(call, nullptr, json_object_to_json_string_ext(object.get(), JSON_C_TO_STRING_PLAIN), "");
 }
 
-// A later answer or the end of a subscription, named by the serial of our call and counted only
-// from its server.
+// A later answer or the end of a subscription. It carries the serial of the call and is accepted only from
+// the connection that sent the first answer.
 int onSubscriptionSignal(sd_bus_message* signal, void* data, sd_bus_error*) {
     auto* handle = static_cast<QSHandle*>(data);
     if (!sd_bus_message_is_signal(signal, kSubscriptionInterface, nullptr))
@@ -61,7 +62,7 @@ int onSubscriptionSignal(sd_bus_message* signal, void* data, sd_bus_error*) {
     return 1;
 }
 
-// From the first answer on: later ones are awaited until the server ends them or dies.
+// After the first answer: waits for later ones until the server ends the subscription or disconnects.
 bool awaitLaterAnswers(Call& call, sd_bus_message* reply) {
     QSHandle* handle = call.handle;
     const char* server = sd_bus_message_get_sender(reply);
@@ -88,7 +89,7 @@ int onReply(sd_bus_message* reply, void* data, sd_bus_error*) {
     const sd_bus_error* failure = sd_bus_message_get_error(reply);
     call->reply.reset();
     if (failure || !call->subscribes || !awaitLaterAnswers(*call, reply)) {
-        // Out of the table before the callback, so that the token is spent when it runs.
+        // Removed from the table before the callback runs, so that the token is invalid by then.
         auto node = handle->calls.extract(call->token);
         ended = std::move(node.mapped());
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Placed calls that a callback waits for. A call leaves the table with its reply; one that subscribed stays
-// until its service ends it or is gone, and a server-status watch until it is cancelled.
+// Pending calls with a callback. A call leaves the table with its reply; one that subscribed stays until its
+// service ends it or disconnects, and a server-status watch until it is cancelled.
 #pragma once
 
 #include <memory>
@@ -20,21 +20,21 @@ struct Call {
     bool subscribes = false;
     uint32_t serial = 0;
     Slot reply;                        // pending until the first answer
-    std::string server;                // who gave the first answer, when later ones are awaited
+    std::string server;                // sender of the first answer, while later ones are expected
     std::shared_ptr<NameWatch> watch;  // of that server, or of the watched service
-    QSFilter ended = nullptr;          // told when no answer follows; may be null
+    QSFilter ended = nullptr;          // called when no answer follows; may be null
     void* endedContext = nullptr;
 
     ~Call();
 };
 
-// Puts a new call into its handle's table.
+// Adds a new call to the handle's table.
 Call* busNewCall(QSHandle* handle, QSFilter callback, void* context, const BusAddress& address);
 void busEndCall(QSHandle* handle, QSToken token);
-// Hands `payload` to the callback; the call may be gone afterwards. `wire` may be null.
+// Calls the callback with `payload`; the call may be deleted afterwards. `wire` may be null.
 void busTell(const Call& call, sd_bus_message* wire, const char* payload, const char* errorName);
 
-// The address that the layer serves itself: up and down reports of a service.
+// Whether this is the address that the layer serves itself: it reports whether a service is running.
 bool busIsServerStatus(const BusAddress& address);
 bool busWatchServer(QSHandle* handle, const BusAddress& address, const char* payload, QSFilter callback,
                     void* context, QSToken* token, QSError* error);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Method tables on the bus and the path of incoming requests: read, check the bounds, identify the
-// caller, call the handler. The tables live as long as the connection; sd-bus answers a method that is in
-// no table as unknown.
+// Method tables on the bus, and the steps of an incoming request: read it, check the limits, identify the
+// caller, call the handler. The tables live as long as the connection; sd-bus answers a call of any other
+// method with an error.
 #include "platform/bus/category.h"
 
 #include <algorithm>
@@ -16,14 +16,14 @@ namespace {
 
 constexpr size_t kLongestPublicPayload = 4 * 1024;
 constexpr size_t kMostWaiting = 128;
-// Bytes of requests that a client may have waiting: the more its user has, the fewer.
+// The limit for the bytes of a client's kept requests, between these two; it shrinks as its user has more.
 constexpr size_t kLeastKept = 16 * 1024;
 constexpr size_t kMostKept = 1024 * 1024;
 constexpr size_t kClientsOfARoom = 16;
-// Requests that wait until their client is known to read.
+// The limit for a client's requests that wait until it is known to read.
 constexpr size_t kMostHeld = 8;
 
-// Always 1, "handled": a failure to send it affects only this call.
+// Always returns 1, "handled": a failure to send the error affects only this call.
 int refuse(Peer* peer, sd_bus_message* wire, const char* name, const std::string& text) {
     if (peer && !busMaySend(*peer, kMessageOverhead + text.size()))
         return 1;
@@ -38,12 +38,12 @@ bool mayKeep(const Peer& peer, const char* payload) {
     return peer.kept + busRequestSize(payload) <= limit;
 }
 
-// Subscribed requests have a separate bound.
+// Subscribed requests have a separate limit.
 size_t waitingOf(const Peer& peer) {
     return peer.requests - peer.subscribed.size();
 }
 
-// The texts are meant for the author of the client. True when the request is refused.
+// The error texts address the author of the client. True when the request is refused.
 bool refuseBeyondBounds(sd_bus_message* wire, const char* payload, Peer& peer) {
     const size_t length = std::strlen(payload);
     if (length > kLongestPublicPayload) {
@@ -104,7 +104,7 @@ int onCancel(sd_bus_message* wire, void* data, sd_bus_error*) {
     if (sd_bus_message_read(wire, "u", &serial) < 0 || !sender)
         return refuse(nullptr, wire, SD_BUS_ERROR_INVALID_ARGS,
                       "Cancel takes the serial of the call, an unsigned number");
-    // The size of the answer was counted when the call came.
+    // The filter for all calls has counted the size of the reply already.
     const bool found = busCancelSerial(category->handle, sender, serial);
     sd_bus_reply_method_return(wire, "b", static_cast<int>(found));
     return 1;

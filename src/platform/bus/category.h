@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A category of a service: an object of the bus whose interface is the service's name and whose methods
-// are a table.
+// A category of a service: a D-Bus object whose interface is the service's name and whose
+// methods come from tables.
 #pragma once
 
 #include <initializer_list>
@@ -9,12 +9,12 @@
 
 #include "platform/bus/connection.h"
 
-// One method; sd-bus hands it to the request callback, so that dispatch is one look-up.
+// One method; sd-bus passes it to the request callback, so that no further look-up is needed.
 struct Method {
     Category* category;
     std::string name;
     QSFilter handler;
-    bool needsIdentity;  // a call whose caller left before it was identified is refused
+    bool needsIdentity;  // a call is refused when its caller disconnects before it is identified
 };
 
 struct MethodTable {
@@ -28,7 +28,7 @@ struct Category {
     void* context;
     std::vector<Method> methods;
     std::vector<sd_bus_vtable> table;
-    // Last, so that the registrations end before the tables that sd-bus reads at their end.
+    // Last, so that they are destroyed before the tables, which sd-bus still reads when a registration ends.
     Slot object;
     Slot subscriptionObject;
 };

@@ -41,16 +41,16 @@ int connectBus(QSHandle* handle, const std::string& where) {
         result = sd_bus_set_address(handle->bus, where.c_str());
     if (result >= 0)
         result = sd_bus_set_bus_client(handle->bus, 1);
-    // No method takes a file descriptor; refusing them keeps clients from filling the table.
+    // No method takes a file descriptor; refusing them keeps clients from filling the descriptor table.
     if (result >= 0)
         result = sd_bus_negotiate_fds(handle->bus, 0);
-    // The time limit for answers of the daemon itself; calls to services have none.
+    // The time limit for replies of the daemon itself; calls to services have none.
     if (result >= 0)
         result = sd_bus_set_method_call_timeout(handle->bus, kDaemonDeadline);
     if (result >= 0)
         result = sd_bus_start(handle->bus);
-    // Waits for the daemon's greeting, so that an unreachable bus is an error here and not a
-    // lost connection later.
+    // Waits for the reply to Hello, so that an unreachable bus is an error here and not
+    // a lost connection later.
     const char* uniqueName = nullptr;
     if (result >= 0)
         result = sd_bus_get_unique_name(handle->bus, &uniqueName);
@@ -117,7 +117,7 @@ bool busIsOpen(const QSHandle* handle, QSError* error) {
 
 LogBudget& busLogBudget(QSHandle* handle, unsigned user) {
     const int64_t now = g_get_monotonic_time();
-    // Not while one of them is in use.
+    // No budget is erased while one is in use.
     if (handle->logBudgets.size() > kMostLogBudgets && !LogPayer::pays())
         std::erase_if(handle->logBudgets, [&](const auto& entry) { return entry.second.isFull(now); });
     return handle->logBudgets[user];

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The state of one bus connection, shared by the files of this folder; callers see it as QSHandle alone.
-// A handle lives as long as its owner or a message of it does; `bus` is null from QSUnregister on.
+// The state of one bus connection, shared by the files of this folder and opaque outside it. A handle lives
+// as long as its owner or one of its messages; `bus` is null after QSUnregister.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -22,21 +22,21 @@ struct Call;
 struct Category;
 struct Peer;
 
-// Whether deaths of clients may have gone unseen; see presence.h.
+// Whether disconnections of clients may have been missed; see presence.h.
 struct Doubt {
-    uint64_t raised = 0;   // how often there was reason
-    uint64_t settled = 0;  // up to which of these the daemon was asked
-    uint64_t asked = 0;    // `raised` and `peerNumber` when the open question was asked
+    uint64_t raised = 0;   // occasions so far
+    uint64_t settled = 0;  // occasions up to which it is resolved
+    uint64_t asked = 0;    // `raised` and `peerNumber` when the pending query was sent
     uint64_t askedPeers = 0;
     Slot query;
-    sd_bus* asker = nullptr;  // a connection for questions that cannot wait; null at rest
+    sd_bus* asker = nullptr;  // second connection, for blocking queries; null when unused
 };
 
-// The one rule by which the daemon reports the deaths of all clients, when they are many.
+// One match rule for the disconnections of all clients, used when there are many.
 struct SharedWatch {
     enum class State { None, Asked, Installed, Refused };
     State state = State::None;
-    bool forGood = false;  // the daemon allows too few rules for one each
+    bool forGood = false;  // the daemon has refused a rule for a single client
     Slot rule;
 };
 
@@ -44,24 +44,24 @@ struct SharedWatch {
 struct QSHandle {
     sd_bus* bus = nullptr;
     QSBus side = QSBus::Private;
-    std::string name;  // the service name that the connection owns, "" for a mere client
+    std::string name;  // the service name that the connection owns, "" for a client
     QSZeltService* service = nullptr;
     GMainLoop* loop = nullptr;
     GSource* source = nullptr;
     bool processing = false;  // a bus callback of this connection is on the stack
-    int references = 1;       // the owner's, and one for each living message
+    int references = 1;       // the owner's, and one for each existing message
 
     std::unordered_map<std::string, std::shared_ptr<Peer>> peers;  // callers by unique name
-    uint64_t peerNumber = 0;                                       // entries made so far
+    uint64_t peerNumber = 0;                                       // Peers created so far
     Doubt doubt;
-    std::unordered_map<std::string, std::shared_ptr<Peer>> passers;  // with something unread, no request yet
-    Share unread{8 * 1024 * 1024};  // bytes on their way to clients, as far as is known (public bus)
-    Share kept{12 * 1024 * 1024};   // bytes of living requests (public bus)
-    bool asksDaemon = true;         // the daemon tells what waits for a client
-    bool asksClients = true;        // the daemon lets a Ping pass
+    std::unordered_map<std::string, std::shared_ptr<Peer>> passers;  // callers with unread bytes, no request
+    Share unread{8 * 1024 * 1024};  // bytes that clients have not read, as far as is known (public bus)
+    Share kept{12 * 1024 * 1024};   // bytes of existing requests (public bus)
+    bool asksDaemon = true;         // the daemon may be asked what waits for a client
+    bool asksClients = true;        // the daemon delivers a Ping to a client
     SharedWatch sharedWatch;
     std::unordered_map<unsigned, LogBudget> logBudgets;  // of users, for lines about their requests
-    size_t pings = 0;                                    // of clients that have not answered
+    size_t pings = 0;                                    // pending Pings to clients
     Slot callFilter;
     SubscriptionTable byKey;     // free keys
     SubscriptionTable byMethod;  // category and method
@@ -71,7 +71,7 @@ struct QSHandle {
 
     QSToken lastToken = 0;
     std::map<QSToken, std::unique_ptr<Call>> calls;     // placed calls and server-status watches
-    std::unordered_map<uint32_t, Call*> answeredCalls;  // those whose later answers are awaited, by serial
+    std::unordered_map<uint32_t, Call*> answeredCalls;  // those that expect later answers, by serial
     Slot answerFilter;
     KnownNames names;
 
@@ -89,18 +89,19 @@ const char* busSideName(const QSHandle* handle);
 inline bool busIsPublic(const QSHandle* handle) {
     return handle->side == QSBus::Public;
 }
-// Connects, says hello and takes the name when there is one. Null, with the reason in `error`, when it fails.
+// Connects, and requests the name if there is one. Null, with the reason in `error`, when it fails.
 QSHandle* busOpen(QSBus side, const char* name, QSError* error);
-// False, with the reason in `error`, for a null handle and for one that is unregistered.
+// False, with the reason in `error`, for a null handle and for one that was unregistered.
 bool busIsOpen(const QSHandle* handle, QSError* error);
-// The log budget of a user of the public bus; nobody's lines are bounded on the private one.
+// The log budget of a user of the public bus; lines about the private bus are not limited.
 LogBudget& busLogBudget(QSHandle* handle, unsigned user);
 void busReference(QSHandle* handle);
 void busRelease(QSHandle* handle);
 
-// Handles up to `most` messages without waiting, for a bounded time, and says how many in `handled` and in
-// `drained` whether nothing more had come; false when the connection is lost. Does nothing inside a callback.
+// Handles up to `most` messages without waiting, for a bounded time. `handled` receives their number,
+// and `drained` whether everything received was handled. False when the connection is lost. Does
+// nothing inside a callback.
 bool busProcess(QSHandle* handle, int most, int* handled = nullptr, bool* drained = nullptr);
-// Logs the loss and ends the main loop.
+// Detaches a lost connection and quits the main loop.
 void busLost(QSHandle* handle);
 void busDetach(QSHandle* handle);

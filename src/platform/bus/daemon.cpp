@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Distinguishing messages of the bus daemon from those of other connections. No state.
+// Tells messages of the bus daemon from those of other connections. No state.
 #include "platform/bus/daemon.h"
 
 #include <cstring>

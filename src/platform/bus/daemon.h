@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The bus daemon as a peer: its address, and which messages are its own.
+// The bus daemon: its address, and which messages it has sent.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -7,8 +7,8 @@
 inline constexpr char kBusDaemon[] = "org.freedesktop.DBus";
 inline constexpr char kBusDaemonPath[] = "/org/freedesktop/DBus";
 
-// A match rule selects broadcasts. A signal that a client addresses to this connection arrives without one,
-// whatever its content; the sender is set by the daemon and cannot be forged.
+// Match rules select broadcast signals only. A signal that a client addresses to this connection arrives
+// without one, whatever its content; the daemon sets the sender, which cannot be forged.
 bool busIsFromDaemon(sd_bus_message* message);
 
 struct OwnerChange {

@@ -10,7 +10,7 @@ inline constexpr char kErrorNoAnswer[] = "com.zelt.Error.NoAnswer";
 inline constexpr char kErrorLimitExceeded[] = "com.zelt.Error.LimitExceeded";
 inline constexpr char kErrorInvalidText[] = "com.zelt.Error.InvalidText";
 
-// Fills the record, which may be null, over whatever it held; always false. `code` is a negative errno.
+// Fills the record, which may be null, and replaces what it held; always false. `code` is a negative errno.
 bool busFail(QSError* error, int code, const std::string& message);
 // The same with the system's text for the code: "WHAT: Connection refused".
 bool busFailErrno(QSError* error, int code, const std::string& what);

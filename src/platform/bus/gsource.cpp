@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A bus connection on the main loop: one source each, at the default priority, with bounded work per turn,
-// because a flooding client must starve neither the other bus nor the other sources. When idle there are no
-// timers and no wake-ups: the loop waits for the descriptor alone.
+// Bus connections on the main loop: one source each, at the default priority, with bounded work per dispatch,
+// so that a flooding client blocks neither the other bus nor the other sources. When idle there are no timers
+// and no wake-ups: the loop waits for the file descriptor only.
 #include <poll.h>
 
 #include <algorithm>
@@ -18,17 +18,17 @@
 namespace {
 
 constexpr int kMessagesPerTurn = 32;
-// Requests mostly come alone. After some turns of one message each a turn does not look for a second one,
-// which costs a read that finds nothing, but leaves that to the poll of the loop. Every few turns it still
-// looks: under load a turn of many messages is cheaper.
+// Most requests arrive alone. After several dispatches of one message each, a dispatch does not try to read a
+// second one, which costs a read that finds nothing, but leaves that to the poll of the loop. Every few
+// dispatches it still tries, because under load one dispatch of many messages is cheaper.
 constexpr unsigned kTurnsUntilAlone = 4;
 constexpr unsigned kTurnsBetweenLooks = 8;
-// A read of what has been received ends here, so that a client that sends without pause cannot
-// hold the reader.
+// A read of what was received ends at this number for each connection, so that a client that sends without
+// pause cannot hold the reader.
 constexpr int kMessagesPerRead = 256;
-// A turn and a read end after this time as well, since a single request may cost a sync of the disk.
+// A dispatch and such a read end after this time as well, because a single request may wait for a disk sync.
 constexpr int64_t kMicrosecondsPerTurn = 4 * 1000;
-// With so many messages unsent nothing more is read: requests lead to answers, which would all be queued here
+// With this many messages unsent nothing more is read: the answers to further requests would be queued here
 // while the daemon accepts none.
 constexpr uint64_t kMostUnsent = 1024;
 constexpr uint64_t kNever = std::numeric_limits<uint64_t>::max();
@@ -38,15 +38,15 @@ struct BusSource {
     GPollFD descriptor;
     uint64_t due;      // as of the last prepare, monotonic microseconds
     QSHandle* handle;  // borrowed: the source is destroyed before the handle
-    unsigned alone;    // turns since the last one that met more than one message
+    unsigned alone;    // dispatches since the last one of several messages
 };
 
 BusSource* asBusSource(GSource* source) {
     return reinterpret_cast<BusSource*>(source);
 }
 
-// When sd-bus has work of its own: immediately for messages that it has read already, later only while an
-// answer of the daemon is outstanding, otherwise never.
+// When sd-bus has work without input: immediately for messages that it has already read, later only while a
+// reply of the daemon is pending, otherwise never.
 uint64_t dueTime(sd_bus* bus) {
     uint64_t due = kNever;
     return sd_bus_get_timeout(bus, &due) < 0 ? kNever : due;
@@ -74,8 +74,7 @@ bool canSend(sd_bus* bus) {
     return poll(&wait, 1, 0) != 0;
 }
 
-// A message whose answer could not be queued, or for which there was no memory, is lost, but
-// not the connection.
+// When an answer could not be queued, or memory ran out, this message is lost but the connection is not.
 bool costsOneMessage(QSHandle* handle, int result) {
     return handle->bus && (result == -ENOBUFS || result == -ENOMEM) && sd_bus_is_open(handle->bus) > 0;
 }
@@ -85,11 +84,11 @@ gboolean prepare(GSource* source, gint* timeout) {
     self->due = kNever;
     self->descriptor.events = 0;
     *timeout = -1;
-    // A main loop inside a bus callback waits for other sources; this one continues afterwards.
+    // While a main loop runs inside a bus callback, this source pauses.
     if (self->handle->processing)
         return FALSE;
     const int events = sd_bus_get_events(self->handle->bus);
-    // A connection that gives no events is lost: the dispatch finds out why.
+    // If sd-bus gives no events, the connection is lost; the dispatch finds out why.
     self->due = events < 0 ? 0 : dueTime(self->handle->bus);
     self->descriptor.events = static_cast<gushort>(std::max(events, 0));
     if (events >= 0 && isBackedUp(self->handle->bus)) {
@@ -183,9 +182,9 @@ bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error) {
     self->due = kNever;
     g_source_add_poll(source, &self->descriptor);
     g_source_set_name(source, busIsPublic(handle) ? "public bus" : "private bus");
-    // Not for recursion, which `processing` prevents: a source that may not recurse is taken out of
-    // the poll set and put back around each dispatch, and each of the two wakes the loop by a write to
-    // its own descriptor.
+    // Recursion is prevented by `processing`. A source that may not recurse would be taken out of
+    // the poll set and put back around each dispatch, and each of the two wakes the loop by a write
+    // to its own descriptor.
     g_source_set_can_recurse(source, TRUE);
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_attach(source, g_main_loop_get_context(loop));

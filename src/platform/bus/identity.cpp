@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Who a client is. The credentials come from the bus daemon, which got them from the kernel when the client
-// connected; what a client says about itself does not count. The installation's choices are read from the
+// The identity of a client. The credentials come from the bus daemon, which got them from the kernel when the
+// client connected; nothing that a client sends is used. The settings of the installation are read from the
 // environment for each new client. No state.
 #include "platform/bus/identity.h"
 
@@ -30,8 +30,8 @@ bool isSwitchedOn(const char* variable) {
     return value && std::strcmp(value, "1") == 0;
 }
 
-// All that a file holds, and nothing when any of it cannot be read: a process may end between the open and
-// the read, which a stream's iterator reports by an exception.
+// The whole content of a file, or "" when any part of it cannot be read. Not with a stream: a process may end
+// between the open and the read, which a stream's iterator reports by an exception.
 std::string fileText(const std::string& path) {
     const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
     if (file < 0)
@@ -55,8 +55,8 @@ bool isProcessOf(const std::string& mark, unsigned user) {
     return user == kUnknownUser || mark.ends_with(' ' + std::to_string(user));
 }
 
-// What is read from the process with this id counts only when it is the same process before and after the
-// reading, and belongs to the user that connected.
+// Process ids are reused: what is read from the process with this id is used only if it was the same process
+// before and after the reading, and belongs to the user that connected.
 std::string ofOneProcess(const BusCredentials& who, std::string (*rule)(const BusCredentials&)) {
     const std::string before = busProcessMark(who.pid);
     if (before.empty() || !isProcessOf(before, who.user))
@@ -65,8 +65,8 @@ std::string ofOneProcess(const BusCredentials& who, std::string (*rule)(const Bu
     return !id.empty() && busProcessMark(who.pid) == before ? id : std::string();
 }
 
-// Only root can have made a group that root owns: below a group that was delegated to a user, the user owns
-// new groups. A group that is not found in one of the usual layouts is not trusted.
+// Only root can create a control group that root owns: below a group that is delegated to a user, the user
+// owns new groups. A group that is not found in one of the usual layouts is not trusted.
 bool isGroupOfRoot(const std::string& cgroup) {
     for (const char* root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified", "/sys/fs/cgroup/systemd"}) {
         struct stat info;
@@ -131,8 +131,8 @@ void readField(sd_bus_message* reply, BusCredentials& who) {
 }  // namespace
 
 std::string busProcessMark(unsigned pid) {
-    // The name may hold anything, but what follows the last bracket is numbers: the state is the first of
-    // them here, the start time the 20th.
+    // The process name may contain anything, so the fields are counted from the last bracket: the first is
+    // the state, the 20th the start time.
     const std::string text = procText(pid, "stat");
     std::istringstream numbers(text.substr(std::min(text.size(), text.rfind(')') + 1)));
     std::vector<std::string> fields{std::istream_iterator<std::string>(numbers), {}};

@@ -37,7 +37,7 @@ bool readNames(sd_bus_message* reply, Each each) {
 void KnownNames::start(QSHandle* handle) {
     m_handle = handle;
     sd_bus* bus = handle->bus;
-    // The watch first, so that changes are not missed while the list is queried.
+    // The match rule first, so that changes are not missed while the list is queried.
     if (sd_bus_add_match_async(bus, Receive(m_changes), kPlatformRule, onChanged, onInstalled, this) < 0 ||
         askDaemon(bus, m_ownedQuery, "ListNames", onOwned, this) < 0 ||
         askDaemon(bus, m_startableQuery, "ListActivatableNames", onStartable, this) < 0)

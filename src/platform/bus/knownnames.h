@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What a service's private connection knows about the other services: which are running and which the
-// daemon can start. Queried when the connection opens and followed from then on, always asynchronously.
+// What a service's private connection knows about the other services: which are running and which the daemon
+// can start. Queried when the connection opens and followed from then on, always asynchronously.
 #pragma once
 
 #include <map>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The life of a message: made when it comes in, kept by references, closed with the last one. It may outlive
-// its connection (a service keeps requests in tables that die at process exit); what it points to lives as
-// long as it.
+// The lifetime of a message: created on receipt, kept by references, closed when the last one is released. It
+// may outlive its connection (a service keeps requests in tables that are destroyed at process exit); what it
+// points to lives as long as it does.
 #include "platform/bus/message.h"
 
 #include <cstring>
@@ -15,7 +15,7 @@
 
 namespace {
 
-// The message itself, and what the layer and the service store about it.
+// Approximate bytes of the message itself and of what the layer and the service store about it.
 constexpr size_t kRequestOverhead = 2048;
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A message of the bus calls. A request keeps the D-Bus message that it came in, and its texts point into it;
-// what the layer makes itself (replies that are errors, server status) keeps its own texts.
+// A message of the QS calls. A request keeps the D-Bus message in which it arrived, and its texts point into
+// that; messages that the layer creates (replies that are errors, server status) keep their own texts.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -17,46 +17,46 @@ inline constexpr char kSubscriptionInterface[] = "com.zelt.Subscription1";
 
 struct QSMessage {
     QSHandle* handle;  // one reference
-    Wire wire;         // null when the layer made the message, and once the method return is given
+    Wire wire;         // null if the layer made the message; may be null once the method return is sent
     int references = 1;
 
     const char* payload = "";
     const char* method = "";
     const char* category = "";
-    std::string ownPayload;  // what `payload`, `method` and `category` point to when nothing else keeps it
+    std::string ownPayload;  // storage of these three when `wire` does not hold them
     std::string ownMethod;
     std::string ownCategory;
     std::string errorName;  // not empty for a reply that is a bus error
 
-    // Of requests alone:
+    // Only in requests:
     std::shared_ptr<Peer> peer;            // the caller
-    const Method* target = nullptr;        // valid until the request was handed to its handler
-    uint32_t serial = 0;                   // of the call
-    size_t kept = 0;                       // bytes, counted among those of the caller
-    bool wantsReply = false;               // the caller awaits a method return
-    bool handling = false;                 // its handler runs, and may hold its texts
+    const Method* target = nullptr;        // valid until the handler is called
+    uint32_t serial = 0;                   // D-Bus serial of the call
+    size_t kept = 0;                       // bytes counted in the caller's total
+    bool wantsReply = false;               // the caller expects a method return
+    bool handling = false;                 // its handler runs and may use its texts
     bool unanswered = false;               // counts among the caller's unanswered requests
-    bool subscribed = false;               // was on a subscription list once
-    bool cancelled = false;                // the caller has cancelled it or is gone
-    std::vector<SubscriptionList*> lists;  // where it is subscribed now, one reference each
+    bool subscribed = false;               // has been on a subscription list
+    bool cancelled = false;                // the caller has cancelled it or disconnected
+    std::vector<SubscriptionList*> lists;  // lists that it is on, one reference each
 };
 
 QSMessage* busNewRequest(QSHandle* handle, sd_bus_message* wire, const char* payload,
                          const std::shared_ptr<Peer>& peer, const Method* target);
-// Hands a request to its handler and gives the reference back.
+// Calls the handler of a request, then releases the reference.
 void busDispatch(QSMessage* request);
-// Drops the message that a request came in once its method return was given: what is kept needs
-// the texts alone.
+// Releases the D-Bus message of a request whose method return was sent, and keeps copies of its texts.
 void busForgetWire(QSMessage* request);
-// A message to a callback of ours: `wire` may be null, and then `payload` is copied.
+// A message for a callback of this process: `wire` may be null, and then `payload` is copied.
 QSMessage* busNewReply(QSHandle* handle, sd_bus_message* wire, const char* payload,
                        const std::string& category, const std::string& method);
-// What one request takes, about, with this payload.
+// Approximate bytes that a request with this payload takes.
 size_t busRequestSize(const char* payload);
 
-// Sends one answer: the method return first, signals from then on.
+// Sends one answer: the first as the method return, later ones as signals.
 bool busAnswer(QSMessage* message, const char* payload, QSError* error);
-// The same for what counts as taken once it is sent: only to a client that the daemon knows to be there.
+// The same for an answer that counts as delivered once it is sent: sent only if the client is
+// known to be connected.
 bool busHandOver(QSMessage* message, const char* payload, QSError* error);
-// Closes a request whose last reference is going: no answer can follow.
+// Closes a request whose last reference is released, and tells the caller that no answer follows.
 void busCloseRequest(QSMessage* request);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Follows one bus name. The match is asked for before the question, so no change falls between them. No state
-// beyond the last report.
+// Follows whether one bus name has an owner. The match rule is requested before the query, so that no change
+// is missed between them. Keeps no state but the last report.
 #include "platform/bus/namewatch.h"
 
 #include "platform/bus/connection.h"
@@ -35,7 +35,7 @@ void NameWatch::tell(bool there) {
         return;
     m_known = true;
     m_there = there;
-    // A copy: the report may stop the watch.
+    // A copy, because the report may stop the watch.
     const Report report = m_report;
     report(there);
 }

@@ -13,10 +13,10 @@ class NameWatch : public std::enable_shared_from_this<NameWatch> {
   public:
     using Report = std::function<void(bool there)>;
 
-    // Reports what is the case as soon as the daemon has told, then every change; a name that passes from one
-    // owner to another is reported as gone and there again. Null when the connection fails.
+    // Reports the state when the daemon has replied, then every change. A change from one owner to another is
+    // reported as a loss followed by a gain. Null when the connection fails.
     static std::shared_ptr<NameWatch> start(QSHandle* handle, const std::string& name, Report report);
-    // No report follows; a report may call it.
+    // Ends the reports; a report may call it.
     void stop();
 
   private:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The clients of a connection: who they are and when they die. The watch is asked for before the credentials,
-// so a death is either reported by the watch or shown by the credentials' failure. An entry goes with its
-// client; nothing survives the connection.
+// The clients of a connection: their identity and their disconnection. The match rule is requested before the
+// credentials, so a disconnection is either signalled or shown by an error in place of the credentials. A
+// Peer is removed when its client disconnects; nothing survives the connection.
 #include "platform/bus/peers.h"
 
 #include <algorithm>
@@ -33,7 +33,8 @@ void leave(Peer& peer) {
     peer.identity.reset();
 }
 
-// Callers that leave at once may come by the thousand: a line a second, which counts the rest.
+// Thousands of callers may disconnect right after their call, so at most one line a second is logged; it
+// counts the calls since the previous one.
 void logRefused(const Peer& peer, const QSMessage& request) {
     static gint64 nextLine = 0;
     static unsigned untold = 0;
@@ -50,12 +51,13 @@ void logRefused(const Peer& peer, const QSMessage& request) {
                 peer.name.c_str(), more.c_str());
 }
 
-// The client has left. What needs no identity is carried out, in the order in which it came.
+// The client has disconnected. Its waiting requests are handled in the order of arrival, except those that
+// need an identity which was never received; these are refused.
 void settleHeld(Peer& peer) {
     QSHandle* handle = peer.handle;
     busReference(handle);
     for (QSMessage* request : std::exchange(peer.held, {})) {
-        // A handler may have ended the connection, and the tables with it.
+        // A handler may have closed the connection and freed the method tables.
         if (handle->bus && (peer.identified || !request->target->needsIdentity)) {
             busDispatch(request);
             continue;
@@ -81,8 +83,9 @@ int onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     return 0;
 }
 
-// One rule for each client wakes this process for nobody else. With many clients one rule tells of all
-// connections of the bus, since a daemon allows only so many (512); with few again it is as before.
+// A match rule for each client delivers signals about the service's own clients only. The daemon limits the
+// rules of a connection (by default to 512), so with many clients one rule for all unique names of the bus
+// replaces them; when few clients are left, each gets its own rule again.
 constexpr size_t kMostWatchedAlone = 64;
 constexpr size_t kClientsToWatchAlone = 16;
 
@@ -90,12 +93,14 @@ bool shareWatch(QSHandle* handle);
 bool watch(Peer& peer);
 bool identify(Peer& peer);
 
-// The daemon drops its answers while this connection's inbox is full.
+// The call to the daemon has timed out. The daemon drops its replies while its outgoing queue for
+// this connection is full.
 bool wasLost(sd_bus_message* reply) {
     return sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NO_REPLY) > 0;
 }
 
-// Hands on what has waited, once it is known who the client is and whether its death will be told.
+// Dispatches the waiting requests once the client's identity is known and the daemon has answered the request
+// for the match rule.
 void becomeKnown(Peer& peer) {
     if (peer.state != Peer::State::Asking || !peer.identified || !peer.watchAnswered)
         return;
@@ -114,7 +119,7 @@ int onAnyOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     return 0;
 }
 
-// From here on one rule reports all deaths, or none can be reported.
+// From here on the shared rule reports every disconnection; if the daemon has refused it, none is reported.
 int onSharedWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
     auto* handle = static_cast<QSHandle*>(data);
     if (wasLost(reply) && shareWatch(handle))
@@ -133,7 +138,7 @@ int onSharedWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
         peer->watched = watched;
         becomeKnown(*peer);
     }
-    // Deaths between the last rule of one client and this one were not told.
+    // Disconnections before the shared rule was installed may not have been reported.
     if (handle->bus)
         busNoteUnread(handle);
     return 0;
@@ -148,7 +153,8 @@ bool shareWatch(QSHandle* handle) {
                                   onSharedWatchInstalled, handle) >= 0;
 }
 
-// The rules of single clients come before the shared one goes, so that no death falls between them.
+// The rules for single clients are requested before the shared rule is removed, so that no disconnection
+// is missed between them.
 void endSharedWatch(QSHandle* handle) {
     if (handle->sharedWatch.state != SharedWatch::State::Installed || handle->sharedWatch.forGood ||
         handle->peers.size() > kClientsToWatchAlone)
@@ -157,7 +163,7 @@ void endSharedWatch(QSHandle* handle) {
     for (const auto& [name, peer] : handle->peers)
         watch(*peer);
     handle->sharedWatch.rule.reset();
-    // What the shared rule still told on its way here is heard by none of them.
+    // Signals of the shared rule that have not been read yet reach no callback any more.
     busNoteUnread(handle);
 }
 
@@ -169,7 +175,8 @@ int onWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
     if (wasLost(reply) && watch(*peer))
         return 0;
     if (sd_bus_message_is_method_error(reply, nullptr)) {
-        // The daemon allows no more rules: those of single clients make place for one that tells of all.
+        // The daemon's limit of match rules is reached: one rule for all clients replaces
+        // those for single clients.
         QSHandle* handle = peer->handle;
         if (handle->sharedWatch.state != SharedWatch::State::None)
             return 0;
@@ -210,8 +217,8 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
     return 0;
 }
 
-// Asks to be told of the client's death. A rule whose confirmation was lost may stand; it is
-// taken back first.
+// Requests a match rule for the client's disconnection. If the reply to an earlier request was lost, that
+// rule may be installed, so it is removed first.
 bool watch(Peer& peer) {
     QSHandle* handle = peer.handle;
     if (handle->sharedWatch.state == SharedWatch::State::None && handle->peers.size() >= kMostWatchedAlone &&
@@ -244,7 +251,8 @@ bool identify(Peer& peer) {
                                     peer.name.c_str()) >= 0;
 }
 
-// The watch first, so that the death of a client is either reported or shown by the credentials' failure.
+// The match rule first, so that a disconnection is either signalled or shown by an error in
+// place of the credentials.
 bool ask(Peer& peer) {
     return watch(peer) && identify(peer);
 }
@@ -294,7 +302,7 @@ void busHandOnHeld(Peer& peer) {
     if (peer.state != Peer::State::Known)
         return;
     for (QSMessage* request : std::exchange(peer.held, {})) {
-        // A handler may have ended the connection, and the tables with it.
+        // A handler may have closed the connection and freed the method tables.
         if (peer.state != Peer::State::Known) {
             QSMessageUnref(request);
         } else if (busMaySend(peer, kMessageOverhead)) {
@@ -334,7 +342,7 @@ void busForgetRequest(QSMessage* request) {
 void busDropAllPeers(QSHandle* handle) {
     handle->sharedWatch.rule.reset();
     for (auto& [name, peer] : std::exchange(handle->peers, {})) {
-        // The held ones are told first, while the entry can still be reached.
+        // The waiting requests are closed first, while errors can still be sent to the client.
         dropHeld(*peer);
         leave(*peer);
     }

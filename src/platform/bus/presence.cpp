@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Presence of clients when the daemon's signals may have been lost. The state is the handle's `doubt`; the
-// second connection lives while there is doubt, and has nothing in its inbox but answers.
+// Whether clients are still connected when signals of the daemon may have been lost. The state is the
+// handle's `doubt`. The second connection is open only while there is doubt; it has no match rules, so the
+// daemon's outgoing queue for it stays short.
 #include "platform/bus/presence.h"
 
 #include <sys/ioctl.h>
@@ -16,8 +17,8 @@
 
 namespace {
 
-// The daemon queues, and then may drop, only what the socket does not take. With the kernel's smallest
-// buffers a socket that is full of the smallest messages holds more than this.
+// The daemon queues messages, and may then drop some, only while the socket buffer is full. Even with the
+// kernel's smallest buffers, a socket that is full of the smallest messages holds more bytes than this.
 constexpr int kBacklog = 16 * 1024;
 constexpr int kMostDiscarded = 256;
 constexpr uint64_t kAnswerDeadline = 2'000'000;  // microseconds
@@ -27,7 +28,7 @@ int unreadBytes(QSHandle* handle) {
     return ioctl(sd_bus_get_fd(handle->bus), FIONREAD, &bytes) == 0 ? bytes : 0;
 }
 
-// Whether what waits in the socket names the client: a signal of its death does.
+// Whether the unread bytes in the socket contain the client's name, as a signal of its disconnection does.
 bool isNamedInUnread(const Peer& peer) {
     char unread[kBacklog];
     const ssize_t length =
@@ -40,7 +41,7 @@ bool isInDoubt(const QSHandle* handle) {
     return handle->doubt.raised != handle->doubt.settled;
 }
 
-// Only those that had sent something when the question was asked: later ones may be missing in the answer.
+// Considers only clients that were known when the query was sent; later ones may be missing in the reply.
 void judge(QSHandle* handle, const std::set<std::string>& there, uint64_t before) {
     std::vector<std::shared_ptr<Peer>> gone;
     for (const auto& [name, peer] : handle->peers) {
@@ -57,7 +58,7 @@ int onNames(sd_bus_message* reply, void* data, sd_bus_error*) {
     auto* handle = static_cast<QSHandle*>(data);
     Doubt& doubt = handle->doubt;
     doubt.query.reset();
-    // An answer that was lost is asked for again at the end of this turn.
+    // If the reply was lost, the query is repeated at the end of this dispatch.
     if (sd_bus_message_get_error(reply) || sd_bus_message_enter_container(reply, 'a', "s") <= 0)
         return 0;
     doubt.settled = doubt.asked;
@@ -93,7 +94,7 @@ void closeAsker(QSHandle* handle) {
     handle->doubt.asker = sd_bus_close_unref(handle->doubt.asker);
 }
 
-// 1 or 0; negative when there is no answer.
+// 1 or 0; negative when the daemon gives no reply.
 int askIsThere(QSHandle* handle, const std::string& name) {
     if (!handle->doubt.asker && !openAsker(handle))
         return -1;
@@ -107,7 +108,7 @@ int askIsThere(QSHandle* handle, const std::string& name) {
         result = sd_bus_call(handle->doubt.asker, question.get(), kAnswerDeadline, nullptr, Receive(answer));
     if (result >= 0)
         result = sd_bus_message_read(answer.get(), "b", &there);
-    // What strangers send to it is not kept.
+    // Discards messages that other clients send to this connection.
     for (int i = 0; result >= 0 && i < kMostDiscarded; i++) {
         if (sd_bus_process(handle->doubt.asker, nullptr) <= 0)
             break;
@@ -155,7 +156,8 @@ bool busIsThere(const Peer& peer) {
     if (!isInDoubt(handle) && !isNamedInUnread(peer))
         return true;
     int there = askIsThere(handle, peer.name);
-    // A second try by a new connection: the first one may have been lost since it was last used.
+    // The second connection may have been lost since its last use, so the query is repeated once
+    // on a new one.
     if (there < 0)
         there = askIsThere(handle, peer.name);
     if (there < 0) {

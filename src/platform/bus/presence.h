@@ -1,21 +1,23 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Whether the clients that are known are still there. The daemon reports each death by a signal, but drops
-// what it sends to a connection whose inbox is full, signals and answers alike. When that may have
-// happened it is asked for the names that exist; until it has answered, whoever must be sure asks by a
-// connection of its own.
+// Whether known clients are still connected. The daemon signals each disconnection, but drops signals and
+// replies alike while its outgoing queue for this connection is full. When that may have happened, the
+// daemon is asked for the list of names. Until it has replied, a caller that must be certain queries the
+// daemon on a second connection.
 #pragma once
 
 #include "platform/bus/connection.h"
 
 struct Peer;
 
-// Before each read: notes when so much waits in the socket that the daemon may have had to drop something.
+// Before each read: records when the socket holds so much that the daemon may have dropped messages.
 void busNoteBacklog(QSHandle* handle);
-// A reader that must not go on leaves something unread: the deaths in it are not known.
+// Records that disconnections may be unknown, for example because a bounded read has left messages unread.
 void busNoteUnread(QSHandle* handle);
-// After each turn: when presence is in doubt and all has been read, asks the daemon who is still there.
+// After each dispatch: if disconnections may have been missed and everything received has been read, requests
+// the list of names.
 void busSettleDoubt(QSHandle* handle);
-// True when the daemon knows the client now. Waits for the daemon's answer when deaths may be unread or lost.
+// True when the client is connected now. Waits for the daemon's reply when a disconnection may
+// be unread or lost.
 bool busIsThere(const Peer& peer);
-// At the end of the connection.
+// At the end of the connection: closes the second connection and ends the pending query.
 void busEndDoubt(QSHandle* handle);

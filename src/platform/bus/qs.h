@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The device message bus (QS) over D-Bus: registering a service, answering and placing calls, subscriptions.
 //
-// One thread; every callback runs on the main loop that the service is attached to. Texts are UTF-8 JSON.
-// A function that can fail returns false and fills the error record, which the caller frees.
+// One thread; every callback runs on the main loop that the service is attached to. Texts are UTF-8 JSON. A
+// function that can fail returns false and fills the error record, which the caller frees.
 #pragma once
 
 #include <glib.h>
@@ -14,7 +14,7 @@ struct QSMessage;           // a request, a reply or a notification, reference c
 struct QSZeltService;       // a service registered on both buses
 struct QSSubscriptionIter;  // an acquired subscription list
 
-using QSToken = unsigned long;  // names a placed call; 0 names none
+using QSToken = unsigned long;  // identifies a placed call; 0 is none
 
 // An error record: initialise once, free after each use. Freeing an empty record does nothing.
 struct QSError {
@@ -22,8 +22,8 @@ struct QSError {
     char* message;  // what was wrong, owned by the record; null when there is no error
 };
 
-// Method handler, reply callback and cancel function alike. The message is borrowed: take a reference
-// to keep it.
+// Method handler, reply callback and cancel function alike. The message is borrowed: take a
+// reference to keep it.
 using QSFilter = bool (*)(QSHandle* handle, QSMessage* message, void* context);
 
 struct QSMethod {
@@ -47,11 +47,11 @@ bool QSZeltServiceRegisterCategory(QSZeltService* service, const char* category,
 bool QSGmainAttachZeltService(QSZeltService* service, GMainLoop* loop, QSError* error);
 QSHandle* QSZeltServiceGetPrivateConnection(QSZeltService* service);
 QSHandle* QSZeltServiceGetPublicConnection(QSZeltService* service);
-// Handles once what both connections have received, within a bound; never waits. Inside a bus callback
-// it does nothing.
+// Handles what both connections have received, within a bound and without waiting. Does nothing
+// inside a bus callback.
 void QSZeltServiceReadReceived(QSZeltService* service);
-// Releases the name and closes the connection; subscribers are told that no answer follows, the cancel
-// function does not run. Messages that are still kept may be released later, at process exit too.
+// Releases the name and closes the connection. Subscribers are told that no answer follows; the cancel
+// function does not run. Messages that are still kept may be released later, even at process exit.
 bool QSUnregister(QSHandle* handle, QSError* error);
 
 // A connection to one bus, for clients (name null) and for services on one bus only.
@@ -61,18 +61,19 @@ bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* 
                         QSError* error);
 bool QSGmainAttach(QSHandle* handle, GMainLoop* loop, QSError* error);
 
-// Calls zelt://SERVICE/CATEGORY.../METHOD (quor:// is the same). Without a callback no reply is asked for.
-// With one it is called for the reply, without a time limit, and when the payload asks to "subscribe" for
-// every later answer. Refused at once: an address that is not valid on D-Bus, a payload that is not UTF-8, a
-// service that is known to be neither there nor startable. zelt://com.zelt.bus/signal/registerServerStatus
-// with {"serviceName":NAME} reports {"connected":true|false}.
+// Calls zelt://SERVICE/CATEGORY.../METHOD (quor:// is the same). Without a callback no reply is expected. A
+// callback is called for the reply, without a time limit, and for every later answer when the payload asks to
+// "subscribe". Fails immediately for an address that is not valid on D-Bus, a payload that is not UTF-8, and
+// a service that is known to be neither running nor activatable.
+// zelt://com.zelt.bus/signal/registerServerStatus with {"serviceName":NAME} reports {"connected":true|false}.
 bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter callback, void* context,
             QSToken* token, QSError* error);
-// Forgets a call; a subscription of it ends at the service too.
+// Cancels a call; its subscription ends at the service too.
 bool QSCallCancel(QSHandle* handle, QSToken token, QSError* error);
-// Sets a function that is called once when an answered call that subscribed gets no more answers, with
-// {"reason":TEXT}: `released` or `cancelled` as the service says, `gone` when it left the bus. It is not
-// called for a call that ends with a bus error instead of a reply or with QSCallCancel.
+// Sets a function that is called once when a subscribed call that was answered gets no more
+// answers, with {"reason":TEXT}: `released` or `cancelled` as the service reports it, `gone` when
+// the service has disconnected. It is not called for a call that ends with a bus error instead of a
+// reply or with QSCallCancel.
 bool QSCallSetEndFunction(QSHandle* handle, QSToken token, QSFilter ended, void* context, QSError* error);
 
 // The texts of a request stay valid until its handler returns, and after that until its first answer.
@@ -88,9 +89,9 @@ bool QSMessageIsError(QSMessage* message);
 const char* QSMessageGetErrorName(QSMessage* message);
 void QSMessageRef(QSMessage* message);
 void QSMessageUnref(QSMessage* message);
-// The first answer is the method return, every later one reaches the caller as a signal of its own. An answer
-// that could not be sent (the client is gone, the text is not UTF-8) does not count. A request whose last
-// reference goes without an answer is closed with the error com.zelt.Error.NoAnswer.
+// The first answer is the method return, every later one is a signal to the caller. An answer that could not
+// be sent (the client has disconnected, the text is not UTF-8) does not count. A request whose last reference
+// is released without an answer is closed with the error com.zelt.Error.NoAnswer.
 bool QSMessageReply(QSHandle* handle, QSMessage* message, const char* payload, QSError* error);
 bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error);
 
@@ -98,12 +99,13 @@ bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error);
 bool QSSubscriptionProcess(QSHandle* handle, QSMessage* message, bool* subscribed, QSError* error);
 // Subscribes the request under a free key.
 bool QSSubscriptionAdd(QSHandle* handle, const char* key, QSMessage* message, QSError* error);
-// Called once for a message whose client cancelled or died, after the message has left every list.
+// Called once for a message whose client has cancelled or disconnected, after the message
+// has left every list.
 bool QSSubscriptionSetCancelFunction(QSHandle* handle, QSFilter cancel, void* context, QSError* error);
 bool QSSubscriptionAcquire(QSHandle* handle, const char* key, QSSubscriptionIter** iter, QSError* error);
 bool QSSubscriptionHasNext(QSSubscriptionIter* iter);
 QSMessage* QSSubscriptionNext(QSSubscriptionIter* iter);
-// Takes the message that was last returned out of the acquired list; the cancel function is not called.
+// Removes the message that was last returned from the acquired list; the cancel function is not called.
 void QSSubscriptionRemove(QSSubscriptionIter* iter);
 void QSSubscriptionRelease(QSSubscriptionIter* iter);
 // Answers the subscribers of a free key on both connections; having none is a failure.

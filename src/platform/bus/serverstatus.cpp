@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reports of a service's arrival and departure, an address that the layer serves itself. A service that is
-// there at registration is reported at once; one that is not is first reported when it comes. Kept as a call
+// Reports whether a service is running, at an address that the layer serves itself. A service that is running
+// at registration is reported immediately; one that is not is first reported when it starts. Kept as a call
 // in the handle's table until it is cancelled.
 #include <cerrno>
 
@@ -21,7 +21,7 @@ std::string watchedName(const char* payload) {
 }
 
 NameWatch::Report reporter(Call* call, const std::string& name) {
-    // The call owns the watch, and a stopped watch reports nothing: the call is there whenever this runs.
+    // The call owns the watch and stops it when it is destroyed, so the call exists whenever this runs.
     return [call, name, seen = std::make_shared<bool>(false)](bool there) {
         call->handle->names.note(name, there);
         if (!there && !*seen)

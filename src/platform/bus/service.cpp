@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A service that stands under one name on both buses. It keeps the two connections; its tables
-// are the categories'.
+// A service that owns one name on both buses. It keeps the two connections; the method tables
+// belong to the categories.
 #include <cerrno>
 
 #include "platform/bus/category.h"
@@ -22,7 +22,7 @@ bool QSRegisterZeltService(const char* name, QSZeltService** service, QSError* e
     *service = new QSZeltService{privateHandle, publicHandle, 2};
     for (QSHandle* handle : {privateHandle, publicHandle}) {
         handle->service = *service;
-        // The service's own, so that a handle stays a handle, closed, until both are unregistered.
+        // The service's own reference, so that a closed handle stays valid until both are unregistered.
         busReference(handle);
     }
     return true;

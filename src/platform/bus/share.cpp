@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The parts of a shared amount. Kept in memory, with the connection.
+// Sharing a limited amount among users. In memory, with the connection.
 #include "platform/bus/share.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// An amount that the users of the machine share: what one of them holds leaves the others their part.
+// A limited amount that the users of the machine share: no user can use it up and leave
+// nothing for the others.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +10,8 @@ class Share {
   public:
     explicit Share(size_t most) : m_most(most) {}
 
-    // What the user may add: of what is free everybody who holds something, and this user, may hold an equal
-    // part. The first user gets half of all, and the nth never less than one n(n+1)th.
+    // How much more the user may add. Each user that holds something, and this one, may hold an equal part of
+    // what is free. The first user gets half of the total, and the nth always at least 1/(n(n+1)) of it.
     size_t room(unsigned user) const;
     size_t total() const { return m_total; }
     void add(unsigned user, size_t amount);

@@ -16,8 +16,7 @@ struct WireUnref {
 };
 using Wire = std::unique_ptr<sd_bus_message, WireUnref>;
 
-// For the out-argument of an sd-bus call: what was written is owned by the target at the end
-// of the statement.
+// For the out-argument of an sd-bus call; the target owns the result from the end of the statement.
 template <typename Owner>
 class Receive {
   public:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Subscriptions: requests that are kept for later answers. Free keys and category with method are two tables,
-// so that a node may be called anything. All of it lives in memory, with the connection.
+// Subscriptions: requests that are kept for later answers. Free keys and pairs of category and method have
+// separate tables, so that no node name can collide with a method. In memory, with the connection.
 #include "platform/bus/subscriptions.h"
 
 #include <algorithm>
@@ -26,13 +26,13 @@ namespace {
 
 constexpr size_t kMostPublicSubscriptions = 64;
 
-// Neither part holds a blank on D-Bus, so two keys are never the same text.
+// Neither part can contain a blank on D-Bus, so different pairs have different keys.
 std::string methodKey(const std::string& category, const std::string& method) {
     return category + " " + method;
 }
 
-// Takes the member out of the list and the list out of its table when it was the last; gives
-// no reference back.
+// Removes the request from the list, and a list that became empty from its table; does
+// not release the reference.
 void takeOut(SubscriptionList& list, QSMessage* request) {
     std::erase(list.members, request);
     if (list.members.empty())
@@ -45,7 +45,7 @@ void forgetMembership(QSMessage* request) {
         std::erase(request->peer->subscribed, request);
 }
 
-// Gives back the references of the lists; the caller holds one of its own.
+// Releases the references of the lists; the caller must hold one of its own.
 void leaveEveryList(QSMessage* request) {
     for (SubscriptionList* list : std::exchange(request->lists, {})) {
         takeOut(*list, request);
@@ -186,7 +186,7 @@ void QSSubscriptionRemove(QSSubscriptionIter* iter) {
     if (!iter || iter->next == 0)
         return;
     QSMessage* request = iter->members[iter->next - 1];
-    // By its key: a list that became empty since is gone.
+    // Looked up by key, because a list that has become empty is deleted.
     auto found = iter->table->find(iter->key);
     if (found == iter->table->end() || !std::erase(request->lists, &found->second))
         return;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Lists of subscribed requests under their keys. A list holds one reference on each member and exists while
-// it has members; a request may stand on several lists.
+// Lists of subscribed requests by key. A list holds one reference on each member and exists while it has
+// members; a request may be on several lists.
 #pragma once
 
 #include <string>
@@ -14,15 +14,16 @@ struct SubscriptionList;
 using SubscriptionTable = std::unordered_map<std::string, SubscriptionList>;
 
 struct SubscriptionList {
-    SubscriptionTable* table;  // where it stands, under `key`
+    SubscriptionTable* table;  // the table that holds it under `key`
     std::string key;
     std::vector<QSMessage*> members;  // oldest first
 };
 
-// The client has cancelled the call: the request leaves every list, then the cancel function runs.
+// For a call that the client has cancelled: removes the request from every list, then
+// runs the cancel function.
 void busCancel(QSMessage* request);
-// The client is gone: all its requests leave their lists, then the cancel function runs for
-// each, oldest first.
+// For a client that has disconnected: removes all its requests from their lists, then runs the cancel
+// function for each, oldest first.
 void busCancelAll(Peer& peer);
-// At the end of the connection: the lists are emptied, the cancel function does not run.
+// At the end of the connection: empties the lists without running the cancel function.
 void busDropAllSubscriptions(QSHandle* handle);

@@ -93,7 +93,7 @@ const char* busWireText(const char* text, std::string& storage, QSError* error) 
 }
 
 bool busAsksToSubscribe(const char* payload) {
-    // Without the word, and without an escape that might stand for it, there is nothing to parse.
+    // Skips the parser when the text has neither the word nor an escape that may encode it.
     if (!payload || (!std::strstr(payload, "subscribe") && !std::strchr(payload, '\\')))
         return false;
     const JsonRef object = parseJson(payload);

@@ -10,9 +10,8 @@
 // that sends a longer one.
 inline constexpr size_t kLongestPayload = 16 * 1024 * 1024;
 
-// The form of `text` that goes on the wire: `text` itself, or `storage` when some code points had to be
-// written as \u escapes. Null, with the reason in `error`, for a null text, one that is not UTF-8 and one
-// that is too long.
+// The form of `text` that is sent: `text` itself, or `storage` when some code points had to be written as \u
+// escapes. Null, with the reason in `error`, for a null text, one that is not UTF-8 and one that is too long.
 const char* busWireText(const char* text, std::string& storage, QSError* error);
 
 // True when the payload is a JSON object whose "subscribe" is true.

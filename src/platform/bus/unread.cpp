@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Bounds of what waits unread in the bus daemon. What was sent counts until it is shown to be read, which is
-// asked when much has been sent: the daemon, how much waits for the client; and where it does not tell, or
-// something waits, the client itself, by a Ping behind all that was sent before. The one covers programs that
-// answer no Ping while they wait for a reply, the other tells of a slow client as soon as it has read. In
+// Limits for the bytes that wait in the bus daemon for clients. What was sent counts as unread until a query
+// shows that it was read; queries are made when much has been sent. First the daemon is asked how many bytes
+// wait for the client. If the daemon does not tell, or much is still waiting, the client is sent a Ping,
+// whose reply shows that it has read everything sent before. The daemon's numbers cover programs that answer
+// no Ping while they wait for a reply; the Ping shows without polling when a slow client has read. In
 // memory, with the connection.
 #include "platform/bus/unread.h"
 
@@ -23,25 +24,25 @@ namespace {
 constexpr char kStatistics[] = "org.freedesktop.DBus.Debug.Stats";
 constexpr char kPeerInterface[] = "org.freedesktop.DBus.Peer";
 
-// Of one client: the more its user has unread, the less; never less than the first, never more than the
-// second. A long text, such as an item, may go to a client beyond that.
+// The limit of one client, between these two; it shrinks as its user has more unread. A long message, such as
+// an item, may exceed it.
 constexpr size_t kLeast = 8 * 1024;
 constexpr size_t kMost = 128 * 1024;
 constexpr size_t kClientsOfARoom = 64;
-// A client with less than this unread gets its next answer as long as there is any room, and a
-// small one always.
+// With at most this much unread, a client gets its next message while the limit for all clients allows it,
+// and a message of at most this size always.
 constexpr size_t kLittle = 1024;
-// Beyond this nobody gets more, but for that small answer. A stock daemon takes 127 MiB from a
-// service, ours 16.
+// The limit for all clients together, except for those small messages. The `max_incoming_bytes` of a bus
+// daemon bounds it: 127 MiB by default, and at least 16 MiB is required.
 constexpr size_t kMostOfAll = 12 * 1024 * 1024;
 constexpr size_t kLong = 32 * 1024;
 constexpr size_t kLongOfARoom = 8;
-// Between two questions to the daemon about a client that gets nothing more.
+// Microseconds between two queries to the daemon about a client that has reached its limit.
 constexpr int64_t kShortestGap = 1000;
 constexpr int64_t kLongestGap = 256 * 1000;
-// A daemon may allow no more than 128 calls that wait for replies.
+// A daemon may limit a connection to 128 pending replies.
 constexpr size_t kMostPings = 64;
-// Callers that have sent no request: they are known for as long as something waits for them.
+// Callers that have sent no request for a handler; each is kept while it has something unread.
 constexpr size_t kMostPassers = 256;
 constexpr size_t kIntrospection = 16 * 1024;
 constexpr size_t kLongestPath = 255;
@@ -60,7 +61,7 @@ void endPing(Peer& peer) {
 
 int askClient(Peer& peer);
 
-// All that was sent up to here has been read.
+// Records that the first `upTo` bytes that were sent have been read.
 void settle(Peer& peer, uint64_t upTo) {
     Unread& unread = peer.unread;
     const uint64_t read = upTo - std::min(upTo, unread.read);
@@ -101,7 +102,7 @@ bool isRefused(sd_bus_message* reply) {
            sd_bus_message_is_method_error(reply, SD_BUS_ERROR_UNKNOWN_OBJECT);
 }
 
-// The watch for its death tells the rest about a client; of the others nothing else would.
+// The match rule reports the disconnection of a client with requests; for other callers nothing else does.
 void settleGone(Peer& peer) {
     busForgetUnread(peer);
     peer.handle->passers.erase(peer.name);
@@ -132,7 +133,7 @@ int onPong(sd_bus_message* reply, void* data, sd_bus_error*) {
     endPing(*peer);
     QSHandle* handle = peer->handle;
     const char* sender = sd_bus_message_get_sender(reply);
-    // Any answer of the client comes from behind what it has read, an error too.
+    // Any reply of the client, an error too, shows that it has read everything sent before the Ping.
     if (sender && peer->name == sender) {
         settle(*peer, peer->unread.pinged);
     } else if (busIsFromDaemon(reply) && isGone(reply)) {
@@ -156,7 +157,7 @@ int askDaemon(Peer& peer) {
                                                 kBusDaemonPath, kStatistics, "GetConnectionStats");
     if (result >= 0)
         result = sd_bus_message_append(question.get(), "s", peer.name.c_str());
-    // A daemon drops its answer while the inbox of this connection is full.
+    // Time limit: the daemon drops its reply while its outgoing queue for this connection is full.
     return result < 0 ? result
                       : sd_bus_call_async(peer.handle->bus, Receive(peer.unread.question), question.get(),
                                           onStatistics, &peer, kAnswerDeadline);
@@ -171,7 +172,7 @@ int askClient(Peer& peer) {
     if (result < 0)
         return result;
     sd_bus_message_set_auto_start(ping.get(), 0);
-    // Without a time limit, so without a timer: a client may begin to read again at any time.
+    // No time limit, and so no timer: a client may begin to read again at any time.
     result =
         sd_bus_call_async(peer.handle->bus, Receive(peer.unread.ping), ping.get(), onPong, &peer, kNoTimeout);
     if (result < 0)
@@ -181,7 +182,7 @@ int askClient(Peer& peer) {
     return result;
 }
 
-// True when the call comes to a handler of the service, which counts its own answers.
+// True when a handler of the service gets the call; its answers are counted where they are sent.
 bool isServed(const QSHandle* handle, const char* path, sd_bus_message* wire) {
     const char* interface = sd_bus_message_get_interface(wire);
     const char* member = sd_bus_message_get_member(wire);
@@ -195,7 +196,7 @@ bool isServed(const QSHandle* handle, const char* path, sd_bus_message* wire) {
     return false;
 }
 
-// An upper bound of what sd-bus answers by itself; its errors name what was asked for.
+// An upper bound for the size of a reply that sd-bus makes itself; its error texts repeat parts of the call.
 size_t ownAnswer(const char* path, sd_bus_message* wire) {
     const char* interface = sd_bus_message_get_interface(wire);
     if (interface && std::strcmp(interface, "org.freedesktop.DBus.Introspectable") == 0)
@@ -205,7 +206,8 @@ size_t ownAnswer(const char* path, sd_bus_message* wire) {
            (interface ? std::strlen(interface) : 0) + (signature ? std::strlen(signature) : 0);
 }
 
-// The account of a caller that may never send a request.
+// The Peer that counts what a caller has not read, even if it never sends a request for a handler; null when
+// there are too many such callers.
 Peer* accountOf(QSHandle* handle, const char* sender) {
     auto found = handle->peers.find(sender);
     if (found != handle->peers.end())
@@ -252,7 +254,8 @@ int onAnyMessage(sd_bus_message* wire, void* data, sd_bus_error*) {
 
 bool busMaySend(const Peer& peer, size_t size) {
     const QSHandle* handle = peer.handle;
-    // Who can ask nobody does not know what is read.
+    // When neither the daemon nor the clients can be queried, it is unknown what was read,
+    // and nothing is limited.
     if (!busIsPublic(handle) || (!handle->asksDaemon && !handle->asksClients))
         return true;
     const size_t unread = peer.unread.bytes();
