@@ -6,7 +6,7 @@
 
 #include "delivery/methods.h"
 #include "tests/unit/nodes/refusal.h"
-#include "tests/unit/nodes/roadtest.h"
+#include "tests/unit/nodes/requesttest.h"
 
 // The refusals of all methods of this folder; the rows stand with the methods.
 TEST_P(NodeRefusal, IsAnsweredAtOnceAndKeepsNothing) {
@@ -53,9 +53,9 @@ INSTANTIATE_TEST_SUITE_P(
                     given("NoClient", Given::NoClient, R"({"node":"a"})", kNoLibrary)),
     caseName);
 
-class SubscribeToNode : public RoadTest {};
+class SubscribeToNode : public RequestTest {};
 
-class SubscribeToNodeShape : public RoadTest, public testing::WithParamInterface<Subscription> {};
+class SubscribeToNodeShape : public RequestTest, public testing::WithParamInterface<Subscription> {};
 
 TEST_P(SubscribeToNodeShape, ReachesTheServer) {
     ask(subscribeToNode, GetParam().payload);

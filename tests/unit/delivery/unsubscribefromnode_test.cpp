@@ -6,7 +6,7 @@
 
 #include "delivery/methods.h"
 #include "tests/unit/nodes/refusal.h"
-#include "tests/unit/nodes/roadtest.h"
+#include "tests/unit/nodes/requesttest.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ INSTANTIATE_TEST_SUITE_P(
                           nodeErrorReply(R"(\/a)", "libErr", "gloox library is not initialized"))),
     caseName);
 
-class UnsubscribeFromNode : public RoadTest {};
+class UnsubscribeFromNode : public RequestTest {};
 
 TEST_F(UnsubscribeFromNode, ReachesTheServer) {
     ask(unsubscribeFromNode, kRequest);

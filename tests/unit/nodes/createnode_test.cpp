@@ -4,7 +4,7 @@
 
 #include "nodes/methods.h"
 #include "tests/unit/nodes/refusal.h"
-#include "tests/unit/nodes/roadtest.h"
+#include "tests/unit/nodes/requesttest.h"
 
 namespace {
 
@@ -67,12 +67,12 @@ INSTANTIATE_TEST_SUITE_P(
               nodeErrorReply(R"(\/a)", "libErr", "gloox library is not initialized"))),
     caseName);
 
-class CreateNode : public RoadTest {
+class CreateNode : public RequestTest {
   protected:
     Answer askFor(const std::string& node) { return ask(createNode, R"({"node":")" + node + R"("})"); }
 };
 
-class CreateNodeShape : public RoadTest, public testing::WithParamInterface<Shape> {};
+class CreateNodeShape : public RequestTest, public testing::WithParamInterface<Shape> {};
 
 TEST_P(CreateNodeShape, ReachesTheServer) {
     ask(createNode, GetParam().payload);

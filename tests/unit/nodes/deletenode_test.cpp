@@ -4,7 +4,7 @@
 
 #include "nodes/methods.h"
 #include "tests/unit/nodes/refusal.h"
-#include "tests/unit/nodes/roadtest.h"
+#include "tests/unit/nodes/requesttest.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ INSTANTIATE_TEST_SUITE_P(
               nodeErrorReply("a", "libErr", "gloox library is not initialized"))),
     caseName);
 
-class DeleteNode : public RoadTest {};
+class DeleteNode : public RequestTest {};
 
 TEST_F(DeleteNode, ReachesTheServer) {
     ask(deleteNode, R"({"node":"/a/b"})");
@@ -81,13 +81,13 @@ TEST_F(DeleteNode, SendsNothingForAResultThatNobodyWaitsFor) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-class DeleteEndpoint : public RoadTest {
+class DeleteEndpoint : public RequestTest {
   protected:
     static constexpr const char* kNode = "/u1234/dev42/com.example.app/inbox";
 
     // A deleteEndpoint request that waits under "id1", for a node that every registry knows.
     void SetUp() override {
-        RoadTest::SetUp();
+        RequestTest::SetUp();
         m_message = fakeBus().request(publicHandle(), "deleteEndpoint", "{}", "com.example.app 1");
         session().setEndpointMap("id1", m_message, "inbox", kNode, "com.example.app");
         QSMessageUnref(m_message);
@@ -183,7 +183,7 @@ TEST_F(DeleteEndpoint, LogsAnAnswerThatCannotBeSentAsADeletion) {
               Texts{"handleNodeDeletation: Sending response to delete Node failed id id1 Error no way "});
 }
 
-class NodePurge : public RoadTest {};
+class NodePurge : public RequestTest {};
 
 TEST_F(NodePurge, IsToldOnStandardOutput) {
     testing::internal::CaptureStdout();

@@ -8,7 +8,7 @@
 
 #include "nodes/methods.h"
 #include "tests/unit/nodes/refusal.h"
-#include "tests/unit/nodes/roadtest.h"
+#include "tests/unit/nodes/requesttest.h"
 
 namespace {
 
@@ -88,9 +88,9 @@ INSTANTIATE_TEST_SUITE_P(
                           errorReply("libErr", "gloox library is not initialized"))),
     caseName);
 
-class NodeConfig : public RoadTest {};
+class NodeConfig : public RequestTest {};
 
-class NodeOptions : public RoadTest, public testing::WithParamInterface<Options> {};
+class NodeOptions : public RequestTest, public testing::WithParamInterface<Options> {};
 
 TEST_P(NodeOptions, BecomeTheFieldsOfASubmittedForm) {
     ask(setNodeConfig, std::string(R"({"node":"/a/b","options":)") + GetParam().json + "}");

@@ -4,7 +4,7 @@
 
 #include "nodes/methods.h"
 #include "tests/unit/nodes/refusal.h"
-#include "tests/unit/nodes/roadtest.h"
+#include "tests/unit/nodes/requesttest.h"
 #include "xmpp/manager.h"
 
 namespace {
@@ -104,7 +104,7 @@ INSTANTIATE_TEST_SUITE_P(
               nodeErrorReply("n", "libErr", "gloox library is not initialized"))),
     caseName);
 
-class PendingAuth : public RoadTest {
+class PendingAuth : public RequestTest {
   protected:
     Answer listen(const std::string& nodes) {
         const Answer listener = call(subscribeNodeAuth, R"({"subscribe":true,"nodes":)" + nodes + "}");

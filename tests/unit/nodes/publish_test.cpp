@@ -4,7 +4,7 @@
 
 #include "nodes/methods.h"
 #include "tests/unit/nodes/refusal.h"
-#include "tests/unit/nodes/roadtest.h"
+#include "tests/unit/nodes/requesttest.h"
 
 namespace {
 
@@ -59,9 +59,9 @@ INSTANTIATE_TEST_SUITE_P(
                     given("NoClient", Given::NoClient, R"({"node":"a","item":"x"})", kNoLibrary)),
     caseName);
 
-class PublishItem : public RoadTest {};
+class PublishItem : public RequestTest {};
 
-class PublishedItem : public RoadTest, public testing::WithParamInterface<Item> {};
+class PublishedItem : public RequestTest, public testing::WithParamInterface<Item> {};
 
 TEST_P(PublishedItem, ReachesTheServer) {
     ask(publishItemToNode, GetParam().payload);

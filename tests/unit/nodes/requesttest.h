@@ -22,7 +22,7 @@ inline std::string ownerStanza(const std::string& type, const std::string& insid
            "'><pubsub xmlns='http://jabber.org/protocol/pubsub#owner'>" + inside + "</pubsub></iq>";
 }
 
-class RoadTest : public ServiceTest {
+class RequestTest : public ServiceTest {
   protected:
     void SetUp() override {
         ServiceTest::SetUp();
