@@ -2,7 +2,9 @@
 // The smallest service that sd-bus allows: one method, text in, fixed text out. The request road's reference.
 #include "bench/busclient.h"
 
-static int onEcho(sd_bus_message* message, void*, sd_bus_error*) {
+namespace {
+
+int onEcho(sd_bus_message* message, void*, sd_bus_error*) {
     const char* text = nullptr;
     const int result = sd_bus_message_read(message, "s", &text);
     if (result < 0)
@@ -10,9 +12,11 @@ static int onEcho(sd_bus_message* message, void*, sd_bus_error*) {
     return sd_bus_reply_method_return(message, "s", R"({ "returnValue": true, "username": "device" })");
 }
 
-static const sd_bus_vtable kTable[] = {
+const sd_bus_vtable kTable[] = {
     SD_BUS_VTABLE_START(0), SD_BUS_METHOD("getJabberId", "s", "s", onEcho, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END};
+
+}  // namespace
 
 int main() {
     sd_bus* bus = bench::connect("com.zelt.bench.echo");

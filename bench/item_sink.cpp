@@ -5,16 +5,20 @@
 
 #include "bench/busclient.h"
 
-static long gReceived = 0;
+namespace {
 
-static int onItem(sd_bus_message*, void*, sd_bus_error*) {
+long gReceived = 0;
+
+int onItem(sd_bus_message*, void*, sd_bus_error*) {
     ++gReceived;
     return 1;
 }
 
-static const sd_bus_vtable kTable[] = {SD_BUS_VTABLE_START(0),
-                                       SD_BUS_METHOD("item", "s", "s", onItem, SD_BUS_VTABLE_UNPRIVILEGED),
-                                       SD_BUS_VTABLE_END};
+const sd_bus_vtable kTable[] = {SD_BUS_VTABLE_START(0),
+                                SD_BUS_METHOD("item", "s", "s", onItem, SD_BUS_VTABLE_UNPRIVILEGED),
+                                SD_BUS_VTABLE_END};
+
+}  // namespace
 
 int main(int argc, char** argv) {
     sd_bus* bus = bench::connect("com.zelt.bench.sink");

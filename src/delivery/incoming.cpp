@@ -21,8 +21,8 @@
 
 namespace {
 
-constexpr const char* kEventNamespace = "http://jabber.org/protocol/pubsub#event";
-constexpr const char* kFormNamespace = "jabber:x:data";
+constexpr char kEventNamespace[] = "http://jabber.org/protocol/pubsub#event";
+constexpr char kFormNamespace[] = "jabber:x:data";
 
 // The log names the operation and not the step of it that failed.
 

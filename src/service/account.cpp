@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr const char* kDone = R"({"returnValue":true})";
+constexpr char kDone[] = R"({"returnValue":true})";
 
 // Written around the value, which json-c escapes: building and printing an object would be a fifth of the
 // whole request's instructions.

@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr const char* kWifi = "wifi";
-constexpr const char* kWan = "wan";
+constexpr char kWifi[] = "wifi";
+constexpr char kWan[] = "wan";
 
 // Without Internet: an attempt is given up, and so is a connection unless it runs over a mobile link that
 // still stands.

@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr const char* kServiceName = "com.zelt.pubsubservice";
+constexpr char kServiceName[] = "com.zelt.pubsubservice";
 
 struct Bus {
     QSZeltService* service = nullptr;

@@ -12,23 +12,23 @@
 
 namespace {
 
-constexpr const char* kCategory = "/";
-constexpr const char* kConnectStatus = "connectStatus";
-constexpr const char* kSubscribeConnStatus = "subscribeConnStatus";
+constexpr char kCategory[] = "/";
+constexpr char kConnectStatus[] = "connectStatus";
+constexpr char kSubscribeConnStatus[] = "subscribeConnStatus";
 
-constexpr const char* kConnected = R"({"returnValue":true, "connected":true})";
-constexpr const char* kDisconnected = R"({"returnValue":true, "connected":false})";
+constexpr char kConnected[] = R"({"returnValue":true, "connected":true})";
+constexpr char kDisconnected[] = R"({"returnValue":true, "connected":false})";
 // sic: "session" is always true in what is posted, whatever the session holds.
-constexpr const char* kConnectedDetails =
+constexpr char kConnectedDetails[] =
     R"({"returnValue":true, "connected":true, "session" : true, "network": true})";
-constexpr const char* kDisconnectedNetwork =
+constexpr char kDisconnectedNetwork[] =
     R"({"returnValue":true, "connected":false, "session":true, "network":true})";
-constexpr const char* kDisconnectedNoNetwork =
+constexpr char kDisconnectedNoNetwork[] =
     R"({"returnValue":true, "connected":false, "session":true, "network":false})";
 
-constexpr const char* kDetailsFailed = "Sending connection status failed. Error %s ";
+constexpr char kDetailsFailed[] = "Sending connection status failed. Error %s ";
 // sic: a blank before the point in this one.
-constexpr const char* kStatusFailed = "Sending connection status failed . Error %s ";
+constexpr char kStatusFailed[] = "Sending connection status failed . Error %s ";
 
 void post(QSHandle* handle, const char* method, const char* payload, const char* failed, CallSite site) {
     BusError error;

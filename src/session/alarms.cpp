@@ -24,16 +24,16 @@
 
 namespace {
 
-constexpr const char* kTimeoutSet = "zelt://com.zelt.power/timeout/set";
-constexpr const char* kTimeoutClear = "zelt://com.zelt.power/timeout/clear";
+constexpr char kTimeoutSet[] = "zelt://com.zelt.power/timeout/set";
+constexpr char kTimeoutClear[] = "zelt://com.zelt.power/timeout/clear";
 
 // The first four attempts after a connect come soon, every later one after an hour or more.
 constexpr int kLastShortRetry = 3;
 constexpr int32_t kShortMin = 300, kShortMax = 1200;
 constexpr int32_t kLongMin = 3600, kLongMax = 5400;
 
-constexpr const char* kPingAlarmFailed = "Setting Ping Alarm failed. Error %s ";
-constexpr const char* kReconnectClearFailed = "Removing reconnect failed. Error %s ";
+constexpr char kPingAlarmFailed[] = "Setting Ping Alarm failed. Error %s ";
+constexpr char kReconnectClearFailed[] = "Removing reconnect failed. Error %s ";
 
 // The power service's "timeout/set". Written by hand: json-c would escape the slashes.
 std::string alarm(const std::string& key, const std::string& in) {

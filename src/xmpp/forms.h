@@ -4,11 +4,11 @@
 
 namespace xmpp {
 
-inline constexpr const char* kDeviceXmlns = "urn:zelt:pubsub:device:0";
-inline constexpr const char* kCommandsXmlns = "http://jabber.org/protocol/commands";
-inline constexpr const char* kGetPending = "http://jabber.org/protocol/pubsub#get-pending";
-inline constexpr const char* kNodeConfigForm = "http://jabber.org/protocol/pubsub#node_config";
-inline constexpr const char* kSubscribeOptionsForm = "http://jabber.org/protocol/pubsub#subscribe_options";
-inline constexpr const char* kAuthorizationForm = "http://jabber.org/protocol/pubsub#subscribe_authorization";
+inline constexpr char kDeviceXmlns[] = "urn:zelt:pubsub:device:0";
+inline constexpr char kCommandsXmlns[] = "http://jabber.org/protocol/commands";
+inline constexpr char kGetPending[] = "http://jabber.org/protocol/pubsub#get-pending";
+inline constexpr char kNodeConfigForm[] = "http://jabber.org/protocol/pubsub#node_config";
+inline constexpr char kSubscribeOptionsForm[] = "http://jabber.org/protocol/pubsub#subscribe_options";
+inline constexpr char kAuthorizationForm[] = "http://jabber.org/protocol/pubsub#subscribe_authorization";
 
 }  // namespace xmpp

@@ -16,7 +16,7 @@
 namespace xmpp {
 namespace {
 
-constexpr const char* kPriorities = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
+constexpr char kPriorities[] = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
 constexpr std::size_t kRecordSize = 16'384;
 
 std::string textOf(const char* text) {

@@ -10,9 +10,9 @@
 
 namespace {
 
-constexpr const char* kUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
-constexpr const char* kNoAnswer = "com.zelt.Error.NoAnswer";
-constexpr const char* kLimitExceeded = "com.zelt.Error.LimitExceeded";
+constexpr char kUnknownMethod[] = "org.freedesktop.DBus.Error.UnknownMethod";
+constexpr char kNoAnswer[] = "com.zelt.Error.NoAnswer";
+constexpr char kLimitExceeded[] = "com.zelt.Error.LimitExceeded";
 constexpr std::size_t kPublicPayloadLimit = 4 * 1024;
 constexpr std::ptrdiff_t kWaitingLimit = 128;
 

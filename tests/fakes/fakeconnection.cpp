@@ -15,8 +15,8 @@
 
 namespace {
 
-constexpr const char* kStreamXmlns = "http://etherx.jabber.org/streams";
-constexpr const char* kStreamEnd = "</stream:stream>";
+constexpr char kStreamXmlns[] = "http://etherx.jabber.org/streams";
+constexpr char kStreamEnd[] = "</stream:stream>";
 
 std::string decodeBase64(const std::string& text) {
     gsize length = 0;

@@ -45,12 +45,12 @@ class Answer {
 
 class ServiceTest : public ::testing::Test {
   protected:
-    static constexpr const char* kJid = "u1234@example.org";
-    static constexpr const char* kFullJid = "u1234@example.org/dev42";
-    static constexpr const char* kResource = "dev42";
-    static constexpr const char* kService = "pubsub.example.org";
-    static constexpr const char* kServer = "xmpp.example.org";
-    static constexpr const char* kLocalAddress = "192.0.2.7";
+    static constexpr char kJid[] = "u1234@example.org";
+    static constexpr char kFullJid[] = "u1234@example.org/dev42";
+    static constexpr char kResource[] = "dev42";
+    static constexpr char kService[] = "pubsub.example.org";
+    static constexpr char kServer[] = "xmpp.example.org";
+    static constexpr char kLocalAddress[] = "192.0.2.7";
 
     void SetUp() override;
     void TearDown() override;

@@ -14,7 +14,7 @@ PAGE = (ROOT / "docs/methods.md").read_text(encoding="utf-8")
 def served(table):
     source = (ROOT / "src/service/methods.cpp").read_text(encoding="utf-8")
     body = source.split(f"const QSMethod {table}[] = {{")[1].split("};")[0]
-    return re.findall(r'\{"(\w+)"', body)
+    return re.findall(r'\{\.name = "(\w+)"', body)
 
 
 def described(heading):

@@ -6,7 +6,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-constexpr const char* kOther = "com.zelt.other";
+constexpr char kOther[] = "com.zelt.other";
 
 class Calls : public BusContract {
   protected:

@@ -15,7 +15,7 @@
 #include "platform/bus/qs.h"
 
 // The name under which every test of the contract registers its service.
-inline constexpr const char* kServiceName = "com.zelt.contract";
+inline constexpr char kServiceName[] = "com.zelt.contract";
 
 // One connection of a client. Destroying it closes the connection, as the end of the client's process does.
 class BusClient {

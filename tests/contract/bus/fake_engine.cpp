@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr const char* kProcess = " 4711";
+constexpr char kProcess[] = " 4711";
 
 class FakeClient : public BusClient {
   public:

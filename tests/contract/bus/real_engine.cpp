@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr const char* kSubscription = "com.zelt.Subscription1";
+constexpr char kSubscription[] = "com.zelt.Subscription1";
 constexpr std::chrono::seconds kDeadline(5);
 
 void require(int result, const char* what) {

@@ -28,9 +28,9 @@ namespace {
 
 constexpr int kHostile = 50;
 constexpr unsigned kNobody = 65534;
-constexpr const char* kEverybody = R"(<policy context="default"><allow user="*"/></policy>)";
+constexpr char kEverybody[] = R"(<policy context="default"><allow user="*"/></policy>)";
 // The built-in limits of dbus-daemon, which no distribution changes for its system bus.
-constexpr const char* kStockLimits = R"(
+constexpr char kStockLimits[] = R"(
   <limit name="max_replies_per_connection">128</limit>
   <limit name="max_match_rules_per_connection">512</limit>
   <limit name="max_incoming_bytes">133169152</limit>
@@ -178,8 +178,8 @@ class ClientsThatDoNotRead
 // A client that reads, with a daemon that tells what waits for it and with one that does not.
 class ClientsThatRead : public testing::TestWithParam<const char*> {};
 
-constexpr const char* kTelling = "";
-constexpr const char* kTellingNothing =
+constexpr char kTelling[] = "";
+constexpr char kTellingNothing[] =
     R"(<policy context="mandatory"><deny send_interface="org.freedesktop.DBus.Debug.Stats"/></policy>)";
 
 std::string nameOfCase(const testing::TestParamInfo<ClientsThatDoNotRead::ParamType>& info) {

@@ -47,7 +47,7 @@ class PrefsContract : public ::testing::Test {
     std::unique_ptr<PrefsEngine> m_engine = makePrefsEngine();
 };
 
-constexpr const char* kNone = "(1)";  // QP_NOT_FOUND
+constexpr char kNone[] = "(1)";  // QP_NOT_FOUND
 
 }  // namespace
 

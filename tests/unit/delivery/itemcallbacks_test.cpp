@@ -10,9 +10,9 @@ namespace {
 
 using Handlers = std::map<std::string, std::list<std::string>>;
 
-constexpr const char* kDone = R"({ "returnValue": true })";
-constexpr const char* kNotDone = R"({ "returnValue": false })";
-constexpr const char* kEndpoint = "zelt://com.example.mail/items";
+constexpr char kDone[] = R"({ "returnValue": true })";
+constexpr char kNotDone[] = R"({ "returnValue": false })";
+constexpr char kEndpoint[] = "zelt://com.example.mail/items";
 
 // A record as the file holds it: the text, a zero byte, a newline.
 std::string record(const std::string& text) {

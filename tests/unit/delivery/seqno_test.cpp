@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr const char* kApp = "com.zelt.pubsubservice";
+constexpr char kApp[] = "com.zelt.pubsubservice";
 const std::string kAppName = kApp;
 
 }  // namespace

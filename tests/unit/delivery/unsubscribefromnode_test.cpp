@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char* kRequest = R"({"node":"/a","jid":"friend@example.net","subid":"s1"})";
+constexpr char kRequest[] = R"({"node":"/a","jid":"friend@example.net","subid":"s1"})";
 
 RefusalCase given(const char* name, Given state, const char* payload, std::string reply,
                   std::string log = "") {

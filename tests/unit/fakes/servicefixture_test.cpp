@@ -22,7 +22,7 @@ bool keepStray(QSHandle*, QSMessage* message, void*) {
     return true;
 }
 
-constexpr const char* kCreateNode = R"({"node":"/u1234/dev42/app/inbox"})";
+constexpr char kCreateNode[] = R"({"node":"/u1234/dev42/app/inbox"})";
 
 class ServiceFixtureTest : public ServiceTest {};
 

@@ -85,10 +85,10 @@ TEST_P(CreateNodeShape, ReachesTheServer) {
 
 namespace {
 
-constexpr const char* kOpenLeaf =
+constexpr char kOpenLeaf[] =
     "<field var='pubsub#node_type'><value>leaf</value></field>"
     "<field var='pubsub#access_model'><value>open</value></field>";
-constexpr const char* kOpenCollection =
+constexpr char kOpenCollection[] =
     "<field var='pubsub#node_type'><value>collection</value></field>"
     "<field var='pubsub#access_model'><value>open</value></field>";
 

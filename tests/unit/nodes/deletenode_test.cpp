@@ -83,7 +83,7 @@ TEST_F(DeleteNode, SendsNothingForAResultThatNobodyWaitsFor) {
 
 class DeleteEndpoint : public RequestTest {
   protected:
-    static constexpr const char* kNode = "/u1234/dev42/com.example.app/inbox";
+    static constexpr char kNode[] = "/u1234/dev42/com.example.app/inbox";
 
     // A deleteEndpoint request that waits under "id1", for a node that every registry knows.
     void SetUp() override {

@@ -25,13 +25,13 @@ const std::string kNoService = errorReply("libErr", "Service not initialized");
 const std::string kNoConnection = errorReply("connectionErr", "Not connected to xmpp server");
 const std::string kMalformed = errorReply(kQuotedCode, "Malformed json");
 const std::string kNoLibrary = errorReply("libErr", "gloox library is not initialized");
-constexpr const char* kNoArray = "Malformed json - nodes takes an array of nodes ";
-constexpr const char* kNoArrayLog = "subscribeNodeAuth: Error: nodes takes an array of nodes \n";
-constexpr const char* kDone = R"({ "returnValue": true })";
-constexpr const char* kReset =
+constexpr char kNoArray[] = "Malformed json - nodes takes an array of nodes ";
+constexpr char kNoArrayLog[] = "subscribeNodeAuth: Error: nodes takes an array of nodes \n";
+constexpr char kDone[] = R"({ "returnValue": true })";
+constexpr char kReset[] =
     "handlePendingRequest: We had an handler for non existent node?, Resetting pending list";
 
-constexpr const char* kAskAll =
+constexpr char kAskAll[] =
     "<iq to='pubsub.example.org' id='ID' type='set'><command xmlns='http://jabber.org/protocol/commands' "
     "node='http://jabber.org/protocol/pubsub#get-pending' action='execute'/></iq>";
 

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr const char* kLogin = "bus.call quor://com.zelt.accountservices/getAccountToken ";
+constexpr char kLogin[] = "bus.call quor://com.zelt.accountservices/getAccountToken ";
 
 class Account : public ServiceTest {};
 
@@ -94,7 +94,7 @@ TEST_F(Account, DisconnectRepliesWithoutAConnectionToo) {
 
 // --- the handler that stands in no table
 
-constexpr const char* kBadArgument =
+constexpr char kBadArgument[] =
     R"({ "returnValue": false, "errorCode": "\"errBadArgument\"", "errorText": "\"Bad Argument\"" })";
 
 class CreateSession : public ServiceTest {};

@@ -6,9 +6,9 @@
 
 namespace {
 
-constexpr const char* kApp = "com.example.app 4711";
-constexpr const char* kNode = "/u1234/dev42/com.example.app/inbox";
-constexpr const char* kSubscribe = R"({"endpoint":"inbox","subscribe":true})";
+constexpr char kApp[] = "com.example.app 4711";
+constexpr char kNode[] = "/u1234/dev42/com.example.app/inbox";
+constexpr char kSubscribe[] = R"({"endpoint":"inbox","subscribe":true})";
 
 class Cancellation : public ServiceTest {
   protected:

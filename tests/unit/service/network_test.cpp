@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr const char* kLogin = "bus.call quor://com.zelt.accountservices/getAccountToken ";
-constexpr const char* kBadStatus = "connectionStatusV2: Error in getting connectionStatus ";
+constexpr char kLogin[] = "bus.call quor://com.zelt.accountservices/getAccountToken ";
+constexpr char kBadStatus[] = "connectionStatusV2: Error in getting connectionStatus ";
 
 // --- reports that say nothing
 

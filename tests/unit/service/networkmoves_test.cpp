@@ -158,7 +158,7 @@ TEST_F(Network, MovesAnAttemptOverWifiToTheMobileLink) {
     EXPECT_EQ(fakeServer().localAddress(), "10.9.9.9");
 }
 
-constexpr const char* kOverOtherWifi = R"({"isInternetConnectionAvailable":true,)"
+constexpr char kOverOtherWifi[] = R"({"isInternetConnectionAvailable":true,)"
                                        R"("wifi":{"state":"connected","ipAddress":"10.0.0.2"},)"
                                        R"("wan":{"state":"connected","ipAddress":"10.9.9.9"}})";
 

@@ -7,15 +7,15 @@
 #include "service/network.h"
 #include "tests/fakes/servicefixture.h"
 
-inline constexpr const char* kOverWifi = R"({"isInternetConnectionAvailable":true,)"
+inline constexpr char kOverWifi[] = R"({"isInternetConnectionAvailable":true,)"
                                          R"("wifi":{"state":"connected","ipAddress":"10.0.0.1"},)"
                                          R"("wan":{"state":"connected","ipAddress":"10.9.9.9"}})";
-inline constexpr const char* kOverWan = R"({"isInternetConnectionAvailable":true,)"
+inline constexpr char kOverWan[] = R"({"isInternetConnectionAvailable":true,)"
                                         R"("wifi":{"state":"disconnected","ipAddress":"10.0.0.1"},)"
                                         R"("wan":{"state":"disconnected","ipAddress":"10.9.9.9"}})";
-inline constexpr const char* kOutageOnWan = R"({"isInternetConnectionAvailable":false,)"
+inline constexpr char kOutageOnWan[] = R"({"isInternetConnectionAvailable":false,)"
                                             R"("wifi":{"state":"disconnected"},"wan":{"state":"connected"}})";
-inline constexpr const char* kNoNetwork =
+inline constexpr char kNoNetwork[] =
     R"({"isInternetConnectionAvailable":false,)"
     R"("wifi":{"state":"disconnected"},"wan":{"state":"disconnected"}})";
 

@@ -100,7 +100,7 @@ TEST_P(TextKeys, LoseTheirQuotesAndBackslashes) {
         << "the value does not show in what the request leaves";
 }
 
-constexpr const char* kEndpointAlone = R"({"endpoint":$})";
+constexpr char kEndpointAlone[] = R"({"endpoint":$})";
 
 INSTANTIATE_TEST_SUITE_P(
     OfEveryMethod, TextKeys,

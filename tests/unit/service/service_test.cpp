@@ -43,8 +43,8 @@ namespace {
 // Before any test has touched it.
 const int32_t kPortAtStart = gport;
 
-constexpr const char* kExiting = "main: Exiting main because of errors";
-constexpr const char* kExits = "main: PUBSUB SERVICE EXITS BECAUSE OF ERRORS";
+constexpr char kExiting[] = "main: Exiting main because of errors";
+constexpr char kExits[] = "main: PUBSUB SERVICE EXITS BECAUSE OF ERRORS";
 
 std::string watchCall(const std::string& service) {
     return "bus.call zelt://com.zelt.bus/signal/registerServerStatus {\"serviceName\":\"com.zelt." + service +

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr const char* kSubscribe = R"({"subscribe":true})";
+constexpr char kSubscribe[] = R"({"subscribe":true})";
 
 class Status : public ServiceTest {
   protected:

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr const char* kWatchUri = "zelt://com.zelt.bus/signal/registerServerStatus";
+constexpr char kWatchUri[] = "zelt://com.zelt.bus/signal/registerServerStatus";
 
 struct Watch {
     const char* name;

@@ -11,13 +11,13 @@
 
 namespace {
 
-constexpr const char* kSet = "zelt://com.zelt.power/timeout/set";
-constexpr const char* kPingAlarm =
+constexpr char kSet[] = "zelt://com.zelt.power/timeout/set";
+constexpr char kPingAlarm[] =
     R"(bus.call zelt://com.zelt.power/timeout/set {"key":"keepAliveTimer", )"
     R"("uri":"quor://com.zelt.pubsubservice/keepAliveTimer", "in":"00:25:00", "wakeup":true, "params":"{}"})";
-constexpr const char* kPing =
+constexpr char kPing[] =
     "xmpp.send <iq to='example.org' id='ID' type='get'><ping xmlns='urn:xmpp:ping'/></iq>";
-constexpr const char* kLogin = "bus.call quor://com.zelt.accountservices/getAccountToken ";
+constexpr char kLogin[] = "bus.call quor://com.zelt.accountservices/getAccountToken ";
 
 std::string reconnectAlarm(const std::string& in) {
     return R"({"key":"reconnectTimer", "uri":"quor://com.zelt.pubsubservice/reconnectTimer", "in":")" + in +

@@ -6,7 +6,7 @@
 
 #include "tests/fakes/servicefixture.h"
 
-inline constexpr const char* kReconnectAlarmStart =
+inline constexpr char kReconnectAlarmStart[] =
     "bus.call zelt://com.zelt.power/timeout/set {\"key\":\"reconnectTimer\"";
 
 class Connection : public ServiceTest {

@@ -5,14 +5,14 @@
 
 namespace {
 
-constexpr const char* kTokenUri = "quor://com.zelt.accountservices/getAccountToken";
-constexpr const char* kFailed =
+constexpr char kTokenUri[] = "quor://com.zelt.accountservices/getAccountToken";
+constexpr char kFailed[] =
     "getLoginResponse: getLoginResponse failed. Getting login details from accounts failed ";
-constexpr const char* kRetiredHost = "retired.example.com";
-constexpr const char* kDefaultHost = "xmpp.example.com";
+constexpr char kRetiredHost[] = "retired.example.com";
+constexpr char kDefaultHost[] = "xmpp.example.com";
 
 // The inner object of a complete answer.
-constexpr const char* kAccount =
+constexpr char kAccount[] =
     R"({"user":"u1","service":"example.org","url":"xmpp.example.org","port":"5223"})";
 
 class Login : public ServiceTest {

@@ -5,14 +5,14 @@
 
 namespace {
 
-constexpr const char* kClearReconnectAlarm =
+constexpr char kClearReconnectAlarm[] =
     R"(bus.call zelt://com.zelt.power/timeout/clear {"key":"reconnectTimer"})";
-constexpr const char* kPingAlarm =
+constexpr char kPingAlarm[] =
     R"(bus.call zelt://com.zelt.power/timeout/set {"key":"keepAliveTimer", )"
     R"("uri":"quor://com.zelt.pubsubservice/keepAliveTimer", "in":"00:25:00", "wakeup":true, "params":"{}"})";
-constexpr const char* kClearPingAlarm =
+constexpr char kClearPingAlarm[] =
     R"(bus.call zelt://com.zelt.power/timeout/clear {"key":"keepAliveTimer"})";
-constexpr const char* kPresence =
+constexpr char kPresence[] =
     "xmpp.send <presence to='pubsub.example.org' from='u1234@example.org/dev42' xmlns='jabber:client'>"
     "<priority>0</priority><status>online</status></presence>";
 

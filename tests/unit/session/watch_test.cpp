@@ -144,7 +144,7 @@ TEST_F(Watch, LeavesTheNewSessionsWatchAloneWhenTheSessionIsReplacedFromInsideTh
 // An application that waits for the items of its endpoint, and what may have become of one.
 class WatchedItem : public Watch {
   protected:
-    static constexpr const char* kNode = "/u1234/dev42/com.example.app/inbox";
+    static constexpr char kNode[] = "/u1234/dev42/com.example.app/inbox";
 
     void SetUp() override {
         Watch::SetUp();

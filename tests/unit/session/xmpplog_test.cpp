@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr const char* kLine = "handleLog: Gloox dbg: a line";
+constexpr char kLine[] = "handleLog: Gloox dbg: a line";
 
 class LibraryLog : public ServiceTest {
   protected:

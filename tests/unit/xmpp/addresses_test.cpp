@@ -25,8 +25,8 @@
 
 namespace {
 
-constexpr const char* kTwoHomes = "two-homes.example";
-constexpr const char* kSlow = "slow.example";
+constexpr char kTwoHomes[] = "two-homes.example";
+constexpr char kSlow[] = "slow.example";
 
 std::mutex mutex;
 std::condition_variable answered;

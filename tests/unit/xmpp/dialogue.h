@@ -39,7 +39,7 @@ class DialogueConnection : public gloox::ConnectionBase {
 };
 
 // The id that the manager gave is unknown beforehand: its place in an expected stanza.
-inline constexpr const char* kId = "ID";
+inline constexpr char kId[] = "ID";
 std::string withId(std::string xml, const std::string& id);
 
 // Runs the default context until nothing is due.

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* kStreams = "xmlns:stream='http://etherx.jabber.org/streams'";
+constexpr char kStreams[] = "xmlns:stream='http://etherx.jabber.org/streams'";
 
 std::string messageWith(const std::string& payload) {
     return "<message from='pubsub.example.org'><event xmlns='http://jabber.org/protocol/pubsub#event'><items "

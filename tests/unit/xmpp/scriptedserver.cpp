@@ -15,7 +15,7 @@
 namespace {
 
 constexpr int kPatienceMs = 10'000;
-constexpr const char* kTlsXmlns = "urn:ietf:params:xml:ns:xmpp-tls";
+constexpr char kTlsXmlns[] = "urn:ietf:params:xml:ns:xmpp-tls";
 
 void require(bool good, const std::string& what) {
     if (!good)

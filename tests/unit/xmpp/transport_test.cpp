@@ -123,9 +123,9 @@ TEST_P(Phases, EndInOneReport) {
     EXPECT_EQ(listener.events, GetParam().events);
 }
 
-constexpr const char* kPlain =
+constexpr char kPlain[] =
     "<mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'><mechanism>PLAIN</mechanism></mechanisms>";
-constexpr const char* kHeader =
+constexpr char kHeader[] =
     "<?xml version='1.0'?><stream:stream xmlns='jabber:client' "
     "xmlns:stream='http://etherx.jabber.org/streams' "
     "id='s' version='1.0'>";
