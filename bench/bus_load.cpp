@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Calls one method again and again with a fixed number in flight; prints calls a second and the CPU time that
-// the called process spent for each: bus_load SERVICE METHOD PID IN-FLIGHT CALLS
+// Calls one method repeatedly with a fixed number of calls in flight; prints the calls per second and the CPU
+// time per call of the called process: bus_load SERVICE METHOD PID IN-FLIGHT CALLS
 #include <ctime>
 #include <string>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The few lines of plain sd-bus that the load generators share: nothing of the layer that is being measured.
+// Plain sd-bus that the load generators share, without the library that is measured.
 #pragma once
 
 #include <systemd/sd-bus.h>

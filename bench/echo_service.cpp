@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The smallest service that sd-bus allows: one method, text in, fixed text out. The request road's reference.
+// The smallest sd-bus service: one method, text in, fixed text out. The reference for requests.
 #include "bench/busclient.h"
 
 namespace {
@@ -12,9 +12,9 @@ int onEcho(sd_bus_message* message, void*, sd_bus_error*) {
     return sd_bus_reply_method_return(message, "s", R"({ "returnValue": true, "username": "device" })");
 }
 
-const sd_bus_vtable kTable[] = {
-    SD_BUS_VTABLE_START(0), SD_BUS_METHOD("getJabberId", "s", "s", onEcho, SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_VTABLE_END};
+const sd_bus_vtable kTable[] = {SD_BUS_VTABLE_START(0),
+                                SD_BUS_METHOD("getJabberId", "s", "s", onEcho, SD_BUS_VTABLE_UNPRIVILEGED),
+                                SD_BUS_VTABLE_END};
 
 }  // namespace
 

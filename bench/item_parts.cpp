@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The parts of the item road, each measured alone over the same number of items: item_parts COUNT NODE
+// The parts of item delivery, each measured alone over the same number of items: item_parts COUNT NODE
 // PAYLOAD. Prints "NAME MICROSECONDS-AN-ITEM" lines. Needs ZELT_PRIVATE_BUS with bench_sink and a power
 // service on it, and ZELT_PREFS_DIR on the file system of interest.
 #include <gloox/parser.h>
@@ -47,7 +47,7 @@ void parse(long count, const std::string& node, const std::string& payload) {
         text += stanza(node, i, payload);
     Counter counter;
     gloox::Parser parser(&counter);
-    constexpr std::size_t kPiece = 65536;  // what one read of the socket brings
+    constexpr std::size_t kPiece = 65536;  // as much as one read of the socket returns
     report("parse", count, [&] {
         for (std::size_t at = 0; at < text.size(); at += kPiece) {
             std::string piece = text.substr(at, kPiece);
@@ -78,8 +78,8 @@ void busCalls(long count, const std::string& node, const std::string& payload) {
         R"({ "item": ")" + payload + R"(", "itemid": "i1", "node": ")" + node + R"(", "returnValue": true })";
     const char* alarm = R"({"key":"bench", "uri":"quor://com.zelt.bench.sink/none", "in":"00:25:00", )"
                         R"("wakeup":true, "params":"{}"})";
-    // Each item is one delivery without a reply and one alarm set with a reply, as many at a time as one read
-    // of the socket brings.
+    // For each item one delivery without a reply and one alarm with a reply, as many together as one read of
+    // the socket returns.
     constexpr long kTogether = 200;
     report("bus-calls", count, [&] {
         for (long sent = 0; sent < count;) {

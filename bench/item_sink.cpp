@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Receives item deliveries and prints the monotonic time at which the given count was reached: item_sink
-// COUNT... (one line for each count, counting from the line before).
+// Receives items and prints the monotonic time at which each count was reached: item_sink COUNT... (each
+// count begins at the one before).
 #include <ctime>
 
 #include "bench/busclient.h"
@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
     sd_bus* bus = bench::connect("com.zelt.bench.sink");
     bench::check(sd_bus_add_object_vtable(bus, nullptr, "/", "com.zelt.bench.sink", kTable, nullptr),
                  "table");
-    // The service's answer to anything says that it has seen this name come: the bus keeps that order.
+    // Any answer of the service shows that it has seen this name appear, because the bus keeps that order.
     bench::check(sd_bus_call_method(bus, "com.zelt.pubsubservice", "/", "com.zelt.pubsubservice",
                                     "getJabberId", nullptr, nullptr, "s", "{}"),
                  "asking the service");

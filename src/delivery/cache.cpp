@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Files under the cache folder, named for the node; they survive a restart, until a client fetches the item.
-// CacheFiles knows which file is whose.
+// Cached items: files in the cache folder, named after the node, which survive a restart until a client
+// fetches the item. CacheFiles maps nodes to files.
 //
-// An item counts as cached, and is acknowledged, only when its file is on the disk: the text is synced before
-// the file takes the old one's name, and the folder after it.
+// An item counts as cached, and is acknowledged, only when its file is on disk: the text is synced before the
+// file is renamed over the old one, and the folder after that.
 #include <glib.h>
 
 #include <algorithm>

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Which file holds the waiting item of a node, and how many there may be.
+// Maps each node to the file with its cached item, and bounds the number of files.
 //
 // A node is plain when no other plain node has its file name: "/U/R/APP/ENDPOINT" of this device with no '-'
-// in APP and no '/' in ENDPOINT, or a name whose rest is one segment without '-'. Its item is the file
-// itself, as in every earlier release; the file's "endpoint" says where APP ends. All others, of which two
-// can share a file name, have their item in cache.nodes. A file with one link that is no plain node's was
-// written by an earlier release: it goes to the one node of the deletion store that fits it, and to nobody
-// when there is none or more than one.
+// in APP and no '/' in ENDPOINT, or a name whose rest is one segment without '-'. Its item is that file, as
+// in every earlier release; the "endpoint" in the file says where APP ends. The items of all other nodes, two
+// of which can have the same file name, are in cache.nodes. A file with one link that belongs to no plain
+// node was written by an earlier release: it is assigned to the node of the deletion store that matches it,
+// if there is exactly one.
 //
-// Order matters for a kill: a second link is gone, on the disk, before the file it leads to is replaced or
-// removed, so that it never looks like a file of its own.
+// Order, for a kill at any point: a second link is removed on disk before its file is replaced or removed, so
+// that it never looks like a file of its own.
 #include "delivery/cachefiles.h"
 
 #include <fcntl.h>
@@ -37,7 +37,7 @@ namespace {
 
 constexpr int kFileMode = 0666;  // less the umask
 constexpr mode_t kFolderMode = 0744;
-constexpr std::size_t kOwnerFiles = 1000;  // of one application, and of all nodes that are none's
+constexpr std::size_t kOwnerFiles = 1000;  // of one application, and of all nodes without one
 constexpr std::size_t kOwnerBytes = 16 << 20;
 constexpr std::size_t kFiles = 10000;  // of all
 constexpr std::size_t kBytes = 128 << 20;
@@ -54,13 +54,13 @@ std::string fileNameOf(std::string rest) {
     return rest;
 }
 
-// A node's name without its first segment: what nodes that share a file on purpose have in common.
+// A node's name without its first segment. Nodes that differ only in that segment share a file on purpose.
 std::string restOf(const std::string& node) {
     const std::size_t slash = node.find('/', 1);
     return slash == std::string::npos ? node : node.substr(slash + 1);
 }
 
-// The application of "R/APP/..." with this device's R; "" for any other.
+// The application of "R/APP/..." where R is this device's resource; "" for any other name.
 std::string ownerOf(const std::string& rest) {
     const std::string start = gCurrentSession.m_resource + '/';
     const std::size_t end = rest.find('/', start.size());
@@ -69,7 +69,7 @@ std::string ownerOf(const std::string& rest) {
     return rest.substr(start.size(), end - start.size());
 }
 
-// The same for a file name, which does not tell an application from another whose id goes on with '-'.
+// The same for a file name, which cannot tell application "a" from "a-b".
 std::string ownerOfFile(const std::string& name) {
     const std::string start = gCurrentSession.m_resource + '-';
     const std::size_t end = name.find('-', start.size());
@@ -119,7 +119,7 @@ void syncFolder(const std::string& folder) {
     close(descriptor);
 }
 
-// False for a file that holds no item.
+// False for a file without an item.
 bool readEndpoint(const std::string& path, std::string& endpoint) {
     gchar* text = nullptr;
     g_file_get_contents(path.c_str(), &text, nullptr, nullptr);
@@ -133,8 +133,7 @@ bool readEndpoint(const std::string& path, std::string& endpoint) {
 
 bool writeFile(const std::string& path, const std::string& text, CallSite site) {
     GError* error = nullptr;
-    // Durable: this file and its folder reach the disk, without waiting for what the rest of the system has
-    // to write.
+    // Durable: syncs this file and its folder, but nothing else on the file system.
     const auto flags =
         static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
     if (g_file_set_contents_full(path.c_str(), text.data(), static_cast<gssize>(text.size()), flags,
@@ -216,12 +215,13 @@ struct CacheFiles::Place {
           shared(files.m_folder + name),
           apart(files.m_apart + owner + '-' + hash(rest)) {}
 
-    // No file can have this name, or something else stands there.
+    // The name is too long for a file, or something other than a file has it.
     bool isUnusable() const {
         struct stat status;
         return statusOf(shared, status) ? !S_ISREG(status.st_mode) : errno == ENAMETOOLONG;
     }
-    // Whether the file in the cache folder is a plain node's own. One that holds no item is nobody's else.
+    // Whether the file in the cache folder is this plain node's own. A file without an item counts as
+    // its own, too.
     bool isInShared() const {
         struct stat status;
         if (!plain || !statusOf(shared, status) || !S_ISREG(status.st_mode))
@@ -245,8 +245,8 @@ struct CacheFiles::Place {
     std::string name;
     std::string owner;
     bool plain;
-    std::string shared;  // where the node's name leads
-    std::string apart;   // where no other node's does
+    std::string shared;  // the path given by the node's name
+    std::string apart;   // a path that no other node has
 };
 
 CacheFiles& CacheFiles::current() {
@@ -284,7 +284,7 @@ bool CacheFiles::storeApart(const Place& place, const std::string& text, CallSit
     removeSecondLink(place);
     if (!writeFile(place.apart, text, site))
         return false;
-    // For whoever looks for the item where the node's name leads; it is not read from there.
+    // For programs that look for the item under the node's name; it is not read from there.
     if (!place.plain && link(place.apart.c_str(), place.shared.c_str()) != 0 && errno != EEXIST)
         PrvPrintErr(site, "Linking the item of %s in the cache failed: %s", place.node.c_str(),
                     strerror(errno));
@@ -370,7 +370,7 @@ void CacheFiles::scan() {
     m_files.clear();
     m_owners.clear();
     m_all = {};
-    // Nodes are told apart by the device's name, which is not known before there are details of the account.
+    // Finding the owners takes the device's resource, which is unknown before the account details are.
     if (!m_takenOver && !m_resource.empty()) {
         m_takenOver = true;
         takeOver();
@@ -381,7 +381,7 @@ void CacheFiles::scan() {
         if (name.size() > kHashLength && isHash(name.substr(name.size() - kHashLength)))
             enter(m_apart + name, name.substr(0, name.size() - kHashLength - 1), file.file_size(gone));
         else
-            unlink(file.path().c_str());  // what a kill left of a file that was being written
+            unlink(file.path().c_str());  // an unfinished file, left by a kill
     }
     scanCacheFolder();
 }
@@ -395,7 +395,7 @@ void CacheFiles::scanCacheFolder() {
     }
 }
 
-// Once for each start: what earlier releases and kills left in the cache folder.
+// Once for each start: assigns or removes files that earlier releases or kills left in the cache folder.
 void CacheFiles::takeOver() {
     std::multimap<std::string, std::string> nodes;
     bool nodesKnown = false;

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Which file holds the waiting item of a node, and how many there may be.
+// Maps each node to the file with its cached item, and bounds the number of files.
 //
-// State on disk: the cache folder, with one file under the name that a node's name gives, and beside it
-// "cache.nodes". Nodes whose names differ after the first segment can give one file name. A file of the cache
-// folder alone belongs to the node that its name and its content name, see cachefiles.cpp; every other node's
-// item stands in cache.nodes, under a hash of the node's name, and has a second link in the cache folder as
-// long as the name is free there.
+// State on disk: the cache folder, with files named after nodes, and beside it the folder "cache.nodes".
+// Different nodes can give the same file name. A file that is only in the cache folder belongs to the node
+// that its name and content say, see cachefiles.cpp. The item of any other node is in cache.nodes, under a
+// hash of the node's name, and has a second link in the cache folder when the name is free there.
 #pragma once
 
 #include <sys/stat.h>
@@ -18,12 +17,12 @@
 
 class CacheFiles {
   public:
-    // The files of the state folder of now. What somebody else added or removed is taken into account.
+    // The files of the current state folder, including changes that other programs made.
     static CacheFiles& current();
 
     // The file with the node's item; "" when there is none.
     std::string find(const std::string& node) const;
-    // Replaces the node's item as a unit; true once it is on the disk. A failure is logged under `function`.
+    // Replaces the node's item atomically; true once it is on disk. Logs a failure.
     bool store(const std::string& node, const std::string& text, CallSite site = {});
     void remove(const std::string& node);
 
@@ -51,11 +50,11 @@ class CacheFiles {
 
     std::string m_folder;
     std::string m_apart;
-    std::string m_resource;  // of the device, when the files were looked at
+    std::string m_resource;  // the device's resource when the files were listed
     timespec m_folderTime = {};
     timespec m_apartTime = {};
     bool m_takenOver = false;
-    std::map<std::string, File> m_files;    // by path; second links are not among them
-    std::map<std::string, Count> m_owners;  // by application, "" for all nodes that are no application's
+    std::map<std::string, File> m_files;    // by path; without second links
+    std::map<std::string, Count> m_owners;  // by application, "" for all nodes without one
     Count m_all;
 };

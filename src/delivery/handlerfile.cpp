@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The registered item handlers of each node, and the file that brings them over a restart.
+// The registered item handlers of each node, and the file that keeps them over a restart.
 //
-// Keeps PubSubSession::serviceNodeMap and appNodeMap. The file holds one record a line: the text of a JSON
-// object
-// ({"node", "endpoint", optional "app"}), a zero byte and a newline. It is read once at start, appended to by
-// a new registration and replaced as a unit, on the disk, when one is withdrawn. A damaged record costs the
-// file, not what was read before it.
+// Keeps PubSubSession::serviceNodeMap and appNodeMap. Each line of the file is a record: the text of a JSON
+// object ({"node", "endpoint", optional "app"}), a zero byte and a newline. The file is read once at start, a
+// new registration appends to it, and a withdrawn one replaces it atomically and synced. At a damaged record
+// the file is deleted; the records read before it stay in memory.
 #include <glib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,21 +27,19 @@
 
 namespace {
 
-// A line is read into 4096 bytes: 4095 characters and the terminator. The record's own zero byte is one of
-// them.
+// A line is read into 4096 bytes: 4095 characters, among them the record's zero byte, and the terminator.
 constexpr std::size_t kLineLength = 4095;
 constexpr std::size_t kRecordLength = kLineLength - 1;
-constexpr mode_t kFileMode = 0666;  // of a new file, less the umask
+constexpr mode_t kFileMode = 0666;  // of a new file, before the umask
 
-// The log names the operation and not the step of it that failed.
 
 struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
 };
 using File = std::unique_ptr<FILE, CloseFile>;
 
-// The next line without its newline; false at the end of the file. The newline after a line that fills the
-// buffer belongs to that line, so that the longest record is not followed by an empty one.
+// The next line without its newline; false at the end of the file. When a line fills the buffer, the newline
+// after it is consumed too, so that the longest record is not followed by an empty one.
 bool readLine(FILE* file, std::string& line) {
     line.clear();
     int character = 0;
@@ -61,7 +58,7 @@ struct Record {
     std::string endpoint;
 };
 
-// Reads one record. `app` keeps the value of the record before when this one has none.
+// Parses one record. `app` keeps its value when the record has none.
 bool parseRecord(const std::string& line, Record& record, bool& app) {
     const JsonRef object = parseJson(line.c_str());
     if (!object)
@@ -84,7 +81,7 @@ bool makeStateDir(CallSite site) {
     return false;
 }
 
-// A longer record would be read back in two pieces, and the second piece would cost the whole file.
+// A longer record would be read in two pieces, and the second piece would have the whole file deleted.
 bool fitsLine(std::string_view record, CallSite site) {
     if (record.size() <= kRecordLength)
         return true;
@@ -97,7 +94,7 @@ bool fitsLine(std::string_view record, CallSite site) {
 File openHandlerFile(const char* mode, CallSite site) {
     File file(std::fopen(handlerFile().c_str(), mode));
     if (file)
-        // So that an error is one of the record at hand, and nothing of it is left for the close to write.
+        // Unbuffered, so that an error belongs to the current record and closing writes nothing.
         std::setvbuf(file.get(), nullptr, _IONBF, 0);
     else
         PrvPrintErr(site, "Cannot open handler file.");
@@ -112,7 +109,7 @@ bool writeRecord(FILE* file, const std::string& record, CallSite site) {
     if (!std::ferror(file))
         return true;
     PrvPrintErr(site, "Cannot write to file.");
-    // The piece of a record that a full disk still took would read as damage, and damage costs the file.
+    // A partly written record, on a full disk, would be read as damage and have the file deleted.
     [[maybe_unused]] const int trimmed = ftruncate(fileno(file), before.st_size);
     return false;
 }
@@ -125,8 +122,8 @@ std::string recordText(const std::string& node, const std::string& endpoint, boo
     return json_object_to_json_string(object.get());
 }
 
-// The least that a record can be: no blanks, no escaped slashes, and no "app" where it is that of the record
-// before. A caller's own record, as it was accepted, is never shorter.
+// The shortest form of a record: no spaces, no escaped slashes, and no "app" when it equals that of the
+// record before. The text that a caller registered is never shorter.
 std::string shortRecordText(const std::string& node, const std::string& endpoint, bool app, bool appBefore) {
     const JsonRef object(json_object_new_object());
     json_object_object_add(object.get(), "node", json_object_new_string(node.c_str()));
@@ -139,7 +136,7 @@ std::string shortRecordText(const std::string& node, const std::string& endpoint
 
 using NodeMap = std::map<std::string, std::list<std::string>>;
 
-// The records of all tables as the file is to hold them.
+// The new text of the file, with the records of all maps.
 class Rewrite {
   public:
     explicit Rewrite(CallSite site) : m_site(site) {}
@@ -150,11 +147,11 @@ class Rewrite {
                 add(node, endpoint, app);
     }
     const std::string& text() const { return m_text; }
-    // False when a record does not fit. It is left out: it must not cost the rest.
+    // False when a record was too long. It is left out, because it would have the whole file deleted.
     bool complete() const { return m_complete; }
 
   private:
-    // A record that was accepted in fewer characters than it has with all its members keeps the shorter form.
+    // A record that is too long in its full form is written in its short form.
     void add(const std::string& node, const std::string& endpoint, bool app) {
         const std::string full = recordText(node, endpoint, app);
         const std::string record =
@@ -170,7 +167,7 @@ class Rewrite {
 
     CallSite m_site;
     std::string m_text;
-    bool m_app = false;  // as the reading begins
+    bool m_app = false;  // the value with which reading begins
     bool m_complete = true;
 };
 
@@ -178,10 +175,10 @@ struct FreeError {
     void operator()(GError* error) const { g_error_free(error); }
 };
 
-// A kill, a full disk or a power cut leaves the old file or the new one.
+// Atomic: a kill, a full disk or a power cut leaves either the old file or the new one.
 bool replaceHandlerFile(const std::string& text, CallSite site) {
     struct stat before = {};
-    // A file that could not be written to is not replaced either.
+    // Do not replace a file that cannot be opened for writing.
     if (const File file = openHandlerFile("a", site); !file || fstat(fileno(file.get()), &before) != 0)
         return false;
     const auto flags =
@@ -195,8 +192,7 @@ bool replaceHandlerFile(const std::string& text, CallSite site) {
     return false;
 }
 
-// A process that was killed while it wrote a new file has left it beside the old one, under a name with six
-// characters more.
+// Removes unfinished files, left by a kill beside the handler file, whose names are six characters longer.
 void removeUnfinishedRewrites() {
     const std::string prefix = std::filesystem::path(handlerFile()).filename().string() + '.';
     std::error_code none;
@@ -211,7 +207,7 @@ void removeUnfinishedRewrites() {
         unlink(path.c_str());
 }
 
-// What cannot be written back at a withdrawal is refused at once.
+// Refuses a record that a later rewrite could not write.
 bool canBeRewritten(const std::string& record, CallSite site) {
     Record parsed;
     bool app = false;
@@ -256,7 +252,8 @@ void PubSubSession::ReadHandlerFile() {
         PrvPrintErr({}, "Warning: No handler file present");
         return;
     }
-    // sic: set once, before the first line. A record without "app" goes to the table of the record before it.
+    // sic: initialised once, before the first line. A record without "app" goes to the same map as the
+    // record before it.
     bool app = false;
     bool alreadyPresent = false;
     std::string line;

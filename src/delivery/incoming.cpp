@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the server pushes: items, changes of subscriptions, and requests to approve a subscriber.
+// Messages from the server: items, subscription changes, and requests to approve a subscriber.
 //
-// An item reaches exactly one of the registered services, the public subscriber and the cache, in this order;
-// only then is its number stored, and only then is it acknowledged, so that a crash repeats the item rather
-// than losing it. This file keeps no state of its own; what it changes is kept by the parts it calls.
+// An item goes to the first of these that takes it: the registered services, the public subscriber, the
+// cache. Only then is its number stored, and only after that is it acknowledged, so that a crash repeats the
+// item rather than losing it. Keeps no state of its own.
 #include <gloox/message.h>
 #include <gloox/tag.h>
 
@@ -24,7 +24,6 @@ namespace {
 constexpr char kEventNamespace[] = "http://jabber.org/protocol/pubsub#event";
 constexpr char kFormNamespace[] = "jabber:x:data";
 
-// The log names the operation and not the step of it that failed.
 
 const gloox::Tag* childIn(const gloox::Tag& parent, const std::string& name, const char* xmlns) {
     for (const gloox::Tag* child : parent.children())
@@ -37,8 +36,8 @@ void addText(json_object* object, const char* key, const std::string& text) {
     json_object_object_add(object, key, json_object_new_string(text.c_str()));
 }
 
-// "/U/R/..." of three or more segments belongs to the account whose local part is U. Items of such a node
-// with this device's resource would take the place of its own in the cache and at the handlers.
+// "/U/R/..." of three or more segments belongs to the account whose local part is U. Items of another
+// account's node with this device's resource would replace its own in the cache and reach its handlers.
 bool isForeign(const std::string& node, const PubSubSession& session) {
     if (!node.starts_with('/'))
         return false;
@@ -50,7 +49,7 @@ bool isForeign(const std::string& node, const PubSubSession& session) {
     return owner != session.m_username && owner != session.m_jid.username();
 }
 
-// The text of the form field `var`, "" when the form lacks it.
+// The text of the form field `var`, "" when the form does not have it.
 std::string fieldValue(const gloox::Tag& form, const std::string& var) {
     for (const gloox::Tag* field : form.children()) {
         if (field->name() != "field" || field->findAttribute("var") != var)
@@ -79,7 +78,7 @@ void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std
     const JsonRef object(json_object_new_object());
     addText(object.get(), "subid", fieldValue(form, "pubsub#subid"));
     addText(object.get(), "node", node);
-    // sic: the server's form names this field so.
+    // sic: the field name is misspelled in the server's form.
     addText(object.get(), "subscriber_jid", fieldValue(form, "pusub#subscriber_jid"));
     addText(object.get(), "id", messageId);
     const char* payload = json_object_to_json_string(object.get());
@@ -155,7 +154,7 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
             !saveItemInCache(node, appObject.get()))
             return;
     }
-    // The number is stored before the ack, so a crash between them repeats the item and finds it stale.
+    // The number is stored before the ack, so after a crash between them the repeated item is stale.
     persistSeqNo(node, seqNo);
     acknowledge();
 }
@@ -167,12 +166,12 @@ bool PubSubSession::sendMessageToServices(json_object* serviceObject, const std:
     const char* payload = json_object_to_json_string(serviceObject);
     for (const std::string& endpoint : entry->second) {
         BusError error;
-        // No callback: the answer would be ignored, and a daemon bounds the replies that a connection waits
-        // for.
+        // No callback: the answer is not needed, and the bus daemon limits the replies that a
+        // connection waits for.
         if (QSCall(m_privateHandle, endpoint.c_str(), payload, nullptr, nullptr, nullptr, error))
             continue;
         QSErrorPrint(error, stderr);
-        // sic: a node with a registration never caches its items, whatever the text says.
+        // sic: items of a node with a registration are never cached, despite the text.
         PrvPrintErr({}, "QSCall to a registered callback failed. Item sent to cache\n");
     }
     return true;
@@ -188,7 +187,7 @@ bool PubSubSession::sendMessageToApp(json_object* serviceObject, json_object* ap
     if (found) {
         if (!handle)
             return false;
-        // A subscribe that waits for its answer since there was no connection gets it before any item.
+        // A subscribe request that still waits for its first answer gets it before the item.
         settleDeferredSubscriber(node);
         BusError error;
         const bool taken = QSSubscriptionRespond(m_serviceHandle, node.c_str(),
@@ -213,6 +212,6 @@ bool PubSubSession::sendMessageToApp(json_object* serviceObject, json_object* ap
     if (!QSSubscriptionPost(m_privateHandle, "/", "registerOnClose",
                             json_object_to_json_string(serviceObject), error))
         PrvPrintErr({}, "Sending item to registerOnclose failed. Error %s ", error.message());
-    // The item is cached as well, so that the application that is told of it can fetch it.
+    // The item is cached as well, so that the notified application can fetch it.
     return false;
 }

@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// registerItemCallback, its second version and unRegisterItemCallback: which services are called with a
-// node's items.
+// registerItemCallback, registerItemCallbackV2 and unRegisterItemCallback: which services get a node's items.
 //
-// A registration is a pair of node and endpoint in serviceNodeMap and a record of the handler file. It
-// outlives its caller and this process until it is unregistered.
+// A registration is a pair of node and endpoint in serviceNodeMap and a record in the handler file. It lasts,
+// over restarts, until it is unregistered.
 #include "delivery/methods.h"
 #include "request/request.h"
 #include "session/pubsubsession.h"
 
 namespace {
 
-// The version-2 names: the node becomes the account's own node under "/com/zelt/", in the record too.
+// Names of version 2: the node becomes the account's own node under "/com/zelt/", in the record too.
 bool requireOwnNames(Request& request) {
     const PubSubSession& session = gCurrentSession;
     if (!request.requireNode() || !request.requireEndpoint())
@@ -22,8 +21,8 @@ bool requireOwnNames(Request& request) {
     return true;
 }
 
-// Whether the pair is registered and its record is in the file. A record that could not be written leaves the
-// pair registered until the next start.
+// True when the pair is registered and its record is in the file. If writing the record fails, the pair stays
+// registered until the next start.
 bool addRegistration(const Request& request, const char* record) {
     bool alreadyPresent = false;
     if (!gCurrentSession.addNodeToMap(request.node, request.endpoint, false, alreadyPresent))

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The public subscribers: at most one for each node, used up by the first item.
+// The public subscribers: at most one for each node, removed after its first item.
 //
-// Keeps PubSubSession::subMap in memory alone: a subscriber's bus subscription ends with the process, so
-// nothing of it survives a restart.
+// Keeps PubSubSession::subMap. Nothing survives a restart, since the bus subscriptions end with the process.
 #include "platform/bus/qsraii.h"
 #include "session/pubsubsession.h"
 #include "util/log.h"
 
 namespace {
 
-// Ends the bus subscription of the first subscriber of `node`; the others, if any, stay.
+// Ends the bus subscription of the first subscriber of `node`, leaving any others.
 bool checkAndRemove(QSHandle* handle, const std::string& node) {
     QSSubscriptionIter* subscribers = nullptr;
     BusError error;

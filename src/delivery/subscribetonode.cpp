@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // subscribeToNode: from the bus request to the server and back.
 //
-// The waiting request stands in m_msgMap under the id that the manager gave. No registry of this service
-// changes: who receives the node's items here is settled elsewhere.
+// The waiting request is in m_msgMap under the manager's request id. This does not decide who receives the
+// node's items on this device.
 #include <gloox/error.h>
 
 #include "delivery/methods.h"
@@ -21,8 +21,7 @@ int depthOf(json_object* payload) {
 
 }  // namespace
 
-// The member "device" is accepted and changes nothing: "jid" says who subscribes, and without it the session
-// itself.
+// The member "device" is accepted and ignored. "jid" is the subscriber; the default is the session's account.
 bool subscribeToNode(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     Request request(handle, message, kSubscriptionRefusal);
@@ -32,8 +31,8 @@ bool subscribeToNode(QSHandle* handle, QSMessage* message, void*) {
     const gloox::JID subscriber = jid.empty() ? session.m_jid : gloox::JID(jid);
     if (!jid.empty() && !subscriber)
         return request.refuse();
-    // sic: no connection is no reason to refuse. The request waits for the stream when there is a client, and
-    // when there is none, the refusal is that of the missing library.
+    // sic: accepted without a connection. The request waits for the stream when there is a client; without a
+    // client the refusal names the library.
     return request.waitFor(session.m_pubsub
                                ? session.m_pubsub->subscribe(
                                      gloox::JID(session.m_pubsubService), request.node, &session, subscriber,
@@ -50,6 +49,6 @@ void PubSubSession::handleSubscriptionResult(const std::string& id, const gloox:
     Reply reply = resultReply("node", node, node, service, error);
     if (!error)
         reply.set("subid", subid).set("type", type);
-    // Without a waiting request the answer fails like any other and is logged.
+    // Without a waiting request sending fails and is logged.
     reply.respond(waiting.get(), id, kRespondFailed);
 }

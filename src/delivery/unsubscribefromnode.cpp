@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // unsubscribeFromNode: from the bus request to the server and back.
 //
-// The waiting request stands in m_msgMap under the id that the manager gave.
+// The waiting request is in m_msgMap under the manager's request id.
 #include <gloox/error.h>
 
 #include "delivery/methods.h"
@@ -42,6 +42,6 @@ void PubSubSession::handleUnsubscriptionResult(const std::string& id, const gloo
         printerror(error);
         reply.addError(errorOf(error));
     }
-    // Without a waiting request the answer fails like any other and is logged.
+    // Without a waiting request sending fails and is logged.
     reply.respond(waiting.get(), id, kRespondFailed);
 }

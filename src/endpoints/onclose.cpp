@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Notices for applications that are closed: who wants them, and the one component that listens for them.
+// On-close notices: which applications want them while they are closed, and the one component
+// that receives them.
 //
-// The wishes stand in the offline map, which survives a restart. The listener stands in the bus's
-// subscription list, and PubSubSession::m_onCloseRegistered says that there is one; both end with the
-// process.
+// The applications are in the offline map, which survives a restart. The receiver is in the
+// subscription list of the bus library, and PubSubSession::m_onCloseRegistered says that there is one;
+// both end with the process.
 #include <algorithm>
 
 #include "endpoints/methods.h"
@@ -14,7 +15,7 @@
 
 namespace {
 
-// Entries of the offline map survive their application's process, so an application may have only so many.
+// For each application, since entries of the offline map survive its process.
 constexpr std::ptrdiff_t kOfflineEntries = 64;
 constexpr char kUnsubscribeFailed[] = "Sending response to unsubscribeOnClose failed id %s Error %s ";
 constexpr char kTooMany[] =
@@ -63,7 +64,7 @@ bool subscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
     if (!present && !maySubscribeMore(request.appId))
         return request.refuse("appErr", kTooMany);
     if (present)
-        notifyOfflineSubscriber(request.node, request.appId);  // sic: the node's name goes out as "appid"
+        notifyOfflineSubscriber(request.node, request.appId);  // sic: the node's name is sent as "appid"
     else
         session.setOfflineMap(request.node, request.appId);
     return request.reply(endpointReply(true, request.endpoint));

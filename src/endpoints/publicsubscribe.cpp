@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// An application waits for the next item of its endpoint, or stops waiting.
+// subscribe and unsubscribe: an application waits for the next item of its endpoint, or stops waiting.
 //
-// The subscriber stands in PubSubSession::subMap and in the bus's subscription list. One that came while
-// there was no connection waits for its first answer in m_deferredSubscribes, until the next connect has its
-// node activated. Nothing survives a restart.
+// The subscriber is in PubSubSession::subMap and in the subscription list of the bus library. A subscribe
+// request without a connection waits for its first answer in m_deferredSubscribes until the next connect
+// activates its node. Nothing survives a restart.
 #include <vector>
 
 #include "endpoints/methods.h"
@@ -31,8 +31,8 @@ bool isSubscribed(const std::string& node) {
     return found;
 }
 
-// Answers with the waiting item. The file goes only once the item is on its way; if the first answer could
-// not be sent, the item would become the first answer, so it stays too.
+// Answers with the cached item. The file is deleted only after the item was sent. When the first answer
+// cannot be sent, the item would become the first answer, so it is not sent either.
 void handOver(const Request& request, json_object* item, CallSite site = {}) {
     const KeptMessage message(request.message);
     if (!endpointReply(true, request.endpoint).respond(message.get(), "", kSubscribeFailed, site))
@@ -53,8 +53,7 @@ bool joinList(Request& request, CallSite site = {}) {
     return request.fail("libErr", "Adding subscription callback failed");
 }
 
-// Takes this one request out of the list again, so that its end cannot be taken for that of another
-// subscriber.
+// Removes only this request from the list, so that its end cannot be mistaken for that of another subscriber.
 void leaveList(const Request& request) {
     QSSubscriptionIter* subscribers = nullptr;
     BusError error;
@@ -66,7 +65,7 @@ void leaveList(const Request& request) {
     QSSubscriptionRelease(subscribers);
 }
 
-// Success is answered at once; the activation's own result, if one will come, is the second answer.
+// Success is answered at once; the result of the activation, if one was requested, is the second answer.
 bool activateFor(Request& request, CallSite site = {}) {
     std::string id;
     const bool asked = gCurrentSession.activateNode(request.node, id);
@@ -134,7 +133,7 @@ bool unsubscribe(QSHandle* handle, QSMessage* message, void*) {
         reply.respond(message, "", kUnsubscribeFailed);
         return true;
     }
-    // The subscriber goes when the server has answered.
+    // The result handler removes the subscriber.
     const std::string id =
         session.m_pubsub->deActivateNode(gloox::JID(session.m_pubsubService), request.node, &session);
     if (!request.wasSent(id, kLibraryNotInitialized))
@@ -172,7 +171,7 @@ void PubSubSession::settleDeferredSubscriber(const std::string& node) {
     if (!deferred)
         return;
     const _endpointStruct& request = deferred.mapped();
-    // The result that is still to come must not answer it again.
+    // A result that arrives later must not answer it again.
     dropEndpointRequests(request.message.get());
     endpointReply(true, request.endpoint).respond(request.message.get(), "", kSubscribeFailed);
 }

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Endpoints of applications: creating and deleting their nodes, and the keys that others publish with.
+// createEndpoint, deleteEndpoint and getPublishKey: nodes of applications, and the keys that
+// others publish with.
 //
-// Requests wait for the server in PubSubSession::m_endpointMap, which a disconnect answers and empties. A
-// created node enters the delete store, which survives a restart.
+// Requests wait for the server in PubSubSession::m_endpointMap; a disconnect answers and removes them. A
+// created node is entered in the deletion store, which survives a restart.
 #include <gloox/error.h>
 
 #include "endpoints/methods.h"
@@ -18,7 +19,7 @@ constexpr int32_t kAccessAuthorize = 2;
 constexpr char kTooMany[] = "Too many endpoints, the limit is 1000. Call deleteEndpoint first";
 constexpr char kCreateFailed[] = "Sending response to client failed id %s Error %s ";
 
-// The operation's key or the server's refusal. `logged` names the node in the log.
+// The publish key or the server's error, logged for `logged`.
 Reply keyReply(const _endpointStruct& request, const std::string& key, const gloox::JID& service,
                const gloox::Error* error, const std::string& logged, CallSite site = {}) {
     Reply reply = endpointReply(!error, request.endpoint);
@@ -116,7 +117,7 @@ void PubSubSession::handleKeyCb(const std::string& id, const gloox::JID& service
         PrvPrintErr({}, "We got a get key with no endpointmap %s", id.c_str());
         return;
     }
-    // The request keeps no node, so the log names the endpoint.
+    // The request has no node name, so the log has the endpoint.
     const std::string failed = "Sending response to " + what + " key failed id %s Error %s ";
     keyReply(*request, key, service, error, request->endpoint)
         .respond(request->message.get(), id, failed.c_str());

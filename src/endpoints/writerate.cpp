@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// How often an application may change what is kept for it on the disk: each change costs a sync, during which
-// nobody else is served.
+// Rate limit on changes of an application's stored notices: each change costs a sync to disk, which blocks
+// all other requests.
 //
-// Keeps PubSubSession::m_writeRates: for each application until when its changes are paid for, and its
-// requests that wait for their turn. A request that waits is kept and handled later, in its order, so that
-// its answer is as true as any. Nothing survives a restart.
+// Keeps PubSubSession::m_writeRates: for each application the time up to which its changes are accounted for,
+// and its requests that wait. A waiting request is kept and handled later, in its order, so that its answer
+// is the result of the change. Nothing survives a restart.
 #include <glib.h>
 
 #include <algorithm>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr gint64 kCost = G_USEC_PER_SEC / 10;  // of one change
 constexpr gint64 kBurst = 128 * kCost;  // all notices of an application, recorded and withdrawn at once
-constexpr guint kTurn = 50;             // milliseconds between two looks at what waits
+constexpr guint kTurn = 50;             // milliseconds between two checks of the waiting requests
 constexpr std::size_t kWaiting = 1024;  // requests of one application
 
 bool isPaid(const _writeRateStruct& rate, gint64 now) {
@@ -31,7 +31,7 @@ void pay(_writeRateStruct& rate, gint64 now) {
 }  // namespace
 
 WriteTurn PubSubSession::takeWriteTurn(const Request& request, bool writes, QSFilter handler) {
-    // The one that is handled now has had its turn.
+    // The request that is being handled has waited already.
     if (m_writing == request.message)
         return WriteTurn::Now;
     const gint64 now = g_get_monotonic_time();

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Activation: the server's switch, for each device, that lets a node's items come here.
+// Activation of nodes: tells the server to send a node's items to this device.
 //
 // Keeps PubSubSession::m_activateMap, true once the server has confirmed a node in this connection; a
-// disconnect empties it. Requests that wait for a result stand in m_endpointMap. Nothing survives a restart.
+// disconnect empties it. Requests wait for a result in m_endpointMap. Nothing survives a restart.
 #include <gloox/error.h>
 
 #include "maintenance/methods.h"
@@ -16,7 +16,7 @@ namespace {
 constexpr char kActivateFailed[] = "Sending response to handleActivateNode failed id %s Error %s ";
 constexpr char kDeActivateFailed[] = "Sending response to handleDeActivateNode failed id %s Error %s ";
 
-// {"returnValue", "endpoint"} and, after an error, what the server said.
+// {"returnValue", "endpoint"} and, after an error, its code and text.
 Reply activationReply(const std::string& endpoint, const gloox::Error* error) {
     Reply reply = endpointReply(!error, endpoint);
     if (error)
@@ -32,11 +32,11 @@ bool activateNode(QSHandle* handle, QSMessage* message, void*) {
     if (!request.isReady(true) || !request.requireNode())
         return request.refuse();
     std::string id;
-    // sic: said of a node that services take, too
+    // sic: also for a node with item handlers, which needs no activation
     if (session.activateNode(request.node, id) && !request.wasSent(id, kLibraryNotInitialized))
         return request.refuse();
-    // sic: a node that is active already has no id and gets no result; its request stays under the empty key
-    // until a disconnect answers it or the next one replaces it.
+    // sic: for a node that is active already there is no id and no result; the request stays under the empty
+    // key until a disconnect answers it or the next one replaces it.
     session.setEndpointMap(id, message, request.node, request.node, "");
     return true;
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // createNode: from the bus request to the server and back.
 //
-// The waiting request stands in m_msgMap under the id that the manager gave. The result handler also finishes
-// public endpoint requests, which wait in m_endpointMap.
+// The waiting request is in m_msgMap under the manager's request id. The result handler also answers public
+// requests, which wait in m_endpointMap.
 #include <gloox/error.h>
 
 #include "nodes/methods.h"
@@ -12,7 +12,7 @@
 
 namespace {
 
-// Reads an optional member that may be 1 or 2; absent counts as 1.
+// Reads an optional member that is 1 or 2; the default is 1.
 bool readOneOrTwo(const Request& request, const char* key, int& value) {
     json_object* member = jsonMember(request.json(), key);
     value = member ? json_object_get_int(member) : 1;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // deleteNode: from the bus request to the server and back.
 //
-// The waiting request stands in m_msgMap under the id that the manager gave. The result handler also finishes
-// deleteEndpoint, whose request waits in m_endpointMap: a deleted endpoint leaves every registry, the stored
-// ones too.
+// The waiting request is in m_msgMap under the manager's request id. The result handler also
+// answers deleteEndpoint, whose request waits in m_endpointMap. A deleted endpoint is removed from
+// every map and store.
 #include <gloox/error.h>
 
 #include <cstdio>
@@ -26,7 +26,7 @@ Reply endpointDeleted(PubSubSession& session, const _endpointStruct& request) {
     return endpointReply(true, request.endpoint);
 }
 
-// A node that the server does not know is as good as deleted, but the registries stay as they are.
+// A node that the server does not know counts as deleted, but the maps and stores stay unchanged.
 Reply endpointNotDeleted(const _endpointStruct& request, const std::string& condition) {
     if (condition == "item-not-found") {
         Reply reply(true);
@@ -64,7 +64,7 @@ void PubSubSession::handleNodeDeletation(const std::string& id, const gloox::JID
     }
 }
 
-// Nothing here asks for a purge; whoever comes to do so finds its result on standard output.
+// The service never requests a purge; the result is only printed.
 void PubSubSession::handleNodePurge(const std::string&, const gloox::JID& service, const std::string& node,
                                     const gloox::Error* error) {
     if (error) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Bus handlers of the private node methods. Each answers at once when it refuses; else the result handler of
-// the session answers when the server has. All return true: the message was handled.
+// Bus handlers of the private node methods. A refusal is answered at once, any other request when the
+// server's result arrives. All return true: the message was handled.
 #pragma once
 
 #include "platform/bus/qs.h"

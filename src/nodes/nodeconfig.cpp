@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// setNodeConfig and getNodeConfig: a node's configuration to the server and back.
+// setNodeConfig and getNodeConfig: store and read the configuration of a node.
 //
-// Waiting requests stand in m_msgMap under the ids that the manager gave. A request to read N nodes stands
-// there N times and is answered N times, in the server's order.
+// Waiting requests are in m_msgMap under the manager's request ids. A request to read N nodes is there N
+// times and is answered N times, in the server's order.
 #include <gloox/dataform.h>
 #include <gloox/error.h>
 
@@ -61,7 +61,7 @@ bool getNodeConfig(QSHandle* handle, QSMessage* message, void*) {
     for (const std::string& node : nodes) {
         const std::string id =
             session.m_pubsub->nodeConfig(gloox::JID(session.m_pubsubService), node, nullptr, &session);
-        // What was asked for before stays asked for and is answered as well.
+        // The nodes requested before this one are answered as well.
         if (!request.wasSent(id))
             return request.refuse();
         session.keepRequest(id, message);

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Subscribers that wait for a node owner's approval: who listens, asking the server, and the owner's
-// decision.
+// Subscribers that wait for a node owner's approval: listeners, the request to the server, and
+// the owner's decision.
 //
-// A listener is a bus subscription under "handleAuth:NODE", and the listening message stands in m_msgMap
-// under the same key. Those entries are no requests: no result takes them out. m_pendingList holds the nodes
-// of the server's last answer that nobody here listens to; m_pendingCursor is none while such a rest may
-// still be asked for anew, which each listener's or owner's call allows once. Nothing survives a restart.
+// A listener is a bus subscription under "handleAuth:NODE", and its message is in m_msgMap under the same
+// key. Those entries are not requests: no result removes them. m_pendingList holds the nodes of the server's
+// last answer that have no listener here. When there are any, the list is requested once more;
+// m_pendingCursor is kNoCursor while that is still allowed, and each call of subscribeNodeAuth or
+// getPendingAuth allows it again. Nothing survives a restart.
 #include <gloox/error.h>
 
 #include <algorithm>
@@ -25,7 +26,7 @@ std::string listenerKey(const std::string& node) {
     return "handleAuth:" + node;
 }
 
-// Nodes taken before a refusal stay listened to.
+// A refusal leaves the listeners for the nodes before it in place.
 bool listenTo(Request& request, const std::string& node, CallSite site = {}) {
     const std::string key = listenerKey(node);
     BusError error;
@@ -37,7 +38,7 @@ bool listenTo(Request& request, const std::string& node, CallSite site = {}) {
     return true;
 }
 
-// Asks the server for all nodes with pending subscribers. The results go to the listeners.
+// Requests all nodes with pending subscribers from the server. The results go to the listeners.
 bool askForPending(Request& request) {
     PubSubSession& session = gCurrentSession;
     session.m_pendingCursor = PubSubSession::kNoCursor;
@@ -52,7 +53,8 @@ RequestError pendingFailure(const gloox::Error* error, CallSite site = {}) {
     return errorOf(error);
 }
 
-// The server names a node once for each of its pending subscribers; one question brings them all.
+// The server lists a node once for each of its pending subscribers; one request for the node returns
+// all of them.
 void takePending(std::list<std::string>& pending, const gloox::StringList& answered) {
     pending.clear();
     for (const std::string& node : answered)
@@ -72,7 +74,7 @@ bool subscribeNodeAuth(QSHandle* handle, QSMessage* message, void*) {
     for (const std::string& node : nodes)
         if (!listenTo(request, node))
             return request.refuse();
-    // What is pending already is asked for only now, with the listeners in place.
+    // Only now, with the listeners in place, request the subscribers that are already pending.
     return askForPending(request) ? request.reply(Reply(true)) : request.refuse();
 }
 
@@ -98,8 +100,7 @@ bool approvePending(QSHandle* handle, QSMessage* message, void*) {
     return request.reply(Reply(true));
 }
 
-// `node` is the session id of the server's command; it names the command when its nodes are asked for one by
-// one.
+// `node` is the session id of the server's ad-hoc command, which the request for each of its nodes repeats.
 void PubSubSession::handlePendingRequest(const std::string& id, const std::string& node,
                                          const gloox::StringList* nodes, const gloox::Error* error) {
     setPingTimer();
@@ -119,7 +120,7 @@ void PubSubSession::handlePendingRequest(const std::string& id, const std::strin
     if (m_pendingList.empty() || m_pendingCursor != kNoCursor)
         return;
     PrvPrintErr({}, "We had an handler for non existent node?, Resetting pending list");
-    m_pendingCursor = 0;  // the answer to this renewal renews no more
+    m_pendingCursor = 0;  // the answer to this request does not repeat it
     m_pubsub->getPendingRequest(gloox::JID(m_pubsubService), this);
 }
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// publishItem: one item from the bus to a node, and the server's word on it back.
+// publishItem: publishes one item to a node and returns the server's result.
 //
-// The item carries no id; the server gives one and the publisher is not told it. The waiting request stands
-// in m_msgMap under the id that the manager gave.
+// The item carries no id; the server assigns one, which the publisher is not told. The waiting request is in
+// m_msgMap under the manager's request id.
 #include <gloox/error.h>
 #include <gloox/tag.h>
 
@@ -21,7 +21,7 @@ constexpr char kItemParseError[] = "Item parse error";
 
 using ItemTag = std::unique_ptr<gloox::Tag>;
 
-// An object becomes elements. sic: without "item" there is no element and the publish goes ahead.
+// Converts a JSON object to XML elements. sic: without "item" there is no element, but it is published.
 bool itemFromObject(Request& request, ItemTag& item) {
     json_object* value = nullptr;
     if (!json_object_object_get_ex(request.json(), "item", &value))
@@ -30,7 +30,7 @@ bool itemFromObject(Request& request, ItemTag& item) {
     return item || request.fail(kItemParseError);
 }
 
-// A string is carried as it stands, byte for byte, not through the cleaning getter.
+// The text of a string unchanged, unlike getJSONString, which removes characters.
 std::string textOf(json_object* value) {
     if (json_object_is_type(value, json_type_string))
         return {json_object_get_string(value), static_cast<std::size_t>(json_object_get_string_len(value))};
@@ -41,7 +41,7 @@ bool itemFromText(Request& request, ItemTag& item) {
     const std::string text = textOf(jsonMember(request.json(), "item"));
     if (text.empty())
         return false;
-    // A text with characters outside XML 1.0 is refused; without this an empty item could go out in its place.
+    // Without this check a text with characters outside XML 1.0 could be sent as an empty item.
     if (!xmpp::isXmlText(text))
         return request.fail(kItemParseError);
     item.reset(getItemTag(text));

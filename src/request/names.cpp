@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The one place that forms the node names of applications and maps XMPP errors to reply words.
+// Node names of applications, and the mapping of XMPP errors to the error code and text of a reply.
 //
-// Methods of the private table take node names as they come; only the public ones pass here. Keeps no state.
+// Only public methods form names; private ones take node names unchanged. Keeps no state.
 #include "request/names.h"
 
 #include <gloox/error.h>
@@ -21,7 +21,7 @@ std::unique_ptr<gloox::Tag> elementOf(const gloox::Error* error) {
     return std::unique_ptr<gloox::Tag>(error ? error->tag() : nullptr);
 }
 
-// The name of the first child in a namespace that is not called `passedOver`; "" when there is none.
+// The name of the first child of `element` in `xmlns` that is not called `passedOver`; "" when there is none.
 std::string conditionIn(const gloox::Tag& element, const std::string& xmlns,
                         const std::string& passedOver = "") {
     for (const gloox::Tag* child : element.children())
@@ -65,7 +65,7 @@ void getErrorCode(const gloox::Error* error, std::string& errorCode, std::string
 
     const std::string detail = conditionIn(*element, gloox::XMLNS_PUBSUB_ERRORS);
     if (!detail.empty())
-        errorText += " " + detail;  // sic: leads with a blank when there was no stanza condition
+        errorText += " " + detail;  // sic: begins with a space when there is no stanza condition
 }
 
 void printerror(const gloox::Error* error, CallSite site) {

@@ -14,7 +14,7 @@ namespace gloox {
 class Error;
 }
 
-// The two texts of a failure as a caller receives them.
+// "errorCode" and "errorText" of a reply.
 struct RequestError {
     std::string code;
     std::string text;
@@ -23,8 +23,8 @@ struct RequestError {
 // The error code of public methods for every refusal of the server.
 inline constexpr char kServerRefused[] = "xmppErr";
 
-// How the results of creating, deleting, publishing and configuring report an answer that could not be sent.
-// sic: one text for all of them.
+// Logged when the reply to a create, delete, publish or configure request cannot be sent. sic: one text
+// for all four.
 inline constexpr char kCreateRespondFailed[] = "Sending response to create Node failed id %s Error %s ";
 
 // A reply: "returnValue" first, then the members in the order in which they are set.
@@ -34,14 +34,14 @@ class Reply : public JsonObject {
 
     void addError(const RequestError& error) { set("errorCode", error.code).set("errorText", error.text); }
 
-    // Sends this as the answer to a kept request. `failure` is the log format for an answer that could not be sent:
-    // request id, bus error. False then.
+    // Sends this as the answer to a kept request. On failure logs `failure`, a format for the request id and
+    // the bus error, and returns false.
     bool respond(QSMessage* message, const std::string& id, const char* failure, CallSite site = {}) const;
 };
 
 // {"returnValue", "endpoint"}
 Reply endpointReply(bool success, const std::string& endpoint);
-// {"returnValue", KEY: name} and, after an error, what the server said of `node`; that is logged.
+// {"returnValue", KEY: name}; after an error also its code and text, which is logged for `node`.
 Reply resultReply(const char* key, const std::string& name, const std::string& node,
                   const gloox::JID& service, const gloox::Error* error, CallSite site = {});
 

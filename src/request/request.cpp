@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The checks and the ends that the bus handlers share. Keeps no state; kept requests live in the session.
+// The checks and replies that the bus handlers share. Keeps no state; the session holds the
+// requests that wait.
 #include "request/request.h"
 
 #include "platform/bus/qsraii.h"
@@ -13,7 +14,7 @@ namespace {
 constexpr char kLibraryError[] = "libErr";
 constexpr std::size_t kLongestEcho = 4 * 1024;
 
-// The bytes of a character in the text of a JSON string.
+// Bytes that a character takes in a JSON string.
 std::size_t lengthInJson(char character) {
     if (static_cast<unsigned char>(character) < 0x20)
         return 6;
@@ -24,8 +25,8 @@ bool continuesACharacter(char character) {
     return (static_cast<unsigned char>(character) & 0xc0) == 0x80;
 }
 
-// What a refusal says back. A short request can name an endpoint that is six times as long in JSON; no endpoint that
-// could exist is as long as the bound.
+// The endpoint as a refusal repeats it, cut at a bound. Escaping can make an endpoint six times as long in
+// JSON; no valid endpoint reaches the bound.
 std::string echoOf(const std::string& endpoint) {
     std::size_t length = 0;
     for (std::size_t i = 0; i < endpoint.size(); ++i) {
@@ -59,7 +60,7 @@ bool Request::hasManager() {
 bool Request::hasService() {
     if (gCurrentSession.m_pubsub && !gCurrentSession.m_pubsubService.empty())
         return true;
-    PrvPrintErr(m_site, "PubSub manager not intialized");  // sic: spelled so, and said of the service too
+    PrvPrintErr(m_site, "PubSub manager not intialized");  // sic: spelled so, and used for the service too
     return fail(kLibraryError, "Service not initialized");
 }
 
@@ -93,7 +94,7 @@ bool Request::readNodes(std::list<std::string>& nodes) {
     json_object* array = jsonMember(json(), "nodes");
     if (!json_object_is_type(array, json_type_array)) {
         PrvPrintErr(m_site, "Error: nodes takes an array of nodes \n");
-        return fail("Malformed json - nodes takes an array of nodes ");  // sic: ends in a blank
+        return fail("Malformed json - nodes takes an array of nodes ");  // sic: ends with a space
     }
     for (std::size_t i = 0; i < json_object_array_length(array); ++i) {
         std::string element = json_object_to_json_string(json_object_array_get_idx(array, i));

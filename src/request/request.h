@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// One bus request: its checks, its refusal, and its wait for the server's result.
+// One bus request: its checks, its refusal, and waiting for the server's result.
 //
-// Which checks a method makes, and in which order, stands in its handler. A check that fails returns false and leaves
-// the reason, which refuse() sends. Everything is logged under the name of the handler that made the Request.
+// Each handler lists its checks in their order. A check that fails returns false and stores the reason, which
+// refuse() sends. Log lines carry the name of the handler that constructed the Request.
 #pragma once
 
 #include <list>
@@ -13,15 +13,15 @@
 #include "util/jsonref.h"
 #include "util/log.h"
 
-// How a group of methods refuses while no check has said more.
+// The default refusal of a group of methods, for checks that set no reason of their own.
 struct RefusalForm {
     const char* code;
     const char* text;
-    const char* subject = nullptr;  // member of the reply that names what the request is about; null: none
+    const char* subject = nullptr;  // reply member with the node or endpoint of the request; null: none
     bool logged = false;            // with the request's payload
 };
 
-// sic: the quotes are part of the texts and reach the caller.
+// sic: the quotes are part of the texts.
 inline constexpr char kQuotedErrBadArgument[] = R"("errBadArgument")";
 inline constexpr char kQuotedBadArgument[] = R"("Bad Argument")";
 
@@ -38,28 +38,28 @@ inline constexpr RefusalForm kParameterRefusal{.code = "parameterErr", .text = k
 inline constexpr RefusalForm kEndpointRefusal{
     .code = "parameterErr", .text = kQuotedBadArgument, .subject = "endpoint", .logged = true};
 
-// What is said when the manager did not take an operation: by private methods, and by most public ones.
+// The refusals when the manager did not accept an operation: of private methods, and of most public ones.
 inline constexpr char kGlooxNotInitialized[] = "gloox library is not initialized";
 inline constexpr char kLibraryNotInitialized[] = "pubsubservice library is not initialized";
 
-// Says that too many changes wait for their turn (endpoints/writerate.cpp).
+// The refusal when too many changes wait (endpoints/writerate.cpp).
 inline constexpr char kTooManyWrites[] =
     "Too many changes of on-close notices wait, the limit is 1024. Wait for their answers";
 
 class Request {
   public:
-    // `message` is borrowed for the time of the call.
+    // `message` is borrowed for the duration of the call.
     Request(QSHandle* handle, QSMessage* message, const RefusalForm& form, CallSite site = {});
 
     // The checks.
-    bool hasManager();  // a session was made
-    bool hasService();  // and it has a pub-sub service to ask
+    bool hasManager();  // a session was created
+    bool hasService();  // and it has a pub-sub service
     bool isConnected();
     bool hasJson();
-    bool isReady(bool needConnected);  // checkInit, which has an order of its own
+    bool isReady(bool needConnected);  // checkInit, which checks in an order of its own
 
-    // The readers. Those that `read` leave the reason of a refusal as it is when the member is missing or empty, those
-    // that `require` say which one it is.
+    // The readers. When a member is missing or empty, `read...` leaves the default reason, and `require...`
+    // names the member.
     bool readNode();
     bool readEndpoint();
     bool readNodes(std::list<std::string>& nodes);  // the array "nodes", at least one
@@ -73,21 +73,22 @@ class Request {
     bool formNode();
     json_object* json() const { return m_json.get(); }
 
-    // Puts the caller on the bus's list of subscribers when the request asks for it.
+    // Adds the caller to the subscribers of the bus library when the request asks for it.
     bool processSubscription();
-    // Whether the manager took the operation; an empty id says that it did not, and `reason` is what the caller hears.
+    // Whether the manager accepted the operation; an empty id means that it did not, and `reason` becomes
+    // the error text.
     bool wasSent(const std::string& id, const char* reason = kGlooxNotInitialized);
-    // Set the reason of a refusal and return false.
+    // These set the reason of a refusal and return false.
     bool fail(const std::string& text);
     bool fail(const std::string& code, const std::string& text);
     const RequestError& error() const { return m_error; }
 
-    // The ends of a handler. Each returns true, as a bus handler does.
+    // The ways to finish a handler. Each returns true, as a bus handler has to.
     bool refuse();
     bool refuse(const std::string& text);
     bool refuse(const std::string& code, const std::string& text);
     bool reply(const JsonObject& answer);
-    // Keeps the request until the result of `id` is there; refuses it when the operation was not sent.
+    // Keeps the request until the result for `id` arrives; refuses it when the operation was not sent.
     bool waitFor(const std::string& id);
     // The same for a request about an endpoint, without the check.
     bool waitForEndpoint(const std::string& id);

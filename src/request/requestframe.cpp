@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The frame of every bus method: readiness checks and the one reply format.
+// Readiness checks of bus methods, and the format of error replies.
 //
-// Every failure of a method leaves through HandleError here: the caller gets an error word and a reason, the
-// log gets the same object. A reply that cannot be sent is logged and forgotten; nothing is rolled back for
-// it. Keeps no state.
+// Every refusal goes through HandleError: the caller gets an error code and a text, and the log the same
+// object. A reply that cannot be sent is only logged; nothing is rolled back. Keeps no state.
 #include "request/requestframe.h"
 
 #include "platform/bus/qsraii.h"
@@ -25,7 +24,7 @@ bool checkInit(json_object*& payload, PubSubSession& session, std::string& error
         return false;
     }
     if (!payload) {
-        // The word stays the caller's preset one.
+        // The error code stays the one that the caller preset.
         PrvPrintErr({}, "Malformed json packet? \n");
         errorText = "Malformed json";
         return false;

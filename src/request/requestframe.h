@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The frame of every bus method: readiness checks, the error reply, and the road of a reply back to its
-// caller.
+// What every bus method uses: readiness checks, the error reply, and sending a reply.
 #pragma once
 
 #include <json-c/json.h>
@@ -13,8 +12,8 @@
 
 class PubSubSession;
 
-// Whether a request may proceed. On false the two strings say why; `payload` becomes null when it is
-// unusable.
+// Whether a request may proceed. If not, the two texts give the reason; `payload` is null when the request's
+// JSON could not be parsed.
 bool checkInit(json_object*& payload, PubSubSession& session, std::string& errorCode, std::string& errorText,
                bool needConnected);
 
@@ -23,6 +22,6 @@ bool checkInit(json_object*& payload, PubSubSession& session, std::string& error
 void HandleError(QSHandle* handle, QSMessage* message, const std::string& errorCode,
                  const std::string& errorText, json_object* object);
 
-// Sends `payload` as the first answer. A failure is logged once, under the name and line of the calling
-// handler.
+// Sends `payload` as the first answer. A failure is logged once, with the name and line of
+// the calling handler.
 void sendReply(QSHandle* handle, QSMessage* message, const char* payload, CallSite site = {});

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Bus methods around the account: a new login, who the device is, and leaving the connection.
+// Bus methods for the account: start a login, report the device's identity, end the connection.
 //
-// Keeps no state of its own; all of it is the session's.
+// Keeps no state; the session has all of it.
 #include <json-c/json.h>
 
 #include "request/request.h"
@@ -14,8 +14,8 @@ namespace {
 
 constexpr char kDone[] = R"({"returnValue":true})";
 
-// Written around the value, which json-c escapes: building and printing an object would be a fifth of the
-// whole request's instructions.
+// Formatted by hand; json-c only escapes the value. Building and printing an object would take a fifth of the
+// instructions of the whole request.
 void replyWith(QSHandle* handle, QSMessage* message, const std::string& key, const std::string& value,
                CallSite site = {}) {
     JsonRef text(json_object_new_string(value.c_str()));
@@ -24,7 +24,7 @@ void replyWith(QSHandle* handle, QSMessage* message, const std::string& key, con
     sendReply(handle, message, reply.c_str(), site);
 }
 
-// The members of a createSession request; the first that is missing ends the reading.
+// The members of a createSession request. Reading stops at the first one that is missing.
 struct SessionDetails {
     std::string jid, password, server, service;
     int32_t port = 0;
@@ -39,7 +39,7 @@ struct SessionDetails {
 
 }  // namespace
 
-// Never replies, whatever happens: the bus closes the request.
+// Never replies; the bus library closes the request.
 bool initializeAccount(QSHandle*, QSMessage*, void*) {
     PrvPrintErr({}, "==BEGIN - Initialize called");
     if (gCurrentSession.m_connected)

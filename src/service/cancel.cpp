@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Client cancellation: a client that is gone loses its item subscription; a node that is kept for it while it
-// is closed is activated again, so that the server goes on delivering.
+// Client cancellation: a client that has gone loses its item subscription. If its application asked for
+// on-close notices, the node is activated again, so that the server keeps delivering.
 //
-// Keeps no state. Nothing is replied: there is nobody left to answer.
+// Keeps no state. Nothing is replied, because the client has gone.
 #include "service/cancel.h"
 
 #include <string>
@@ -38,7 +38,7 @@ void logRefused(const Request& request, CallSite site = {}) {
 
 }  // namespace
 
-// No connection is needed to forget somebody.
+// Removing a subscriber needs no connection.
 bool publicCancelFunc(QSHandle* handle, QSMessage* message, void*) {
     Request request(handle, message, kEndpointRefusal);
     if (!request.isReady(false) || !cancelSubscribe(request))

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the service forgets when a client's subscription is cancelled. `message` is the client's own request.
+// Cancel functions: what the service removes when a client's subscription ends. `message` is the
+// client's own request.
 #pragma once
 
 #include "platform/bus/qs.h"

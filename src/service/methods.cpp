@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The two method tables. A handler that stands in neither cannot be reached from a bus.
+// The two method tables. A handler in neither of them cannot be called over a bus.
 #include "service/methods.h"
 
 #include "delivery/methods.h"

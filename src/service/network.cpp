@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Network tracking: makes, drops or moves the XMPP connection as the connection manager reports the links.
+// Network tracking: opens, closes or moves the XMPP connection when the connection manager reports a change.
 //
-// Each report is handled on its own; all memory between reports is in the session (m_networkAvailable,
-// m_onWan, m_survivedOutage, m_ipAddress). A connection that failed by itself is left to the reconnect alarm.
+// Each report is handled on its own; the state between reports is in the session (m_networkAvailable,
+// m_onWan, m_survivedOutage, m_ipAddress). After a connection error the reconnect alarm connects again,
+// not this file.
 #include "service/network.h"
 
 #include "session/pubsubsession.h"
@@ -14,8 +15,8 @@ namespace {
 constexpr char kWifi[] = "wifi";
 constexpr char kWan[] = "wan";
 
-// Without Internet: an attempt is given up, and so is a connection unless it runs over a mobile link that
-// still stands.
+// Without Internet a connection attempt is given up, and so is a connection unless it runs over a mobile link
+// that is still connected.
 bool mustDisconnect(json_object* status) {
     if (!gCurrentSession.m_connected)
         return gCurrentSession.m_connecting;
@@ -62,7 +63,8 @@ void wifiThere(json_object* status, bool inSession, CallSite site = {}) {
         switchToWifi(status);
 }
 
-// The mobile link's own state is not asked: with Internet and no Wi-Fi it is taken to be the link.
+// The state of the mobile link is not checked: with Internet and without Wi-Fi it is assumed to be the
+// link in use.
 void wifiGone(json_object* status, bool inSession, CallSite site = {}) {
     if (inSession && gCurrentSession.m_onWan) {
         // The server may have dropped the activations while there was no Internet.

@@ -10,9 +10,9 @@
 
 // Callback of the connection manager's status subscription.
 bool connectionStatusV2(QSHandle* handle, QSMessage* message, void* context);
-// Internet is there: connects, or moves the connection to the better link. `status` is borrowed.
+// For a report with Internet: connects, or moves the connection to the better link. `status` is borrowed.
 void connectOrSwitchConnections(json_object* status);
-// Whether the state of `link` ("wifi" or "wan") is told at all; `isConnected` says what it is.
+// False when the report lacks the state of `link` ("wifi" or "wan"); `isConnected` receives that state.
 bool checkConnection(const char* link, json_object* status, bool& isConnected);
-// The local address of `link`, "" when it is not told.
+// The local address of `link`, "" when the report lacks it.
 std::string getIPAddress(const char* link, json_object* status);

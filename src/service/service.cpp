@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Start-up in its fixed order, the main loop, and the one way out.
+// Start-up in its fixed order, the main loop, and the only exit path.
 //
-// Owns the main loop and the registration on the bus. What must survive a restart is loaded here: the handler
-// file, the offline map, the credentials file and the preferences handle. Logs under the name of whoever
-// runs the service, the process entry.
+// Owns the main loop and the registration on the bus. State that survives a restart is loaded here: the
+// handler file, the offline map, the credentials file and the preferences handle. Log lines carry the
+// caller's name, that of the process entry.
 #include "service/service.h"
 
 #include <glib.h>
@@ -29,7 +29,7 @@ struct Bus {
     QSHandle* publicHandle = nullptr;
 };
 
-// The record is freed after each use, so that it can carry the next failure.
+// Frees the error record, so that the next call can use it.
 bool failed(const char* text, BusError& error, CallSite site) {
     PrvPrintErr(site, text, error.message());
     QSErrorFree(error);
@@ -82,7 +82,7 @@ bool startWatchers(QSHandle* handle, CallSite site) {
         PrvPrintErr(site, "registerConnectionManagerStatus failed");
         return false;
     }
-    // Without one of these the service still does its work; they log their own failures.
+    // The service can run without these; they log their own failures.
     registerAppInstallerStatus(handle);
     registerAccountSrvcStatus(handle);
     registerSystemMgrStatus(handle);
@@ -100,7 +100,7 @@ bool start(Bus& bus, BusError& error, CallSite site) {
     return openPreferences(site) && startWatchers(bus.privateHandle, site);
 }
 
-// The service never ends its loop itself, so every way here is a failure.
+// The service never ends its loop itself, so this is always reached by a failure.
 void leave(const Bus& bus, BusError& error, CallSite site) {
     PrvPrintErr(site, "Exiting main because of errors");
     if (bus.privateHandle && !QSUnregister(bus.privateHandle, error))

@@ -4,6 +4,6 @@
 
 #include "util/log.h"
 
-// Starts the service and runs it until the main loop ends. Returns the exit status, which is always 0:
-// whoever started the process starts it again.
+// Starts the service and runs it until the main loop ends. Returns the exit status, which is always 0: the
+// supervisor restarts the process in any case.
 int runService(CallSite entry = {});

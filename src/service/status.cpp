@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Connection status: two bus methods that tell it once and, to subscribers, at each change.
+// Connection status: two bus methods that report it once and, to subscribers, at each change.
 //
-// The bus layer keeps the subscribers, by category and method; this file keeps no list. The posted payloads
-// are fixed texts and go out byte for byte.
+// The bus library keeps the subscribers, by category and method. The posted payloads are fixed texts.
 #include <json-c/json.h>
 
 #include "platform/bus/qsraii.h"
@@ -18,7 +17,7 @@ constexpr char kSubscribeConnStatus[] = "subscribeConnStatus";
 
 constexpr char kConnected[] = R"({"returnValue":true, "connected":true})";
 constexpr char kDisconnected[] = R"({"returnValue":true, "connected":false})";
-// sic: "session" is always true in what is posted, whatever the session holds.
+// sic: "session" is always true in posted payloads.
 constexpr char kConnectedDetails[] =
     R"({"returnValue":true, "connected":true, "session" : true, "network": true})";
 constexpr char kDisconnectedNetwork[] =
@@ -27,7 +26,7 @@ constexpr char kDisconnectedNoNetwork[] =
     R"({"returnValue":true, "connected":false, "session":true, "network":false})";
 
 constexpr char kDetailsFailed[] = "Sending connection status failed. Error %s ";
-// sic: a blank before the point in this one.
+// sic: a space before the full stop.
 constexpr char kStatusFailed[] = "Sending connection status failed . Error %s ";
 
 void post(QSHandle* handle, const char* method, const char* payload, const char* failed, CallSite site) {
@@ -36,8 +35,8 @@ void post(QSHandle* handle, const char* method, const char* payload, const char*
         PrvPrintErr(site, failed, error.message());
 }
 
-// Platform services first, with all details, then applications, then platform services that asked as these
-// do.
+// Order: platform services with all details, applications, platform services that subscribed to
+// the plain form.
 void postStatus(const PubSubSession& session, const char* details, const char* plain, CallSite site) {
     post(session.m_privateHandle, kSubscribeConnStatus, details, kDetailsFailed, site);
     post(session.m_publicHandle, kConnectStatus, plain, kStatusFailed, site);
@@ -66,7 +65,7 @@ bool connectStatus(QSHandle* handle, QSMessage* message, void*) {
     if (!request.processSubscription())
         return request.refuse("libErr", "Processing subscription failed");
     request.reply(statusReply());
-    // Asking for the status is a request to connect, too.
+    // A status request also starts a connection.
     if (!gCurrentSession.m_connected)
         gCurrentSession.tryConnecting();
     return true;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Watching the platform services: each one is asked for its work anew whenever it reports itself up.
+// Watches the platform services and sends each one its request again whenever it comes up.
 //
-// This keeps the start order of the platform free. The watches live as long as the process and nothing is
-// remembered of earlier reports: a service that goes down is only logged.
+// The platform services can therefore start in any order. The watches live as long as the process; a service
+// that goes down is only logged. Keeps no state.
 #include "service/watchers.h"
 
 #include <string>
@@ -27,7 +27,7 @@ bool watch(QSHandle* handle, const std::string& service, QSFilter callback, cons
     return false;
 }
 
-// Whether the report says that the service is up; a report of its going down or without a word is logged.
+// Whether the report says that the service is up. Any other report is logged.
 bool cameUp(QSMessage* message, const char* wentDown, const char* failed, CallSite site = {}) {
     const char* text = QSMessageGetPayload(message);
     JsonRef payload = parseJson(text);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Watching the platform services that this service depends on. Each function is true when the bus took the
-// call.
+// Watches on the platform services that this service depends on. Each function returns true when the bus
+// accepted the call.
 #pragma once
 
 #include "platform/bus/qs.h"

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Reconnect, keep-alive and power: wake-up alarms of the power service, which call this service's own
-// methods.
+// Reconnect, keep-alive and power: wake-up alarms of the power service, which call this
+// service's own methods.
 //
-// There are no timers in the process, so that the device may sleep. Kept in the session: m_reconnectPending
-// (an alarm is believed set), m_retryCount, m_bootFinished. Nothing survives a restart here; the power
-// service's alarms do, and a set under a known key replaces the alarm.
+// The process has no timers of its own for these, so that the device can sleep. State in the session:
+// m_reconnectPending (an alarm is believed to be set), m_retryCount, m_bootFinished; none of it survives a
+// restart. The power service's alarms do, and setting an alarm under a key that is in use replaces it.
 #include "session/alarms.h"
 
 #include <fcntl.h>
@@ -27,7 +27,7 @@ namespace {
 constexpr char kTimeoutSet[] = "zelt://com.zelt.power/timeout/set";
 constexpr char kTimeoutClear[] = "zelt://com.zelt.power/timeout/clear";
 
-// The first four attempts after a connect come soon, every later one after an hour or more.
+// The first four attempts after a lost connection come soon, later ones after an hour or more.
 constexpr int kLastShortRetry = 3;
 constexpr int32_t kShortMin = 300, kShortMax = 1200;
 constexpr int32_t kLongMin = 3600, kLongMax = 5400;
@@ -35,7 +35,7 @@ constexpr int32_t kLongMin = 3600, kLongMax = 5400;
 constexpr char kPingAlarmFailed[] = "Setting Ping Alarm failed. Error %s ";
 constexpr char kReconnectClearFailed[] = "Removing reconnect failed. Error %s ";
 
-// The power service's "timeout/set". Written by hand: json-c would escape the slashes.
+// The power service's "timeout/set". Formatted by hand, because json-c would escape the slashes.
 std::string alarm(const std::string& key, const std::string& in) {
     return R"({"key":")" + key + R"(", "uri":"quor://com.zelt.pubsubservice/)" + key + R"(", "in":")" + in +
            R"(", "wakeup":true, "params":"{}"})";
@@ -64,7 +64,7 @@ void sendPing(PubSubSession& session) {
     session.m_client->send(iq);
 }
 
-// A boolean member of a reply. False when there is none, logged with `missing` and then as a failure.
+// Reads a boolean member of a reply. Without one, logs `missing` and `failed` and returns false.
 bool readReply(QSMessage* reply, const char* key, const char* missing, const char* failed, bool& value,
                CallSite site = {}) {
     const char* text = QSMessageGetPayload(reply);
@@ -179,8 +179,8 @@ bool PubSubSession::reconnectResponse(QSHandle*, QSMessage* reply, void* context
     auto* session = static_cast<PubSubSession*>(context);
     if (!session)
         return true;
-    // An acceptance that comes after the connect speaks of an alarm that is cleared already: believing it
-    // would keep the next loss from arming one.
+    // A confirmation that arrives after the connect is about an alarm that has been cleared already. Taking
+    // it into account would prevent the alarm after the next loss.
     if (!accepted || !session->m_connected)
         session->m_reconnectPending = accepted;
     return true;

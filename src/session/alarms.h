@@ -4,5 +4,5 @@
 
 #include <cstdint>
 
-// Seconds, evenly spread from `min` to `max` - 1. Seeds the standard generator anew at each call.
+// Seconds, uniformly distributed from `min` to `max` - 1. Reseeds the standard generator at each call.
 int32_t generateRandomDelay(int32_t min, int32_t max);

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The XMPP connection: building a client, watching its socket on the main loop, and the stream coming up and
-// going down.
+// The XMPP connection: creates the client, watches its socket on the main loop, handles
+// connect and disconnect.
 //
-// States: idle, connecting (m_connecting), connected (m_connected). The watch is borrowed from the main
-// context and never outlives its client. Nothing here survives a restart; requests in m_msgMap survive a
-// disconnect.
+// States: idle, connecting (m_connecting), connected (m_connected). The main context owns the watch, which
+// never outlives its client. Nothing here survives a restart; requests in m_msgMap survive a disconnect.
 #include <gloox/connectionbase.h>
 #include <gloox/disco.h>
 #include <gloox/logsink.h>
@@ -26,7 +25,7 @@ GSource* PubSubSession::m_source = nullptr;
 namespace {
 
 constexpr int kAllLogAreas = 0xffffff;
-constexpr int kReceiveTimeout = 10;  // microseconds: the watch says when there is something to read
+constexpr int kReceiveTimeout = 10;  // microseconds; short, because the watch reports when there is input
 constexpr auto kWatched = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP | G_IO_NVAL);
 
 bool ended(GSource* watch) {
@@ -108,7 +107,7 @@ bool PubSubSession::connectToService() {
     PrvPrintErr({}, "There is no server or network, connection to server fails");
     PrvPrintErr({}, "Warning: We are not connected to the vbx server");
     m_connecting = false;
-    return true;  // the caller learns of the failure through the flags alone
+    return true;  // the caller sees the failure in the flags alone
 }
 
 bool PubSubSession::tryConnecting() {
@@ -136,18 +135,18 @@ void PubSubSession::attachSocketToMainLoop() {
     g_source_set_callback(watch, G_SOURCE_FUNC(xmppCallback), this, nullptr);
     g_source_attach(watch, m_mainLoop ? g_main_loop_get_context(m_mainLoop) : nullptr);
     g_io_channel_unref(channel);
-    g_source_unref(watch);  // the context holds it from here on
+    g_source_unref(watch);  // the context owns it from here on
     m_source = watch;
     PrvPrintErr({}, "Attached socket %d to mainloop", m_socket);
 }
 
-// The session may be disconnected, and connected anew, while a bus request is handled or something is parsed
-// here: what tells is whether this very watch still lives.
+// A bus request or a parsed stanza may disconnect the session and connect it again while this runs, so only
+// this watch's own state says whether it is still in use.
 gboolean PubSubSession::xmppCallback(GIOChannel*, GIOCondition condition, gpointer context) {
     auto* session = static_cast<PubSubSession*>(context);
     GSource* watch = g_main_current_source();
     logCondition(condition);
-    // A client that has left the bus by now must be known before an item is handed to it.
+    // Learn of clients that have left the bus before an item is delivered to them.
     if (session->m_serviceHandle)
         QSZeltServiceReadReceived(session->m_serviceHandle);
     if (ended(watch))
@@ -227,11 +226,11 @@ void PubSubSession::cleanUpOnDisconnect() {
 void PubSubSession::disconnect() {
     if (!m_client)
         return;
-    m_client->disconnect();  // reports the end to onDisconnect before it returns
+    m_client->disconnect();  // calls onDisconnect before it returns
     dropClient();
 }
 
-// The manager stays, mute, until the next session replaces it.
+// The manager stays until the next session replaces it, but sends nothing.
 void PubSubSession::dropClient() {
     dropSocketWatch();
     if (m_pubsub)

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Reading the credentials file.
 //
-// The file is plain text, one value a line, in a fixed order. A line is read through a buffer of 64 bytes: a
+// The file is plain text, one value a line, in a fixed order. A line is read through a buffer of 64 bytes; a
 // longer one counts as several lines, so 63 characters and their newline are already two. A file that others
-// can read is not taken. Keeps no state.
+// can read is ignored. Keeps no state.
 #include "session/credentials.h"
 
 #include <sys/stat.h>
@@ -28,7 +28,7 @@ struct FileClose {
     void operator()(FILE* file) const { fclose(file); }
 };
 
-// What others can read or have written names no account.
+// A file that other users can read or may have written is not trusted.
 bool mayTrust(FILE* file, const std::string& path, CallSite site = {}) {
     struct stat status = {};
     if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode))

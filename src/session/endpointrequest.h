@@ -24,16 +24,16 @@ struct _subMapStruct {
     QSHandle* handle = nullptr;  // the connection of its subscription; null once the client cancelled
 };
 
-// A public request that waits until its application may write again.
+// A public request that waits for its application's write rate.
 struct _waitingWriteStruct {
     QSFilter handler = nullptr;  // the method
     QSHandle* handle = nullptr;
     KeptMessage message;
 };
 
-// What an application has written of late.
+// The write rate of an application.
 struct _writeRateStruct {
-    int64_t paidUntil = 0;  // monotonic microseconds: each write moves it on
+    int64_t paidUntil = 0;  // monotonic microseconds; each write advances it
     std::deque<_waitingWriteStruct> waiting;
 };
 

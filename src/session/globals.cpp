@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The process-wide objects, constructed in this order before main and destroyed in the reverse one.
 //
-// The credential texts are filled from the credentials file at start. gPubSub stays pristine: at start it is
-// copied into gCurrentSession, so that the working session always begins from a freshly constructed state.
+// The credential texts are read from the credentials file at start. gPubSub is never used: at start it is
+// copied into gCurrentSession, so that the session begins in a freshly constructed state.
 #include "session/pubsubsession.h"
 
 std::string gjid;

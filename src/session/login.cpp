@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Account login: asks the account service for a token and makes the session details of its answer.
+// Account login: asks the account service for a token and sets the session details from its answer.
 //
-// Each answer overwrites the details, member by member as the fields are checked, so an answer that fails
-// half-way leaves the earlier members new and the later ones old. The token is never logged and never stored
+// Each answer overwrites the details, member by member as the fields are checked, so an answer with a missing
+// field leaves the members before it new and those after it old. The token is never logged and never stored
 // outside the session.
 #include <json-c/json.h>
 
@@ -18,7 +18,7 @@
 
 namespace {
 
-// Accounts made before the server moved still carry its old name.
+// Accounts created before the server moved still name its old host.
 std::string currentHost(const std::string& host) {
     return host == PUBSUB_RETIRED_SERVER_HOST ? PUBSUB_DEFAULT_SERVER_HOST : host;
 }
@@ -30,7 +30,8 @@ JsonRef parseLogged(const std::string& text, CallSite site) {
     return object;
 }
 
-// The inner object that "jabberId" holds as a text. Taken raw: the cleaning getter would remove its quotes.
+// The JSON object that "jabberId" holds as a text. Read unfiltered, because getJSONString would
+// remove its quotes.
 JsonRef readAccount(json_object* reply, CallSite site) {
     json_object* jabberId = jsonMember(reply, "jabberId");
     if (!jabberId) {
@@ -53,7 +54,7 @@ bool readField(json_object* account, const char* key, std::string& value, CallSi
     return !value.empty();
 }
 
-// The device id makes the resource; without one the server chooses it.
+// The device id is the resource; without one the server chooses it.
 std::string deviceId(CallSite site) {
     char* id = nullptr;
     const int result = QPSystemCopyStringValue("com.zelt.properties.kduid", &id);

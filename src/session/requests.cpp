@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The bus requests that wait for the server's result: the only place where they are put in and taken out.
+// Bus requests that wait for the server's result; only this file inserts and removes them.
 //
-// m_msgMap holds the private ones and survives a disconnect, m_endpointMap the public ones and is answered and emptied
-// by one. An entry that is replaced gives its message back. Nothing survives a restart.
+// m_msgMap holds the private requests and survives a disconnect. m_endpointMap holds the public ones, which a
+// disconnect answers and removes. Replacing an entry releases its message. Nothing survives a restart.
 #include <utility>
 
 #include "platform/bus/qscaller.h"

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The session object itself: its life, its details (who the device logs in as and where) and its cache
-// folder.
+// The session object: construction, destruction, details (account and server) and cache folder.
 //
-// Owns the client and the manager; every other pointer is borrowed. Details change through setSessionDetails
-// and the login alone and do not survive a restart.
+// Owns the client and the manager; every other pointer is borrowed. Only setSessionDetails and the login
+// change the details, which do not survive a restart.
 #include <glib.h>
 
 #include "session/pubsubsession.h"
@@ -15,7 +14,7 @@ PubSubSession::PubSubSession() = default;
 
 PubSubSession::~PubSubSession() {
     if (m_client) {
-        // The bus may be gone by now: nothing of this last disconnect is to be reported.
+        // The bus may be gone by now, so this disconnect is reported to nobody.
         m_client->removeConnectionListener(this);
         m_client->removeMessageHandler(this);
         dropSocketWatch();
@@ -44,7 +43,7 @@ void PubSubSession::setSessionDetails(const std::string& jid, const std::string&
 
 void PubSubSession::getSessionDetails(std::string& jid, std::string& password, std::string& resource,
                                       std::string& server, std::string& service, int& port) {
-    // sic: the validity flag as one byte, where the JID's text might be expected; callers test that byte.
+    // sic: one byte with the validity flag instead of the JID's text; callers test that byte.
     jid.assign(1, m_jid ? '\1' : '\0');
     password = m_password;
     resource = m_resource;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The sink of the XMPP library's own log; the session registers it only while m_debugLog is set.
+// Receives the XMPP library's log; registered only when m_debugLog is set.
 #include "session/pubsubsession.h"
 #include "util/log.h"
 

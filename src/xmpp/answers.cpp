@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The answers: from a stanza to the one call of the result handler that waits for it.
+// Answers: passes each answer stanza to the result handler of its request.
 //
-// The entry is gone before the handler runs, which may ask again, detach the manager or delete it.
+// The request is removed before its handler runs, because the handler may send requests, detach the manager
+// or delete it.
 #include <gloox/dataform.h>
 #include <gloox/gloox.h>
 #include <gloox/pubsubitem.h>
@@ -26,7 +27,7 @@ std::unique_ptr<Tag> stanzaError(const std::string& condition) {
     return error;
 }
 
-// Null when the answer is none; an error answer without its element is one all the same.
+// Null when the answer is not an error. An error answer without an error element counts as an error.
 std::unique_ptr<Tag> errorOf(const Tag& iq) {
     if (iq.findAttribute("type") != "error")
         return nullptr;
@@ -62,7 +63,8 @@ void addOnce(gloox::StringList& list, const Tag* value) {
         list.push_back(value->cdata());
 }
 
-// The values of the field pubsub#node: the server names a node once for each pending subscriber.
+// The values of the field pubsub#node, each once: the server lists a node for each of
+// its pending subscribers.
 std::optional<gloox::StringList> pendingNodes(const Tag* command) {
     const Tag* form = command ? command->findChild("x") : nullptr;
     if (!form)

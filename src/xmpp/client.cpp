@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The client's life: what it is made of, how it connects, what it reports, and how it dies.
+// The client's life cycle: construction, connecting, reports to the listeners, and deletion.
 //
-// A client is often thrown away inside one of its own callbacks, with gloox's frames still on the stack:
-// m_depth counts them, and a client that is in use is deleted from an idle.
+// A client is often disposed of inside one of its own callbacks, with gloox's frames still on the stack.
+// m_depth counts them, and a client in use is deleted from an idle source.
 #include "xmpp/client.h"
 
 #include <gloox/connectiontcpbase.h>
@@ -45,7 +45,7 @@ Client::Client(const gloox::JID& jid, const std::string& password, int port)
     setTls(gloox::TLSRequired);
     setCompression(false);
     disableRoster();
-    // Entity capabilities would have the server ask for our features at every login.
+    // With entity capabilities the server would query this client's features at every login.
     removePresenceExtension(gloox::ExtCaps);
     gloox::Client::registerConnectionListener(this);
 }
@@ -96,7 +96,7 @@ bool Client::installConnection(const std::string& localAddress) {
 }
 
 bool Client::installTls() {
-    // The stream's certificate may name the domain or, with a host of its own configured, that host.
+    // The certificate may name the domain or the configured host.
     auto* tls = new Tls(this, jid().server(), m_server,
                         [this](gloox::ConnectionError error) { failConnection(error); });
     setEncryptionImpl(tls);
@@ -204,7 +204,7 @@ void Client::handleDecryptedData(const gloox::TLSBase*, const std::string& data)
     parse(data);
 }
 
-// What came before TLS is no part of what comes after it.
+// Input from before TLS must not become part of the encrypted stream.
 void Client::handleHandshakeResult(const gloox::TLSBase* tls, bool success, gloox::CertInfo& info) {
     Busy busy(*this);
     m_streamParser.restart();
@@ -216,14 +216,14 @@ void Client::handleDisconnect(const gloox::ConnectionBase* connection, gloox::Co
     gloox::Client::handleDisconnect(connection, reason);
 }
 
-// Lists may shrink in a callback, down to nothing when the client is disposed of: indices, and no copies of
-// them.
+// The loops below use indices, because a callback may shrink the lists, or empty them when the client
+// is disposed of.
 
 void Client::onConnect() {
     m_streamUp = true;
     if (auto* transport = dynamic_cast<Transport*>(connectionImpl()))
         transport->dropDeadline();
-    // What the listeners send stands before everything that was held, and does not count among it.
+    // What the listeners send goes out before the held stanzas and does not count against their bound.
     if (m_manager)
         m_manager->open();
     for (std::size_t i = 0; i < m_listeners.size(); ++i)
@@ -248,7 +248,7 @@ void Client::onResourceBind(const std::string& resource) {
         m_listeners[i]->onResourceBind(resource);
 }
 
-// gloox stops here and waits for ever, with a stream that nobody can use.
+// gloox would wait forever here, with a stream that cannot be used.
 void Client::onResourceBindError(const gloox::Error* error) {
     for (std::size_t i = 0; i < m_listeners.size(); ++i)
         m_listeners[i]->onResourceBindError(error);

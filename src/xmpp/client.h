@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// gloox's client with our transport, TLS and parser, and a short way for messages and answers straight from
-// the parser.
+// gloox's client with this service's transport, TLS and parser, and a fast path for messages and answers
+// that bypasses gloox.
 //
-// Owns the connection; borrows listeners, handlers and the manager. One client is good for one connection and
-// for none of its state to survive it.
+// Owns the connection; borrows listeners, handlers and the manager. A client serves one connection; none of
+// its state survives it.
 #pragma once
 
 #include <glib.h>
@@ -22,20 +22,20 @@ namespace xmpp {
 
 class Manager;
 
-// A message stanza as it came: what the client hands to gloox::MessageHandler::handleMessage.
+// A received message stanza: what the client passes to gloox::MessageHandler::handleMessage.
 class ReceivedMessage : public gloox::Message {
   public:
     explicit ReceivedMessage(const gloox::Tag& tag) : Message(Headline, gloox::JID()), m_tag(tag) {}
-    // The whole message element, borrowed for the time of the call.
+    // The whole message element, borrowed for the duration of the call.
     const gloox::Tag& element() const { return m_tag; }
 
   private:
     const gloox::Tag& m_tag;
 };
 
-// TLS is required, compression and the roster are off, and no presence is broadcast: a device announces
-// itself to the pub-sub service alone, and a broadcast would bring it the last item of every subscribed node
-// once more, and everything that strangers left for the account.
+// TLS is required, compression and the roster are off, and no presence is broadcast. A device sends presence
+// only to the pub-sub service; after a broadcast the server would resend the last item of every subscribed
+// node and deliver the account's offline messages.
 class Client : public gloox::Client, private gloox::ConnectionListener, private gloox::LogHandler {
   public:
     Client(const gloox::JID& jid, const std::string& password, int port);
@@ -43,34 +43,35 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // Events and forms from anyone but this entity are dropped and logged.
+    // Events and forms from any other entity are dropped and logged.
     void setPubSubService(const gloox::JID& service);
-    // PEM files of the authorities that the server's certificate may come from; taken over by connect().
+    // PEM files of the certificate authorities to trust; read by connect().
     void setCACerts(const gloox::StringList& files) { m_caFiles = files; }
-    // How long connecting and logging in may take together.
+    // The time limit for connecting and logging in together.
     void setDeadline(guint milliseconds) { m_deadline = milliseconds; }
 
     // Starts the connection from `localAddress` ("" for any) and returns at once. True: socket() can be
-    // watched for input from now on and recv() drives everything; a failure that comes later is reported by
-    // onDisconnect. False: no connection, and onDisconnect has been called, once.
+    // watched for input and recv() does the rest; a later failure is reported by onDisconnect. False: no
+    // connection, and onDisconnect has been called once.
     bool connect(const std::string& localAddress, GMainContext* context);
-    // Ends a connection or the attempt at one: onDisconnect with ConnUserDisconnected before it returns.
+    // Ends the connection or the attempt; calls onDisconnect with ConnUserDisconnected before it returns.
     void disconnect();
-    // The descriptor to watch, the same number until the connection ends; -1 when there is none.
+    // The descriptor to watch, with the same number until the connection ends; -1 when there is none.
     int socket() const;
 
-    // Ends and deletes a client, at once or, when it is called from inside one of the client's own callbacks,
-    // from an idle; whatever the client still parses until then is dropped, nobody is called any more, and
-    // its manager is detached. Null is fine.
+    // Disconnects and deletes a client: at once, or from an idle source when called inside one of the
+    // client's own callbacks. Until then it drops what it parses and calls no handlers. Its manager is
+    // detached. Accepts null.
     static void dispose(Client* client);
 
-    // Builds the connection object; the unit tests put a scripted one here. An empty factory: the real one.
+    // Creates the connection object; the unit tests set a scripted one. An empty factory selects
+    // the real one.
     using ConnectionFactory =
         std::function<gloox::ConnectionBase*(Client& client, const std::string& host, int port,
                                              const std::string& localAddress, GMainContext* context)>;
     static void setConnectionFactory(ConnectionFactory factory);
 
-    // These stand before gloox's own, which keeps its lists to itself.
+    // These hide gloox's own, whose lists are private.
     void registerConnectionListener(gloox::ConnectionListener* listener);
     void removeConnectionListener(gloox::ConnectionListener* listener);
     void registerMessageHandler(gloox::MessageHandler* handler);
@@ -113,18 +114,19 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
 
     std::vector<gloox::ConnectionListener*> m_listeners;
     std::vector<gloox::MessageHandler*> m_messageHandlers;
-    Manager* m_manager = nullptr;   // borrowed; it takes itself out
-    gloox::JID m_service;           // the one sender of events and forms
-    std::string m_serviceSpelling;  // how that sender last wrote itself: spares preparing it for each stanza
+    Manager* m_manager = nullptr;  // borrowed; resets this itself
+    gloox::JID m_service;          // the one sender of events and forms
+    std::string
+        m_serviceSpelling;  // the last spelling of that JID in a stanza, to avoid parsing it each time
     StreamParser m_streamParser{*this};
     gloox::StringList m_caFiles;
-    gloox::LogSink m_log;               // what the outside registers on; this client relays gloox's own to it
+    gloox::LogSink m_log;               // for handlers from outside; the client relays gloox's log to it
     GMainContext* m_context = nullptr;  // one reference from connect() on
     guint m_deadline = 60'000;
-    int m_depth = 0;  // calls of this client on the stack: it must outlive them
+    int m_depth = 0;  // calls of this client on the stack, which it must outlive
     bool m_relaysLog = false;
     bool m_streamUp = false;  // the session is established
-    bool m_ended = true;      // onDisconnect has been passed on for this connection, or there was none
+    bool m_ended = true;      // onDisconnect has been reported for this connection, or there was none
     bool m_disposed = false;
 };
 

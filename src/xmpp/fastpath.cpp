@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the client takes straight from the parser: messages, the manager's answers, and stanzas out of place.
+// The fast path: messages, answers to the manager and misplaced stanzas are handled straight from the parser.
 //
-// gloox matches every stanza against all its extensions, which costs it most of its time; nothing here needs
-// them.
+// gloox matches every stanza against all its extensions, which takes most of its time; nothing
+// here needs them.
 #include <gloox/messagehandler.h>
 #include <gloox/tlsbase.h>
 
@@ -75,7 +75,7 @@ void Client::handleTag(gloox::Tag* tag) {
         m_manager->handleAnswer(*tag);
         return;
     }
-    // Never asked for; gloox would take "enabled" for the end of the login.
+    // Never requested; gloox would treat "enabled" as the end of the login.
     if (tag->xmlns() == kStreamManagement)
         return;
     // The server begins its stream anew.
@@ -84,8 +84,8 @@ void Client::handleTag(gloox::Tag* tag) {
     gloox::Client::handleTag(tag);
 }
 
-// Somebody on the road could otherwise finish the login for us without TLS, or slip stanzas in behind
-// <proceed/>.
+// Otherwise an attacker on the network could finish the login without TLS, or inject
+// stanzas after <proceed/>.
 bool Client::isOutOfPlace(const gloox::Tag& tag) const {
     if (m_encryptionActive)
         return m_encryption && !m_encryption->isSecure();

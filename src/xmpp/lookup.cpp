@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The lookup's thread lives as long as the system's resolver takes; the answer crosses over as a source of
-// the loop's context. The task belongs to the thread until then and to the loop from then on, so nothing is
-// locked.
+// The lookup's thread lives as long as the system's resolver takes; the answer is passed to the loop's
+// context as a source. The thread uses the task before that and the loop after it, so no lock is needed.
 #include "xmpp/lookup.h"
 
 #include <netdb.h>
@@ -15,7 +14,8 @@
 namespace xmpp {
 namespace {
 
-// A dead name server holds a thread for some ten seconds; more of them than this help nobody.
+// A name server that does not answer blocks a thread for about ten seconds, so the number of
+// threads is bounded.
 constexpr int kMaxThreads = 8;
 std::atomic<int> runningThreads = 0;
 
@@ -68,7 +68,7 @@ struct Lookup::Task {
     std::string host;
     int port;
     GMainContext* context;  // one reference
-    Done done;              // the loop's own; empty once the lookup is deleted
+    Done done;              // used by the loop only; empty once the lookup is deleted
     std::vector<SocketAddress> addresses;
     std::string error;
 
@@ -105,13 +105,13 @@ void Lookup::run(std::shared_ptr<Task> task) {
 
 gboolean Lookup::deliver(gpointer data) {
     Task& task = **static_cast<std::shared_ptr<Task>*>(data);
-    // The callback may delete the lookup, and with it the function that is running.
+    // Copied, because the callback may delete the lookup and with it this function.
     if (const Done done = task.done)
         done(std::move(task.addresses), task.error);
     return G_SOURCE_REMOVE;
 }
 
-// The loop lets go of the task when the source goes, delivered or not.
+// The task is released with the source, whether it was delivered or not.
 void Lookup::handOver(std::shared_ptr<Task> task) {
     GMainContext* context = g_main_context_ref(task->context);
     const auto release = [](gpointer data) { delete static_cast<std::shared_ptr<Task>*>(data); };

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A host name's addresses without blocking the loop, and without a thread once the answer is there.
+// Looks up a host name's addresses without blocking the loop. Its thread ends with the answer.
 //
-// GLib's resolver would do, but its first use starts a worker thread that stays for the life of the process.
-// Owns nothing beyond the lookup at hand; keeps no cache.
+// GLib's resolver would do, but its first use starts a worker thread that stays until the process ends.
+// Keeps no cache.
 #pragma once
 
 #include <glib.h>
@@ -30,10 +30,10 @@ struct SocketAddress {
 
 class Lookup {
   public:
-    // In the order to be tried; with none, `error` says why.
+    // In the order in which to try them; without any, `error` gives the reason.
     using Done = std::function<void(std::vector<SocketAddress> addresses, const std::string& error)>;
 
-    // `done` is called once from `context`, never from here, unless the lookup is deleted before.
+    // `done` is called once, from `context`, never from the constructor, unless the lookup is deleted first.
     Lookup(const std::string& host, int port, GMainContext* context, Done done);
     ~Lookup();
     Lookup(const Lookup&) = delete;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The operations: each writes its whole stanza, and all of them leave through ask(), tell() or bulk().
+// The operations: each writes its whole stanza and sends it with ask(), tell() or bulk().
 //
-// gloox's own manager is left without a client, so that it registers and sends nothing.
+// gloox's own manager has no client, so that it registers and sends nothing.
 #include "xmpp/manager.h"
 
 #include <glib.h>
@@ -18,9 +18,9 @@
 namespace xmpp {
 namespace {
 
-// A longer stanza ends the stream; the server counts every byte of it.
+// The limit of the server, which counts every byte of a stanza and ends the stream beyond it.
 constexpr std::size_t kStanzaLimit = 262'144;
-// Lists are cut far below it: the server adds what it read ahead of the next stanza to the count.
+// Bulk operations are split well below that: the server also counts what it has read of the next stanza.
 constexpr std::size_t kListPart = 65'536;
 constexpr std::size_t kMaxHeld = 1'000;
 
@@ -34,7 +34,7 @@ const std::string& idPrefix() {
     return prefix;
 }
 
-// A name that was refused may hold anything: it must not spoil the log too.
+// A refused name can contain anything, so it is escaped for the log.
 std::string printable(const std::string& name) {
     gchar* escaped = g_strescape(name.substr(0, 120).c_str(), nullptr);
     std::string text(escaped);
@@ -81,7 +81,7 @@ void writeNodeConfig(StanzaWriter& stanza, gloox::PubSub::NodeType type, const s
     stanza.close();
 }
 
-// gloox leaves out what XML cannot carry, and empty names, so that a form would go out as another one.
+// gloox drops values that XML cannot carry, and empty names, so it would send a different form.
 bool isWritable(const gloox::DataForm& form) {
     const auto& fields = form.fields();
     return std::all_of(fields.begin(), fields.end(), [](const gloox::DataFormField* field) {
@@ -210,7 +210,7 @@ std::string Manager::subscribe(const gloox::JID& service, const std::string& nod
         openForm(stanza.open("options"), kSubscribeOptionsForm);
         if (object == gloox::PubSub::SubscriptionItems)
             stanza.field("pubsub#subscription_type", "items");
-        // The server knows no depth 0.
+        // The server has no depth 0.
         if (depth != 1)
             stanza.field("pubsub#subscription_depth", depth == 0 ? "all" : std::to_string(depth));
     }
@@ -310,7 +310,7 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
         StanzaWriter part = beginIq("set", service, id);
         part.open(element, kDeviceXmlns);
         for (; node != nodes.end() && part.size() < kListPart; ++node) {
-            // A name that fills a whole stanza cannot be one of the server's.
+            // No node of the server has so long a name.
             if (isXmlAttribute(*node) && node->size() < kListPart / 2)
                 part.open("node").attribute("id", *node).close();
             else
@@ -415,8 +415,8 @@ void Manager::pass(const std::string& id, std::string stanza) {
         m_held.push_back({id, std::move(stanza)});
 }
 
-// Messages and lists have no caller; nor has a question for pending subscribers, whose answer goes to
-// listeners.
+// Messages and bulk operations have no caller, nor have requests for pending subscribers,
+// which listeners get.
 void Manager::dropUnawaited() {
     if (!m_awaited)
         return;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Pub-sub operations on one client: XEP-0060 and the device extension urn:zelt:pubsub:device:0.
 //
-// Every operation returns a request id, unique over connections and restarts, under which its result handler
-// is called exactly once, or an empty text when it cannot be sent: no client, no service, or a text that XML
-// cannot carry. Before the stream is up operations are held, within a bound, and sent when it is; what is
-// still held when the client goes can pass to the manager of the next one. Nothing else outlives the client.
+// Every operation returns a request id, unique over connections and restarts, with which its result handler
+// is called exactly once, or an empty id when it cannot be sent: no client, no service, or a text that XML
+// cannot carry. Until the stream is up operations are held, within a bound. Those that are still held when
+// the client ends can move to the manager of the next client. Nothing else outlives the client.
 #pragma once
 
 #include <gloox/dataform.h>
@@ -35,14 +35,15 @@ class Manager : public gloox::PubSub::Manager {
     Manager(const Manager&) = delete;
     Manager& operator=(const Manager&) = delete;
 
-    // The client is going away: every later operation returns an empty id, what was sent is forgotten.
+    // The client is ending: every later operation returns an empty id, and requests already
+    // sent are forgotten.
     void detach();
-    // Says whether somebody still waits for the answer to a request. What nobody waits for is not sent once
-    // it was held. Without this everybody does.
+    // Tells whether a caller still waits for the answer to a request. Held requests without one are not sent.
+    // By default every request has one.
     using Awaited = std::function<bool(const std::string& id)>;
     void setAwaited(Awaited awaited) { m_awaited = std::move(awaited); }
-    // Takes what `former` holds, in its order and ahead of what comes later, when both serve the same
-    // account. Lists go: the service sends them anew with each stream.
+    // Takes the held operations of `former`, in their order and ahead of later ones, when both serve the same
+    // account. Bulk operations are dropped: the service sends them again with each stream.
     void takeOver(Manager& former);
 
     std::string createNode(gloox::PubSub::NodeType type, const gloox::JID& service, const std::string& node,
@@ -53,10 +54,10 @@ class Manager : public gloox::PubSub::Manager {
                               const std::string& parent, gloox::PubSub::AccessModel access,
                               const StringMap* config);
     std::string deleteNode(const gloox::JID& service, const std::string& node, ResultHandler* handler);
-    // Takes `item`, which may be null.
+    // Takes ownership of `item`, which may be null.
     std::string publishItem(const gloox::JID& service, const std::string& node, gloox::Tag* item,
                             ResultHandler* handler);
-    // Takes `form`; null reads the configuration, a form stores it.
+    // Takes ownership of `form`. Null reads the configuration, a form stores it.
     std::string nodeConfig(const gloox::JID& service, const std::string& node, gloox::DataForm* form,
                            ResultHandler* handler);
     std::string subscribe(const gloox::JID& service, const std::string& node, ResultHandler* handler,
@@ -67,31 +68,32 @@ class Manager : public gloox::PubSub::Manager {
     std::string activateNode(const gloox::JID& service, const std::string& node, const std::string& seqNo,
                              ResultHandler* handler);
     std::string deActivateNode(const gloox::JID& service, const std::string& node, ResultHandler* handler);
-    // Names that XML cannot carry are left out of the two lists, with a log line.
+    // In both, names that XML cannot carry are left out and logged.
     std::string bulkActivate(const gloox::JID& service, const gloox::StringList& nodes,
                              ResultHandler* handler);
     std::string bulkDelete(const gloox::JID& service, const gloox::StringList& nodes, ResultHandler* handler);
     std::string getPendingRequest(const gloox::JID& service, ResultHandler* handler);
-    // `session` is the session id that getPendingRequest's answer gave.
+    // `session` is the session id from the answer to getPendingRequest.
     std::string getPendingNodeRequest(const gloox::JID& service, const std::string& node,
                                       const std::string& session, ResultHandler* handler);
-    // Unanswered, sent under the id of the message that asked; returns that id.
+    // Sends a message with the id of the approval request, and returns that id. There is no answer.
     std::string approvePending(const gloox::JID& service, const std::string& node, const std::string& id,
                                const std::string& subid, const std::string& approve,
                                const std::string& subscriber);
-    // Unanswered: tells the server that the item was handed on.
+    // Tells the server that the item was delivered. There is no answer.
     std::string ackItem(const gloox::JID& service, const std::string& node, const std::string& item);
 
     // --- for the client
-    // The stream is up: from now on operations go out at once, those of its listeners first.
+    // The stream is up: operations are sent at once from now on, those of the connection listeners before
+    // the held ones.
     void open() { m_streamUp = true; }
-    // The listeners know: what was held goes out, in order.
+    // After the listeners were called: sends what was held, in order.
     void release();
-    // The stream is gone: hold from now on.
+    // The stream is down: hold operations from now on.
     void hold() { m_streamUp = false; }
-    // Whether some manager of this process gave the id out.
+    // Whether a manager of this process created the id.
     static bool isOurs(const std::string& id);
-    // Calls the handler that waits for this answer, unless somebody else than the service sent it.
+    // Calls the result handler of this answer, unless it was sent by anyone but the service.
     void handleAnswer(const gloox::Tag& iq);
 
   private:
@@ -112,7 +114,7 @@ class Manager : public gloox::PubSub::Manager {
         PendingRequest,
         PendingNodeRequest
     };
-    // One list that went out in several stanzas and is answered once.
+    // A bulk operation, sent in several stanzas and answered once.
     struct Bulk {
         std::string id;
         std::size_t unanswered = 0;
@@ -154,9 +156,9 @@ class Manager : public gloox::PubSub::Manager {
     static void deliver(const Request& request, const std::string& id, const gloox::Tag& iq,
                         const gloox::Error* error);
 
-    Client* m_client;                                     // borrowed; null once it is gone
-    std::unordered_map<std::string, Request> m_requests;  // what waits for an answer, by stanza id
-    std::deque<Held> m_held;                              // what waits for the stream, in order
+    Client* m_client;                                     // borrowed; null once it has ended
+    std::unordered_map<std::string, Request> m_requests;  // requests that wait for an answer, by stanza id
+    std::deque<Held> m_held;                              // stanzas that wait for the stream, in order
     std::string m_account;                                // of the client, without its resource
     Awaited m_awaited;
     bool m_streamUp = false;

@@ -9,7 +9,7 @@
 namespace xmpp {
 
 // Every handler gets the id that the operation returned. `error` is null on success; its tag() is the error
-// element as the server sent it. Pointers are borrowed for the time of the call.
+// element as the server sent it. Pointers are borrowed for the duration of the call.
 class ResultHandler : public gloox::PubSub::ResultHandler {
   public:
     // `node` is the ad-hoc command's session id; `nodes` is null when the answer held no list.
@@ -40,7 +40,7 @@ class ResultHandler : public gloox::PubSub::ResultHandler {
     virtual void handleBulkActivate(const std::string& id, const gloox::JID& service,
                                     const gloox::Error* error) = 0;
 
-    // gloox's own spellings of three of them, closed and forwarded.
+    // gloox's own spellings of three handlers; final, and forwarded.
     void handleItemDeletion(const std::string& id, const gloox::JID& service, const std::string& node,
                             const gloox::PubSub::ItemList& items, const gloox::Error* error = nullptr) final {
         handleItemDeletation(id, service, node, items, error);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Expat's callbacks, and elements built as gloox's own parser builds them: prefixes apart from names,
-// declarations among the attributes.
+// Expat's callbacks. Elements are built as gloox's own parser builds them: prefixes separate from names,
+// namespace declarations among the attributes.
 #include "xmpp/streamparser.h"
 
 #include <expat.h>
@@ -33,7 +33,7 @@ void setAttributes(gloox::Tag& tag, const char** attributes) {
     std::string defaultXmlns;
     for (const char** at = attributes; *at; at += 2) {
         const Name name(at[0]);
-        // Adds an attribute as well, which those of the list replace.
+        // Also adds an attribute, which those of the list replace.
         if (name.prefix == gloox::XMLNS)
             tag.setXmlns(at[1], name.local);
         else if (name.prefix.empty() && name.local == gloox::XMLNS)
@@ -66,7 +66,7 @@ struct StreamParser::Callbacks {
     static void XMLCALL text(void* self, const char* text, int length) {
         of(self).text({text, static_cast<std::size_t>(length)});
     }
-    // A stream has none, and its entities could grow without bound.
+    // Not allowed in a stream, and its entities could expand without bound.
     static void XMLCALL doctype(void* self, const char*, const char*, const char*, int) {
         of(self).fail("it holds a document type");
     }
@@ -146,7 +146,7 @@ void StreamParser::fail(const char* fault) {
     XML_StopParser(m_parser, XML_FALSE);
 }
 
-// Expat may call once more after it was stopped, with the end of an empty element.
+// After it was stopped Expat may call once more, for the end of an empty element.
 void StreamParser::begin(const char* name, const char** attributes) {
     if (isOver())
         return;
@@ -175,7 +175,7 @@ void StreamParser::begin(const char* name, const char** attributes) {
     if (!parts.prefix.empty())
         m_current->setPrefix(parts.prefix);
     setAttributes(*m_current, attributes);
-    // The prefix is declared in the header, which is no parent of a stanza's element.
+    // The prefix is declared in the stream's header, which is not a parent of the stanza's element.
     if (m_current == m_stanza.get() && parts.prefix == "stream")
         m_current->setXmlns(gloox::XMLNS_STREAM, parts.prefix);
 }

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The parser of the incoming stream, on Expat: from bytes in pieces of any size to gloox's elements.
 //
-// It stands in the place of gloox's own, which takes elements called "stream" apart wherever they stand, so
-// that one in an item ends the stream. Here only the root is the stream's, whatever the elements beneath it
-// are called. Keeps the stanza that is being received; nothing outlives the stream.
+// It replaces gloox's own parser, which treats an element called "stream" anywhere as the stream's, so that
+// one in an item ends the stream. Here only the root is. Keeps the stanza that is being received; nothing
+// outlives the stream.
 #pragma once
 
 #include <gloox/tag.h>
@@ -21,26 +21,26 @@ namespace xmpp {
 
 class StreamParser {
   public:
-    // What a stanza may hold, so that no server fills the memory. More ends the stream.
+    // Limits of a stanza, so that a server cannot fill the memory. A larger stanza ends the stream.
     static constexpr std::size_t kMaxBytes = 4u << 20;
     static constexpr std::size_t kMaxNodes = 200'000;  // elements and attributes
-    // Levels beneath the stanza that are kept. What stands deeper is left out of it: whoever publishes such
-    // an item must not end the stream with it, and all that works on elements recurses.
+    // Levels below the stanza that are kept. Deeper elements are left out: a published item must not end the
+    // stream, and everything that processes elements recurses.
     static constexpr std::size_t kMaxDepth = 512;
 
-    // `handler`, borrowed, gets the stream's header as it opens, each stanza as it ends, and null when the
-    // stream ends; the elements are the parser's.
+    // `handler`, borrowed, gets the stream's header when it is opened, each stanza when it is complete, and
+    // null when the stream ends. The parser owns the elements.
     explicit StreamParser(gloox::TagHandler& handler);
     ~StreamParser();
     StreamParser(const StreamParser&) = delete;
     StreamParser& operator=(const StreamParser&) = delete;
 
-    // False when the bytes are not those of a stream, or more than a stanza may hold; `fault` then says why.
+    // False when the bytes are not a stream, or a stanza exceeds the limits; `fault` then gives the reason.
     bool feed(std::string_view bytes);
     const std::string& fault() const { return m_fault; }
-    // A new stream begins. Inside a call of the handler: with what follows the element at hand.
+    // Begins a new stream. Inside a call of the handler it begins after the current element.
     void restart();
-    // Inside a call of the handler: the rest of what is being fed is nobody's.
+    // Inside a call of the handler: discards the rest of the input.
     void stop();
 
   private:
@@ -67,9 +67,9 @@ class StreamParser {
     std::size_t m_depth = 0;      // open elements, the stream's among them
     std::size_t m_nodes = 0;      // of m_stanza
     std::size_t m_fed = 0;        // bytes of this stream
-    std::size_t m_stanzaEnd = 0;  // of those, up to the end of the last stanza
-    std::size_t m_resume = 0;     // with m_restart: where the next stream begins
-    bool m_cut = false;           // m_stanza lacks what was too deep
+    std::size_t m_stanzaEnd = 0;  // of these, up to the end of the last stanza
+    std::size_t m_resume = 0;     // with m_restart: the position at which the next stream begins
+    bool m_cut = false;           // elements of m_stanza that were too deep were left out
     bool m_feeding = false;
     bool m_restart = false;
     bool m_stopped = false;

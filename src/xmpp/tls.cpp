@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The TLS session: handshake, records, and what CertInfo says about the server.
+// The TLS session: handshake, records, and filling CertInfo.
 #include "xmpp/tls.h"
 
 #include <arpa/inet.h>
@@ -29,7 +29,7 @@ bool isNumeric(const std::string& host) {
            inet_pton(AF_INET6, host.c_str(), &address) == 1;
 }
 
-// The server's own certificate, for the time of one look at it.
+// The server's certificate, loaded for one check.
 class PeerCertificate {
   public:
     explicit PeerCertificate(gnutls_session_t session) {
@@ -116,7 +116,7 @@ bool Tls::handshake() {
     int result = GNUTLS_E_SUCCESS;
     do {
         result = gnutls_handshake(m_session);
-        // A warning alert is not the end; asking again reads on.
+        // A warning alert does not end the session; calling again reads on.
     } while (result < 0 && result != GNUTLS_E_AGAIN && !gnutls_error_is_fatal(result) && !m_over);
     if (m_over)
         return false;
@@ -170,7 +170,7 @@ void Tls::readRecords() {
         if (length > 0) {
             m_handler->handleDecryptedData(this, plain.substr(0, static_cast<std::size_t>(length)));
         } else if (length == GNUTLS_E_AGAIN) {
-            // TLS 1.3 tickets give it with whole records left in the buffer.
+            // TLS 1.3 tickets cause it with complete records left in the buffer.
             if (m_taken == before || m_taken == m_in.size())
                 return;
         } else if (length == 0) {
@@ -214,8 +214,8 @@ void Tls::fillCertInfo() {
 }
 
 int Tls::judgeCertificate() const {
-    // The whole chain has to be meant for servers, as far as it names purposes. The name is looked at below:
-    // it has a word of its own.
+    // Every certificate of the chain that names purposes has to allow servers. The name is checked below,
+    // because CertInfo reports it separately.
     gnutls_typed_vdata_st purpose{
         GNUTLS_DT_KEY_PURPOSE_OID,
         reinterpret_cast<unsigned char*>(const_cast<char*>(GNUTLS_KP_TLS_WWW_SERVER)), 0};

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// TLS of the stream on GnuTLS: 1.2 and 1.3, server name, the given authorities, a filled CertInfo.
+// TLS of the stream with GnuTLS: versions 1.2 and 1.3, server name indication, the given authorities,
+// a complete CertInfo.
 //
-// Judges the certificate and leaves the verdict to the connection listener. Never ends the session inside a
-// callback: a broken record or an alert after the handshake is given to `fail`, which makes the next recv()
-// report it.
+// Checks the certificate and leaves the decision to the connection listener. Never ends the session
+// inside a callback: a damaged record or an alert after the handshake is passed to `fail`, and the next
+// recv() reports it.
 #pragma once
 
 #include <gloox/tlsbase.h>
@@ -18,7 +19,7 @@ class Tls : public gloox::TLSBase {
   public:
     using Fail = std::function<void(gloox::ConnectionError)>;
 
-    // The certificate has to name `domain` or `host`; `domain` goes out as the server name.
+    // The certificate has to name `domain` or `host`; `domain` is sent as the server name.
     Tls(gloox::TLSHandler* handler, const std::string& domain, const std::string& host, Fail fail);
     ~Tls() override;
     Tls(const Tls&) = delete;
@@ -29,8 +30,8 @@ class Tls : public gloox::TLSBase {
     bool handshake() override;
     bool encrypt(const std::string& data) override;
     int decrypt(const std::string& data) override;
-    // Deaf and mute from here on; the session itself stays until the object goes, since this runs inside
-    // callbacks.
+    // Nothing is received or sent from here on. The TLS session is freed with the object, because this
+    // runs inside callbacks.
     void cleanup() override;
     void setCACerts(const gloox::StringList& files) override { m_cacerts = files; }
     void setClientCert(const std::string&, const std::string&) override {}
@@ -48,7 +49,7 @@ class Tls : public gloox::TLSBase {
     Fail m_fail;
     gnutls_session_t m_session = nullptr;
     gnutls_certificate_credentials_t m_credentials = nullptr;
-    std::string m_in;  // received, undecrypted from m_taken on
+    std::string m_in;  // received; not decrypted from m_taken on
     std::size_t m_taken = 0;
     bool m_over = false;  // cleaned up or failed
 };

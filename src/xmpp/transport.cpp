@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The transport's two halves: getting a connection (lookup, one attempt after the other) and using it.
+// The two halves of the transport: connecting (lookup, one attempt after the other) and using the connection.
 #include "xmpp/transport.h"
 
 #include <fcntl.h>
@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::size_t kMaxQueued = 8u << 20;
 constexpr std::size_t kCompactAfter = 1u << 20;
-// What the peer has not acknowledged for that long ends the connection.
+// Output that the peer has not acknowledged for this long ends the connection.
 constexpr unsigned kUserTimeoutMs = 60'000;
 
 template <typename T>
@@ -84,7 +84,7 @@ gloox::ConnectionError Transport::connect() {
     const auto done = [this](std::vector<SocketAddress> addresses, const std::string& error) {
         onResolved(std::move(addresses), error);
     };
-    // gloox keeps the name in its ASCII form.
+    // gloox has the name in its ASCII form.
     m_lookup = std::make_unique<Lookup>(m_server.empty() ? m_host : m_server, m_port, m_context, done);
     return gloox::ConnNoError;
 }
@@ -97,7 +97,7 @@ void Transport::onResolved(std::vector<SocketAddress> addresses, const std::stri
         return;
     }
     m_addresses.assign(addresses.begin(), addresses.end());
-    // The local address is that of the network to be used: what it can reach comes first.
+    // The local address belongs to the network to use, so addresses of its family come first.
     const SocketAddress local = SocketAddress::numeric(m_localAddress, 0);
     if (local.length > 0)
         std::stable_partition(m_addresses.begin(), m_addresses.end(), [&local](const SocketAddress& address) {
@@ -126,7 +126,8 @@ bool Transport::startConnecting(const SocketAddress& address) {
     }
     setOption(m_attempt, IPPROTO_TCP, TCP_NODELAY, 1);
     setOption(m_attempt, IPPROTO_TCP, TCP_USER_TIMEOUT, kUserTimeoutMs);
-    // A silent address gives way to the next one after 7 s; the last one has the rest of the deadline.
+    // An address that does not answer is given up for the next one after 7 s; the last one has the rest
+    // of the deadline.
     if (!m_addresses.empty())
         setOption(m_attempt, IPPROTO_TCP, TCP_SYNCNT, 2);
     bindLocally(address.family());
@@ -144,7 +145,7 @@ bool Transport::startConnecting(const SocketAddress& address) {
     return true;
 }
 
-// Networks come and go: an address that is no longer the host's is not worth losing the connection for.
+// Networks change: a local address that is no longer valid must not prevent the connection.
 void Transport::bindLocally(int family) {
     if (m_localAddress.empty())
         return;
@@ -173,7 +174,7 @@ void Transport::onAttemptDone() {
     connectToNext();
 }
 
-// The socket takes the number that is being watched already; the event object goes.
+// The socket replaces the event object under the descriptor that is watched already.
 void Transport::takeOver() {
     if (dup3(m_attempt, m_socket, O_CLOEXEC) < 0) {
         PrvPrintErr({}, "Cannot take the connection over: %s", strerror(errno));
@@ -230,8 +231,8 @@ gloox::ConnectionError Transport::recv(int) {
     return failure;
 }
 
-// What is sent while a piece of input is handled leaves in one go: the acknowledgements of items that came
-// together are one segment, not one each.
+// Output written while input is handled is sent together, so that the acknowledgements of items that arrived
+// together take one segment instead of one each.
 void Transport::handle(const std::string& data) {
     m_gathering = true;
     m_handler->handleReceivedData(this, data);
@@ -249,7 +250,7 @@ bool Transport::send(const std::string& data) {
     }
     m_totalBytesOut += static_cast<long>(data.size());
     m_out += data;
-    // With older output waiting the socket is full.
+    // When older output waits, the socket is full.
     return m_gathering || m_writableSource || flush();
 }
 
@@ -303,7 +304,7 @@ void Transport::fail(gloox::ConnectionError error) {
     dropDeadline();
     m_lookup.reset();
     dropAttempt();
-    // Either way the descriptor becomes readable, and the watch on it calls recv().
+    // In both cases the descriptor becomes readable, and its watch calls recv().
     if (m_state == gloox::StateConnected)
         ::shutdown(m_socket, SHUT_RDWR);
     else
@@ -315,7 +316,7 @@ void Transport::disconnect() {
 }
 
 void Transport::cleanup() {
-    // The end of the stream may be among what was gathered.
+    // The gathered output may include the end of the stream.
     if (std::exchange(m_gathering, false) && m_failure == gloox::ConnNoError)
         flush();
     m_lookup.reset();

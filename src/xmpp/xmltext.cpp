@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Checks of texts, names and elements against XML 1.0 and Namespaces in XML 1.0, and the stanza writer.
 //
-// The server's parser is namespace-aware: an undeclared prefix or a reserved binding is as fatal as a bad
-// character.
+// The server's parser is namespace-aware: an undeclared prefix or a reserved binding ends the stream, as an
+// invalid character does.
 #include "xmpp/xmltext.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace {
 constexpr std::string_view kXmlUri = "http://www.w3.org/XML/1998/namespace";
 constexpr std::string_view kXmlnsUri = "http://www.w3.org/2000/xmlns/";
 constexpr char32_t kBad = 0xFFFFFFFF;
-// Deeper payloads than anything a client of the bus can write; bounds the recursion.
+// Deeper than any payload that a bus client can write; bounds the recursion.
 constexpr int kMaxDepth = 256;
 
 struct CodePoint {
@@ -57,7 +57,7 @@ bool everyCodePoint(std::string_view text, Predicate allowed) {
     return true;
 }
 
-// Most texts are plain ASCII, and some are long.
+// Skips printable ASCII: most texts have nothing else, and some are long.
 std::string_view behindPlain(std::string_view text) {
     const auto isPlain = [](char c) { return c >= 0x20 && static_cast<unsigned char>(c) < 0x7F; };
     text.remove_prefix(
@@ -82,8 +82,8 @@ bool within(char32_t c, const Range* begin, const Range* end) {
     return false;
 }
 
-// The server's parser goes by the letters of the fourth edition of XML 1.0, not by the wide ranges of the
-// fifth. These are its large blocks: Latin, Greek, Cyrillic, Hebrew, Arabic, kana, ideographs, Hangul.
+// The server's parser uses the letters of the fourth edition of XML 1.0, not the wider ranges of the fifth.
+// These are its large blocks: Latin, Greek, Cyrillic, Hebrew, Arabic, kana, ideographs, Hangul.
 bool isNameStart(char32_t c) {
     static constexpr Range kRanges[] = {
         {'A', 'Z'},       {'_', '_'},       {'a', 'z'},       {0xC0, 0xD6},    {0xD8, 0xF6},
@@ -106,7 +106,7 @@ std::pair<std::string, std::string> splitName(const std::string& prefix, const s
     return {name.substr(0, colon), name.substr(colon + 1)};
 }
 
-// One element with the prefixes that are declared around it.
+// Checks an element with the prefixes that are declared around it.
 class ElementCheck {
   public:
     bool run(const gloox::Tag& tag, int depth = 0) {
@@ -261,8 +261,8 @@ StanzaWriter& StanzaWriter::text(std::string_view text) {
 StanzaWriter& StanzaWriter::element(const gloox::Tag& tag) {
     m_spoilt = m_spoilt || !isXmlElement(tag);
     endStartTag();
-    // A parser reads a bare carriage return as a line feed; only the reference keeps it. Attributes have none
-    // here.
+    // A parser reads a bare carriage return as a line feed; only the reference keeps it. Attributes
+    // have none here.
     const std::string xml = tag.xml();
     for (std::size_t begin = 0; begin < xml.size();) {
         const std::size_t end = std::min(xml.find('\r', begin), xml.size());

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What may stand in an XML stream, and a writer that refuses the rest.
+// Checks of texts and elements for an XML stream, and a stanza writer that applies them.
 //
-// One forbidden character ends the stream that every client of the service shares, so nothing is written
-// unchecked. No state beyond the stanza being written.
+// One forbidden character ends the stream that all clients of the service share, so everything written is
+// checked. No state beyond the current stanza.
 #pragma once
 
 #include <gloox/tag.h>
@@ -13,34 +13,34 @@
 
 namespace xmpp {
 
-// Well-formed UTF-8 whose code points XML 1.0 carries (its production Char).
+// Well-formed UTF-8 with only characters of XML 1.0 (production Char).
 bool isXmlText(std::string_view text);
-// The same without tabs and line breaks: no name of ours has them.
+// The same without tabs and line breaks, which no name of this service has.
 bool isXmlAttribute(std::string_view value);
-// A name without a colon (Namespaces in XML 1.0, production NCName) that every parser takes for one.
+// A name without a colon (Namespaces in XML 1.0, production NCName) that every parser accepts.
 bool isXmlName(std::string_view name);
-// Whether the element and everything beneath it can be written as it stands: names, declared prefixes, texts.
+// Whether the element and everything below it can be written unchanged: names, declared prefixes, texts.
 bool isXmlElement(const gloox::Tag& tag);
 
-// Writes one stanza from the outside in. The first text that XML cannot carry spoils the stanza as a whole.
+// Writes one stanza, outer elements first. A text that XML cannot carry invalidates the whole stanza.
 class StanzaWriter {
   public:
     // `element`, `name` and `xmlns` are literals of the program and are not checked.
     StanzaWriter& open(std::string_view element, std::string_view xmlns = {});
     StanzaWriter& attribute(std::string_view name, std::string_view value);
-    // The same for what others named and is given back as it came, tabs and line breaks with it.
+    // The same for a value that came from others and is returned unchanged, with its tabs and line breaks.
     StanzaWriter& foreignAttribute(std::string_view name, std::string_view value);
     StanzaWriter& text(std::string_view text);
     StanzaWriter& element(const gloox::Tag& tag);
     // <field var='...' [type='hidden']><value>...</value></field>
     StanzaWriter& field(std::string_view var, std::string_view value, bool hidden = false);
     StanzaWriter& close();
-    // For what the caller knows that XML cannot carry.
+    // Invalidates the stanza, for content that the caller has found invalid.
     void spoil() { m_spoilt = true; }
 
-    // Bytes written so far.
+    // In bytes.
     std::size_t size() const { return m_out.size(); }
-    // Closes what is open and gives the stanza; empty when it is spoilt.
+    // Closes all open elements and returns the stanza; "" when it is invalid.
     std::string finish();
 
   private:
