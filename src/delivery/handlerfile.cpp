@@ -32,7 +32,6 @@ constexpr std::size_t kLineLength = 4095;
 constexpr std::size_t kRecordLength = kLineLength - 1;
 constexpr mode_t kFileMode = 0666;  // of a new file, before the umask
 
-
 struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
 };
@@ -115,23 +114,17 @@ bool writeRecord(FILE* file, const std::string& record, CallSite site) {
 }
 
 std::string recordText(const std::string& node, const std::string& endpoint, bool app) {
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "node", json_object_new_string(node.c_str()));
-    json_object_object_add(object.get(), "app", json_object_new_boolean(app));
-    json_object_object_add(object.get(), "endpoint", json_object_new_string(endpoint.c_str()));
-    return json_object_to_json_string(object.get());
+    return JsonObject().set("node", node).set("app", app).set("endpoint", endpoint).text();
 }
 
 // The shortest form of a record: no spaces, no escaped slashes, and no "app" when it equals that of the
 // record before. The text that a caller registered is never shorter.
 std::string shortRecordText(const std::string& node, const std::string& endpoint, bool app, bool appBefore) {
-    const JsonRef object(json_object_new_object());
-    json_object_object_add(object.get(), "node", json_object_new_string(node.c_str()));
-    json_object_object_add(object.get(), "endpoint", json_object_new_string(endpoint.c_str()));
+    JsonObject record;
+    record.set("node", node).set("endpoint", endpoint);
     if (app != appBefore)
-        json_object_object_add(object.get(), "app", json_object_new_boolean(app));
-    return json_object_to_json_string_ext(object.get(),
-                                          JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+        record.set("app", app);
+    return record.line();
 }
 
 using NodeMap = std::map<std::string, std::list<std::string>>;

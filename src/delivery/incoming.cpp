@@ -8,7 +8,6 @@
 #include <gloox/tag.h>
 
 #include <cstdio>
-#include <memory>
 
 #include "platform/bus/qsraii.h"
 #include "session/pubsubsession.h"
@@ -24,16 +23,11 @@ namespace {
 constexpr char kEventNamespace[] = "http://jabber.org/protocol/pubsub#event";
 constexpr char kFormNamespace[] = "jabber:x:data";
 
-
 const gloox::Tag* childIn(const gloox::Tag& parent, const std::string& name, const char* xmlns) {
     for (const gloox::Tag* child : parent.children())
         if (child->name() == name && child->xmlns() == xmlns)
             return child;
     return nullptr;
-}
-
-void addText(json_object* object, const char* key, const std::string& text) {
-    json_object_object_add(object, key, json_object_new_string(text.c_str()));
 }
 
 // "/U/R/..." of three or more segments belongs to the account whose local part is U. Items of another
@@ -62,12 +56,12 @@ std::string fieldValue(const gloox::Tag& form, const std::string& var) {
 
 void pushSubscription(QSZeltService* service, const gloox::Tag& subscription, CallSite site = {}) {
     const std::string& node = subscription.findAttribute("node");
-    const JsonRef object(json_object_new_object());
-    addText(object.get(), "node", node);
-    addText(object.get(), "jid", subscription.findAttribute("jid"));
-    addText(object.get(), "subscription", subscription.findAttribute("subscription"));
+    JsonObject change;
+    change.set("node", node)
+        .set("jid", subscription.findAttribute("jid"))
+        .set("subscription", subscription.findAttribute("subscription"));
     BusError error;
-    if (!QSSubscriptionRespond(service, node.c_str(), json_object_to_json_string(object.get()), error))
+    if (!QSSubscriptionRespond(service, node.c_str(), change.text().c_str(), error))
         PrvPrintErr(site, "Warning: Sending item failed, no subscriber for Node? Bus error %s ",
                     error.message());
 }
@@ -75,16 +69,14 @@ void pushSubscription(QSZeltService* service, const gloox::Tag& subscription, Ca
 void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std::string& messageId,
                        CallSite site = {}) {
     const std::string node = fieldValue(form, "pubsub#node");
-    const JsonRef object(json_object_new_object());
-    addText(object.get(), "subid", fieldValue(form, "pubsub#subid"));
-    addText(object.get(), "node", node);
+    JsonObject approval;
+    approval.set("subid", fieldValue(form, "pubsub#subid")).set("node", node);
     // sic: the field name is misspelled in the server's form.
-    addText(object.get(), "subscriber_jid", fieldValue(form, "pusub#subscriber_jid"));
-    addText(object.get(), "id", messageId);
-    const char* payload = json_object_to_json_string(object.get());
+    approval.set("subscriber_jid", fieldValue(form, "pusub#subscriber_jid")).set("id", messageId);
+    const std::string payload = approval.text();
     for (const std::string& key : {"handleAuth:" + node, std::string("handleAuth:*")}) {
         BusError error;
-        if (!QSSubscriptionRespond(service, key.c_str(), payload, error))
+        if (!QSSubscriptionRespond(service, key.c_str(), payload.c_str(), error))
             PrvPrintErr(site, "Warning: No one approve message? Quor error %s ", error.message());
     }
 }
@@ -93,11 +85,8 @@ void pushAuthorisation(QSZeltService* service, const gloox::Tag& form, const std
 
 void PubSubSession::handleMessage(const gloox::Message& message, gloox::MessageSession*) {
     setPingTimer();
-    std::unique_ptr<gloox::Tag> built;
-    const auto* received = dynamic_cast<const xmpp::ReceivedMessage*>(&message);
-    if (!received)
-        built.reset(message.tag());
-    const gloox::Tag& element = received ? received->element() : *built;
+    // xmpp::Client is the only caller.
+    const gloox::Tag& element = static_cast<const xmpp::ReceivedMessage&>(message).element();
 
     if (const gloox::Tag* event = childIn(element, "event", kEventNamespace)) {
         for (const gloox::Tag* child : event->children()) {
@@ -207,10 +196,10 @@ bool PubSubSession::sendMessageToApp(json_object* serviceObject, json_object* ap
         PrvPrintErr({}, "Sub Map present - No subs, no offlineclose? %s", node.c_str());
         return false;
     }
-    addText(serviceObject, "appid", offline->second);
+    JsonObject notice{JsonRef(json_object_get(serviceObject))};
+    notice.set("appid", offline->second);
     BusError error;
-    if (!QSSubscriptionPost(m_privateHandle, "/", "registerOnClose",
-                            json_object_to_json_string(serviceObject), error))
+    if (!QSSubscriptionPost(m_privateHandle, "/", "registerOnClose", notice.text().c_str(), error))
         PrvPrintErr({}, "Sending item to registerOnclose failed. Error %s ", error.message());
     // The item is cached as well, so that the notified application can fetch it.
     return false;

@@ -21,30 +21,30 @@ constexpr char kUnsubscribeFailed[] = "Sending response to unsubscribeOnClose fa
 constexpr char kTooMany[] =
     "Too many endpoints with on-close notices, the limit is 64. Call unsubscribeOnClose first";
 
-bool maySubscribeMore(const std::string& appId) {
-    const auto& entries = gCurrentSession.m_offlineMap;
+bool maySubscribeMore(const PubSubSession& session, const std::string& appId) {
+    const auto& entries = session.m_offlineMap;
     return std::count_if(entries.begin(), entries.end(),
                          [&](const auto& entry) { return entry.second == appId; }) < kOfflineEntries;
 }
 
-void notifyOfflineSubscriber(const std::string& first, const std::string&, CallSite site = {}) {
+void notifyOfflineSubscriber(const PubSubSession& session, const std::string& appId, CallSite site = {}) {
     Reply notice(true);
-    notice.set("appid", first).set("open", true);
+    notice.set("appid", appId).set("open", true);
     BusError error;
-    if (!QSSubscriptionPost(gCurrentSession.m_privateHandle, "/", "registerOnClose", notice.text().c_str(),
-                            error))
+    if (!QSSubscriptionPost(session.m_privateHandle, "/", "registerOnClose", notice.text().c_str(), error))
         PrvPrintErr(site, "Sending close to registerOnclose failed. Error %s ", error.message());
 }
 
 }  // namespace
 
 bool registerOnClose(QSHandle* handle, QSMessage* message, void*) {
+    PubSubSession& session = gCurrentSession;
     Request request(handle, message, kParameterRefusal);
     if (!request.hasJson() || !request.requireSubscribe())
         return request.refuse();
     if (!request.processSubscription())
         return request.refuse("libErr", "Subscribe on Zelt bus failed");
-    gCurrentSession.setOnCloseRegistered(true);
+    session.setOnCloseRegistered(true);
     sendReply(handle, message, R"({"returnValue":true})");
     return true;
 }
@@ -57,14 +57,14 @@ bool subscribeOnClose(QSHandle* handle, QSMessage* message, void*) {
     bool present = false;
     std::string ignored;
     session.checkOfflineMap(request.node, present, ignored, ignored);
-    const bool writes = !present && maySubscribeMore(request.appId);
+    const bool writes = !present && maySubscribeMore(session, request.appId);
     if (const WriteTurn turn = session.takeWriteTurn(request, writes, subscribeOnClose);
         turn != WriteTurn::Now)
         return turn == WriteTurn::Later || request.refuse("appErr", kTooManyWrites);
-    if (!present && !maySubscribeMore(request.appId))
+    if (!present && !maySubscribeMore(session, request.appId))
         return request.refuse("appErr", kTooMany);
     if (present)
-        notifyOfflineSubscriber(request.node, request.appId);  // sic: the node's name is sent as "appid"
+        notifyOfflineSubscriber(session, request.node);  // sic: the node's name is sent as "appid"
     else
         session.setOfflineMap(request.node, request.appId);
     return request.reply(endpointReply(true, request.endpoint));

@@ -23,11 +23,11 @@ bool canActivate(const PubSubSession& session) {
     return session.m_connected && !session.m_spare3;
 }
 
-bool isSubscribed(const std::string& node) {
+bool isSubscribed(PubSubSession& session, const std::string& node) {
     bool found = false;
     std::string ignored;
     QSHandle* handle = nullptr;
-    gCurrentSession.checkSubMap(node, found, ignored, handle, ignored, ignored);
+    session.checkSubMap(node, found, ignored, handle, ignored, ignored);
     return found;
 }
 
@@ -66,9 +66,9 @@ void leaveList(const Request& request) {
 }
 
 // Success is answered at once; the result of the activation, if one was requested, is the second answer.
-bool activateFor(Request& request, CallSite site = {}) {
+bool activateFor(PubSubSession& session, Request& request, CallSite site = {}) {
     std::string id;
-    const bool asked = gCurrentSession.activateNode(request.node, id);
+    const bool asked = session.activateNode(request.node, id);
     if (asked && !request.wasSent(id, kLibraryNotInitialized))
         return false;
     endpointReply(true, request.endpoint).respond(request.message, id, kSubscribeFailed, site);
@@ -82,7 +82,7 @@ bool subscribe(QSHandle* handle, QSMessage* message, void*) {
     Request request(handle, message, kEndpointRefusal);
     if (!request.isReady(false) || !request.requireEndpoint() || !request.formNode())
         return request.refuse();
-    if (isSubscribed(request.node)) {
+    if (isSubscribed(session, request.node)) {
         Reply reply = endpointReply(true, request.endpoint);
         reply.set("status", "subscribed");
         reply.respond(message, "", kSubscribeFailed);
@@ -97,7 +97,7 @@ bool subscribe(QSHandle* handle, QSMessage* message, void*) {
     if (!canActivate(session)) {
         session.m_deferredSubscribes[request.node] = {request.endpoint, request.appId, request.node,
                                                       KeptMessage(message)};
-    } else if (!activateFor(request)) {
+    } else if (!activateFor(session, request)) {
         leaveList(request);
         return request.refuse();
     }
@@ -122,7 +122,7 @@ bool unsubscribe(QSHandle* handle, QSMessage* message, void*) {
     }
 
     Reply reply = endpointReply(true, request.endpoint);
-    if (!isSubscribed(request.node)) {
+    if (!isSubscribed(session, request.node)) {
         reply.set("status", "not subscribed");
         reply.respond(message, "", kUnsubscribeFailed);
         return true;

@@ -27,20 +27,19 @@ std::string listenerKey(const std::string& node) {
 }
 
 // A refusal leaves the listeners for the nodes before it in place.
-bool listenTo(Request& request, const std::string& node, CallSite site = {}) {
+bool listenTo(PubSubSession& session, Request& request, const std::string& node, CallSite site = {}) {
     const std::string key = listenerKey(node);
     BusError error;
     if (!QSSubscriptionAdd(request.handle, key.c_str(), request.message, error)) {
         PrvPrintErr(site, "Adding pending auth subscription callback failed %s\n", error.message());
         return request.fail("quorbusErr", std::string(error.message()) + " - QSAddSubscription- failed");
     }
-    gCurrentSession.keepRequest(key, request.message);
+    session.keepRequest(key, request.message);
     return true;
 }
 
 // Requests all nodes with pending subscribers from the server. The results go to the listeners.
-bool askForPending(Request& request) {
-    PubSubSession& session = gCurrentSession;
+bool requestPending(PubSubSession& session, Request& request) {
     session.m_pendingCursor = PubSubSession::kNoCursor;
     return request.wasSent(
         session.m_pubsub->getPendingRequest(gloox::JID(session.m_pubsubService), &session));
@@ -65,6 +64,7 @@ void takePending(std::list<std::string>& pending, const gloox::StringList& answe
 }  // namespace
 
 bool subscribeNodeAuth(QSHandle* handle, QSMessage* message, void*) {
+    PubSubSession& session = gCurrentSession;
     Request request(handle, message, kQuotedRefusal);
     std::list<std::string> nodes;
     if (!request.hasService() || !request.isConnected() || !request.hasJson())
@@ -72,17 +72,18 @@ bool subscribeNodeAuth(QSHandle* handle, QSMessage* message, void*) {
     if (!request.requireSubscribe() || !request.readNodes(nodes))
         return request.refuse();
     for (const std::string& node : nodes)
-        if (!listenTo(request, node))
+        if (!listenTo(session, request, node))
             return request.refuse();
     // Only now, with the listeners in place, request the subscribers that are already pending.
-    return askForPending(request) ? request.reply(Reply(true)) : request.refuse();
+    return requestPending(session, request) ? request.reply(Reply(true)) : request.refuse();
 }
 
 bool getPendingAuth(QSHandle* handle, QSMessage* message, void*) {
+    PubSubSession& session = gCurrentSession;
     Request request(handle, message, kQuotedRefusal);
     if (!request.hasService() || !request.isConnected() || !request.hasJson())
         return request.refuse();
-    return askForPending(request) ? request.reply(Reply(true)) : request.refuse();
+    return requestPending(session, request) ? request.reply(Reply(true)) : request.refuse();
 }
 
 bool approvePending(QSHandle* handle, QSMessage* message, void*) {

@@ -34,13 +34,11 @@ bool checkInit(json_object*& payload, PubSubSession& session, std::string& error
 
 void HandleError(QSHandle* handle, QSMessage* message, const std::string& errorCode,
                  const std::string& errorText, json_object* object) {
-    JsonRef reply(object ? object : json_object_new_object());
-    json_object_object_add(reply.get(), "returnValue", json_object_new_boolean(false));
-    json_object_object_add(reply.get(), "errorCode", json_object_new_string(errorCode.c_str()));
-    json_object_object_add(reply.get(), "errorText", json_object_new_string(errorText.c_str()));
-    const char* text = json_object_to_json_string(reply.get());
-    PrvPrintErr({}, "Sending return error %s \n", text);
-    sendReply(handle, message, text);
+    JsonObject reply = object ? JsonObject(JsonRef(object)) : JsonObject();
+    reply.set("returnValue", false).set("errorCode", errorCode).set("errorText", errorText);
+    const std::string text = reply.text();
+    PrvPrintErr({}, "Sending return error %s \n", text.c_str());
+    sendReply(handle, message, text.c_str());
 }
 
 void sendReply(QSHandle* handle, QSMessage* message, const char* payload, CallSite site) {

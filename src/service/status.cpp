@@ -43,9 +43,9 @@ void postStatus(const PubSubSession& session, const char* details, const char* p
     post(session.m_privateHandle, kConnectStatus, plain, kStatusFailed, site);
 }
 
-Reply statusReply() {
+Reply statusReply(const PubSubSession& session) {
     Reply reply(true);
-    reply.set("connected", gCurrentSession.m_connected);
+    reply.set("connected", session.m_connected);
     return reply;
 }
 
@@ -61,22 +61,23 @@ void PubSubSession::postDisconnected(CallSite site) {
 }
 
 bool connectStatus(QSHandle* handle, QSMessage* message, void*) {
+    PubSubSession& session = gCurrentSession;
     Request request(handle, message, kQuotedRefusal);
     if (!request.processSubscription())
         return request.refuse("libErr", "Processing subscription failed");
-    request.reply(statusReply());
+    request.reply(statusReply(session));
     // A status request also starts a connection.
-    if (!gCurrentSession.m_connected)
-        gCurrentSession.tryConnecting();
+    if (!session.m_connected)
+        session.tryConnecting();
     return true;
 }
 
 bool subscribeConnStatus(QSHandle* handle, QSMessage* message, void*) {
+    const PubSubSession& session = gCurrentSession;
     Request request(handle, message, kQuotedRefusal);
     if (!request.processSubscription())  // sic: the quotes belong to both texts
         return request.refuse("\"busErr\"", "\"Processing subscription failed\"");
-    Reply reply = statusReply();
-    reply.set("session", !gCurrentSession.m_jid.full().empty())
-        .set("network", gCurrentSession.m_networkAvailable);
+    Reply reply = statusReply(session);
+    reply.set("session", !session.m_jid.full().empty()).set("network", session.m_networkAvailable);
     return request.reply(reply);
 }

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Messages that are not as expected, and the events that are not items: what is left of them, and who hears
 // of them.
-#include <gloox/message.h>
-#include <gloox/stanzaextension.h>
 
-#include <memory>
+#include <gloox/tag.h>
+
 #include <utility>
 
 #include "tests/unit/delivery/incomingtest.h"
@@ -125,39 +124,8 @@ TEST_F(Incoming, ItemIsHandledWithoutAManager) {
     EXPECT_EQ(cached(), appObject("hello"));
 }
 
-// --- messages that did not come the short way
-
-namespace {
-
-// An extension of a message that prints the given element.
-class RawExtension : public gloox::StanzaExtension {
-  public:
-    explicit RawExtension(const gloox::Tag& tag) : StanzaExtension(gloox::ExtUser + 77), m_tag(tag.clone()) {}
-    const std::string& filterString() const override { return gloox::EmptyString; }
-    gloox::StanzaExtension* newInstance(const gloox::Tag*) const override { return nullptr; }
-    gloox::Tag* tag() const override { return m_tag->clone(); }
-    gloox::StanzaExtension* clone() const override { return new RawExtension(*m_tag); }
-
-  private:
-    std::unique_ptr<gloox::Tag> m_tag;
-};
-
-}  // namespace
-
-TEST_F(Incoming, PlainMessageIsReadFromItsXml) {
-    gloox::Tag event("event", "xmlns", "http://jabber.org/protocol/pubsub#event");
-    auto* subscription = new gloox::Tag(&event, "subscription");
-    subscription->addAttribute("node", "n");
-    gloox::Message message(gloox::Message::Headline, gloox::JID(kFullJid));
-    message.addExtension(new RawExtension(event));
-    session().handleMessage(message);
-    EXPECT_EQ(takeLogLines(),
-              Texts{"handleMessage: Warning: Sending item failed, no subscriber for Node? Bus error " +
-                    std::string("no subscriber under n ")});
-}
-
-TEST_F(Incoming, PlainMessageWithABodyIsIgnored) {
-    session().handleMessage(gloox::Message(gloox::Message::Chat, gloox::JID(kFullJid), "hello"));
+TEST_F(Incoming, MessageWithABodyIsIgnored) {
+    push("<body>hello</body>");
     EXPECT_EQ(takeEvents(), Texts{kPing});
 }
 
