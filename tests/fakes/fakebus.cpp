@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The verbs of the fake bus: what callers, other services and the bus itself do to the service.
+// The functions of the fake bus for tests: actions of callers, of other services and of the bus itself.
 #include "tests/fakes/fakebus.h"
 
 #include <algorithm>
@@ -21,7 +21,7 @@ std::string withoutScheme(const std::string& uri) {
     return at == std::string::npos ? uri : uri.substr(at + 3);
 }
 
-// The bus answers in the service's place.
+// The bus answers instead of the service.
 void refuseRequest(FakeMessage* message, const char* errorName) {
     message->isError = true;
     message->errorName = errorName;
@@ -76,7 +76,7 @@ bool deliver(FakeBusState& state, PlacedCall* placed, const std::string& payload
     const PlacedCall call = *placed;  // the callback may place further calls
     placed->open = call.subscribes && errorName.empty();
     if (errorName == kNoAnswer)
-        return true;  // nothing to tell
+        return true;  // nothing to report
     QSMessage* reply = state.makeMessage(call.handle);
     reply->method = call.uri.substr(call.uri.rfind('/') + 1);
     reply->payload = payload;
@@ -300,7 +300,7 @@ void FakeBus::dropSubscriptions() {
     cancelSubscriptions(m_state->subscribed, true);
 }
 
-// What somebody still holds must bear being released later, as it must when the real bus is unregistered.
+// Messages that are still held must be releasable later, as after the real bus was unregistered.
 void FakeBus::reset() {
     static std::vector<std::unique_ptr<FakeBusState>> retired;
     for (const auto& handle : m_state->handles)

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The device message bus in memory: every QS call, with verbs for what callers, other services and the bus
-// itself do.
+// The device message bus in memory: every QS call, and functions for what callers, other services and the
+// bus itself do.
 //
-// Replies and notifications run within the verb that causes them. All state is in the one FakeBus and goes
-// with reset(); messages stay readable for the test after the service has released them.
+// Replies and notifications run inside the function that causes them. All state is in the one FakeBus, and
+// reset() clears it; a test can read messages after the service has released them.
 #pragma once
 
 #include <functional>
@@ -39,7 +39,7 @@ struct QSMessage {
     // The first and the last answer, "" when there was none.
     std::string reply() const { return answers.empty() ? std::string() : answers.front(); }
     std::string lastAnswer() const { return answers.empty() ? std::string() : answers.back(); }
-    // Somebody still holds a reference.
+    // Whether a reference is still held.
     bool kept() const { return references > 0; }
 };
 using FakeMessage = QSMessage;
@@ -63,9 +63,9 @@ class FakeBus {
     FakeBus();
     ~FakeBus();
 
-    // --- callers of the service; a client name of "" makes a client of its own
-    // Calls METHOD through the registered tables; a method that the connection lacks gives a bus error
-    // (isError).
+    // --- callers of the service; a client name of "" creates a new client
+    // Calls METHOD through the registered tables; a method that the connection lacks gives a
+    // bus error (isError).
     FakeMessage* call(QSHandle* handle, const std::string& method, const std::string& payload,
                       const std::string& appId = "", const std::string& client = "");
     // Calls a handler function directly, registered or not.
@@ -75,13 +75,13 @@ class FakeBus {
     // A request that no handler has seen, with one reference for the test to release with QSMessageUnref.
     FakeMessage* request(QSHandle* handle, const std::string& method, const std::string& payload,
                          const std::string& appId = "", const std::string& client = "");
-    // Hands such a request to the handler that the tables name, and releases it.
+    // Passes such a request to the handler in the tables, and releases it.
     void dispatch(FakeMessage* message);
     // The caller leaves the bus: its subscriptions are cancelled, its requests cannot be answered any more.
     void clientDies(FakeMessage* message);
     // The same, but the service learns of it only when it reads what its connections have received.
     void clientDiesUnseen(FakeMessage* message);
-    // Anything else that has arrived, but waits until the connections are read.
+    // Any other input that waits until the connections are read.
     void queue(std::function<void()> arrival);
     // Reads the oldest arrival; false when there is none.
     bool readOne();
@@ -93,48 +93,48 @@ class FakeBus {
     bool replyTo(const std::string& uri, const std::string& payload);
     // The same for the newest open call to `uri` that was placed with `callPayload`.
     bool replyTo(const std::string& uri, const std::string& callPayload, const std::string& payload);
-    // The call fails: its callback gets a bus error.
+    // Fails the call: its callback gets a bus error.
     bool replyErrorTo(const std::string& uri, const std::string& errorName, const std::string& text);
-    // The same for one call; a reply that its call does not take any more is lost.
+    // The same for one call; a reply to a call that is no longer open is lost.
     bool reply(QSToken token, const std::string& payload);
     bool refuse(QSToken token, const std::string& errorName, const std::string& text);
     void endCall(QSToken token);
-    // Tells every watch on `service` that it came or went; false when nobody watches it. Subscriptions to a
-    // service that goes end.
+    // Reports to every watch on `service` that it came or went; false when nobody watches it. Subscriptions
+    // to a service that went end.
     bool serverStatus(const std::string& service, bool connected);
-    // From now on a watched service that has not come, or has gone, is known to be missing, and a watch on
-    // one that has come reports it at the next read. Without this word every service takes calls.
+    // From now on calls to a watched service that is not running are refused, and a watch on one that is
+    // running reports it at the next read. By default every service accepts calls.
     void knowServices();
-    // Calls to `service` are refused at once: it is neither running nor can it be started.
+    // Calls to `service` are refused at once, as if it were not running and could not be started.
     void serviceMissing(const std::string& service);
     const std::vector<PlacedCall>& calls() const;
     // The payloads of all calls to `uri`, oldest first.
     std::vector<std::string> payloadsTo(const std::string& uri) const;
 
     // --- faults
-    // The next `times` uses of a bus operation ("QSCall", "QSMessageReply", ...) fail with this error, once
-    // `after` more have passed.
+    // The next `times` uses of a bus operation ("QSCall", "QSMessageReply", ...) fail with this error, after
+    // `after` more have succeeded.
     void failNext(const std::string& operation, int code, const std::string& text, int times = 1,
                   int after = 0);
-    // Whether an injected fault of the operation has not been used up.
+    // Whether an injected fault of the operation is left.
     bool faultPending(const std::string& operation) const;
-    // The daemon closes a connection: the loop that it is attached to is quit.
+    // The daemon closes a connection, which quits the loop that it is attached to.
     void loseConnection(QSHandle* handle);
 
     // --- what is there
     std::vector<FakeMessage*> subscribers(QSHandle* handle, const std::string& key) const;
     std::vector<FakeMessage*> methodSubscribers(QSHandle* handle, const std::string& category,
                                                 const std::string& method) const;
-    // Messages that somebody still holds a reference on.
+    // Messages with a reference that is still held.
     std::vector<FakeMessage*> liveMessages() const;
-    // The service for tests that register none themselves; one that does register gets this very one.
+    // The service for tests that register none themselves; a registration returns the same one.
     QSZeltService* service(const std::string& name = "com.zelt.pubsubservice");
     QSHandle* privateHandle() { return QSZeltServiceGetPrivateConnection(service()); }
     QSHandle* publicHandle() { return QSZeltServiceGetPublicConnection(service()); }
     bool registered(const std::string& name) const;
-    // Drops every subscription without a cancel function, as at the end of the process.
+    // Drops every subscription without calling cancel functions, as at the end of the process.
     void dropSubscriptions();
-    // Forgets everything, messages included.
+    // Clears everything, messages included.
     void reset();
 
     FakeBusState& state() { return *m_state; }

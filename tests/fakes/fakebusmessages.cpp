@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The QS calls of the fake bus that concern registration, messages and calls to other services.
+// The QS calls of the fake bus for registration, messages and calls to other services.
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
@@ -27,7 +27,7 @@ bool isMissing(const FakeBusState& state, const std::string& service) {
            (state.knowsServices && isWatched && !state.present.contains(service));
 }
 
-// The first status of a watch comes by itself, when the service is there.
+// The first report of a watch, when the service is running.
 void reportPresence(QSToken token, const std::string& service) {
     fakeBus().queue([token, service] {
         if (fakeBus().state().present.contains(service))

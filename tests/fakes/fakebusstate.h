@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the fake bus keeps, for its own sources alone: connections, their method tables and their
-// subscriptions.
+// The state of the fake bus, for its own sources only: connections, method tables and subscriptions.
 #pragma once
 
 #include <deque>
@@ -23,7 +22,7 @@ struct QSHandle {
     bool closed = false;
     GMainLoop* loop = nullptr;
     std::map<std::string, std::map<std::string, std::pair<QSFilter, void*>>> categories;
-    // Free keys and the keys of methods are apart: a node may be called anything.
+    // Free keys are separate from those of methods, since a node can have any name.
     std::map<std::string, SubscriberList> byKey;
     std::map<std::pair<std::string, std::string>, SubscriberList> byMethod;
     QSFilter cancel = nullptr;
@@ -34,7 +33,7 @@ struct QSZeltService {
     std::string name;
     QSHandle* privateHandle = nullptr;
     QSHandle* publicHandle = nullptr;
-    bool taken = false;  // registered by the service itself, not only made for a test
+    bool taken = false;  // registered by the service itself, not created for a test
 };
 
 struct QSSubscriptionIter {
@@ -58,8 +57,8 @@ struct FakeBusState {
     std::vector<PlacedCall> calls;
     std::map<std::string, Fault> faults;
     std::set<std::string> missing;
-    std::set<std::string> present;  // services that have come
-    bool knowsServices = false;     // a watched service that is not present is missing
+    std::set<std::string> present;  // services that are running
+    bool knowsServices = false;     // calls to a watched service that is not present are refused
     std::deque<std::function<void()>> received;
     int callbackDepth = 0;
     std::vector<QSMessage*> subscribed;  // oldest first
@@ -82,7 +81,7 @@ bool parseBusAddress(const std::string& uri, BusAddress& address);
 bool isServerStatus(const BusAddress& address);
 // The member "serviceName" of a server status request; "" when it is no service name.
 std::string watchedService(const std::string& payload);
-// Code points that D-Bus refuses become escapes of JSON.
+// Replaces characters that D-Bus strings cannot carry by JSON escapes.
 std::string withoutNonCharacters(const std::string& text);
 
 // Fills the error record; returns false so that a failing call can return it.
@@ -91,11 +90,11 @@ bool failWith(QSError* error, int code, const std::string& text);
 bool faultInjected(const std::string& operation, QSError* error);
 // Reports the use of a message that has been released already.
 bool usable(QSMessage* message, const char* operation);
-// The payload's member "subscribe" says true.
+// Whether the payload's member "subscribe" is true.
 bool asksToSubscribe(const std::string& payload);
-// Hands one answer to the caller.
+// Delivers one answer to the caller.
 bool answerMessage(QSMessage* message, const char* payload, QSError* error);
-// Takes messages out of every list and then, unless silent, runs the cancel function for those that had been
-// in one, oldest first. False when none had been.
+// Removes messages from every list and then, unless silent, runs the cancel function for those that were in
+// one, oldest first. False when none was.
 bool cancelSubscriptions(const std::vector<QSMessage*>& messages, bool silent);
 std::string busName(const QSHandle* handle);

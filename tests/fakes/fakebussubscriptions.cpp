@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The subscription calls of the fake bus.
 //
-// A subscribed message holds one reference, however many lists it is in, and gives it back when it leaves the
-// last.
+// A subscribed message has one reference, however many lists it is in; leaving the last one releases it.
 #include <algorithm>
 #include <cerrno>
 
@@ -82,7 +81,7 @@ std::string methodKey(const std::pair<std::string, std::string>& key) {
     return key.first + '+' + key.second;
 }
 
-// Answers a snapshot of the list, since an answer may change it; returns how many got theirs.
+// Answers a copy of the list, since an answer may change it; returns how many were answered.
 int pushTo(const SubscriberList& list, const char* payload, QSError* error) {
     const std::vector<QSMessage*> snapshot(list.begin(), list.end());
     for (QSMessage* message : snapshot)

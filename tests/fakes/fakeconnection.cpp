@@ -37,7 +37,7 @@ std::string withoutId(const std::string& xml) {
     const std::size_t name = xml.find(" id=");
     if (end == std::string::npos || name > end)
         return xml;
-    const std::size_t value = name + 5;  // behind the quote
+    const std::size_t value = name + 5;  // after the quote
     const std::size_t close = xml.find(xml[value - 1], value);
     return xml.substr(0, value) + "ID" + xml.substr(close);
 }
@@ -104,7 +104,7 @@ bool FakeConnection::send(const std::string& data) {
 }
 
 gloox::ConnectionError FakeConnection::receive() {
-    return gloox::ConnNotConnected;  // would block; nothing here may
+    return gloox::ConnNotConnected;  // would block
 }
 
 void FakeConnection::disconnect() {
@@ -169,7 +169,7 @@ void FakeServer::sends(const std::string& xml) {
         m_connection->queue(xml);
 }
 
-// As a server does it: the end of the stream, then that of the connection.
+// As a server does: ends the stream, then the connection.
 void FakeServer::closesStream() {
     sends(kStreamEnd);
     closesWith(gloox::ConnStreamClosed);
@@ -195,7 +195,7 @@ void FakeServer::closed(FakeConnection* connection) {
 
 void FakeServer::received(const std::string& data) {
     if (data == kStreamEnd) {
-        m_streamClosed = true;  // gloox's parser does not tell
+        m_streamClosed = true;  // gloox's parser does not report it
         return;
     }
     if (data.starts_with("<?xml"))
@@ -243,7 +243,7 @@ void FakeServer::authenticate() {
     sends("<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>");
 }
 
-// Answers what belongs to the login; false for everything else.
+// Answers the requests of the login; false for any other.
 bool FakeServer::answerLogin(const gloox::Tag& iq) {
     if (iq.name() != "iq")
         return false;

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The XMPP server of the unit tests: a connection object that plays the server's side of stream opening
-// without TLS, hands every stanza that the client writes afterwards to the journal, and sends what the test
-// says.
+// The XMPP server of the unit tests: a connection object that acts as the server for opening a stream without
+// TLS, records every later stanza of the client in the journal, and sends what the test specifies.
 //
-// One server for a test process; it has at most one living connection, the one made last.
+// One server for a test process, with at most one open connection, the last one created.
 #pragma once
 
 #include <gloox/connectiontcpclient.h>
@@ -53,7 +52,7 @@ class FakeConnection : public gloox::ConnectionTCPClient {
     void cleanup() override;
     gloox::ConnectionBase* newInstance() const override { return nullptr; }
 
-    // What the next recv() hands to the client.
+    // Input for the next recv().
     void queue(const std::string& data);
     // The connection is lost once everything queued has been read.
     void loseWith(gloox::ConnectionError error);
@@ -71,9 +70,9 @@ class FakeServer : private gloox::TagHandler {
     FakeServer();
     ~FakeServer() override;
 
-    // Every client made from now on connects to this server.
+    // Every client created from now on connects to this server.
     void install();
-    // Back to a server that accepts everybody; a living connection is forgotten.
+    // Resets to a server that accepts every login; forgets an open connection.
     void reset();
 
     // --- how it behaves at the next connect

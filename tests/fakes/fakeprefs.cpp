@@ -9,7 +9,7 @@
 
 #include "tests/fakes/journal.h"
 
-// What the QP calls may do with the store.
+// The QP calls' access to the store.
 struct FakePrefsCalls {
     static int injected(const std::string& operation) {
         auto& faults = fakePrefs().m_faults;

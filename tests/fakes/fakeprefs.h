@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The preferences store in memory: every QP call with the commit rules of the real one.
 //
-// What is committed survives restart(), as it survives the end of the process; handles and their buffers do
-// not.
+// Committed values survive restart(), as they survive the end of the process; handles and their
+// buffers do not.
 #pragma once
 
 #include <map>
@@ -13,7 +13,7 @@
 
 #include "platform/prefs/qp.h"
 
-// A buffer of writes over what is stored; an entry without a value is a removal.
+// A buffer of writes over the stored values; an entry without a value is a removal.
 struct QPHandle {
     std::string app;
     std::map<std::string, std::optional<std::string>> writes;
@@ -23,7 +23,7 @@ class FakePrefs {
   public:
     using Values = std::map<std::string, std::string>;
 
-    // What is committed for an application, as the next start would find it.
+    // The committed values of an application, as the next start would read them.
     const Values& stored(const std::string& app) const;
     void store(const std::string& app, const std::string& key, const std::string& value);
     void setDeviceId(const std::string& id) { m_deviceId = id; }
@@ -33,9 +33,9 @@ class FakePrefs {
     bool faultPending(const std::string& operation) const { return m_faults.contains(operation); }
 
     std::size_t openHandles() const { return m_handles.size(); }
-    // The process ends: handles are gone without a commit.
+    // The process ends: handles are lost without a commit.
     void restart() { m_handles.clear(); }
-    // Forgets everything.
+    // Clears everything.
     void reset();
 
   private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Puts the server of the unit tests under the service's client. On its own, so that other clients can use
-// that server without linking this one.
+// Connects the service's client to the server of the unit tests. In its own file, so that other clients can
+// use that server without linking the service's.
 #include "tests/fakes/fakeconnection.h"
 #include "xmpp/client.h"
 

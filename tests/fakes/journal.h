@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The event journal that all fakes share: what the service did to the bus, the store and the server, in
-// order.
+// The event journal that all fakes share: what the service did to the bus, the store and the
+// server, in order.
 //
 // One test process has one journal; nothing of it outlives the process. The forms of the events:
 //   bus.reply METHOD PAYLOAD          bus.respond METHOD PAYLOAD      bus.call URI PAYLOAD
@@ -18,7 +18,7 @@ class Journal {
   public:
     void add(std::string event) { m_events.push_back(std::move(event)); }
     const std::vector<std::string>& events() const { return m_events; }
-    // Returns what stands in the journal and empties it.
+    // Returns the events of the journal and clears it.
     std::vector<std::string> take();
     // The events that begin with `prefix`, such as "bus." or "prefs.commit"; the journal keeps them.
     std::vector<std::string> eventsOf(const std::string& prefix) const;

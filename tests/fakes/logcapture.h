@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Captures what the diagnostics log writes to standard error, for comparison with the expected texts.
+// Captures the log lines on standard error, for comparison with the expected texts.
 //
-// The capture begins with the object and ends with it; captures may be nested. A record begins with
-// "[function: line]: "; its text is everything up to the newline before the next record, so a text that
-// itself ends in a newline keeps it. Sanitizer reports go to the true standard error all the same.
+// The capture lasts as long as the object; captures can be nested. A record begins with "[function: line]: ";
+// its text is everything up to the newline before the next record, so a text that itself ends in a newline
+// keeps it. Sanitizer reports still go to the real standard error.
 #pragma once
 
 #include <sys/mman.h>
@@ -66,7 +66,7 @@ class LogCapture {
             found.push_back(record.function + ": " + record.text);
         return found;
     }
-    // The texts since the last take; later readings begin after them.
+    // The texts since the last take; later reads begin after them.
     std::vector<std::string> takeTexts() {
         std::vector<std::string> found = texts();
         clear();

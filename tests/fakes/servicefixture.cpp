@@ -81,7 +81,7 @@ void ServiceTest::freshSession() {
     gCurrentSession.m_mainLoop = gpMainLoop = m_loop;
 }
 
-// The client goes without telling the session, so that nothing is posted; then every kept message goes.
+// Removes the client without informing the session, so that nothing is posted, then every kept message.
 void ServiceTest::dropSession() {
     PubSubSession& old = gCurrentSession;
     if (old.m_client) {
@@ -107,7 +107,7 @@ void ServiceTest::checkMessages() {
     m_mayStay.clear();
 }
 
-// An application could be called, and could answer, on the bus that it may use itself.
+// On the public bus an application could receive the call and answer it.
 void ServiceTest::checkCalls() {
     for (const PlacedCall& call : fakeBus().calls())
         EXPECT_NE(call.handle, publicHandle()) << "A call over the public bus: " << call.uri;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The fixture of all tests that run the service against the fakes: a fresh session, an empty state folder, a
-// bus, a store and a server, and the verbs of a protocol dialogue.
+// The fixture of all tests that run the service against the fakes: a new session, an empty state folder, a
+// bus, a store and a server, and functions for a protocol dialogue.
 //
-// Every test begins with an empty journal and an empty log, and ends with three checks: that every call to
-// another service went over the private bus, that no bus message is still held once the session has let go of
-// its own, and that each log line had the priority that its text asks for.
+// Every test begins with an empty journal and an empty log, and ends with three checks: every call to another
+// service went over the private bus, no bus message is still held after the session has released its own, and
+// each log line had the right priority for its text.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@
 
 using Texts = std::vector<std::string>;
 
-// What a bus caller got. Reads like its first answer: EXPECT_EQ(call(...), "{ ... }").
+// The answers of a bus caller. Compares as the first one: EXPECT_EQ(call(...), "{ ... }").
 class Answer {
   public:
     explicit Answer(FakeMessage* message) : m_message(message) {}
@@ -31,10 +31,10 @@ class Answer {
     // The first answer; "" when there is none yet.
     std::string text() const { return m_message->reply(); }
     const std::vector<std::string>& all() const { return m_message->answers; }
-    // The service keeps the request for a later answer.
+    // Whether the service keeps the request for a later answer.
     bool waiting() const { return m_message->kept() && m_message->answers.empty(); }
     bool kept() const { return m_message->kept(); }
-    // Nobody can answer any more: the caller got a bus error.
+    // Whether the request was released without an answer: the caller got a bus error.
     bool closedUnanswered() const { return m_message->closedUnanswered; }
     friend bool operator==(const Answer& answer, const std::string& text) { return answer.text() == text; }
     friend void PrintTo(const Answer& answer, std::ostream* stream) { *stream << answer.text(); }
@@ -61,11 +61,11 @@ class ServiceTest : public ::testing::Test {
     QSHandle* publicHandle() { return fakeBus().publicHandle(); }
     QSZeltService* serviceHandle() { return fakeBus().service(); }
     GMainLoop* mainLoop() { return m_loop; }
-    // The account's details and a network, as after a login; no connection.
+    // Sets the account's details and a network, as after a login, without a connection.
     void giveDetails();
-    // Connects, logs in and forgets what that wrote into journal, log and server.
+    // Connects, logs in and clears what that wrote to journal, log and server.
     void connectSession();
-    // The process ends and starts anew: store and files stay, everything else is fresh (nothing is loaded).
+    // The process ends and starts again: store and files stay, everything else is new (nothing is loaded).
     void restartService();
     // Runs what is ready on the main context, without waiting.
     void pump();
@@ -77,11 +77,11 @@ class ServiceTest : public ::testing::Test {
                        const std::string& appId = "");
     Answer callPublic(QSFilter handler, const std::string& method, const std::string& payload,
                       const std::string& appId = "com.example.app 4711");
-    // Declares a message that somebody else than the session may still hold at the end.
+    // Allows a message to be held at the end by anyone but the session.
     void mayStayAlive(const Answer& answer) { m_mayStay.push_back(answer.message()); }
 
     // --- the server
-    // The last stanza that the client wrote; a failure and an empty one when there is none.
+    // The last stanza that the client wrote; fails and returns an empty one when there is none.
     SentStanza lastStanza();
     std::string lastId() { return lastStanza().id(); }
     std::size_t stanzaCount() const { return fakeServer().stanzas().size(); }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The system log of the tests: the program's own syslog() stands in for the C library's and keeps what it is
-// given. Who opens or masks the system log leaves a line that no test expects.
+// The system log of the tests: the program's own syslog() replaces the C library's and keeps the lines.
+// Opening or masking the system log adds a line that no test expects.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ struct SystemLogLine {
     bool operator==(const SystemLogLine&) const = default;
 };
 
-// Every line since the start of the program, or since somebody cleared it.
+// Every line since the start of the program, or since it was cleared.
 std::vector<SystemLogLine>& systemLog();
-// From now on nothing is kept, and nothing allocated for it; `false` ends that.
+// While true, no lines are kept and nothing is allocated.
 void muteSystemLog(bool mute);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The contract of calls that a service places: addresses, replies, later answers, refusals and server status.
+// The contract of calls by a service: addresses, replies, later answers, refusals and server status.
 #include "tests/contract/bus/contractfixture.h"
 
 using testing::ElementsAre;

@@ -30,7 +30,7 @@ class BusClient {
                                     const std::string& payload) = 0;
     // Ends the subscription that the call opened; the outcome is among the answers.
     virtual void cancel(size_t call) = 0;
-    // All that came back for the call, in order of arrival:
+    // Everything received for the call, in order of arrival:
     //   "reply TEXT"       the method return              "error NAME"    a bus error in its place
     //   "answer TEXT"      a later answer                 "ended"         no answer follows
     //   "cancelled true"   Cancel found the subscription  "cancelled false"

@@ -61,8 +61,8 @@ class ReadsLater : public RealBusTest {
     std::string m_name;
     int m_calls = 0;
     int m_handled = 0;
-    std::vector<int> m_sentAnswers;  // numbers of the calls whose answers the layer took, in their order
-    std::vector<int> m_answered;     // of those whose answers the client has
+    std::vector<int> m_sentAnswers;  // numbers of the calls that the library has answered, in order
+    std::vector<int> m_answered;     // numbers of those whose answers the client has received
 
   private:
     static int onAnswer(sd_bus_message* reply, void* data, sd_bus_error*) {

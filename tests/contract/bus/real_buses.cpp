@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Starting and stopping the bus daemons of a test. Nothing is left behind.
+// Starts and stops the bus daemons of a test.
 #include "tests/contract/bus/real_buses.h"
 
 #include <sys/prctl.h>

@@ -9,7 +9,7 @@
 
 #include "platform/bus/qs.h"
 
-// A process that a test started; it is killed and reaped with this object, and dies with the test program.
+// A process started by a test; it is killed and reaped with this object, and ends with the test program.
 class OwnedProcess {
   public:
     OwnedProcess() = default;
@@ -25,7 +25,7 @@ class OwnedProcess {
     pid_t m_pid = -1;
 };
 
-// A folder that is removed, with all that is in it, at the end.
+// A folder that is removed with its content at the end.
 class TestFolder {
   public:
     TestFolder();

@@ -92,7 +92,7 @@ Application startApplication(const std::string& socketPath, const std::string& i
         runApplication(channel[1], socketPath, id);
     close(channel[1]);
     Application application = {OwnedProcess(pid), receiveDescriptor(channel[0])};
-    // The channel ends with the exec: from here on the environment is the application's.
+    // The exec closes the channel: from here on the environment is the application's.
     char byte;
     (void)!read(channel[0], &byte, 1);
     close(channel[0]);

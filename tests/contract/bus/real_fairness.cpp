@@ -21,7 +21,7 @@ TEST_F(Fairness, APublicFloodHoldsAPrivateRequestForOneTurnAtMost) {
     bool handledPrivate = false;
     m_handlers["hold"] = [&](QSHandle*, QSMessage*) { handledPublic++; };
     m_handlers["secret"] = [&](QSHandle*, QSMessage*) { handledPrivate = true; };
-    // Both clients are known from here on, so that nothing waits for their identity.
+    // From here on both clients are known, so that nothing waits for their identity.
     send(flooder.bus(), "hold", "{}");
     send(platform.bus(), "secret", "{}");
     ASSERT_TRUE(m_engine->until([&] { return handledPublic == 1 && handledPrivate; }));
@@ -49,7 +49,7 @@ TEST_F(Fairness, ATurnTakesOneOfLoneRequestsAndManyOfABurst) {
         ioctl(sd_bus_get_fd(m_public->bus), FIONREAD, &bytes);
         return bytes;
     };
-    int size = 0;  // of one request
+    int size = 0;  // size of one request
     auto sendAll = [&](int count) {
         handled = 0;
         for (int i = 0; i < count; i++)
@@ -162,7 +162,7 @@ TEST(Rest, AServiceWithSubscribersDoesNotWake) {
         serveEchoes();
     auto client = engine.client(QSBus::Public, "com.example.app");
     std::vector<std::string> answers;
-    // The service may not have its name yet: the call is repeated until it has.
+    // Repeated, because the service may not have its name yet.
     ASSERT_TRUE(engine.until([&] {
         size_t call = client->call("/", "follow", R"({"subscribe":true})");
         engine.until([&] { return !client->answers(call).empty(); });

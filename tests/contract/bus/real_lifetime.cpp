@@ -41,7 +41,7 @@ TEST_F(Lifetime, PublicRequestsOfClientsThatDieBeforeTheyAreKnownAreRefusedWithO
     EXPECT_THAT(m_kept, IsEmpty());
     EXPECT_THAT(log, HasSubstr("hold of the client :1."));
     EXPECT_THAT(log, HasSubstr("is refused: it left before the bus told who it is"));
-    // More than one only on a machine that needed more than a second for this.
+    // More than one line only when this took more than a second.
     EXPECT_LE(std::count(log.begin(), log.end(), '\n'), 10);
 }
 
@@ -134,7 +134,7 @@ class FullInbox : public RealBusTest, public testing::WithParamInterface<QSBus> 
         for (int i = 0; i < 800; i++)
             send(flooder.bus(), "hold", payload);
         sd_bus_flush(flooder.bus());
-        isThere(flooder, "org.freedesktop.DBus");  // the daemon has taken all of it
+        isThere(flooder, "org.freedesktop.DBus");  // the daemon has received all of it
     }
     // Asks the daemon on a connection other than the service's.
     static bool isThere(WireConnection& observer, const std::string& name) {

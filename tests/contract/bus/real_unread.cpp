@@ -248,7 +248,7 @@ TEST_P(ClientsThatRead, GetEveryAnswerAtFullRate) {
 INSTANTIATE_TEST_SUITE_P(All, ClientsThatRead, testing::Values(kTelling, kTellingNothing),
                          [](const auto& which) { return which.index ? "AndArePinged" : "AsTheDaemonTells"; });
 
-// A program that waits for each answer before it calls again answers no Ping meanwhile.
+// A program that waits for each answer before the next call does not answer a Ping meanwhile.
 TEST(ClientThatWaits, GetsEveryAnswerWithoutAPing) {
     World world(kTelling);
     const std::string payload(4000, 'x');

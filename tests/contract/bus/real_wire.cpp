@@ -174,7 +174,7 @@ TEST_F(OnTheWire, APlatformServiceThatIsNotThereIsKnownWithoutAWatch) {
     m_engine->settle();
     EXPECT_FALSE(QSCall(m_private, "zelt://com.zelt.absent/x", "{}", nullptr, nullptr, nullptr, m_error));
     EXPECT_EQ(m_error.code(), -EHOSTUNREACH);
-    // Other names are not followed, so nothing is known about them.
+    // Other names are not watched, so nothing is known about them.
     EXPECT_TRUE(QSCall(m_private, "zelt://org.example.absent/x", "{}", nullptr, nullptr, nullptr, m_error));
     auto there = m_engine->otherService("com.zelt.absent");
     m_engine->settle();

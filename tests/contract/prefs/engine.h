@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the contract of the preferences store needs of an engine besides the QP calls themselves.
+// What the contract of the preferences store needs of an engine besides the QP calls.
 #pragma once
 
 #include <memory>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The contract of the preferences store: what every engine behind the QP calls does.
+// The contract of the preferences store: what every implementation of the QP calls does.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -193,7 +193,7 @@ TEST_F(Cache, SurvivesARestart) {
     EXPECT_EQ(cached("/u/in"), R"({ "item": "kept" })");
 }
 
-// --- nodes whose names give one file name
+// --- nodes whose names give the same file name
 
 class SharedName : public Cache {
   protected:
@@ -288,13 +288,14 @@ TEST_F(SharedName, ItemOfAnotherNodeIsNeverLeftUnderTheNameAloneWhileItIsReplace
     saveItem(kBankApp, "first");
     syncs().watch(pathOf(kBankApp));
     saveItem(kBankApp, "second");
-    // The name is free, on the disk, before the new item is written, and leads to it after.
+    // On disk the second link is gone before the new item is written, and made again after that.
     ASSERT_EQ(syncs().all.size(), 3u);
     EXPECT_TRUE(std::filesystem::equivalent(syncs().all[0].path, folder()));
     for (const Synced& synced : syncs().all)
         EXPECT_FALSE(synced.inPlace) << synced.path;
     EXPECT_EQ(std::filesystem::hard_link_count(pathOf(kBankApp)), 2u);
-    // A kill at any of these points leaves the old item or the new one to its node, and nothing to others.
+    // After a kill at any of these points the node has the old item or the new one, and no other
+    // node has either.
     std::filesystem::remove(pathOf(kBankApp));
     EXPECT_EQ(textOf(kBankApp), "second");
     EXPECT_EQ(textOf(kBank), "none");
@@ -380,13 +381,13 @@ class CacheBound : public SharedName {
   protected:
     void SetUp() override {
         SharedName::SetUp();
-        cached("/u/nothing");  // what is there at the start is read, what comes later is only counted
+        cached("/u/nothing");  // files present at the start are read, later ones are only counted
         takeLog();
     }
     std::string nodeOf(const std::string& app, int number) {
         return "/u1234/dev42/" + app + "/e" + std::to_string(number);
     }
-    // As if they had been saved one by one.
+    // Writes files as if the items had been saved one by one.
     void fill(const std::string& app, int count) {
         for (int i = 0; i < count; ++i)
             writeFile(pathOf(nodeOf(app, i)), item("x", "e" + std::to_string(i)));
@@ -428,7 +429,7 @@ TEST_F(CacheBound, ApplicationWhoseItemsStandApartHasTheSameBound) {
     ASSERT_TRUE(saveItem(kBankApp, "x"));
     const std::filesystem::path file = *std::filesystem::directory_iterator(apart());
     std::filesystem::resize_file(file, (16 << 20) - 1000);
-    writeFile(apart() / "passing", "");  // so that the folder is looked at anew
+    writeFile(apart() / "passing", "");  // so that the folder is read again
     EXPECT_FALSE(saveItem("/u1234/dev42/com.example.bank-app/more", std::string(1000, 'x')));
     EXPECT_TRUE(saveItem("/u1234/dev42/com.example.bank-app/more", "x"));
     EXPECT_TRUE(saveItem(kBank, std::string(1000, 'x')));

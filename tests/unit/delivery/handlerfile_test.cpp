@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The file that brings the node tables over a restart: every record form, and what damage costs.
+// The file that keeps the node maps over a restart: every form of a record, and damaged files.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@ using Table = std::map<std::string, std::list<std::string>>;
 
 const std::string kZero(1, '\0');
 
-// A record as both writers leave it.
+// A record as both writers write it.
 std::string line(const std::string& record) {
     return record + kZero + '\n';
 }
@@ -214,7 +214,7 @@ TEST_F(HandlerFile, RefusesALongerRecordAndKeepsTheFile) {
 
 TEST_F(HandlerFile, SplitsALongerRecordThatSomebodyElseWrote) {
     load(line(appendedRecord("a", "x")) + line(recordOfLength(4095, "b")) + line(appendedRecord("c", "z")));
-    // The record fits the buffer without its zero byte; what is left of its line reads as malformed.
+    // The record fits the buffer without its zero byte; the rest of its line is read as malformed.
     EXPECT_EQ(services(), (Table{{"a", {"x"}}, {"b", {"zelt://com.example.long/in"}}}));
     EXPECT_FALSE(exists());
     EXPECT_EQ(takeLogLines(), kMalformed);
@@ -369,7 +369,7 @@ TEST_F(HandlerFile, KillWhileAHandlerIsWithdrawnLosesNoOther) {
             }
         }
         close(ends[1]);
-        // Within a withdrawal, since they are most of what the child does.
+        // Kills during a withdrawal, since these take most of the child's time.
         char turn = 0;
         for (int turns = 0; turns <= kills % 3; ++turns)
             ASSERT_EQ(read(ends[0], &turn, 1), 1);
@@ -386,7 +386,7 @@ TEST_F(HandlerFile, KillWhileAHandlerIsWithdrawnLosesNoOther) {
     }
 }
 
-// --- records that are shorter as they were accepted
+// --- records that were shorter when they were accepted
 
 TEST_F(HandlerFile, RewriteKeepsTheShorterFormOfALongRecord) {
     // Every slash takes a second character in the file's usual form.

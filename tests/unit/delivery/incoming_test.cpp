@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Where an item goes, and in which order it is handed on, remembered and acknowledged.
+// Who gets an item, and the order in which it is delivered, numbered and acknowledged.
 #include <cerrno>
 
 #include "tests/unit/delivery/incomingtest.h"

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Messages that are not as expected, and the events that are not items: what is left of them, and who hears
-// of them.
+// Malformed messages, and events that are not items: what is dropped, and who is notified.
 
 #include <gloox/tag.h>
 
@@ -31,7 +30,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "<items node='n'><item id='i' seqNo='1'><other/></item></items>",
                     "<items node='n'><retract id='i'/></items>",
                     "<items node='n'><payload>x</payload></items>",
-                    // The first item counts, whatever the second has.
+                    // Only the first item counts.
                     "<items node='n'><item/><item id='i'><payload>x</payload></item></items>"));
 
 TEST_F(Incoming, ItemWithoutANodeIsNeitherKeptNorAcknowledged) {

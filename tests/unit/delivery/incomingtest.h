@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The dialogue of what the server pushes: a connected session, one node, and the events that its items leave.
+// The dialogue for messages from the server: a connected session, one node, and the events of its items.
 #pragma once
 
 #include <string>
@@ -60,7 +60,7 @@ class Incoming : public ServiceTest {
         bool present = false;
         session().addNodeToMap(kNode, endpoint, false, present);
     }
-    // A public subscriber as the method subscribe leaves it.
+    // A public subscriber as the method subscribe adds it.
     FakeMessage* subscribePublic() {
         FakeMessage* message = fakeBus().request(publicHandle(), "subscribe", "{}", "com.example.app 1");
         EXPECT_TRUE(QSSubscriptionAdd(publicHandle(), kNode.c_str(), message, nullptr));
@@ -81,7 +81,7 @@ class Incoming : public ServiceTest {
     void storeSeqNo(const std::string& seqNo) {
         fakePrefs().store(kPrefs, kNode, R"({ "seqNo": ")" + seqNo + R"(" })");
     }
-    // A message of the pub-sub service with this inside.
+    // Sends a message of the pub-sub service with this content.
     void push(const std::string& inside, const std::string& attributes = "id='m1'") {
         serverSends("<message from='pubsub.example.org' to='u1234@example.org/dev42' " + attributes + ">" +
                     inside + "</message>");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Item callbacks: which pairs are registered, what the handler file holds of them, and the refusals.
+// Item callbacks: the registered pairs, their records in the handler file, and the refusals.
 #include <utility>
 
 #include "delivery/methods.h"
@@ -14,7 +14,7 @@ constexpr char kDone[] = R"({ "returnValue": true })";
 constexpr char kNotDone[] = R"({ "returnValue": false })";
 constexpr char kEndpoint[] = "zelt://com.example.mail/items";
 
-// A record as the file holds it: the text, a zero byte, a newline.
+// A record in the file: the text, a zero byte, a newline.
 std::string record(const std::string& text) {
     return text + std::string("\0\n", 2);
 }

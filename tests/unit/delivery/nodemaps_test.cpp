@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The node tables: which endpoints a node has, and in which order.
+// The node maps: the endpoints of a node, in their order.
 #include "tests/fakes/servicefixture.h"
 
 using Table = std::map<std::string, std::list<std::string>>;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The offline map and the store that it mirrors.
+// The offline map and its store.
 #include "tests/fakes/servicefixture.h"
 
 namespace {

@@ -197,7 +197,7 @@ TEST_F(SeqNo, BearsACommitThatFails) {
     EXPECT_EQ(fakePrefs().openHandles(), 1u);
 }
 
-// --- nodes called like a record of the deletion store
+// --- nodes with the name of a record of the deletion store
 
 class SeqNoOfADelete : public SeqNo, public testing::WithParamInterface<const char*> {};
 

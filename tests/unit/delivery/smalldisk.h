@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A disk with room for `bytes` in a file, as long as it lives. It holds the superuser back too.
+// Limits files to `bytes`, for the lifetime of the object. The limit applies to root, too.
 #pragma once
 
 #include <sys/resource.h>

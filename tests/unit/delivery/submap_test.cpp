@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The public subscribers: one for each node, and what their removal does on the bus.
+// The public subscribers: one for each node, and the effect of their removal on the bus.
 #include "tests/fakes/servicefixture.h"
 
 class SubMap : public ServiceTest {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// subscribeToNode: its refusals, whom it subscribes and how deep, and the server's answer.
+// subscribeToNode: its refusals, the subscriber and the depth, and the server's answer.
 #include <gloox/error.h>
 
 #include <utility>
@@ -8,7 +8,7 @@
 #include "tests/unit/nodes/refusal.h"
 #include "tests/unit/nodes/requesttest.h"
 
-// The refusals of all methods of this folder; the rows stand with the methods.
+// The refusals of all methods of this folder; the rows are in the tests of the methods.
 TEST_P(NodeRefusal, IsAnsweredAtOnceAndKeepsNothing) {
     checkRefusal();
 }
@@ -29,7 +29,7 @@ const std::string kNoLibrary = nodeErrorReply("a", "libErr", "gloox library is n
 struct Subscription {
     const char* name;
     const char* payload;
-    const char* inside;  // what the pubsub element holds
+    const char* inside;  // content of the pubsub element
 };
 
 void PrintTo(const Subscription& subscription, std::ostream* out) {

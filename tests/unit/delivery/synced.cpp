@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The fsync of this test program.
+// The fsync() of this test program.
 #include "tests/unit/delivery/synced.h"
 
 #include <sys/syscall.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What this test program synced to the disk: its own fsync stands before the C library's, for GLib too.
+// Records what this test program syncs to disk: its own fsync() replaces the C library's, for GLib too.
 #pragma once
 
 #include <filesystem>
@@ -7,7 +7,7 @@
 
 struct Synced {
     std::filesystem::path path;
-    // Of Syncs::watched by then: whether it stood there, and its size.
+    // At that time: whether Syncs::watched existed, and its size.
     bool inPlace;
     std::uintmax_t size;
 };

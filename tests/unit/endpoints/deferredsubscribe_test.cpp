@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// subscribe while there is no connection: one answer, after the next connect, before any item.
+// subscribe without a connection: one answer, after the next connect and before any item.
 #include "tests/unit/endpoints/endpointtest.h"
 
 class DeferredSubscribe : public EndpointTest {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The dialogue of a public request: an application, its endpoint "inbox", and the replies of the public
-// methods.
+// The dialogue of a public request: an application, its endpoint "inbox", and the replies of
+// the public methods.
 #pragma once
 
 #include <string>
@@ -24,7 +24,7 @@ inline const std::string kDisconnected =
     R"({ "returnValue": false, "endpoint": "inbox", "errorCode": "connectionErr", )"
     R"("errorText": "pubsubservice disconnected" })";
 
-// The refusal of a request before it reached the server.
+// The refusal of a request that was not sent to the server.
 inline std::string refusal(const std::string& endpoint, const std::string& code, const std::string& text) {
     return R"({ "endpoint": ")" + endpoint + R"(", "returnValue": false, "errorCode": ")" + code +
            R"(", "errorText": ")" + text + R"(" })";
@@ -51,7 +51,7 @@ class EndpointTest : public ServiceTest {
         connectSession();
     }
 
-    // A call of the application com.example.app, unless said otherwise.
+    // A call of an application, com.example.app by default.
     Answer ask(QSFilter handler, const std::string& method, const std::string& payload = kInbox,
                const std::string& appId = "com.example.app 4711") {
         return callPublic(handler, method, payload, appId);
@@ -69,7 +69,7 @@ class EndpointTest : public ServiceTest {
         log().clear();
         fakeServer().forgetStanzas();
     }
-    // Connects again and keeps what that writes.
+    // Connects again, without clearing the events.
     void reconnect() {
         ASSERT_TRUE(session().connectToService());
         pump();

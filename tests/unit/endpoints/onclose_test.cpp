@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Notices for closed applications: recording, renewing and withdrawing them, and the component that listens.
+// On-close notices: recording, renewing and withdrawing them, and the component that receives them.
 #include "tests/unit/endpoints/endpointtest.h"
 
 namespace {
@@ -135,7 +135,7 @@ TEST_F(OnClose, ApplicationMayHaveOnlySoManyEntries) {
     EXPECT_EQ(record(), refusal("inbox", "appErr", tooMany));
     EXPECT_TRUE(log().contains("Error " + tooMany + ", Incoming " + kInbox));
     EXPECT_EQ(session().m_offlineMap.size(), 64u);
-    // A renewal is no new entry, and others have their own bound.
+    // A renewal adds no entry, and each application has its own bound.
     EXPECT_EQ(record(R"({"endpoint":"e0"})"), R"({ "returnValue": true, "endpoint": "e0" })");
     EXPECT_EQ(record(kInbox, "com.example.other 1"), kSuccess);
 }
@@ -176,7 +176,7 @@ class WriteRate : public OnClose {
         begun = g_get_monotonic_time();
     }
     std::size_t commits() const { return journal().eventsOf("prefs.commit " + kOfflineStore).size(); }
-    // What the time since the start of the test allows.
+    // The number of changes allowed since the start of the test.
     std::size_t allowed() const {
         return kBurst + 1 + static_cast<std::size_t>((g_get_monotonic_time() - begun) / 100000);
     }
@@ -184,7 +184,7 @@ class WriteRate : public OnClose {
         for (const Answer& answer : answers)
             EXPECT_EQ(answer, kSuccess);
     }
-    // Until the last of them has its answer.
+    // Whether all of them have been answered.
     static bool answered(const std::vector<Answer>& answers) {
         const gint64 deadline = g_get_monotonic_time() + 30 * G_USEC_PER_SEC;
         while (answers.back().all().empty() && g_get_monotonic_time() < deadline)
@@ -203,7 +203,7 @@ TEST_F(WriteRate, ChangesBackAndForthWaitForTheirTurnAndAreAnsweredWhenTheyAreDo
     answers.push_back(record());
     EXPECT_LE(commits(), allowed());
     EXPECT_TRUE(answers.back().waiting());
-    // Others are not held up.
+    // Other applications are not delayed.
     const std::size_t before = commits();
     EXPECT_EQ(record(kInbox, "com.example.other 1"), kSuccess);
     EXPECT_EQ(commits(), before + 1);
@@ -255,6 +255,6 @@ TEST_F(WriteRate, OnlySoManyChangesOfAnApplicationWait) {
     for (const Answer& answer : answers)
         waiting += answer.waiting();
     EXPECT_EQ(waiting, 1024u);
-    // The process ends: nothing is answered that was not done.
+    // The process ends: no change is confirmed that was not made.
     session().m_writeRates.clear();
 }

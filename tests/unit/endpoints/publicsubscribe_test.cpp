@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// subscribe and unsubscribe while connected: cached items, activation and its two answers.
+// subscribe and unsubscribe with a connection: cached items, activation and its two answers.
 #include "tests/unit/endpoints/endpointtest.h"
 
 class PublicSubscribe : public EndpointTest {

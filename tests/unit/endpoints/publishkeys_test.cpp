@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Endpoints and their publish keys: the stanzas, the answers, and what a created or deleted endpoint leaves.
+// Endpoints and their publish keys: the stanzas, the answers, and the state after creating and deleting.
 #include <gloox/error.h>
 
 #include "tests/unit/endpoints/endpointtest.h"
@@ -165,7 +165,7 @@ TEST_F(PublishKeys, CreationAcceptsADescriptionOfFortyNineBytes) {
     const Answer reply = create(R"({"endpoint":"inbox","description":")" + std::string(49, 'd') + R"("})");
     EXPECT_TRUE(reply.waiting());
     expectStanza(createStanza(std::string(49, 'd'), "whitelist"));
-    // Counted once its quotes and backslashes are gone.
+    // The length counts without quotes and backslashes.
     create(R"({"endpoint":"inbox","description":"\"\\)" + std::string(49, 'd') + R"("})");
     expectStanza(createStanza(std::string(49, 'd'), "whitelist"));
 }
@@ -200,10 +200,10 @@ TEST_F(PublishKeys, CreationBeyondTheBoundIsRefusedAndCountsThoseUnderWay) {
     EXPECT_EQ(create(), refusal("inbox", "appErr", tooMany));
     EXPECT_EQ(stanzaCount(), asked);
     EXPECT_TRUE(log().contains("Error " + tooMany + ", Incoming " + kInbox));
-    // What it has can be created again, and others have their own bound.
+    // An existing endpoint can be created again, and each application has its own bound.
     EXPECT_TRUE(create(R"({"endpoint":"e5"})").waiting());
     EXPECT_TRUE(ask(createEndpoint, "createEndpoint", kInbox, "com.example.other 1").waiting());
-    // One that the server refuses makes room.
+    // A creation that the server refuses does not count.
     answerError(fakeServer().stanzas()[asked - 1].id(), "cancel", "conflict");
     EXPECT_TRUE(create().waiting());
     EXPECT_EQ(create(R"({"endpoint":"more"})"), refusal("more", "appErr", tooMany));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What every public method of an endpoint refuses, in the same order and with the same words.
+// The refusals that all public endpoint methods share, in the same order and with the same texts.
 #include "tests/unit/endpoints/endpointtest.h"
 
 namespace {
@@ -64,7 +64,7 @@ TEST_P(PublicRefusal, RefusesANodeNameOfAHundredBytes) {
     expectRefused(askThis(payload), payload, endpoint, "libErr", "endpoint too long");
 }
 
-// A control character takes six bytes in JSON, so that a short request could ask for a long refusal.
+// A control character takes six bytes in JSON, so a short request could cause a long refusal.
 TEST_P(PublicRefusal, EchoesNoMoreThanFourKiBOfAnEndpoint) {
     const std::string plain(4000, 'x');
     EXPECT_EQ(askThis(R"({"endpoint":")" + plain + R"("})"), refusal(plain, "libErr", "endpoint too long"));
@@ -73,7 +73,7 @@ TEST_P(PublicRefusal, EchoesNoMoreThanFourKiBOfAnEndpoint) {
         escaped += R"(\u0001)";
     EXPECT_EQ(askThis(R"({"endpoint":")" + std::string(4000, '\x01') + R"("})"),
               refusal(escaped, "libErr", "endpoint too long"));
-    // Not within a character.
+    // Never cut inside a character.
     const std::string tail(4095 - 6 * 600, 'x');
     EXPECT_EQ(askThis(R"({"endpoint":")" + std::string(600, '\x01') + tail + "\xc3\xa9" + R"("})"),
               refusal(escaped.substr(0, 6 * 600) + tail, "libErr", "endpoint too long"));

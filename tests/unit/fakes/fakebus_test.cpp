@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The verbs of the fake bus; what QS calls do in general is the contract suite's business.
+// The functions of the fake bus for tests; the contract suite covers the QS calls.
 #include <gmock/gmock.h>
 #include <gtest/gtest-spi.h>
 

@@ -43,7 +43,7 @@ class FakeConnectionTest : public ::testing::Test,
         pollfd polled{m_connection->socket(), POLLIN, 0};
         return poll(&polled, 1, 0) == 1;
     }
-    // Reads as the session's watch does: once for each readiness of the descriptor.
+    // Reads as the session's watch does: once whenever the descriptor is ready.
     gloox::ConnectionError pump() {
         while (m_connection->socket() >= 0 && readable())
             if (const gloox::ConnectionError result = m_client->recv(10); result != gloox::ConnNoError)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The verbs of the fake store; what QP calls do in general is the contract suite's business.
+// The functions of the fake store for tests; the contract suite covers the QP calls.
 #include <gmock/gmock.h>
 #include <gtest/gtest-spi.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The log capture gives texts as they were written, newlines at their end included.
+// The log capture returns texts as they were written, with newlines at their end.
 #include <gmock/gmock.h>
 
 #include "tests/fakes/logcapture.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The fixture itself: a session that logs in over the fake server, verbs of the dialogue, and its checks at
-// the end.
+// The fixture itself: a session that logs in over the fake server, the functions of the dialogue, and
+// the final checks.
 #include "tests/fakes/servicefixture.h"
 
 #include <gmock/gmock.h>
@@ -26,7 +26,7 @@ constexpr char kCreateNode[] = R"({"node":"/u1234/dev42/app/inbox"})";
 
 class ServiceFixtureTest : public ServiceTest {};
 
-// A test that leaves a message behind, run by hand.
+// A test that leaks a message, run by hand.
 class LeakingTest : public ServiceTest {
   public:
     void TestBody() override {}
@@ -38,7 +38,7 @@ class LeakingTest : public ServiceTest {
     }
 };
 
-// A test that calls another service where applications are, run by hand.
+// A test that calls another service over the public bus, run by hand.
 class PubliclyCallingTest : public ServiceTest {
   public:
     void TestBody() override {}

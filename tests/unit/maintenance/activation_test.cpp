@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Node activation: when the server is asked, what its answers change, and who gets them.
+// Node activation: when a request is sent, the effects of its result, and who gets it.
 #include <gloox/error.h>
 
 #include <utility>
@@ -47,7 +47,7 @@ class Activation : public ServiceTest {
         ServiceTest::SetUp();
         connectSession();
     }
-    // {result, request id as it is afterwards}
+    // {result, request id afterwards}
     std::pair<bool, std::string> activate(const std::string& node = kNode) {
         std::string id = "before";
         const bool result = session().activateNode(node, id);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The deletion store: which nodes an application owns, and how all of them go with it.
+// The deletion store: the nodes that an application owns, and deleting them with it.
 #include <gloox/error.h>
 
 #include <utility>
@@ -7,7 +7,7 @@
 #include "tests/unit/maintenance/deletestoretest.h"
 #include "xmpp/manager.h"
 
-// --- entering a node
+// --- adding a node
 
 TEST_F(DeleteStore, StartsARecordForAnApplication) {
     EXPECT_TRUE(add("/u/a"));
@@ -83,7 +83,7 @@ TEST_F(DeleteStore, LogsAStoreThatCannotBeReopened) {
     EXPECT_EQ(at(kKey), nodesOf(R"("\/u\/a", "\/u\/b", "\/u\/c")"));
 }
 
-// --- leaving
+// --- removing a node
 
 TEST_F(DeleteStore, RemovesANodeFromItsRecord) {
     store(kKey, nodesOf(R"("\/u\/a", "\/u\/b", "\/u\/a")"));
@@ -228,7 +228,7 @@ TEST_F(CleanUp, WhileDisconnectedOnlyListsTheRecord) {
     expectTraces("/u/b", true);
     EXPECT_TRUE(session().m_deleteMap.empty());
 
-    // The retry asks for the quoted key, finds none and does nothing more.
+    // The retry reads the quoted key, finds nothing and does nothing more.
     fakeServer().forgetStanzas();
     ASSERT_TRUE(session().connectToService());
     pump();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The deletion store's dialogue: an application, its record, and the traces of its nodes.
+// The deletion store's dialogue: an application, its record, and the state kept for its nodes.
 #pragma once
 
 #include <map>
@@ -44,7 +44,7 @@ class CleanUp : public DeleteStore {
         DeleteStore::SetUp();
         connectSession();
     }
-    // An application with two nodes and every local trace of them.
+    // An application with two nodes that are in every map and store.
     void giveTraces() {
         for (const std::string node : {"/u/b", "/u/a"}) {
             add(node);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Applications with more nodes than their record holds: what one more costs, how many there may be, and what
-// an earlier release left.
+// Applications with more nodes than their record holds: the cost of one more, their bound, and records
+// of earlier releases.
 #include <set>
 
 #include "tests/unit/maintenance/deletestoretest.h"

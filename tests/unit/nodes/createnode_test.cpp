@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// createNode: its refusals, its stanza, and the answers of the private and the public road.
+// createNode: its refusals, its stanza, and the answers to private and public requests.
 #include <utility>
 
 #include "nodes/methods.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// deleteNode: its refusals, its stanza, its answers, and what a deleted endpoint leaves behind.
+// deleteNode: its refusals, its stanza, its answers, and what remains of a deleted endpoint.
 #include <utility>
 
 #include "nodes/methods.h"
@@ -85,7 +85,7 @@ class DeleteEndpoint : public RequestTest {
   protected:
     static constexpr char kNode[] = "/u1234/dev42/com.example.app/inbox";
 
-    // A deleteEndpoint request that waits under "id1", for a node that every registry knows.
+    // A deleteEndpoint request that waits under "id1", for a node that is in every map and store.
     void SetUp() override {
         RequestTest::SetUp();
         m_message = fakeBus().request(publicHandle(), "deleteEndpoint", "{}", "com.example.app 1");

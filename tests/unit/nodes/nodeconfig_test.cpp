@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// setNodeConfig and getNodeConfig: refusals, the form that goes out, and what of the answered form reaches
-// the caller.
+// setNodeConfig and getNodeConfig: refusals, the form that is sent, and the part of the answered form that
+// the caller gets.
 #include <gloox/dataform.h>
 #include <gloox/error.h>
 

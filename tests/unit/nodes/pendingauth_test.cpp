@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Pending subscribers: who listens, what the server is asked for, and the owner's decision.
+// Pending subscribers: listeners, requests to the server, and the owner's decision.
 #include <utility>
 
 #include "nodes/methods.h"
@@ -121,7 +121,7 @@ class PendingAuth : public RequestTest {
                        "<x xmlns='jabber:x:data' type='form'><field type='list-single' var='pubsub#node'>" +
                        options + "</field></x></command>");
     }
-    // What was sent and said, without the ping alarm that every result begins with.
+    // The events without the ping alarm, which is the first one of every result.
     Texts eventsAfterPing() {
         Texts events = takeEvents();
         EXPECT_FALSE(events.empty());
@@ -168,7 +168,7 @@ TEST_F(PendingAuth, GivesAnEarlierListenersReferenceBackWhenALaterOneComes) {
 
 class RefusedByTheBus : public PendingAuth {
   protected:
-    // Asks for "b", "c" and "d"; the bus takes the first `taken` of them and refuses the next.
+    // Requests "b", "c" and "d"; the bus accepts the first `taken` of them and refuses the next.
     Answer listenToThree(int taken) {
         fakeBus().failNext("QSSubscriptionAdd", -12, "too many subscriptions", 1, taken);
         const Answer refused = call(subscribeNodeAuth, R"({"subscribe":true,"nodes":["b","c","d"]})");

@@ -24,7 +24,7 @@ const std::string kNoLibrary = errorReply("libErr", "gloox library is not initia
 struct Item {
     const char* name;
     const char* payload;
-    std::string inside;  // what the publish element holds
+    std::string inside;  // content of the publish element
 };
 
 void PrintTo(const Item& item, std::ostream* out) {

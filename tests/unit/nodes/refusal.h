@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Refusals of private methods as tables: what is given, the request, the whole reply and the handler's own
-// log line.
+// Refusals of private methods as tables: the state, the request, the whole reply and the handler's log line.
 #pragma once
 
 #include <string>
@@ -8,7 +7,7 @@
 #include "tests/fakes/servicefixture.h"
 #include "xmpp/manager.h"
 
-// The preset words of the node methods, as they stand in a JSON text.
+// The default error code and text of the node methods, escaped for JSON.
 inline const std::string kQuotedCode = R"(\"errBadArgument\")";
 inline const std::string kQuotedText = R"(\"Bad Argument\")";
 
@@ -52,7 +51,7 @@ class NodeRefusal : public ServiceTest, public testing::WithParamInterface<Refus
             session().m_pubsub->detach();
     }
 
-    // The caller gets the reply at once, the log says why, and nothing else happens.
+    // The caller gets the reply at once, the reason is logged, and nothing else happens.
     void checkRefusal() {
         const RefusalCase& refusal = GetParam();
         give(refusal.given);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Every refusal of a node method behaves alike; the rows stand with the methods.
+// All refusals of node methods have the same effects; the rows are in the tests of the methods.
 #include "tests/unit/nodes/refusal.h"
 
 TEST_P(NodeRefusal, IsAnsweredAtOnceAndKeepsNothing) {

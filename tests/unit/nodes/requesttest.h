@@ -11,7 +11,7 @@ inline const std::string kPing =
     R"(bus.call zelt://com.zelt.power/timeout/set {"key":"keepAliveTimer", )"
     R"("uri":"quor://com.zelt.pubsubservice/keepAliveTimer", "in":"00:25:00", "wakeup":true, "params":"{}"})";
 
-// Requests to the pub-sub service, with "ID" in place of the id.
+// Requests to the pub-sub service, with "ID" for the id.
 inline std::string pubsubStanza(const std::string& inside) {
     return "<iq to='pubsub.example.org' id='ID' type='set'><pubsub "
            "xmlns='http://jabber.org/protocol/pubsub'>" +
@@ -29,7 +29,7 @@ class RequestTest : public ServiceTest {
         connectSession();
     }
 
-    // Calls and expects that the request waits and nothing but a stanza went out; forgets that event.
+    // Calls, and expects that the request waits and only a stanza was sent; removes that event.
     Answer ask(QSFilter handler, const std::string& payload) {
         const Answer answer = call(handler, payload);
         EXPECT_TRUE(answer.waiting()) << answer.text();
@@ -40,7 +40,7 @@ class RequestTest : public ServiceTest {
         return answer;
     }
 
-    // The request was answered, once, right after the ping alarm was set anew, and nothing is kept of it.
+    // The request was answered once, right after the ping alarm was set again, and is no longer kept.
     void expectAnswered(const Answer& answer, const std::string& reply) {
         EXPECT_EQ(takeEvents(), (Texts{kPing, "bus.respond method " + reply}));
         EXPECT_EQ(answer.all(), Texts{reply});
@@ -48,7 +48,7 @@ class RequestTest : public ServiceTest {
         EXPECT_TRUE(session().m_msgMap.empty());
     }
 
-    // The log of a failed node operation: what failed, and the server's error in full.
+    // The log of a failed node operation: what failed, and the server's whole error.
     static Texts errorLog(const std::string& handler, const std::string& what, const std::string& error) {
         return {handler + ": " + what + " error:  from " + kService,
                 "printerror: ERR in func " + handler + ": " + error};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Node names of applications, and what an XMPP error becomes in a reply and in the log.
+// Node names of applications, and XMPP errors in replies and in the log.
 #include "request/names.h"
 
 #include <gloox/error.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// An error element as the stream's parser makes it.
+// An error element as the stream's parser builds it.
 class ParsedError : private gloox::TagHandler {
   public:
     explicit ParsedError(const std::string& content) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The readiness checks of a request and the one format of replies.
+// The readiness checks of a request and the format of error replies.
 #include "request/requestframe.h"
 
 #include "tests/fakes/servicefixture.h"
@@ -10,7 +10,7 @@ namespace {
 
 class CheckInit : public ServiceTest {
   protected:
-    // The outcome in one text: what a public handler would reply, or "ready".
+    // The outcome as a text: what a public handler would reply, or "ready".
     std::string check(const char* text, bool needConnected) {
         JsonRef parsed = parseJson(text);
         json_object* payload = parsed.get();
@@ -99,7 +99,7 @@ TEST_F(ErrorReply, PutsTheHandlersOwnMembersFirstAndReleasesTheObject) {
     EXPECT_EQ(m_message->reply(),
               "{ \"node\": \"\\/a\", \"returnValue\": false, \"errorCode\": \"parameterErr\", "
               "\"errorText\": \"\\\"Bad Argument\\\"\" }");
-    // One reference is left, the test's own: json_object_put says so when it frees the object.
+    // json_object_put returns 1 when it frees the object, so the test's own reference is the last one.
     EXPECT_EQ(json_object_put(object.release()), 1);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The bus methods around the account, their replies word for word.
+// The bus methods for the account, with their whole replies.
 #include "service/methods.h"
 #include "tests/fakes/servicefixture.h"
 
@@ -92,7 +92,7 @@ TEST_F(Account, DisconnectRepliesWithoutAConnectionToo) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-// --- the handler that stands in no table
+// --- the handler that is in no table
 
 constexpr char kBadArgument[] =
     R"({ "returnValue": false, "errorCode": "\"errBadArgument\"", "errorText": "\"Bad Argument\"" })";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What is forgotten, kept or activated again when a bus client's subscription is cancelled.
+// What is removed, kept or activated again when a bus client's subscription is cancelled.
 #include "service/cancel.h"
 
 #include "tests/fakes/servicefixture.h"
@@ -118,7 +118,7 @@ TEST_F(Cancellation, LogsAPayloadWithoutAnEndpoint) {
 TEST_F(Cancellation, LogsAPayloadThatIsNoJson) {
     cancelledPublic("no json");
     expectRefused("publicCancelFunc", "no json", "parameterErr", "Malformed json");
-    // The payload is looked at before the method.
+    // The payload is checked before the method.
     for (const char* method : {"subscribe", "registerOnClose", "subscribeConnStatus"}) {
         cancelledPrivate(method, "no json");
         expectRefused("cancelFunction", "no json", "parameterErr", "Malformed json");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The two method tables: which name is served by which handler.
+// The two method tables: the handler of each name.
 #include "service/methods.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Network tracking without a session: what a report must say, and where a connection is made from.
+// Network tracking without a session: what a report must contain, and the local address of a connection.
 #include "service/network.h"
 
 #include "tests/unit/service/networktest.h"

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Network tracking in a session: every row of the decision between keeping, moving and dropping the
-// connection.
+// Network tracking in a session: every case in which the connection is kept, moved or dropped.
 #include "service/network.h"
 
 #include <gmock/gmock.h>
@@ -63,7 +62,7 @@ TEST_F(Network, AsksForNoLoginWhenTheMoveToWifiCannotConnect) {
 }
 
 TEST_F(Network, ForgetsASurvivedOutageByTheMoveItself) {
-    // An attempt whose client is gone: nobody reports its end.
+    // An attempt without a client, so its end is not reported.
     session().m_connecting = session().m_onWan = session().m_survivedOutage = true;
     report(kOverWifi);
     EXPECT_FALSE(session().m_survivedOutage);
@@ -92,10 +91,10 @@ TEST_F(Network, MovesToTheMobileLinkWhenWifiIsLost) {
     EXPECT_EQ(fakeServer().localAddress(), "10.9.9.9");
 }
 
-// The rest of the move to the mobile link is what any report without a session does.
+// The rest of the move to the mobile link is the same as for a report without a session.
 class WifiLost : public Network {
   protected:
-    // What the move disconnects is told apart from what it does afterwards.
+    // Separates the disconnect from what the move does afterwards.
     void lose() {
         report(kOverWan);
         EXPECT_EQ(takeLogLines().front(), "onDisconnect: Disconnected from xmpp server 17");
@@ -159,8 +158,8 @@ TEST_F(Network, MovesAnAttemptOverWifiToTheMobileLink) {
 }
 
 constexpr char kOverOtherWifi[] = R"({"isInternetConnectionAvailable":true,)"
-                                       R"("wifi":{"state":"connected","ipAddress":"10.0.0.2"},)"
-                                       R"("wan":{"state":"connected","ipAddress":"10.9.9.9"}})";
+                                  R"("wifi":{"state":"connected","ipAddress":"10.0.0.2"},)"
+                                  R"("wan":{"state":"connected","ipAddress":"10.9.9.9"}})";
 
 TEST_F(Network, KeepsTheConnectionOverWifiAsItIsWhenItsAddressChanges) {
     connectedOver(kOverWifi);

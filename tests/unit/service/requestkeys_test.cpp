@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What a text member of a request is taken for: in every method and key, the text without its double quotes
-// and backslashes. And what counts as true: json-c's own conversion, wherever a boolean is read.
+// How members of a request are read: a text without its double quotes and backslashes, in every method and
+// key; a boolean by json-c's conversion, wherever one is read.
 #include <functional>
 
 #include "delivery/methods.h"
@@ -36,7 +36,7 @@ std::string inQuotes(const std::string& text) {
     return '"' + text + '"';
 }
 
-// The value with a quote or a backslash at every place.
+// The text with a quote and a backslash at every position.
 std::string dirtied(const std::string& text) {
     std::string dirty = R"("\")";
     for (const char character : text)
@@ -46,7 +46,7 @@ std::string dirtied(const std::string& text) {
 
 class TextKeys : public ServiceTest, public testing::WithParamInterface<TextKey> {
   protected:
-    // All that a request with this JSON text as the value leaves: what went out, and what is kept.
+    // All effects of a request with this JSON text as the value: what was sent, and what is kept.
     Texts outcomeOf(const std::string& value) {
         restartService();
         fakePrefs().reset();

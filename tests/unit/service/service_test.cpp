@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Start-up step by step, every way out of it, and the methods that a caller meets.
+// Start-up step by step, every exit from it, and the methods that are registered.
 #include "service/service.h"
 
 #include <dlfcn.h>
@@ -16,7 +16,7 @@
 namespace {
 
 bool loopRefused = false;                        // the next main loop cannot be made
-std::function<void(GMainLoop*)> onLoopReleased;  // called before a main loop gives a reference back
+std::function<void(GMainLoop*)> onLoopReleased;  // called before a main loop loses a reference
 
 template <typename Function>
 Function* inGlib(const char* name) {
@@ -25,7 +25,7 @@ Function* inGlib(const char* name) {
 
 }  // namespace
 
-// The program's own two stand in for GLib's, which never fails and tells nobody.
+// These replace GLib's functions, which never fail and report nothing.
 GMainLoop* g_main_loop_new(GMainContext* context, gboolean running) {
     static auto* const make = inGlib<decltype(g_main_loop_new)>("g_main_loop_new");
     return std::exchange(loopRefused, false) ? nullptr : make(context, running);
@@ -40,7 +40,7 @@ void g_main_loop_unref(GMainLoop* loop) {
 
 namespace {
 
-// Before any test has touched it.
+// Read before any test changes it.
 const int32_t kPortAtStart = gport;
 
 constexpr char kExiting[] = "main: Exiting main because of errors";
@@ -59,7 +59,7 @@ class Service : public ServiceTest {
         gport = 5222;
         m_private = privateHandle();
     }
-    // The bus makes a new connection for whoever asks after the end.
+    // After the end, asking the bus for the connection creates a new one.
     bool unregistered() const { return m_private->closed; }
     const QSHandle* privateConnection() const { return m_private; }
 
@@ -402,7 +402,7 @@ TEST_F(Service, KnowsNoMethodForItsUnregisteredHandlers) {
 
 TEST_F(Service, PublishItemIsTheHandlerThatPublishesToANode) {
     run([&] {
-        // Without a session the handlers refuse with the words of the private methods.
+        // Without a session the handlers refuse with the texts of the private methods.
         const FakeMessage* message = fakeBus().call(privateHandle(), "publishItem", "{}");
         EXPECT_EQ(
             message->reply(),

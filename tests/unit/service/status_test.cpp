@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Connection status: what the two methods answer, and what their subscribers hear at each change.
+// Connection status: the replies of the two methods, and what their subscribers get at each change.
 #include "service/methods.h"
 #include "tests/fakes/servicefixture.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The watches on the platform's services: what they ask the bus, and what each report makes the service do.
+// The watches on the platform's services: their calls to the bus, and the effect of each report.
 #include "service/watchers.h"
 
 #include "service/network.h"
@@ -99,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(
               "systemMgrUp", "SystemManager went down!!", "Error in getting SystemManagerUp "}),
     [](const auto& watch) { return watch.param.name; });
 
-// --- what a service that is up is asked for
+// --- requests to a service that has come up
 
 class ServiceUp : public ServiceTest {
   protected:

@@ -118,8 +118,8 @@ TEST_F(Alarms, WaitFiveToTwentyMinutesFourTimesAndThenAnHourOrMore) {
     }
 }
 
-// The bounds hold always; that 400 draws stay clear of the twentieth at one of the four edges happens once in
-// 2*10^8 runs.
+// The bounds always hold. That 400 draws all miss the twentieth at one of the four edges happens once
+// in 2*10^8 runs.
 TEST_F(Alarms, SpreadTheAttemptsOverTheWholeOfTheirRange) {
     for (const auto& [retries, min, max] : {std::tuple{-1, 300, 1200}, std::tuple{3, 3600, 5400}}) {
         int least = INT32_MAX, most = 0;

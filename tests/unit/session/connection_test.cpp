@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Building a client from the session's details, connecting it, and judging the server's certificate.
+// Creating a client from the session's details, connecting it, and checking the server's certificate.
 #include "tests/unit/session/connectionfixture.h"
 #include "xmpp/client.h"
 #include "xmpp/manager.h"
@@ -49,7 +49,7 @@ TEST_F(Connection, LetsTheServerChooseAResource) {
 TEST_F(Connection, ReplacesAClientThatIsThere) {
     connectSession();
     session().m_client->setTls(
-        gloox::TLSOptional);  // tells the old one from the new, which may take its place
+        gloox::TLSOptional);  // distinguishes the old one from a new one at the same address
     EXPECT_TRUE(session().createSession());
     ASSERT_NE(session().m_client, nullptr);
     EXPECT_EQ(session().m_client->tls(), gloox::TLSRequired);

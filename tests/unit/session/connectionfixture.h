@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What the tests of the connection share: a session that is about to connect, and the lines they look for.
+// What the tests of the connection share: a session that is about to connect, and expected lines.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The credentials file: every number of lines, lines at the edge of the buffer, and ports that are none.
+// The credentials file: every number of lines, lines at the size of the buffer, and invalid ports.
 #include "session/credentials.h"
 
 #include <sys/stat.h>
@@ -65,7 +65,7 @@ TEST_F(Credentials, OfAFileThatOthersCanReadOrWriteAreRefusedWithWhatToDo) {
 
 TEST_F(Credentials, OfAnotherUsersFileAreRefused) {
     if (geteuid() != 0)
-        return;  // nobody else can give a file away
+        return;  // only root can change a file's owner
     const auto path = stateFolder() / "pubsub.conf";
     writeFile(path, "u1@example.org\nsecret\n");
     ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The drawn delays: their range, how evenly they are spread over it, and where their seed comes from.
+// The random delays: their range, their distribution, and the source of their seed.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 
 namespace {
 
-// All bits that seeds have had.
+// All bits that were set in any seed.
 unsigned seededBits = 0;
 
 }  // namespace
@@ -92,8 +92,8 @@ TEST(RandomDelay, BearsTheWidestRange) {
         EXPECT_LT(generateRandomDelay(INT32_MIN, INT32_MAX), INT32_MAX);
 }
 
-// 1,000 draws in bins of one minute, against the chi-square quantile at a chance of one in a million: a delay
-// that favours a part of its range fails it, an even one does so once in a million runs.
+// 1,000 draws in bins of one minute, against the chi-square quantile for one in a million: a uniform delay
+// fails once in a million runs.
 template <std::size_t kMinutes>
 double chiSquare(int32_t min, int32_t max) {
     constexpr int kDraws = 1000;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Account login: what is asked, what is taken over field by field, and where each broken answer stops.
+// Account login: the call, the fields that are set one by one, and where each invalid answer stops.
 #include "tests/fakes/servicefixture.h"
 #include "util/jsonref.h"
 
@@ -11,9 +11,8 @@ constexpr char kFailed[] =
 constexpr char kRetiredHost[] = "retired.example.com";
 constexpr char kDefaultHost[] = "xmpp.example.com";
 
-// The inner object of a complete answer.
-constexpr char kAccount[] =
-    R"({"user":"u1","service":"example.org","url":"xmpp.example.org","port":"5223"})";
+// The object inside a complete answer.
+constexpr char kAccount[] = R"({"user":"u1","service":"example.org","url":"xmpp.example.org","port":"5223"})";
 
 class Login : public ServiceTest {
   protected:
@@ -34,7 +33,7 @@ class Login : public ServiceTest {
         takeEvents();
         ASSERT_TRUE(fakeBus().replyTo(kTokenUri, payload));
     }
-    // The answer stops with exactly these log lines, arms no alarm and does not connect.
+    // The answer is given up with exactly these log lines, sets no alarm and does not connect.
     void expectStop(const std::string& payload, Texts lines) {
         answers(payload);
         lines.push_back(kFailed);
@@ -77,7 +76,7 @@ TEST_F(Login, TakesACompleteAnswerAndConnects) {
 }
 
 TEST_F(Login, NeverLogsTheToken) {
-    // As it came, and as the login sends it.
+    // As received, and as the login sends it.
     const std::string token = "very-secret-token", member = R"(,"uniqueId":")" + token + "\"";
     const std::string sent = std::string("\0u1\0", 4) + token;
     gchar* encoded = g_base64_encode(reinterpret_cast<const guchar*>(sent.data()), sent.size());
@@ -220,7 +219,7 @@ TEST_F(Login, StopsAtAJabberIdThatHoldsNoJson) {
 
 struct MissingField {
     const char* key;
-    std::size_t written;  // how many of the fields before it have been taken over
+    std::size_t written;  // how many of the fields before it have been set
 };
 
 class LoginField : public Login, public testing::WithParamInterface<MissingField> {
@@ -271,7 +270,7 @@ TEST_F(Login, WithoutATokenUpdatesEverythingElseButDoesNotConnect) {
 }
 
 TEST_F(Login, ArmsTheReconnectAlarmWhenItCannotConnectThoughThereIsANetwork) {
-    // A user that no JID may hold leaves the session without one.
+    // A user that is not valid in a JID leaves the session without one.
     answers(answerWith(R"({"user":"a b","service":"example.org","url":"h","port":"5222"})"));
     EXPECT_EQ(takeLogLines()[1], "connectToService: Create session failed");
     EXPECT_TRUE(session().m_reconnectPending);

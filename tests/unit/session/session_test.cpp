@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The session object: its initial values, its details, its folder, and what happens to it in the end.
+// The session object: its initial values, its details, its folder, and its destruction.
 #include <sys/stat.h>
 
 #include <utility>
@@ -202,7 +202,7 @@ TEST_F(Session, LogsTheLibrarysLinesUnderItsOwnName) {
     EXPECT_EQ(takeLogLines(), Texts{"handleLog: Gloox dbg: <a/>"});
 }
 
-// Answers to operations that this service never asks for.
+// Answers to operations that this service never requests.
 TEST_F(Session, DoesNothingForResultsThatNobodyAskedFor) {
     const gloox::JID jid;
     PubSubSession& own = session();

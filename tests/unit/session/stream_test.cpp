@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The stream on its way up and down, in order, and the requests that wait while it goes down.
+// Connecting and disconnecting, each step in order, and the requests that wait at a disconnect.
 #include "delivery/methods.h"
 #include "tests/unit/session/connectionfixture.h"
 
@@ -10,8 +10,7 @@ constexpr char kClearReconnectAlarm[] =
 constexpr char kPingAlarm[] =
     R"(bus.call zelt://com.zelt.power/timeout/set {"key":"keepAliveTimer", )"
     R"("uri":"quor://com.zelt.pubsubservice/keepAliveTimer", "in":"00:25:00", "wakeup":true, "params":"{}"})";
-constexpr char kClearPingAlarm[] =
-    R"(bus.call zelt://com.zelt.power/timeout/clear {"key":"keepAliveTimer"})";
+constexpr char kClearPingAlarm[] = R"(bus.call zelt://com.zelt.power/timeout/clear {"key":"keepAliveTimer"})";
 constexpr char kPresence[] =
     "xmpp.send <presence to='pubsub.example.org' from='u1234@example.org/dev42' xmlns='jabber:client'>"
     "<priority>0</priority><status>online</status></presence>";

@@ -14,7 +14,7 @@
 
 namespace {
 
-// Runs what the test says from inside the client's own callbacks.
+// Runs functions of the test inside the client's own callbacks.
 class Listener : public gloox::ConnectionListener {
   public:
     explicit Listener(
@@ -141,7 +141,7 @@ TEST_F(Watch, LeavesTheNewSessionsWatchAloneWhenTheSessionIsReplacedFromInsideTh
     EXPECT_NE(PubSubSession::m_source, nullptr);
 }
 
-// An application that waits for the items of its endpoint, and what may have become of one.
+// An application that waits for the items of its endpoint, and what can happen to an item.
 class WatchedItem : public Watch {
   protected:
     static constexpr char kNode[] = "/u1234/dev42/com.example.app/inbox";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The XMPP library's own log: what becomes of its lines, and when the session asks for them.
+// The XMPP library's own log: where its lines go, and when the session requests them.
 #include <gloox/logsink.h>
 
 #include "tests/fakes/servicefixture.h"

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Names: one with several addresses, which comes first and what follows one that does not answer; and one
-// that no name server answers.
+// Host names: one with several addresses, which are tried in order, and one that no name server answers.
 //
 // The resolver of this test program knows two names of its own: one with an IPv6 and an IPv4 address in this
-// order, and one that is unknown after all, but not before the test says so.
+// order, and one that it reports as unknown when the test says so.
 #include <dlfcn.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -36,7 +35,7 @@ using Resolver = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
 
 }  // namespace
 
-// Stands before the system's own; everything else goes through to that one.
+// Replaces the system's own, to which it passes all other names.
 extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** found) {
     static const auto next = reinterpret_cast<Resolver>(dlsym(RTLD_NEXT, "getaddrinfo"));
     const bool ours = host && !(hints && hints->ai_flags & AI_NUMERICHOST);
@@ -90,7 +89,7 @@ TEST_F(TwoHomes, BeginWithTheOneThatTheLocalAddressCanReach) {
     EXPECT_EQ(refusals(), 0);
 }
 
-// Descriptors of connection attempts that nobody has answered yet.
+// Descriptors of connection attempts that have not been answered yet.
 std::set<int> unanswered() {
     std::set<int> found;
     for (int fd = 0; fd < 1024; ++fd) {
@@ -102,7 +101,7 @@ std::set<int> unanswered() {
     return found;
 }
 
-// How often the attempt that connecting to `host` makes is repeated; the other one's family is `local`'s.
+// How often the attempt to connect to `host` is repeated; `local` has the family of the other address.
 class Patience : public Connection {
   protected:
     int repetitions(const std::string& host, const std::string& local) {
@@ -132,7 +131,7 @@ TEST_F(Patience, IsShortWithASilentAddressWhileThereIsAnother) {
 
 // --- many lookups
 
-// Lookups that were given up elsewhere may still have their threads.
+// Waits for the threads of lookups that other tests gave up.
 bool isAlone() {
     const gint64 end = g_get_monotonic_time() + 60'000'000;
     while (threads() > 1 && g_get_monotonic_time() < end)
@@ -178,7 +177,7 @@ TEST(Lookups, OneAfterTheOtherNeverRunOut) {
     }
 }
 
-// A caller who floods the bus keeps a source of the common priority ready all the time.
+// A caller that floods the bus keeps a source of default priority ready all the time.
 TEST(Lookups, AreHeardWhileTheLoopIsBusy) {
     const guint busy = g_idle_add_full(
         G_PRIORITY_DEFAULT, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Answers of the service and of strangers, and what the result handlers are told.
+// Answers of the service and of other entities, and the calls of the result handlers.
 #include <memory>
 
 #include "tests/fakes/logcapture.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Elliptic keys: made in no time, so that every test has its own.
+// Elliptic-curve keys, which are fast to generate, so that every test has its own.
 #include "tests/unit/xmpp/certificates.h"
 
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Certificates made for a test: an authority with a file of its own, and servers that it vouches for.
+// Certificates generated for a test: an authority with a file of its own, and servers certified by it.
 #pragma once
 
 #include <gnutls/gnutls.h>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-// A folder that goes with the object.
+// A folder that is removed with the object.
 class TemporaryFolder {
   public:
     TemporaryFolder();
@@ -31,15 +31,16 @@ struct Identity {
 
 class Authority {
   public:
-    enum class Kind { Ca, NoCa };  // NoCa: signs all the same, though its certificate does not allow it
+    enum class Kind { Ca, NoCa };  // NoCa: signs although its certificate does not allow it
     explicit Authority(const std::string& name, Kind kind = Kind::Ca);
-    // One that `issuer` vouches for, for these purposes; what it vouches for brings its certificate along.
+    // An authority certified by `issuer` for these purposes; its certificate is sent along with those
+    // that it signs.
     Authority(const std::string& name, const Authority& issuer, const std::vector<std::string>& purposes);
     ~Authority();
     Authority(const Authority&) = delete;
     Authority& operator=(const Authority&) = delete;
 
-    // Names with digits and dots alone are IP addresses.
+    // Names of only digits and dots are IP addresses.
     Identity vouchFor(const std::vector<std::string>& names, std::time_t from, std::time_t until) const;
     Identity vouchFor(const std::vector<std::string>& names) const;
     // With an extended key usage of these object identifiers.
@@ -52,7 +53,7 @@ class Authority {
     std::string m_file;
     gnutls_x509_privkey_t m_key = nullptr;
     gnutls_x509_crt_t m_certificate = nullptr;
-    std::string m_chain;  // certificates that go with what this one vouches for
+    std::string m_chain;  // certificates sent along with those that this one signs
 
     Identity sign(const std::vector<std::string>& names, std::time_t from, std::time_t until,
                   const std::vector<std::string>& purposes) const;

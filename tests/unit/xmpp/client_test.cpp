@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The client: what it lets through, what it reports, and how it is thrown away in the middle of things.
+// The client: what it accepts, what it reports, and disposing of it inside callbacks.
 #include <gloox/loghandler.h>
 
 #include <memory>
@@ -293,7 +293,7 @@ TEST_F(Stream, AClientThatNeverConnectedIsDeletedAtOnce) {
 struct Callback {
     const char* name;
     std::function<void()> RecordingListener::*hook;
-    const char* stanzas;  // what makes the call, and more behind it
+    const char* stanzas;  // the stanza that causes the call, and more after it
     bool afterLogin;
 };
 

@@ -18,7 +18,7 @@ using Events = std::vector<std::string>;
 
 inline const gloox::JID kService("pubsub.example.org");
 
-// A client whose server is at hand.
+// A client with a scripted server.
 class Connection : public Network {
   protected:
     ~Connection() override { disposeClient(); }
@@ -49,7 +49,7 @@ inline int freePort() {
     return server.port();
 }
 
-// A port that answers nobody: its queue of connections is full.
+// A port that answers no connection: its backlog is full.
 class BlackHole {
   public:
     BlackHole() {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The connection in use: output that waits, giving up in the middle, what is left behind, and rest.
+// The connection in use: queued output, disconnecting at any time, leaks, and idling.
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -128,7 +128,7 @@ TEST_F(Connection, SendingIntoADeadConnectionIsReportedByRecvAlone) {
         peer.logIn();
         peer.reset();
     });
-    // The reset comes while the loop does not run: it is found by a send.
+    // The reset arrives while the loop does not run, so that a send finds it.
     listener.atConnect = [this] {
         const gint64 end = g_get_monotonic_time() + 5'000'000;
         tcp_info info{};
@@ -173,7 +173,7 @@ TEST_F(Connection, OneTurnReadsABoundedAmount) {
     logIn();
     long before = 0, after = 0, ignored = 0;
     dynamic_cast<gloox::ConnectionTCPBase*>(client->connectionImpl())->getStatistics(before, ignored);
-    // More than one turn's amount has come.
+    // More than one read's amount has arrived.
     const gint64 end = g_get_monotonic_time() + 20'000'000;
     int waiting = 0;
     while (ioctl(client->socket(), FIONREAD, &waiting) == 0 && waiting <= 16'384 &&
@@ -278,7 +278,7 @@ TEST_F(Connection, DescriptorsAboveAThousandAreFine) {
     setrlimit(RLIMIT_NOFILE, &old);
 }
 
-// --- rest and liveliness
+// --- idling and responsiveness
 
 TEST_F(Connection, AtRestThereIsNoThreadAndNoTimer) {
     start(logInAndWait, "localhost");
@@ -286,7 +286,7 @@ TEST_F(Connection, AtRestThereIsNoThreadAndNoTimer) {
     logIn();
     ASSERT_TRUE(waitFor([before] { return threads() <= before; }));
     settle();
-    // What the loop would wait for: nothing but descriptors, and of those only the one that is watched.
+    // What the loop would wait for: only descriptors, and only the one that is watched.
     GMainContext* context = g_main_context_default();
     ASSERT_TRUE(g_main_context_acquire(context));
     int priority = 0;
@@ -301,8 +301,7 @@ TEST_F(Connection, AtRestThereIsNoThreadAndNoTimer) {
         std::any_of(polled, polled + count, [this](const GPollFD& fd) { return fd.fd == client->socket(); }));
 }
 
-// The longest time that the loop, with a timer due every millisecond, does not get to it although the thread
-// has a processor or waits for something.
+// The longest delay of a timer that is due every millisecond, while the thread runs or waits for something.
 class StallMeter {
   public:
     StallMeter() { m_source = g_timeout_add(1, &StallMeter::tick, this); }
@@ -317,7 +316,7 @@ class StallMeter {
         self->m_last = current;
         return G_SOURCE_CONTINUE;
     }
-    // Microseconds, without those that the thread was ready to run and other work had the processors.
+    // Microseconds, without the time in which the thread was ready but other processes used the processors.
     static gint64 now() {
         std::ifstream statistics("/proc/thread-self/schedstat");
         gint64 running = 0, queued = 0;
@@ -333,7 +332,8 @@ class Liveliness : public Connection, public testing::WithParamInterface<const c
 
 TEST_P(Liveliness, IsKeptWhileNobodyAnswers) {
     const BlackHole hole;
-    // The best of a few runs counts: other threads of the process may hold a lock and wait for a processor.
+    // The best of a few runs counts, since other threads of the process may hold a lock while they wait
+    // for a processor.
     gint64 best = G_MAXINT64;
     for (int run = 0; run < 5 && best > 20'000; ++run) {
         makeClient(GetParam(), hole.port());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The hand-played server and the recorders.
+// The server driven by the test, and the recorders.
 #include "tests/unit/xmpp/dialogue.h"
 
 #include <gloox/dataform.h>

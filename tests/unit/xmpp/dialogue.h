@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A client, its manager and a server that the test plays by hand: the client's stanzas come out as text, the
-// test says what comes in. No socket, no TLS, no loop but for what is deferred.
+// A client, its manager and a server that the test drives: the client's stanzas are recorded as text, and the
+// test provides the input. No socket, no TLS; the loop only runs deferred work.
 #pragma once
 
 #include <gloox/connectionbase.h>
@@ -15,7 +15,7 @@
 #include "xmpp/client.h"
 #include "xmpp/manager.h"
 
-// Plays the server's side of the login; afterwards every write of the client is one stanza of `sent`.
+// Acts as the server for the login; afterwards every write of the client is one stanza of `sent`.
 class DialogueConnection : public gloox::ConnectionBase {
   public:
     explicit DialogueConnection(gloox::ConnectionDataHandler* handler) : ConnectionBase(handler) {}
@@ -38,14 +38,14 @@ class DialogueConnection : public gloox::ConnectionBase {
     std::function<void()> whenDeleted;
 };
 
-// The id that the manager gave is unknown beforehand: its place in an expected stanza.
+// Stands for the manager's id in an expected stanza.
 inline constexpr char kId[] = "ID";
 std::string withId(std::string xml, const std::string& id);
 
-// Runs the default context until nothing is due.
+// Runs the default context until nothing is ready.
 void settle();
 
-// One line for each call of a result handler, the error element written out.
+// Records one line for each call of a result handler, with the error element.
 class RecordingHandler : public xmpp::ResultHandler {
   public:
     std::vector<std::string> calls;
@@ -120,7 +120,7 @@ class RecordingHandler : public xmpp::ResultHandler {
     void record(const std::string& call, const gloox::Error* error);
 };
 
-// What the client reports, in order: "connect", "disconnect 17", "tls 0", "message <xml>".
+// Records what the client reports, in order: "connect", "disconnect 17", "tls 0", "message <xml>".
 class RecordingListener : public gloox::ConnectionListener, public gloox::MessageHandler {
   public:
     std::vector<std::string> events;
@@ -142,16 +142,16 @@ class Dialogue : public testing::Test {
     Dialogue();
     ~Dialogue() override;
 
-    // Up to and including onConnect.
+    // Logs in, including onConnect.
     void logIn();
-    // Up to the point where the server says that the resource is bound.
+    // Logs in up to the server's answer that the resource is bound.
     void logInUpToBind();
     void bind();
     void say(const std::string& xml) { connection->receives(xml); }
     // An answer of the service.
     void answer(const std::string& id, const std::string& type, const std::string& content = {});
     void disposeClient();
-    // The last stanza that went out; empty when nothing has since the last look.
+    // The last stanza sent; "" when none was sent since the last call.
     std::string last();
 
     const gloox::JID service{"pubsub.example.org"};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// A client on a real socket, watched as the service watches it.
+// A client on a real socket, with a watch like the service's.
 #pragma once
 
 #include <glib.h>
@@ -14,7 +14,7 @@
 
 // Runs the default context until `condition` holds; false when it does not within `milliseconds`.
 bool waitFor(const std::function<bool()>& condition, int milliseconds = 10'000);
-// Runs the default context for so long: for what must not happen, or for what has to be measured.
+// Runs the default context for that long: for what must not happen, or for measuring.
 void runFor(int milliseconds);
 // Open descriptors of this process.
 int descriptors();
@@ -26,12 +26,12 @@ class Network : public testing::Test {
     Network();
     ~Network() override;
 
-    // A fresh client without TLS, on the server's port.
+    // Creates a client without TLS for the server's port.
     void makeClient(const std::string& host, int port);
-    // Connects and watches socket(); what connect() said.
+    // Connects and watches socket(); returns the result of connect().
     bool connect(const std::string& localAddress = {});
     void disposeClient();
-    // Nobody hears of the client's connection from here on.
+    // From here on nobody is notified of the client's connection.
     void removeListeners();
     bool isConnected() const { return listener.count("connect") > 0; }
     bool isOver() const { return listener.count("disconnect") > 0; }

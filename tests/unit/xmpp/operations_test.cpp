@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Every operation of the manager as it goes over the wire, compared whole.
+// The stanza of every operation of the manager, compared as a whole.
 #include <gloox/dataform.h>
 
 #include "tests/unit/xmpp/dialogue.h"

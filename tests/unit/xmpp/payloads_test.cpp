@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// What strangers publish, as the server hands it on: none of it ends the stream, whatever its elements are
-// called and wherever the network cuts it. And what a server itself may not do.
+// Published items as the server delivers them: none ends the stream, whatever the names of its elements and
+// wherever the network splits it. And input that no server may send.
 #include <gloox/parser.h>
 
 #include <cstdlib>
@@ -72,7 +72,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"Prefixes", "<p:a xmlns:p='urn:p' p:b='c'><p:d/></p:a>"}),
     [](const auto& each) { return each.param.name; });
 
-// What the server wrote as references is given back so.
+// What the server sent as references is sent back as references.
 TEST_F(Dialogue, AnItemsIdKeepsItsTabsAndLineBreaks) {
     logIn();
     listener.events.clear();
@@ -82,11 +82,11 @@ TEST_F(Dialogue, AnItemsIdKeepsItsTabsAndLineBreaks) {
     EXPECT_NE(listener.events[0].find("id='1\t2\n3\r'"), std::string::npos);
 }
 
-// --- documents of chance
+// --- random documents
 
 class Documents {
   public:
-    // `plain`: nothing that the library's own parser takes apart or refuses.
+    // `plain`: only what the library's own parser accepts.
     Documents(unsigned seed, bool plain) : m_random(seed), m_plain(plain) {}
 
     std::string content(int depth = 0) {
@@ -139,7 +139,7 @@ class Documents {
     bool m_plain;
 };
 
-// How many documents; a long row is PUBSUB_RANDOM_DOCUMENTS=1000000.
+// The number of documents; for a long run set PUBSUB_RANDOM_DOCUMENTS=1000000.
 int documentCount() {
     const char* asked = getenv("PUBSUB_RANDOM_DOCUMENTS");
     return asked ? atoi(asked) : 2'000;
@@ -212,7 +212,7 @@ class Bounds : public testing::Test {
         }
         return true;
     }
-    // A text of what would be long is written for the tests that look at it alone.
+    // Keeps the text of the first few elements only, since texts can be long.
     struct Count : gloox::TagHandler {
         std::vector<std::string> seen;
         std::size_t count = 0;
@@ -239,7 +239,7 @@ TEST_F(Bounds, LeaveOutWhatIsTooDeepAndKeepTheRest) {
 }
 
 TEST_F(Bounds, KeepTheDeepestThatIsAllowed) {
-    // The message is one level itself.
+    // The message itself is one level.
     std::string open = "<message>", close = "</message>";
     for (std::size_t i = 0; i < xmpp::StreamParser::kMaxDepth; ++i) {
         open += "<a>";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Texts that must never reach the stream, and operations that wait for it.
+// Texts that must not be sent, and operations that wait for the stream.
 #include <gloox/dataform.h>
 
 #include <memory>
@@ -16,7 +16,7 @@ using gloox::PubSub::SubscriptionNodes;
 
 const gloox::JID kMe("me@example.org/tv");
 
-// What no text of a stanza may hold.
+// Not allowed in any text of a stanza.
 const std::vector<std::string> kBadTexts = {std::string("nul\0nul", 7),
                                             "bell\x07",
                                             "escape\x1b[0m",
@@ -32,7 +32,7 @@ const std::vector<std::string> kBadTexts = {std::string("nul\0nul", 7),
                                             "above U+10FFFF \xf4\x90\x80\x80",
                                             "five bytes \xf8\x88\x80\x80\x80",
                                             "tail \x80"};
-// And no name, since a parser makes blanks of them.
+// Not allowed in names either, since a parser turns them into spaces.
 const std::vector<std::string> kBadNames = {"tab\tin", "line\nin", "return\rin"};
 
 std::vector<std::string> badNames() {
@@ -171,7 +171,7 @@ TEST_P(BadElements, AreRefusedAsElementAndAsAttribute) {
     EXPECT_EQ(publish(itemWith(GetParam())), "");
     auto* item = new gloox::Tag("item");
     item->addAttribute(GetParam(), "value");
-    // gloox leaves out an attribute that it knows to be bad by itself.
+    // gloox itself leaves out an attribute that it knows to be invalid.
     if (!item->attributes().empty()) {
         EXPECT_EQ(publish(item), "");
     } else {
@@ -267,7 +267,7 @@ TEST_F(PublishedItems, ReachTheServersLimitAndNoFurther) {
     ASSERT_NE(publish(itemOf(1)), "");
     const std::size_t frame = connection->sent.back().size() - 1;
     connection->sent.clear();
-    // Ids grow by a digit now and then, and with them the frame.
+    // Ids grow by a digit sometimes, and with them the rest of the stanza.
     EXPECT_NE(publish(itemOf(262'143 - frame - 8)), "");
     LogCapture log;
     EXPECT_EQ(publish(itemOf(270'000 - frame)), "");
@@ -411,7 +411,7 @@ TEST_F(BeforeTheStream, WhatTheListenerSendsCountsNotAmongAThousandThatWait) {
 
 class NextClient : public BeforeTheStream {
   protected:
-    // The client goes, and another one of `account` takes its place.
+    // Replaces the client by another one, of `account`.
     void next(const std::string& account = "device@example.org/tv") {
         disposeClient();
         settle();

@@ -12,8 +12,7 @@
 
 #include "tests/unit/xmpp/certificates.h"
 
-// The server's end of one connection. Every wait has a deadline; what goes wrong is thrown and ends the
-// script.
+// The server's end of one connection. Every wait has a deadline; errors are thrown and end the script.
 class Peer {
   public:
     explicit Peer(int fd) : m_fd(fd) {}
@@ -21,22 +20,22 @@ class Peer {
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
-    // Reads until `text` has come, and returns everything up to and with it.
+    // Reads until `text` has arrived, and returns everything up to its end.
     std::string until(const std::string& text);
     // Reads `count` bytes and returns them.
     std::string bytes(std::size_t count);
     // Reads until the client has closed.
     std::string untilEnd();
     void send(const std::string& text);
-    // Whatever comes next in the connection, TLS or not.
+    // Over the connection as it is, with TLS or without.
     void sendRaw(const std::string& bytes);
 
     // Answers one stream header.
     void openStream(const std::string& features);
-    // Offers TLS, agrees to it, and stops before the handshake.
+    // Offers TLS, accepts it, and stops before the handshake.
     void agreeOnTls();
     void handshake(const Identity& identity, const std::string& versions = "+VERS-TLS1.3:+VERS-TLS1.2");
-    // TLS (unless `identity` is null), PLAIN and binding; returns when the client has been told its name.
+    // TLS (unless `identity` is null), PLAIN and binding; returns after the result of the binding was sent.
     void logIn(const Identity* identity = nullptr, const std::string& versions = "+VERS-TLS1.3:+VERS-TLS1.2");
     void authenticate();
     void bind();
@@ -47,7 +46,7 @@ class Peer {
     void reset();
     std::string address() const;
 
-    std::string serverName;  // what the client asked for in its handshake
+    std::string serverName;  // requested by the client in its handshake
 
   private:
     void receiveMore();

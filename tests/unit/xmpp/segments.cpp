@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Apart from the other sources: the kernel's header, which has the counter, and the C library's exclude each
-// other.
+// In its own file, because the kernel's header with the counter conflicts with the C library's.
 #include "tests/unit/xmpp/segments.h"
 
 #include <gtest/gtest.h>

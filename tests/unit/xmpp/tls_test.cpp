@@ -16,7 +16,7 @@ class Secured : public Network {
         client->setTls(gloox::TLSRequired);
         client->setCACerts({authority.file()});
     }
-    // A server with this certificate; `afterwards` takes what the client says after the handshake.
+    // Starts a server with this certificate; `afterwards` receives what the client sends after the handshake.
     void offer(const Identity& certificate, std::string& afterwards) {
         start([&](Peer& peer) {
             peer.agreeOnTls();
@@ -24,7 +24,7 @@ class Secured : public Network {
             afterwards = peer.untilEnd();
         });
     }
-    // Ends the client before the server, whose script waits for it.
+    // Ends the client before the server, whose script waits for that.
     ~Secured() override { disposeClient(); }
 
     const Authority authority{"Test authority"};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The connection against real sockets: getting it, losing it in every phase, and never holding up the loop.
+// The connection over real sockets: connecting, losing it in every phase, and never blocking the loop.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
@@ -256,7 +256,7 @@ TEST_F(Connection, TheDeadlineIsAMinute) {
     EXPECT_LE(timeout, 60'000);
 }
 
-// Whether the reset still finds the attempt or the connection already is the network's business.
+// The reset can arrive during the attempt or after it.
 TEST_F(Connection, AResetAtOnceIsReportedOnce) {
     start([](Peer& peer) { peer.reset(); });
     ASSERT_TRUE(connect());
