@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: GPL-3.0-only
-"""Measures the request road, the item road and the service at rest, each beside a reference of the same run."""
+"""Measures requests, item delivery and the idle service, each beside a reference of the same run."""
 
 import argparse
 import contextlib
@@ -103,8 +103,8 @@ class Device:
 
 
 def load(device, service, pid, in_flight, calls):
-    words = device.output(BIN / "bench_load", service, "getJabberId", str(pid), str(in_flight), str(calls)).split()
-    return float(words[0]), float(words[1])
+    fields = device.output(BIN / "bench_load", service, "getJabberId", str(pid), str(in_flight), str(calls)).split()
+    return float(fields[0]), float(fields[1])
 
 
 @contextlib.contextmanager
@@ -133,7 +133,7 @@ def request_rounds(device, service, echo, in_flight, calls):
     return [[(ours[i], theirs[i]) for ours, theirs in rounds] for i in (0, 1)]
 
 
-def request_road(device, service, table, scale):
+def measure_requests(device, service, table, scale):
     echo = device.start("echo", BIN / "bench_echo", ready=True)
     cores = sorted(os.sched_getaffinity(0))
     # One core loses a lone call nothing, since only one of the processes has work at a time.
@@ -163,7 +163,7 @@ def append_and_sync(folder, count):
     return count / seconds
 
 
-def item_road(device, table, where, count, compare_with_sync):
+def measure_items(device, table, where, count, compare_with_sync):
     number, parts, beside_parts, beside_sync = 1, [], [], []
 
     def push(items):
@@ -240,11 +240,11 @@ def main():
                 service = device.connect_service()
                 if not arguments.counts:
                     if where == "tmpfs":
-                        print("request road", flush=True)
-                        request_road(device, service, table, scale)
-                    print(f"item road, store on {where}", flush=True)
+                        print("requests", flush=True)
+                        measure_requests(device, service, table, scale)
+                    print(f"items, store on {where}", flush=True)
                     count = (20000 if where == "tmpfs" else 5000) // scale
-                    item_road(device, table, where, count, where == "disk")
+                    measure_items(device, table, where, count, where == "disk")
                 if where == "tmpfs":
                     print("at rest", flush=True)
                     rest(service, table, 10)

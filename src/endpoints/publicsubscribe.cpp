@@ -33,7 +33,7 @@ bool isSubscribed(PubSubSession& session, const std::string& node) {
 
 // Answers with the cached item. The file is deleted only after the item was sent. When the first answer
 // cannot be sent, the item would become the first answer, so it is not sent either.
-void handOver(const Request& request, json_object* item, CallSite site = {}) {
+void replyWithItem(const Request& request, json_object* item, CallSite site = {}) {
     const KeptMessage message(request.message);
     if (!endpointReply(true, request.endpoint).respond(message.get(), "", kSubscribeFailed, site))
         return;
@@ -45,7 +45,7 @@ void handOver(const Request& request, json_object* item, CallSite site = {}) {
                     error.message());
 }
 
-bool joinList(Request& request, CallSite site = {}) {
+bool addToList(Request& request, CallSite site = {}) {
     BusError error;
     if (QSSubscriptionAdd(request.handle, request.node.c_str(), request.message, error))
         return true;
@@ -54,7 +54,7 @@ bool joinList(Request& request, CallSite site = {}) {
 }
 
 // Removes only this request from the list, so that its end cannot be mistaken for that of another subscriber.
-void leaveList(const Request& request) {
+void removeFromList(const Request& request) {
     QSSubscriptionIter* subscribers = nullptr;
     BusError error;
     if (!QSSubscriptionAcquire(request.handle, request.node.c_str(), &subscribers, error))
@@ -89,16 +89,16 @@ bool subscribe(QSHandle* handle, QSMessage* message, void*) {
         return true;
     }
     if (const JsonRef item{PubSubSession::getItemFromCache(request.node)}) {
-        handOver(request, item.get());
+        replyWithItem(request, item.get());
         return true;
     }
-    if (!joinList(request))
+    if (!addToList(request))
         return request.refuse();
     if (!canActivate(session)) {
         session.m_deferredSubscribes[request.node] = {request.endpoint, request.appId, request.node,
                                                       KeptMessage(message)};
     } else if (!activateFor(session, request)) {
-        leaveList(request);
+        removeFromList(request);
         return request.refuse();
     }
     session.setSubMap(request.node, request.appId, handle);

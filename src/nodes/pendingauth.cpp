@@ -54,7 +54,7 @@ RequestError pendingFailure(const gloox::Error* error, CallSite site = {}) {
 
 // The server lists a node once for each of its pending subscribers; one request for the node returns
 // all of them.
-void takePending(std::list<std::string>& pending, const gloox::StringList& answered) {
+void storePending(std::list<std::string>& pending, const gloox::StringList& answered) {
     pending.clear();
     for (const std::string& node : answered)
         if (std::find(pending.begin(), pending.end(), node) == pending.end())
@@ -111,7 +111,7 @@ void PubSubSession::handlePendingRequest(const std::string& id, const std::strin
         reply.respond(keptRequest(listenerKey(node)), id, kPendingRespondFailed);
         return;
     }
-    takePending(m_pendingList, *nodes);
+    storePending(m_pendingList, *nodes);
     m_pendingList.remove_if([&](const std::string& pending) {
         if (!keptRequest(listenerKey(pending)))
             return false;

@@ -12,7 +12,7 @@
 
 namespace {
 
-void forgetSubscriber(const std::string& node) {
+void removeSubscriber(const std::string& node) {
     gCurrentSession.setSubMapHandle(node, nullptr);
     gCurrentSession.removeSubMap(node);
     if (!gCurrentSession.m_onCloseRegistered)
@@ -27,7 +27,7 @@ void forgetSubscriber(const std::string& node) {
 bool cancelSubscribe(Request& request) {
     if (!request.requireEndpoint() || !request.formNode())
         return false;
-    forgetSubscriber(request.node);
+    removeSubscriber(request.node);
     return true;
 }
 

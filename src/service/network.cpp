@@ -56,7 +56,7 @@ void switchToWifi(json_object* status) {
     gCurrentSession.connectToService();
 }
 
-void wifiThere(json_object* status, bool inSession, CallSite site = {}) {
+void wifiAvailable(json_object* status, bool inSession, CallSite site = {}) {
     if (!inSession)
         connectFrom(getIPAddress(kWifi, status), false, site);
     else if (gCurrentSession.m_onWan)
@@ -65,7 +65,7 @@ void wifiThere(json_object* status, bool inSession, CallSite site = {}) {
 
 // The state of the mobile link is not checked: with Internet and without Wi-Fi it is assumed to be the
 // link in use.
-void wifiGone(json_object* status, bool inSession, CallSite site = {}) {
+void wifiUnavailable(json_object* status, bool inSession, CallSite site = {}) {
     if (inSession && gCurrentSession.m_onWan) {
         // The server may have dropped the activations while there was no Internet.
         if (gCurrentSession.m_survivedOutage) {
@@ -107,9 +107,9 @@ void connectOrSwitchConnections(json_object* status) {
     }
     const bool inSession = gCurrentSession.m_connected || gCurrentSession.m_connecting;
     if (wifi)
-        wifiThere(status, inSession);
+        wifiAvailable(status, inSession);
     else
-        wifiGone(status, inSession);
+        wifiUnavailable(status, inSession);
 }
 
 bool checkConnection(const char* link, json_object* status, bool& isConnected) {

@@ -30,7 +30,7 @@ struct Bus {
 };
 
 // Frees the error record, so that the next call can use it.
-bool failed(const char* text, BusError& error, CallSite site) {
+bool logFailure(const char* text, BusError& error, CallSite site) {
     PrvPrintErr(site, text, error.message());
     QSErrorFree(error);
     return false;
@@ -43,16 +43,16 @@ bool startBus(Bus& bus, BusError& error, CallSite site) {
         return false;
     }
     if (!QSRegisterZeltService(kServiceName, &bus.service, error))
-        return failed("Register of com.zelt.pubsubservice failed %s\n", error, site);
+        return logFailure("Register of com.zelt.pubsubservice failed %s\n", error, site);
     if (!QSZeltServiceRegisterCategory(bus.service, "/", pubMethods, methods, nullptr, error))
-        return failed("Registering of category for pubsub service failed %s\n", error, site);
+        return logFailure("Registering of category for pubsub service failed %s\n", error, site);
     if (!QSGmainAttachZeltService(bus.service, gpMainLoop, error))
-        return failed("Attaching to mainloop failed %s\n", error, site);
+        return logFailure("Attaching to mainloop failed %s\n", error, site);
     bus.privateHandle = QSZeltServiceGetPrivateConnection(bus.service);
     bus.publicHandle = QSZeltServiceGetPublicConnection(bus.service);
     if (!QSSubscriptionSetCancelFunction(bus.privateHandle, cancelFunction, nullptr, error) ||
         !QSSubscriptionSetCancelFunction(bus.publicHandle, publicCancelFunc, nullptr, error))
-        return failed("Failed registering cancel function %s\n", error, site);
+        return logFailure("Failed registering cancel function %s\n", error, site);
     return true;
 }
 
@@ -101,7 +101,7 @@ bool start(Bus& bus, BusError& error, CallSite site) {
 }
 
 // The service never ends its loop itself, so this is always reached by a failure.
-void leave(const Bus& bus, BusError& error, CallSite site) {
+void shutDown(const Bus& bus, BusError& error, CallSite site) {
     PrvPrintErr(site, "Exiting main because of errors");
     if (bus.privateHandle && !QSUnregister(bus.privateHandle, error))
         QSErrorPrint(error, stderr);
@@ -121,6 +121,6 @@ int runService(CallSite entry) {
         PrintDbgRelease(entry, "Calling mainloop");
         g_main_loop_run(gpMainLoop);
     }
-    leave(bus, error, entry);
+    shutDown(bus, error, entry);
     return 0;
 }

@@ -28,7 +28,7 @@ bool watch(QSHandle* handle, const std::string& service, QSFilter callback, cons
 }
 
 // Whether the report says that the service is up. Any other report is logged.
-bool cameUp(QSMessage* message, const char* wentDown, const char* failed, CallSite site = {}) {
+bool isUp(QSMessage* message, const char* wentDown, const char* failed, CallSite site = {}) {
     const char* text = QSMessageGetPayload(message);
     JsonRef payload = parseJson(text);
     json_object* connected = jsonMember(payload.get(), "connected");
@@ -43,14 +43,14 @@ bool cameUp(QSMessage* message, const char* wentDown, const char* failed, CallSi
     return false;
 }
 
-void follow(QSHandle* handle, const char* uri, const char* payload, QSFilter callback, const char* failed,
-            CallSite site = {}) {
+void subscribeTo(QSHandle* handle, const char* uri, const char* payload, QSFilter callback,
+                 const char* failed, CallSite site = {}) {
     BusError error;
     if (!QSCall(handle, uri, payload, callback, nullptr, nullptr, error))
         PrvPrintErr(site, failed, error.code(), error.message());
 }
 
-bool refuseChange(const std::string& reason, const char* text, CallSite site = {}) {
+bool logBadNotice(const std::string& reason, const char* text, CallSite site = {}) {
     PrvPrintErr(site, "Error? %s Incoming %s", reason.c_str(), text);
     return false;
 }
@@ -78,23 +78,23 @@ bool registerSystemMgrStatus(QSHandle* handle) {
 }
 
 bool connectionManagerUp(QSHandle* handle, QSMessage* message, void*) {
-    if (cameUp(message, "Connection manager went down!!", "Error in getting connectionManagerUp %s"))
-        follow(handle, "quor://com.zelt.connectionmanager/getstatus", R"({"subscribe":true})",
-               connectionStatusV2, "QSCall getstatus for connection manager failed %d: %s\n");
+    if (isUp(message, "Connection manager went down!!", "Error in getting connectionManagerUp %s"))
+        subscribeTo(handle, "quor://com.zelt.connectionmanager/getstatus", R"({"subscribe":true})",
+                    connectionStatusV2, "QSCall getstatus for connection manager failed %d: %s\n");
     return true;
 }
 
 bool appInstallerUp(QSHandle* handle, QSMessage* message, void*) {
-    if (cameUp(message, "AppInstaller went down!!", "Error in getting AppInstallerUp %s"))
-        follow(handle, "quor://com.zelt.appinstaller/notifyOnChange", R"({"appId": "*", "subscribe":true})",
-               appInstallChange,
-               // sic: says getstatus, although the call is another one
-               "QSCall getstatus for appInstaller failed %d: %s\n");
+    if (isUp(message, "AppInstaller went down!!", "Error in getting AppInstallerUp %s"))
+        subscribeTo(handle, "quor://com.zelt.appinstaller/notifyOnChange",
+                    R"({"appId": "*", "subscribe":true})", appInstallChange,
+                    // sic: says getstatus, although the call is another one
+                    "QSCall getstatus for appInstaller failed %d: %s\n");
     return true;
 }
 
 bool accountServicesUp(QSHandle*, QSMessage* message, void*) {
-    if (!cameUp(message, "Account services went down!!", "Error in getting Account services %s"))
+    if (!isUp(message, "Account services went down!!", "Error in getting Account services %s"))
         return true;
     const gloox::JID jid = gCurrentSession.m_jid;
     if (jid.full().empty() && gCurrentSession.m_networkAvailable && !gCurrentSession.m_connected &&
@@ -106,7 +106,7 @@ bool accountServicesUp(QSHandle*, QSMessage* message, void*) {
 }
 
 bool systemMgrUp(QSHandle*, QSMessage* message, void*) {
-    if (cameUp(message, "SystemManager went down!!", "Error in getting SystemManagerUp %s"))
+    if (isUp(message, "SystemManager went down!!", "Error in getting SystemManagerUp %s"))
         gCurrentSession.getBootStatus();
     return true;
 }
@@ -116,15 +116,15 @@ bool appInstallChange(QSHandle*, QSMessage* message, void*) {
     JsonRef payload = parseJson(text);
     if (!payload) {
         PrvPrintErr({}, "Malformed json packet? \n");
-        return refuseChange("", text);
+        return logBadNotice("", text);
     }
     std::string reason, change, appId;
     if (!getJSONStringV2(payload.get(), "statusChange", reason, change))
-        return refuseChange(reason, text);
+        return logBadNotice(reason, text);
     if (change != "REMOVED")
         return true;
     if (!getJSONStringV2(payload.get(), "appId", reason, appId))
-        return refuseChange(reason, text);
+        return logBadNotice(reason, text);
     gCurrentSession.cleanupNodes(appId, "");
     return true;
 }

@@ -29,7 +29,7 @@ struct FileClose {
 };
 
 // A file that other users can read or may have written is not trusted.
-bool mayTrust(FILE* file, const std::string& path, CallSite site = {}) {
+bool isTrusted(FILE* file, const std::string& path, CallSite site = {}) {
     struct stat status = {};
     if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode))
         return false;
@@ -50,7 +50,7 @@ void ReadCredentials(std::string& jid, std::string& password, std::string& resou
                      int& port, std::string& service) {
     const std::string& path = credentialsFile();
     std::unique_ptr<FILE, FileClose> file(fopen(path.c_str(), "re"));
-    if (!file || !mayTrust(file.get(), path))
+    if (!file || !isTrusted(file.get(), path))
         return;
     std::string portText;
     std::string* const outputs[kLines] = {&jid, &password, &server, &portText, &service, &resource};

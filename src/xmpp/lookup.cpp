@@ -88,7 +88,7 @@ Lookup::Lookup(const std::string& host, int port, GMainContext* context, Done do
         m_task->error = "too many lookups are waiting for a name server";
     }
     --runningThreads;
-    handOver(m_task);
+    deliver(m_task);
 }
 
 Lookup::~Lookup() {
@@ -99,7 +99,7 @@ void Lookup::run(std::shared_ptr<Task> task) {
     const int result = query(task->host, task->port, 0, task->addresses);
     if (result != 0)
         task->error = result == EAI_SYSTEM ? strerror(errno) : gai_strerror(result);
-    handOver(std::move(task));
+    deliver(std::move(task));
     --runningThreads;
 }
 
@@ -112,7 +112,7 @@ gboolean Lookup::deliver(gpointer data) {
 }
 
 // The task is released with the source, whether it was delivered or not.
-void Lookup::handOver(std::shared_ptr<Task> task) {
+void Lookup::deliver(std::shared_ptr<Task> task) {
     GMainContext* context = g_main_context_ref(task->context);
     const auto release = [](gpointer data) { delete static_cast<std::shared_ptr<Task>*>(data); };
     GSource* source = g_idle_source_new();

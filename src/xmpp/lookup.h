@@ -42,7 +42,7 @@ class Lookup {
   private:
     struct Task;
     static void run(std::shared_ptr<Task> task);
-    static void handOver(std::shared_ptr<Task> task);
+    static void deliver(std::shared_ptr<Task> task);
     static gboolean deliver(gpointer data);
 
     std::shared_ptr<Task> m_task;

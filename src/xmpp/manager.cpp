@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The operations: each writes its whole stanza and sends it with ask(), tell() or bulk().
+// The operations: each writes its whole stanza and sends it with sendRequest(), sendMessage() or bulk().
 //
 // gloox's own manager has no client, so that it registers and sends nothing.
 #include "xmpp/manager.h"
@@ -151,7 +151,9 @@ std::string Manager::createNode(gloox::PubSub::NodeType type, const gloox::JID& 
         .close()
         .open("configure");
     writeNodeConfig(stanza, type, title, parent, access, config);
-    return ask({Operation::CreateNode, handler, service, node, {}, {}, {}}, id, stanza);
+    return sendRequest(
+        {.operation = Operation::CreateNode, .handler = handler, .service = service, .node = node}, id,
+        stanza);
 }
 
 std::string Manager::createKeyNode(gloox::PubSub::NodeType type, const gloox::JID& service,
@@ -162,14 +164,18 @@ std::string Manager::createKeyNode(gloox::PubSub::NodeType type, const gloox::JI
     StanzaWriter stanza = beginIq("set", service, id);
     stanza.open("create-key-node", kDeviceXmlns).attribute("node", node);
     writeNodeConfig(stanza, type, title, parent, access, config);
-    return ask({Operation::CreateKeyNode, handler, service, node, {}, {}, {}}, id, stanza);
+    return sendRequest(
+        {.operation = Operation::CreateKeyNode, .handler = handler, .service = service, .node = node}, id,
+        stanza);
 }
 
 std::string Manager::deleteNode(const gloox::JID& service, const std::string& node, ResultHandler* handler) {
     const std::string id = nextId();
     StanzaWriter stanza = beginIq("set", service, id);
     stanza.open("pubsub", gloox::XMLNS_PUBSUB_OWNER).open("delete").attribute("node", node);
-    return ask({Operation::DeleteNode, handler, service, node, {}, {}, {}}, id, stanza);
+    return sendRequest(
+        {.operation = Operation::DeleteNode, .handler = handler, .service = service, .node = node}, id,
+        stanza);
 }
 
 std::string Manager::publishItem(const gloox::JID& service, const std::string& node, gloox::Tag* item,
@@ -180,7 +186,9 @@ std::string Manager::publishItem(const gloox::JID& service, const std::string& n
     stanza.open("pubsub", gloox::XMLNS_PUBSUB).open("publish").attribute("node", node);
     if (owned)
         stanza.element(*owned);
-    return ask({Operation::PublishItem, handler, service, node, {}, {}, {}}, id, stanza);
+    return sendRequest(
+        {.operation = Operation::PublishItem, .handler = handler, .service = service, .node = node}, id,
+        stanza);
 }
 
 std::string Manager::nodeConfig(const gloox::JID& service, const std::string& node, gloox::DataForm* form,
@@ -190,13 +198,17 @@ std::string Manager::nodeConfig(const gloox::JID& service, const std::string& no
     StanzaWriter stanza = beginIq(form ? "set" : "get", service, id);
     stanza.open("pubsub", gloox::XMLNS_PUBSUB_OWNER).open("configure").attribute("node", node);
     if (!owned)
-        return ask({Operation::GetConfig, handler, service, node, {}, {}, {}}, id, stanza);
+        return sendRequest(
+            {.operation = Operation::GetConfig, .handler = handler, .service = service, .node = node}, id,
+            stanza);
     const std::unique_ptr<gloox::Tag> element(owned->tag());
     if (element && isWritable(*owned))
         stanza.element(*element);
     else
-        stanza.spoil();
-    return ask({Operation::SetConfig, handler, service, node, {}, {}, {}}, id, stanza);
+        stanza.invalidate();
+    return sendRequest(
+        {.operation = Operation::SetConfig, .handler = handler, .service = service, .node = node}, id,
+        stanza);
 }
 
 std::string Manager::subscribe(const gloox::JID& service, const std::string& node, ResultHandler* handler,
@@ -214,7 +226,12 @@ std::string Manager::subscribe(const gloox::JID& service, const std::string& nod
         if (depth != 1)
             stanza.field("pubsub#subscription_depth", depth == 0 ? "all" : std::to_string(depth));
     }
-    return ask({Operation::Subscribe, handler, service, node, {}, subscriber, {}}, id, stanza);
+    return sendRequest({.operation = Operation::Subscribe,
+                        .handler = handler,
+                        .service = service,
+                        .node = node,
+                        .subscriber = subscriber},
+                       id, stanza);
 }
 
 std::string Manager::unsubscribe(const gloox::JID& service, const std::string& node, ResultHandler* handler,
@@ -225,7 +242,13 @@ std::string Manager::unsubscribe(const gloox::JID& service, const std::string& n
     stanza.open("unsubscribe").attribute("node", node).attribute("jid", subscriber.full());
     if (!subid.empty())
         stanza.attribute("subid", subid);
-    return ask({Operation::Unsubscribe, handler, service, node, subid, subscriber, {}}, id, stanza);
+    return sendRequest({.operation = Operation::Unsubscribe,
+                        .handler = handler,
+                        .service = service,
+                        .node = node,
+                        .subid = subid,
+                        .subscriber = subscriber},
+                       id, stanza);
 }
 
 std::string Manager::getKey(const gloox::JID& service, const std::string& node, ResultHandler* handler) {
@@ -250,7 +273,8 @@ std::string Manager::deviceRequest(Operation operation, const char* type, const 
     stanza.open(element, kDeviceXmlns).attribute("node", node);
     if (!seqNo.empty())
         stanza.foreignAttribute("seqNo", seqNo);
-    return ask({operation, handler, service, node, {}, {}, {}}, id, stanza);
+    return sendRequest({.operation = operation, .handler = handler, .service = service, .node = node}, id,
+                       stanza);
 }
 
 std::string Manager::bulkActivate(const gloox::JID& service, const gloox::StringList& nodes,
@@ -267,7 +291,8 @@ std::string Manager::getPendingRequest(const gloox::JID& service, ResultHandler*
     const std::string id = nextId();
     StanzaWriter stanza = beginIq("set", service, id);
     openPendingCommand(stanza);
-    return ask({Operation::PendingRequest, handler, service, {}, {}, {}, {}}, id, stanza);
+    return sendRequest({.operation = Operation::PendingRequest, .handler = handler, .service = service}, id,
+                       stanza);
 }
 
 std::string Manager::getPendingNodeRequest(const gloox::JID& service, const std::string& node,
@@ -276,7 +301,9 @@ std::string Manager::getPendingNodeRequest(const gloox::JID& service, const std:
     StanzaWriter stanza = beginIq("set", service, id);
     openPendingCommand(stanza).attribute("sessionid", session);
     stanza.open("x", gloox::XMLNS_X_DATA).attribute("type", "submit").field("pubsub#node", node);
-    return ask({Operation::PendingNodeRequest, handler, service, node, {}, {}, {}}, id, stanza);
+    return sendRequest(
+        {.operation = Operation::PendingNodeRequest, .handler = handler, .service = service, .node = node},
+        id, stanza);
 }
 
 std::string Manager::approvePending(const gloox::JID& service, const std::string& node, const std::string& id,
@@ -288,7 +315,7 @@ std::string Manager::approvePending(const gloox::JID& service, const std::string
     openForm(stanza, kAuthorizationForm);
     stanza.field("pubsub#subid", subid).field("pubsub#node", node);
     stanza.field("pubsub#subscriber_jid", subscriber).field("pubsub#allow", approve);
-    return tell(service, messageId, stanza);
+    return sendMessage(service, messageId, stanza);
 }
 
 std::string Manager::ackItem(const gloox::JID& service, const std::string& node, const std::string& item) {
@@ -296,7 +323,7 @@ std::string Manager::ackItem(const gloox::JID& service, const std::string& node,
     StanzaWriter stanza;
     stanza.open("message").attribute("to", service.full()).attribute("id", id);
     stanza.open("ack", kDeviceXmlns).foreignAttribute("node", node).foreignAttribute("id", item);
-    return tell(service, id, stanza);
+    return sendMessage(service, id, stanza);
 }
 
 std::string Manager::bulk(Operation operation, const char* element, const gloox::JID& service,
@@ -329,8 +356,9 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
     bulk->id = id;
     bulk->unanswered = parts.size();
     for (auto& [partId, stanza] : parts) {
-        m_requests.emplace(partId, Request{operation, handler, service, {}, {}, {}, bulk});
-        pass(partId, std::move(stanza));
+        m_requests.emplace(
+            partId, Request{.operation = operation, .handler = handler, .service = service, .bulk = bulk});
+        sendOrHold(partId, std::move(stanza));
     }
     return id;
 }
@@ -358,24 +386,24 @@ bool Manager::isUsable(const Request& request) const {
     return request.operation == Operation::PendingRequest || !request.node.empty();
 }
 
-std::string Manager::ask(Request request, const std::string& id, StanzaWriter& stanza) {
+std::string Manager::sendRequest(Request request, const std::string& id, StanzaWriter& stanza) {
     if (!isUsable(request))
         return {};
     std::string text = stanza.finish();
     if (!mayPass(text, "A request", request.node))
         return {};
     m_requests.emplace(id, std::move(request));
-    pass(id, std::move(text));
+    sendOrHold(id, std::move(text));
     return id;
 }
 
-std::string Manager::tell(const gloox::JID& service, const std::string& id, StanzaWriter& stanza) {
+std::string Manager::sendMessage(const gloox::JID& service, const std::string& id, StanzaWriter& stanza) {
     if (!m_client || !service)
         return {};
     std::string text = stanza.finish();
     if (!mayPass(text, "A message", id))
         return {};
-    pass(id, std::move(text));
+    sendOrHold(id, std::move(text));
     return id;
 }
 
@@ -408,7 +436,7 @@ bool Manager::mayHold(std::size_t count) {
     return m_held.size() + count <= kMaxHeld;
 }
 
-void Manager::pass(const std::string& id, std::string stanza) {
+void Manager::sendOrHold(const std::string& id, std::string stanza) {
     if (m_streamUp)
         m_client->sendStanza(stanza);
     else

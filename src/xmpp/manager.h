@@ -144,11 +144,11 @@ class Manager : public gloox::PubSub::Manager {
     std::string bulk(Operation operation, const char* element, const gloox::JID& service,
                      const gloox::StringList& nodes, ResultHandler* handler);
     bool isUsable(const Request& request) const;
-    std::string ask(Request request, const std::string& id, StanzaWriter& stanza);
-    std::string tell(const gloox::JID& service, const std::string& id, StanzaWriter& stanza);
+    std::string sendRequest(Request request, const std::string& id, StanzaWriter& stanza);
+    std::string sendMessage(const gloox::JID& service, const std::string& id, StanzaWriter& stanza);
     bool mayPass(const std::string& stanza, const char* what, const std::string& node);
     bool mayHold(std::size_t count);
-    void pass(const std::string& id, std::string stanza);
+    void sendOrHold(const std::string& id, std::string stanza);
     void dropUnawaited();
 
     // answers.cpp

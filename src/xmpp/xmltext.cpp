@@ -58,7 +58,7 @@ bool everyCodePoint(std::string_view text, Predicate allowed) {
 }
 
 // Skips printable ASCII: most texts have nothing else, and some are long.
-std::string_view behindPlain(std::string_view text) {
+std::string_view skipPlain(std::string_view text) {
     const auto isPlain = [](char c) { return c >= 0x20 && static_cast<unsigned char>(c) < 0x7F; };
     text.remove_prefix(
         static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isPlain) - text.begin()));
@@ -210,11 +210,11 @@ void appendEscaped(std::string& out, std::string_view text, bool attribute) {
 }  // namespace
 
 bool isXmlText(std::string_view text) {
-    return everyCodePoint(behindPlain(text), isChar);
+    return everyCodePoint(skipPlain(text), isChar);
 }
 
 bool isXmlAttribute(std::string_view value) {
-    return everyCodePoint(behindPlain(value), [](char32_t c) { return c >= 0x20 && isChar(c); });
+    return everyCodePoint(skipPlain(value), [](char32_t c) { return c >= 0x20 && isChar(c); });
 }
 
 bool isXmlName(std::string_view name) {
@@ -234,13 +234,13 @@ StanzaWriter& StanzaWriter::open(std::string_view element, std::string_view xmln
 }
 
 StanzaWriter& StanzaWriter::attribute(std::string_view name, std::string_view value) {
-    m_spoilt = m_spoilt || !isXmlAttribute(value);
+    m_invalid = m_invalid || !isXmlAttribute(value);
     writeAttribute(name, value);
     return *this;
 }
 
 StanzaWriter& StanzaWriter::foreignAttribute(std::string_view name, std::string_view value) {
-    m_spoilt = m_spoilt || !isXmlText(value);
+    m_invalid = m_invalid || !isXmlText(value);
     writeAttribute(name, value);
     return *this;
 }
@@ -252,14 +252,14 @@ void StanzaWriter::writeAttribute(std::string_view name, std::string_view value)
 }
 
 StanzaWriter& StanzaWriter::text(std::string_view text) {
-    m_spoilt = m_spoilt || !isXmlText(text);
+    m_invalid = m_invalid || !isXmlText(text);
     endStartTag();
     appendEscaped(m_out, text, false);
     return *this;
 }
 
 StanzaWriter& StanzaWriter::element(const gloox::Tag& tag) {
-    m_spoilt = m_spoilt || !isXmlElement(tag);
+    m_invalid = m_invalid || !isXmlElement(tag);
     endStartTag();
     // A parser reads a bare carriage return as a line feed; only the reference keeps it. Attributes
     // have none here.
@@ -294,7 +294,7 @@ StanzaWriter& StanzaWriter::close() {
 std::string StanzaWriter::finish() {
     while (!m_open.empty())
         close();
-    return m_spoilt ? std::string() : std::move(m_out);
+    return m_invalid ? std::string() : std::move(m_out);
 }
 
 void StanzaWriter::endStartTag() {

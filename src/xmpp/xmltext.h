@@ -36,7 +36,7 @@ class StanzaWriter {
     StanzaWriter& field(std::string_view var, std::string_view value, bool hidden = false);
     StanzaWriter& close();
     // Invalidates the stanza, for content that the caller has found invalid.
-    void spoil() { m_spoilt = true; }
+    void invalidate() { m_invalid = true; }
 
     // In bytes.
     std::size_t size() const { return m_out.size(); }
@@ -50,7 +50,7 @@ class StanzaWriter {
     std::string m_out;
     std::vector<std::string> m_open;
     bool m_inStartTag = false;
-    bool m_spoilt = false;
+    bool m_invalid = false;
 };
 
 }  // namespace xmpp

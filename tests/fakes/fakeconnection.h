@@ -80,7 +80,7 @@ class FakeServer : private gloox::TagHandler {
     void failAfterConnect(gloox::ConnectionError error) { m_lateFailure = error; }  // the first recv() fails
     void offerMechanism(const std::string& mechanism) { m_mechanism = mechanism; }  // "PLAIN", "ANONYMOUS"
     void refuseLogin(const std::string& condition) { m_loginRefusal = condition; }  // "not-authorized"
-    void stayMute() { m_mute = true; }                                              // answers nothing
+    void answerNothing() { m_mute = true; }                                         // answers nothing
     void bindAs(const std::string& jid) { m_boundJid = jid; }  // "": user@host/resource as the client asked
 
     // --- what it does in an open stream; the client sees it when the main context turns

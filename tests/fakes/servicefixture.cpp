@@ -122,7 +122,7 @@ void ServiceTest::checkPriorities() {
     systemLog().clear();
 }
 
-void ServiceTest::giveDetails() {
+void ServiceTest::setAccountDetails() {
     session().setSessionDetails(kJid, "secret", kResource, kServer, kService, 5222);
     session().m_domain = "example.org";
     session().m_networkAvailable = true;
@@ -130,7 +130,7 @@ void ServiceTest::giveDetails() {
 }
 
 void ServiceTest::connectSession() {
-    giveDetails();
+    setAccountDetails();
     ASSERT_TRUE(session().connectToService()) << log().raw();
     pump();
     ASSERT_TRUE(session().m_connected) << log().raw();

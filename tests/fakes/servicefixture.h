@@ -62,7 +62,7 @@ class ServiceTest : public ::testing::Test {
     QSZeltService* serviceHandle() { return fakeBus().service(); }
     GMainLoop* mainLoop() { return m_loop; }
     // Sets the account's details and a network, as after a login, without a connection.
-    void giveDetails();
+    void setAccountDetails();
     // Connects, logs in and clears what that wrote to journal, log and server.
     void connectSession();
     // The process ends and starts again: store and files stay, everything else is new (nothing is loaded).
@@ -78,7 +78,7 @@ class ServiceTest : public ::testing::Test {
     Answer callPublic(QSFilter handler, const std::string& method, const std::string& payload,
                       const std::string& appId = "com.example.app 4711");
     // Allows a message to be held at the end by anyone but the session.
-    void mayStayAlive(const Answer& answer) { m_mayStay.push_back(answer.message()); }
+    void allowHeld(const Answer& answer) { m_mayStay.push_back(answer.message()); }
 
     // --- the server
     // The last stanza that the client wrote; fails and returns an empty one when there is none.

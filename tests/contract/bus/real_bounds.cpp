@@ -221,7 +221,7 @@ size_t countOf(const std::string& text, const std::string& word) {
 
 }  // namespace
 
-TEST_F(TellsNoIdentity, LinesAboutClientsThatAreNotToldAreBounded) {
+TEST_F(TellsNoIdentity, LogLinesAboutUnknownClientsAreBounded) {
     constexpr size_t kClients = 60;
     size_t handled = 0;
     m_handlers["hold"] = [&](QSHandle*, QSMessage*) { handled++; };

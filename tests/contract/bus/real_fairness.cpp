@@ -123,7 +123,7 @@ TEST_F(Fairness, ABurstOfCallsLosesNone) {
     EXPECT_TRUE(m_engine->until([&] { return replies == 1000; }));
 }
 
-TEST_F(Fairness, ASubscriberThatDoesNotReadHoldsNobody) {
+TEST_F(Fairness, ASubscriberThatDoesNotReadBlocksNobody) {
     WireConnection stalled(engine(), QSBus::Public);
     auto reader = m_engine->client(QSBus::Public);
     std::string wish = R"({"subscribe":true})";

@@ -108,7 +108,7 @@ TEST_F(Lifetime, AHandlerThatThrowsEndsItsRequestAlone) {
     EXPECT_THAT(log, HasSubstr("Handling follow failed"));
 }
 
-TEST_F(Lifetime, ADeathIsSeenAtWhateverMomentItFalls) {
+TEST_F(Lifetime, TheEndOfAClientIsNoticedAtAnyTime) {
     m_handlers["follow"] = [&](QSHandle* handle, QSMessage* message) {
         QSSubscriptionAdd(handle, "key", message, nullptr);
     };
@@ -213,7 +213,7 @@ TEST_P(FullInbox, AnIdentityWhoseAnswerWasLostIsAskedAgain) {
     EXPECT_TRUE(m_engine->until([&] { return m_cancelled.size() == 1; }));
 }
 
-TEST_F(Lifetime, ListsOfKeysThatNobodyHoldsAreGone) {
+TEST_F(Lifetime, EmptyListsOfKeysAreRemoved) {
     auto client = m_engine->client(QSBus::Public);
     size_t call = 0;
     for (int i = 0; i < 50; i++)
@@ -273,7 +273,7 @@ TEST_F(Lifetime, ACallersEndFunctionSaysOnceWhyNoAnswerFollows) {
     EXPECT_THAT(ends, ElementsAre(R"({"reason":"released"})", R"({"reason":"gone"})"));
 }
 
-TEST_F(Lifetime, UnregisteringInsideAHandlerIsBorne) {
+TEST_F(Lifetime, UnregisteringInsideAHandlerIsAllowed) {
     auto client = m_engine->client(QSBus::Public);
     m_handlers["hold"] = [&](QSHandle* handle, QSMessage* message) {
         EXPECT_TRUE(QSUnregister(handle, m_error)) << m_error.message();
@@ -372,7 +372,7 @@ bool keep(QSHandle* handle, QSMessage* message, void* loop) {
 
 }  // namespace
 
-TEST(ProcessExit, BearsMessagesThatStaticTablesStillKeep) {
+TEST(ProcessExit, AllowsMessagesThatStaticTablesStillKeep) {
     RealBuses buses;
     pid_t pid = fork();
     if (pid == 0)

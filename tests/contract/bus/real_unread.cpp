@@ -46,9 +46,9 @@ long kilobytes(pid_t pid, const std::string& key) {
 }
 
 // A connection that reads the reply to Hello and nothing after it.
-class Deaf {
+class NonReader {
   public:
-    explicit Deaf(const std::string& address) {
+    explicit NonReader(const std::string& address) {
         sd_bus_new(&m_bus);
         sd_bus_set_address(m_bus, address.c_str());
         sd_bus_set_bus_client(m_bus, 1);
@@ -78,14 +78,14 @@ struct Hostile {
 };
 
 // Each client sends its calls; then all continue slowly, forever. One byte reports that the calls are sent.
-[[noreturn]] void beDeaf(const std::string& address, const Hostile& hostile, int channel) {
+[[noreturn]] void runNonReaders(const std::string& address, const Hostile& hostile, int channel) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0))
         _exit(3);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    std::vector<std::unique_ptr<Deaf>> all;
+    std::vector<std::unique_ptr<NonReader>> all;
     for (int i = 0; i < kHostile; i++)
-        all.push_back(std::make_unique<Deaf>(address));
+        all.push_back(std::make_unique<NonReader>(address));
     const std::string payload(hostile.payload, 'x');
     const std::string* given = hostile.payload ? &payload : nullptr;
     for (int i = 0; i < hostile.calls; i++)
@@ -149,7 +149,7 @@ class World {
         EXPECT_EQ(pipe(channel), 0);
         OwnedProcess process(fork());
         if (process.pid() == 0)
-            beDeaf(address(), hostile, channel[1]);
+            runNonReaders(address(), hostile, channel[1]);
         close(channel[1]);
         pollfd wait = {channel[0], POLLIN, 0};
         char byte = 0;
@@ -188,7 +188,7 @@ std::string nameOfCase(const testing::TestParamInfo<ClientsThatDoNotRead::ParamT
 
 }  // namespace
 
-TEST_P(ClientsThatDoNotRead, HoldNobodyAndFillNothing) {
+TEST_P(ClientsThatDoNotRead, BlockNobodyAndFillNothing) {
     World world(std::get<0>(GetParam()));
     const gint64 quiet = world.median();
     ASSERT_GT(quiet, 0);

@@ -225,7 +225,7 @@ TEST_F(PrivateMethods, DoNotExistOnThePublicBus) {
     EXPECT_THAT(m_kept, IsEmpty());
 }
 
-TEST_F(PrivateMethods, StandOnThePrivateBusBesideThePublicOnes) {
+TEST_F(PrivateMethods, AreOnThePrivateBusBesideThePublicOnes) {
     auto client = m_engine->client(QSBus::Private);
     size_t call = 0;
     EXPECT_STREQ(QSMessageGetMethod(request(*client, call, "secret")), "secret");

@@ -39,7 +39,7 @@ class Subscriptions : public OnBothBuses {
 };
 INSTANTIATE_TEST_SUITE_P(, Subscriptions, testing::Values(QSBus::Private, QSBus::Public), busOfCase);
 
-TEST_P(Subscriptions, OfMethodsNeedTheWordInThePayload) {
+TEST_P(Subscriptions, OfMethodsNeedTheMemberInThePayload) {
     auto client = m_engine->client(GetParam());
     size_t call = 0;
     for (const char* payload : {"{}", R"({"subscribe":false})", R"({"subscribe":null})", "subscribe",
@@ -54,7 +54,7 @@ TEST_P(Subscriptions, OfMethodsNeedTheWordInThePayload) {
     EXPECT_TRUE(post("nobody"));
 }
 
-TEST_P(Subscriptions, OfMethodsTakeTheWordByJsonCsConversion) {
+TEST_P(Subscriptions, OfMethodsReadTheMemberByJsonCsConversion) {
     auto client = m_engine->client(GetParam());
     size_t call = 0;
     for (const char* payload : {R"({"subscribe":1})", R"({"subscribe":-0.5})", R"({"subscribe":"false"})"}) {
@@ -165,7 +165,7 @@ TEST_P(Subscriptions, OfNoHandleAreAFailure) {
     EXPECT_EQ(m_error.code(), -EINVAL);
 }
 
-TEST_P(Subscriptions, MayStandUnderSeveralKeysButOnceUnderEach) {
+TEST_P(Subscriptions, MayBeUnderSeveralKeysButOnceUnderEach) {
     auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = subscribe(*client, call, "a");
@@ -237,7 +237,7 @@ TEST_P(Subscriptions, AreEndedByTheClientsCancel) {
     EXPECT_THAT(keysOf(handle(), "key"), IsEmpty());
 }
 
-TEST_P(Subscriptions, AreCancelledOnceThoughTheyStandOnSeveralLists) {
+TEST_P(Subscriptions, AreCancelledOnceThoughTheyAreOnSeveralLists) {
     auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = process(*client, call);
@@ -345,7 +345,7 @@ TEST_P(Subscriptions, MayBeRemovedInsideTheCancelFunction) {
     EXPECT_THAT(keysOf(handle(), "key"), IsEmpty());
 }
 
-TEST_P(Subscriptions, AnAcquiredListBearsTheDeathOfItsClients) {
+TEST_P(Subscriptions, AnAcquiredListSurvivesTheEndOfItsClients) {
     auto client = m_engine->client(GetParam());
     size_t call = 0;
     subscribe(*client, call, "key", "text");

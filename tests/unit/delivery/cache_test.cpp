@@ -170,7 +170,7 @@ TEST_F(Cache, DeletesTheItemOfTheNodeAlone) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-TEST_F(Cache, DeletesWithoutAWordWhatIsNotThere) {
+TEST_F(Cache, DeletesAMissingItemSilently) {
     PubSubSession::deleteItemFromCache("/u/a");
     EXPECT_EQ(takeLogLines(), Texts{});
 }
@@ -199,7 +199,7 @@ class SharedName : public Cache {
   protected:
     void SetUp() override {
         Cache::SetUp();
-        giveDetails();
+        setAccountDetails();
     }
     static std::string item(const std::string& text, const std::string& endpoint) {
         return R"({ "item": ")" + text + R"(", "endpoint": ")" + endpoint + R"(", "returnValue": true })";
@@ -279,7 +279,7 @@ TEST_F(SharedName, ItemsSurviveARestart) {
     for (const std::string& node : {kBankApp, kBank, kBankSlash})
         saveItem(node, node);
     restartService();
-    giveDetails();
+    setAccountDetails();
     for (const std::string& node : {kBank, kBankSlash, kBankApp})
         EXPECT_EQ(textOf(node), node);
 }
@@ -313,7 +313,7 @@ TEST_F(SharedName, DiskWithoutRoomTakesNothingFromEitherNode) {
     EXPECT_EQ(textOf(kBankApp), "of bank-app");
 }
 
-TEST_F(SharedName, FileOfAnEarlierReleaseGoesToTheNodeThatItsContentNames) {
+TEST_F(SharedName, FileOfAnEarlierReleaseIsAssignedToTheNodeThatItsContentNames) {
     writeFile(folder() / kFile, item("hello", "app-alerts"));
     EXPECT_EQ(textOf(kBankApp), "none");
     EXPECT_EQ(textOf(kBankSlash), "none");
@@ -324,7 +324,7 @@ TEST_F(SharedName, FileOfAnEarlierReleaseGoesToTheNodeThatItsContentNames) {
     EXPECT_EQ(files(), 0u);
 }
 
-TEST_F(SharedName, FileOfAnEarlierReleaseGoesToTheOneKnownNodeThatFits) {
+TEST_F(SharedName, FileOfAnEarlierReleaseIsAssignedToTheOneKnownNodeThatMatches) {
     recordNode(kBankApp, "com.example.bank-app");
     recordNode(kBank, "com.example.bank");
     recordNode("/u1234/dev42/com.example.bank/other", "com.example.bank");
@@ -338,7 +338,7 @@ TEST_F(SharedName, FileOfAnEarlierReleaseGoesToTheOneKnownNodeThatFits) {
     EXPECT_EQ(textOf(kBank), "of bank");
 }
 
-TEST_F(SharedName, FileOfAnEarlierReleaseThatFitsTwoNodesOrNoneGoesToNobodyAndStays) {
+TEST_F(SharedName, FileOfAnEarlierReleaseThatMatchesTwoNodesOrNoneIsNotAssignedAndStays) {
     for (const bool known : {true, false}) {
         if (known) {
             recordNode(kBankApp, "com.example.bank-app");
@@ -349,7 +349,7 @@ TEST_F(SharedName, FileOfAnEarlierReleaseThatFitsTwoNodesOrNoneGoesToNobodyAndSt
             std::filesystem::rename(stateFolder() / "cache", stateFolder() / "moved");
             setenv("PUBSUB_STATE_DIR", (stateFolder() / "second").c_str(), 1);
             std::filesystem::create_directories(stateFolder() / "second" / "cache");
-            giveDetails();
+            setAccountDetails();
         }
         const std::filesystem::path file = pathOf(kBankApp);
         writeFile(file, item("hello", "alerts"));
@@ -425,7 +425,7 @@ TEST_F(CacheBound, ApplicationHasOnlySoManyBytes) {
     EXPECT_TRUE(saveItem(nodeOf("com.example.many", 3), text));
 }
 
-TEST_F(CacheBound, ApplicationWhoseItemsStandApartHasTheSameBound) {
+TEST_F(CacheBound, ApplicationWithItemsInTheSecondFolderHasTheSameBound) {
     ASSERT_TRUE(saveItem(kBankApp, "x"));
     const std::filesystem::path file = *std::filesystem::directory_iterator(apart());
     std::filesystem::resize_file(file, (16 << 20) - 1000);

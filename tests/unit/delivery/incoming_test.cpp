@@ -101,7 +101,7 @@ TEST_F(Incoming, ItemForASubscriberThatCancelledIsCachedAndTheRecordStays) {
     EXPECT_TRUE(session().subMap.contains(kNode));
 }
 
-TEST_F(Incoming, ItemThatCannotBePushedIsCachedAndTheRecordGoes) {
+TEST_F(Incoming, ItemThatCannotBePushedIsCachedAndTheSubscriberRemoved) {
     session().setSubMap(kNode, "com.example.app", publicHandle());
     fakeBus().failNext("QSSubscriptionRespond", -2, "nobody");
     pushItem(kNode, "7", "i1", "hello");
@@ -195,7 +195,7 @@ TEST_F(Incoming, OnlyTheFirstItemOfAnItemsElementCounts) {
     EXPECT_EQ(cached(), appObject("a"));
 }
 
-TEST_F(Incoming, ItemTellsActivationThatTheNodeMustBeActivatedAnew) {
+TEST_F(Incoming, ItemMarksTheNodeToBeActivatedAgain) {
     session().activated(kNode, true);
     pushItem(kNode, "7", "i1", "hello");
     EXPECT_FALSE(session().m_activateMap.at(kNode));
@@ -311,7 +311,7 @@ TEST_F(Incoming, PublicSubscriberComesBeforeTheListenerForClosedApplications) {
     EXPECT_FALSE(isCached());
 }
 
-TEST_F(Incoming, ListenerForClosedApplicationsHearsNothingOfASubscriberThatCancelled) {
+TEST_F(Incoming, ListenerForClosedApplicationsGetsNothingForASubscriberThatCancelled) {
     FakeMessage* listener = listenOnClose();
     session().setSubMap(kNode, "com.example.app", nullptr);
     session().m_offlineMap[kNode] = "com.example.app";
@@ -322,7 +322,7 @@ TEST_F(Incoming, ListenerForClosedApplicationsHearsNothingOfASubscriberThatCance
     EXPECT_EQ(cached(), appObject("hello"));
 }
 
-TEST_F(Incoming, ClosedApplicationWithoutAnEntryInTheMapIsNotTold) {
+TEST_F(Incoming, ClosedApplicationWithoutAnEntryInTheMapIsNotNotified) {
     FakeMessage* listener = listenOnClose();
     pushItem(kNode, "7", "i1", "hello");
     EXPECT_EQ(listener->answers, Texts{});

@@ -100,7 +100,7 @@ TEST_F(Incoming, EveryItemsElementOfAnEventCountsAndTheFirstItemAndPayloadOfEach
     EXPECT_EQ(cached(), appObject("third"));
 }
 
-TEST_F(Incoming, EventsOfStrangersAreNotHeard) {
+TEST_F(Incoming, EventsOfOtherEntitiesAreIgnored) {
     serverSends(
         "<message from='mallory@example.org/x' to='u1234@example.org/dev42'><event "
         "xmlns='http://jabber.org/protocol/pubsub#event'><items node='" +
@@ -157,7 +157,7 @@ TEST_F(PushedToSubscribers, ChangeOfASubscriptionReachesTheSubscribersOfItsNode)
     EXPECT_TRUE(listener->kept());
 }
 
-TEST_F(PushedToSubscribers, ChangeOfASubscriptionThatNobodyFollowsIsLogged) {
+TEST_F(PushedToSubscribers, ChangeOfASubscriptionWithoutSubscribersIsLogged) {
     fakeBus().failNext("QSSubscriptionRespond", -2, "nobody");
     pushEvent("<subscription/>");
     EXPECT_EQ(
@@ -179,7 +179,7 @@ TEST_F(PushedToSubscribers, RequestForApprovalReachesItsNodeAndTheListenersOfAll
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-TEST_F(PushedToSubscribers, RequestForApprovalThatNobodyHearsIsLoggedForBothKeys) {
+TEST_F(PushedToSubscribers, RequestForApprovalWithoutListenersIsLoggedForBothKeys) {
     fakeBus().failNext("QSSubscriptionRespond", -2, "nobody", 2);
     pushForm(field("pubsub#node", "/n"));
     EXPECT_EQ(takeLogLines(), (Texts{"handleMessage: Warning: No one approve message? Quor error nobody ",

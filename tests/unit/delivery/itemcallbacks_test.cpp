@@ -41,14 +41,14 @@ class ItemCallbacks : public ServiceTest {
   protected:
     void SetUp() override {
         ServiceTest::SetUp();
-        giveDetails();
+        setAccountDetails();
     }
     std::string file() const { return fileText(handlerFile()); }
 };
 
 class ItemCallbackRefusal : public ItemCallbacks, public testing::WithParamInterface<CallbackRefusal> {};
 
-TEST_P(ItemCallbackRefusal, RegistersNothingAndTellsWhy) {
+TEST_P(ItemCallbackRefusal, RegistersNothingAndGivesTheReason) {
     const CallbackRefusal& refusal = GetParam();
     const std::string reply = errorReply(refusal.code, refusal.text);
     const Answer answer = call(refusal.handler, refusal.payload);
@@ -176,7 +176,7 @@ TEST_F(ItemCallbacks, AppendsARecordForEachEndpointOfANode) {
     EXPECT_EQ(file(), record(first) + record(second));
 }
 
-TEST_F(ItemCallbacks, KeepsAPairWhoseRecordCannotBeWrittenAndSaysSo) {
+TEST_F(ItemCallbacks, KeepsAPairWhoseRecordCannotBeWrittenAndReportsIt) {
     std::filesystem::create_directory(handlerFile());
     EXPECT_EQ(call(registerItemCallback, R"({"node":"a","endpoint":"e"})"), kNotDone);
     EXPECT_EQ(session().serviceNodeMap, (Handlers{{"a", {"e"}}}));
@@ -184,7 +184,7 @@ TEST_F(ItemCallbacks, KeepsAPairWhoseRecordCannotBeWrittenAndSaysSo) {
     EXPECT_EQ(call(registerItemCallbackV2, R"({"node":"a","endpoint":"e"})"), kNotDone);
 }
 
-TEST_F(ItemCallbacks, KeepsAPairWhoseRecordIsTooLongAndSaysSo) {
+TEST_F(ItemCallbacks, KeepsAPairWhoseRecordIsTooLongAndReportsIt) {
     const std::string payload = R"({"node":"a","endpoint":"e","pad":")" + std::string(4094, 'x') + R"("})";
     EXPECT_EQ(call(registerItemCallback, payload), kNotDone);
     EXPECT_EQ(session().serviceNodeMap, (Handlers{{"a", {"e"}}}));

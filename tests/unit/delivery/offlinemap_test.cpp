@@ -44,14 +44,14 @@ TEST_F(OfflineMap, KeepsTheFirstOfTwoValues) {
     EXPECT_EQ(takeEvents(), Texts{});
 }
 
-TEST_F(OfflineMap, LeavesTheWordsOfAnAbsentNodeAlone) {
+TEST_F(OfflineMap, LeavesTheErrorTextsForAnAbsentNode) {
     const Check c = check("/a");
     EXPECT_FALSE(c.found);
     EXPECT_EQ(c.code, "code");
     EXPECT_EQ(c.text, "text");
 }
 
-TEST_F(OfflineMap, GivesTheWordsOfAPresentNode) {
+TEST_F(OfflineMap, GivesTheErrorTextsForAPresentNode) {
     session().setOfflineMap("/a", "com.example.app");
     const Check c = check("/a");
     EXPECT_TRUE(c.found);

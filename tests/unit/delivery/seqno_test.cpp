@@ -201,7 +201,7 @@ TEST_F(SeqNo, BearsACommitThatFails) {
 
 class SeqNoOfADelete : public SeqNo, public testing::WithParamInterface<const char*> {};
 
-TEST_P(SeqNoOfADelete, StandsWhereNoRecordOfTheDeletionStoreCanBe) {
+TEST_P(SeqNoOfADelete, IsStoredWhereNoRecordOfTheDeletionStoreCanBe) {
     const std::string node = GetParam();
     const std::string record = R"({ "nodes": [ "\/u\/a" ] })";
     store(record, node);

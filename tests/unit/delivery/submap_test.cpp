@@ -28,7 +28,7 @@ class SubMap : public ServiceTest {
     }
 };
 
-TEST_F(SubMap, LeavesTheWordsOfAnAbsentNodeAlone) {
+TEST_F(SubMap, LeavesTheErrorTextsForAnAbsentNode) {
     session().setSubMap("/b", "com.example.app", publicHandle());
     Check c;
     c.found = true;
@@ -42,7 +42,7 @@ TEST_F(SubMap, LeavesTheWordsOfAnAbsentNodeAlone) {
     EXPECT_EQ(c.text, "text");
 }
 
-TEST_F(SubMap, GivesTheRecordAndTheWordsOfAPresentNode) {
+TEST_F(SubMap, GivesTheRecordAndTheErrorTextsForAPresentNode) {
     session().setSubMap("/a", "com.example.app", publicHandle());
     const Check c = check("/a");
     EXPECT_TRUE(c.result);

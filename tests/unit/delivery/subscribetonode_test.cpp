@@ -164,7 +164,7 @@ TEST_F(SubscribeToNode, ChangesNoRegistry) {
 class SubscribeWhileConnecting : public ServiceTest {};
 
 TEST_F(SubscribeWhileConnecting, SendsTheRequestOnceTheStreamIsUp) {
-    giveDetails();
+    setAccountDetails();
     ASSERT_TRUE(session().connectToService());
     ASSERT_FALSE(session().m_connected);
     const Answer reply = call(subscribeToNode, R"({"node":"a"})");

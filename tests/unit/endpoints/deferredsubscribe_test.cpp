@@ -164,7 +164,7 @@ TEST_F(DeferredSubscribe, IsDroppedWithItsSubscriber) {
     EXPECT_TRUE(session().m_deferredSubscribes.empty());
 }
 
-TEST_F(DeferredSubscribe, StandsInTheWayOfASecondSubscriber) {
+TEST_F(DeferredSubscribe, BlocksASecondSubscriber) {
     const Answer first = askSubscribe();
     const Answer second = askSubscribe();
     EXPECT_EQ(second.all(), Texts{R"({ "returnValue": true, "endpoint": "inbox", "status": "subscribed" })"});

@@ -88,7 +88,7 @@ TEST_F(OnClose, FirstRequestIsRecordedSilently) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-TEST_F(OnClose, SecondRequestTellsTheListenerTheNodeName) {
+TEST_F(OnClose, SecondRequestSendsTheListenerTheNodeName) {
     const Answer listener = listen();
     record();
     takeEvents();

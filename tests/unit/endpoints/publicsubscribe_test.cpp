@@ -48,7 +48,7 @@ TEST_F(PublicSubscribe, ItemAfterTheFirstAnswerComesBeforeTheSecond) {
     EXPECT_FALSE(reply.kept());
 }
 
-TEST_F(PublicSubscribe, SecondSubscriberOfANodeIsToldAndChangesNothing) {
+TEST_F(PublicSubscribe, SecondSubscriberOfANodeGetsTheStatusAndChangesNothing) {
     askSubscribe();
     const std::size_t before = stanzaCount();
     takeEvents();
@@ -59,7 +59,7 @@ TEST_F(PublicSubscribe, SecondSubscriberOfANodeIsToldAndChangesNothing) {
     EXPECT_EQ(fakeBus().subscribers(publicHandle(), kNode).size(), 1u);
 }
 
-TEST_F(PublicSubscribe, SecondSubscriberIsToldSoAlsoWhenAnItemWaits) {
+TEST_F(PublicSubscribe, SecondSubscriberGetsTheStatusAlsoWhenAnItemWaits) {
     askSubscribe();
     writeFile(cacheFile(), item("hello"));
     EXPECT_EQ(askSubscribe().all(), Texts{kSubscribed});
@@ -81,7 +81,7 @@ TEST_F(PublicSubscribe, GetsNoAnswerWhileActivationIsHeldBack) {
     EXPECT_TRUE(session().m_deferredSubscribes.contains(kNode));
 }
 
-TEST_F(PublicSubscribe, WaitingItemIsHandedOverAndItsFileGoes) {
+TEST_F(PublicSubscribe, WaitingItemIsSentAndItsFileDeleted) {
     pushItem(kNode, "7", "i1", "hello");
     ASSERT_TRUE(std::filesystem::exists(cacheFile()));
     fakeServer().forgetStanzas();
@@ -132,7 +132,7 @@ TEST_F(PublicSubscribe, WaitingItemStaysAndIsNotSentWhenTheFirstAnswerCannotBeSe
     EXPECT_EQ(takeLogLines(), Texts{"subscribe: Sending response to subscribe failed id  Error no way "});
 }
 
-TEST_F(PublicSubscribe, DamagedCacheFileDoesNotStandInTheWay) {
+TEST_F(PublicSubscribe, DamagedCacheFileDoesNotPreventTheSubscription) {
     writeFile(cacheFile(), "damaged");
     const Answer reply = askSubscribe();
     EXPECT_EQ(reply.all(), Texts{kSuccess});
@@ -173,7 +173,7 @@ TEST_F(PublicSubscribe, OfANodeThatServicesTakeIsRefusedAndLeavesTheBusList) {
     EXPECT_TRUE(log().contains("Error " + kNotInitialized + ", Incoming " + kInbox));
 }
 
-TEST_F(PublicSubscribe, ThatIsRefusedTakesNobodyElseOutOfTheBusList) {
+TEST_F(PublicSubscribe, ThatIsRefusedRemovesNoOtherSubscriber) {
     FakeMessage* other = fakeBus().request(publicHandle(), "other", "{}", "com.example.app 1");
     ASSERT_TRUE(QSSubscriptionAdd(publicHandle(), kNode.c_str(), other, nullptr));
     QSMessageUnref(other);
@@ -251,7 +251,7 @@ TEST_F(PublicSubscribe, WithdrawalThatTheServerRefusesKeepsTheSubscriber) {
     EXPECT_TRUE(session().subMap.contains(kNode));
 }
 
-TEST_F(PublicSubscribe, WithdrawalWithoutASubscriberSaysSo) {
+TEST_F(PublicSubscribe, WithdrawalWithoutASubscriberReportsIt) {
     const Answer reply = askUnsubscribe();
     EXPECT_EQ(reply.all(), Texts{kNotSubscribed});
     EXPECT_EQ(takeEvents(), Texts{"bus.respond unsubscribe " + kNotSubscribed});

@@ -116,7 +116,7 @@ TEST_F(FakeBusTest, ReportsTheUseOfAReleasedMessage) {
     EXPECT_NONFATAL_FAILURE(QSMessageUnref(message), "released");
 }
 
-TEST_F(FakeBusTest, BearsAReleaseAfterAReset) {
+TEST_F(FakeBusTest, AllowsAReleaseAfterAReset) {
     fakeBus().call(fakeBus().privateHandle(), keep, "keep", "{\"kept\":true}");
     fakeBus().reset();
     EXPECT_STREQ(QSMessageGetPayload(gKept.get()), "{\"kept\":true}");
@@ -144,7 +144,7 @@ TEST_F(FakeBusTest, RunsTheCancelFunctionAfterTheMessageLeftItsLists) {
                             "bus.unsubscribe public key"));
 }
 
-TEST_F(FakeBusTest, TellsOfADeathOnlyWhenTheConnectionsAreRead) {
+TEST_F(FakeBusTest, ReportsTheEndOfAClientOnlyWhenTheConnectionsAreRead) {
     FakeMessage* message = fakeBus().call(fakeBus().publicHandle(), follow, "subscribe", "{}");
     fakeBus().clientDiesUnseen(message);
     EXPECT_TRUE(message->kept());
@@ -197,7 +197,7 @@ TEST_F(FakeBusTest, TellsTheWatchesOfOneService) {
     EXPECT_THAT(gSeen, ElementsAre("context {\"connected\":true}", "context {\"connected\":false}"));
 }
 
-TEST_F(FakeBusTest, FailsAsOftenAsTheTestSaid) {
+TEST_F(FakeBusTest, FailsAsOftenAsTheTestSpecified) {
     fakeBus().failNext("QSCall", -EIO, "no bus", 2);
     BusError error;
     for (int i = 0; i < 2; ++i) {

@@ -122,7 +122,7 @@ TEST_F(FakeConnectionTest, ReplacesOnlyTheIdOfTheOuterElement) {
     EXPECT_EQ(withoutId("<iq id='a' subid='c'/>"), "<iq id='ID' subid='c'/>");
 }
 
-TEST_F(FakeConnectionTest, SendsWhatTheTestSays) {
+TEST_F(FakeConnectionTest, SendsWhatTheTestSpecifies) {
     login();
     fakeServer().sends("<message from='a@example.org'><body>one</body></message>");
     fakeServer().sends("<message from='a@example.org'><body>two</body></message>");
@@ -153,8 +153,8 @@ TEST_F(FakeConnectionTest, RefusesALogin) {
     EXPECT_EQ(m_client->authError(), gloox::SaslNotAuthorized);
 }
 
-TEST_F(FakeConnectionTest, StaysMuteWhenTold) {
-    fakeServer().stayMute();
+TEST_F(FakeConnectionTest, AnswersNothingWhenConfigured) {
+    fakeServer().answerNothing();
     ASSERT_TRUE(m_client->connect(false));
     EXPECT_EQ(pump(), gloox::ConnNoError);
     EXPECT_FALSE(m_connected);

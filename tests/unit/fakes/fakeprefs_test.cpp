@@ -58,7 +58,7 @@ TEST_F(FakePrefsTest, LosesTheBufferOfAFailedCommit) {
     EXPECT_EQ(fakePrefs().openHandles(), 0u);
 }
 
-TEST_F(FakePrefsTest, FailsAsOftenAsTheTestSaid) {
+TEST_F(FakePrefsTest, FailsAsOftenAsTheTestSpecified) {
     fakePrefs().failNext("QPAppSetValue", QP_IO);
     EXPECT_EQ(QPAppSetValue(m_handle, "key", "1"), QP_IO);
     EXPECT_FALSE(fakePrefs().faultPending("QPAppSetValue"));

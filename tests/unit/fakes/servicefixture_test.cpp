@@ -74,7 +74,7 @@ TEST_F(ServiceFixtureTest, LogsInOverTheFakeServer) {
     EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(ServiceFixtureTest, PlaysARequestAndItsAnswer) {
+TEST_F(ServiceFixtureTest, RunsARequestAndItsAnswer) {
     connectSession();
     const Answer created = callPrivate(createNode, "createNode", kCreateNode);
     EXPECT_TRUE(created.waiting());
@@ -84,7 +84,7 @@ TEST_F(ServiceFixtureTest, PlaysARequestAndItsAnswer) {
     EXPECT_EQ(created.all().size(), 1u);
 }
 
-TEST_F(ServiceFixtureTest, PlaysARequestAndItsError) {
+TEST_F(ServiceFixtureTest, RunsARequestAndItsError) {
     connectSession();
     const Answer created = callPrivate(createNode, "createNode", kCreateNode);
     answerError(lastId(), "cancel", "conflict");
@@ -127,13 +127,13 @@ TEST_F(ServiceFixtureTest, GivesTheLogOfTheService) {
     EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(ServiceFixtureTest, BearsARequestThatIsStillWaitingAtTheEnd) {
+TEST_F(ServiceFixtureTest, AllowsARequestThatIsStillWaitingAtTheEnd) {
     connectSession();
     EXPECT_TRUE(callPrivate(createNode, "createNode", kCreateNode).waiting());
 }
 
-TEST_F(ServiceFixtureTest, BearsAMessageThatTheTestDeclared) {
-    mayStayAlive(call(keepStray, "{}"));
+TEST_F(ServiceFixtureTest, AllowsAMessageThatTheTestDeclared) {
+    allowHeld(call(keepStray, "{}"));
 }
 
 TEST(ServiceFixtureLeakTest, FailsWhenAMessageIsLeftBehind) {

@@ -139,7 +139,7 @@ TEST_F(DeleteStore, RemovesNothingWhenTheStoreFails) {
 
 // --- the number of a node's last item
 
-TEST_F(DeleteStore, ForgetsTheNumberOfANode) {
+TEST_F(DeleteStore, RemovesTheNumberOfANode) {
     session().persistSeqNo("/u/a", "42");
     session().persistSeqNo("/u/b", "7");
     takeEvents();
@@ -149,13 +149,13 @@ TEST_F(DeleteStore, ForgetsTheNumberOfANode) {
     EXPECT_TRUE(session().isStalePacket("/u/b", "7"));
 }
 
-TEST_F(DeleteStore, ForgetsWithoutAWordANumberThatIsNotThere) {
+TEST_F(DeleteStore, RemovesAMissingNumberSilently) {
     removeSeqNo("/u/a", session());
     EXPECT_EQ(takeLogLines(), Texts{});
     EXPECT_EQ(takeEvents(), Texts{kCommit});
 }
 
-TEST_F(DeleteStore, LogsEachFailureToForgetANumber) {
+TEST_F(DeleteStore, LogsEachFailureToRemoveANumber) {
     fakePrefs().failNext("QPAppGetHandle", QP_IO);
     removeSeqNo("/u/a", session());
     EXPECT_EQ(takeLog(), Texts{"Getting app handle failed. 3"});
@@ -171,8 +171,8 @@ TEST_F(DeleteStore, LogsEachFailureToForgetANumber) {
 
 // --- clean-up
 
-TEST_F(CleanUp, DropsEveryTraceAndDeletesAllNodesAtOnce) {
-    giveTraces();
+TEST_F(CleanUp, RemovesAllStateAndDeletesAllNodesAtOnce) {
+    addNodes();
     EXPECT_TRUE(cleanUp());
     const std::string id = expectStanza(kBulk);
     EXPECT_EQ(stanzaCount(), 1u);
@@ -185,7 +185,7 @@ TEST_F(CleanUp, DropsEveryTraceAndDeletesAllNodesAtOnce) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-TEST_F(CleanUp, ListsTheRecordBeforeAnyTraceGoes) {
+TEST_F(CleanUp, ListsTheRecordBeforeAnyStateIsRemoved) {
     store(kKey, nodesOf(R"("\/u\/a")"));
     session().persistSeqNo("/u/a", "42");
     session().m_offlineMap["/u/a"] = kApp;
@@ -210,14 +210,14 @@ TEST_F(CleanUp, DoesNothingForAnApplicationWithoutARecord) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-TEST_F(CleanUp, UsesAGivenKeyAsItStands) {
+TEST_F(CleanUp, UsesAGivenKeyUnchanged) {
     store("deletekey", nodesOf(R"("\/u\/a")"));
     session().cleanupNodes("ignored", "deletekey");
     EXPECT_EQ(at("delete"), listed(R"("deletekey")"));
 }
 
 TEST_F(CleanUp, WhileDisconnectedOnlyListsTheRecord) {
-    giveTraces();
+    addNodes();
     disconnectSession();
     session().activated("/u/a", true);
     session().activated("/u/b", true);
@@ -240,7 +240,7 @@ TEST_F(CleanUp, WhileDisconnectedOnlyListsTheRecord) {
 }
 
 TEST_F(CleanUp, TwiceListsTheRecordTwiceAndEitherAnswerRemovesBoth) {
-    giveTraces();
+    addNodes();
     cleanUp();
     const std::string first = lastId();
     cleanUp();
@@ -303,7 +303,7 @@ TEST_F(CleanUp, StopsWhenTheListingCannotBeWritten) {
 // --- the server's answer
 
 TEST_F(CleanUp, AnswerRemovesTheRecordAndItsListing) {
-    giveTraces();
+    addNodes();
     store("delete", listed(R"("deletecom.example.more")"));
     cleanUp();
     takeEvents();
@@ -317,7 +317,7 @@ TEST_F(CleanUp, AnswerRemovesTheRecordAndItsListing) {
 }
 
 TEST_F(CleanUp, ErrorAnswerRemovesTheRecordsAllTheSame) {
-    giveTraces();
+    addNodes();
     cleanUp();
     takeEvents();
     answerError(lastId(), "auth", "forbidden");
@@ -327,7 +327,7 @@ TEST_F(CleanUp, ErrorAnswerRemovesTheRecordsAllTheSame) {
 }
 
 TEST_F(CleanUp, UnknownAnswerOnlyMovesThePingAndLogsItsError) {
-    giveTraces();
+    addNodes();
     session().handleBulkDelete("unknown", gloox::JID(kService), nullptr);
     EXPECT_EQ(takeEvents(), Texts{kPing});
     EXPECT_EQ(takeLog(), Texts{});

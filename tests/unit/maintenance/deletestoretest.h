@@ -45,7 +45,7 @@ class CleanUp : public DeleteStore {
         connectSession();
     }
     // An application with two nodes that are in every map and store.
-    void giveTraces() {
+    void addNodes() {
         for (const std::string node : {"/u/b", "/u/a"}) {
             add(node);
             session().setOfflineMap(node, kApp);

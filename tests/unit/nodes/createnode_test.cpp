@@ -185,7 +185,7 @@ TEST_F(CreateNode, AnswersSeveralRequestsEachByItsOwnResult) {
               R"({ "returnValue": false, "node": "a", "errorCode": "auth", "errorText": "forbidden" })");
 }
 
-TEST_F(CreateNode, LogsAnAnswerThatCannotBeSentAndForgetsTheRequest) {
+TEST_F(CreateNode, LogsAnAnswerThatCannotBeSentAndRemovesTheRequest) {
     const Answer reply = askFor("a");
     const std::string id = lastId();
     fakeBus().failNext("QSMessageRespond", -5, "no way");

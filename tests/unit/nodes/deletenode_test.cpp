@@ -113,7 +113,7 @@ class DeleteEndpoint : public RequestTest {
     FakeMessage* m_message = nullptr;
 };
 
-TEST_F(DeleteEndpoint, LeavesEveryRegistryBeforeTheAnswer) {
+TEST_F(DeleteEndpoint, IsRemovedFromEveryRegistryBeforeTheAnswer) {
     finish();
     EXPECT_FALSE(session().m_activateMap.contains(kNode));
     EXPECT_FALSE(session().subMap.contains(kNode));
@@ -124,7 +124,7 @@ TEST_F(DeleteEndpoint, LeavesEveryRegistryBeforeTheAnswer) {
     EXPECT_EQ(events.back(), R"(bus.respond deleteEndpoint { "returnValue": true, "endpoint": "inbox" })");
 }
 
-TEST_F(DeleteEndpoint, ForgetsTheSubscriberThenTheOfflineEntryThenTheDeleteStore) {
+TEST_F(DeleteEndpoint, RemovesTheSubscriberThenTheOfflineEntryThenTheDeleteStoreEntry) {
     BusError error;
     FakeMessage* subscriber = fakeBus().request(publicHandle(), "subscribe", "{}", "com.example.app 1");
     ASSERT_TRUE(QSSubscriptionAdd(publicHandle(), kNode, subscriber, error));
@@ -159,7 +159,7 @@ TEST_F(DeleteEndpoint, CountsAnUnknownNodeAsDeletedAndCleansNothing) {
     expectEverythingKept();
 }
 
-TEST_F(DeleteEndpoint, AnswersAnotherErrorUnderTheFixedWord) {
+TEST_F(DeleteEndpoint, AnswersAnotherErrorWithTheFixedCode) {
     const gloox::Error error(gloox::StanzaErrorTypeAuth, gloox::StanzaErrorForbidden);
     finish(&error);
     EXPECT_EQ(
@@ -185,7 +185,7 @@ TEST_F(DeleteEndpoint, LogsAnAnswerThatCannotBeSentAsADeletion) {
 
 class NodePurge : public RequestTest {};
 
-TEST_F(NodePurge, IsToldOnStandardOutput) {
+TEST_F(NodePurge, IsReportedOnStandardOutput) {
     testing::internal::CaptureStdout();
     session().handleNodePurge("id1", gloox::JID(kService), "/a", nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Purged node /a in pubsub.example.org Yay! \n");
@@ -193,7 +193,7 @@ TEST_F(NodePurge, IsToldOnStandardOutput) {
     EXPECT_EQ(takeEvents(), Texts{});
 }
 
-TEST_F(NodePurge, TellsOfAnErrorThereAndInTheLog) {
+TEST_F(NodePurge, ReportsAnErrorThereAndInTheLog) {
     const gloox::Error error(gloox::StanzaErrorTypeCancel, gloox::StanzaErrorConflict);
     testing::internal::CaptureStdout();
     session().handleNodePurge("id1", gloox::JID(kService), "/a", &error);

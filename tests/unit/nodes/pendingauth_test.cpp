@@ -191,7 +191,7 @@ TEST_F(RefusedByTheBus, AListenerKeepsNothingOfItsFirstNode) {
     EXPECT_FALSE(refused.kept());
 }
 
-TEST_F(RefusedByTheBus, AListenerStopsAtItsSecondNodeAndGoesOnHearingOfTheFirst) {
+TEST_F(RefusedByTheBus, AListenerStopsAtItsSecondNodeAndKeepsListeningToTheFirst) {
     const Answer refused = listenToThree(1);
     EXPECT_EQ(takeEvents(), (Texts{"bus.subscribe private handleAuth:b", "bus.reply method " + kReply}));
     EXPECT_EQ(stanzaCount(), 0u) << "nothing is asked of the server";
@@ -330,7 +330,7 @@ TEST_F(PendingAuth, AsksForTheListenedNodesBeforeItRenewsForTheRest) {
     EXPECT_EQ(session().m_pendingList, std::list<std::string>{"other"});
 }
 
-TEST_F(PendingAuth, ForgetsTheNodesOfAnEarlierAnswer) {
+TEST_F(PendingAuth, DropsTheNodesOfAnEarlierAnswer) {
     call(getPendingAuth, "{}");
     answerPending(lastId(), "S1", {"a"});
     answerPending(lastId(), "S2", {"b"});
@@ -357,7 +357,7 @@ TEST_F(PendingAuth, RenewsAgainAfterANewRequest) {
     EXPECT_EQ(stanzaCount(), 6u);
 }
 
-TEST_F(PendingAuth, HasNobodyToTellOfAServersError) {
+TEST_F(PendingAuth, HasNoListenerForAServersError) {
     call(getPendingAuth, "{}");
     takeEvents();
     const std::string id = lastId();
@@ -370,7 +370,7 @@ TEST_F(PendingAuth, HasNobodyToTellOfAServersError) {
                          " Error not a request "}));
 }
 
-TEST_F(PendingAuth, TellsAServersErrorToTheListenerOfThatName) {
+TEST_F(PendingAuth, SendsAServersErrorToTheListenerOfThatName) {
     const Answer listener = listen(R"(["a"])");
     const gloox::Error error(gloox::StanzaErrorTypeAuth, gloox::StanzaErrorForbidden);
     takeEvents();
@@ -383,7 +383,7 @@ TEST_F(PendingAuth, TellsAServersErrorToTheListenerOfThatName) {
     EXPECT_TRUE(listener.kept());
 }
 
-TEST_F(PendingAuth, TellsTheListenerOfAnAnswerWithoutAList) {
+TEST_F(PendingAuth, ReportsAnAnswerWithoutAListToTheListener) {
     listen(R"(["a"])");
     takeEvents();
     session().handlePendingRequest("id1", "a", nullptr, nullptr);
@@ -403,7 +403,7 @@ TEST_F(PendingAuth, LogsAnAnswerWithoutAListOrWithoutASessionThatNobodyListensTo
     EXPECT_EQ(stanzaCount(), 1u);
 }
 
-TEST_F(PendingAuth, GoesOnAskingForTheNodeOfAListenerWhoseClientDiedThoughNobodyHearsTheForms) {
+TEST_F(PendingAuth, StillRequestsTheNodeOfAListenerWhoseClientHasGone) {
     const Answer listener = listen(R"(["a"])");
     fakeBus().clientDies(listener.message());
     call(getPendingAuth, "{}");

@@ -34,22 +34,24 @@ class ParsedError : private gloox::TagHandler {
 const std::string kStanza = "xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'";
 const std::string kPubSub = "xmlns='http://jabber.org/protocol/pubsub#errors'";
 
-struct Words {
+struct ErrorTexts {
     std::string code;
     std::string text;
-    friend bool operator==(const Words&, const Words&) = default;
-    friend void PrintTo(const Words& words, std::ostream* out) { *out << words.code << " / " << words.text; }
+    friend bool operator==(const ErrorTexts&, const ErrorTexts&) = default;
+    friend void PrintTo(const ErrorTexts& texts, std::ostream* out) {
+        *out << texts.code << " / " << texts.text;
+    }
 };
 
-Words wordsOf(const gloox::Error* error, Words words = {"", ""}) {
-    getErrorCode(error, words.code, words.text);
-    return words;
+ErrorTexts errorTextsOf(const gloox::Error* error, ErrorTexts texts = {"", ""}) {
+    getErrorCode(error, texts.code, texts.text);
+    return texts;
 }
 
 struct Mapping {
     const char* name;
     std::string error;
-    Words words;
+    ErrorTexts texts;
 };
 
 void PrintTo(const Mapping& mapping, std::ostream* out) {
@@ -62,7 +64,7 @@ class NodeName : public ServiceTest {
   protected:
     void SetUp() override {
         ServiceTest::SetUp();
-        giveDetails();
+        setAccountDetails();
     }
     bool form(const std::string& node, const std::string& appId) {
         m_appId = appId;
@@ -135,7 +137,7 @@ class ErrorMapping : public testing::TestWithParam<Mapping> {};
 TEST_P(ErrorMapping, GivesTypeAndConditions) {
     LogCapture log;
     const ParsedError error(GetParam().error);
-    EXPECT_EQ(wordsOf(error.get()), GetParam().words);
+    EXPECT_EQ(errorTextsOf(error.get()), GetParam().texts);
     EXPECT_EQ(log.lines(), Texts{});
 }
 
@@ -179,20 +181,20 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(ErrorCode, LeadsWithABlankWhenThereIsOnlyAPubSubCondition) {
     LogCapture log;
     const ParsedError error("<error type='cancel'><unsupported " + kPubSub + "/></error>");
-    EXPECT_EQ(wordsOf(error.get()), (Words{"cancel", " unsupported"}));
+    EXPECT_EQ(errorTextsOf(error.get()), (ErrorTexts{"cancel", " unsupported"}));
     EXPECT_EQ(log.lines(), Texts{"getErrorCode: Warning, there is no xmpp-stanza in error! " + error.xml()});
 }
 
 TEST(ErrorCode, AppendsAPubSubConditionToTheCallersText) {
     const LogCapture log;
     const ParsedError error("<error type='cancel'><unsupported " + kPubSub + "/></error>");
-    EXPECT_EQ(wordsOf(error.get(), {"old", "old"}), (Words{"cancel", "old unsupported"}));
+    EXPECT_EQ(errorTextsOf(error.get(), {"old", "old"}), (ErrorTexts{"cancel", "old unsupported"}));
 }
 
 TEST(ErrorCode, WarnsOfAnErrorWithoutAType) {
     LogCapture log;
     const ParsedError error("<error><conflict " + kStanza + "/></error>");
-    EXPECT_EQ(wordsOf(error.get(), {"old", "old"}), (Words{"", "conflict"}));
+    EXPECT_EQ(errorTextsOf(error.get(), {"old", "old"}), (ErrorTexts{"", "conflict"}));
     EXPECT_EQ(log.lines(),
               Texts{"getErrorCode: Warning, there is no error Type in response " + error.xml() + "!"});
 }
@@ -200,26 +202,26 @@ TEST(ErrorCode, WarnsOfAnErrorWithoutAType) {
 TEST(ErrorCode, WarnsTwiceOfAnEmptyErrorAndKeepsTheText) {
     LogCapture log;
     const ParsedError error("<error/>");
-    EXPECT_EQ(wordsOf(error.get(), {"old", "old"}), (Words{"", "old"}));
+    EXPECT_EQ(errorTextsOf(error.get(), {"old", "old"}), (ErrorTexts{"", "old"}));
     EXPECT_EQ(log.lines(),
               (Texts{"getErrorCode: Warning, there is no error Type in response " + error.xml() + "!",
                      "getErrorCode: Warning, there is no xmpp-stanza in error! " + error.xml()}));
 }
 
-TEST(ErrorCode, LeavesBothWordsWithoutAnError) {
+TEST(ErrorCode, LeavesBothTextsWithoutAnError) {
     LogCapture log;
-    EXPECT_EQ(wordsOf(nullptr, {"code", "text"}), (Words{"code", "text"}));
+    EXPECT_EQ(errorTextsOf(nullptr, {"code", "text"}), (ErrorTexts{"code", "text"}));
     EXPECT_EQ(log.lines(), Texts{});
 }
 
-TEST(ErrorCode, LeavesBothWordsForAnErrorWithoutAnElement) {
+TEST(ErrorCode, LeavesBothTextsForAnErrorWithoutAnElement) {
     const gloox::Error blank;
-    EXPECT_EQ(wordsOf(&blank, {"code", "text"}), (Words{"code", "text"}));
+    EXPECT_EQ(errorTextsOf(&blank, {"code", "text"}), (ErrorTexts{"code", "text"}));
 }
 
 TEST(ErrorCode, ReadsTheLibrarysOwnErrorsToo) {
     const gloox::Error error(gloox::StanzaErrorTypeAuth, gloox::StanzaErrorForbidden);
-    EXPECT_EQ(wordsOf(&error), (Words{"auth", "forbidden"}));
+    EXPECT_EQ(errorTextsOf(&error), (ErrorTexts{"auth", "forbidden"}));
 }
 
 TEST(PrintError, NamesTheFunction) {
@@ -236,7 +238,7 @@ TEST(PrintError, DoesWithoutAFunction) {
     EXPECT_EQ(log.lines(), Texts{"printerror: ERR : " + error.xml()});
 }
 
-TEST(PrintError, SaysNothingWithoutAnErrorOrAnElement) {
+TEST(PrintError, LogsNothingWithoutAnErrorOrAnElement) {
     LogCapture log;
     printerror(nullptr, "function");
     const gloox::Error blank;

@@ -21,7 +21,7 @@ class CheckInit : public ServiceTest {
         return errorCode + " / " + errorText;
     }
     void makeManager() {
-        giveDetails();
+        setAccountDetails();
         ASSERT_TRUE(session().createSession());
     }
 
@@ -45,7 +45,7 @@ TEST_F(CheckInit, RefusesAManagerWithoutAPubSubService) {
     EXPECT_EQ(takeLogLines(), Texts{"checkInit: PubSub manager not intialized"});
 }
 
-TEST_F(CheckInit, KeepsThePresetWordForAMalformedPayload) {
+TEST_F(CheckInit, KeepsThePresetCodeForAMalformedPayload) {
     makeManager();
     EXPECT_EQ(check("no json", false), "parameterErr / Malformed json");
     EXPECT_EQ(m_payload, nullptr);

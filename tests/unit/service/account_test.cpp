@@ -10,7 +10,7 @@ constexpr char kLogin[] = "bus.call quor://com.zelt.accountservices/getAccountTo
 class Account : public ServiceTest {};
 
 TEST_F(Account, GetJabberIdAnswersWithTheLocalPartAlone) {
-    giveDetails();
+    setAccountDetails();
     EXPECT_EQ(callPrivate(getJabberId, "getJabberId", "ignored"),
               R"({ "returnValue": true, "username": "u1234" })");
 }
@@ -20,7 +20,7 @@ TEST_F(Account, GetJabberIdAnswersBeforeAnyLogin) {
 }
 
 TEST_F(Account, GetResourceAnswersWithTheResource) {
-    giveDetails();
+    setAccountDetails();
     EXPECT_EQ(callPrivate(getResource, "getResource", "ignored"),
               R"({ "returnValue": true, "resource": "dev42" })");
 }
@@ -60,7 +60,7 @@ TEST_F(Account, InitializeAccountDropsTheConnectionFirst) {
 }
 
 TEST_F(Account, InitializeAccountLeavesAnAttemptAlone) {
-    giveDetails();
+    setAccountDetails();
     ASSERT_TRUE(session().connectToService());
     callPrivate(initializeAccount, "initializeAccount", "{}");
     EXPECT_TRUE(session().m_connecting);

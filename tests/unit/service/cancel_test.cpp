@@ -39,7 +39,7 @@ class Cancellation : public ServiceTest {
     }
 };
 
-TEST_F(Cancellation, ForgetsThePublicSubscriber) {
+TEST_F(Cancellation, RemovesThePublicSubscriber) {
     cancelledPublic(kSubscribe);
     EXPECT_FALSE(subscribed());
     EXPECT_EQ(stanzaCount(), 0u);
@@ -60,7 +60,7 @@ TEST_F(Cancellation, TakesEveryCancelledPublicSubscriptionForASubscribe) {
     EXPECT_FALSE(subscribed());
 }
 
-TEST_F(Cancellation, ForgetsTheSubscriberOfAPrivateSubscribe) {
+TEST_F(Cancellation, RemovesTheSubscriberOfAPrivateSubscribe) {
     cancelledPrivate("subscribe", kSubscribe);
     EXPECT_FALSE(subscribed());
 }
@@ -149,7 +149,7 @@ TEST_F(Cancellation, LogsARequestFromBeforeTheFirstSession) {
     EXPECT_TRUE(session().m_onCloseRegistered);
 }
 
-TEST_F(Cancellation, ForgetsTheListenerForClosedApplications) {
+TEST_F(Cancellation, RemovesTheListenerForClosedApplications) {
     session().m_onCloseRegistered = true;
     cancelledPrivate("registerOnClose", R"({"subscribe":true})");
     EXPECT_EQ(takeLogLines(), Texts{"cancelFunction: Headless app crashed?"});

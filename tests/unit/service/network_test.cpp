@@ -17,7 +17,7 @@ TEST_F(Network, LogsAReportThatIsNoJson) {
               (Texts{"connectionStatusV2: Malformed json packet? \n", std::string(kBadStatus) + "no json"}));
 }
 
-TEST_F(Network, LogsAReportWithoutAWordOnTheInternet) {
+TEST_F(Network, LogsAReportWithoutTheInternetState) {
     session().m_networkAvailable = true;
     for (const char* payload : {"{}", R"({"isInternetConnectionAvailable":null})", "[]", "5"}) {
         report(payload);
@@ -27,7 +27,7 @@ TEST_F(Network, LogsAReportWithoutAWordOnTheInternet) {
     EXPECT_EQ(takeEvents(), Texts{});
 }
 
-TEST_F(Network, ChangesNothingButTheFlagWithoutAWordOnWifi) {
+TEST_F(Network, ChangesNothingButTheFlagWithoutTheWifiState) {
     for (const char* wifi : {R"("wan":{})", R"("wifi":{"ipAddress":"10.0.0.1"})", R"("wifi":null)",
                              R"("wifi":"up")", R"("wifi":{"state":null})"}) {
         session().m_networkAvailable = false;
@@ -78,14 +78,14 @@ TEST_F(Network, TakesEveryStateButConnectedForDown) {
     EXPECT_EQ(session().m_ipAddress, "10.9.9.9");
 }
 
-TEST_F(Network, ConnectsWithoutAnAddressWhenNoneIsTold) {
+TEST_F(Network, ConnectsWithoutAnAddressWhenNoneIsReported) {
     report(R"({"isInternetConnectionAvailable":true,"wifi":{"state":"connected"}})");
     EXPECT_EQ(session().m_ipAddress, "");
     EXPECT_TRUE(session().m_connecting);
     EXPECT_EQ(takeLogLines().front(), "getIPAddress: getIPAddress failed, because of malformed json?");
 }
 
-TEST_F(Network, ConnectsWithoutAnAddressWhenTheMobileLinkIsNotToldAtAll) {
+TEST_F(Network, ConnectsWithoutAnAddressWhenTheMobileLinkIsNotReported) {
     report(R"({"isInternetConnectionAvailable":true,"wifi":{"state":"off"}})");
     EXPECT_EQ(session().m_ipAddress, "");
     EXPECT_TRUE(session().m_onWan);

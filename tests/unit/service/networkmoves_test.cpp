@@ -218,7 +218,7 @@ TEST_F(Network, DropsTheConnectionOverWifi) {
     EXPECT_EQ(takeLogLines(), Texts{"onDisconnect: Disconnected from xmpp server 17"});
 }
 
-TEST_F(Network, TellsTheFollowersOfTheLossThatThereIsNoNetwork) {
+TEST_F(Network, ReportsToTheSubscribersThatThereIsNoNetwork) {
     connectedOver(kOverWifi);
     callPrivate(subscribeConnStatus, "subscribeConnStatus", R"({"subscribe":true})");
     takeEvents();
@@ -235,7 +235,7 @@ TEST_F(Network, DropsTheConnectionOverWifiEvenWhenTheMobileLinkIsUp) {
     EXPECT_FALSE(session().m_survivedOutage);
 }
 
-TEST_F(Network, KeepsTheConnectionOverAMobileLinkThatStillStands) {
+TEST_F(Network, KeepsTheConnectionOverAMobileLinkThatIsStillConnected) {
     connectedOver(kOverWan);
     report(kOutageOnWan);
     pump();
@@ -275,7 +275,7 @@ TEST_F(Network, DropsTheConnectionOverAMobileLinkThatIsDown) {
     EXPECT_EQ(session().m_ipAddress, "");
 }
 
-TEST_F(Network, DropsTheConnectionOverAMobileLinkThatIsNotTold) {
+TEST_F(Network, DropsTheConnectionOverAMobileLinkThatIsNotReported) {
     connectedOver(kOverWan);
     report(R"({"isInternetConnectionAvailable":false})");
     expectIdle();

@@ -8,23 +8,22 @@
 #include "tests/fakes/servicefixture.h"
 
 inline constexpr char kOverWifi[] = R"({"isInternetConnectionAvailable":true,)"
-                                         R"("wifi":{"state":"connected","ipAddress":"10.0.0.1"},)"
-                                         R"("wan":{"state":"connected","ipAddress":"10.9.9.9"}})";
+                                    R"("wifi":{"state":"connected","ipAddress":"10.0.0.1"},)"
+                                    R"("wan":{"state":"connected","ipAddress":"10.9.9.9"}})";
 inline constexpr char kOverWan[] = R"({"isInternetConnectionAvailable":true,)"
-                                        R"("wifi":{"state":"disconnected","ipAddress":"10.0.0.1"},)"
-                                        R"("wan":{"state":"disconnected","ipAddress":"10.9.9.9"}})";
+                                   R"("wifi":{"state":"disconnected","ipAddress":"10.0.0.1"},)"
+                                   R"("wan":{"state":"disconnected","ipAddress":"10.9.9.9"}})";
 inline constexpr char kOutageOnWan[] = R"({"isInternetConnectionAvailable":false,)"
-                                            R"("wifi":{"state":"disconnected"},"wan":{"state":"connected"}})";
-inline constexpr char kNoNetwork[] =
-    R"({"isInternetConnectionAvailable":false,)"
-    R"("wifi":{"state":"disconnected"},"wan":{"state":"disconnected"}})";
+                                       R"("wifi":{"state":"disconnected"},"wan":{"state":"connected"}})";
+inline constexpr char kNoNetwork[] = R"({"isInternetConnectionAvailable":false,)"
+                                     R"("wifi":{"state":"disconnected"},"wan":{"state":"disconnected"}})";
 
 class Network : public ServiceTest {
   protected:
     // The details of an account, but no network yet.
     void SetUp() override {
         ServiceTest::SetUp();
-        giveDetails();
+        setAccountDetails();
         session().m_networkAvailable = false;
         session().m_ipAddress = "";
     }

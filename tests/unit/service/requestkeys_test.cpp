@@ -37,7 +37,7 @@ std::string inQuotes(const std::string& text) {
 }
 
 // The text with a quote and a backslash at every position.
-std::string dirtied(const std::string& text) {
+std::string withQuotesAndBackslashes(const std::string& text) {
     std::string dirty = R"("\")";
     for (const char character : text)
         dirty += std::string(1, character) + R"(\"\\)";
@@ -95,7 +95,7 @@ class TextKeys : public ServiceTest, public testing::WithParamInterface<TextKey>
 TEST_P(TextKeys, LoseTheirQuotesAndBackslashes) {
     const std::string value = GetParam().value;
     const Texts clean = outcomeOf(inQuotes(value));
-    EXPECT_EQ(outcomeOf(dirtied(value)), clean);
+    EXPECT_EQ(outcomeOf(withQuotesAndBackslashes(value)), clean);
     EXPECT_NE(outcomeOf(inQuotes(value + "x")), clean)
         << "the value does not show in what the request leaves";
 }

@@ -111,7 +111,7 @@ TEST_F(Service, StartsItsFourWatchesInOrderAndNothingElse) {
         EXPECT_EQ(watch.handle, privateConnection()) << watch.payload;
 }
 
-TEST_F(Service, ReleasesItsLoopBeforeItsLastWord) {
+TEST_F(Service, ReleasesItsLoopBeforeItsLastLogLine) {
     GMainLoop* loop = nullptr;
     Texts before;
     onLoopReleased = [&](GMainLoop* released) {
@@ -220,7 +220,7 @@ TEST_F(Service, RunsWithoutTheOfflineMapsStoreWhichIsTheFirstToBeOpened) {
     EXPECT_FALSE(fakePrefs().faultPending("QPAppGetHandle"));
 }
 
-TEST_F(Service, StartsWithoutACredentialsFileAndSaysNothingOfIt) {
+TEST_F(Service, StartsWithoutACredentialsFileAndLogsNothing) {
     run([&] {
         EXPECT_EQ(session().m_jid.full(), "");
         EXPECT_EQ(session().m_username, "");

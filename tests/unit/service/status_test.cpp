@@ -18,7 +18,7 @@ class Status : public ServiceTest {
     Texts posts() { return journal().eventsOf("bus.post "); }
 };
 
-TEST_F(Status, ConnectStatusTellsThatTheStreamIsUp) {
+TEST_F(Status, ConnectStatusReportsThatTheStreamIsUp) {
     connectSession();
     EXPECT_EQ(publicStatus("{}"), R"({ "returnValue": true, "connected": true })");
     EXPECT_EQ(takeEvents(), Texts{R"(bus.reply connectStatus { "returnValue": true, "connected": true })"});
@@ -36,7 +36,7 @@ TEST_F(Status, ConnectStatusAsksForNoConnectionWhileTheStreamIsUp) {
 }
 
 TEST_F(Status, ConnectStatusConnectsWhenTheStreamIsDown) {
-    giveDetails();
+    setAccountDetails();
     EXPECT_EQ(publicStatus("{}"), R"({ "returnValue": true, "connected": false })");
     EXPECT_TRUE(session().m_connecting);
 }
@@ -52,8 +52,8 @@ TEST_F(Status, ConnectStatusTakesAPayloadThatIsNoJsonForAPlainQuestion) {
     EXPECT_EQ(publicStatus("no json"), R"({ "returnValue": true, "connected": false })");
 }
 
-TEST_F(Status, ASubscriberOfConnectStatusHearsTheConnectAndTheLoss) {
-    giveDetails();
+TEST_F(Status, ASubscriberOfConnectStatusGetsTheConnectAndTheLoss) {
+    setAccountDetails();
     const Answer answer = publicStatus(kSubscribe);
     pump();
     ASSERT_TRUE(session().m_connected);
@@ -64,8 +64,8 @@ TEST_F(Status, ASubscriberOfConnectStatusHearsTheConnectAndTheLoss) {
                                    R"({"returnValue":true, "connected":false})"}));
 }
 
-TEST_F(Status, APrivateSubscriberOfConnectStatusHearsThemToo) {
-    giveDetails();
+TEST_F(Status, APrivateSubscriberOfConnectStatusGetsThemToo) {
+    setAccountDetails();
     const Answer answer = callPrivate(connectStatus, "connectStatus", kSubscribe);
     pump();
     ASSERT_EQ(answer.all().size(), 2u);
@@ -73,7 +73,7 @@ TEST_F(Status, APrivateSubscriberOfConnectStatusHearsThemToo) {
 }
 
 TEST_F(Status, ASubscriptionOfConnectStatusThatFailsIsTheOnlyAnswer) {
-    giveDetails();
+    setAccountDetails();
     fakeBus().failNext("QSSubscriptionProcess", -105, "full");
     const Answer answer = publicStatus(kSubscribe);
     EXPECT_EQ(answer.all(), Texts{R"({ "returnValue": false, "errorCode": "libErr", )"
@@ -92,7 +92,7 @@ TEST_F(Status, LogsRepliesThatCannotBeSent) {
 }
 
 TEST_F(Status, ConnectStatusConnectsThoughItsReplyCouldNotBeSent) {
-    giveDetails();
+    setAccountDetails();
     fakeBus().failNext("QSMessageReply", -107, "gone");
     EXPECT_EQ(publicStatus("{}").all(), Texts{});
     EXPECT_EQ(takeLogLines().front(), "connectStatus: Sending reply to client failed -107 gone");
@@ -101,31 +101,31 @@ TEST_F(Status, ConnectStatusConnectsThoughItsReplyCouldNotBeSent) {
     EXPECT_TRUE(session().m_connected);
 }
 
-TEST_F(Status, SubscribeConnStatusTellsWhatIsThereBeforeAnyLogin) {
+TEST_F(Status, SubscribeConnStatusReportsTheStateBeforeAnyLogin) {
     EXPECT_EQ(details("{}"),
               R"({ "returnValue": true, "connected": false, "session": false, "network": false })");
     EXPECT_FALSE(session().m_connecting);
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-TEST_F(Status, SubscribeConnStatusTellsOfASessionWithDetailsEvenWhileItIsDown) {
-    giveDetails();
+TEST_F(Status, SubscribeConnStatusReportsASessionWithDetailsEvenWhileItIsDown) {
+    setAccountDetails();
     EXPECT_EQ(details("{}"),
               R"({ "returnValue": true, "connected": false, "session": true, "network": true })");
     EXPECT_FALSE(session().m_connecting) << "no connect attempt";
 }
 
-TEST_F(Status, SubscribeConnStatusTellsOfASessionByItsJidAlone) {
+TEST_F(Status, SubscribeConnStatusReportsASessionByItsJidAlone) {
     session().m_jid = gloox::JID("example.org");
     EXPECT_EQ(details("{}"),
               R"({ "returnValue": true, "connected": false, "session": true, "network": false })");
-    giveDetails();
+    setAccountDetails();
     session().m_jid = gloox::JID();
     EXPECT_EQ(details("{}"),
               R"({ "returnValue": true, "connected": false, "session": false, "network": true })");
 }
 
-TEST_F(Status, SubscribeConnStatusTellsOfAConnectedSession) {
+TEST_F(Status, SubscribeConnStatusReportsAConnectedSession) {
     connectSession();
     EXPECT_EQ(details("{}"),
               R"({ "returnValue": true, "connected": true, "session": true, "network": true })");
@@ -139,8 +139,8 @@ TEST_F(Status, ASubscriptionOfSubscribeConnStatusThatFailsCarriesQuotesInBothTex
     EXPECT_EQ(takeLogLines().front(), "subscribeConnStatus: Processing subscription failed -105 full");
 }
 
-TEST_F(Status, ASubscriberOfSubscribeConnStatusHearsTheDetails) {
-    giveDetails();
+TEST_F(Status, ASubscriberOfSubscribeConnStatusGetsTheDetails) {
+    setAccountDetails();
     const Answer answer = details(kSubscribe);
     session().connectToService();
     pump();

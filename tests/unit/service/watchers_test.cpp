@@ -61,7 +61,7 @@ TEST_P(Watches, LogAReportThatIsNoJson) {
     EXPECT_EQ(takeEvents(), Texts{});
 }
 
-TEST_P(Watches, LogAReportWithoutAWord) {
+TEST_P(Watches, LogAReportWithoutAStatus) {
     GetParam().start(privateHandle());
     takeEvents();
     for (const char* payload : {"{}", R"({"connected":null})", "[]", "5"}) {

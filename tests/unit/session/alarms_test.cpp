@@ -215,7 +215,7 @@ TEST_F(ReconnectAnswer, OfARefusedAlarmClearsTheFlagWhateverTheConnection) {
     session().m_connected = false;
 }
 
-TEST_F(ReconnectAnswer, WithoutAWordChangesNothing) {
+TEST_F(ReconnectAnswer, WithoutAReturnValueChangesNothing) {
     session().m_reconnectPending = true;
     for (const char* payload : {"{}", "[]", R"({"returnValue":null})"}) {
         answers(payload);
@@ -234,7 +234,7 @@ TEST_F(ReconnectAnswer, ThatIsNoJsonChangesNothing) {
     EXPECT_TRUE(session().m_reconnectPending);
 }
 
-TEST_F(ReconnectAnswer, ToNobodyIsBorne) {
+TEST_F(ReconnectAnswer, WithoutAContextIsIgnored) {
     for (const char* payload : {R"({"returnValue":true})", R"({"returnValue":false})"}) {
         FakeMessage* message = fakeBus().request(privateHandle(), "", payload);
         EXPECT_TRUE(PubSubSession::reconnectResponse(privateHandle(), message, nullptr));
@@ -318,7 +318,7 @@ TEST_F(Alarms, PingUnderAFreshIdEachTime) {
 
 TEST_F(Alarms, NeitherPingNorArmWhileDisconnected) {
     EXPECT_TRUE(callPrivate(keepAliveTimer, "keepAliveTimer", "{}").closedUnanswered());
-    giveDetails();
+    setAccountDetails();
     ASSERT_TRUE(session().connectToService());
     callPrivate(keepAliveTimer, "keepAliveTimer", "{}");
     EXPECT_EQ(takeEvents(), Texts{});
@@ -346,7 +346,7 @@ TEST_F(Alarms, XmppPingSendsTheSamePingAndArmsNothing) {
     EXPECT_EQ(takeLogLines(), Texts{});
 }
 
-TEST_F(Alarms, XmppPingSaysThatItCannotPing) {
+TEST_F(Alarms, XmppPingLogsThatItCannotPing) {
     const Texts line = {"xmppPing: Client Empty? Not able to send ping"};
     EXPECT_TRUE(PubSubSession::xmppPing(nullptr));
     EXPECT_EQ(takeLogLines(), line);
@@ -389,7 +389,7 @@ TEST_F(BootStatus, FinishedWhileDisconnectedOnlySetsTheFlag) {
 }
 
 TEST_F(BootStatus, FinishedWhileConnectingActivatesTheNodesOnceTheStreamIsUp) {
-    giveDetails();
+    setAccountDetails();
     ASSERT_TRUE(session().connectToService());
     answers(R"({"finished":true})");
     pump();
@@ -423,7 +423,7 @@ TEST_F(BootStatus, IsFollowedOverSeveralAnswers) {
     EXPECT_TRUE(session().m_bootFinished);
 }
 
-TEST_F(BootStatus, LogsAnAnswerWithoutAWordOrThatIsNoJson) {
+TEST_F(BootStatus, LogsAnAnswerWithoutAStatusOrThatIsNoJson) {
     session().m_bootFinished = true;
     answers("{}");
     EXPECT_EQ(takeLogLines(), (Texts{"bootStatusResponse: Couldnt find finished? {}",
@@ -434,7 +434,7 @@ TEST_F(BootStatus, LogsAnAnswerWithoutAWordOrThatIsNoJson) {
     EXPECT_TRUE(session().m_bootFinished);
 }
 
-TEST_F(BootStatus, OfNobodyIsBorne) {
+TEST_F(BootStatus, WithoutAContextIsIgnored) {
     FakeMessage* message = fakeBus().request(privateHandle(), "", R"({"finished":true})");
     EXPECT_TRUE(PubSubSession::bootStatusResponse(privateHandle(), message, nullptr));
     QSMessageUnref(message);

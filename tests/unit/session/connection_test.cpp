@@ -10,13 +10,13 @@ namespace {
 
 TEST_F(Connection, NeedsAPasswordAServerAndAJid) {
     for (std::string PubSubSession::*member : {&PubSubSession::m_password, &PubSubSession::m_server}) {
-        giveDetails();
+        setAccountDetails();
         (session().*member).clear();
         EXPECT_FALSE(session().createSession());
         EXPECT_EQ(takeLogLines(), Texts{"createSession: Password *, Server " + session().m_server +
                                         " and u1234 not initialized"});
     }
-    giveDetails();
+    setAccountDetails();
     session().m_jid = gloox::JID();
     EXPECT_FALSE(session().createSession());
     EXPECT_EQ(takeLogLines(),
@@ -26,7 +26,7 @@ TEST_F(Connection, NeedsAPasswordAServerAndAJid) {
 }
 
 TEST_F(Connection, BuildsAClientAndAManagerFromTheDetails) {
-    giveDetails();
+    setAccountDetails();
     session().m_connected = true;
     EXPECT_TRUE(session().createSession());
     ASSERT_NE(session().m_client, nullptr);
@@ -40,7 +40,7 @@ TEST_F(Connection, BuildsAClientAndAManagerFromTheDetails) {
 }
 
 TEST_F(Connection, LetsTheServerChooseAResource) {
-    giveDetails();
+    setAccountDetails();
     session().m_resource.clear();
     EXPECT_TRUE(session().createSession());
     EXPECT_EQ(session().m_client->jid().full(), kJid);
@@ -63,7 +63,7 @@ TEST_F(Connection, ReplacesAClientThatIsThere) {
 // --- connecting
 
 TEST_F(Connection, NeedsANetwork) {
-    giveDetails();
+    setAccountDetails();
     session().m_networkAvailable = false;
     session().m_lastError = 5;
     EXPECT_FALSE(session().connectToService());
@@ -75,7 +75,7 @@ TEST_F(Connection, NeedsANetwork) {
     EXPECT_FALSE(session().tryConnecting()) << "the same call under its other name";
 }
 
-TEST_F(Connection, IsNotSaidToStandWithoutANetworkEvenWhileItStands) {
+TEST_F(Connection, IsNotReportedAsUpWithoutANetworkEvenWhileItIsUp) {
     connectSession();
     session().m_networkAvailable = false;
     EXPECT_FALSE(session().connectToService());
@@ -112,7 +112,7 @@ TEST_F(Connection, FailsWithoutDetails) {
 }
 
 TEST_F(Connection, IsTriedAndWatched) {
-    giveDetails();
+    setAccountDetails();
     EXPECT_TRUE(session().tryConnecting());
     EXPECT_TRUE(session().m_connecting);
     EXPECT_FALSE(session().m_connected);
@@ -127,7 +127,7 @@ TEST_F(Connection, IsTriedAndWatched) {
 }
 
 TEST_F(Connection, IsTriedWithoutALocalAddress) {
-    giveDetails();
+    setAccountDetails();
     session().m_ipAddress.clear();
     EXPECT_TRUE(session().connectToService());
     EXPECT_EQ(takeLogLines(),
@@ -139,7 +139,7 @@ TEST_F(Connection, IsTriedWithoutALocalAddress) {
 }
 
 TEST_F(Connection, IsMadeFromTheAddressThatIsGiven) {
-    giveDetails();
+    setAccountDetails();
     ASSERT_TRUE(session().createSession());
     EXPECT_TRUE(session().connectToServer("192.0.2.9"));
     EXPECT_EQ(fakeServer().localAddress(), "192.0.2.9");
@@ -162,7 +162,7 @@ class Unwatchable : public gloox::ConnectionBase {
 };
 
 TEST_F(Connection, ThatHasNoSocketFailsAndTellsItsCallerNothing) {
-    giveDetails();
+    setAccountDetails();
     session().m_socket = 77;
     xmpp::Client::setConnectionFactory(
         [](xmpp::Client& client, auto&&...) { return new Unwatchable(&client); });
@@ -178,7 +178,7 @@ TEST_F(Connection, ThatHasNoSocketFailsAndTellsItsCallerNothing) {
 }
 
 TEST_F(Connection, ThatIsRefusedAtOnceArmsAReconnectAndTellsItsCallerNothing) {
-    giveDetails();
+    setAccountDetails();
     fakeServer().refuseConnections(gloox::ConnConnectionRefused);
     EXPECT_TRUE(session().connectToService());
     EXPECT_FALSE(session().m_connecting);
@@ -245,7 +245,7 @@ TEST_F(Connection, LogsTheLibrarysLinesOnlyWhenAskedTo) {
 }
 
 TEST_F(Connection, LogsEveryLevelAndEveryAreaOfTheLibraryWhenAskedTo) {
-    giveDetails();
+    setAccountDetails();
     session().m_debugLog = true;
     ASSERT_TRUE(session().connectToService());
     takeLog();

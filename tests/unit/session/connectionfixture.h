@@ -13,7 +13,7 @@ class Connection : public ServiceTest {
   protected:
     // Begins a connection, with journal and log empty.
     void beginConnecting() {
-        giveDetails();
+        setAccountDetails();
         ASSERT_TRUE(session().connectToService());
         ASSERT_TRUE(session().m_connecting);
         takeEvents();

@@ -87,7 +87,7 @@ TEST(RandomDelay, LeavesNoDescriptorOpen) {
     EXPECT_EQ(before, after);
 }
 
-TEST(RandomDelay, BearsTheWidestRange) {
+TEST(RandomDelay, SupportsTheWidestRange) {
     for (int draw = 0; draw < 100; ++draw)
         EXPECT_LT(generateRandomDelay(INT32_MIN, INT32_MAX), INT32_MAX);
 }

@@ -52,7 +52,7 @@ TEST_F(Login, AsksTheAccountServiceWithAnEmptyText) {
     EXPECT_EQ(fakeBus().calls().back().handle, privateHandle());
 }
 
-TEST_F(Login, SaysThatItCannotAsk) {
+TEST_F(Login, LogsThatItCannotAsk) {
     fakeBus().failNext("QSCall", -5, "no bus");
     EXPECT_FALSE(session().getLoginDetails());
     EXPECT_EQ(takeLogLines(), Texts{"getLoginDetails: Getting login details FAILED. Error no bus "});
@@ -286,7 +286,7 @@ TEST_F(Login, ArmsNothingWhenThereIsNoNetwork) {
 }
 
 TEST_F(Login, ReplacesTheDetailsOfTheCredentialsFile) {
-    giveDetails();
+    setAccountDetails();
     answers(answerWith(kAccount));
     EXPECT_EQ(session().m_username, "u1");
     EXPECT_EQ(session().m_password, "token");

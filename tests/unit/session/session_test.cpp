@@ -93,7 +93,7 @@ TEST_F(Session, GivesTheValidityOfItsJidAsOneByteAndTheOtherDetailsAsTheyAre) {
     int port = 0;
     session().getSessionDetails(jid, password, resource, server, service, port);
     EXPECT_EQ(jid, std::string(1, '\0'));
-    giveDetails();
+    setAccountDetails();
     session().getSessionDetails(jid, password, resource, server, service, port);
     EXPECT_EQ(jid, std::string(1, '\1'));
     EXPECT_EQ(password, "secret");
@@ -121,7 +121,7 @@ TEST_F(Session, IgnoresACacheFolderThatCannotBeMade) {
 
 TEST_F(Session, TurnsTlsOff) {
     session().turnOffTls();  // without a client: nothing to turn off
-    giveDetails();
+    setAccountDetails();
     ASSERT_TRUE(session().createSession());
     EXPECT_EQ(session().m_client->tls(), gloox::TLSRequired);
     session().turnOffTls();
@@ -177,7 +177,7 @@ TEST_F(Session, EndsTheProcessRatherThanCopyWhatItOwns) {
     const PubSubSession copy(session());
     EXPECT_TRUE(copy.ownsNothing());
 
-    giveDetails();
+    setAccountDetails();
     EXPECT_TRUE(session().ownsNothing());
     ASSERT_TRUE(session().createSession());
     expectDeath();

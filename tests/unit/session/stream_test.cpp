@@ -379,7 +379,7 @@ TEST_F(HeldRequests, WhoseCallerIsGoneAreDropped) {
 }
 
 TEST_F(HeldRequests, OfAThousandLeaveRoomForTheActivationOfAllNodes) {
-    giveDetails();
+    setAccountDetails();
     session().m_bootFinished = true;
     connectSession();
     fakeServer().closesWith(gloox::ConnIoError);

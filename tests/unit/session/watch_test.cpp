@@ -46,7 +46,7 @@ TEST_F(Watch, LogsEveryConditionInItsOrder) {
     }
 }
 
-TEST_F(Watch, HearsOfAHangUpAnErrorAndAClosedDescriptor) {
+TEST_F(Watch, NoticesAHangUpAnErrorAndAClosedDescriptor) {
     connectSession();
     const int number = session().m_socket;
     const auto linesOfOneTurn = [this] {
@@ -179,7 +179,7 @@ TEST_F(WatchedItem, GoesToASubscriberThatLives) {
     EXPECT_TRUE(acknowledged());
 }
 
-TEST_F(WatchedItem, GoesToTheCacheWhenTheBusHoldsTheDeathOfItsSubscriberUnread) {
+TEST_F(WatchedItem, GoesToTheCacheWhenTheEndOfItsSubscriberIsStillUnread) {
     const std::size_t answers = m_subscriber->answers.size();
     fakeBus().clientDiesUnseen(m_subscriber);
     pushItem(kNode, "7", "i7", "hello");

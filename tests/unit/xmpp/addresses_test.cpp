@@ -187,7 +187,7 @@ TEST(Lookups, AreHeardWhileTheLoopIsBusy) {
     g_source_remove(busy);
 }
 
-TEST(Lookups, ThatAreGivenUpTellNobody) {
+TEST(Lookups, ThatAreGivenUpCallNobody) {
     bool told = false;
     {
         const xmpp::Lookup lookup(kTwoHomes, 5222, g_main_context_default(), [&](auto&&...) { told = true; });

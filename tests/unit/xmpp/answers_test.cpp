@@ -102,7 +102,7 @@ TEST_P(EveryOperation, TakesAnAnswerWithoutPayloadForAnAnswer) {
     EXPECT_EQ(handler.calls, std::vector<std::string>{expected(GetParam().bare)});
 }
 
-TEST_P(EveryOperation, HandsOnTheErrorAsTheServerSentIt) {
+TEST_P(EveryOperation, PassesOnTheErrorAsTheServerSentIt) {
     answer(id, "error", "<pubsub xmlns='http://jabber.org/protocol/pubsub'/>" + kForbidden);
     EXPECT_EQ(handler.calls, std::vector<std::string>{expected(GetParam().failed) + " error " + kForbidden});
 }

@@ -115,13 +115,12 @@ Authority::~Authority() {
     gnutls_x509_privkey_deinit(m_key);
 }
 
-Identity Authority::vouchFor(const std::vector<std::string>& names, std::time_t from,
-                             std::time_t until) const {
+Identity Authority::issue(const std::vector<std::string>& names, std::time_t from, std::time_t until) const {
     return sign(names, from, until, {});
 }
 
-Identity Authority::vouchFor(const std::vector<std::string>& names,
-                             const std::vector<std::string>& purposes) const {
+Identity Authority::issue(const std::vector<std::string>& names,
+                          const std::vector<std::string>& purposes) const {
     return sign(names, std::time(nullptr) - kDay, std::time(nullptr) + kDay, purposes);
 }
 
@@ -140,6 +139,6 @@ Identity Authority::sign(const std::vector<std::string>& names, std::time_t from
     return identity;
 }
 
-Identity Authority::vouchFor(const std::vector<std::string>& names) const {
-    return vouchFor(names, std::time(nullptr) - kDay, std::time(nullptr) + kDay);
+Identity Authority::issue(const std::vector<std::string>& names) const {
+    return issue(names, std::time(nullptr) - kDay, std::time(nullptr) + kDay);
 }

@@ -41,10 +41,10 @@ class Authority {
     Authority& operator=(const Authority&) = delete;
 
     // Names of only digits and dots are IP addresses.
-    Identity vouchFor(const std::vector<std::string>& names, std::time_t from, std::time_t until) const;
-    Identity vouchFor(const std::vector<std::string>& names) const;
+    Identity issue(const std::vector<std::string>& names, std::time_t from, std::time_t until) const;
+    Identity issue(const std::vector<std::string>& names) const;
     // With an extended key usage of these object identifiers.
-    Identity vouchFor(const std::vector<std::string>& names, const std::vector<std::string>& purposes) const;
+    Identity issue(const std::vector<std::string>& names, const std::vector<std::string>& purposes) const;
     // The authority's certificate, for a client to trust.
     const std::string& file() const { return m_file; }
 

@@ -269,7 +269,7 @@ TEST_F(Stream, NullMayBeDisposedOf) {
     xmpp::Client::dispose(nullptr);
 }
 
-TEST_F(Stream, AnIdleClientIsDeletedAtOnceWithoutAWord) {
+TEST_F(Stream, AnIdleClientIsDeletedAtOnceAndSilently) {
     logIn();
     listener.events.clear();
     disposeClient();
@@ -277,7 +277,7 @@ TEST_F(Stream, AnIdleClientIsDeletedAtOnceWithoutAWord) {
     EXPECT_TRUE(listener.events.empty());
 }
 
-TEST_F(Stream, AClientInTheMiddleOfItsLoginIsDeletedWithoutAWord) {
+TEST_F(Stream, AClientInTheMiddleOfItsLoginIsDeletedSilently) {
     logInUpToBind();
     disposeClient();
     EXPECT_TRUE(clientDeleted);

@@ -189,7 +189,7 @@ TEST_F(Connection, OneTurnReadsABoundedAmount) {
 
 // --- giving up
 
-TEST_F(Connection, AConnectingClientIsDisposedOfWithoutAWord) {
+TEST_F(Connection, AConnectingClientIsDisposedOfSilently) {
     const BlackHole hole;
     const int before = descriptors();
     makeClient("127.0.0.1", hole.port());
@@ -200,7 +200,7 @@ TEST_F(Connection, AConnectingClientIsDisposedOfWithoutAWord) {
     EXPECT_EQ(descriptors(), before);
 }
 
-TEST_F(Connection, AResolvingClientIsDisposedOfWithoutAWord) {
+TEST_F(Connection, AResolvingClientIsDisposedOfSilently) {
     makeClient("localhost", freePort());
     const int before = descriptors();
     ASSERT_TRUE(connect());

@@ -72,7 +72,7 @@ struct Access {
 };
 class AccessModels : public Operations, public testing::WithParamInterface<Access> {};
 
-TEST_P(AccessModels, StandInTheFormByTheirName) {
+TEST_P(AccessModels, AreInTheFormByTheirName) {
     manager->createNode(NodeInvalid, service, "n", &handler, "", "", GetParam().model, nullptr);
     EXPECT_NE(last().find(field("pubsub#access_model", GetParam().word)), std::string::npos);
 }
@@ -185,7 +185,7 @@ TEST_F(Operations, GetKeyAsksForOneKey) {
                iq("get", "<key xmlns='urn:zelt:pubsub:device:0' node='/a'/>"));
 }
 
-TEST_F(Operations, ActivateNodeSaysWhatWasTakenLast) {
+TEST_F(Operations, ActivateNodeSendsTheLastNumber) {
     expectSent(manager->activateNode(service, "/a", "41", &handler),
                iq("set", "<activate xmlns='urn:zelt:pubsub:device:0' node='/a' seqNo='41'/>"));
 }

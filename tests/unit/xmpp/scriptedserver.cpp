@@ -166,7 +166,7 @@ void Peer::bind() {
          "'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><jid>device@example.org/tv</jid></bind></iq>");
 }
 
-void Peer::sayGoodbye() {
+void Peer::closeTls() {
     gnutls_bye(m_session, GNUTLS_SHUT_WR);
 }
 

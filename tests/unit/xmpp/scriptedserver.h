@@ -40,7 +40,7 @@ class Peer {
     void authenticate();
     void bind();
     // TLS end of data.
-    void sayGoodbye();
+    void closeTls();
     void close();
     // Closes so that the client sees a reset.
     void reset();

@@ -28,7 +28,7 @@ class Secured : public Network {
     ~Secured() override { disposeClient(); }
 
     const Authority authority{"Test authority"};
-    const Identity identity = authority.vouchFor({"example.org"});
+    const Identity identity = authority.issue({"example.org"});
     std::unique_ptr<ScriptedServer> server;
 };
 
@@ -128,35 +128,35 @@ const std::string kForServers = GNUTLS_KP_TLS_WWW_SERVER, kForClients = GNUTLS_K
 INSTANTIATE_TEST_SUITE_P(
     All, BadCertificates,
     testing::Values(
-        Certificate{"WrongName", [](const Authority& a) { return a.vouchFor({"other.example"}); },
+        Certificate{"WrongName", [](const Authority& a) { return a.issue({"other.example"}); },
                     gloox::CertWrongPeer},
         Certificate{"UnknownAuthority",
-                    [](const Authority&) { return Authority("Somebody else").vouchFor({"example.org"}); },
+                    [](const Authority&) { return Authority("Somebody else").issue({"example.org"}); },
                     gloox::CertInvalid | gloox::CertSignerUnknown},
         Certificate{"Expired",
                     [](const Authority& a) {
-                        return a.vouchFor({"example.org"}, std::time(nullptr) - kDay / 2,
-                                          std::time(nullptr) - 60);
+                        return a.issue({"example.org"}, std::time(nullptr) - kDay / 2,
+                                       std::time(nullptr) - 60);
                     },
                     gloox::CertInvalid | gloox::CertExpired},
         Certificate{"NotYetValid",
                     [](const Authority& a) {
-                        return a.vouchFor({"example.org"}, std::time(nullptr) + 3'600,
-                                          std::time(nullptr) + kDay / 2);
+                        return a.issue({"example.org"}, std::time(nullptr) + 3'600,
+                                       std::time(nullptr) + kDay / 2);
                     },
                     gloox::CertInvalid | gloox::CertNotActive},
         Certificate{"ForClientsAlone",
-                    [](const Authority& a) { return a.vouchFor({"example.org"}, {kForClients}); },
+                    [](const Authority& a) { return a.issue({"example.org"}, {kForClients}); },
                     gloox::CertInvalid},
         Certificate{"ForMailAndCodeAlone",
                     [](const Authority& a) {
-                        return a.vouchFor({"example.org"}, {kForMail, GNUTLS_KP_CODE_SIGNING});
+                        return a.issue({"example.org"}, {kForMail, GNUTLS_KP_CODE_SIGNING});
                     },
                     gloox::CertInvalid},
         Certificate{
             "OfAnAuthorityForMailAlone",
             [](const Authority& a) {
-                return Authority("Mail authority", a, {kForMail}).vouchFor({"example.org"}, {kForServers});
+                return Authority("Mail authority", a, {kForMail}).issue({"example.org"}, {kForServers});
             },
             gloox::CertInvalid}),
     [](const auto& each) { return each.param.name; });
@@ -170,7 +170,7 @@ class GoodPurposes : public Secured, public testing::WithParamInterface<Purpose>
 
 TEST_P(GoodPurposes, AreAccepted) {
     const Authority between("Between", authority, GetParam().ofAuthority);
-    const Identity good = between.vouchFor({"example.org"}, GetParam().ofServer);
+    const Identity good = between.issue({"example.org"}, GetParam().ofServer);
     start([&](Peer& peer) {
         peer.logIn(&good);
         peer.untilEnd();
@@ -187,9 +187,9 @@ INSTANTIATE_TEST_SUITE_P(All, GoodPurposes,
                                          Purpose{"NoneOfServersAuthority", {}, {kForServers}}),
                          [](const auto& each) { return each.param.name; });
 
-TEST_F(Secured, ASignerThatIsNoAuthorityVouchesForNobody) {
+TEST_F(Secured, ASignerThatIsNoAuthorityIsNotTrusted) {
     const Authority leaf("Test leaf", Authority::Kind::NoCa);
-    const Identity vouched = leaf.vouchFor({"example.org"});
+    const Identity vouched = leaf.issue({"example.org"});
     start([&](Peer& peer) { peer.logIn(&vouched); });
     client->setCACerts({leaf.file()});
     ASSERT_TRUE(connect());
@@ -207,7 +207,7 @@ TEST_F(Secured, WithoutAListenerAGoodCertificateIsAccepted) {
 }
 
 TEST_F(Secured, WithoutAListenerABadCertificateIsRefused) {
-    const Identity bad = authority.vouchFor({"other.example"});
+    const Identity bad = authority.issue({"other.example"});
     std::string afterwards = "nothing";
     offer(bad, afterwards);
     ASSERT_TRUE(connect());
@@ -220,14 +220,14 @@ TEST_F(Secured, WithoutAListenerABadCertificateIsRefused) {
 }
 
 TEST_F(Secured, ACertificateMayNameTheConnectHostInstead) {
-    const Identity host = authority.vouchFor({"localhost"});
+    const Identity host = authority.issue({"localhost"});
     start([&](Peer& peer) { peer.logIn(&host), peer.untilEnd(); }, "localhost");
     ASSERT_TRUE(connect());
     EXPECT_TRUE(waitFor([this] { return isConnected(); })) << server->failure();
 }
 
 TEST_F(Secured, ACertificateMayNameTheConnectAddressInstead) {
-    const Identity host = authority.vouchFor({"127.0.0.1"});
+    const Identity host = authority.issue({"127.0.0.1"});
     start([&](Peer& peer) { peer.logIn(&host), peer.untilEnd(); });
     ASSERT_TRUE(connect());
     EXPECT_TRUE(waitFor([this] { return isConnected(); })) << server->failure();
@@ -358,7 +358,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Trouble{"GoodbyeAfterTheHandshake",
                             [](Peer& peer, const Identity& identity) {
                                 peer.logIn(&identity);
-                                peer.sayGoodbye();
+                                peer.closeTls();
                                 peer.untilEnd();
                             },
                             Events{"tls 0", "connect", "disconnect 3"}},
@@ -377,7 +377,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Secured, AGoodbyeEndsTheConnectionWithoutTheServersClose) {
     start([&](Peer& peer) {
         peer.logIn(&identity);
-        peer.sayGoodbye();
+        peer.closeTls();
         peer.untilEnd();
     });
     ASSERT_TRUE(connect());
@@ -401,7 +401,7 @@ TEST_F(Secured, AWarningAlertInTheHandshakeIsNotTheEnd) {
 }
 
 TEST_F(Secured, NoDescriptorIsLeftBehind) {
-    const Identity bad = authority.vouchFor({"other.example"});
+    const Identity bad = authority.issue({"other.example"});
     start([&](Peer& peer) {
         peer.agreeOnTls();
         peer.handshake(bad);
