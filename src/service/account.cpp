@@ -18,7 +18,7 @@ constexpr char kDone[] = R"({"returnValue":true})";
 // instructions of the whole request.
 void replyWith(QSHandle* handle, QSMessage* message, const std::string& key, const std::string& value,
                CallSite site = {}) {
-    JsonRef text(json_object_new_string(value.c_str()));
+    const JsonRef text(json_object_new_string(value.c_str()));
     const std::string reply =
         R"({ "returnValue": true, ")" + key + R"(": )" + json_object_to_json_string(text.get()) + " }";
     sendReply(handle, message, reply.c_str(), site);

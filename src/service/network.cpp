@@ -83,7 +83,7 @@ void wifiUnavailable(json_object* status, bool inSession, CallSite site = {}) {
 
 bool connectionStatusV2(QSHandle*, QSMessage* message, void*) {
     const char* text = QSMessageGetPayload(message);
-    JsonRef status = parseJson(text);
+    const JsonRef status = parseJson(text);
     json_object* available = jsonMember(status.get(), "isInternetConnectionAvailable");
     if (!status)
         PrvPrintErr({}, "Malformed json packet? \n");

@@ -30,7 +30,7 @@ bool watch(QSHandle* handle, const std::string& service, QSFilter callback, cons
 // Whether the report says that the service is up. Any other report is logged.
 bool isUp(QSMessage* message, const char* wentDown, const char* failed, CallSite site = {}) {
     const char* text = QSMessageGetPayload(message);
-    JsonRef payload = parseJson(text);
+    const JsonRef payload = parseJson(text);
     json_object* connected = jsonMember(payload.get(), "connected");
     if (!connected) {
         PrvPrintErr(site, payload ? "Could not find connected?" : "Malformed json packet? \n");
@@ -113,7 +113,7 @@ bool systemMgrUp(QSHandle*, QSMessage* message, void*) {
 
 bool appInstallChange(QSHandle*, QSMessage* message, void*) {
     const char* text = QSMessageGetPayload(message);
-    JsonRef payload = parseJson(text);
+    const JsonRef payload = parseJson(text);
     if (!payload) {
         PrvPrintErr({}, "Malformed json packet? \n");
         return logBadNotice("", text);

@@ -68,7 +68,7 @@ void sendPing(PubSubSession& session) {
 bool readReply(QSMessage* reply, const char* key, const char* missing, const char* failed, bool& value,
                CallSite site = {}) {
     const char* text = QSMessageGetPayload(reply);
-    JsonRef payload = parseJson(text);
+    const JsonRef payload = parseJson(text);
     json_object* member = jsonMember(payload.get(), key);
     if (!payload)
         PrvPrintErr(site, "Malformed json packet? \n");

@@ -49,7 +49,7 @@ bool isTrusted(FILE* file, const std::string& path, CallSite site = {}) {
 void ReadCredentials(std::string& jid, std::string& password, std::string& resource, std::string& server,
                      int& port, std::string& service) {
     const std::string& path = credentialsFile();
-    std::unique_ptr<FILE, FileClose> file(fopen(path.c_str(), "re"));
+    const std::unique_ptr<FILE, FileClose> file(fopen(path.c_str(), "re"));
     if (!file || !isTrusted(file.get(), path))
         return;
     std::string portText;

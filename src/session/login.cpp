@@ -87,10 +87,10 @@ bool takeAccount(PubSubSession& session, json_object* account, CallSite site) {
 }
 
 bool takeLogin(PubSubSession& session, const char* text, CallSite site = {}) {
-    JsonRef reply = parseLogged(text ? text : "", site);
+    const JsonRef reply = parseLogged(text ? text : "", site);
     if (!reply)
         return false;
-    JsonRef account = readAccount(reply.get(), site);
+    const JsonRef account = readAccount(reply.get(), site);
     if (!account || !takeAccount(session, account.get(), site))
         return false;
     session.m_resource = deviceId(site);

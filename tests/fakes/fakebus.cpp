@@ -88,10 +88,8 @@ bool deliver(FakeBusState& state, PlacedCall* placed, const std::string& payload
 }
 
 std::string errorPayload(const std::string& text) {
-    JsonRef error(json_object_new_object());
-    json_object_object_add(error.get(), "returnValue", json_object_new_boolean(false));
-    json_object_object_add(error.get(), "errorCode", json_object_new_int(-1));
-    json_object_object_add(error.get(), "errorText", json_object_new_string(text.c_str()));
+    JsonObject error;
+    error.set("returnValue", false).set("errorCode", -1).set("errorText", text);
     return json_object_to_json_string_ext(error.get(), JSON_C_TO_STRING_PLAIN);
 }
 

@@ -48,7 +48,7 @@ class Calls : public BusContract {
 };
 
 TEST_F(Calls, ReachTheMethodThatTheAddressNames) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     EXPECT_TRUE(call("zelt://com.zelt.other/timeout/set", R"({"a":1})", &replies));
@@ -60,7 +60,7 @@ TEST_F(Calls, ReachTheMethodThatTheAddressNames) {
 }
 
 TEST_F(Calls, HandTheReplyToTheCallback) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     QSToken token = 0;
@@ -77,7 +77,7 @@ TEST_F(Calls, HandTheReplyToTheCallback) {
 }
 
 TEST_F(Calls, ThatDoNotSubscribeGetNoLaterAnswer) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     ASSERT_TRUE(call("zelt://com.zelt.other/get", "{}", &replies));
@@ -90,7 +90,7 @@ TEST_F(Calls, ThatDoNotSubscribeGetNoLaterAnswer) {
 }
 
 TEST_F(Calls, ThatSubscribeGetEveryAnswerUntilTheEnd) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     QSToken token = 0;
@@ -129,7 +129,7 @@ TEST_F(Calls, ThatSubscribeEndWithTheDeathOfTheirService) {
 }
 
 TEST_F(Calls, ThatAreCancelledStaySilentAndEndAtTheService) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     QSToken token = 0;
@@ -146,7 +146,7 @@ TEST_F(Calls, ThatAreCancelledStaySilentAndEndAtTheService) {
 }
 
 TEST_F(Calls, ThatAreCancelledBeforeTheReplyStaySilent) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     QSToken token = 0;
@@ -159,7 +159,7 @@ TEST_F(Calls, ThatAreCancelledBeforeTheReplyStaySilent) {
 }
 
 TEST_F(Calls, MayBeCancelledInsideTheirCallback) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     QSToken token = 0;
@@ -175,7 +175,7 @@ TEST_F(Calls, MayBeCancelledInsideTheirCallback) {
 }
 
 TEST_F(Calls, HandABusErrorToTheCallbackAsAFailedReply) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     ASSERT_TRUE(call("zelt://com.zelt.other/get", R"({"subscribe":true})", &replies));
@@ -188,7 +188,7 @@ TEST_F(Calls, HandABusErrorToTheCallbackAsAFailedReply) {
 }
 
 TEST_F(Calls, WithoutAnAnswerDoNotReachTheCallback) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     Replies replies;
     QSToken token = 0;
@@ -200,7 +200,7 @@ TEST_F(Calls, WithoutAnAnswerDoNotReachTheCallback) {
 }
 
 TEST_F(Calls, CarryNonCharactersAsEscapes) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     m_engine->settle();
     ASSERT_TRUE(call("zelt://com.zelt.other/get", "\"\xEF\xBF\xBF\"", nullptr));
     ASSERT_TRUE(arrivedAt(*other, 1));
@@ -232,7 +232,7 @@ TEST_F(Calls, OfBadPayloadsAreRefusedAtOnce) {
 class ServerStatus : public Calls {};
 
 TEST_F(ServerStatus, OfARunningServiceIsReportedAtOnce) {
-    auto other = m_engine->otherService(kOther);
+    const auto other = m_engine->otherService(kOther);
     Replies replies;
     ASSERT_TRUE(watch(&replies));
     ASSERT_TRUE(replied(replies, 1));
@@ -258,7 +258,7 @@ TEST_F(ServerStatus, OfAnAbsentServiceIsFirstReportedWhenItComes) {
 TEST_F(ServerStatus, IsReportedOfTheWatchedServiceAlone) {
     Replies replies;
     ASSERT_TRUE(watch(&replies));
-    auto stranger = m_engine->otherService("com.zelt.stranger");
+    const auto stranger = m_engine->otherService("com.zelt.stranger");
     m_engine->settle();
     EXPECT_THAT(replies.payloads, IsEmpty());
 }

@@ -38,7 +38,7 @@ class ReadsLater : public RealBusTest {
         sd_bus_flush(m_client->bus());
     }
     const Peer* peer() const {
-        auto found = m_public->peers.find(m_name);
+        const auto found = m_public->peers.find(m_name);
         return found == m_public->peers.end() ? nullptr : found->second.get();
     }
     size_t held() const { return peer() ? peer()->held.size() : 0; }
@@ -142,7 +142,7 @@ class KeptRequests : public RealBusTest {
 };
 
 TEST_F(KeptRequests, DropTheMessageTheyCameInOnceTheyAreAnswered) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     bool heldInHandler = false;
     m_handlers["follow"] = [&](QSHandle* handle, QSMessage* message) {
         m_kept.emplace_back(message);
@@ -167,7 +167,7 @@ TEST_F(KeptRequests, DropTheMessageTheyCameInOnceTheyAreAnswered) {
 }
 
 TEST_F(KeptRequests, OfOneClientTakeAPartOfWhatIsFree) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     const size_t kept = keptOf(*client);
     EXPECT_GE(kept, 40u);
     // Fewer than the limit for their number.
@@ -181,12 +181,12 @@ TEST_F(KeptRequests, OfOneClientTakeAPartOfWhatIsFree) {
 
 TEST_F(KeptRequests, BeyondThePartOfTheirUserAreRefused) {
     const unsigned user = getuid();
-    auto quiet = m_engine->client(QSBus::Public);
+    const auto quiet = m_engine->client(QSBus::Public);
     size_t call = 0;
     request(*quiet, call);
     m_kept.clear();
     m_public->kept.add(user, 6 * kMiB);
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     EXPECT_EQ(keptOf(*client), 2u);
     // Another client of this user still has its minimum share.
     EXPECT_EQ(keptOf(*quiet), 2u);
@@ -194,7 +194,7 @@ TEST_F(KeptRequests, BeyondThePartOfTheirUserAreRefused) {
 
 TEST_F(KeptRequests, OfAnotherUserLeaveThisOneItsPart) {
     m_public->kept.add(getuid() + 1, 6 * kMiB);
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     EXPECT_GE(keptOf(*client), 25u);
     EXPECT_LE(m_public->kept.total(), 8 * kMiB);
 }

@@ -76,7 +76,7 @@ void RealBuses::stopDaemon(QSBus bus) {
 }
 
 OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
-    std::string config = readFile(std::string(TEST_SOURCE_DIR) + "/packaging/dbus/zelt-dev.conf.in");
+    const std::string config = readFile(std::string(TEST_SOURCE_DIR) + "/packaging/dbus/zelt-dev.conf.in");
     replaceAll(config, "@DIR@", m_folder.path());
     replaceAll(config, "@BUS@", busName(bus));
     replaceAll(config, "@EXTRA@", extraConfig);
@@ -85,7 +85,7 @@ OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
 
 OwnedProcess startBusDaemon(const std::string& folder, const std::string& name, const std::string& config) {
     std::string file = folder + "/" + name + ".conf";
-    std::string log = folder + "/" + name + ".log";
+    const std::string log = folder + "/" + name + ".log";
     std::ofstream(file) << config;
     int ready[2];
     if (pipe(ready) != 0)
@@ -96,8 +96,8 @@ OwnedProcess startBusDaemon(const std::string& folder, const std::string& name, 
         close(ready[0]);
         if (!freopen(log.c_str(), "w", stderr))
             _exit(127);
-        std::string configOption = "--config-file=" + file;
-        std::string addressOption = "--print-address=" + std::to_string(ready[1]);
+        const std::string configOption = "--config-file=" + file;
+        const std::string addressOption = "--print-address=" + std::to_string(ready[1]);
         execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", configOption.c_str(),
                addressOption.c_str(), nullptr);
         _exit(127);
@@ -106,7 +106,7 @@ OwnedProcess startBusDaemon(const std::string& folder, const std::string& name, 
     OwnedProcess daemon(pid);
     // The address is printed when the daemon listens; the end of the pipe means that it failed.
     char byte;
-    bool listens = read(ready[0], &byte, 1) == 1;
+    const bool listens = read(ready[0], &byte, 1) == 1;
     close(ready[0]);
     if (!listens)
         throw std::runtime_error("the " + name + " bus daemon did not start: " + readFile(log));

@@ -45,7 +45,7 @@ std::string outcomeOf(sd_bus* client, const char* interface) {
     std::string outcome;
     sd_bus_call_method_async(client, nullptr, "com.zelt.pubsubservice", "/", interface, "Ping", takeOutcome,
                              &outcome, "");
-    gint64 deadline = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
+    const gint64 deadline = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
     while (outcome.empty() && g_get_monotonic_time() < deadline) {
         while (sd_bus_process(client, nullptr) > 0) {
         }

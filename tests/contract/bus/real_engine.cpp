@@ -221,7 +221,7 @@ class RealClient : public BusClient, private WireConnection {
         uint32_t serial = 0;
         const char* text = nullptr;
         require(sd_bus_message_read(signal, "us", &serial, &text), "signal");
-        bool ended = std::strcmp(sd_bus_message_get_member(signal), "Ended") == 0;
+        const bool ended = std::strcmp(sd_bus_message_get_member(signal), "Ended") == 0;
         for (const auto& placed : static_cast<RealClient*>(data)->m_placed) {
             if (placed->serial == serial)
                 placed->answers.push_back(ended ? "ended" : std::string("answer ") + text);
@@ -345,7 +345,7 @@ bool RealEngine::turn() {
 }
 
 bool RealEngine::until(const std::function<bool()>& condition) {
-    auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;

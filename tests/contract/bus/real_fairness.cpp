@@ -54,7 +54,7 @@ TEST_F(Fairness, ATurnTakesOneOfLoneRequestsAndManyOfABurst) {
         handled = 0;
         for (int i = 0; i < count; i++)
             send(client.bus(), "hold", "{}");
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (!hasInput(m_public) || received() < count * size)
             ASSERT_LT(std::chrono::steady_clock::now(), deadline);
     };
@@ -105,7 +105,7 @@ TEST_F(Fairness, AReadOfWhatWasReceivedIsBounded) {
 }
 
 TEST_F(Fairness, ABurstOfCallsLosesNone) {
-    auto other = m_engine->otherService("com.zelt.other");
+    const auto other = m_engine->otherService("com.zelt.other");
     m_engine->settle();
     size_t replies = 0;
     auto count = [](QSHandle*, QSMessage*, void* context) {
@@ -125,8 +125,8 @@ TEST_F(Fairness, ABurstOfCallsLosesNone) {
 
 TEST_F(Fairness, ASubscriberThatDoesNotReadBlocksNobody) {
     WireConnection stalled(engine(), QSBus::Public);
-    auto reader = m_engine->client(QSBus::Public);
-    std::string wish = R"({"subscribe":true})";
+    const auto reader = m_engine->client(QSBus::Public);
+    const std::string wish = R"({"subscribe":true})";
     send(stalled.bus(), "follow", wish);
     ASSERT_TRUE(arrived(1));
     size_t call = 0;
@@ -172,7 +172,7 @@ TEST(Rest, AServiceWithSubscribersDoesNotWake) {
     // The work at the start ends by itself; after the first idle tenth of a second nothing may happen.
     std::string switches;
     ASSERT_TRUE(engine.until([&] {
-        std::string before = statusLine(service.pid(), "voluntary_ctxt_switches");
+        const std::string before = statusLine(service.pid(), "voluntary_ctxt_switches");
         g_usleep(100000);
         switches = statusLine(service.pid(), "voluntary_ctxt_switches");
         return before == switches;

@@ -35,7 +35,7 @@ class Forgery : public RealBusTest {
 };
 
 TEST_F(Forgery, OfADepartureLeavesTheClientsSubscription) {
-    auto victim = m_engine->client(QSBus::Public);
+    const auto victim = m_engine->client(QSBus::Public);
     WireConnection stranger(engine(), QSBus::Public);
     size_t call = 0;
     QSMessage* message = request(*victim, call);
@@ -49,7 +49,7 @@ TEST_F(Forgery, OfADepartureLeavesTheClientsSubscription) {
 }
 
 TEST_F(Forgery, OfAServicesDepartureIsNotReported) {
-    auto other = m_engine->otherService("com.zelt.other");
+    const auto other = m_engine->otherService("com.zelt.other");
     WireConnection stranger(engine(), QSBus::Private);
     Strings reports;
     ASSERT_TRUE(QSCall(m_private, "zelt://com.zelt.bus/signal/registerServerStatus",
@@ -71,7 +71,7 @@ TEST_F(Forgery, OfAServicesArrivalIsNotBelieved) {
 }
 
 TEST_F(Forgery, OfAServersDepartureEndsNoSubscribedCall) {
-    auto other = m_engine->otherService("com.zelt.other");
+    const auto other = m_engine->otherService("com.zelt.other");
     WireConnection stranger(engine(), QSBus::Private);
     Strings answers, ends;
     QSToken token = 0;

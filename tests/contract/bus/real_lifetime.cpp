@@ -18,7 +18,7 @@ TEST_F(Lifetime, AThousandShortLivedClientsLeaveNothing) {
     };
     size_t descriptors = openDescriptors();
     for (int i = 0; i < 1000; i++) {
-        auto client = m_engine->client(i % 2 ? QSBus::Public : QSBus::Private);
+        const auto client = m_engine->client(i % 2 ? QSBus::Public : QSBus::Private);
         size_t call = client->call("/", "hold", "{}");
         ASSERT_TRUE(has(*client, call, 1)) << i;
         ASSERT_THAT(client->answers(call), ElementsAre("reply {}"));
@@ -37,7 +37,7 @@ TEST_F(Lifetime, PublicRequestsOfClientsThatDieBeforeTheyAreKnownAreRefusedWithO
     }
     m_engine->settle();
     EXPECT_TRUE(m_engine->until([&] { return m_public->peers.empty(); }));
-    std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_THAT(m_kept, IsEmpty());
     EXPECT_THAT(log, HasSubstr("hold of the client :1."));
     EXPECT_THAT(log, HasSubstr("is refused: it left before the bus told who it is"));
@@ -86,7 +86,7 @@ TEST_F(Lifetime, AHandlerOfAClientThatLeftAtOnceMayEndTheConnection) {
 }
 
 TEST_F(Lifetime, AHandlerThatThrowsEndsItsRequestAlone) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     m_handlers["hold"] = [&](QSHandle*, QSMessage* message) {
         throw std::runtime_error(QSMessageGetPayload(message));
     };
@@ -103,7 +103,7 @@ TEST_F(Lifetime, AHandlerThatThrowsEndsItsRequestAlone) {
     EXPECT_THAT(client->answers(next), ElementsAre("reply {}"));
     client->cancel(next);
     EXPECT_TRUE(has(*client, next, 3));
-    std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_THAT(log, HasSubstr("Handling hold failed: what it said"));
     EXPECT_THAT(log, HasSubstr("Handling follow failed"));
 }
@@ -165,7 +165,7 @@ TEST_P(FullInbox, NoItemCountsAsTakenByAClientThatDiedMeanwhile) {
         names.push_back(message->peer->name);
         ASSERT_TRUE(reply(message, "{}"));
     }
-    auto living = m_engine->client(GetParam());
+    const auto living = m_engine->client(GetParam());
     size_t livingCall = 0;
     ASSERT_TRUE(QSSubscriptionAdd(handle(), "living", request(*living, livingCall), m_error));
     ASSERT_TRUE(reply(m_kept.back().get(), "{}"));
@@ -249,7 +249,7 @@ TEST_F(Lifetime, ACallersEndFunctionSaysOnceWhyNoAnswerFollows) {
     auto other = m_engine->otherService("com.zelt.other");
     m_engine->settle();
     std::vector<std::string> ends;
-    auto ignore = [](QSHandle*, QSMessage*, void*) { return true; };
+    const auto ignore = [](QSHandle*, QSMessage*, void*) { return true; };
     auto note = [](QSHandle*, QSMessage* message, void* context) {
         static_cast<std::vector<std::string>*>(context)->push_back(QSMessageGetPayload(message));
         return true;
@@ -274,7 +274,7 @@ TEST_F(Lifetime, ACallersEndFunctionSaysOnceWhyNoAnswerFollows) {
 }
 
 TEST_F(Lifetime, UnregisteringInsideAHandlerIsAllowed) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     m_handlers["hold"] = [&](QSHandle* handle, QSMessage* message) {
         EXPECT_TRUE(QSUnregister(handle, m_error)) << m_error.message();
         EXPECT_STREQ(QSMessageGetPayload(message), "{}");
@@ -287,7 +287,7 @@ TEST_F(Lifetime, UnregisteringInsideAHandlerIsAllowed) {
 }
 
 TEST_F(Lifetime, AMainLoopInsideAHandlerHandlesNothingOfTheSameBus) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     m_handlers["follow"] = [&](QSHandle* handle, QSMessage* message) {
         ASSERT_TRUE(hasInput(m_public));
         EXPECT_FALSE(g_main_context_iteration(nullptr, FALSE));
@@ -306,7 +306,7 @@ class LostBus : public RealBusTest, public testing::WithParamInterface<QSBus> {}
 INSTANTIATE_TEST_SUITE_P(, LostBus, testing::Values(QSBus::Private, QSBus::Public), busOfCase);
 
 TEST_P(LostBus, EndsTheMainLoop) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = request(*client, call);
     engine().buses().stopDaemon(GetParam());
@@ -321,7 +321,7 @@ TEST_P(LostBus, EndsTheMainLoop) {
     // The engine's own connections are not served here, so that they end nothing.
     testing::internal::CaptureStderr();
     g_main_loop_run(m_engine->loop());
-    std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = testing::internal::GetCapturedStderr();
     g_source_remove(guard);
     EXPECT_FALSE(overdue);
     EXPECT_THAT(log, HasSubstr(GetParam() == QSBus::Public
@@ -355,7 +355,7 @@ bool keep(QSHandle* handle, QSMessage* message, void* loop) {
     QSRegisterZeltService(kServiceName, &service, error);
     QSZeltServiceRegisterCategory(service, "/", methods, nullptr, loop, error);
     QSGmainAttachZeltService(service, loop, error);
-    auto answered = [](QSHandle*, QSMessage*, void*) { return true; };
+    const auto answered = [](QSHandle*, QSMessage*, void*) { return true; };
     for (QSBus bus : {QSBus::Private, QSBus::Public}) {
         QSHandle*& client = exitHandles[bus == QSBus::Public ? 1 : 0];
         QSRegister(bus, nullptr, &client, error);

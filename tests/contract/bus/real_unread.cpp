@@ -283,7 +283,7 @@ TEST_F(Load, ATurnEndsWhenItsHandlersTakeLong) {
 
 TEST_F(Load, ARefusalThatCannotBeQueuedEndsNothing) {
     WireConnection client(engine(), QSBus::Private);
-    auto follower = m_engine->client(QSBus::Private);
+    const auto follower = m_engine->client(QSBus::Private);
     size_t call = 0;
     QSMessage* followed = request(*follower, call);
     ASSERT_TRUE(reply(followed, "{}"));

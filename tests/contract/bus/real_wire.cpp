@@ -53,7 +53,7 @@ class OnTheWire : public RealBusTest {
 };
 
 TEST_F(OnTheWire, IntrospectionDescribesMethodsAndSubscriptions) {
-    std::string xml = introspect(QSBus::Private);
+    const std::string xml = introspect(QSBus::Private);
     for (const char* method : {"hold", "follow", "secret", "watch"}) {
         EXPECT_THAT(xml, HasSubstr(std::string("  <method name=\"") + method +
                                    "\">\n   <arg type=\"s\" name=\"request\" direction=\"in\"/>\n"
@@ -75,7 +75,7 @@ TEST_F(OnTheWire, IntrospectionDescribesMethodsAndSubscriptions) {
 }
 
 TEST_F(OnTheWire, IntrospectionOfThePublicBusNamesNoPrivateMethod) {
-    std::string xml = introspect(QSBus::Public);
+    const std::string xml = introspect(QSBus::Public);
     EXPECT_THAT(xml, HasSubstr("\"hold\""));
     EXPECT_THAT(xml, Not(HasSubstr("\"secret\"")));
     EXPECT_THAT(xml, Not(HasSubstr("\"watch\"")));
@@ -87,7 +87,7 @@ TEST_F(OnTheWire, APythonClientFollowsASubscriptionToItsEnd) {
         EXPECT_TRUE(QSMessageReply(handle, message, R"({"returnValue":true})", m_error));
         EXPECT_TRUE(QSSubscriptionPost(handle, "/", "follow", R"({"item":"\uFFFE"})", m_error));
     };
-    std::string script = std::string(TEST_SOURCE_DIR) + "/tests/contract/bus/foreign_client.py";
+    const std::string script = std::string(TEST_SOURCE_DIR) + "/tests/contract/bus/foreign_client.py";
     EXPECT_EQ(outputOf("/usr/bin/python3 " + script + " follow"),
               "reply {\"returnValue\":true}\n"
               "answer {\"item\":\"\\uFFFE\"}\n"
@@ -97,8 +97,8 @@ TEST_F(OnTheWire, APythonClientFollowsASubscriptionToItsEnd) {
 }
 
 TEST_F(OnTheWire, ARawNonCharacterIsRefusedWithAdvice) {
-    std::string script = std::string(TEST_SOURCE_DIR) + "/tests/contract/bus/foreign_client.py";
-    std::string output = outputOf("/usr/bin/python3 " + script + " noncharacter");
+    const std::string script = std::string(TEST_SOURCE_DIR) + "/tests/contract/bus/foreign_client.py";
+    const std::string output = outputOf("/usr/bin/python3 " + script + " noncharacter");
     EXPECT_THAT(output, HasSubstr("com.zelt.Error.InvalidText"));
     EXPECT_THAT(output, HasSubstr("\\u escape"));
     EXPECT_THAT(m_kept, IsEmpty());
@@ -131,19 +131,19 @@ TEST_F(OnTheWire, ToolsThatLeaveAtOnceAreServedOnThePrivateBus) {
 }
 
 TEST_F(OnTheWire, TheTableOfUsersNamesApplications) {
-    std::string table = engine().buses().folder() + "/users";
+    const std::string table = engine().buses().folder() + "/users";
     std::ofstream(table) << "# one user each\n" << getuid() << " com.example.by-user\n";
     setenv("ZELT_APP_ID_USERS", table.c_str(), 1);
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     size_t call = 0;
-    std::string id = QSMessageGetApplicationID(request(*client, call));
+    const std::string id = QSMessageGetApplicationID(request(*client, call));
     unsetenv("ZELT_APP_ID_USERS");
     EXPECT_EQ(id, "com.example.by-user " + std::to_string(getpid()));
 }
 
 TEST_F(OnTheWire, AClientNamesItselfOnlyWhereTheServiceIsToldToBelieveIt) {
     unsetenv("ZELT_APP_ID_FROM_ENVIRONMENT");
-    auto client = m_engine->client(QSBus::Public, "com.example.app");
+    const auto client = m_engine->client(QSBus::Public, "com.example.app");
     size_t call = 0;
     EXPECT_STREQ(QSMessageGetApplicationID(request(*client, call)), "");
 }
@@ -176,7 +176,7 @@ TEST_F(OnTheWire, APlatformServiceThatIsNotThereIsKnownWithoutAWatch) {
     EXPECT_EQ(m_error.code(), -EHOSTUNREACH);
     // Other names are not watched, so nothing is known about them.
     EXPECT_TRUE(QSCall(m_private, "zelt://org.example.absent/x", "{}", nullptr, nullptr, nullptr, m_error));
-    auto there = m_engine->otherService("com.zelt.absent");
+    const auto there = m_engine->otherService("com.zelt.absent");
     m_engine->settle();
     EXPECT_TRUE(QSCall(m_private, "zelt://com.zelt.absent/x", "{}", nullptr, nullptr, nullptr, m_error));
 }

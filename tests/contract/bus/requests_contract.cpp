@@ -12,7 +12,7 @@ class Requests : public OnBothBuses {};
 INSTANTIATE_TEST_SUITE_P(, Requests, testing::Values(QSBus::Private, QSBus::Public), busOfCase);
 
 TEST_P(Requests, ReachTheHandlerWithTheirTexts) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = request(*client, call, "hold", R"({"a":"grün \u20ac"})");
     ASSERT_NE(message, nullptr);
@@ -24,7 +24,7 @@ TEST_P(Requests, ReachTheHandlerWithTheirTexts) {
 }
 
 TEST_P(Requests, AreAnsweredByTheMethodReturn) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     m_handlers["hold"] = [&](QSHandle* handle, QSMessage* message) {
         EXPECT_EQ(handle, this->handle());
         EXPECT_TRUE(QSMessageReply(handle, message, R"({"returnValue":true})", m_error));
@@ -36,7 +36,7 @@ TEST_P(Requests, AreAnsweredByTheMethodReturn) {
 }
 
 TEST_P(Requests, AreHandledInTheOrderOfTheCaller) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     for (const char* payload : {"1", "2", "3"})
         client->call("/", "hold", payload);
     ASSERT_TRUE(arrived(3));
@@ -47,7 +47,7 @@ TEST_P(Requests, AreHandledInTheOrderOfTheCaller) {
 }
 
 TEST_P(Requests, MayBeAnsweredLaterAndInAnyOrder) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t first = 0;
     size_t second = 0;
     request(*client, first);
@@ -60,7 +60,7 @@ TEST_P(Requests, MayBeAnsweredLaterAndInAnyOrder) {
 }
 
 TEST_P(Requests, TakeLaterAnswersAsAnswersOfTheirOwn) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = request(*client, call);
     EXPECT_TRUE(reply(message, "first"));
@@ -71,7 +71,7 @@ TEST_P(Requests, TakeLaterAnswersAsAnswersOfTheirOwn) {
 }
 
 TEST_P(Requests, WithoutAnAnswerAreClosedWithTheLastReference) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     request(*client, call);
     m_engine->settle();
@@ -82,7 +82,7 @@ TEST_P(Requests, WithoutAnAnswerAreClosedWithTheLastReference) {
 }
 
 TEST_P(Requests, ThatTheHandlerLetsGoAreClosedAtOnce) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     m_handlers["hold"] = [](QSHandle*, QSMessage*) {};
     size_t call = client->call("/", "hold", "{}");
     ASSERT_TRUE(has(*client, call, 1));
@@ -90,7 +90,7 @@ TEST_P(Requests, ThatTheHandlerLetsGoAreClosedAtOnce) {
 }
 
 TEST_P(Requests, AreNotEndedWhenTheyNeverWereSubscriptions) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     EXPECT_TRUE(reply(request(*client, call), "only"));
     m_kept.clear();
@@ -99,7 +99,7 @@ TEST_P(Requests, AreNotEndedWhenTheyNeverWereSubscriptions) {
 }
 
 TEST_P(Requests, ThatExpectNoReplyGetNoneAndTakeTheAnswerAsGiven) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = client->callWithoutReply("/", "hold", "{}");
     ASSERT_TRUE(arrived(1));
     EXPECT_TRUE(reply(m_kept[0].get(), "first"));
@@ -109,7 +109,7 @@ TEST_P(Requests, ThatExpectNoReplyGetNoneAndTakeTheAnswerAsGiven) {
 }
 
 TEST_P(Requests, ThatExpectNoReplyAreDroppedInSilence) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = client->callWithoutReply("/", "hold", "{}");
     ASSERT_TRUE(arrived(1));
     m_kept.clear();
@@ -118,14 +118,14 @@ TEST_P(Requests, ThatExpectNoReplyAreDroppedInSilence) {
 }
 
 TEST_P(Requests, OfUnknownMethodsAreAnsweredAsUnknown) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = client->call("/", "getSubscriptions", "{}");
     ASSERT_TRUE(has(*client, call, 1));
     EXPECT_THAT(client->answers(call), ElementsAre("error org.freedesktop.DBus.Error.UnknownMethod"));
 }
 
 TEST_P(Requests, RefuseAnAnswerThatIsNotUtf8AndStayUnanswered) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = request(*client, call);
     EXPECT_FALSE(reply(message, "{\"a\":\"\xff\"}"));
@@ -137,7 +137,7 @@ TEST_P(Requests, RefuseAnAnswerThatIsNotUtf8AndStayUnanswered) {
 }
 
 TEST_P(Requests, CarryNonCharactersAsEscapes) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = request(*client, call);
     EXPECT_TRUE(reply(message, "{\"a\":\"x\xEF\xBF\xBEy\"}"));
@@ -149,7 +149,7 @@ TEST_P(Requests, CarryNonCharactersAsEscapes) {
 }
 
 TEST_P(Requests, RefuseNullAnswers) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = request(*client, call);
     EXPECT_FALSE(QSMessageReply(m_private, message, nullptr, m_error));
@@ -170,7 +170,7 @@ TEST_P(Requests, OfADeadClientCannotBeAnswered) {
 }
 
 TEST_P(Requests, KnowWhetherTheirCallerIsGone) {
-    auto staying = m_engine->client(GetParam());
+    const auto staying = m_engine->client(GetParam());
     auto leaving = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* first = request(*staying, call);
@@ -184,7 +184,7 @@ TEST_P(Requests, KnowWhetherTheirCallerIsGone) {
 }
 
 TEST_P(Requests, ReportTheIdAndTheProcessOfTheirApplication) {
-    auto client = m_engine->client(GetParam(), "com.example.app");
+    const auto client = m_engine->client(GetParam(), "com.example.app");
     size_t call = 0;
     QSMessage* message = request(*client, call);
     EXPECT_THAT(QSMessageGetApplicationID(message), MatchesRegex("com\\.example\\.app [0-9]+"));
@@ -193,13 +193,13 @@ TEST_P(Requests, ReportTheIdAndTheProcessOfTheirApplication) {
 }
 
 TEST_P(Requests, OfNoApplicationReportTheEmptyId) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     EXPECT_STREQ(QSMessageGetApplicationID(request(*client, call)), "");
 }
 
 TEST_P(Requests, MayBeReleasedAfterTheBusIsUnregistered) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = request(*client, call, "follow", R"({"subscribe":true,"endpoint":"e"})");
     ASSERT_TRUE(QSSubscriptionProcess(handle(), message, nullptr, m_error));
@@ -218,7 +218,7 @@ TEST_P(Requests, MayBeReleasedAfterTheBusIsUnregistered) {
 class PrivateMethods : public BusContract {};
 
 TEST_F(PrivateMethods, DoNotExistOnThePublicBus) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     size_t call = client->call("/", "secret", "{}");
     ASSERT_TRUE(has(*client, call, 1));
     EXPECT_THAT(client->answers(call), ElementsAre("error org.freedesktop.DBus.Error.UnknownMethod"));
@@ -226,7 +226,7 @@ TEST_F(PrivateMethods, DoNotExistOnThePublicBus) {
 }
 
 TEST_F(PrivateMethods, AreOnThePrivateBusBesideThePublicOnes) {
-    auto client = m_engine->client(QSBus::Private);
+    const auto client = m_engine->client(QSBus::Private);
     size_t call = 0;
     EXPECT_STREQ(QSMessageGetMethod(request(*client, call, "secret")), "secret");
     EXPECT_STREQ(QSMessageGetMethod(request(*client, call, "hold")), "hold");
@@ -235,8 +235,8 @@ TEST_F(PrivateMethods, AreOnThePrivateBusBesideThePublicOnes) {
 class Received : public BusContract {};
 
 TEST_F(Received, RequestsOfBothBusesAreHandledByOneRead) {
-    auto privateClient = m_engine->client(QSBus::Private);
-    auto publicClient = m_engine->client(QSBus::Public);
+    const auto privateClient = m_engine->client(QSBus::Private);
+    const auto publicClient = m_engine->client(QSBus::Public);
     size_t call = 0;
     request(*privateClient, call);
     request(*publicClient, call);
@@ -245,7 +245,7 @@ TEST_F(Received, RequestsOfBothBusesAreHandledByOneRead) {
     publicClient->call("/", "hold", "public");
     // The read does not wait, so it is repeated until the daemons have delivered both; the loop does not run.
     Strings payloads;
-    gint64 deadline = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
+    const gint64 deadline = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
     while (m_kept.size() < 2 && g_get_monotonic_time() < deadline)
         QSZeltServiceReadReceived(m_service);
     for (const KeptMessage& kept : m_kept)
@@ -254,14 +254,14 @@ TEST_F(Received, RequestsOfBothBusesAreHandledByOneRead) {
 }
 
 TEST_F(Received, ReadingInsideAHandlerHandlesNothing) {
-    auto client = m_engine->client(QSBus::Private);
+    const auto client = m_engine->client(QSBus::Private);
     m_handlers["watch"] = [&](QSHandle* handle, QSMessage* message) {
         size_t before = m_kept.size();
         QSZeltServiceReadReceived(m_service);
         EXPECT_EQ(m_kept.size(), before);
         EXPECT_TRUE(QSMessageReply(handle, message, "done", m_error));
     };
-    auto other = m_engine->client(QSBus::Public);
+    const auto other = m_engine->client(QSBus::Public);
     other->call("/", "hold", "{}");
     size_t call = client->call("/", "watch", "{}");
     client->call("/", "hold", "{}");

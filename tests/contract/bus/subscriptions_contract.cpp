@@ -40,7 +40,7 @@ class Subscriptions : public OnBothBuses {
 INSTANTIATE_TEST_SUITE_P(, Subscriptions, testing::Values(QSBus::Private, QSBus::Public), busOfCase);
 
 TEST_P(Subscriptions, OfMethodsNeedTheMemberInThePayload) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     for (const char* payload : {"{}", R"({"subscribe":false})", R"({"subscribe":null})", "subscribe",
                                 R"(["subscribe"])", R"({"subscribe":0})", R"({"subscribe":0.0})",
@@ -55,7 +55,7 @@ TEST_P(Subscriptions, OfMethodsNeedTheMemberInThePayload) {
 }
 
 TEST_P(Subscriptions, OfMethodsReadTheMemberByJsonCsConversion) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     for (const char* payload : {R"({"subscribe":1})", R"({"subscribe":-0.5})", R"({"subscribe":"false"})"}) {
         bool subscribed = false;
@@ -66,7 +66,7 @@ TEST_P(Subscriptions, OfMethodsReadTheMemberByJsonCsConversion) {
 }
 
 TEST_P(Subscriptions, OfMethodsGetEveryPost) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = process(*client, call);
     EXPECT_TRUE(reply(message, "first"));
@@ -77,7 +77,7 @@ TEST_P(Subscriptions, OfMethodsGetEveryPost) {
 }
 
 TEST_P(Subscriptions, ThatWereNotAnsweredYetTakeAPostAsTheReply) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     process(*client, call);
     EXPECT_TRUE(post("posted"));
@@ -86,8 +86,8 @@ TEST_P(Subscriptions, ThatWereNotAnsweredYetTakeAPostAsTheReply) {
 }
 
 TEST_P(Subscriptions, OfSeveralClientsAllGetAPost) {
-    auto first = m_engine->client(GetParam());
-    auto second = m_engine->client(GetParam());
+    const auto first = m_engine->client(GetParam());
+    const auto second = m_engine->client(GetParam());
     size_t firstCall = 0;
     size_t secondCall = 0;
     process(*first, firstCall);
@@ -110,7 +110,7 @@ TEST_P(Subscriptions, RespondWithoutASubscriberFails) {
 }
 
 TEST_P(Subscriptions, UnderAFreeKeyGetEveryResponse) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = subscribe(*client, call, "/u/d/app/node");
     EXPECT_TRUE(reply(message, "first"));
@@ -120,7 +120,7 @@ TEST_P(Subscriptions, UnderAFreeKeyGetEveryResponse) {
 }
 
 TEST_P(Subscriptions, RefuseAResponseThatIsNotUtf8) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     subscribe(*client, call, "node");
     EXPECT_FALSE(respondTo("node", "\xc0\x80"));
@@ -128,7 +128,7 @@ TEST_P(Subscriptions, RefuseAResponseThatIsNotUtf8) {
 }
 
 TEST_P(Subscriptions, OfAFreeKeyAndOfAMethodNeverMeet) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t free = 0;
     size_t method = 0;
     for (const char* key : {"/", "follow", "/follow", "//follow", "/ follow"})
@@ -142,7 +142,7 @@ TEST_P(Subscriptions, OfAFreeKeyAndOfAMethodNeverMeet) {
 }
 
 TEST_P(Subscriptions, ListTheirRequestsOldestFirst) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     subscribe(*client, call, "key", "one");
     subscribe(*client, call, "key", "two");
@@ -166,7 +166,7 @@ TEST_P(Subscriptions, OfNoHandleAreAFailure) {
 }
 
 TEST_P(Subscriptions, MayBeUnderSeveralKeysButOnceUnderEach) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = subscribe(*client, call, "a");
     EXPECT_TRUE(QSSubscriptionAdd(handle(), "a", message, m_error));
@@ -179,7 +179,7 @@ TEST_P(Subscriptions, MayBeUnderSeveralKeysButOnceUnderEach) {
 }
 
 TEST_P(Subscriptions, ThatAreRemovedEndWithoutTheCancelFunction) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     reply(subscribe(*client, call, "key"), "first");
     m_kept.clear();
@@ -193,7 +193,7 @@ TEST_P(Subscriptions, ThatAreRemovedEndWithoutTheCancelFunction) {
 }
 
 TEST_P(Subscriptions, ThatAreRemovedStayAnswerableWhileTheyAreKept) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = subscribe(*client, call, "key");
     removeFirst("key");
@@ -205,7 +205,7 @@ TEST_P(Subscriptions, ThatAreRemovedStayAnswerableWhileTheyAreKept) {
 }
 
 TEST_P(Subscriptions, RemoveTakesOnlyTheLastReturnedOne) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     subscribe(*client, call, "key", "one");
     subscribe(*client, call, "key", "two");
@@ -214,7 +214,7 @@ TEST_P(Subscriptions, RemoveTakesOnlyTheLastReturnedOne) {
 }
 
 TEST_P(Subscriptions, WithoutAnAnswerAreClosedAsUnanswered) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     subscribe(*client, call, "key");
     m_kept.clear();
@@ -225,7 +225,7 @@ TEST_P(Subscriptions, WithoutAnAnswerAreClosedAsUnanswered) {
 }
 
 TEST_P(Subscriptions, AreEndedByTheClientsCancel) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     reply(subscribe(*client, call, "key", R"({"endpoint":"e"})"), "first");
     m_kept.clear();
@@ -238,7 +238,7 @@ TEST_P(Subscriptions, AreEndedByTheClientsCancel) {
 }
 
 TEST_P(Subscriptions, AreCancelledOnceThoughTheyAreOnSeveralLists) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = process(*client, call);
     QSSubscriptionAdd(handle(), "a", message, m_error);
@@ -260,7 +260,7 @@ TEST_P(Subscriptions, AreCancelledOnceThoughTheyAreOnSeveralLists) {
 }
 
 TEST_P(Subscriptions, ThatWereCancelledStillGetTheReplyThatIsOwedAndNothingMore) {
-    auto client = m_engine->client(GetParam());
+    const auto client = m_engine->client(GetParam());
     size_t call = 0;
     QSMessage* message = subscribe(*client, call, "key");
     client->cancel(call);
@@ -275,8 +275,8 @@ TEST_P(Subscriptions, ThatWereCancelledStillGetTheReplyThatIsOwedAndNothingMore)
 }
 
 TEST_P(Subscriptions, OfAnotherClientCannotBeCancelled) {
-    auto owner = m_engine->client(GetParam());
-    auto stranger = m_engine->client(GetParam());
+    const auto owner = m_engine->client(GetParam());
+    const auto stranger = m_engine->client(GetParam());
     size_t owned = 0;
     size_t strange = 0;
     subscribe(*owner, owned, "key");
@@ -308,7 +308,7 @@ TEST_P(Subscriptions, OfADeadClientAreCancelledOldestFirst) {
 TEST_P(Subscriptions, OfADeadClientKeepTheirTextsForTheCancelFunction) {
     auto client = m_engine->client(GetParam(), "com.example.app");
     size_t call = 0;
-    std::string id = QSMessageGetApplicationID(subscribe(*client, call, "key", R"({"endpoint":"e"})"));
+    const std::string id = QSMessageGetApplicationID(subscribe(*client, call, "key", R"({"endpoint":"e"})"));
     m_kept.clear();
     Strings seen;
     m_onCancel = [&](QSHandle*, QSMessage* message) {
@@ -334,7 +334,7 @@ TEST_P(Subscriptions, ThatWereRemovedAreNotCancelledByADeath) {
 
 TEST_P(Subscriptions, MayBeRemovedInsideTheCancelFunction) {
     auto client = m_engine->client(GetParam());
-    auto other = m_engine->client(GetParam());
+    const auto other = m_engine->client(GetParam());
     size_t call = 0;
     subscribe(*client, call, "key", "dead");
     subscribe(*other, call, "key", "alive");
@@ -362,8 +362,8 @@ TEST_P(Subscriptions, AnAcquiredListSurvivesTheEndOfItsClients) {
 class Responses : public BusContract {};
 
 TEST_F(Responses, ReachTheSubscribersOfBothBuses) {
-    auto privateClient = m_engine->client(QSBus::Private);
-    auto publicClient = m_engine->client(QSBus::Public);
+    const auto privateClient = m_engine->client(QSBus::Private);
+    const auto publicClient = m_engine->client(QSBus::Public);
     size_t onPrivate = 0;
     size_t onPublic = 0;
     ASSERT_TRUE(QSSubscriptionAdd(m_private, "key", request(*privateClient, onPrivate), m_error));
@@ -373,11 +373,11 @@ TEST_F(Responses, ReachTheSubscribersOfBothBuses) {
 }
 
 TEST_F(Responses, PostReachesOneConnectionAlone) {
-    auto privateClient = m_engine->client(QSBus::Private);
-    auto publicClient = m_engine->client(QSBus::Public);
+    const auto privateClient = m_engine->client(QSBus::Private);
+    const auto publicClient = m_engine->client(QSBus::Public);
     size_t onPrivate = 0;
     size_t onPublic = 0;
-    std::string wish = R"({"subscribe":true})";
+    const std::string wish = R"({"subscribe":true})";
     QSMessage* message = request(*privateClient, onPrivate, "follow", wish);
     ASSERT_TRUE(QSSubscriptionProcess(m_private, message, nullptr, m_error));
     message = request(*publicClient, onPublic, "follow", wish);
@@ -389,7 +389,7 @@ TEST_F(Responses, PostReachesOneConnectionAlone) {
 }
 
 TEST_F(Responses, ARequestIsNotSubscribedOnTheOtherConnection) {
-    auto client = m_engine->client(QSBus::Private);
+    const auto client = m_engine->client(QSBus::Private);
     size_t call = 0;
     EXPECT_FALSE(QSSubscriptionAdd(m_public, "key", request(*client, call), m_error));
     EXPECT_EQ(m_error.code(), -EINVAL);
@@ -398,7 +398,7 @@ TEST_F(Responses, ARequestIsNotSubscribedOnTheOtherConnection) {
 class Bounds : public BusContract {};
 
 TEST_F(Bounds, APublicClientHasSixtyFourSubscriptions) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     size_t call = 0;
     for (int i = 0; i < 64; i++) {
         QSMessage* message = request(*client, call);
@@ -408,12 +408,12 @@ TEST_F(Bounds, APublicClientHasSixtyFourSubscriptions) {
     EXPECT_FALSE(QSSubscriptionAdd(m_public, "key", request(*client, call), m_error));
     EXPECT_EQ(m_error.code(), -EDQUOT);
     EXPECT_THAT(m_error.message(), HasSubstr("cancel some"));
-    auto other = m_engine->client(QSBus::Public);
+    const auto other = m_engine->client(QSBus::Public);
     EXPECT_TRUE(QSSubscriptionAdd(m_public, "key", request(*other, call), m_error));
 }
 
 TEST_F(Bounds, APublicClientHas128UnansweredRequests) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     for (int i = 0; i < 128; i++)
         client->call("/", "hold", "{}");
     size_t beyond = client->call("/", "hold", "{}");
@@ -428,7 +428,7 @@ TEST_F(Bounds, APublicClientHas128UnansweredRequests) {
 }
 
 TEST_F(Bounds, ARequestThatIsAnsweredAndKeptCountsUntilItGoes) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     size_t call = 0;
     for (int i = 0; i < 128; i++)
         ASSERT_TRUE(reply(request(*client, call), "{}")) << i;
@@ -441,7 +441,7 @@ TEST_F(Bounds, ARequestThatIsAnsweredAndKeptCountsUntilItGoes) {
 }
 
 TEST_F(Bounds, ASubscribedRequestCountsAmongTheSubscriptionsAlone) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     size_t call = 0;
     for (int i = 0; i < 64; i++) {
         QSMessage* message = request(*client, call);
@@ -454,7 +454,7 @@ TEST_F(Bounds, ASubscribedRequestCountsAmongTheSubscriptionsAlone) {
 }
 
 TEST_F(Bounds, APublicPayloadHas4KiB) {
-    auto client = m_engine->client(QSBus::Public);
+    const auto client = m_engine->client(QSBus::Public);
     client->call("/", "hold", std::string(4 * 1024, 'x'));
     ASSERT_TRUE(arrived(1));
     size_t call = client->call("/", "hold", std::string(4 * 1024 + 1, 'x'));
@@ -464,7 +464,7 @@ TEST_F(Bounds, APublicPayloadHas4KiB) {
 }
 
 TEST_F(Bounds, ThePrivateBusHasNone) {
-    auto client = m_engine->client(QSBus::Private);
+    const auto client = m_engine->client(QSBus::Private);
     size_t call = 0;
     for (int i = 0; i < 140; i++)
         ASSERT_TRUE(QSSubscriptionAdd(m_private, "key", request(*client, call), m_error)) << i;
