@@ -76,7 +76,7 @@ void RealBuses::stopDaemon(QSBus bus) {
 }
 
 OwnedProcess RealBuses::startDaemon(QSBus bus, const std::string& extraConfig) {
-    const std::string config = readFile(std::string(TEST_SOURCE_DIR) + "/packaging/dbus/zelt-dev.conf.in");
+    std::string config = readFile(std::string(TEST_SOURCE_DIR) + "/packaging/dbus/zelt-dev.conf.in");
     replaceAll(config, "@DIR@", m_folder.path());
     replaceAll(config, "@BUS@", busName(bus));
     replaceAll(config, "@EXTRA@", extraConfig);
