@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: GPL-3.0-only
-"""Measures requests, item delivery and the idle service, each beside a reference of the same run."""
+"""Measures requests, item delivery and the idle service, each beside a reference of the same run; with --server
+publishing to and delivery by the XMPP server."""
 
 import argparse
 import contextlib
@@ -19,6 +20,7 @@ import device as devices  # noqa: E402
 import processes  # noqa: E402
 from device import BIN  # noqa: E402
 from item_server import ItemServer  # noqa: E402
+from server_load import server_load  # noqa: E402
 
 NODE = "/bench/node"
 PAYLOAD = "x" * 100
@@ -227,10 +229,16 @@ def main():
     parser.add_argument("--tmpfs", default="/dev/shm", help="folder on a tmpfs (default: /dev/shm)")
     parser.add_argument("--counts", action="store_true",
                         help="only what does not depend on the machine's speed: the service at rest")
+    parser.add_argument("--server", action="store_true", help="measure the XMPP server instead of the device")
     arguments = parser.parse_args()
     scale = 10 if arguments.quick else 1
     table = Table()
     pathlib.Path(arguments.disk).mkdir(exist_ok=True)
+    if arguments.server:
+        with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.disk) as folder:
+            server_load(folder, BIN / "bench_server", table, arguments.quick)
+        table.show()
+        return 0
     for where, base in (("tmpfs", arguments.tmpfs), ("disk", arguments.disk)):
         if arguments.counts and where == "disk":
             continue
