@@ -6,7 +6,6 @@
 -export([process_info/1, process_items/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
--include_lib("ejabberd/include/pubsub.hrl").
 -include("pubsub_device.hrl").
 
 -define(AUTO_CREATE, <<"http://jabber.org/protocol/pubsub#auto-create">>).
@@ -33,7 +32,7 @@ info(false, IQ) ->
 
 process_items(#iq{type = get, from = From, to = #jid{lserver = Service},
                   sub_els = [#disco_items{node = <<>>}]} = IQ) ->
-    xmpp:make_iq_result(IQ, #disco_items{items = [item(Node) || Node <- visible(Service, From)]});
+    xmpp:make_iq_result(IQ, #disco_items{items = [item(Service, Node) || Node <- visible(Service, From)]});
 process_items(#iq{sub_els = [#disco_items{node = NodeId}]} = IQ) ->
     Known = case parts(NodeId) of
                 [Name] -> not is_hidden(Name, IQ);
@@ -63,26 +62,14 @@ not_found(IQ) ->
 %% Read page by page: hidden nodes must not reduce the number of listed ones.
 visible(Service, From) ->
     Limit = mod_pubsub_opt:max_nodes_discoitems(ejabberd_router:host_of_route(Service)),
-    Pattern = [{#pubsub_node{nodeid = {Service, '_'}, parents = [], _ = '_'}, [], ['$_']}],
-    Read = fun() -> pages(mnesia:select(pubsub_node, Pattern, page(Limit), read), Service, From, ?PAGES) end,
-    first(Limit, mnesia:async_dirty(Read)).
+    Passes = fun(NodeId) -> not is_foreign_key_node(Service, NodeId, From) end,
+    first(Limit, pubsub_device_tree:listed(Service, page(Limit), ?PAGES, Passes)).
 
 page(infinity) -> 100;
 page(Limit) -> Limit.
 
-pages('$end_of_table', _, _, _) ->
-    [];
-pages(_, _, _, 0) ->
-    [];
-pages({Nodes, Continuation}, Service, From, Left) ->
-    [Node || #pubsub_node{nodeid = {_, NodeId}} = Node <- Nodes, not is_foreign_key_node(Service, NodeId, From)]
-        ++ pages(mnesia:select(Continuation), Service, From, Left - 1).
-
 first(infinity, Nodes) -> Nodes;
 first(Limit, Nodes) -> lists:sublist(Nodes, Limit).
 
-item(#pubsub_node{nodeid = {Service, NodeId}, options = Options}) ->
-    case proplists:get_value(title, Options, false) of
-        false -> #disco_item{jid = jid:make(Service), node = NodeId};
-        Title -> #disco_item{jid = jid:make(Service), node = NodeId, name = Title}
-    end.
+item(Service, {NodeId, none}) -> #disco_item{jid = jid:make(Service), node = NodeId};
+item(Service, {NodeId, Title}) -> #disco_item{jid = jid:make(Service), node = NodeId, name = Title}.
