@@ -183,6 +183,17 @@ TEST_F(PublicSubscribe, ThatIsRefusedRemovesNoOtherSubscriber) {
     EXPECT_EQ(fakeBus().subscribers(publicHandle(), kNode), std::vector<FakeMessage*>{other});
 }
 
+TEST_F(PublicSubscribe, ThatIsRefusedStaysOnABusListThatCannotBeRead) {
+    bool present = false;
+    session().addNodeToMap(kNode, "zelt://com.example.one/item", false, present);
+    fakeBus().failNext("QSSubscriptionAcquire", -5, "no way");
+    const Answer reply = askSubscribe();
+    EXPECT_EQ(reply, refusal("inbox", "libErr", kNotInitialized));
+    EXPECT_EQ(fakeBus().subscribers(publicHandle(), kNode), std::vector<FakeMessage*>{reply.message()});
+    EXPECT_TRUE(session().subMap.empty());
+    allowHeld(reply);
+}
+
 TEST_F(PublicSubscribe, OfANameMadeOfQuotesAndBackslashesIsThatOfTheEmptyName) {
     const Answer reply = askSubscribe(R"({"endpoint":"\"\\\""})");
     EXPECT_EQ(reply, R"({ "returnValue": true, "endpoint": "" })");

@@ -87,6 +87,33 @@ TEST_F(DeleteStore, TakesOverALongRecordOfAnEarlierRelease) {
     }
 }
 
+TEST_F(DeleteStore, LeavesALongRecordAsItIsWhenTheStoreTakesNoFurtherNode) {
+    std::string nodes;
+    for (int i = 0; i < 70; ++i)
+        nodes += (i ? ", " : "") + shownNumber(i);
+    store(kKey, nodesOf(nodes));
+    for (const bool adding : {true, false}) {
+        fakePrefs().failNext("QPAppSetValue", QP_BUSY);
+        EXPECT_FALSE(adding ? add("/u/new") : remove(nodeNumber(69)));
+        EXPECT_EQ(takeLog(), Texts{"Error: QPAppSetValue returned 4, On failed"});
+        EXPECT_EQ(stored(), (FakePrefs::Values{{kKey, nodesOf(nodes)}}));
+    }
+    EXPECT_TRUE(add("/u/new"));
+    EXPECT_EQ(stored().size(), 1u + 7u);
+}
+
+TEST_F(DeleteStore, KeepsAFurtherNodeThatTheStoreDoesNotRemove) {
+    for (int i = 0; i < 65; ++i)
+        add(nodeNumber(i));
+    const std::string key = kKey + ' ' + nodeNumber(64);
+    fakePrefs().failNext("QPAppRemoveValue", QP_IO);
+    EXPECT_FALSE(remove(nodeNumber(64)));
+    EXPECT_EQ(takeLogLines(), Texts{"removeNodeFromDeleteStore: Removing delete key failed " + key});
+    EXPECT_TRUE(session().furtherNodes(kKey).contains(nodeNumber(64)));
+    EXPECT_TRUE(remove(nodeNumber(64)));
+    EXPECT_FALSE(stored().contains(key));
+}
+
 TEST_F(DeleteStore, AnApplicationMayHaveOnlySoManyNodesAndKeepsThose) {
     EXPECT_TRUE(session().mayOwnNode("/u/new", kApp));
     for (int i = 0; i < 999; ++i)
@@ -103,6 +130,19 @@ TEST_F(DeleteStore, AnApplicationMayHaveOnlySoManyNodesAndKeepsThose) {
     }
     remove(nodeNumber(500));
     EXPECT_TRUE(session().mayOwnNode("/u/newer", kApp));
+}
+
+TEST_F(DeleteStore, AStoreThatCannotBeReadBoundsNoApplication) {
+    for (int i = 0; i < 1'000; ++i)
+        add(nodeNumber(i));
+    fakePrefs().failNext("QPAppCopyValue", QP_IO);
+    EXPECT_TRUE(session().mayOwnNode("/u/new", kApp));
+    EXPECT_EQ(takeLog(), Texts{"Reading " + kKey + " from the preferences failed. 3"});
+    EXPECT_FALSE(session().mayOwnNode("/u/new", kApp));
+    restartService();
+    fakePrefs().failNext("QPAppGetHandle", QP_IO);
+    EXPECT_TRUE(session().mayOwnNode("/u/new", kApp));
+    EXPECT_FALSE(session().mayOwnNode("/u/new", kApp));
 }
 
 TEST_F(DeleteStore, TakesNoNumberOfANodeForAFurtherNode) {

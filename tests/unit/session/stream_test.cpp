@@ -378,6 +378,26 @@ TEST_F(HeldRequests, WhoseCallerIsGoneAreDropped) {
     session().m_msgMap.clear();
 }
 
+// What is activated after a cancellation has no caller; the activation of all nodes names it again.
+TEST_F(HeldRequests, ThatNoCallerWaitsForAreDropped) {
+    setAccountDetails();
+    connectSession();
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    std::string id;
+    EXPECT_TRUE(session().activateNode("/a", id));
+    const Answer there = subscribe("/b");
+    EXPECT_FALSE(id.empty());
+    EXPECT_FALSE(session().isAwaited(id));
+    takeEvents();
+    reconnect();
+    for (const std::string& sent : journal().eventsOf("xmpp.send "))
+        EXPECT_EQ(sent.find("<activate "), std::string::npos) << sent;
+    EXPECT_EQ(subscribesSent(), 1);
+    EXPECT_TRUE(there.waiting());
+    session().m_msgMap.clear();
+}
+
 TEST_F(HeldRequests, OfAThousandLeaveRoomForTheActivationOfAllNodes) {
     setAccountDetails();
     session().m_bootFinished = true;
