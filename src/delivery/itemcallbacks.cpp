@@ -24,9 +24,8 @@ bool requireOwnNames(const PubSubSession& session, Request& request) {
 // registered until the next start.
 bool addRegistration(PubSubSession& session, const Request& request, const char* record) {
     bool alreadyPresent = false;
-    if (!session.addNodeToMap(request.node, request.endpoint, false, alreadyPresent))
-        return false;
-    return alreadyPresent || session.UpdateHandlerFile(record, true);
+    return session.addNodeToMap(request.node, request.endpoint, false, alreadyPresent) &&
+           (alreadyPresent || session.UpdateHandlerFile(record, true));
 }
 
 }  // namespace

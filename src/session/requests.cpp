@@ -54,9 +54,8 @@ void PubSubSession::countCreation(const std::string& id, const std::string& appI
     m_endpointMap[id].creation = held;
 }
 
+// Public requests are never held for the stream: they are only sent while it is up.
 bool PubSubSession::isAwaited(const std::string& id) const {
-    if (QSMessage* kept = keptRequest(id))
-        return !QSMessageIsCallerGone(kept);
-    const auto kept = m_endpointMap.find(id);
-    return kept != m_endpointMap.end() && !QSMessageIsCallerGone(kept->second.message.get());
+    QSMessage* kept = keptRequest(id);
+    return kept && !QSMessageIsCallerGone(kept);
 }
