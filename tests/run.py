@@ -20,7 +20,7 @@ PRESET = os.environ.get("PUBSUB_TEST_PRESET", "asan")
 BIN = ROOT / "build" / PRESET / "bin"
 TESTS = ("style", "unit", "contract", "server", "e2e")
 BUILT = {"unit", "contract", "e2e"}  # need the programs of PRESET
-GATES = ("clang", "tidy")
+GATES = ("clang", "tidy", "coverage")
 PROGRAM_DEADLINE = 600  # seconds for one test program
 
 ENVIRONMENT = dict(
@@ -97,6 +97,23 @@ def run_check(name, command):
     return Result(name, int(not status), int(bool(status)), time.monotonic() - start, output)
 
 
+def run_aloud(name, command):
+    """A longer program that ends with the line "N passed, N failed"; its other lines are printed as they come."""
+    start = time.monotonic()
+    passed = failed = None
+    with subprocess.Popen(command, cwd=ROOT, env=ENVIRONMENT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, errors="replace") as process:
+        for line in process.stdout:
+            counts = re.fullmatch(r"(\d+) passed, (\d+) failed\n", line)
+            if counts:
+                passed, failed = map(int, counts.groups())
+            else:
+                print(line, end="", flush=True)
+    if failed is None or (process.returncode and not failed):
+        passed, failed = passed or 0, 1
+    return Result(name, passed, failed, time.monotonic() - start, "The lines above say why.")
+
+
 def tidy_programs():
     """One check for each source of the product, with the commands of the build with clang."""
     if not shutil.which("clang-tidy"):
@@ -121,6 +138,8 @@ def programs_of(kind):
         yield kind, lambda: run_build("clang")
     elif kind == "tidy":
         yield from tidy_programs()
+    elif kind == "coverage":
+        yield kind, lambda: run_aloud("coverage", ["/usr/bin/python3", str(ROOT / "tests/coverage.py")])
     elif kind == "server":
         for path in sorted((ROOT / "tests/server").glob("test_*.py")):
             command = ["/usr/bin/python3", str(ROOT / "tests/server/run_tests.py"), path.stem + "."]
