@@ -66,6 +66,9 @@ account_hooks() ->
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
      {remove_user, pubsub_device_presence, on_remove_user}].
 
+page_hooks() ->
+    [{webadmin_menu_main, menu}, {webadmin_page_main, page}].
+
 %% The hook that writes a stanza runs after all that may drop or change it.
 priority(c2s_filter_send) -> 1000;
 priority(_) -> 50.
@@ -74,16 +77,22 @@ priority(_) -> 50.
 workers() ->
     [{pubsub_device_commit, {pubsub_device_commit, start_link, []}},
      {pubsub_device_sweep, {pubsub_device_sweep, start_link, []}},
-     {pubsub_device_gate, {pubsub_device_gate, start_link, []}}
+     {pubsub_device_gate, {pubsub_device_gate, start_link, []}},
+     {pubsub_device_gauges, {pubsub_device_gauges, start_link, []}}
      | [{pubsub_device_writer:name(Shard), {pubsub_device_writer, start_link, [Shard]}}
         || Shard <- pubsub_device_writer:shards()]].
 
 start_workers() ->
+    pubsub_device_metrics:init(),
     pubsub_device_store:init(),
+    pubsub_device_commands:register(),
+    [ejabberd_hooks:add(Hook, pubsub_device_page, Function, 50) || {Hook, Function} <- page_hooks()],
     [{ok, _} = supervisor:start_child(ejabberd_gen_mod_sup, {Id, Start, permanent, 5000, worker, dynamic})
      || {Id, Start} <- workers()].
 
 stop_workers() ->
+    [ejabberd_hooks:delete(Hook, pubsub_device_page, Function, 50) || {Hook, Function} <- page_hooks()],
+    pubsub_device_commands:unregister(),
     ejabberd_hooks:delete(filter_packet, pubsub_device_filter, filter_packet, 50),
     [ejabberd_hooks:delete(Hook, Each, Module, Function, priority(Hook))
      || Each <- ejabberd_option:hosts(), {Hook, Module, Function} <- account_hooks()],

@@ -20,7 +20,10 @@ init() ->
 fits(Node, Device, Number, Item) ->
     case pubsub_device_store:bytes(Item) =< min(mod_pubsub_device:option(max_kept_bytes), account_bound()) of
         true -> true;
-        false -> dropped(Node, Device, Number), false
+        false ->
+            pubsub_device_metrics:count({dropped, size}),
+            dropped(Node, Device, Number),
+            false
     end.
 
 %% Drops the oldest copies while a bound is exceeded. A node has a bound of its own, so that a busy one cannot
@@ -29,20 +32,22 @@ enforce(Node, Device) ->
     case pubsub_device_store:count(Node, Device) > mod_pubsub_device:option(max_kept_node) of
         true ->
             case pubsub_device_store:next(Node, Device, 0) of
-                #pubsub_device_copy{id = {_, _, Number}} -> drop(Node, Device, Number), enforce(Node, Device);
+                #pubsub_device_copy{id = {_, _, Number}} ->
+                    drop(Node, Device, Number, node),
+                    enforce(Node, Device);
                 none -> pubsub_device_store:miscounted(Node, Device)
             end;
         false ->
-            bound(Device, mod_pubsub_device:option(max_kept), mod_pubsub_device:option(max_kept_bytes)),
-            bound(setelement(3, Device, <<>>), infinity, account_bound())
+            bound(Device, mod_pubsub_device:option(max_kept), mod_pubsub_device:option(max_kept_bytes), device),
+            bound(setelement(3, Device, <<>>), infinity, account_bound(), account)
     end.
 
 %% An atom is greater than every number.
-bound(Who, Count, Bytes) ->
+bound(Who, Count, Bytes, Why) ->
     case pubsub_device_store:load(Who) of
         {Kept, Size} when Kept > Count; Size > Bytes ->
             case pubsub_device_store:oldest(Who) of
-                {Node, Device, Number} -> drop(Node, Device, Number), bound(Who, Count, Bytes);
+                {Node, Device, Number} -> drop(Node, Device, Number, Why), bound(Who, Count, Bytes, Why);
                 none -> pubsub_device_store:miscounted(Who)
             end;
         _ -> ok
@@ -52,8 +57,13 @@ bound(Who, Count, Bytes) ->
 account_bound() ->
     min(mod_pubsub_device:option(max_account_bytes), mod_pubsub_device:option(max_store) div 2).
 
-drop(Node, Device, Number) ->
-    pubsub_device_store:drop(Node, Device, Number) andalso dropped(Node, Device, Number).
+drop(Node, Device, Number, Why) ->
+    case pubsub_device_store:drop(Node, Device, Number) of
+        true ->
+            pubsub_device_metrics:count({dropped, Why}),
+            dropped(Node, Device, Number);
+        false -> false
+    end.
 
 %%% nodes, keys and devices of an account: `false`, or the error
 
@@ -67,10 +77,16 @@ key_refused(Account) ->
 refused(Option, What, Count) ->
     Bound = mod_pubsub_device:option(Option),
     Text = "The account has ~b ~ts, as many as it may; delete some, or ask the server's operator to raise ~ts",
-    Count > Bound andalso resource_constraint(io_lib:format(Text, [Bound, What, Option])).
+    case Count > Bound of
+        true ->
+            pubsub_device_metrics:count({refused, Option}),
+            resource_constraint(io_lib:format(Text, [Bound, What, Option]));
+        false -> false
+    end.
 
 device_refused(Account) ->
     Bound = mod_pubsub_device:option(max_devices),
+    pubsub_device_metrics:count({refused, max_devices}),
     Text = "The account has ~b devices, as many as it may, and all are connected; end one's session, or ask the server's "
            "operator to raise max_devices",
     case ets:update_counter(?TABLE, {refused, Account}, 1, {{refused, Account}, 0}) of
@@ -99,7 +115,7 @@ drop_aged(Node, Device) ->
     Oldest = erlang:system_time(second) - mod_pubsub_device:option(max_age) div 1000,
     case pubsub_device_store:next(Node, Device, 0) of
         #pubsub_device_copy{id = {_, _, Number}, at = At} when At < Oldest ->
-            drop(Node, Device, Number),
+            drop(Node, Device, Number, age),
             drop_aged(Node, Device);
         _ -> ok
     end.
@@ -111,6 +127,7 @@ measure() ->
     Accounts = pubsub_device_store:accounts(),
     Bytes = lists:sum([Size || {_, Size} <- Accounts]),
     ets:insert(?TABLE, {store_full, Bytes > Bound}),
+    pubsub_device_metrics:set(kept_bytes, Bytes),
     Bytes > Bound andalso hd(pubsub_device_commit:members()) == node() andalso relieve(Accounts, Bytes, Bound).
 
 %% Frees a tenth of the store at the cost of the accounts that have most: each is reduced to the same level.
@@ -119,7 +136,7 @@ relieve(Accounts, Bytes, Bound) ->
     Above = [Account || {Account, Size} <- Accounts, Size > Level],
     ?LOG_WARNING("The store is full: ~b bytes are kept, and max_store of mod_pubsub_device is ~b. The ~b accounts with "
                  "more than ~b bytes lose their oldest items", [Bytes, Bound, length(Above), Level]),
-    [bound(Account, infinity, Level) || Account <- Above].
+    [bound(Account, infinity, Level, store) || Account <- Above].
 
 level([Size | Rest], Room, Left) when Size * Left =< Room -> level(Rest, Room - Size, Left - 1);
 level(_, Room, Left) -> Room div max(1, Left).

@@ -38,8 +38,12 @@ filter_packet(Stanza) ->
 judged(ok, _, Pass) ->
     Pass();
 judged({error, Error}, Stanza, _) ->
+    pubsub_device_metrics:count({refused, reason(Error)}),
     ejabberd_router:route_error(xmpp:set_els(Stanza, []), Error),
     drop.
+
+reason(#stanza_error{reason = 'not-acceptable'}) -> stream_element;
+reason(_) -> foreign.
 
 %%% inwards
 
@@ -77,6 +81,7 @@ incoming(_, Stanza) ->
 publish(IQ) ->
     case pubsub_device_bounds:is_full() of
         true ->
+            pubsub_device_metrics:count({refused, full}),
             Text = <<"The service is full; try again later">>,
             ejabberd_router:route_error(IQ, xmpp:err_resource_constraint(Text, <<"en">>)),
             drop;
@@ -105,9 +110,10 @@ acknowledge(Service, Device, Ack) ->
 
 %% A change that the service confirms is on disk first, as an item is. The session does not wait for that: it
 %% continues with the next request, and the answer follows.
-answer(Service, IQ) ->
+answer(Service, #iq{type = Type} = IQ) ->
     pubsub_device_lock:release(),
     Published = pubsub_device_publish:hand_over(IQ),
+    Type == error andalso pubsub_device_publish:is_publishing() andalso pubsub_device_metrics:count({refused, engine}),
     pubsub_device_publish:end_publish(),
     case {erase(?CHANGE), IQ} of
         _ when Published -> drop;

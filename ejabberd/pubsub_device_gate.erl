@@ -30,6 +30,7 @@ enter(Listener, Address, Bounds) ->
     end.
 
 init([]) ->
+    pubsub_device_metrics:set(connections, 0),
     {ok, #state{}}.
 
 handle_call({enter, Listener, Address, {Each, All}}, {Pid, _}, #state{counts = Counts} = State) ->
@@ -52,11 +53,13 @@ handle_cast(_, State) ->
 
 handle_info({'DOWN', Monitor, process, _, _}, #state{counts = Counts, entered = Entered} = State) ->
     {Names, Rest} = maps:take(Monitor, Entered),
+    [pubsub_device_metrics:count(connections, -1) || {_, all} <- Names],
     {noreply, State#state{counts = lists:foldl(fun decrement/2, Counts, Names), entered = Rest}};
 handle_info(_, State) ->
     {noreply, State}.
 
 entered(Pid, Names, #state{counts = Counts, entered = Entered} = State) ->
+    [pubsub_device_metrics:count(connections) || {_, all} <- Names],
     State#state{counts = lists:foldl(fun(Name, Map) -> Map#{Name => count(Name, Map) + 1} end, Counts, Names),
                 entered = Entered#{monitor(process, Pid) => Names}}.
 

@@ -47,6 +47,7 @@ stream_element() ->
 on_receive(State, Element, _) ->
     case is_deeper(Element, ?MAX_DEPTH) of
         true ->
+            pubsub_device_metrics:count({refused, depth}),
             xmpp_stream_in:send(State, xmpp:serr_policy_violation(<<"XML stanza is nested too deep">>, <<"en">>));
         false -> State
     end.

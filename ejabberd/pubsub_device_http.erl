@@ -14,9 +14,9 @@ process([Key], #request{method = 'POST', data = Body, length = Length, path = Pa
     Limit = mod_pubsub_device:option(max_payload),
     case check(Body, max(Length, byte_size(Body)), Limit) of
         ok -> publish(Key, Body, Path);
-        empty -> refuse(400, <<"The body is empty; it is the text of the item">>);
-        text -> refuse(400, <<"The body is no UTF-8 text, or has characters that XML 1.0 does not carry">>);
-        size -> refuse(413, iolist_to_binary(io_lib:format("The body has more than ~b bytes", [Limit])))
+        Fault ->
+            pubsub_device_metrics:with_key(http, Fault),
+            refused(Fault, Limit)
     end;
 process([_], #request{method = Method}) when Method == 'GET'; Method == 'HEAD' ->
     answer(200, [], {[{about, <<"Publishes to the endpoint of this key: POST the item's text as the body">>}]});
@@ -24,6 +24,10 @@ process([_], _) ->
     answer(405, [{<<"Allow">>, <<"GET, HEAD, POST">>}], {[{error, <<"POST the item's text, or GET">>}]});
 process(_, _) ->
     refuse(404, <<"There is nothing here; an endpoint is /push/KEY">>).
+
+refused(empty, _) -> refuse(400, <<"The body is empty; it is the text of the item">>);
+refused(text, _) -> refuse(400, <<"The body is no UTF-8 text, or has characters that XML 1.0 does not carry">>);
+refused(size, Limit) -> refuse(413, iolist_to_binary(io_lib:format("The body has more than ~b bytes", [Limit]))).
 
 check(_, Length, Limit) when Length > Limit -> size;
 check(<<>>, _, _) -> empty;
@@ -40,13 +44,13 @@ is_xml_text(Rest) ->
     Rest == <<>>.
 
 publish(Key, Body, Path) ->
-    case pubsub_device_bounds:admits(Key) of
-        ok ->
-            Payload = #xmlel{name = <<"payload">>, children = [{xmlcdata, Body}]},
-            published(pubsub_device_publish:by_key(Key, <<>>, [Payload]), Path);
-        {wait, Seconds} -> retry(429, Seconds, <<"Too many items for this key">>);
-        full -> retry(503, ?RETRY_SECONDS, <<"The service is full; try again later">>)
-    end.
+    Outcome = case pubsub_device_bounds:admits(Key) of
+                  ok ->
+                      Payload = #xmlel{name = <<"payload">>, children = [{xmlcdata, Body}]},
+                      pubsub_device_publish:by_key(Key, <<>>, [Payload]);
+                  Refused -> Refused
+              end,
+    published(pubsub_device_metrics:with_key(http, Outcome), Path).
 
 published({ok, ItemId, Number}, Path) ->
     Location = iolist_to_binary([[$/, uri_string:quote(Part)] || Part <- Path ++ [ItemId]]),
@@ -58,7 +62,11 @@ published({error, #stanza_error{reason = 'not-acceptable'}}, _) ->
 published({error, #stanza_error{reason = 'resource-constraint'}}, _) ->
     retry(503, ?RETRY_SECONDS, <<"The service is busy; try again later">>);
 published({error, #stanza_error{reason = Reason}}, _) ->
-    refuse(500, misc:atom_to_binary(Reason)).
+    refuse(500, misc:atom_to_binary(Reason));
+published({wait, Seconds}, _) ->
+    retry(429, Seconds, <<"Too many items for this key">>);
+published(full, _) ->
+    retry(503, ?RETRY_SECONDS, <<"The service is full; try again later">>).
 
 retry(Code, Seconds, Text) ->
     answer(Code, [{<<"Retry-After">>, integer_to_binary(Seconds)}], {[{error, Text}]}).

@@ -128,18 +128,23 @@ publish(Element, IQ) ->
     end.
 
 publish(Key, ItemId, Payload) ->
-    case pubsub_device_stanza:has_payload(Payload) andalso pubsub_device_bounds:admits(Key) of
-        false -> {error, xmpp:err_bad_request(<<"The item has no payload">>, <<"en">>)};
-        ok ->
-            case pubsub_device_publish:by_key(Key, ItemId, Payload) of
-                {ok, Published, Number} -> {ok, pubsub_device_stanza:published(Published, Number)};
-                Error -> Error
-            end;
-        {wait, Seconds} ->
-            Text = iolist_to_binary(io_lib:format("Too many items for this key; wait ~b s", [Seconds])),
-            {error, xmpp:err_resource_constraint(Text, <<"en">>)};
-        full -> {error, xmpp:err_resource_constraint(<<"The service is full; try again later">>, <<"en">>)}
-    end.
+    Outcome = case pubsub_device_stanza:has_payload(Payload) andalso pubsub_device_bounds:admits(Key) of
+                  ok -> pubsub_device_publish:by_key(Key, ItemId, Payload);
+                  Refused -> Refused
+              end,
+    published(pubsub_device_metrics:with_key(key, Outcome)).
+
+published({ok, Published, Number}) ->
+    {ok, pubsub_device_stanza:published(Published, Number)};
+published({error, _} = Error) ->
+    Error;
+published(false) ->
+    {error, xmpp:err_bad_request(<<"The item has no payload">>, <<"en">>)};
+published({wait, Seconds}) ->
+    Text = iolist_to_binary(io_lib:format("Too many items for this key; wait ~b s", [Seconds])),
+    {error, xmpp:err_resource_constraint(Text, <<"en">>)};
+published(full) ->
+    {error, xmpp:err_resource_constraint(<<"The service is full; try again later">>, <<"en">>)}.
 
 %%% activation
 

@@ -55,7 +55,7 @@ serve(Socket, Opts) ->
     inet:setopts(Socket, [{send_timeout, proplists:get_value(send_timeout, Opts, 15000)}, {send_timeout_close, true}]),
     Link = #link{tcp = Socket, opts = Opts},
     try
-        case admitted(Link) of
+        case counted(admitted(Link)) of
             ok -> converse(secured(Link));
             refused -> turn_away(secured(Link));
             closed -> ok
@@ -86,6 +86,13 @@ admitted(#link{tcp = Socket, opts = Opts}) ->
                                      {Each, proplists:get_value(max_connections, Opts, ?MAX_CONNECTIONS)});
         _ -> closed
     end.
+
+counted(Verdict) ->
+    pubsub_device_metrics:count({connected, case Verdict of
+                                                ok -> served;
+                                                _ -> Verdict
+                                            end}),
+    Verdict.
 
 %% With the proxy protocol, the proxy gives the client's address if it knows it.
 peer(_, {_, {unknown, _}}) ->
@@ -163,9 +170,9 @@ skip(Link, Length, Rest, Deadline) ->
 handle(#link{opts = Opts}, #{method := Method, target := Target, length := Length}, Body) ->
     try
         Path = segments(Target),
-        pubsub_device_http:process(local(Path, proplists:get_value(path, Opts, default_path())),
-                                   #request{method = Method, path = Path, raw_path = Target, data = Body,
-                                            length = Length})
+        Request = #request{method = Method, path = Path, raw_path = Target, data = Body, length = Length},
+        Local = local(Path, proplists:get_value(path, Opts, default_path())),
+        pubsub_device_metrics:timed(request, fun() -> pubsub_device_http:process(Local, Request) end)
     catch
         throw:malformed -> pubsub_device_http:refuse(400, <<"The address is malformed">>);
         Class:Reason:Stack ->
@@ -214,6 +221,7 @@ refuse(Link, Status, Text) ->
 
 answer(#link{opts = Opts} = Link, #{method := Method, version := Version, keep := Keep},
        {Status, Phrase, Headers, Body}) ->
+    pubsub_device_metrics:count({answered, Status}),
     Custom = maps:merge(maps:from_list(Headers), maps:from_list(proplists:get_value(custom_headers, Opts, []))),
     Fields = connection(Version, Keep)
         ++ [{<<"Content-Length">>, integer_to_binary(byte_size(Body))} | maps:to_list(Custom)],

@@ -14,8 +14,10 @@
 %% The error if the owner may not use the name for a node of its own, or false. Existing nodes are not checked.
 refused(Service, NodeId, Owner) ->
     case is_foreign(Service, NodeId, Owner) of
-        true -> xmpp:err_forbidden(<<"A name of three or more segments, /U/R/..., belongs to the account U of this "
-                                     "service's host; take a shorter one or one of your own">>, <<"en">>);
+        true ->
+            pubsub_device_metrics:count({refused, foreign}),
+            xmpp:err_forbidden(<<"A name of three or more segments, /U/R/..., belongs to the account U of this "
+                                 "service's host; take a shorter one or one of your own">>, <<"en">>);
         false when byte_size(NodeId) > ?MAX_BYTES ->
             xmpp:err_not_acceptable(<<"A node's name has at most 1024 bytes">>, <<"en">>);
         false -> false

@@ -38,6 +38,7 @@ attach(JID) ->
                 true ->
                     pubsub_device_store:saw_device(Device),
                     pubsub_device_store:attach(Device, Pid),
+                    pubsub_device_session:present(),
                     ok;
                 false -> pubsub_device_bounds:device_refused({User, Server, <<>>})
             end;

@@ -75,8 +75,10 @@ on_publish(_, _, _, _, _, _) ->
 %% Without a context another part of the server publishes: the item is numbered and kept, and nobody waits for the
 %% result.
 written(undefined, Node, Publication) ->
-    pubsub_device_writer:call(Node, {publish, Node, Publication}),
-    ok;
+    case pubsub_device_writer:call(Node, {publish, Node, Publication}) of
+        {ok, _} -> pubsub_device_metrics:count({published, server});
+        {error, _} -> pubsub_device_metrics:count({refused, engine})
+    end;
 written(#{how := ahead} = Context, Node, Publication) ->
     Waiter = spawn(fun() -> wait(Node, Publication) end),
     pubsub_device_writer:publish_ahead(Node, Publication, Waiter),
@@ -95,8 +97,12 @@ wait(Node, Publication) ->
     after ?TIMEOUT -> ok  % the session is gone, and with it the receiver of the answer
     end.
 
-judged(IQ, {ok, _}) -> IQ;
-judged(IQ, {error, Error}) -> IQ#iq{type = error, sub_els = [Error]}.
+judged(IQ, {ok, _}) ->
+    pubsub_device_metrics:count({published, xmpp}),
+    IQ;
+judged(IQ, {error, Error}) ->
+    pubsub_device_metrics:count({refused, engine}),
+    IQ#iq{type = error, sub_els = [Error]}.
 
 id(Node) ->
     case get(?CONTEXT) of

@@ -8,16 +8,16 @@
 %% before its acknowledgement, whichever writer sent it, so a writer may be restarted in between.
 -module(pubsub_device_session).
 
--export([on_receive/1, take/2, is_news/2, may_wait/2, forget/0]).
+-export([present/0, on_receive/1, take/2, is_news/2, may_wait/2, forget/0]).
 -export([tell/2, settle/0, answer/1, began/1, spare/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
-%% `ids` is #{{Node, ItemId} => Queue}, the queue of {Turn, Number}, oldest first; `turns` is #{Turn => {Node,
-%% ItemId}}, from `oldest` on. `nodes` is #{Node => {Sent, Twice}}: the highest numbers that were sent, and that
-%% were sent twice.
--record(sendings, {ids = #{}, turns = #{}, oldest = 0, turn = 0, nodes = #{}}).
+%% `ids` is #{{Node, ItemId} => Queue}, the queue of {Turn, Number, At}, oldest first, with the time of the transmission;
+%% `turns` is #{Turn => {Node, ItemId}}, from `oldest` on. `nodes` is #{Node => {Sent, Twice}}: the highest numbers that
+%% were sent, and that were sent twice. `since` is when the device announced itself. Times are in microseconds.
+-record(sendings, {ids = #{}, turns = #{}, oldest = 0, turn = 0, nodes = #{}, since = infinity}).
 
 -define(SENDINGS, '$pubsub_device_sendings').
 -define(UNDER_WAY, '$pubsub_device_under_way').
@@ -32,6 +32,15 @@
 -define(IDLE, 64).
 
 %%% transmissions
+
+%% What is published from now on does not have to wait for the device.
+present() ->
+    case sendings() of
+        #sendings{since = infinity} = Sendings ->
+            put(?SENDINGS, Sendings#sendings{since = erlang:system_time(microsecond)}),
+            ok;
+        _ -> ok
+    end.
 
 %% Runs in the session's process when a message is sent to its client.
 on_receive({#message{} = Message, State}) ->
@@ -49,11 +58,21 @@ sendings() ->
         Sendings -> Sendings
     end.
 
-sent(Node, ItemId, Number, #sendings{ids = Ids, turns = Turns, turn = Turn, nodes = Nodes} = Sendings) ->
+sent(Node, ItemId, Number, #sendings{ids = Ids, turns = Turns, turn = Turn, nodes = Nodes, since = Since} = Sendings) ->
     Queue = maps:get({Node, ItemId}, Ids, queue:new()),
-    bound(Sendings#sendings{ids = Ids#{{Node, ItemId} => queue:in({Turn, Number}, Queue)},
+    Now = erlang:system_time(microsecond),
+    Before = maps:get(Node, Nodes, {0, 0}),
+    counted(Number, Before, Since, Now),
+    bound(Sendings#sendings{ids = Ids#{{Node, ItemId} => queue:in({Turn, Number, Now}, Queue)},
                             turns = Turns#{Turn => {Node, ItemId}}, turn = Turn + 1,
-                            nodes = Nodes#{Node => reached(Number, maps:get(Node, Nodes, {0, 0}))}}).
+                            nodes = Nodes#{Node => reached(Number, Before)}}).
+
+%% A number is the time of the publication, so one above `since` is of an item that found the device present.
+counted(Number, {Sent, _}, Since, Now) when Number > Sent ->
+    pubsub_device_metrics:count({sent, first}),
+    Number > Since andalso pubsub_device_metrics:observe(delivery, Now - Number);
+counted(_, _, _, _) ->
+    pubsub_device_metrics:count({sent, repeated}).
 
 reached(Number, {Sent, Twice}) when Number > Sent -> {Number, Twice};
 reached(Number, {Sent, Twice}) -> {Sent, max(Number, Twice)}.
@@ -70,7 +89,7 @@ bound(#sendings{turns = Turns, nodes = Nodes} = Sendings) ->
 
 forget_oldest(#sendings{turns = Turns, oldest = Oldest} = Sendings) ->
     case Turns of
-        #{Oldest := Id} -> element(2, taken(Id, Sendings));
+        #{Oldest := Id} -> element(3, taken(Id, Sendings));
         _ -> forget_oldest(Sendings#sendings{oldest = Oldest + 1})
     end.
 
@@ -78,18 +97,22 @@ forget_oldest(#sendings{turns = Turns, oldest = Oldest} = Sendings) ->
 take(Node, ItemId) ->
     case taken({Node, ItemId}, sendings()) of
         none -> none;
-        {Number, Left} -> put(?SENDINGS, Left), Number
+        {Number, At, Left} ->
+            put(?SENDINGS, Left),
+            pubsub_device_metrics:count(acknowledged),
+            pubsub_device_metrics:observe(acknowledgement, erlang:system_time(microsecond) - At),
+            Number
     end.
 
 taken(Id, #sendings{ids = Ids, turns = Turns} = Sendings) ->
     case Ids of
         #{Id := Queue} ->
-            {{value, {Turn, Number}}, Rest} = queue:out(Queue),
+            {{value, {Turn, Number, At}}, Rest} = queue:out(Queue),
             Left = case queue:is_empty(Rest) of
                        true -> maps:remove(Id, Ids);
                        false -> Ids#{Id := Rest}
                    end,
-            {Number, Sendings#sendings{ids = Left, turns = maps:remove(Turn, Turns)}};
+            {Number, At, Sendings#sendings{ids = Left, turns = maps:remove(Turn, Turns)}};
         _ -> none
     end.
 

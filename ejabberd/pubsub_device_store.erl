@@ -13,6 +13,7 @@
 -export([last_number/2, last_item/1, put_number/3, retire_number/2]).
 -export([keep/6, bytes/1, drop/3, drop_all/2, next/3, newest/2, is_kept/3, nodes_for/1, devices_for/1, pairs/0]).
 -export([count/2, load/1, oldest/1, miscounted/1, miscounted/2, accounts/0]).
+-export([totals/0, next_holder/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
@@ -452,3 +453,25 @@ accounts() ->
     [{Account, bytes_of(Load)} || {Account, Load} <- Loads].
 
 bytes_of(Load) -> Load band ((1 bsl ?BYTES_BITS) - 1).
+
+%%% what an operator sees
+
+%% How much there is of each, without counting.
+totals() ->
+    [{What, mnesia:table_info(Table, size)} || {What, Table} <- [{sessions, pubsub_device_session},
+                                                                 {devices, pubsub_device},
+                                                                 {nodes, pubsub_device_node},
+                                                                 {key_nodes, pubsub_device_key},
+                                                                 {kept_items, pubsub_device_copy}]].
+
+%% The device or account after `Who` in their order for which something is kept, with its oldest copy's number; the
+%% first one after `none`.
+next_holder(Who) ->
+    From = case Who of
+               none -> {0, 0, 0, 0};  % a number is less than every tuple, and than every atom
+               _ -> {Who, infinity, 0, 0}
+           end,
+    case mnesia:dirty_next(pubsub_device_age, From) of
+        {Next, Number, _, _} -> {Next, Number};
+        '$end_of_table' -> none
+    end.

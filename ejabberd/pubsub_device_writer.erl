@@ -176,6 +176,7 @@ handle_cast({keep_last, Node, Device, Number, ItemId, Item}, State) ->
             next(with_flow(Node, Device, fun pubsub_device_flow:pump/3, fun pubsub_device_flow:pump/3, State))
     end;
 handle_cast({drop_all, Node, Device}, State) ->
+    pubsub_device_metrics:count({dropped, forgotten}, pubsub_device_store:count(Node, Device)),
     pubsub_device_store:drop_all(Node, Device),
     next(State);
 handle_cast({drop_aged, Node, Device}, State) ->
