@@ -72,7 +72,7 @@ bool busAnswer(QSMessage* message, const char* payload, QSError* error) {
     return true;
 }
 
-bool busHandOver(QSMessage* message, const char* payload, QSError* error) {
+bool busDeliver(QSMessage* message, const char* payload, QSError* error) {
     if (message && message->peer && canBeReached(message) && !busIsThere(*message->peer))
         return busFail(error, -ENOTCONN, "The client " + message->peer->name + " is gone");
     return busAnswer(message, payload, error);
@@ -100,6 +100,6 @@ bool QSMessageReply(QSHandle*, QSMessage* message, const char* payload, QSError*
 
 bool QSMessageRespond(QSMessage* message, const char* payload, QSError* error) {
     // Items are later answers, and count as delivered once they are sent.
-    return message && !message->unanswered ? busHandOver(message, payload, error)
+    return message && !message->unanswered ? busDeliver(message, payload, error)
                                            : busAnswer(message, payload, error);
 }

@@ -16,10 +16,11 @@ namespace {
 
 constexpr size_t kLongestPublicPayload = 4 * 1024;
 constexpr size_t kMostWaiting = 128;
-// The limit for the bytes of a client's kept requests, between these two; it shrinks as its user has more.
+// The limit for the bytes of a client's kept requests: what its user may still add, divided by the number of
+// clients, but between these two.
 constexpr size_t kLeastKept = 16 * 1024;
 constexpr size_t kMostKept = 1024 * 1024;
-constexpr size_t kClientsOfARoom = 16;
+constexpr size_t kClientsPerShare = 16;
 // The limit for a client's requests that wait until it is known to read.
 constexpr size_t kMostHeld = 8;
 
@@ -34,7 +35,7 @@ int refuse(Peer* peer, sd_bus_message* wire, const char* name, const std::string
 
 bool mayKeep(const Peer& peer, const char* payload) {
     const size_t limit =
-        std::clamp(peer.handle->kept.room(peer.user) / kClientsOfARoom, kLeastKept, kMostKept);
+        std::clamp(peer.handle->kept.available(peer.user) / kClientsPerShare, kLeastKept, kMostKept);
     return peer.kept + busRequestSize(payload) <= limit;
 }
 
@@ -44,7 +45,7 @@ size_t waitingOf(const Peer& peer) {
 }
 
 // The error texts address the author of the client. True when the request is refused.
-bool refuseBeyondBounds(sd_bus_message* wire, const char* payload, Peer& peer) {
+bool refuseOverLimit(sd_bus_message* wire, const char* payload, Peer& peer) {
     const size_t length = std::strlen(payload);
     if (length > kLongestPublicPayload) {
         refuse(&peer, wire, kErrorLimitExceeded,
@@ -87,7 +88,7 @@ int onRequest(sd_bus_message* wire, void* data, sd_bus_error*) {
             peer.get(), wire, kErrorInvalidText,
             "The payload contains a character that D-Bus strings cannot carry, such as U+FFFE or U+FDD0. "
             "Write it as a JSON \\u escape");
-    if (busIsPublic(handle) && refuseBeyondBounds(wire, payload, *peer))
+    if (busIsPublic(handle) && refuseOverLimit(wire, payload, *peer))
         return 1;
     QSMessage* request = busNewRequest(handle, wire, payload, peer, method);
     if (peer->state == Peer::State::Known && peer->held.empty() && busMaySend(*peer, kMessageOverhead))

@@ -146,7 +146,7 @@ bool QSUnregister(QSHandle* handle, QSError* error) {
     // While the connection is still open, waiting callers are told that no answer follows.
     busDropAllSubscriptions(handle);
     busDropAllPeers(handle);
-    busEndDoubt(handle);
+    busEndPresenceCheck(handle);
     const int result = handle->name.empty() ? 0 : sd_bus_release_name(handle->bus, handle->name.c_str());
     handle->answeredCalls.clear();
     handle->calls.clear();

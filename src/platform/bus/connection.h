@@ -23,20 +23,20 @@ struct Category;
 struct Peer;
 
 // Whether disconnections of clients may have been missed; see presence.h.
-struct Doubt {
-    uint64_t raised = 0;   // occasions so far
-    uint64_t settled = 0;  // occasions up to which it is resolved
-    uint64_t asked = 0;    // `raised` and `peerNumber` when the pending query was sent
-    uint64_t askedPeers = 0;
+struct PresenceCheck {
+    uint64_t needed = 0;   // events so far after which a check is needed
+    uint64_t done = 0;     // of these, those that a finished check covers
+    uint64_t queried = 0;  // `needed` and `peerNumber` when the pending query was sent
+    uint64_t queriedPeers = 0;
     Slot query;
-    sd_bus* asker = nullptr;  // second connection, for blocking queries; null when unused
+    sd_bus* queryConnection = nullptr;  // second connection, for blocking queries; null when unused
 };
 
 // One match rule for the disconnections of all clients, used when there are many.
 struct SharedWatch {
     enum class State { None, Asked, Installed, Refused };
     State state = State::None;
-    bool forGood = false;  // the daemon has refused a rule for a single client
+    bool permanent = false;  // stays, because the daemon has refused a rule for a single client
     Slot rule;
 };
 
@@ -53,8 +53,9 @@ struct QSHandle {
 
     std::unordered_map<std::string, std::shared_ptr<Peer>> peers;  // callers by unique name
     uint64_t peerNumber = 0;                                       // Peers created so far
-    Doubt doubt;
-    std::unordered_map<std::string, std::shared_ptr<Peer>> passers;  // callers with unread bytes, no request
+    PresenceCheck presence;
+    // Clients with unread bytes that have sent no request for a handler, by unique name.
+    std::unordered_map<std::string, std::shared_ptr<Peer>> otherCallers;
     Share unread{8 * 1024 * 1024};  // bytes that clients have not read, as far as is known (public bus)
     Share kept{12 * 1024 * 1024};   // bytes of existing requests (public bus)
     bool asksDaemon = true;         // the daemon may be asked what waits for a client

@@ -17,17 +17,17 @@
 
 namespace {
 
-constexpr int kMessagesPerTurn = 32;
+constexpr int kMessagesPerDispatch = 32;
 // Most requests arrive alone. After several dispatches of one message each, a dispatch does not try to read a
 // second one, which costs a read that finds nothing, but leaves that to the poll of the loop. Every few
 // dispatches it still tries, because under load one dispatch of many messages is cheaper.
-constexpr unsigned kTurnsUntilAlone = 4;
-constexpr unsigned kTurnsBetweenLooks = 8;
+constexpr unsigned kDispatchesUntilSingle = 4;
+constexpr unsigned kDispatchesPerReadAhead = 8;
 // A read of what was received ends at this number for each connection, so that a client that sends without
 // pause cannot hold the reader.
 constexpr int kMessagesPerRead = 256;
 // A dispatch and such a read end after this time as well, because a single request may wait for a disk sync.
-constexpr int64_t kMicrosecondsPerTurn = 4 * 1000;
+constexpr int64_t kMicrosecondsPerDispatch = 4 * 1000;
 // With this many messages unsent nothing more is read: the answers to further requests would be queued here
 // while the daemon accepts none.
 constexpr uint64_t kMostUnsent = 1024;
@@ -75,7 +75,7 @@ bool canSend(sd_bus* bus) {
 }
 
 // When an answer could not be queued, or memory ran out, this message is lost but the connection is not.
-bool costsOneMessage(QSHandle* handle, int result) {
+bool isOnlyThisMessageLost(QSHandle* handle, int result) {
     return handle->bus && (result == -ENOBUFS || result == -ENOMEM) && sd_bus_is_open(handle->bus) > 0;
 }
 
@@ -110,9 +110,10 @@ gboolean dispatch(GSource* source, GSourceFunc, gpointer) {
     BusSource* self = asBusSource(source);
     QSHandle* handle = self->handle;
     busReference(handle);
-    const bool looks = self->alone < kTurnsUntilAlone || self->alone % kTurnsBetweenLooks == 0;
+    const bool readsAhead =
+        self->alone < kDispatchesUntilSingle || self->alone % kDispatchesPerReadAhead == 0;
     int handled = 0;
-    const bool alive = busProcess(handle, looks ? kMessagesPerTurn : 1, &handled);
+    const bool alive = busProcess(handle, readsAhead ? kMessagesPerDispatch : 1, &handled);
     self->alone = handled > 1 ? 0 : self->alone + 1;
     if (!alive)
         busLost(handle);
@@ -129,17 +130,17 @@ bool busProcess(QSHandle* handle, int most, int* handled, bool* drained) {
         return true;
     handle->processing = true;
     int result = 1, count = 0;
-    const int64_t end = g_get_monotonic_time() + kMicrosecondsPerTurn;
+    const int64_t end = g_get_monotonic_time() + kMicrosecondsPerDispatch;
     while (count < most && handle->bus && (!isBackedUp(handle->bus) || canSend(handle->bus))) {
         busNoteBacklog(handle);
         result = sd_bus_process(handle->bus, nullptr);
-        if (costsOneMessage(handle, result))
+        if (isOnlyThisMessageLost(handle, result))
             result = 1;
         if (result <= 0 || ++count == most || g_get_monotonic_time() >= end)
             break;
     }
     if (result >= 0 && handle->bus)
-        busSettleDoubt(handle);
+        busCheckPresence(handle);
     if (handled)
         *handled = count;
     if (drained)
@@ -201,7 +202,7 @@ void QSZeltServiceReadReceived(QSZeltService* service) {
         bool drained = true;
         const bool alive = !handle->bus || busProcess(handle, kMessagesPerRead, nullptr, &drained);
         if (!drained && handle->bus)
-            busNoteUnread(handle);
+            busNoteMissedSignals(handle);
         if (!alive)
             busLost(handle);
         busRelease(handle);

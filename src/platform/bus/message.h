@@ -57,6 +57,6 @@ size_t busRequestSize(const char* payload);
 bool busAnswer(QSMessage* message, const char* payload, QSError* error);
 // The same for an answer that counts as delivered once it is sent: sent only if the client is
 // known to be connected.
-bool busHandOver(QSMessage* message, const char* payload, QSError* error);
+bool busDeliver(QSMessage* message, const char* payload, QSError* error);
 // Closes a request whose last reference is released, and tells the caller that no answer follows.
 void busCloseRequest(QSMessage* request);

@@ -26,7 +26,7 @@ void dropHeld(Peer& peer) {
         QSMessageUnref(request);
 }
 
-void leave(Peer& peer) {
+void markGone(Peer& peer) {
     peer.state = Peer::State::Gone;
     busForgetUnread(peer);
     peer.watch.reset();
@@ -37,23 +37,23 @@ void leave(Peer& peer) {
 // counts the calls since the previous one.
 void logRefused(const Peer& peer, const QSMessage& request) {
     static gint64 nextLine = 0;
-    static unsigned untold = 0;
+    static unsigned suppressed = 0;
     const gint64 now = g_get_monotonic_time();
     if (now < nextLine) {
-        untold++;
+        suppressed++;
         return;
     }
     nextLine = now + G_USEC_PER_SEC;
     const std::string more =
-        untold ? "; so were " + std::to_string(untold) + " calls since the last such line" : "";
-    untold = 0;
+        suppressed ? "; so were " + std::to_string(suppressed) + " calls since the last such line" : "";
+    suppressed = 0;
     PrvPrintErr({}, "%s of the client %s is refused: it left before the bus told who it is%s", request.method,
                 peer.name.c_str(), more.c_str());
 }
 
 // The client has disconnected. Its waiting requests are handled in the order of arrival, except those that
 // need an identity which was never received; these are refused.
-void settleHeld(Peer& peer) {
+void finishHeld(Peer& peer) {
     QSHandle* handle = peer.handle;
     busReference(handle);
     for (QSMessage* request : std::exchange(peer.held, {})) {
@@ -79,15 +79,15 @@ void setUser(Peer& peer, unsigned user) {
 int onOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
     OwnerChange change;
     if (busReadOwnerChange(signal, change) && !*change.after)
-        busClientDied(entryOf(static_cast<Peer*>(data)));
+        busClientDisconnected(entryOf(static_cast<Peer*>(data)));
     return 0;
 }
 
 // A match rule for each client delivers signals about the service's own clients only. The daemon limits the
 // rules of a connection (by default to 512), so with many clients one rule for all unique names of the bus
 // replaces them; when few clients are left, each gets its own rule again.
-constexpr size_t kMostWatchedAlone = 64;
-constexpr size_t kClientsToWatchAlone = 16;
+constexpr size_t kMostOwnRules = 64;
+constexpr size_t kClientsForOwnRules = 16;
 
 bool shareWatch(QSHandle* handle);
 bool watch(Peer& peer);
@@ -105,7 +105,7 @@ void becomeKnown(Peer& peer) {
     if (peer.state != Peer::State::Asking || !peer.identified || !peer.watchAnswered)
         return;
     peer.state = Peer::State::Known;
-    busHandOnHeld(peer);
+    busDispatchHeld(peer);
 }
 
 int onAnyOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
@@ -115,7 +115,7 @@ int onAnyOwnerChanged(sd_bus_message* signal, void* data, sd_bus_error*) {
         return 0;
     auto found = handle->peers.find(change.name);
     if (found != handle->peers.end())
-        busClientDied(std::shared_ptr<Peer>(found->second));
+        busClientDisconnected(std::shared_ptr<Peer>(found->second));
     return 0;
 }
 
@@ -140,7 +140,7 @@ int onSharedWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
     }
     // Disconnections before the shared rule was installed may not have been reported.
     if (handle->bus)
-        busNoteUnread(handle);
+        busNoteMissedSignals(handle);
     return 0;
 }
 
@@ -156,15 +156,15 @@ bool shareWatch(QSHandle* handle) {
 // The rules for single clients are requested before the shared rule is removed, so that no disconnection
 // is missed between them.
 void endSharedWatch(QSHandle* handle) {
-    if (handle->sharedWatch.state != SharedWatch::State::Installed || handle->sharedWatch.forGood ||
-        handle->peers.size() > kClientsToWatchAlone)
+    if (handle->sharedWatch.state != SharedWatch::State::Installed || handle->sharedWatch.permanent ||
+        handle->peers.size() > kClientsForOwnRules)
         return;
     handle->sharedWatch.state = SharedWatch::State::None;
     for (const auto& [name, peer] : handle->peers)
         watch(*peer);
     handle->sharedWatch.rule.reset();
     // Signals of the shared rule that have not been read yet reach no callback any more.
-    busNoteUnread(handle);
+    busNoteMissedSignals(handle);
 }
 
 // sic: without an install callback sd-bus closes the whole connection when the daemon refuses one match.
@@ -180,7 +180,7 @@ int onWatchInstalled(sd_bus_message* reply, void* data, sd_bus_error*) {
         QSHandle* handle = peer->handle;
         if (handle->sharedWatch.state != SharedWatch::State::None)
             return 0;
-        handle->sharedWatch.forGood = true;
+        handle->sharedWatch.permanent = true;
         for (const auto& [name, other] : handle->peers)
             other->watch.reset();
         shareWatch(handle);
@@ -197,7 +197,7 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
     if (!peer)
         return 0;
     if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
-        busClientDied(peer);
+        busClientDisconnected(peer);
         return 0;
     }
     if (wasLost(reply) && identify(*peer))
@@ -221,7 +221,7 @@ int onCredentials(sd_bus_message* reply, void* data, sd_bus_error*) {
 // rule may be installed, so it is removed first.
 bool watch(Peer& peer) {
     QSHandle* handle = peer.handle;
-    if (handle->sharedWatch.state == SharedWatch::State::None && handle->peers.size() >= kMostWatchedAlone &&
+    if (handle->sharedWatch.state == SharedWatch::State::None && handle->peers.size() >= kMostOwnRules &&
         !shareWatch(handle))
         return false;
     if (handle->sharedWatch.state != SharedWatch::State::None) {
@@ -259,14 +259,14 @@ bool ask(Peer& peer) {
 
 }  // namespace
 
-void busClientDied(const std::shared_ptr<Peer>& peer) {
+void busClientDisconnected(const std::shared_ptr<Peer>& peer) {
     if (!peer || peer->state == Peer::State::Gone)
         return;
     QSHandle* handle = peer->handle;
     busReference(handle);
     handle->peers.erase(peer->name);
-    leave(*peer);
-    settleHeld(*peer);
+    markGone(*peer);
+    finishHeld(*peer);
     busCancelAll(*peer);
     if (handle->bus)
         endSharedWatch(handle);
@@ -277,20 +277,20 @@ std::shared_ptr<Peer> busPeer(QSHandle* handle, const char* name) {
     auto found = handle->peers.find(name);
     if (found != handle->peers.end())
         return found->second;
-    auto passer = handle->passers.extract(name);
-    auto peer = passer ? std::move(passer.mapped()) : std::make_shared<Peer>();
+    auto caller = handle->otherCallers.extract(name);
+    auto peer = caller ? std::move(caller.mapped()) : std::make_shared<Peer>();
     peer->handle = handle;
     peer->name = name;
     peer->number = handle->peerNumber++;
     if (!ask(*peer)) {
-        leave(*peer);
+        markGone(*peer);
         return nullptr;
     }
     return handle->peers.emplace(peer->name, peer).first->second;
 }
 
 std::shared_ptr<Peer> busKnownPeer(Peer* peer) {
-    for (const auto* table : {&peer->handle->peers, &peer->handle->passers}) {
+    for (const auto* table : {&peer->handle->peers, &peer->handle->otherCallers}) {
         auto found = table->find(peer->name);
         if (found != table->end() && found->second.get() == peer)
             return found->second;
@@ -298,7 +298,7 @@ std::shared_ptr<Peer> busKnownPeer(Peer* peer) {
     return nullptr;
 }
 
-void busHandOnHeld(Peer& peer) {
+void busDispatchHeld(Peer& peer) {
     if (peer.state != Peer::State::Known)
         return;
     for (QSMessage* request : std::exchange(peer.held, {})) {
@@ -335,7 +335,7 @@ void busForgetRequest(QSMessage* request) {
     request->handle->kept.take(peer->user, request->kept);
     if (--peer->requests == 0 && !peer->watched && peer->state == Peer::State::Known) {
         peer->handle->peers.erase(peer->name);
-        leave(*peer);
+        markGone(*peer);
     }
 }
 
@@ -344,8 +344,8 @@ void busDropAllPeers(QSHandle* handle) {
     for (auto& [name, peer] : std::exchange(handle->peers, {})) {
         // The waiting requests are closed first, while errors can still be sent to the client.
         dropHeld(*peer);
-        leave(*peer);
+        markGone(*peer);
     }
-    for (auto& [name, passer] : std::exchange(handle->passers, {}))
-        leave(*passer);
+    for (auto& [name, caller] : std::exchange(handle->otherCallers, {}))
+        markGone(*caller);
 }

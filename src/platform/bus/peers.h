@@ -42,12 +42,12 @@ struct Peer {
 // The Peer of a caller, created on its first request; null when the connection fails.
 std::shared_ptr<Peer> busPeer(QSHandle* handle, const char* name);
 // The client has disconnected: removes its Peer. The caller must hold a reference.
-void busClientDied(const std::shared_ptr<Peer>& peer);
+void busClientDisconnected(const std::shared_ptr<Peer>& peer);
 // The Peer if it is still in one of the handle's tables, else null.
 std::shared_ptr<Peer> busKnownPeer(Peer* peer);
 // Dispatches the waiting requests while answers may be sent to the client. The rest keeps waiting while a
 // query about what the client has read is pending, and is dropped without an answer otherwise.
-void busHandOnHeld(Peer& peer);
+void busDispatchHeld(Peer& peer);
 // Cancels the subscription that the call with this serial opened; false when there is none.
 bool busCancelSerial(QSHandle* handle, const char* sender, uint32_t serial);
 // Called when a request is destroyed. A Peer whose disconnection would not be reported is removed

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Whether clients are still connected when signals of the daemon may have been lost. The state is the
-// handle's `doubt`. The second connection is open only while there is doubt; it has no match rules, so the
-// daemon's outgoing queue for it stays short.
+// handle's `presence`. The second connection is open only while a check is needed; it has no match rules, so
+// the daemon's outgoing queue for it stays short.
 #include "platform/bus/presence.h"
 
 #include <sys/ioctl.h>
@@ -37,12 +37,12 @@ bool isNamedInUnread(const Peer& peer) {
            memmem(unread, static_cast<size_t>(length), peer.name.c_str(), peer.name.size() + 1) != nullptr;
 }
 
-bool isInDoubt(const QSHandle* handle) {
-    return handle->doubt.raised != handle->doubt.settled;
+bool isPresenceUncertain(const QSHandle* handle) {
+    return handle->presence.needed != handle->presence.done;
 }
 
 // Considers only clients that were known when the query was sent; later ones may be missing in the reply.
-void judge(QSHandle* handle, const std::set<std::string>& there, uint64_t before) {
+void removeMissing(QSHandle* handle, const std::set<std::string>& there, uint64_t before) {
     std::vector<std::shared_ptr<Peer>> gone;
     for (const auto& [name, peer] : handle->peers) {
         if (peer->number < before && !there.contains(name))
@@ -50,27 +50,27 @@ void judge(QSHandle* handle, const std::set<std::string>& there, uint64_t before
     }
     for (const std::shared_ptr<Peer>& peer : gone) {
         if (handle->bus)
-            busClientDied(peer);
+            busClientDisconnected(peer);
     }
 }
 
 int onNames(sd_bus_message* reply, void* data, sd_bus_error*) {
     auto* handle = static_cast<QSHandle*>(data);
-    Doubt& doubt = handle->doubt;
-    doubt.query.reset();
+    PresenceCheck& presence = handle->presence;
+    presence.query.reset();
     // If the reply was lost, the query is repeated at the end of this dispatch.
     if (sd_bus_message_get_error(reply) || sd_bus_message_enter_container(reply, 'a', "s") <= 0)
         return 0;
-    doubt.settled = doubt.asked;
+    presence.done = presence.queried;
     std::set<std::string> there;
     const char* name = nullptr;
     while (sd_bus_message_read(reply, "s", &name) > 0)
         there.insert(name);
-    judge(handle, there, doubt.askedPeers);
+    removeMissing(handle, there, presence.queriedPeers);
     return 0;
 }
 
-bool openAsker(QSHandle* handle) {
+bool openQueryConnection(QSHandle* handle) {
     const char* address = nullptr;
     sd_bus* bus = nullptr;
     int result = sd_bus_get_address(handle->bus, &address);
@@ -86,35 +86,36 @@ bool openAsker(QSHandle* handle) {
         result = sd_bus_start(bus);
     if (result < 0)
         bus = sd_bus_close_unref(bus);
-    handle->doubt.asker = bus;
+    handle->presence.queryConnection = bus;
     return bus != nullptr;
 }
 
-void closeAsker(QSHandle* handle) {
-    handle->doubt.asker = sd_bus_close_unref(handle->doubt.asker);
+void closeQueryConnection(QSHandle* handle) {
+    handle->presence.queryConnection = sd_bus_close_unref(handle->presence.queryConnection);
 }
 
 // 1 or 0; negative when the daemon gives no reply.
-int askIsThere(QSHandle* handle, const std::string& name) {
-    if (!handle->doubt.asker && !openAsker(handle))
+int queryHasOwner(QSHandle* handle, const std::string& name) {
+    if (!handle->presence.queryConnection && !openQueryConnection(handle))
         return -1;
     Wire question, answer;
     int there = -1;
-    int result = sd_bus_message_new_method_call(handle->doubt.asker, Receive(question), kBusDaemon,
-                                                kBusDaemonPath, kBusDaemon, "NameHasOwner");
+    int result = sd_bus_message_new_method_call(handle->presence.queryConnection, Receive(question),
+                                                kBusDaemon, kBusDaemonPath, kBusDaemon, "NameHasOwner");
     if (result >= 0)
         result = sd_bus_message_append(question.get(), "s", name.c_str());
     if (result >= 0)
-        result = sd_bus_call(handle->doubt.asker, question.get(), kAnswerDeadline, nullptr, Receive(answer));
+        result = sd_bus_call(handle->presence.queryConnection, question.get(), kAnswerDeadline, nullptr,
+                             Receive(answer));
     if (result >= 0)
         result = sd_bus_message_read(answer.get(), "b", &there);
     // Discards messages that other clients send to this connection.
     for (int i = 0; result >= 0 && i < kMostDiscarded; i++) {
-        if (sd_bus_process(handle->doubt.asker, nullptr) <= 0)
+        if (sd_bus_process(handle->presence.queryConnection, nullptr) <= 0)
             break;
     }
     if (result < 0)
-        closeAsker(handle);
+        closeQueryConnection(handle);
     return result < 0 ? -1 : there;
 }
 
@@ -122,29 +123,29 @@ int askIsThere(QSHandle* handle, const std::string& name) {
 
 void busNoteBacklog(QSHandle* handle) {
     if (unreadBytes(handle) >= kBacklog)
-        handle->doubt.raised++;
+        handle->presence.needed++;
 }
 
-void busNoteUnread(QSHandle* handle) {
-    handle->doubt.raised++;
+void busNoteMissedSignals(QSHandle* handle) {
+    handle->presence.needed++;
 }
 
-void busSettleDoubt(QSHandle* handle) {
-    Doubt& doubt = handle->doubt;
+void busCheckPresence(QSHandle* handle) {
+    PresenceCheck& presence = handle->presence;
     if (handle->peers.empty())
-        doubt.settled = doubt.raised;
-    if (!isInDoubt(handle)) {
-        closeAsker(handle);
+        presence.done = presence.needed;
+    if (!isPresenceUncertain(handle)) {
+        closeQueryConnection(handle);
         return;
     }
-    if (doubt.query || unreadBytes(handle) > 0)
+    if (presence.query || unreadBytes(handle) > 0)
         return;
-    doubt.asked = doubt.raised;
-    doubt.askedPeers = handle->peerNumber;
+    presence.queried = presence.needed;
+    presence.queriedPeers = handle->peerNumber;
     Wire question;
     if (sd_bus_message_new_method_call(handle->bus, Receive(question), kBusDaemon, kBusDaemonPath, kBusDaemon,
                                        "ListNames") >= 0)
-        sd_bus_call_async(handle->bus, Receive(doubt.query), question.get(), onNames, handle,
+        sd_bus_call_async(handle->bus, Receive(presence.query), question.get(), onNames, handle,
                           kAnswerDeadline);
 }
 
@@ -153,13 +154,13 @@ bool busIsThere(const Peer& peer) {
         return false;
     QSHandle* handle = peer.handle;
     busNoteBacklog(handle);
-    if (!isInDoubt(handle) && !isNamedInUnread(peer))
+    if (!isPresenceUncertain(handle) && !isNamedInUnread(peer))
         return true;
-    int there = askIsThere(handle, peer.name);
+    int there = queryHasOwner(handle, peer.name);
     // The second connection may have been lost since its last use, so the query is repeated once
     // on a new one.
     if (there < 0)
-        there = askIsThere(handle, peer.name);
+        there = queryHasOwner(handle, peer.name);
     if (there < 0) {
         const LogPayer payer(busLogBudget(handle, peer.user));
         PrvPrintErr({}, "The %s bus does not tell whether the client %s is there", busSideName(handle),
@@ -168,7 +169,7 @@ bool busIsThere(const Peer& peer) {
     return there > 0;
 }
 
-void busEndDoubt(QSHandle* handle) {
-    closeAsker(handle);
-    handle->doubt.query.reset();
+void busEndPresenceCheck(QSHandle* handle) {
+    closeQueryConnection(handle);
+    handle->presence.query.reset();
 }

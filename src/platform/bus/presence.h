@@ -12,12 +12,12 @@ struct Peer;
 // Before each read: records when the socket holds so much that the daemon may have dropped messages.
 void busNoteBacklog(QSHandle* handle);
 // Records that disconnections may be unknown, for example because a bounded read has left messages unread.
-void busNoteUnread(QSHandle* handle);
+void busNoteMissedSignals(QSHandle* handle);
 // After each dispatch: if disconnections may have been missed and everything received has been read, requests
 // the list of names.
-void busSettleDoubt(QSHandle* handle);
+void busCheckPresence(QSHandle* handle);
 // True when the client is connected now. Waits for the daemon's reply when a disconnection may
 // be unread or lost.
 bool busIsThere(const Peer& peer);
 // At the end of the connection: closes the second connection and ends the pending query.
-void busEndDoubt(QSHandle* handle);
+void busEndPresenceCheck(QSHandle* handle);

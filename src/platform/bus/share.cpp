@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-size_t Share::room(unsigned user) const {
+size_t Share::available(unsigned user) const {
     const auto found = m_held.find(user);
     const size_t held = found == m_held.end() ? 0 : found->second;
     const size_t users = m_held.size() + (held ? 0 : 1);

@@ -12,7 +12,7 @@ class Share {
 
     // How much more the user may add. Each user that holds something, and this one, may hold an equal part of
     // what is free. The first user gets half of the total, and the nth always at least 1/(n(n+1)) of it.
-    size_t room(unsigned user) const;
+    size_t available(unsigned user) const;
     size_t total() const { return m_total; }
     void add(unsigned user, size_t amount);
     void take(unsigned user, size_t amount);

@@ -208,7 +208,7 @@ bool QSSubscriptionRespond(QSZeltService* service, const char* key, const char* 
         return busFail(error, -EINVAL, "A response needs a registered service and a key");
     Sent sent;
     for (QSHandle* handle : {service->privateHandle, service->publicHandle})
-        answerAll(handle->byKey, key, payload, busHandOver, sent, error);
+        answerAll(handle->byKey, key, payload, busDeliver, sent, error);
     if (!sent.subscribers)
         return busFail(error, -ENOENT, std::string("There is no subscriber for ") + key);
     return sent.reached > 0;

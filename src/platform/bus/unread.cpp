@@ -24,33 +24,35 @@ namespace {
 constexpr char kStatistics[] = "org.freedesktop.DBus.Debug.Stats";
 constexpr char kPeerInterface[] = "org.freedesktop.DBus.Peer";
 
-// The limit of one client, between these two; it shrinks as its user has more unread. A long message, such as
-// an item, may exceed it.
-constexpr size_t kLeast = 8 * 1024;
-constexpr size_t kMost = 128 * 1024;
-constexpr size_t kClientsOfARoom = 64;
-// With at most this much unread, a client gets its next message while the limit for all clients allows it,
-// and a message of at most this size always.
-constexpr size_t kLittle = 1024;
+// The limit of one client: what its user may still add, divided by the number of clients, but between these
+// two. A long message, such as an item, may exceed it.
+constexpr size_t kLeastLimit = 8 * 1024;
+constexpr size_t kMostLimit = 128 * 1024;
+constexpr size_t kClientsPerShare = 64;
+// With at most this much unread, a client gets a message of at most this size always, and a longer one while
+// the limit for all clients allows it.
+constexpr size_t kSmallMessage = 1024;
 // The limit for all clients together, except for those small messages. The `max_incoming_bytes` of a bus
 // daemon bounds it: 127 MiB by default, and at least 16 MiB is required.
-constexpr size_t kMostOfAll = 12 * 1024 * 1024;
-constexpr size_t kLong = 32 * 1024;
-constexpr size_t kLongOfARoom = 8;
+constexpr size_t kTotalLimit = 12 * 1024 * 1024;
+// A message of at most the first size may exceed the limit of its client; a longer one only up to this part
+// of what the user may still add.
+constexpr size_t kLongMessage = 32 * 1024;
+constexpr size_t kLongMessagesPerShare = 8;
 // Microseconds between two queries to the daemon about a client that has reached its limit.
 constexpr int64_t kShortestGap = 1000;
 constexpr int64_t kLongestGap = 256 * 1000;
 // A daemon may limit a connection to 128 pending replies.
 constexpr size_t kMostPings = 64;
 // Callers that have sent no request for a handler; each is kept while it has something unread.
-constexpr size_t kMostPassers = 256;
+constexpr size_t kMostOtherCallers = 256;
 constexpr size_t kIntrospection = 16 * 1024;
 constexpr size_t kLongestPath = 255;
 constexpr uint64_t kAnswerDeadline = 2'000'000;  // microseconds
 constexpr uint64_t kNoTimeout = std::numeric_limits<uint64_t>::max();
 
 size_t limitOf(const Peer& peer) {
-    return std::clamp(peer.handle->unread.room(peer.user) / kClientsOfARoom, kLeast, kMost);
+    return std::clamp(peer.handle->unread.available(peer.user) / kClientsPerShare, kLeastLimit, kMostLimit);
 }
 
 void endPing(Peer& peer) {
@@ -62,7 +64,7 @@ void endPing(Peer& peer) {
 int askClient(Peer& peer);
 
 // Records that the first `upTo` bytes that were sent have been read.
-void settle(Peer& peer, uint64_t upTo) {
+void countRead(Peer& peer, uint64_t upTo) {
     Unread& unread = peer.unread;
     const uint64_t read = upTo - std::min(upTo, unread.read);
     unread.read += read;
@@ -71,8 +73,8 @@ void settle(Peer& peer, uint64_t upTo) {
     unread.notBefore = busMaySend(peer, kMessageOverhead) ? 0 : g_get_monotonic_time() + unread.gap;
     if (unread.bytes() > limitOf(peer) / 4 && !unread.ping)
         askClient(peer);
-    if (unread.bytes() || !peer.handle->passers.erase(peer.name))
-        busHandOnHeld(peer);
+    if (unread.bytes() || !peer.handle->otherCallers.erase(peer.name))
+        busDispatchHeld(peer);
 }
 
 bool readOutgoing(sd_bus_message* reply, uint32_t& bytes) {
@@ -103,9 +105,9 @@ bool isRefused(sd_bus_message* reply) {
 }
 
 // The match rule reports the disconnection of a client with requests; for other callers nothing else does.
-void settleGone(Peer& peer) {
+void forgetGone(Peer& peer) {
     busForgetUnread(peer);
-    peer.handle->passers.erase(peer.name);
+    peer.handle->otherCallers.erase(peer.name);
 }
 
 int onStatistics(sd_bus_message* reply, void* data, sd_bus_error*) {
@@ -115,13 +117,13 @@ int onStatistics(sd_bus_message* reply, void* data, sd_bus_error*) {
     peer->unread.question.reset();
     uint32_t waiting = 0;
     if (busIsFromDaemon(reply) && isGone(reply)) {
-        settleGone(*peer);
+        forgetGone(*peer);
     } else if (busIsFromDaemon(reply) && readOutgoing(reply, waiting)) {
-        settle(*peer, peer->unread.asked - std::min<uint64_t>(peer->unread.asked, waiting));
+        countRead(*peer, peer->unread.asked - std::min<uint64_t>(peer->unread.asked, waiting));
     } else {
         if (busIsFromDaemon(reply) && isRefused(reply))
             peer->handle->asksDaemon = false;
-        settle(*peer, 0);
+        countRead(*peer, 0);
     }
     return 0;
 }
@@ -135,9 +137,9 @@ int onPong(sd_bus_message* reply, void* data, sd_bus_error*) {
     const char* sender = sd_bus_message_get_sender(reply);
     // Any reply of the client, an error too, shows that it has read everything sent before the Ping.
     if (sender && peer->name == sender) {
-        settle(*peer, peer->unread.pinged);
+        countRead(*peer, peer->unread.pinged);
     } else if (busIsFromDaemon(reply) && isGone(reply)) {
-        settleGone(*peer);
+        forgetGone(*peer);
     } else if (busIsFromDaemon(reply) && sd_bus_message_is_method_error(reply, SD_BUS_ERROR_ACCESS_DENIED)) {
         handle->asksClients = false;
         if (!handle->asksDaemon)
@@ -145,7 +147,7 @@ int onPong(sd_bus_message* reply, void* data, sd_bus_error*) {
                         "The public bus lets this service ask neither what a client has read nor the client: "
                         "what waits for clients that do not read is not bounded. Install "
                         "com.zelt.pubsubservice.conf");
-        busHandOnHeld(*peer);
+        busDispatchHeld(*peer);
     }
     return 0;
 }
@@ -197,7 +199,7 @@ bool isServed(const QSHandle* handle, const char* path, sd_bus_message* wire) {
 }
 
 // An upper bound for the size of a reply that sd-bus makes itself; its error texts repeat parts of the call.
-size_t ownAnswer(const char* path, sd_bus_message* wire) {
+size_t builtInReplySize(const char* path, sd_bus_message* wire) {
     const char* interface = sd_bus_message_get_interface(wire);
     if (interface && std::strcmp(interface, "org.freedesktop.DBus.Introspectable") == 0)
         return kIntrospection;
@@ -208,21 +210,21 @@ size_t ownAnswer(const char* path, sd_bus_message* wire) {
 
 // The Peer that counts what a caller has not read, even if it never sends a request for a handler; null when
 // there are too many such callers.
-Peer* accountOf(QSHandle* handle, const char* sender) {
+Peer* peerOf(QSHandle* handle, const char* sender) {
     auto found = handle->peers.find(sender);
     if (found != handle->peers.end())
         return found->second.get();
-    found = handle->passers.find(sender);
-    if (found != handle->passers.end())
+    found = handle->otherCallers.find(sender);
+    if (found != handle->otherCallers.end())
         return found->second.get();
-    if (handle->passers.size() >= kMostPassers / 4)
-        busAskWhatWasRead(*handle->passers.begin()->second);
-    if (handle->passers.size() >= kMostPassers)
+    if (handle->otherCallers.size() >= kMostOtherCallers / 4)
+        busAskWhatWasRead(*handle->otherCallers.begin()->second);
+    if (handle->otherCallers.size() >= kMostOtherCallers)
         return nullptr;
-    auto passer = std::make_shared<Peer>();
-    passer->handle = handle;
-    passer->name = sender;
-    return handle->passers.emplace(sender, std::move(passer)).first->second.get();
+    auto caller = std::make_shared<Peer>();
+    caller->handle = handle;
+    caller->name = sender;
+    return handle->otherCallers.emplace(sender, std::move(caller)).first->second.get();
 }
 
 int onAnyMessage(sd_bus_message* wire, void* data, sd_bus_error*) {
@@ -234,9 +236,9 @@ int onAnyMessage(sd_bus_message* wire, void* data, sd_bus_error*) {
     const char* path = sd_bus_message_get_path(wire);
     if (isServed(handle, path, wire))
         return 0;
-    Peer* peer = accountOf(handle, sender);
+    Peer* peer = peerOf(handle, sender);
     const bool tooLong = std::strlen(path) > kLongestPath;
-    const size_t size = tooLong ? kMessageOverhead : ownAnswer(path, wire);
+    const size_t size = tooLong ? kMessageOverhead : builtInReplySize(path, wire);
     if (!peer || !busMaySend(*peer, size)) {
         if (peer)
             busAskWhatWasRead(*peer);
@@ -259,15 +261,15 @@ bool busMaySend(const Peer& peer, size_t size) {
     if (!busIsPublic(handle) || (!handle->asksDaemon && !handle->asksClients))
         return true;
     const size_t unread = peer.unread.bytes();
-    if (unread <= kLittle && size <= kLittle)
+    if (unread <= kSmallMessage && size <= kSmallMessage)
         return true;
-    if (handle->unread.total() + size > kMostOfAll)
+    if (handle->unread.total() + size > kTotalLimit)
         return false;
-    if (unread <= kLittle)
+    if (unread <= kSmallMessage)
         return true;
     const size_t limit = limitOf(peer);
-    return (unread < limit && size <= kLong) ||
-           unread + size <= std::max(limit, handle->unread.room(peer.user) / kLongOfARoom);
+    return (unread < limit && size <= kLongMessage) ||
+           unread + size <= std::max(limit, handle->unread.available(peer.user) / kLongMessagesPerShare);
 }
 
 void busCountSent(Peer& peer, size_t size) {
@@ -276,7 +278,7 @@ void busCountSent(Peer& peer, size_t size) {
     peer.unread.sent += size;
     peer.handle->unread.add(peer.user, size);
     const size_t unread = peer.unread.bytes();
-    if (unread > kLeast / 4 && unread > limitOf(peer) / 4)
+    if (unread > kLeastLimit / 4 && unread > limitOf(peer) / 4)
         busAskWhatWasRead(peer);
 }
 

@@ -183,7 +183,7 @@ TEST_P(FullInbox, NoItemCountsAsTakenByAClientThatDiedMeanwhile) {
     EXPECT_TRUE(QSSubscriptionRespond(m_service, "living", "item", m_error)) << m_error.message();
     EXPECT_TRUE(m_engine->until([&] { return m_cancelled.size() == kClients; })) << m_cancelled.size();
     EXPECT_TRUE(has(*living, livingCall, 2));
-    EXPECT_TRUE(m_engine->until([&] { return handle()->doubt.asker == nullptr; }));
+    EXPECT_TRUE(m_engine->until([&] { return handle()->presence.queryConnection == nullptr; }));
 }
 
 TEST_P(FullInbox, AnIdentityWhoseAnswerWasLostIsAskedAgain) {

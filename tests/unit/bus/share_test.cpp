@@ -11,7 +11,7 @@ constexpr size_t kStep = 1000;
 // Adds for the user as long as there is room, and returns how much that was.
 size_t fill(Share& share, unsigned user) {
     size_t added = 0;
-    for (; share.room(user) >= kStep; added += kStep)
+    for (; share.available(user) >= kStep; added += kStep)
         share.add(user, kStep);
     return added;
 }
@@ -31,30 +31,30 @@ TEST(Share, LeavesEachFurtherUserItsPartWhateverTheOthersTake) {
         EXPECT_LT(total, kMost);
     }
     for (unsigned user = 1; user <= 20; user++)
-        EXPECT_LT(share.room(user), kStep) << user;
+        EXPECT_LT(share.available(user), kStep) << user;
 }
 
 TEST(Share, OfOneUserAloneIsHalf) {
     Share share(kMost);
-    EXPECT_EQ(share.room(1), kMost);
+    EXPECT_EQ(share.available(1), kMost);
     share.add(1, kMost / 4);
-    EXPECT_EQ(share.room(1), kMost / 2);
+    EXPECT_EQ(share.available(1), kMost / 2);
     share.add(1, kMost / 4);
-    EXPECT_EQ(share.room(1), 0u);
-    EXPECT_EQ(share.room(2), kMost / 4);
+    EXPECT_EQ(share.available(1), 0u);
+    EXPECT_EQ(share.available(2), kMost / 4);
 }
 
 TEST(Share, ForgetsAUserThatHoldsNothingMore) {
     Share share(kMost);
     for (unsigned user = 0; user < 9; user++)
         share.add(user, kStep);
-    EXPECT_LE(share.room(9), kMost / 10);
+    EXPECT_LE(share.available(9), kMost / 10);
     for (unsigned user = 0; user < 9; user++)
         share.take(user, kStep);
     EXPECT_EQ(share.total(), 0u);
-    EXPECT_EQ(share.room(9), kMost);
+    EXPECT_EQ(share.available(9), kMost);
     share.add(9, 0);
-    EXPECT_EQ(share.room(10), kMost);
+    EXPECT_EQ(share.available(10), kMost);
 }
 
 TEST(Share, TakesNoMoreThanTheUserHolds) {
@@ -74,6 +74,6 @@ TEST(Share, TakesNoMoreThanTheUserHolds) {
 TEST(Share, ThatIsOverdrawnHasNoRoom) {
     Share share(kMost);
     share.add(1, 2 * kMost);
-    EXPECT_EQ(share.room(1), 0u);
-    EXPECT_EQ(share.room(2), 0u);
+    EXPECT_EQ(share.available(1), 0u);
+    EXPECT_EQ(share.available(2), 0u);
 }
