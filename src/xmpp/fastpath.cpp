@@ -70,7 +70,7 @@ void Client::handleTag(gloox::Tag* tag) {
         passMessage(*tag);
         return;
     }
-    if (bound && m_manager && isAnswer(*tag) && m_manager->isOurs(tag->findAttribute("id"))) {
+    if (bound && m_manager && isAnswer(*tag) && Manager::isOurs(tag->findAttribute("id"))) {
         logIncoming(*tag);
         m_manager->handleAnswer(*tag);
         return;

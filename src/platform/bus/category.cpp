@@ -176,5 +176,6 @@ bool busAddCategory(QSHandle* handle, const char* path, std::initializer_list<Me
 
 bool QSRegisterCategory(QSHandle* handle, const char* category, const QSMethod* methods, void* context,
                         QSError* error) {
-    return busAddCategory(handle, category, {{methods, handle && busIsPublic(handle)}}, context, error);
+    return busIsOpen(handle, error) &&
+           busAddCategory(handle, category, {{methods, busIsPublic(handle)}}, context, error);
 }

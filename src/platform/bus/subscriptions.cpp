@@ -64,13 +64,15 @@ void runCancelFunction(QSMessage* request) {
                       [&] { handle->cancelFunction(handle, request, handle->cancelContext); });
 }
 
-bool mayAdd(QSHandle* handle, QSMessage* request, QSError* error) {
-    if (!busIsOpen(handle, error))
-        return false;
+bool isOf(const QSHandle* handle, const QSMessage* request, QSError* error) {
     if (!request || !request->peer)
         return busFail(error, -EINVAL, "Only a request that a client has sent can be subscribed");
     if (request->handle != handle)
         return busFail(error, -EINVAL, "The request came in by another connection");
+    return true;
+}
+
+bool mayAdd(const QSMessage* request, QSError* error) {
     const Peer& peer = *request->peer;
     if (peer.state == Peer::State::Gone)
         return busFail(error, -ENOTCONN, "The client " + peer.name + " is gone");
@@ -80,7 +82,7 @@ bool mayAdd(QSHandle* handle, QSMessage* request, QSError* error) {
         return busFail(error, -EAGAIN,
                        "The bus daemon would not report the death of the client " + peer.name +
                            "; raise its max_match_rules_per_connection");
-    if (busIsPublic(handle) && peer.subscriptions >= kMostPublicSubscriptions)
+    if (busIsPublic(request->handle) && peer.subscriptions >= kMostPublicSubscriptions)
         return busFail(error, -EDQUOT,
                        "The client " + peer.name + " has " + std::to_string(peer.subscriptions) +
                            " subscriptions; it must cancel some before it opens more");
@@ -92,7 +94,7 @@ bool add(SubscriptionTable& table, const std::string& key, QSMessage* request, Q
     if (found != table.end() &&
         std::count(found->second.members.begin(), found->second.members.end(), request))
         return true;
-    if (!mayAdd(request ? request->handle : nullptr, request, error))
+    if (!mayAdd(request, error))
         return false;
     SubscriptionList& list = table.try_emplace(key, SubscriptionList{&table, key, {}}).first->second;
     if (request->lists.empty())
@@ -140,9 +142,8 @@ bool QSSubscriptionProcess(QSHandle* handle, QSMessage* message, bool* subscribe
         return false;
     if (!busAsksToSubscribe(QSMessageGetPayload(message)))
         return true;
-    if (message->handle != handle)
-        return busFail(error, -EINVAL, "The request came in by another connection");
-    if (!add(handle->byMethod, methodKey(message->category, message->method), message, error))
+    if (!isOf(handle, message, error) ||
+        !add(handle->byMethod, methodKey(message->category, message->method), message, error))
         return false;
     if (subscribed)
         *subscribed = true;
@@ -154,9 +155,7 @@ bool QSSubscriptionAdd(QSHandle* handle, const char* key, QSMessage* message, QS
         return false;
     if (!key)
         return busFail(error, -EINVAL, "There is no key to subscribe under");
-    if (message && message->handle != handle)
-        return busFail(error, -EINVAL, "The request came in by another connection");
-    return add(handle->byKey, key, message, error);
+    return isOf(handle, message, error) && add(handle->byKey, key, message, error);
 }
 
 bool QSSubscriptionSetCancelFunction(QSHandle* handle, QSFilter cancel, void* context, QSError* error) {

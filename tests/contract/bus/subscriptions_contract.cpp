@@ -395,6 +395,12 @@ TEST_F(Responses, ARequestIsNotSubscribedOnTheOtherConnection) {
     EXPECT_EQ(m_error.code(), -EINVAL);
 }
 
+TEST_F(Responses, WhatIsNoRequestIsNotSubscribed) {
+    EXPECT_FALSE(QSSubscriptionAdd(m_public, "key", nullptr, m_error));
+    EXPECT_EQ(m_error.code(), -EINVAL);
+    EXPECT_THAT(m_error.message(), HasSubstr("request"));
+}
+
 class Bounds : public BusContract {};
 
 TEST_F(Bounds, APublicClientHasSixtyFourSubscriptions) {
