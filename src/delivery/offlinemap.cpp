@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Who is to be told about a node's items while its application is closed.
+// Which application is notified of a node's items while it is closed.
 //
-// Keeps PubSubSession::m_offlineMap, which mirrors the preferences of "pubsubservice.offlineMap" (node ->
-// application id) and is loaded from them at start. A store that fails is logged; the map in memory keeps its
-// change.
+// Keeps PubSubSession::m_offlineMap, which mirrors the preferences "pubsubservice.offlineMap" (node ->
+// application id) and is loaded from them at start. A failure of the store is logged; the map in memory is
+// changed all the same.
 #include <cstdlib>
 
 #include "platform/prefs/qp.h"
@@ -13,19 +13,19 @@
 
 namespace {
 
-Preferences storeOver(QPHandle*& handle) {
+Preferences offlineStore(QPHandle*& handle) {
     return {"pubsubservice.offlineMap", handle};
 }
 
 }  // namespace
 
 QPHandle* PubSubSession::getOfflinePrefHandle() {
-    storeOver(m_offlinePrefHandle).open(nullptr);
+    offlineStore(m_offlinePrefHandle).open(nullptr);
     return m_offlinePrefHandle;
 }
 
 void PubSubSession::commitOfflinePrefHandle() {
-    storeOver(m_offlinePrefHandle)
+    offlineStore(m_offlinePrefHandle)
         .commit({.commitFailed = "Error: QPFreeHandle failed returned %d,", .openFailed = nullptr});
 }
 
@@ -73,12 +73,12 @@ void PubSubSession::removeOfflineMap(const std::string& node) {
 }
 
 void PubSubSession::loadOfflineMapFromDisk() {
-    Preferences store = storeOver(m_offlinePrefHandle);
+    Preferences store = offlineStore(m_offlinePrefHandle);
     if (!store.open(nullptr))
         return;
     const JsonRef keys = store.keys();
     for (const std::string& node : cleanedEntries(keys.get())) {
-        // Fetched anew: the entry before has replaced the handle.
+        // Opened for each entry, because setOfflineMap() replaces it.
         QPHandle* handle = getOfflinePrefHandle();
         char* value = nullptr;
         if (!handle || QPAppCopyValueString(handle, node.c_str(), &value) != QP_OK || !value) {

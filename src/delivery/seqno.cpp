@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// The number of the last item that was handed on, for each node: what came before it is stale.
+// The number of each node's last delivered item: an item with this number or a lower one is stale.
 //
-// Kept in the preferences of the service alone, under the node's name, as {"seqNo": "42"}; it survives a
-// restart. The deletion store keeps its records there too, under keys that begin with "delete", so the number
-// of a node whose name begins so has a key of its own. Every write is committed at once.
+// Stored only in the service's preferences, under the node's name, as {"seqNo": "42"}; it survives a
+// restart. The deletion store uses keys that begin with "delete" in the same preferences, so the number of a
+// node whose name begins with that word is stored under another key. Every write is committed immediately.
 #include <glib.h>
 
 #include "session/preferences.h"
@@ -17,14 +17,14 @@ constexpr int kDecimal = 10;
 constexpr char kDelete[] = "delete";
 constexpr char kSeqNo[] = "seqNo:";
 
-// The key of a node's number: its name, but never one that a record of the deletion store can have. No two
-// nodes share one.
+// The key of a node's number: its name, unless a record of the deletion store may have that key. No two nodes
+// share a key.
 std::string keyOf(const std::string& node) {
     return node.starts_with(kDelete) || node.starts_with(kSeqNo) ? kSeqNo + node : node;
 }
 
-// Whether an earlier release kept the number of `node` where the deletion store keeps its records.
-bool hasNumberAmongRecords(const Preferences& store, const std::string& node) {
+// Whether an earlier release stored the number of `node` under a key of the deletion store.
+bool hasNumberUnderRecordKey(const Preferences& store, const std::string& node) {
     return node.starts_with(kDelete) && jsonMember(store.read(node).json.get(), "seqNo");
 }
 
@@ -40,7 +40,7 @@ bool PubSubSession::getSeqNo(const std::string& node, std::string& seqNo) {
     if (!store.open())
         return false;
     StoredValue record = store.read(keyOf(node));
-    if (!record.exists && hasNumberAmongRecords(store, node))
+    if (!record.exists && hasNumberUnderRecordKey(store, node))
         record = store.read(node);
     if (record.isDamaged())
         PrvPrintErr({}, "Parsing value failed");
@@ -68,19 +68,19 @@ void PubSubSession::persistSeqNo(const std::string& node, const std::string& seq
     if (!store.open(nullptr))
         return;
     if (node.empty()) {
-        // sic: the two values stand in each other's place.
+        // sic: the two values are swapped.
         PrvPrintErr({}, "Item id not saved Node %s , SeqNo:%s", seqNo.c_str(), node.c_str());
         return;
     }
     JsonObject record;
     record.set("seqNo", seqNo.c_str());
-    if (store.write(keyOf(node), record.get()) && hasNumberAmongRecords(store, node))
+    if (store.write(keyOf(node), record.get()) && hasNumberUnderRecordKey(store, node))
         store.remove(node);
     store.commit();
 }
 
 bool PubSubSession::moveNumberAside(Preferences& store, const std::string& key) {
-    if (!hasNumberAmongRecords(store, key))
+    if (!hasNumberUnderRecordKey(store, key))
         return false;
     const StoredValue record = store.read(key);
     if (!store.read(keyOf(key)).json)
@@ -93,7 +93,7 @@ void removeSeqNo(const std::string& node, PubSubSession& session) {
     Preferences store = session.preferences();
     if (!store.open())
         return;
-    if (hasNumberAmongRecords(store, node))
+    if (hasNumberUnderRecordKey(store, node))
         store.remove(node);
     store.remove(keyOf(node));
     store.commit({.commitFailed = "Commit failed %d ", .openFailed = "Getting app handle failed! %d "});

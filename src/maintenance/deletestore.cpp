@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Which nodes each application owns, so that all of them can go with it.
+// Which nodes each application owns, so that they can be deleted when the application is removed.
 //
-// Kept in the preferences of the service, over restarts: "delete" + application id -> {"nodes": [...]} with
-// its first nodes, the same with a blank and the node after it -> {"nodes": [NODE]} for each further one, so
-// that the work of one creation does not grow with their number, and "delete" -> {"appid": [...]}, the keys
-// of the records whose bulk deletion the server has not answered yet. In memory the further nodes
-// (PubSubSession::m_furtherNodes, by the key of the record) and the bulk deletions in flight (m_deleteMap).
-// Every change is committed at once.
+// Stored in the service's preferences; it survives a restart. The keys:
+//   "delete" + application id -> {"nodes": [...]}, the record with the application's first nodes
+//   that key, a blank and a node -> {"nodes": [NODE]}, one key for each further node, so that the cost of
+//     adding a node does not grow with their number
+//   "delete" -> {"appid": [...]}, the keys of the records whose bulk deletion the server has not answered
+// In memory: the further nodes (PubSubSession::m_furtherNodes, by the key of the record) and the pending bulk
+// deletions (m_deleteMap). Every change is committed immediately.
 #include <gloox/error.h>
 
 #include <algorithm>
@@ -24,17 +25,17 @@ namespace {
 constexpr char kDelete[] = "delete";
 constexpr char kNodes[] = "nodes";
 constexpr char kAppId[] = "appid";
-constexpr std::size_t kRecordNodes = 64;  // of an application, in its own record
-constexpr std::size_t kEndpoints = 1000;  // of an application
+constexpr std::size_t kNodesPerRecord = 64;
+constexpr std::size_t kEndpointsPerApplication = 1000;
 
-// A list of names as it is stored, {MEMBER: [NAME, ...]}; an empty one where nothing is.
+// A stored list of names, {MEMBER: [NAME, ...]}; an empty list when nothing is stored.
 struct StoredList {
     bool exists = false;
-    JsonRef object;                // null when what is stored is no JSON
-    json_object* names = nullptr;  // in `object`; null when it has no such list
+    JsonRef object;                // null when the stored text is not JSON
+    json_object* names = nullptr;  // in `object`; null when `object` has no such list
 };
 
-// Formats for the key of the record at hand.
+// Log formats; each may take the key of the record.
 struct ListErrors {
     const char* noJson;
     const char* noList;
@@ -56,7 +57,7 @@ StoredList emptyList(const char* member) {
     return list;
 }
 
-// A store that cannot be read is logged.
+// Logs when the store cannot be read.
 StoredValue readValue(const Preferences& store, const std::string& key, CallSite site = {}) {
     StoredValue value = store.read(key);
     if (value.isUnreadable())
@@ -73,7 +74,8 @@ StoredList listOf(StoredValue value, const char* member) {
     return list;
 }
 
-// False when the store cannot be read. A number that an earlier release kept under `key` is moved away.
+// False when the store cannot be read. A node's number that an earlier release stored under `key` is moved to
+// its own key first.
 bool readList(Preferences& store, const std::string& key, const char* member, StoredList& list,
               CallSite site = {}) {
     StoredValue value = readValue(store, key, site);
@@ -113,28 +115,27 @@ bool writeFurtherNode(Preferences& store, const std::string& key, const std::str
     return store.write(furtherKey(key, node), list.object.get(), kWriteFailed, site);
 }
 
-// An earlier release kept all nodes in the one record: what is more than it holds now moves to keys of their
-// own.
+// An earlier release stored all nodes in the record: those beyond the limit are moved to keys of their own.
 bool shortenRecord(Preferences& store, const std::string& key, json_object* nodes,
                    std::set<std::string>& further, CallSite site = {}) {
     const std::size_t count = json_object_array_length(nodes);
-    if (count <= kRecordNodes)
+    if (count <= kNodesPerRecord)
         return true;
     const std::list<std::string> all = cleanedEntries(nodes);
-    for (auto node = std::next(all.begin(), kRecordNodes); node != all.end(); ++node) {
+    for (auto node = std::next(all.begin(), kNodesPerRecord); node != all.end(); ++node) {
         if (!writeFurtherNode(store, key, *node, site))
             return false;
         further.insert(*node);
     }
-    json_object_array_del_idx(nodes, kRecordNodes, count - kRecordNodes);
+    json_object_array_del_idx(nodes, kNodesPerRecord, count - kNodesPerRecord);
     return true;
 }
 
-// Writes the list under `key` without `gone`, or removes the key with the last entry.
+// Writes the list under `key` without `removed`, or removes the key when no other entry is left.
 bool writeWithout(Preferences& store, const std::string& key, const char* member, json_object* names,
-                  const std::string& gone, CallSite site = {}) {
+                  const std::string& removed, CallSite site = {}) {
     std::list<std::string> left = cleanedEntries(names);
-    left.remove(gone);
+    left.remove(removed);
     if (left.empty())
         return removeValue(store, key, site);
     const StoredList kept = emptyList(member);
@@ -143,7 +144,7 @@ bool writeWithout(Preferences& store, const std::string& key, const char* member
     return store.write(key, kept.object.get(), kWriteFailed, site);
 }
 
-// Enters `key` among the records whose deletion is under way. sic: it can be listed more than once.
+// Adds `key` to the list of pending bulk deletions. sic: the list may contain it more than once.
 bool listDeletion(Preferences& store, const std::string& key, CallSite site = {}) {
     StoredList listing;
     if (!readList(store, kDelete, kAppId, listing, site) || !isSound(listing, kListingErrors, key, site))
@@ -155,7 +156,7 @@ bool listDeletion(Preferences& store, const std::string& key, CallSite site = {}
     return true;
 }
 
-// Takes every listing of `key` out again.
+// Removes every entry of `key` from the list of pending bulk deletions.
 void unlistDeletion(Preferences& store, const std::string& key, CallSite site = {}) {
     const StoredList listing = listOf(readValue(store, kDelete, site), kAppId);
     if (listing.exists && isSound(listing, kUnlistingErrors, key, site))
@@ -185,7 +186,7 @@ bool PubSubSession::mayOwnNode(const std::string& node, const std::string& appId
     const std::string key = kDelete + appId;
     Preferences store = preferences();
     StoredList record;
-    // A store that cannot be read refuses nobody: the creation is told so where the node enters the record.
+    // When the store cannot be read the creation is not refused here: it fails when the node is added.
     if (!store.open() || !readList(store, key, kNodes, record))
         return true;
     const std::set<std::string>& further = furtherNodes(key);
@@ -197,8 +198,8 @@ bool PubSubSession::mayOwnNode(const std::string& node, const std::string& appId
     if (owned)
         return true;
     const auto creating = m_creating.find(appId);
-    const long asked = creating == m_creating.end() ? 0 : creating->second.use_count();
-    return entries.size() + further.size() + static_cast<std::size_t>(asked) < kEndpoints;
+    const long pending = creating == m_creating.end() ? 0 : creating->second.use_count();
+    return entries.size() + further.size() + static_cast<std::size_t>(pending) < kEndpointsPerApplication;
 }
 
 bool PubSubSession::addNodeToDeleteStore(const std::string& node, const std::string& appId) {
@@ -211,12 +212,12 @@ bool PubSubSession::addNodeToDeleteStore(const std::string& node, const std::str
     const std::list<std::string> entries = cleanedEntries(record.names);
     if (further.contains(node) || std::find(entries.begin(), entries.end(), node) != entries.end())
         return true;
-    if (entries.size() < kRecordNodes) {
+    if (entries.size() < kNodesPerRecord) {
         addName(record, node);
         if (!store.write(key, record.object.get()))
             return false;
     } else {
-        const bool longRecord = entries.size() > kRecordNodes;
+        const bool longRecord = entries.size() > kNodesPerRecord;
         if (!shortenRecord(store, key, record.names, further) ||
             (longRecord && !store.write(key, record.object.get())) || !writeFurtherNode(store, key, node))
             return false;
@@ -291,7 +292,8 @@ void PubSubSession::deleteBulkNodes() {
     if (!store.open() || !readList(store, kDelete, kAppId, listing) || !listing.exists ||
         !isSound(listing, kRetryErrors, kDelete))
         return;
-    // sic: the entry goes on with its quotes, which no key has, so what was listed while disconnected stays.
+    // sic: the key is passed with its JSON quotes and so matches no record: deletions that were added
+    // while disconnected stay in the list.
     for (std::size_t i = 0; i < json_object_array_length(listing.names); ++i)
         cleanupNodes("", json_object_to_json_string(json_object_array_get_idx(listing.names, i)));
 }
@@ -303,7 +305,7 @@ void PubSubSession::forgetBulkDeletions() {
 void PubSubSession::handleBulkDelete(const std::string& id, const gloox::JID&, const gloox::Error* error) {
     const auto deletion = m_deleteMap.extract(id);
     setPingTimer();
-    // sic: a deletion that the server refused is forgotten like one that it did.
+    // sic: a deletion that the server refused is forgotten like one that succeeded.
     printerror(error);
     Preferences store = preferences();
     if (!deletion || !store.open())

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // PubSubSession: the one XMPP session and every registry that bus methods and result handlers share.
 //
-// This is the only declaration; the methods are grouped by the file that defines them. All members are
-// touched on the main loop's thread alone. Nothing here survives a restart but what the handler file and the
-// preferences hold.
+// This is the only declaration; the methods are grouped by the file that defines them. All members are used
+// on the main loop's thread only. Only what the handler file and the preferences hold survives a restart.
 #pragma once
 
 #include <glib.h>
@@ -47,7 +46,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     PubSubSession();
     ~PubSubSession() override;
     PubSubSession(const PubSubSession&) = default;  // ends the process unless the original owns nothing
-    PubSubSession& operator=(const PubSubSession&) = default;  // unless neither side does
+    PubSubSession& operator=(const PubSubSession&) = default;  // likewise unless neither side owns anything
     bool ownsNothing() const;
 
     void setSessionDetails(const std::string& jid, const std::string& password, const std::string& resource,
@@ -127,10 +126,10 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void removeFromEndointMap(const std::string& id);
     std::optional<_endpointStruct> takeEndpointRequest(const std::string& id);
     std::map<std::string, _endpointStruct> takeEndpointRequests();
-    void dropEndpointRequests(QSMessage* message);  // those that would answer this message
-    // Counts the request against the bound of its application until it is taken out.
+    void dropEndpointRequests(QSMessage* message);  // those that this message waits for
+    // Counts the request towards its application's limit until it is taken out.
     void countCreation(const std::string& id, const std::string& appId);
-    // Whether a caller still waits for the result.
+    // Whether a caller is still waiting for the result.
     bool isAwaited(const std::string& id) const;
 
     // session/connection.cpp
@@ -190,8 +189,8 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     bool getSeqNo(const std::string& node, uint64_t& seqNo);
     void persistSeqNo(const std::string& node, const std::string& seqNo);
     bool isStalePacket(const std::string& node, const std::string& seqNo);
-    // Clears `key` for a record of the deletion store when an earlier release kept a node's number there. The
-    // caller commits.
+    // Moves a number that an earlier release stored under `key`, a key of the deletion store, to the node's
+    // own key. False when there is none; the caller commits.
     static bool moveNumberAside(Preferences& store, const std::string& key);
 
     // delivery/offlinemap.cpp
@@ -205,10 +204,10 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void deleteOfflineMap(const std::string& node);
     void loadOfflineMapFromDisk();
 
-    // delivery/cache.cpp: one file for each node, holding the newest item that nobody took
-    // sic: the first segment of the name is dropped, so nodes that differ in it alone share one file.
+    // delivery/cache.cpp: one file for each node, holding the newest item that no handler accepted
+    // sic: the first segment of the name is dropped, so nodes that differ only in it share one file.
     static void getFilePathFromNodeId(const std::string& node, std::string& path);
-    // Both replace the node's file as a unit; true once it is on the disk.
+    // Both replace the node's file as a unit; true once it is on disk.
     static bool saveItemInCache(const std::string& node, json_object* item);
     static bool updateFile(const std::string& node, const std::string& text);
     // The cached item, which the caller owns; null when there is none.
@@ -224,7 +223,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void handleKeyCb(const std::string& id, const gloox::JID& service, const std::string& key,
                      const gloox::Error* error, const std::string& what, bool flag);
 
-    // endpoints/publicsubscribe.cpp: subscribers that came while there was no connection
+    // endpoints/publicsubscribe.cpp: subscribers that arrived while there was no connection
     void activateDeferredSubscribers();
     void settleDeferredSubscriber(const std::string& node);
     void dropDeferredSubscriber(const std::string& node);
@@ -233,8 +232,8 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // endpoints/onclose.cpp
     void setOnCloseRegistered(bool registered);
 
-    // endpoints/writerate.cpp: `writes` says whether the request changes what is on the disk. Later: it was
-    // kept, and `handler` is called with it again. Never: too many of the application wait.
+    // endpoints/writerate.cpp: `writes` says whether the request changes what is on disk. Later: the request
+    // is kept, and `handler` is called with it again. Never: too many of its application's requests wait.
     WriteTurn takeWriteTurn(const Request& request, bool writes, QSFilter handler);
     static gboolean handleWaitingWrites(gpointer session);
 
@@ -242,22 +241,22 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     bool activateNode(const std::string& node, std::string& requestId);
     void activated(const std::string& node, bool value);
     void removeActivateMap(const std::string& node);
-    void forgetActivations();  // the server keeps none over a disconnect
+    void forgetActivations();  // the server keeps none across a disconnect
     void activateNodes();
 
     // maintenance/deletestore.cpp
-    // Whether the application may have one endpoint more, or has this one already (`known`).
+    // Whether the application may own this endpoint; `known` receives whether it owns it already.
     bool mayOwnNode(const std::string& node, const std::string& appId, bool* known = nullptr);
-    // The nodes beyond those that the record `key` itself holds.
+    // The nodes that are stored beside the record `key`, each under a key of its own.
     std::set<std::string>& furtherNodes(const std::string& key);
     bool addNodeToDeleteStore(const std::string& node, const std::string& appId);
     bool removeNodeFromDeleteStore(const std::string& node, const std::string& appId);
     bool cleanupNodes(const std::string& appId, const std::string& storeKey);
     void deleteBulkNodes();
-    void forgetBulkDeletions();  // no answer comes after a disconnect
+    void forgetBulkDeletions();  // no result arrives after a disconnect
 
     std::map<std::string, KeptMessage> m_msgMap;  // requests waiting for a result, by request id
-    std::list<std::string> m_pendingList;         // nodes with pending subscribers still to be asked for
+    std::list<std::string> m_pendingList;         // nodes whose pending subscribers are not requested yet
     std::size_t m_pendingCursor = kNoCursor;      // position in m_pendingList
     std::map<std::string, std::list<std::string>> appNodeMap;      // node -> application handlers
     std::map<std::string, std::list<std::string>> serviceNodeMap;  // node -> service handlers
@@ -275,50 +274,49 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     std::string m_resource;  // empty: the server chooses one
     std::string m_domain;    // destination of the keep-alive ping
     int m_port = 0;
-    bool m_networkAvailable = false;                       // last word of the connection manager
+    bool m_networkAvailable = false;                       // as last reported by the connection manager
     bool m_connecting = false;                             // a connect attempt is in progress
     int m_lastError = 0;                                   // last gloox::ConnectionError
     int m_retryCount = -1;                                 // reconnect attempts since the last connect
     std::string m_ipAddress;                               // local address to connect from
-    bool m_spare1 = false;                                 // read by nothing
+    bool m_spare1 = false;                                 // never read
     bool m_reconnectPending = false;                       // the reconnect alarm is set
     QPHandle* m_prefsHandle = nullptr;                     // preferences of the service
     std::map<std::string, _endpointStruct> m_endpointMap;  // public requests waiting for a result
     QSHandle* m_publicHandle = nullptr;                    // public bus
-    std::map<std::string, std::string> m_offlineMap;  // node -> application to be told while it is closed
+    std::map<std::string, std::string> m_offlineMap;  // node -> application to be notified while it is closed
     bool m_onCloseRegistered = false;                 // a client listens for on-close notices
     std::map<std::string, _subMapStruct> subMap;      // node -> public subscriber
     QSZeltService* m_serviceHandle = nullptr;         // both connections
-    std::map<std::string, std::string> m_deleteMap;   // bulk deletes in flight: request id -> store key
+    std::map<std::string, std::string> m_deleteMap;   // pending bulk deletes: request id -> store key
     bool m_debugLog = false;                          // log gloox's own lines
-    bool m_spare2 = false;                            // read by nothing
+    bool m_spare2 = false;                            // never read
     QPHandle* m_offlinePrefHandle = nullptr;          // the offline store
     std::map<std::string, bool> m_activateMap;        // node -> confirmed active in this connection
     bool m_bootFinished = false;                      // the system manager reported boot finished
-    bool m_activationDone =
-        false;              // sic: cleared on disconnect and set by nothing, so activation always runs
-    bool m_spare3 = false;  // holds node activation back; set by nothing
-    bool m_onWan = false;   // the connection runs over the mobile link
+    bool m_activationDone = false;  // sic: cleared on disconnect and never set, so activation always runs
+    bool m_spare3 = false;          // would hold node activation back; never set
+    bool m_onWan = false;           // the connection runs over the mobile link
     bool m_survivedOutage = false;  // it stayed up over the mobile link while there was no Internet
-    std::map<std::string, _endpointStruct>
-        m_deferredSubscribes;  // node -> subscribe without its first answer yet
-    std::map<std::string, std::set<std::string>>
-        m_furtherNodes;                                     // key of the deletion store -> further nodes
-    bool m_furtherNodesRead = false;                        // they were read from the store
-    std::map<std::string, _writeRateStruct> m_writeRates;   // application -> its writes of late
-    guint m_writeTimer = 0;                                 // its source; 0 while nothing waits
-    QSMessage* m_writing = nullptr;                         // the waiting request that is handled now
-    std::map<std::string, std::weak_ptr<void>> m_creating;  // application -> held by its creations under way
+    // node -> subscribe request without a first answer
+    std::map<std::string, _endpointStruct> m_deferredSubscribes;
+    // key of the deletion store -> further nodes
+    std::map<std::string, std::set<std::string>> m_furtherNodes;
+    bool m_furtherNodesRead = false;                       // m_furtherNodes was read from the store
+    std::map<std::string, _writeRateStruct> m_writeRates;  // application -> its recent writes
+    guint m_writeTimer = 0;          // timer for the waiting requests; 0 while none waits
+    QSMessage* m_writing = nullptr;  // the waiting request that is being handled
+    std::map<std::string, std::weak_ptr<void>> m_creating;  // application -> shared by its pending creations
 
-    static GSource*
-        m_source;  // watch on the XMPP socket, borrowed from the main context; null when there is none
+    // Watch on the XMPP socket, borrowed from the main context; null when there is none.
+    static GSource* m_source;
     static constexpr std::size_t kNoCursor = static_cast<std::size_t>(-1);
 };
 
-// delivery/seqno.cpp: forgets the number of the node's last item; a node without one is fine.
+// delivery/seqno.cpp: forgets the number of the node's last item; does nothing for a node without one.
 void removeSeqNo(const std::string& node, PubSubSession& session);
 
-// The factory that other programs of the platform use to log in by themselves.
+// The factory with which other programs of the platform open a session of their own.
 class PubSubService {
   public:
     bool createSession(const std::string& jid, const std::string& password, const std::string& resource,
@@ -331,7 +329,7 @@ extern std::string gpasswd;
 extern std::string gpNode;
 extern std::string gserver;
 extern std::string gresource;
-extern PubSubSession gPubSub;          // pristine, never used for work
+extern PubSubSession gPubSub;          // stays as constructed; never used
 extern PubSubSession gCurrentSession;  // the one session
 extern int32_t gport;
 extern GMainLoop* gpMainLoop;
