@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""A scripted XMPP server without TLS: logs the service in, pushes items as fast as they are taken, counts acks."""
+"""A scripted XMPP server without TLS: it lets the service log in, sends items as fast as the service reads them,
+and counts the acks."""
 
 import re
 import socket
@@ -20,18 +21,18 @@ def item(node, number, payload):
 
 
 class LoginServer:
-    """Listens on a free loopback port and logs a client in; one at a time."""
+    """Listens on a free loopback port and lets one client at a time log in."""
 
     def __init__(self):
         self._listener = socket.create_server(("127.0.0.1", 0))
         self.port = self._listener.getsockname()[1]
         self._socket = None
-        self._buffer = b""  # what came after the last piece that was waited for
+        self._buffer = b""  # what was received after the last match
 
-    def shut(self):
+    def close_listener(self):
         self._listener.close()
 
-    def _until(self, pattern):
+    def _receive(self, pattern):
         while True:
             found = re.search(pattern, self._buffer, re.DOTALL)
             if found:
@@ -43,28 +44,28 @@ class LoginServer:
             self._buffer += data
 
     def log_in(self):
-        """Takes the service through stream, SASL and bind up to its directed presence."""
+        """Answers the login of the service: stream, SASL, bind, until its directed presence."""
         self._listener.settimeout(30)
         self._socket, _ = self._listener.accept()
         self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self._buffer = b""
-        self._until(rb"<stream:stream[^>]*>")
+        self._receive(rb"<stream:stream[^>]*>")
         self._send(HEADER.format(SASL))
-        self._until(rb"<auth.*?(?:/>|</auth>)")
+        self._receive(rb"<auth.*?(?:/>|</auth>)")
         self._send("<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>")
-        self._until(rb"<stream:stream[^>]*>")
+        self._receive(rb"<stream:stream[^>]*>")
         self._send(HEADER.format(BIND))
-        bind = self._until(rb"<iq[^>]*\bid=['\"]([^'\"]*)['\"][^>]*>\s*<bind.*?</iq>").group(1).decode()
+        bind = self._receive(rb"<iq[^>]*\bid=['\"]([^'\"]*)['\"][^>]*>\s*<bind.*?</iq>").group(1).decode()
         self._send(f"<iq type='result' id='{bind}'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'>"
                    "<jid>device@localhost/bench</jid></bind></iq>")
-        self._until(rb"<presence.*?(?:/>|</presence>)")
+        self._receive(rb"<presence.*?(?:/>|</presence>)")
 
     def _send(self, text):
         self._socket.sendall(text.encode())
 
 
 class ItemServer(LoginServer):
-    """Pushes items to its one client and counts what it acknowledges."""
+    """Sends items to its client and counts the acknowledgements."""
 
     def __init__(self):
         super().__init__()
@@ -89,7 +90,7 @@ class ItemServer(LoginServer):
             tail += data
 
     def push(self, node, first, count, payload):
-        """Sends `count` items numbered from `first`; returns (start, end) once each was acknowledged."""
+        """Sends `count` items numbered from `first`; returns (start, end) when all are acknowledged."""
         text = "".join(item(node, number, payload) for number in range(first, first + count)).encode()
         goal = self._acks + count
         start = time.monotonic()

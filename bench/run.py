@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: GPL-3.0-only
-"""Measures requests, item delivery and the idle service, each beside a reference of the same run; with --server
-publishing to and delivery by the XMPP server."""
+"""Measures requests, item delivery and the idle service, each compared with a reference that the same run measures;
+with --server, publishing to and delivery by the XMPP server."""
 
 import argparse
 import contextlib
@@ -32,7 +32,7 @@ def wait_until(condition, what, seconds=20):
 
 
 class Table:
-    """Rows of figure, reference, ratio and the bound that the ratio is held to."""
+    """Rows of figure, reference, their ratio and its bound."""
 
     def __init__(self):
         self.rows = []
@@ -46,10 +46,10 @@ class Table:
         self.rows.append((what, f"{value:,.1f} {unit}", f"{reference}: {reference_value:,.1f}", f"{ratio:.2f}",
                           bound, "kept" if kept else "MISSED"))
 
-    def add_plain(self, what, value, bound, kept):
+    def add_count(self, what, value, bound, kept):
         self.rows.append((what, value, "", "", bound, "kept" if kept else "MISSED"))
 
-    def show(self):
+    def print(self):
         print("| Figure | Measured | Reference of the same run | Ratio | Bound | |\n|---|---|---|---|---|---|")
         for row in self.rows:
             print("| " + " | ".join(row) + " |")
@@ -110,10 +110,10 @@ def load(device, service, pid, in_flight, calls):
 
 
 @contextlib.contextmanager
-def placed(processes, measured, measured_core, other_core):
-    """Keeps the measured processes on one core, and the others and whatever is started in the block on another or
-    the same one. Left to the scheduler one program takes 7 or 22 us a call, by the cores that it, the bus daemon and
-    the caller happen to be on."""
+def pinned(processes, measured, measured_core, other_core):
+    """Pins the measured processes to one core, and the others and every process started in the block to another or
+    the same core. Without this, the same program takes 7 or 22 us a call, depending on the cores on which it, the bus
+    daemon and the caller run."""
     allowed = os.sched_getaffinity(0)
     pids = {0: other_core} | {process.pid: other_core for process in processes}
     pids |= {process.pid: measured_core for process in measured}
@@ -127,9 +127,9 @@ def placed(processes, measured, measured_core, other_core):
 
 
 def request_rounds(device, service, echo, in_flight, calls):
-    """Rates and microseconds of CPU a call as pairs of ours and the echo's, of each round."""
+    """For each round, pairs of the service's and the echo's: first their rates, then the CPU time per call in us."""
     rounds = []
-    for _ in range(9):  # in turns, so that both see the same neighbours on the machine
+    for _ in range(9):  # alternating, so that other load on the machine affects both
         rounds.append((load(device, "com.zelt.pubsubservice", service.pid, in_flight, calls),
                        load(device, "com.zelt.bench.echo", echo.pid, in_flight, calls)))
     return [[(ours[i], theirs[i]) for ours, theirs in rounds] for i in (0, 1)]
@@ -138,11 +138,11 @@ def request_rounds(device, service, echo, in_flight, calls):
 def measure_requests(device, service, table, scale):
     echo = device.start("echo", BIN / "bench_echo", ready=True)
     cores = sorted(os.sched_getaffinity(0))
-    # One core loses a lone call nothing, since only one of the processes has work at a time.
+    # With one call at a time one core is enough: only one of the processes has work at any time.
     for where, core in (("all on one core", cores[-1]), ("on its own core", cores[0])):
         if core == cores[-1] and where == "on its own core":
-            continue  # there is no other
-        with placed(device.processes, (service, echo), core, cores[-1]):
+            continue  # the machine has only one core
+        with pinned(device.processes, (service, echo), core, cores[-1]):
             rates, cpu = request_rounds(device, service, echo, 1, 20000 // scale)
         table.add(f"getJabberId, 1 in flight, {where}", "calls/s", "sd-bus echo", rates, at_least=0.9)
         table.add(f"CPU a call, 1 in flight, {where}", "us", "sd-bus echo", cpu, at_most=1.25)
@@ -152,7 +152,7 @@ def measure_requests(device, service, table, scale):
 
 
 def append_and_sync(folder, count):
-    """Appended records with fdatasync a second."""
+    """Records per second that can be appended, each with an fdatasync."""
     path = pathlib.Path(folder) / "append"
     record = b'{ "seqNo": "1234567890123456" }' + b" " * 97
     descriptor = os.open(path, os.O_CREAT | os.O_WRONLY | os.O_APPEND, 0o600)
@@ -177,7 +177,7 @@ def measure_items(device, table, where, count, compare_with_sync):
         sink.wait()
         return items / (end - start)
 
-    push(count // 5 + 1)  # the store's log takes its size once
+    push(count // 5 + 1)  # the first run lets the store's log file grow to its size
     for _ in range(5):
         rate = push(count)
         sink = device.start("sink", BIN / "bench_sink", str(count), ready=True)
@@ -200,26 +200,26 @@ def switches(pid):
         return sum(int(line.split()[1]) for line in status if "ctxt_switches" in line)
 
 
-def rest(service, table, seconds):
+def measure_idle(service, table, seconds):
     pid = service.pid
     wait_until(lambda: len(os.listdir(f"/proc/{pid}/task")) == 1, "one thread alone", 60)
-    time.sleep(1)  # what was under way when the load ended is not rest
+    time.sleep(1)  # lets the service finish the work of the load
     before = switches(pid)
     time.sleep(seconds)
     woken = switches(pid) - before
-    table.add_plain(f"context switches in {seconds} s at rest", str(woken), "0", woken == 0)
+    table.add_count(f"context switches in {seconds} s at rest", str(woken), "0", woken == 0)
     if shutil.which("strace"):
         traced = subprocess.run(["timeout", "--signal=INT", str(seconds), "strace", "-f", "-p", str(pid)],
                                 capture_output=True, text=True, check=False).stderr
-        # The call that it sleeps in is shown once; everything beyond that was made.
+        # strace also shows the call in which the process is blocked; that one is not counted.
         calls = sum(1 for line in traced.splitlines() if "(" in line and "strace:" not in line) - 1
-        table.add_plain(f"system calls in {seconds} s at rest", str(max(calls, 0)), "0", calls <= 0)
+        table.add_count(f"system calls in {seconds} s at rest", str(max(calls, 0)), "0", calls <= 0)
     threads = len(os.listdir(f"/proc/{pid}/task"))
-    table.add_plain("threads at rest", str(threads), "1", threads == 1)
+    table.add_count("threads at rest", str(threads), "1", threads == 1)
     with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as rollup:
-        # Dirty pages alone: a library's text counts as private as long as no other process happens to map it.
+        # Only dirty pages: the code of a library counts as private when no other process has it mapped.
         private = sum(int(line.split()[1]) for line in rollup if line.startswith("Private_Dirty"))
-    table.add_plain("private memory", f"{private / 1024:.1f} MB", "< 6 MB", private < 6 * 1024)
+    table.add_count("private memory", f"{private / 1024:.1f} MB", "< 6 MB", private < 6 * 1024)
 
 
 def main():
@@ -237,7 +237,7 @@ def main():
     if arguments.server:
         with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.disk) as folder:
             server_load(folder, BIN / "bench_server", table, arguments.quick)
-        table.show()
+        table.print()
         return 0
     for where, base in (("tmpfs", arguments.tmpfs), ("disk", arguments.disk)):
         if arguments.counts and where == "disk":
@@ -255,10 +255,10 @@ def main():
                     measure_items(device, table, where, count, where == "disk")
                 if where == "tmpfs":
                     print("at rest", flush=True)
-                    rest(service, table, 10)
+                    measure_idle(service, table, 10)
             finally:
                 device.close()
-    table.show()
+    table.print()
     return 0 if table.all_kept() or not arguments.counts else 1
 
 

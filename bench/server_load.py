@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The XMPP server: publishing over XMPP and HTTP and delivering to devices, each beside a reference of the same run.
+"""Measures the XMPP server: publishing over XMPP and HTTP and delivery to devices, each compared with a reference that
+the same run measures.
 
-The references: the same ejabberd with its own pub-sub engine alone, which keeps and syncs nothing; a GET of the HTTP
-listener that also takes the publications; and the same server before its devices hold anything."""
+The references: the same ejabberd with only its own pub-sub engine, which stores nothing on disk; a GET of the HTTP
+listener that also accepts the publications; and the same server before items are stored for its devices."""
 
 import contextlib
 import json
@@ -21,7 +22,7 @@ RUN = str(ROOT / "ejabberd" / "run")
 DEVICE = "urn:zelt:pubsub:device:0"
 PASSWORD = "secret"
 NODES = 8
-KEPT_OF_A_NODE = 1000
+KEPT_PER_NODE = 1000
 KEPT = 10000
 ENGINE = """\
   mod_pubsub:
@@ -37,12 +38,12 @@ ENGINE = """\
 
 
 class BenchServer:
-    """A server in a folder of its own; `engine_alone` is one without the extension."""
+    """A server in its own folder; with `engine_alone` it runs without the extension."""
 
     def __init__(self, folder, binary, engine_alone=False):
         self.folder, self.binary = str(folder), binary
-        options = (f"max_kept={KEPT}", f"max_kept_node={KEPT_OF_A_NODE}", "max_devices=1000")
-        self._run("up", self.folder, *(word for option in options for word in ("--option", option)))
+        options = (f"max_kept={KEPT}", f"max_kept_node={KEPT_PER_NODE}", "max_devices=1000")
+        self._run("up", self.folder, *(argument for option in options for argument in ("--option", option)))
         if engine_alone:
             self._run("down", self.folder)
             path = pathlib.Path(self.folder, "conf", "ejabberd.yml")
@@ -68,12 +69,12 @@ class BenchServer:
 
     @staticmethod
     def ask(client, requests):
-        """Sends all requests ahead, in pieces, and waits for their answers."""
+        """Sends the requests in batches and waits for the answers of each batch."""
         for first in range(0, len(requests), 200):
             numbers = [client.send_iq("set", each) for each in requests[first:first + 200]]
             for number in numbers:
                 if client.wait_iq(number, 120).get("type") != "result":
-                    sys.exit("the server refused a request of the preparations")
+                    sys.exit("the server refused a request of the setup")
 
     def create(self, user, nodes):
         client = self.client(user)
@@ -81,7 +82,7 @@ class BenchServer:
         client.close()
 
     def absent_device(self, user, resource, nodes):
-        """A device that subscribed to the nodes and is gone: what is published is kept for it, on disk."""
+        """Subscribes a device to the nodes and disconnects it: items of these nodes are then stored on disk for it."""
         device = self.client(user, resource)
         device.send(f"<presence to='{self.where.pubsub}'/>")
         self.ask(device, [f"<pubsub xmlns='{PUBSUB}'><subscribe node='{node}' jid='{device.jid}'/></pubsub>"
@@ -89,14 +90,14 @@ class BenchServer:
         device.close()
 
     def endpoint(self, node, resource=None):
-        """A key node with a device that is gone; the path to publish to."""
+        """Creates a key node, whose device then disconnects; returns the HTTP path to publish to."""
         client = self.client("owner", resource or "endpoint")
         client.send(f"<presence to='{self.where.pubsub}'/>")
         answer = client.iq("set", f"<create-key-node xmlns='{DEVICE}' node='{node}'/>")
         key = answer.findtext("{%s}key" % DEVICE)
         client.close()
         if not key:
-            sys.exit(f"the server made no key node {node}")
+            sys.exit(f"the server did not create the key node {node}")
         return urllib.parse.urlsplit(self.http_url()).path + "/" + key
 
     def http_url(self):
@@ -148,9 +149,9 @@ def server_load(folder, binary, table, quick):
 
 def publishing(ours, engine, nodes, table, seconds, rounds):
     print("publishing over XMPP", flush=True)
-    for held in ("few items", f"{KEPT_OF_A_NODE:,} items"):
+    for held in ("few items", f"{KEPT_PER_NODE:,} items"):
         if held != "few items":
-            fill(lambda: ours.publish("owner", nodes, seconds), KEPT_OF_A_NODE * len(nodes))
+            fill(lambda: ours.publish("owner", nodes, seconds), KEPT_PER_NODE * len(nodes))
         pairs = [(rate(ours.publish("owner", nodes, seconds)), rate(engine.publish("owner", nodes, seconds)))
                  for _ in range(rounds)]
         table.add(f"XMPP, durable, 8 sessions x 16 in flight, nodes with {held}", "items/s", "engine alone", pairs,
@@ -158,13 +159,13 @@ def publishing(ours, engine, nodes, table, seconds, rounds):
 
 
 def fill(publish, count):
-    """Publishes until so many items were taken."""
-    taken = 0
-    while taken < count:
+    """Publishes until the server has accepted `count` items."""
+    accepted = 0
+    while accepted < count:
         answered = publish()["answered"]
         if not answered:
-            sys.exit("the server took nothing for a whole round")
-        taken += answered
+            sys.exit("the server accepted no item in a whole round")
+        accepted += answered
 
 
 def over_http(server, table, seconds, rounds):
@@ -180,20 +181,20 @@ def over_http(server, table, seconds, rounds):
         table.add(f"HTTP, durable, {connections} connections", "items/s", "GET", pairs, at_least=0.2)
         table.add(f"HTTP p99, {connections} connections", "us", "p50", tails, at_most=4)
     one = server.endpoint("/owner/http/app/full")
-    fill(lambda: server.http("POST", [one], 16, seconds), KEPT_OF_A_NODE)
+    fill(lambda: server.http("POST", [one], 16, seconds), KEPT_PER_NODE)
     pairs = [(rate(server.http("POST", [one], 16, seconds)), rate(server.http("POST", paths[:1], 16, seconds)))
              for _ in range(rounds)]
     table.add("HTTP, one full node, 16 connections", "items/s", "one emptier node", pairs, at_least=0.9)
 
 
 def full_device(server, table, seconds, rounds, count):
-    print(f"publishing to a device that holds all it may, on {count} nodes", flush=True)
+    print(f"publishing to a device whose store is full, on {count} nodes", flush=True)
     many = [f"/full/{each}" for each in range(count)]
     server.create("owner", many + ["/full", "/empty"])
     server.absent_device("other", "full", many + ["/full"])
     server.absent_device("other", "empty", ["/empty"])
     fill(lambda: server.publish("owner", many, seconds), KEPT)
-    pairs = [(rate(server.publish("owner", ["/full"], seconds, 1)), rate(server.publish("owner", ["/empty"], seconds, 1)))
+    pairs = [tuple(rate(server.publish("owner", [node], seconds, 1)) for node in ("/full", "/empty"))
              for _ in range(rounds)]
     table.add("XMPP to a full device, 1 session x 16", "items/s", "to an empty one", pairs, at_least=0.8)
 

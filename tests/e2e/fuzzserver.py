@@ -25,7 +25,7 @@ class FuzzServer(LoginServer):
     def close(self):
         self._ends.set()
         self._thread.join()
-        self.shut()
+        self.close_listener()
 
     def _run(self):
         while not self._ends.is_set():
