@@ -14,6 +14,7 @@
 
 #include "xmpp/client.h"
 #include "xmpp/manager.h"
+#include "xmpp/unaskedresults.h"
 
 // Acts as the server for the login; afterwards every write of the client is one stanza of `sent`.
 class DialogueConnection : public gloox::ConnectionBase {
@@ -46,7 +47,7 @@ std::string withId(std::string xml, const std::string& id);
 void settle();
 
 // Records one line for each call of a result handler, with the error element.
-class RecordingHandler : public xmpp::ResultHandler {
+class RecordingHandler : public xmpp::UnaskedResults {
   public:
     std::vector<std::string> calls;
     std::function<void()> then;  // runs inside every call
@@ -90,31 +91,8 @@ class RecordingHandler : public xmpp::ResultHandler {
                                 const gloox::Error* error) override;
 
     // Never called by the manager.
-    void handleItem(const gloox::JID&, const std::string&, const gloox::Tag*) override {}
-    void handleItems(const std::string&, const gloox::JID&, const std::string&,
-                     const gloox::PubSub::ItemList&, const gloox::Error*) override {}
-    void handleSubscriptionOptions(const std::string&, const gloox::JID&, const gloox::JID&,
-                                   const std::string&, const gloox::DataForm*, const std::string&,
-                                   const gloox::Error*) override {}
-    void handleSubscriptionOptionsResult(const std::string&, const gloox::JID&, const gloox::JID&,
-                                         const std::string&, const std::string&,
-                                         const gloox::Error*) override {}
-    void handleSubscribers(const std::string&, const gloox::JID&, const std::string&,
-                           const gloox::PubSub::SubscriptionList&, const gloox::Error*) override {}
-    void handleSubscribersResult(const std::string&, const gloox::JID&, const std::string&,
-                                 const gloox::PubSub::SubscriberList*, const gloox::Error*) override {}
-    void handleAffiliates(const std::string&, const gloox::JID&, const std::string&,
-                          const gloox::PubSub::AffiliateList*, const gloox::Error*) override {}
-    void handleAffiliatesResult(const std::string&, const gloox::JID&, const std::string&,
-                                const gloox::PubSub::AffiliateList*, const gloox::Error*) override {}
     void handleNodePurge(const std::string&, const gloox::JID&, const std::string&,
                          const gloox::Error*) override {}
-    void handleSubscriptions(const std::string&, const gloox::JID&, const gloox::PubSub::SubscriptionMap&,
-                             const gloox::Error*) override {}
-    void handleAffiliations(const std::string&, const gloox::JID&, const gloox::PubSub::AffiliationMap&,
-                            const gloox::Error*) override {}
-    void handleDefaultNodeConfig(const std::string&, const gloox::JID&, const gloox::DataForm*,
-                                 const gloox::Error*) override {}
 
   private:
     void record(const std::string& call, const gloox::Error* error);
