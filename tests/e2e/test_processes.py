@@ -9,6 +9,7 @@ import shutil
 import signal
 import subprocess
 import tempfile
+import time
 import unittest
 from unittest import mock
 
@@ -139,9 +140,26 @@ class Processes(Folder):
             processes.call(self.log, ["/usr/bin/python3", "-c", command])
         self.assertEqual(self.logged(), "cleaned up\n")
 
+    def test_a_signal_during_the_start_of_a_called_command_ends_the_command(self):
+        self.take_signals()
+        started = []
+
+        def interrupted(*arguments, **options):
+            started.append(popen(*arguments, **options))
+            self.addCleanup(started[0].wait)
+            self.addCleanup(started[0].kill)
+            signal.raise_signal(signal.SIGTERM)
+            return started[0]
+        popen = subprocess.Popen
+        with mock.patch.object(subprocess, "Popen", interrupted), self.assertRaises(Interrupted):
+            processes.call(self.log, ["sleep", "60"])
+        self.assertFalse(is_running(started[0].pid))
+
     def test_a_process_is_waited_for_only_while_it_runs(self):
         self.start("true")
-        self.assertFalse(processes.wait_ready(self.record(), lambda: False, 20))
+        begin = time.monotonic()
+        self.assertFalse(processes.wait_ready(self.record(), lambda: False, 60))
+        self.assertLess(time.monotonic() - begin, 30)
         self.start("sleep", "60")
         self.assertFalse(processes.wait_ready(self.record(), lambda: False, 0.1))
         self.assertTrue(processes.wait_ready(self.record(), lambda: True, 600))
