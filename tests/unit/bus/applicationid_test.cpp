@@ -44,10 +44,10 @@ INSTANTIATE_TEST_SUITE_P(
         // Broken escapes, and characters that an id must not have
         UnitCase{"app-com.example\\x2-1.scope", ""}, UnitCase{"app-com.example\\xZZ-1.scope", ""},
         UnitCase{"app-com.example\\-1.scope", ""}, UnitCase{"app-com.example\\x2D-1.scope", ""},
-        UnitCase{"app-a\\x2fb-1.scope", ""}, UnitCase{"app-a\\x20b-1.scope", ""},
-        UnitCase{"app-a\\x00b-1.scope", ""}, UnitCase{"app-a\\x0ab-1.scope", ""},
-        UnitCase{"app-.hidden-1.scope", ""}, UnitCase{"app-..-1.scope", ""},
-        UnitCase{"app-gr\xc3\xbcn-1.scope", ""}));
+        UnitCase{"app-com.example\\y2d-1.scope", ""}, UnitCase{"app-a\\x2fb-1.scope", ""},
+        UnitCase{"app-a\\x20b-1.scope", ""}, UnitCase{"app-a\\x00b-1.scope", ""},
+        UnitCase{"app-a\\x0ab-1.scope", ""}, UnitCase{"app-.hidden-1.scope", ""},
+        UnitCase{"app-..-1.scope", ""}, UnitCase{"app-gr\xc3\xbcn-1.scope", ""}));
 
 struct CgroupCase {
     const char* text;
