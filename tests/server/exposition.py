@@ -1,9 +1,17 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Reads the text format of Prometheus, version 0.0.4, and refuses whatever the format does not allow.
+"""The metrics of a server: a reader of the text format of Prometheus, version 0.0.4, that refuses whatever the format
+does not allow, and the tests' base class.
 
 `Metrics(text)[name, (label, value), ...]` is the number of a sample; `families` has the kind and help of each metric.
 """
+import json
 import re
+import urllib.error
+import urllib.request
+
+from harness import ServerTest
+
+PREFIX = "pubsub_device_"
 
 NAME = r"[a-zA-Z_:][a-zA-Z0-9_:]*"
 LABEL = r'([a-zA-Z_][a-zA-Z0-9_]*)="((?:[^"\\\n]|\\\\|\\"|\\n)*)"'
@@ -78,3 +86,49 @@ class Metrics:
         return {labels[0][1] if labels else "": number - before.samples.get((sample, *labels), 0)
                 for (sample, *labels), number in self.samples.items()
                 if sample == name and number != before.samples.get((sample, *labels), 0)}
+
+
+def fetch(url, data=None, headers=None, method=None):
+    """Status, headers and text of a request over HTTP."""
+    opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+    try:
+        with opener.open(urllib.request.Request(url, data, headers or {}, method=method), timeout=30) as answer:
+            return answer.status, answer.headers, answer.read().decode()
+    except urllib.error.HTTPError as error:
+        return error.code, error.headers, error.read().decode()
+
+
+class MetricsTest(ServerTest):
+    def scrape(self, server=None):
+        status, headers, text = fetch((server or self.server).env["METRICS_URL"])
+        self.assertEqual((status, headers["Content-Type"]), (200, "text/plain; version=0.0.4; charset=utf-8"))
+        return Metrics(text)
+
+    def value(self, *key):
+        return self.scrape()[(PREFIX + key[0], *key[1:])]
+
+    def assert_counts(self, name, changes, act):
+        """The samples of the metric that rise when `act` is called, and how much. Others do not change."""
+        before = self.scrape()
+        act()
+        self.wait_for(lambda: self.scrape().changes(before, PREFIX + name) != {} or not changes)
+        self.wait_for(lambda: sum(self.scrape().changes(before, PREFIX + name).values()) >= sum(changes.values()))
+        self.assertEqual(self.scrape().changes(before, PREFIX + name), changes)
+
+    def wait_value(self, name, expected):
+        self.wait_for(lambda: self.value(name) == expected)
+
+    def away(self, user, resource, *nodes):
+        """An absent device that subscribed to the owner's nodes; the owner."""
+        owner, device = self.client("owner"), self.device(user, resource)
+        for node in nodes:
+            self.create(owner, node)
+            self.succeed(self.subscribe(device, node=node))
+        device.kill()
+        return owner
+
+    def command(self, name, **arguments):
+        """Status and decoded answer of a command over the server's API."""
+        status, _, text = fetch("%s/%s" % (self.server.env["API_URL"], name), json.dumps(arguments).encode(),
+                                {"Content-Type": "application/json"})
+        return status, json.loads(text)

@@ -1,69 +1,19 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""What an operator sees: the metrics, their numbers, and what they must not tell."""
-import base64
+"""The metrics: their text, what they must not tell, the counters, and the files that name them."""
 import glob
-import json
 import os
 import re
 import socket
 import time
-import urllib.error
 import urllib.request
 
 import yaml
-from exposition import Metrics
-from harness import PASSWORD, Instance, ServerTest
+from exposition import PREFIX, MetricsTest, fetch
+from harness import PASSWORD, Instance
 from xmppclient import PUBSUB, connect
 
 HOSTILE = 'a"b}\\{c="d"\n# TYPE evil counter\nevil{x="y"} 1'
-PREFIX = "pubsub_device_"
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-
-
-def fetch(url, data=None, headers=None, method=None):
-    """Status, headers and text of a request over HTTP."""
-    opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-    try:
-        with opener.open(urllib.request.Request(url, data, headers or {}, method=method), timeout=30) as answer:
-            return answer.status, answer.headers, answer.read().decode()
-    except urllib.error.HTTPError as error:
-        return error.code, error.headers, error.read().decode()
-
-
-class MetricsTest(ServerTest):
-    def scrape(self, server=None):
-        status, headers, text = fetch((server or self.server).env["METRICS_URL"])
-        self.assertEqual((status, headers["Content-Type"]), (200, "text/plain; version=0.0.4; charset=utf-8"))
-        return Metrics(text)
-
-    def value(self, *key):
-        return self.scrape()[(PREFIX + key[0], *key[1:])]
-
-    def assert_counts(self, name, changes, act):
-        """The samples of the metric that rise when `act` is called, and how much. Others do not change."""
-        before = self.scrape()
-        act()
-        self.wait_for(lambda: self.scrape().changes(before, PREFIX + name) != {} or not changes)
-        self.wait_for(lambda: sum(self.scrape().changes(before, PREFIX + name).values()) >= sum(changes.values()))
-        self.assertEqual(self.scrape().changes(before, PREFIX + name), changes)
-
-    def wait_value(self, name, expected):
-        self.wait_for(lambda: self.value(name) == expected)
-
-    def away(self, user, resource, *nodes):
-        """An absent device that subscribed to the owner's nodes; the owner."""
-        owner, device = self.client("owner"), self.device(user, resource)
-        for node in nodes:
-            self.create(owner, node)
-            self.succeed(self.subscribe(device, node=node))
-        device.kill()
-        return owner
-
-    def command(self, name, **arguments):
-        """Status and decoded answer of a command over the server's API."""
-        status, _, text = fetch("%s/%s" % (self.server.env["API_URL"], name), json.dumps(arguments).encode(),
-                                {"Content-Type": "application/json"})
-        return status, json.loads(text)
 
 
 class Text(MetricsTest):
@@ -257,7 +207,10 @@ class Counters(MetricsTest):
         self.settle(bob)
         acknowledged = time.monotonic()
         after = self.scrape()
-        rise = lambda name: after[PREFIX + name] - before[PREFIX + name]
+
+        def rise(name):
+            return after[PREFIX + name] - before[PREFIX + name]
+
         self.assertEqual(after.changes(before, PREFIX + "sent_total"), {"first": 5})
         self.assertEqual(rise("acknowledged_total"), 5)
         self.assertEqual(rise("delivery_seconds_count"), 5)
@@ -329,261 +282,6 @@ class Counters(MetricsTest):
         self.assertEqual(self.value("publications_total", ("way", "xmpp")), before + 1)
 
 
-class Gauges(MetricsTest):
-    member = "127.0.0.1"
-
-    def test_sessions_devices_and_nodes_are_what_there_is(self):
-        before = self.scrape()
-        rise = lambda name: self.value(name) - before[PREFIX + name]
-        owner = self.device("owner", "gauges")
-        self.wait_for(lambda: (rise("sessions"), rise("devices")) == (1, 1))
-        self.succeed(self.create(owner))
-        self.key_node(owner, self.node + "/key")
-        self.assertEqual((rise("nodes"), rise("key_nodes")), (2, 1))
-        self.succeed(self.delete(owner, self.node + "/key"))
-        self.assertEqual((rise("nodes"), rise("key_nodes")), (1, 0))
-        owner.kill()
-        self.wait_for(lambda: (rise("sessions"), rise("devices")) == (0, 1))
-        self.assertEqual(self.value("members"), 1)
-
-    def test_kept_items_and_bytes_rise_and_fall_with_what_is_kept(self):
-        self.wait_value("kept_items", 0)
-        owner = self.away("bob", "kept", self.node)
-        for _ in range(3):
-            self.publish(owner, "x" * 1000)
-        self.assertEqual(self.value("kept_items"), 3)
-        self.wait_for(lambda: 6000 <= self.value("kept_bytes") <= 7000)
-        self.assertEqual(self.value("kept_limit_bytes"), 1000000000)
-        self.empty("bob", "kept", 3)
-        self.wait_value("kept_items", 0)
-        self.wait_value("kept_bytes", 0)
-
-    def empty(self, user, resource, count):
-        """The device takes and acknowledges everything."""
-        device = self.device(user, resource)
-        for each in self.take(device, count):
-            self.ack(device, each.id)
-        self.settle(device)
-
-    def test_the_age_is_that_of_the_oldest_item_of_all(self):
-        self.wait_value("oldest_item_age_seconds", 0)
-        owner = self.away("bob", "old", self.node)
-        self.away("carol", "young", self.node + "/young")
-        began = time.monotonic()
-        self.publish(owner, "old", "old")
-        self.wait_for(lambda: time.monotonic() - began > 2.5)
-        self.publish(owner, "young", "young", self.node + "/young")
-        # The walk over devices and accounts is made every second.
-        self.wait_for(lambda: time.monotonic() - began > 4)
-        self.assertGreaterEqual(self.value("oldest_item_age_seconds"), 3)
-        self.assertLessEqual(self.value("oldest_item_age_seconds"), time.monotonic() - began + 1)
-        began = time.monotonic()
-        self.empty("bob", "old", 1)
-        self.wait_for(lambda: self.value("oldest_item_age_seconds") < 3 + time.monotonic() - began)
-        carol = self.device("carol", "young")
-        self.ack(carol, self.take(carol, 1, self.node + "/young")[0].id, self.node + "/young")
-        self.wait_value("oldest_item_age_seconds", 0)
-
-    def test_the_backlog_of_a_writer_is_what_waits_for_it(self):
-        writer = self.instance.evaluate("element(1, pubsub_device_writer:locate({<<\"%s\">>, <<\"%s\">>}))"
-                                        % (self.server.pubsub, self.node))
-        shard = ("writer", writer.rsplit("_", 1)[1])
-        self.instance.evaluate("sys:suspend(%s)" % writer)
-        try:
-            self.instance.evaluate("[%s ! nothing || _ <- lists:seq(1, 7)], ok" % writer)
-            after = self.scrape()
-            self.assertEqual({key[1]: number for key, number in after.samples.items()
-                              if key[0] == PREFIX + "writer_backlog" and number}, {shard: 7})
-        finally:
-            self.instance.evaluate("sys:resume(%s)" % writer)
-        self.wait_for(lambda: self.value("writer_backlog", shard) == 0)
-        self.assertEqual(self.value("writer_backlog_limit"), 5000)
-
-    def test_a_scrape_costs_the_same_however_much_is_kept(self):
-        cost = ("Cost = fun() -> {_, Before} = process_info(self(), reductions), "
-                "iolist_size(pubsub_device_exposition:text()), {_, After} = process_info(self(), reductions), "
-                "After - Before end, Cost(), lists:min([Cost() || _ <- lists:seq(1, 5)])")
-        owner = self.away("bob", "cost", self.node)
-        before = int(self.instance.evaluate(cost))
-        for number in [owner.send_iq("set", self.publish_stanza("x")) for _ in range(1000)]:
-            self.succeed(owner.wait_iq(number, 60))
-        self.assertGreaterEqual(self.value("kept_items"), 1000)
-        self.assertLess(int(self.instance.evaluate(cost)), 1.2 * before)
-        self.empty("bob", "cost", 1000)
-
-    def test_a_walk_over_many_devices_goes_on_where_it_stopped(self):
-        """A round over more devices than one step takes finds the oldest and the largest all the same."""
-        fill = ("Service = <<\"%s\">>, [pubsub_device_store:keep({Service, <<\"/walk\">>}, {<<\"bob\">>, <<\"localhost\">>, "
-                "integer_to_binary(Each)}, Each * 1000000 + Each, <<\"x\">>, subscription, {xmlel, <<\"item\">>, [], "
-                "[{xmlcdata, binary:copy(<<\"x\">>, case Each of 2500 -> 5000; _ -> 10 end)}]}) "
-                "|| Each <- lists:seq(1, 3000)], ok" % self.server.pubsub)
-        self.instance.evaluate(fill)
-        try:
-            self.wait_for(lambda: self.value("oldest_item_age_seconds") > time.time() - 100)
-            self.wait_for(lambda: [each["jid"] for each in self.command("pubsub_device_top")[1]][:1]
-                          == ["bob@localhost/2500"])
-            self.assertEqual(len(self.command("pubsub_device_top")[1]), 20)
-        finally:
-            self.instance.evaluate("[pubsub_device_store:drop({<<\"%s\">>, <<\"/walk\">>}, {<<\"bob\">>, <<\"localhost\">>, "
-                                   "integer_to_binary(Each)}, Each * 1000000 + Each) || Each <- lists:seq(1, 3000)], ok"
-                                   % self.server.pubsub)
-
-
-class Bounds(MetricsTest):
-    options = ("max_kept=6", "max_kept_node=4", "max_kept_bytes=30000", "max_account_bytes=45000", "max_devices=3",
-               "max_nodes=8", "max_keys=2", "key_rate=1", "key_burst=3")
-
-    def test_drops_count_by_the_bound_and_refusals_by_the_option(self):
-        first, second, big = (self.node + each for each in ("/1", "/2", "/3"))
-        owner = self.away("bob", "a", first, second)
-        publish = lambda node, count, size=1: [self.publish(owner, "x" * size, node=node) for _ in range(count)]
-        self.assert_counts("dropped_total", {"node": 1}, lambda: publish(first, 5))
-        self.assert_counts("dropped_total", {"device": 1}, lambda: publish(second, 3))
-        for resource in ("a", "b", "c"):
-            self.away("carol", resource, big)
-        self.assert_counts("dropped_total", {"account": 1}, lambda: publish(big, 1, 20000))
-        self.assert_counts("dropped_total", {"size": 3}, lambda: publish(big, 1, 40000))
-        self.device("carol", "d")  # instead of "a", whose item was dropped
-        self.assert_counts("dropped_total", {"forgotten": 1}, lambda: self.device("carol", "e"))
-        self.assert_counts("dropped_total", {"forgotten": 1}, lambda: self.device("carol", "f"))
-        self.assert_counts("refusals_total", {"max_devices": 1}, lambda: self.announce(self.client("carol", "g")))
-        key = self.key_node(owner, self.node + "/key")
-        self.key_node(owner, self.node + "/key2")
-        self.assert_counts("refusals_total", {"max_keys": 1},
-                           lambda: self.ext(owner, "<create-key-node node='%s/key3'/>" % self.node))
-        for each in range(3):
-            self.succeed(self.create(owner, "%s/more%d" % (self.node, each)))
-        self.assert_counts("refusals_total", {"max_nodes": 1}, lambda: self.create(owner, self.node + "/9"))
-        by_key = "<publish key='%s'><item><payload/></item></publish>" % key
-        self.assert_counts("refusals_total", {"key_rate": 2},
-                           lambda: [self.post(key, "x") for _ in range(4)] + [self.ext(owner, by_key)])
-
-
-class Ages(MetricsTest):
-    options = ("max_age=1", "sweep_interval=1", "max_store=500000")
-
-    def test_items_that_are_too_old_count_as_such(self):
-        owner = self.away("bob", "age", self.node)
-        self.assert_counts("dropped_total", {"age": 2}, lambda: [self.publish(owner, "x") for _ in range(2)])
-
-
-class Full(MetricsTest):
-    options = ("max_store=500000",)
-
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        cls.instance.register("dave")
-
-    def test_a_full_store_counts_those_that_it_refuses_and_what_it_drops(self):
-        for user in ("bob", "carol", "dave"):
-            owner = self.away(user, "full", self.node)
-        key = self.key_node(owner, self.node + "/key")
-        refused = dict.fromkeys(("xmpp", "http"), 0)
-
-        def fill():
-            refused["xmpp"] += owner.iq("set", self.publish_stanza("x" * 20000)).get("type") == "error"
-            refused["http"] += self.post(key, "x")[0] == 503
-            return all(refused.values())
-
-        self.wait_for(fill)
-        self.wait_for(lambda: self.value("dropped_total", ("reason", "store")) > 0)
-        self.assertEqual(self.value("refusals_total", ("reason", "full")), sum(refused.values()))
-
-
-class Commands(MetricsTest):
-    member = "127.0.0.1"
-
-    def test_the_devices_of_an_account_are_listed_with_what_is_kept(self):
-        other = self.node + "/other"
-        owner = self.away("bob", "one", self.node, other)
-        self.device("bob", "two")
-        for each in range(2):
-            self.publish(owner, "x" * 100)
-        self.publish(owner, "x", node=other)
-        status, devices = self.command("pubsub_device_list", user="bob", host="localhost")
-        self.assertEqual((status, [(each["resource"], each["state"], each["items"]) for each in devices]),
-                         (200, [("one", "absent", 3), ("two", "connected", 0)]))
-        self.assertGreater(devices[0]["bytes"], 3200)
-        for text in (devices[0]["seen"], devices[0]["oldest"]):
-            self.assertRegex(text, r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
-        self.assertEqual((devices[1]["bytes"], devices[1]["oldest"]), (0, ""))
-        status, nodes = self.command("pubsub_device_show", user="bob", host="localhost", resource="one")
-        self.assertEqual((status, [(each["service"], each["node"], each["items"]) for each in nodes]),
-                         (200, [("pubsub.localhost", self.node, 2), ("pubsub.localhost", other, 1)]))
-        self.wait_for(lambda: self.command("pubsub_device_top")[1][:1]
-                      == [{"jid": "bob@localhost/one", "state": "absent", "items": 3, "bytes": devices[0]["bytes"]}])
-
-    def test_what_is_not_there_is_said(self):
-        for name, arguments, text in (
-                ("list", {"user": "bob", "host": "elsewhere"}, "does not serve this host"),
-                ("list", {"user": "a@b", "host": "localhost"}, "no account"),
-                ("show", {"user": "bob", "host": "localhost", "resource": "none"}, "no such device")):
-            status, answer = self.command("pubsub_device_" + name, **arguments)
-            self.assertGreaterEqual(status, 400)
-            self.assertIn(text, str(answer))
-        self.assertEqual(self.command("pubsub_device_list", user="nobody", host="localhost"), (200, []))
-
-    def test_the_command_prints_what_the_listener_prints(self):
-        status, listed = self.command("pubsub_device_metrics")
-        printed = self.scrape().samples
-        self.assertEqual(status, 200)
-        self.assertEqual([(each["name"], *[tuple(label.split("=")) for label in each["labels"].split(",") if label])
-                          for each in listed], list(printed))
-
-    def test_every_command_is_described_in_the_registry(self):
-        described = self.instance.evaluate(
-            "[begin Each = ejabberd_commands:get_command_definition(Name), {Name, element(4, Each) /= \"\", "
-            "length(element(11, Each)), case element(17, Each) of none -> 0; Texts -> length(Texts) end, "
-            "is_list(element(18, Each))} end || Name <- [pubsub_device_metrics, pubsub_device_list, "
-            "pubsub_device_show, pubsub_device_top]]")
-        self.assertEqual(described.replace(" ", ""),
-                         "[{pubsub_device_metrics,true,0,0,true},{pubsub_device_list,true,2,2,true},"
-                         "{pubsub_device_show,true,3,3,true},{pubsub_device_top,true,0,0,true}]")
-
-    def test_no_command_and_no_page_prints_a_key(self):
-        owner = self.device("owner", "keys")
-        key = self.key_node(owner, self.node + "/key")
-        owner.kill()
-        self.assertEqual(self.post(key, "x")[0], 201)
-        texts = [self.command("pubsub_device_" + name, **arguments)[1] for name, arguments in (
-            ("metrics", {}), ("top", {}), ("list", {"user": "owner", "host": "localhost"}),
-            ("show", {"user": "owner", "host": "localhost", "resource": "keys"}))]
-        self.assertIn(self.node + "/key", str(texts[3]))
-        self.assertNotIn(key, str(texts))
-
-
-class Page(MetricsTest):
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        cls.instance.register("admin")
-
-    def page(self, user=None, path="/pubsub-device/"):
-        words = {"Authorization": "Basic " + base64.b64encode(("%s@localhost:%s" % (user, PASSWORD)).encode()).decode()}
-        status, _, text = fetch(self.server.env["ADMIN_URL"] + path, headers=words if user else {})
-        return status, text
-
-    def test_administrators_see_totals_drops_and_the_devices_that_keep_most(self):
-        owner = self.away("bob", "<b>\"'&", self.node)
-        self.publish(owner, "x")
-        self.wait_for(lambda: "bob@localhost/" in self.page("admin")[1])
-        status, text = self.page("admin")
-        self.assertEqual(status, 200)
-        self.assertNotIn("<b>", text)
-        self.assertIn("bob@localhost/&lt;b&gt;", text)
-        for words in ("publications_total xmpp</td><td>1<", "dropped_total node</td><td>0<", "kept_items</td><td>1<",
-                      "on average"):
-            self.assertIn(words, text)
-        self.assertIn("pubsub-device/", self.page("admin", "/")[1])
-
-    def test_nobody_else_sees_the_page(self):
-        for user in (None, "bob"):
-            status, text = self.page(user)
-            self.assertEqual(status, 401)
-            self.assertNotIn("kept", text)
-
-
 class Cluster(MetricsTest):
     """Each member counts what it does; what they share is reported by one of them."""
 
@@ -614,7 +312,10 @@ class Cluster(MetricsTest):
         self.assertEqual(both[0][PREFIX + "kept_items"], 3)
         self.assertEqual([each[PREFIX + "members"] for each in both], [2, 2])
         self.instance.stop()
-        alone = lambda: self.scrape(self.second.server).samples
+
+        def alone():
+            return self.scrape(self.second.server).samples
+
         self.wait_for(lambda: alone().get((PREFIX + "kept_items",)) == 3)
         self.wait_for(lambda: (PREFIX + "oldest_item_age_seconds",) in alone())
         self.assertEqual(alone()[PREFIX + "members",], 1)

@@ -1,0 +1,99 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""The commands and the page of the web admin for an operator."""
+import base64
+
+from exposition import MetricsTest, fetch
+from harness import PASSWORD
+
+
+class Commands(MetricsTest):
+    member = "127.0.0.1"
+
+    def test_the_devices_of_an_account_are_listed_with_what_is_kept(self):
+        other = self.node + "/other"
+        owner = self.away("bob", "one", self.node, other)
+        self.device("bob", "two")
+        for each in range(2):
+            self.publish(owner, "x" * 100)
+        self.publish(owner, "x", node=other)
+        status, devices = self.command("pubsub_device_list", user="bob", host="localhost")
+        self.assertEqual((status, [(each["resource"], each["state"], each["items"]) for each in devices]),
+                         (200, [("one", "absent", 3), ("two", "connected", 0)]))
+        self.assertGreater(devices[0]["bytes"], 3200)
+        for text in (devices[0]["seen"], devices[0]["oldest"]):
+            self.assertRegex(text, r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+        self.assertEqual((devices[1]["bytes"], devices[1]["oldest"]), (0, ""))
+        status, nodes = self.command("pubsub_device_show", user="bob", host="localhost", resource="one")
+        self.assertEqual((status, [(each["service"], each["node"], each["items"]) for each in nodes]),
+                         (200, [("pubsub.localhost", self.node, 2), ("pubsub.localhost", other, 1)]))
+        self.wait_for(lambda: self.command("pubsub_device_top")[1][:1]
+                      == [{"jid": "bob@localhost/one", "state": "absent", "items": 3, "bytes": devices[0]["bytes"]}])
+
+    def test_what_is_not_there_is_said(self):
+        for name, arguments, text in (
+                ("list", {"user": "bob", "host": "elsewhere"}, "does not serve this host"),
+                ("list", {"user": "a@b", "host": "localhost"}, "no account"),
+                ("show", {"user": "bob", "host": "localhost", "resource": "none"}, "no such device")):
+            status, answer = self.command("pubsub_device_" + name, **arguments)
+            self.assertGreaterEqual(status, 400)
+            self.assertIn(text, str(answer))
+        self.assertEqual(self.command("pubsub_device_list", user="nobody", host="localhost"), (200, []))
+
+    def test_the_command_prints_what_the_listener_prints(self):
+        status, listed = self.command("pubsub_device_metrics")
+        printed = self.scrape().samples
+        self.assertEqual(status, 200)
+        self.assertEqual([(each["name"], *[tuple(label.split("=")) for label in each["labels"].split(",") if label])
+                          for each in listed], list(printed))
+
+    def test_every_command_is_described_in_the_registry(self):
+        described = self.instance.evaluate(
+            "[begin Each = ejabberd_commands:get_command_definition(Name), {Name, element(4, Each) /= \"\", "
+            "length(element(11, Each)), case element(17, Each) of none -> 0; Texts -> length(Texts) end, "
+            "is_list(element(18, Each))} end || Name <- [pubsub_device_metrics, pubsub_device_list, "
+            "pubsub_device_show, pubsub_device_top]]")
+        self.assertEqual(described.replace(" ", ""),
+                         "[{pubsub_device_metrics,true,0,0,true},{pubsub_device_list,true,2,2,true},"
+                         "{pubsub_device_show,true,3,3,true},{pubsub_device_top,true,0,0,true}]")
+
+    def test_no_command_and_no_page_prints_a_key(self):
+        owner = self.device("owner", "keys")
+        key = self.key_node(owner, self.node + "/key")
+        owner.kill()
+        self.assertEqual(self.post(key, "x")[0], 201)
+        texts = [self.command("pubsub_device_" + name, **arguments)[1] for name, arguments in (
+            ("metrics", {}), ("top", {}), ("list", {"user": "owner", "host": "localhost"}),
+            ("show", {"user": "owner", "host": "localhost", "resource": "keys"}))]
+        self.assertIn(self.node + "/key", str(texts[3]))
+        self.assertNotIn(key, str(texts))
+
+
+class Page(MetricsTest):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.instance.register("admin")
+
+    def page(self, user=None, path="/pubsub-device/"):
+        words = {"Authorization": "Basic " + base64.b64encode(("%s@localhost:%s" % (user, PASSWORD)).encode()).decode()}
+        status, _, text = fetch(self.server.env["ADMIN_URL"] + path, headers=words if user else {})
+        return status, text
+
+    def test_administrators_see_totals_drops_and_the_devices_that_keep_most(self):
+        owner = self.away("bob", "<b>\"'&", self.node)
+        self.publish(owner, "x")
+        self.wait_for(lambda: "bob@localhost/" in self.page("admin")[1])
+        status, text = self.page("admin")
+        self.assertEqual(status, 200)
+        self.assertNotIn("<b>", text)
+        self.assertIn("bob@localhost/&lt;b&gt;", text)
+        for words in ("publications_total xmpp</td><td>1<", "dropped_total node</td><td>0<", "kept_items</td><td>1<",
+                      "on average"):
+            self.assertIn(words, text)
+        self.assertIn("pubsub-device/", self.page("admin", "/")[1])
+
+    def test_nobody_else_sees_the_page(self):
+        for user in (None, "bob"):
+            status, text = self.page(user)
+            self.assertEqual(status, 401)
+            self.assertNotIn("kept", text)
