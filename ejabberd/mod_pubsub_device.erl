@@ -6,7 +6,7 @@
 -behaviour(gen_mod).
 
 -export([start/2, stop/1, reload/3, depends/2, mod_options/1, mod_opt_type/1, mod_doc/0]).
--export([is_service/1, option/1, on_delete/4, on_register/2]).
+-export([is_service/1, services/0, option/1, on_delete/4, on_register/2]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
@@ -79,8 +79,8 @@ workers() ->
      {pubsub_device_sweep, {pubsub_device_sweep, start_link, []}},
      {pubsub_device_gate, {pubsub_device_gate, start_link, []}},
      {pubsub_device_gauges, {pubsub_device_gauges, start_link, []}}
-     | [{pubsub_device_writer:name(Shard), {pubsub_device_writer, start_link, [Shard]}}
-        || Shard <- pubsub_device_writer:shards()]].
+     | [{Module:name(Shard), {Module, start_link, [Shard]}}
+        || Module <- [pubsub_device_sender, pubsub_device_writer], Shard <- Module:shards()]].
 
 start_workers() ->
     pubsub_device_metrics:init(),
@@ -93,6 +93,7 @@ start_workers() ->
 stop_workers() ->
     [ejabberd_hooks:delete(Hook, pubsub_device_page, Function, 50) || {Hook, Function} <- page_hooks()],
     pubsub_device_commands:unregister(),
+    pubsub_device_store:flush(),
     ejabberd_hooks:delete(filter_packet, pubsub_device_filter, filter_packet, 50),
     [ejabberd_hooks:delete(Hook, Each, Module, Function, priority(Hook))
      || Each <- ejabberd_option:hosts(), {Hook, Module, Function} <- account_hooks()],
@@ -105,6 +106,9 @@ stop_workers() ->
 is_service(Domain) ->
     maps:is_key(Domain, persistent_term:get(?SERVICES, #{})).
 
+services() ->
+    maps:keys(persistent_term:get(?SERVICES, #{})).
+
 option(Name) ->
     maps:get(Name, persistent_term:get(?OPTIONS)).
 
@@ -112,9 +116,9 @@ keep_options(Opts) ->
     persistent_term:put(?OPTIONS, maps:from_list([{Name, gen_mod:get_opt(Name, Opts)} || {Name, _} <- mod_options(x)])).
 
 %% A key is removed with its node, before the deletion is answered.
-on_delete(_Host, Service, NodeId, _Nidx) when is_binary(Service) ->
+on_delete(_Host, Service, NodeId, Id) when is_binary(Service) ->
     case is_service(Service) of
-        true -> pubsub_device_writer:call({Service, NodeId}, {forget, {Service, NodeId}});
+        true -> pubsub_device_writer:call({Service, NodeId}, {forget, {Service, NodeId}, Id});
         false -> ok
     end,
     ok;

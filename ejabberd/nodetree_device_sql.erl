@@ -8,14 +8,17 @@
 -export([init/3, terminate/2, options/0, set_node/1, get_node/3, get_node/2, get_node/1, get_nodes/2, get_nodes/1,
          get_all_nodes/1, get_parentnodes/3, get_parentnodes_tree/3, get_subnodes/3, get_subnodes_tree/3,
          create_node/6, delete_node/2]).
--export([read/2, write/1, make/6, remove/1, id/2, keep_last/1, list/4]).
+-export([read/2, write/1, make/6, remove/1, id/2, keep_last/1, forget_items/1, by_id/1, list/4]).
 -export([pending/2, keep_returns/3]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
 -include_lib("ejabberd/include/ejabberd_sql_pt.hrl").
 
-init(Host, ServerHost, Opts) -> nodetree_tree_sql:init(Host, ServerHost, Opts).
+init(Host, ServerHost, Opts) ->
+    pubsub_device_tree:use(Host, ?MODULE),
+    nodetree_tree_sql:init(Host, ServerHost, Opts).
+
 terminate(Host, ServerHost) -> nodetree_tree_sql:terminate(Host, ServerHost).
 options() -> nodetree_tree_sql:options().
 get_node(Host, Node, _From) -> get_node(Host, Node).
@@ -70,6 +73,13 @@ keep_last({Service, NodeId}) ->
     query(Service, ?SQL("delete from pubsub_item using pubsub_node n where n.host=%(Service)s and n.node=%(NodeId)s "
                         "and pubsub_item.nodeid=n.nodeid and itemid<>(select itemid from pubsub_item i where "
                         "i.nodeid=n.nodeid order by modification desc limit 1)")).
+
+%% Its rows refer to the node.
+forget_items(_) -> ok.
+
+by_id(Service) ->
+    {selected, Nodes} = query(Service, ?SQL("select @(nodeid)d, @(node)s from pubsub_node where host=%(Service)s")),
+    maps:from_list([{Nidx, {Service, NodeId}} || {Nidx, NodeId} <- Nodes]).
 
 %% The nodes of the owner for which somebody waits to be approved.
 pending(Service, Owner) ->

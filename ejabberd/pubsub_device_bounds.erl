@@ -4,66 +4,39 @@
 -module(pubsub_device_bounds).
 
 -export([node_refused/1, key_refused/1, device_refused/1]).
--export([init/0, fits/4, enforce/2, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0, forget_counts/0]).
+-export([init/0, limits/0, fits/4, dropped/4, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0,
+         forget_counts/0]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
 -define(TABLE, pubsub_device_counts).
+-define(SAMPLED, 16).
 
+%% The atomics count the publications, and say whether the writers were behind when they were last looked at.
 init() ->
+    persistent_term:put(?MODULE, atomics:new(2, [])),
     ets:new(?TABLE, [named_table, public, {write_concurrency, true}]).
+
+%% The bounds of the storage: how many copies of a node and of all nodes are kept for a device, and how many bytes for
+%% a device and for an account. A node has a bound of its own, so that a busy one cannot displace the items of all
+%% others.
+limits() ->
+    {mod_pubsub_device:option(max_kept_node), mod_pubsub_device:option(max_kept),
+     mod_pubsub_device:option(max_kept_bytes), account_bound()}.
 
 %% Whether the copy can be kept at all: one that exceeds a bound by itself would displace everything else and still
 %% not fit.
-fits(Node, Device, Number, Item) ->
-    case pubsub_device_store:bytes(Item) =< min(mod_pubsub_device:option(max_kept_bytes), account_bound()) of
+fits(Node, Device, Number, Bytes) ->
+    case Bytes =< min(mod_pubsub_device:option(max_kept_bytes), account_bound()) of
         true -> true;
-        false ->
-            pubsub_device_metrics:count({dropped, size}),
-            dropped(Node, Device, Number),
-            false
-    end.
-
-%% Drops the oldest copies while a bound is exceeded. A node has a bound of its own, so that a busy one cannot
-%% displace the items of all others.
-enforce(Node, Device) ->
-    case pubsub_device_store:count(Node, Device) > mod_pubsub_device:option(max_kept_node) of
-        true ->
-            case pubsub_device_store:next(Node, Device, 0) of
-                #pubsub_device_copy{id = {_, _, Number}} ->
-                    drop(Node, Device, Number, node),
-                    enforce(Node, Device);
-                none -> pubsub_device_store:miscounted(Node, Device)
-            end;
-        false ->
-            bound(Device, mod_pubsub_device:option(max_kept), mod_pubsub_device:option(max_kept_bytes), device),
-            bound(setelement(3, Device, <<>>), infinity, account_bound(), account)
-    end.
-
-%% An atom is greater than every number.
-bound(Who, Count, Bytes, Why) ->
-    case pubsub_device_store:load(Who) of
-        {Kept, Size} when Kept > Count; Size > Bytes ->
-            case pubsub_device_store:oldest(Who) of
-                {Node, Device, Number} -> drop(Node, Device, Number, Why), bound(Who, Count, Bytes, Why);
-                none -> pubsub_device_store:miscounted(Who)
-            end;
-        _ -> ok
+        false -> dropped(Node, Device, Number, size), false
     end.
 
 %% Whatever the options say, no account can fill the store.
 account_bound() ->
     min(mod_pubsub_device:option(max_account_bytes), mod_pubsub_device:option(max_store) div 2).
-
-drop(Node, Device, Number, Why) ->
-    case pubsub_device_store:drop(Node, Device, Number) of
-        true ->
-            pubsub_device_metrics:count({dropped, Why}),
-            dropped(Node, Device, Number);
-        false -> false
-    end.
 
 %%% nodes, keys and devices of an account: `false`, or the error
 
@@ -101,7 +74,8 @@ resource_constraint(Text) ->
     {error, xmpp:err_resource_constraint(iolist_to_binary(Text), <<"en">>)}.
 
 %% A device's first dropped item is logged, then every hundredth, with the count so far.
-dropped({_, NodeId}, Device, Number) ->
+dropped({_, NodeId}, Device, Number, Why) ->
+    pubsub_device_metrics:count({dropped, Why}),
     case ets:update_counter(?TABLE, {dropped, Device}, 1, {{dropped, Device}, 0}) of
         Count when Count rem 100 == 1 ->
             ?LOG_WARNING("Dropped the oldest kept item of device ~ts: node ~ts, seqNo ~b, ~b dropped so far. The device "
@@ -111,40 +85,46 @@ dropped({_, NodeId}, Device, Number) ->
         _ -> ok
     end.
 
-drop_aged(Node, Device) ->
+drop_aged(Device, Node) ->
     Oldest = erlang:system_time(second) - mod_pubsub_device:option(max_age) div 1000,
     case pubsub_device_store:next(Node, Device, 0) of
         #pubsub_device_copy{id = {_, _, Number}, at = At} when At < Oldest ->
-            drop(Node, Device, Number, age),
-            drop_aged(Node, Device);
+            pubsub_device_store:drop(Node, Device, Number) andalso dropped(Node, Device, Number, age),
+            drop_aged(Device, Node);
         _ -> ok
     end.
 
-%% Measures the size of the store, which takes too long to do for every item. A full store does not wait for devices
-%% that may never return.
+%% A full store does not wait for devices that may never return: a tenth is freed at the cost of the accounts that have
+%% most.
 measure() ->
     Bound = mod_pubsub_device:option(max_store),
-    Accounts = pubsub_device_store:accounts(),
-    Bytes = lists:sum([Size || {_, Size} <- Accounts]),
+    Bytes = pubsub_device_store:total(),
     ets:insert(?TABLE, {store_full, Bytes > Bound}),
     pubsub_device_metrics:set(kept_bytes, Bytes),
-    Bytes > Bound andalso hd(pubsub_device_commit:members()) == node() andalso relieve(Accounts, Bytes, Bound).
+    Bytes > Bound andalso hd(pubsub_device_commit:members()) == node() andalso relieve(Bytes, Bound).
 
-%% Frees a tenth of the store at the cost of the accounts that have most: each is reduced to the same level.
-relieve(Accounts, Bytes, Bound) ->
-    Level = level(lists:sort([Size || {_, Size} <- Accounts]), Bound * 9 div 10, length(Accounts)),
-    Above = [Account || {Account, Size} <- Accounts, Size > Level],
+relieve(Bytes, Bound) ->
+    {Level, Accounts} = pubsub_device_store:relieve(Bound * 9 div 10),
     ?LOG_WARNING("The store is full: ~b bytes are kept, and max_store of mod_pubsub_device is ~b. The ~b accounts with "
-                 "more than ~b bytes lose their oldest items", [Bytes, Bound, length(Above), Level]),
-    [bound(Account, infinity, Level, store) || Account <- Above].
+                 "more than ~b bytes lose their oldest items", [Bytes, Bound, Accounts, Level]).
 
-level([Size | Rest], Room, Left) when Size * Left =< Room -> level(Rest, Room - Size, Left - 1);
-level(_, Room, Left) -> Room div max(1, Left).
-
-%% Whether publishers should try again later: the store is full, or the writers are behind.
+%% Whether publishers should try again later: the store is full, or the writers are behind. To look at the writers
+%% costs more than a publication should, so it is done for every ?SAMPLED-th one, and for each one while they are
+%% behind.
 is_full() ->
-    ets:lookup(?TABLE, store_full) == [{store_full, true}]
-        orelse lists:any(fun lags/1, pubsub_device_writer:shards()).
+    case ets:lookup(?TABLE, store_full) of
+        [{_, true}] -> true;
+        _ ->
+            Counter = persistent_term:get(?MODULE),
+            Turn = atomics:add_get(Counter, 1, 1),
+            case Turn rem ?SAMPLED == 0 orelse atomics:get(Counter, 2) == 1 of
+                true ->
+                    Behind = lists:any(fun lags/1, pubsub_device_writer:shards()),
+                    atomics:put(Counter, 2, if Behind -> 1; true -> 0 end),
+                    Behind;
+                false -> false
+            end
+    end.
 
 lags(Shard) ->
     case whereis(pubsub_device_writer:name(Shard)) of

@@ -16,10 +16,15 @@ start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
 %% The members of the cluster that run the extension. The server's own list contains a joining member long before it
 %% does.
 members() ->
-    case lists:usort([node(Pid) || Pid <- pg:get_members(?GROUP, ?MODULE)]) of
-        [] -> [node()];
-        Members -> Members
-    end.
+    persistent_term:get(?MODULE, [node()]).
+
+%% Asked for each item, so the list is kept ready.
+keep_members() ->
+    Members = lists:usort([node(Pid) || Pid <- pg:get_members(?GROUP, ?MODULE)]),
+    persistent_term:put(?MODULE, case Members of
+                                     [] -> [node()];
+                                     _ -> Members
+                                 end).
 
 sync() ->
     case mod_pubsub_device:option(sync) of
@@ -36,6 +41,8 @@ init([]) ->
     pubsub_device_bounds:init(),
     {ok, _} = pg:start_link(?GROUP),
     ok = pg:join(?GROUP, ?MODULE, self()),
+    pg:monitor(?GROUP, ?MODULE),
+    keep_members(),
     {ok, none}.
 
 %% `none`, or the waiting callers, newest first, and how many messages were taken since the first of them.
@@ -45,6 +52,7 @@ handle_call(sync, From, State) -> wait({reply, From}, State).
 handle_cast({answer, IQ}, State) -> wait({answer, IQ}, State).
 
 handle_info(commit, State) -> {noreply, commit(State)};
+handle_info({_, Change, ?MODULE, _}, State) when Change == join; Change == leave -> keep_members(), next(State);
 handle_info(_, State) -> next(State).
 
 wait(Who, none) -> self() ! commit, next({[Who], 0});

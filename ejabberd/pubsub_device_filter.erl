@@ -71,21 +71,21 @@ incoming(Service, #iq{type = set, sub_els = [#xmlel{name = <<"pubsub">>, childre
     Asked = [Child || #xmlel{name = Name} = Child <- Children,
                       lists:member(Name, [<<"publish">>, <<"create">>, <<"delete">>])],
     case Asked of
-        [#xmlel{name = <<"publish">>} | _] -> publish(IQ);
+        [#xmlel{name = <<"publish">>} | _] -> publish(Service, IQ);
         [Named | _] -> named({Service, fxml:get_tag_attr_s(<<"node">>, Named)}, IQ);
         [] -> IQ
     end;
 incoming(_, Stanza) ->
     Stanza.
 
-publish(IQ) ->
+publish(Service, IQ) ->
     case pubsub_device_bounds:is_full() of
         true ->
             pubsub_device_metrics:count({refused, full}),
             Text = <<"The service is full; try again later">>,
             ejabberd_router:route_error(IQ, xmpp:err_resource_constraint(Text, <<"en">>)),
             drop;
-        false -> pubsub_device_publish:begin_publish(ahead), IQ
+        false -> pubsub_device_publish:publish(Service, IQ)
     end.
 
 %% The engine creates or deletes the node while this session holds the name's lock.
@@ -97,14 +97,10 @@ named(Node, IQ) ->
         {error, Error} -> ejabberd_router:route_error(IQ, Error), drop
     end.
 
-%% An acknowledgement has no answer. It counts for the session that it comes from, and is passed to the writer only
-%% when an item was sent there under the id.
+%% An acknowledgement has no answer.
 acknowledge(Service, Device, Ack) ->
     Node = {Service, fxml:get_tag_attr_s(<<"node">>, Ack)},
-    case pubsub_device_session:take(Node, fxml:get_tag_attr_s(<<"id">>, Ack)) of
-        none -> pubsub_device_session:spare(1);
-        Number -> pubsub_device_session:tell(Node, {acked, Node, Device, self(), Number})
-    end.
+    pubsub_device_session:acknowledge(Node, Device, fxml:get_tag_attr_s(<<"id">>, Ack)).
 
 %%% outwards
 
@@ -139,10 +135,11 @@ stored(Node, #message{to = To} = Message) ->
     #ps_item{id = ItemId} = Item = pubsub_device_stanza:item_of(Message),
     case pubsub_device_store:last_item(Node) of
         {Last, ItemId} ->
-            Targets = pubsub_device_targets:find(Node, Item, [Message]),
-            [pubsub_device_session:tell(Node, {keep_last, Node, Device, Last, ItemId, Item})
-             || {keep, Device, _} <- Targets, pubsub_device_targets:is_meant(Device, To)],
-            [pubsub_device_targets:send_live(Last, Target) || {live, _} = Target <- Targets],
+            {Keep, Live} = pubsub_device_targets:find(Node, Item, [Message]),
+            [pubsub_device_session:tell_writer(Node, {keep_last, Node, Device, Last, ItemId,
+                                                      pubsub_device_stanza:item(Item)})
+             || {Device, _} <- Keep, pubsub_device_targets:is_meant(Device, To)],
+            [pubsub_device_targets:send_live(Last, Each) || Each <- Live],
             drop;
         _ -> reach(pubsub_device_stanza:stamp(Message, 0))
     end.

@@ -1,7 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
 %% How the items of one node are sent to one device in one session: in ascending order, kept items before live ones.
 %%
-%% A flow belongs to the node's writer and ends with the session. If it is lost, items may be sent again, but none is
+%% A flow belongs to a sender and ends with the session. If it is lost, items may be sent again, but none is
 %% lost: the copies are in the store until the device acknowledges them, and the session knows what it was sent.
 %%
 %% `sent` is the highest number sent in the session, `twice` the highest sent twice, `until` the highest to be sent
@@ -10,12 +10,12 @@
 %% next portion is scheduled.
 -module(pubsub_device_flow).
 
--export([new/1, pid/1, pump/3, resume/3, again/3, activated/5, acked/4, gate/3]).
+-export([new/1, pid/1, pump/3, offer/4, resume/3, again/3, activated/5, acked/4, gate/3]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
--record(flow, {pid, sent = 0, twice = 0, until = 0, busy = false}).
+-record(flow, {pid, sent = 0, twice = 0, until = 0, busy = false, level = false}).
 
 -define(PORTION, 16).
 
@@ -27,6 +27,16 @@ pump(_, _, #flow{busy = true} = Flow) ->
     Flow;
 pump(Node, Device, #flow{pid = Pid} = Flow) ->
     portion(gate(Node, Device, Pid), Node, Device, Flow, ?PORTION).
+
+%% A new item, which its writer has kept.
+offer(Node, Device, #pubsub_device_copy{id = {_, _, Number}} = Copy, #flow{level = true, sent = Sent, pid = Pid} = Flow)
+  when Number > Sent ->
+    case gate(Node, Device, Pid) of
+        open -> send_copy(Copy, Flow);
+        _ -> pump(Node, Device, Flow)
+    end;
+offer(Node, Device, _, Flow) ->
+    pump(Node, Device, Flow).
 
 resume(Node, Device, Flow) ->
     pump(Node, Device, Flow#flow{busy = false}).
@@ -44,17 +54,16 @@ again(Node, Device, #flow{pid = Pid} = Flow) ->
 activated(Node, Device, Since, Fresh, #flow{pid = Pid} = Flow) ->
     is_integer(Since) andalso forget_until(Node, Device, Since),
     case gate(Node, Device, Pid) of
-        single when Fresh -> pump(Node, Device, Flow#flow{sent = 0, twice = 0, until = 0});
+        single when Fresh -> pump(Node, Device, Flow#flow{sent = 0, twice = 0, until = 0, level = false});
         _ when Since == bulk -> pump(Node, Device, Flow);
         _ -> pump(Node, Device, repeat(Flow))
     end.
 
 repeat(#flow{sent = Sent} = Flow) ->
-    Flow#flow{until = Sent}.
+    Flow#flow{until = Sent, level = false}.
 
-%% The session has acknowledged the number, which a former writer may have sent.
+%% The session has acknowledged the number, which a former sender may have sent, and the copy is dropped.
 acked(Node, Device, Number, #flow{sent = Sent} = Flow) ->
-    pubsub_device_store:drop(Node, Device, Number),
     pump(Node, Device, Flow#flow{sent = max(Sent, Number)}).
 
 %% An ordinary node is open to its subscribers. A key node is open to a device that subscribed. A device of its owner
@@ -64,7 +73,7 @@ gate(Node, Device, Pid) ->
         none -> open;
         _ ->
             case pubsub_device_store:newest(Node, Device) of
-                #pubsub_device_copy{via = subscription} -> open;
+                {_, subscription} -> open;
                 _ ->
                     case pubsub_device_store:is_active(Node, Device, Pid) of
                         true -> single;
@@ -77,10 +86,10 @@ portion(closed, _, _, Flow, _) ->
     Flow;
 portion(_, Node, Device, Flow, 0) ->
     gen_server:cast(self(), {resume, Node, Device}),
-    Flow#flow{busy = true};
+    Flow#flow{busy = true, level = false};
 portion(Gate, Node, Device, Flow, Left) ->
     case due(Gate, Node, Device, Flow) of
-        none -> Flow;
+        none -> Flow#flow{level = Gate == open};
         Copy -> portion(Gate, Node, Device, send_copy(Copy, Flow), Left - 1)
     end.
 
@@ -109,7 +118,7 @@ forget_until(Node, Device, Since) ->
 send_copy(#pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, item = Item},
           #flow{pid = Pid, sent = Sent, twice = Twice} = Flow) ->
     Message = pubsub_device_stanza:item_message(Node, jid:make(Device), Item),
-    ejabberd_c2s:route(Pid, {route, pubsub_device_stanza:sending(Message, {Node, ItemId, Number})}),
+    ejabberd_c2s:route(Pid, {route, pubsub_device_stanza:sending(Message, {Pid, Node, ItemId, Number})}),
     case Number > Sent of
         true -> Flow#flow{sent = Number};
         false -> Flow#flow{twice = max(Twice, Number)}

@@ -2,8 +2,8 @@
 %% What is kept at the moment: sizes of tables, the oldest kept item, the devices that keep most.
 %%
 %% Nothing here walks all kept items. Sizes and bytes are kept by the tables themselves. The oldest item and the
-%% devices that keep most are found by a walk over devices and accounts, of which each knows its oldest item and its
-%% counts: ?STEP of them every second, so that a round over few is done at once and one over a million costs as little
+%% devices that keep most are found by a walk over the devices, of which each knows its oldest item and its counts:
+%% ?STEP of them every second, so that a round over few is done at once and one over a million costs as little
 %% each second. The tables are those of the whole cluster, so only one member walks and reports them, the first.
 -module(pubsub_device_gauges).
 -behaviour(gen_server).
@@ -18,7 +18,7 @@
 -define(TOP, 20).
 -define(TIMEOUT, 5000).
 
-%% at is the device or account that the walk has reached, or none; oldest and top are those of the round so far. found
+%% at is the device that the walk has reached, or none; oldest and top are those of the round so far. found
 %% is the result of the last whole round: {Oldest, Top}, or none before the first.
 -record(state, {at = none, oldest = infinity, top = [], found = none}).
 
@@ -103,14 +103,14 @@ handle_info(_, State) ->
 walk(State, 0) ->
     State;
 walk(#state{at = At, oldest = Oldest, top = Top} = State, Left) ->
-    case pubsub_device_store:next_holder(At) of
+    case pubsub_device_store:next_device(At) of
         none -> #state{found = {Oldest, Top}};
-        {Who, Number} -> walk(State#state{at = Who, oldest = min(Oldest, Number), top = entered(Who, Top)}, Left - 1)
+        {Device, infinity} -> walk(State#state{at = Device}, Left - 1);
+        {Device, Number} ->
+            walk(State#state{at = Device, oldest = min(Oldest, Number), top = entered(Device, Top)}, Left - 1)
     end.
 
-%% The smallest first. Accounts are walked too, as their oldest items are, but only devices are listed.
-entered({_, _, <<>>}, Top) ->
-    Top;
+%% The smallest first.
 entered(Device, Top) ->
     {_, Bytes} = pubsub_device_store:load(Device),
     case Top of

@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
 %% The requests of the namespace urn:zelt:pubsub:device:0. Keeps no state. A request runs in the process of the
-%% session that sent it; the writer itself answers an activation, so that the answer is sent before the items.
+%% session that sent it; the sender itself answers an activation, so that the answer goes before the items.
 -module(pubsub_device_iq).
 
 -export([process/1, decode_iq_subel/1]).
@@ -38,7 +38,8 @@ request({set, <<"activate">>}, Element, IQ) ->
     end;
 request({set, <<"deactivate">>}, Element, #iq{from = From} = IQ) ->
     Node = node_of(Element, IQ),
-    case pubsub_device_writer:call(Node, {deactivate, Node, jid:tolower(From)}) of
+    Device = jid:tolower(From),
+    case pubsub_device_sender:call(Node, Device, {deactivate, Node, Device}) of
         ok -> xmpp:make_iq_result(IQ);
         Error -> answer(IQ, Error)
     end;
@@ -156,7 +157,7 @@ activate(Node, Since, #iq{from = From} = IQ) ->
             pubsub_device_session:spare(4),
             Request = {activate, Node, Device, Since, xmpp:make_iq_result(IQ)},
             is_tuple(Room) orelse mark([Node], Device),
-            case is_tuple(Room) orelse pubsub_device_writer:call(Node, Request) of
+            case is_tuple(Room) orelse pubsub_device_sender:call(Node, Device, Request) of
                 true -> answer(IQ, Room);
                 ok -> ignore;
                 Error -> answer(IQ, Error)
@@ -178,7 +179,7 @@ activate_nodes_of(Service, Element, #iq{from = From} = IQ) ->
     Device = jid:tolower(From),
     News = [Node || {NodeId, ok} <- Verdicts, Node <- [{Service, NodeId}],
                     pubsub_device_session:may_wait(Node, Device)],
-    [pubsub_device_session:tell(Node, {activate, Node, Device}) || Node <- News],
+    [pubsub_device_session:tell(Node, Device, {activate, Node, Device}) || Node <- News],
     News == [] andalso pubsub_device_session:spare(1 + length(Verdicts)),
     ignore.
 

@@ -22,7 +22,7 @@ announce(JID) ->
             Again = pubsub_device_store:session(Device) == Before,
             Nodes = pubsub_device_store:nodes_for(Device),
             News = [Node || Node <- Nodes, pubsub_device_session:is_news(Node, Device)],
-            [pubsub_device_session:tell(Node, {announce, Node, Device, Again}) || Node <- News],
+            [pubsub_device_session:tell(Node, Device, {announce, Node, Device, Again}) || Node <- News],
             News == [] andalso pubsub_device_session:spare(1 + length(Nodes) div 16),
             ok;
         Refused -> Refused
@@ -66,7 +66,7 @@ make_room_now(Device) ->
 
 %% The session continues as if it had not announced itself.
 goodbye(JID) ->
-    leave(JID, self()) andalso pubsub_device_session:settle(),
+    leave(JID, self()) andalso pubsub_device_session:settle(jid:tolower(JID)),
     pubsub_device_session:forget(),
     pubsub_device_session:spare(16).
 
@@ -75,7 +75,7 @@ leave(JID, Pid) ->
     case pubsub_device_store:detach(Device, Pid) of
         true ->
             pubsub_device_store:saw_device(Device),
-            pubsub_device_writer:cast_all({session_down, Device, Pid}),
+            pubsub_device_sender:session_down(Device, Pid),
             true;
         false -> false
     end.
@@ -87,10 +87,6 @@ on_remove_user(User, Server) ->
     [forget(Device) || Device <- pubsub_device_store:devices({jid:nodeprep(User), jid:nameprep(Server), <<>>})],
     ok.
 
-%% Forgets the device first, so that nothing more is kept for it while its copies go.
 forget(Device) ->
     ?LOG_INFO("Forgot the device ~ts; it stayed away", [jid:encode(Device)]),
-    pubsub_device_store:forget_device(Device),
-    pubsub_device_store:unmark_all(Device),
-    [pubsub_device_session:tell(Node, {drop_all, Node, Device}) || Node <- pubsub_device_store:nodes_for(Device)],
-    ok.
+    pubsub_device_store:forget_device(Device).

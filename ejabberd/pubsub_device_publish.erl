@@ -1,21 +1,62 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% From the engine to the writer. While an item is being published, the publisher's process holds a context: the
-%% engine's notifications are collected in it instead of being sent, and the engine's hook passes them to the node's
-%% writer. The context lasts for one request; the process dictionary is all that the engine's calls have in common.
+%% Publishing, up to the node's writer. What needs nothing of the engine takes the fast path (pubsub_device_fastpath).
+%% For all others the publisher's process holds a context while the engine publishes: the engine's notifications are
+%% collected in it instead of being sent, and the engine's hook passes them to the writer. The context lasts for one
+%% request; the process dictionary is all that the engine's calls have in common. On the fast path the same hook is
+%% run, for other modules that use it.
 %%
-%% A session publishes ahead: instead of the session a waiter process waits for the writer, and sends the engine's
-%% answer when the item is on disk. The session's requests reach the writer in their order.
+%% A session publishes ahead: instead of the session a waiter process waits for the writer, and sends the answer when
+%% the item is on disk. The session's requests reach the writer in their order.
 -module(pubsub_device_publish).
 
--export([begin_publish/1, end_publish/0, is_publishing/0, found/1, catch_message/1, hand_over/1, on_publish/6]).
+-export([publish/2, end_publish/0, is_publishing/0, found/1, catch_message/1, hand_over/1, on_publish/6]).
 -export([by_key/3]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
+-include("pubsub_device.hrl").
 
 -define(CONTEXT, '$pubsub_device_publish').
 -define(TIMEOUT, 60000).
+
+%% A session's request to the service with the child element <publish/>: `drop` if it was published, or the request for
+%% the engine.
+publish(Service, #iq{from = From, sub_els = [#xmlel{children = Children}]} = IQ) ->
+    case [Child || #xmlel{} = Child <- Children] of
+        [#xmlel{name = <<"publish">>, children = Items} = Publish] ->
+            Node = {Service, fxml:get_tag_attr_s(<<"node">>, Publish)},
+            case fast(Node, From, [Item || #xmlel{} = Item <- Items]) of
+                {ok, #publication{item_id = ItemId} = Publication, Payload} ->
+                    through_hook(ahead, Publication, From, Payload),
+                    Published = #ps_publish{node = element(2, Node), items = [#ps_item{id = ItemId}]},
+                    hand_over(xmpp:make_iq_result(IQ, #pubsub{publish = Published})),
+                    end_publish(),
+                    drop;
+                engine -> begin_publish(ahead), IQ
+            end;
+        _ -> begin_publish(ahead), IQ
+    end.
+
+fast(Node, Publisher, [#xmlel{name = <<"item">>, children = Children} = Item]) ->
+    fast(Node, Publisher, fxml:get_tag_attr_s(<<"id">>, Item), [Child || #xmlel{} = Child <- Children]);
+fast(_, _, _) ->
+    engine.
+
+fast(Node, Publisher, <<>>, Payload) ->
+    fast(Node, Publisher, pubsub_device_fastpath:item_id(), Payload);
+fast(Node, Publisher, ItemId, Payload) ->
+    case pubsub_device_fastpath:publication(Node, Publisher, ItemId, Payload) of
+        {ok, Publication} -> {ok, Publication, Payload};
+        engine -> engine
+    end.
+
+%% The handler among the hook's that passes it to the writer is on_publish/6.
+through_hook(How, #publication{node = {Service, NodeId}, item_id = ItemId} = Publication, Publisher, Payload) ->
+    begin_publish(How),
+    put(?CONTEXT, (get(?CONTEXT))#{ready => Publication}),
+    Host = ejabberd_router:host_of_route(Service),
+    ejabberd_hooks:run(pubsub_publish_item, Host, [Host, NodeId, Publisher, jid:make(Service), ItemId, Payload]).
 
 %% How: `ahead`, or `waiting` for the result.
 begin_publish(How) -> put(?CONTEXT, #{how => How, messages => [], ids => #{}}), ok.
@@ -58,34 +99,42 @@ hand_over(IQ) ->
     end.
 
 on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, ItemId, Payload) ->
-    case mod_pubsub_device:is_service(Service) of
-        true ->
-            Messages = [Message || #message{} = Message <- caught(), has_id(Message, ItemId)],
-            Item = case Messages of
-                       [First | _] -> pubsub_device_stanza:item_of(First);
-                       [] -> #ps_item{id = ItemId, sub_els = Payload}
-                   end,
-            written(get(?CONTEXT), {Service, NodeId}, {ItemId, Item, Messages, id({Service, NodeId})}),
-            nodetree_device:keep_last_item({Service, NodeId});
-        false -> ok
+    case {mod_pubsub_device:is_service(Service), get(?CONTEXT)} of
+        {true, #{ready := Publication} = Context} -> written(Context, Publication);
+        {true, Context} ->
+            Node = {Service, NodeId},
+            written(Context, publication(Node, ItemId, Payload)),
+            nodetree_device:keep_last_item(Node);
+        {false, _} -> ok
     end;
 on_publish(_, _, _, _, _, _) ->
     ok.
 
+%% What the engine publishes.
+publication(Node, ItemId, Payload) ->
+    Messages = [Message || #message{} = Message <- caught(), has_id(Message, ItemId)],
+    Item = case Messages of
+               [First | _] -> pubsub_device_stanza:item_of(First);
+               [] -> #ps_item{id = ItemId, sub_els = Payload}
+           end,
+    {Keep, Live} = pubsub_device_targets:find(Node, Item, Messages),
+    #publication{node = Node, id = id(Node), item_id = ItemId, item = pubsub_device_stanza:item(Item), keep = Keep,
+                 live = Live, engine = true}.
+
 %% Without a context another part of the server publishes: the item is numbered and kept, and nobody waits for the
 %% result.
-written(undefined, Node, Publication) ->
+written(undefined, #publication{node = Node} = Publication) ->
     case pubsub_device_writer:call(Node, {publish, Node, Publication}) of
         {ok, _} -> pubsub_device_metrics:count({published, server});
         {error, _} -> pubsub_device_metrics:count({refused, engine})
     end;
-written(#{how := ahead} = Context, Node, Publication) ->
+written(#{how := ahead} = Context, #publication{node = Node} = Publication) ->
     Waiter = spawn(fun() -> wait(Node, Publication) end),
     pubsub_device_writer:publish_ahead(Node, Publication, Waiter),
     pubsub_device_session:began(Waiter),
     put(?CONTEXT, Context#{messages := [], waiter => Waiter}),
     ok;
-written(#{how := waiting} = Context, Node, Publication) ->
+written(#{how := waiting} = Context, #publication{node = Node} = Publication) ->
     Outcome = pubsub_device_writer:call(Node, {publish, Node, Publication}),
     put(?CONTEXT, Context#{messages := [], outcome => Outcome}),
     ok.
@@ -123,9 +172,8 @@ has_id(Message, ItemId) ->
 by_key(Key, ItemId, Payload) ->
     case pubsub_device_store:node_of(Key) of
         none -> {error, xmpp:err_item_not_found()};
-        {{Service, NodeId}, Owner} ->
-            begin_publish(waiting),
-            try publish(Service, NodeId, Owner, ItemId, Payload)
+        {{_, NodeId} = Node, Owner} ->
+            try by_owner(Node, Owner, ItemId, Payload)
             catch Class:Reason:Stack ->
                     ?LOG_ERROR("Publishing to node ~ts with its key failed: ~p:~p ~p", [NodeId, Class, Reason, Stack]),
                     {error, xmpp:err_internal_server_error()}
@@ -133,13 +181,25 @@ by_key(Key, ItemId, Payload) ->
             end
     end.
 
-publish(Service, NodeId, Owner, ItemId, Payload) ->
+by_owner({Service, NodeId} = Node, Owner, ItemId, Payload) ->
+    case fast(Node, jid:make(Owner), ItemId, Payload) of
+        {ok, #publication{item_id = Id} = Publication, _} ->
+            through_hook(waiting, Publication, jid:make(Owner), Payload),
+            outcome(Id);
+        engine ->
+            begin_publish(waiting),
+            through_engine(Service, NodeId, Owner, ItemId, Payload)
+    end.
+
+through_engine(Service, NodeId, Owner, ItemId, Payload) ->
     ServerHost = ejabberd_router:host_of_route(Service),
     case mod_pubsub:publish_item(Service, ServerHost, NodeId, jid:make(Owner), ItemId, Payload) of
-        {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} ->
-            case get(?CONTEXT) of
-                #{outcome := {ok, Number}} -> {ok, Published, Number};
-                #{outcome := {error, Error}} -> {error, Error}
-            end;
+        {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} -> outcome(Published);
         {error, Error} -> {error, Error}
+    end.
+
+outcome(ItemId) ->
+    case get(?CONTEXT) of
+        #{outcome := {ok, Number}} -> {ok, ItemId, Number};
+        #{outcome := {error, Error}} -> {error, Error}
     end.

@@ -8,8 +8,8 @@
 %% before its acknowledgement, whichever writer sent it, so a writer may be restarted in between.
 -module(pubsub_device_session).
 
--export([present/0, on_receive/1, take/2, is_news/2, may_wait/2, forget/0]).
--export([tell/2, settle/0, answer/1, began/1, spare/1]).
+-export([present/0, on_receive/1, is_news/2, may_wait/2, forget/0]).
+-export([acknowledge/3, tell/3, tell_writer/2, settle/1, answer/1, began/1, spare/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
@@ -42,13 +42,16 @@ present() ->
         _ -> ok
     end.
 
-%% Runs in the session's process when a message is sent to its client.
+%% Runs in the session's process when a message is sent to its client. What was sent to a session that another one
+%% replaced is dropped here: the new one gets all kept items in their order when it announces itself.
 on_receive({#message{} = Message, State}) ->
     case pubsub_device_stanza:sending(Message) of
-        none -> ok;
-        {Node, ItemId, Number} -> put(?SENDINGS, sent(Node, ItemId, Number, sendings()))
-    end,
-    {Message, State};
+        none -> {Message, State};
+        {Pid, Node, ItemId, Number} when Pid == self() ->
+            put(?SENDINGS, sent(Node, ItemId, Number, sendings())),
+            {Message, State};
+        _ -> {stop, {drop, State}}
+    end;
 on_receive(Other) ->
     Other.
 
@@ -70,7 +73,7 @@ sent(Node, ItemId, Number, #sendings{ids = Ids, turns = Turns, turn = Turn, node
 %% A number is the time of the publication, so one above `since` is of an item that found the device present.
 counted(Number, {Sent, _}, Since, Now) when Number > Sent ->
     pubsub_device_metrics:count({sent, first}),
-    Number > Since andalso pubsub_device_metrics:observe(delivery, Now - Number);
+    Number > Since andalso pubsub_device_metrics:observe(delivery, max(0, Now - Number));
 counted(_, _, _, _) ->
     pubsub_device_metrics:count({sent, repeated}).
 
@@ -116,6 +119,21 @@ taken(Id, #sendings{ids = Ids, turns = Turns} = Sendings) ->
         _ -> none
     end.
 
+%% The session's client acknowledged an item. It counts only if the item was sent here under this id. The sender is told
+%% when more may be due.
+acknowledge(Node, Device, ItemId) ->
+    case take(Node, ItemId) of
+        none -> spare(1);
+        Number ->
+            Pid = self(),
+            pubsub_device_store:acknowledged(Node, Device, Number, fun() -> dropped(Node, Device, Pid, Number) end)
+    end.
+
+%% Without a further item there is nothing to send.
+dropped(Node, Device, Pid, Number) ->
+    pubsub_device_store:newest(Node, Device) == none
+        orelse tell(Node, Device, {acked, Node, Device, Pid, Number}).
+
 %% Whether announcing the device again would send an item of the node: one that was not sent as often as allowed.
 is_news(Node, Device) ->
     {Sent, Twice} = maps:get(Node, (sendings())#sendings.nodes, {0, 0}),
@@ -141,9 +159,15 @@ forget() ->
 
 %%% unprocessed requests
 
-%% Sends the request to the node's writer. A caller that has reached its share of unprocessed requests waits until the
-%% writer has handled them.
-tell(Node, Request) ->
+%% Sends the request to the sender of the node's items to the device. A caller that has reached its share of unprocessed
+%% requests waits until the sender has handled them.
+tell(Node, Device, Request) ->
+    Sender = pubsub_device_sender:locate(Node, Device),
+    gen_server:cast(Sender, Request),
+    count(Sender).
+
+%% The same for the node's writer.
+tell_writer(Node, Request) ->
     Writer = pubsub_device_writer:locate(Node),
     gen_server:cast(Writer, Request),
     count(Writer).
@@ -168,18 +192,18 @@ under_way() ->
         Counts -> Counts
     end.
 
-%% A writer must not wait for itself or for another writer; its requests are bounded by its own work.
+%% A sender must not wait for itself or for another one; its requests are bounded by its own work.
 wait(Process) ->
-    pubsub_device_writer:is_writer() orelse
+    pubsub_device_sender:is_sender() orelse
         try gen_server:call(Process, settle, ?TIMEOUT)
         catch exit:_ -> ok
         end,
     ok.
 
-%% Returns when all writers have handled the requests sent before.
-settle() ->
+%% Returns when the device's senders have handled the requests sent before.
+settle(Device) ->
     erase(?UNDER_WAY),
-    [wait(Writer) || Writer <- pubsub_device_writer:all()],
+    [wait(Sender) || Sender <- pubsub_device_sender:of_device(Device)],
     ok.
 
 %% A publication counts until its waiter ends.

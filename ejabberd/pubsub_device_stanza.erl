@@ -3,17 +3,21 @@
 %% field for them.
 -module(pubsub_device_stanza).
 
--export([item/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
+-export([item/1, numbered/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
 -export([key/3, nodes/2, node_ids/1, published/2, number/1]).
 -export([sign/1, is_signed/1, sending/2, sending/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
-%% The encoded item of a notification with its number.
-item(#ps_item{} = Item, Number) ->
+%% The encoded item of a notification.
+item(#ps_item{} = Item) ->
     #xmlel{attrs = Attributes} = Element = xmpp:encode(Item, ?NS_PUBSUB_EVENT),
-    Element#xmlel{attrs = [Each || {Name, _} = Each <- Attributes, Name /= <<"xmlns">>] ++ [seq_no(Number)]}.
+    Element#xmlel{attrs = [Each || {Name, _} = Each <- Attributes, Name /= <<"xmlns">>]}.
+
+%% The encoded item with its number.
+numbered(#xmlel{attrs = Attributes} = Item, Number) ->
+    Item#xmlel{attrs = Attributes ++ [seq_no(Number)]}.
 
 seq_no(Number) ->
     {<<"seqNo">>, integer_to_binary(Number)}.
@@ -26,7 +30,7 @@ item_message({Service, NodeId}, To, Item) ->
 
 %% An ordinary notification with the number in its item, otherwise unchanged.
 stamp(#message{sub_els = [#ps_event{items = #ps_items{node = NodeId, items = [Item]}} | Rest]} = Message, Number) ->
-    Items = #xmlel{name = <<"items">>, attrs = [{<<"node">>, NodeId}], children = [item(Item, Number)]},
+    Items = #xmlel{name = <<"items">>, attrs = [{<<"node">>, NodeId}], children = [numbered(item(Item), Number)]},
     Event = #xmlel{name = <<"event">>, attrs = [{<<"xmlns">>, ?NS_PUBSUB_EVENT}], children = [Items]},
     sign(Message#message{sub_els = [Event | Rest]}).
 
@@ -74,6 +78,6 @@ number(_) ->
 sign(Stanza) -> xmpp:put_meta(Stanza, ?MODULE, true).
 is_signed(Stanza) -> xmpp:get_meta(Stanza, ?MODULE, false).
 
-%% The message with a copy for a session is tagged with the copy: {Node, ItemId, Number}.
+%% The message with a copy for a session is tagged: {Pid of the session, Node, ItemId, Number}.
 sending(Message, Copy) -> xmpp:put_meta(Message, pubsub_device_sending, Copy).
 sending(Message) -> xmpp:get_meta(Message, pubsub_device_sending, none).

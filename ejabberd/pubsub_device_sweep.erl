@@ -19,21 +19,28 @@ init([]) ->
 arm() -> erlang:send_after(mod_pubsub_device:option(sweep_interval), self(), sweep).
 
 handle_info(sweep, State) ->
-    [pubsub_device_session:tell(Node, {drop_aged, Node, Device})
-     || {Device, Node} <- pubsub_device_store:pairs(), element(2, pubsub_device_writer:locate(Node)) == node()],
-    hd(pubsub_device_commit:members()) == node() andalso forget_absent(),
+    pubsub_device_store:each_queue(fun(Device, Node) ->
+                                           pubsub_device_writer:member(Node) == node()
+                                               andalso pubsub_device_bounds:drop_aged(Device, Node)
+                                   end),
+    hd(pubsub_device_commit:members()) == node() andalso sweep(),
     pubsub_device_bounds:forget_rates(),
     pubsub_device_bounds:forget_counts(),
     arm(),
     {noreply, State};
 handle_info(measure, State) ->
     pubsub_device_bounds:measure(),
+    pubsub_device_store:tick(),
     erlang:send_after(?MEASURE_INTERVAL, self(), measure),
     {noreply, State};
 handle_info(_, State) ->
     {noreply, State}.
 
-%% A crash of a member leaves records of sessions and activations for which no writer gets a notification.
+sweep() ->
+    forget_absent(),
+    pubsub_device_store:sweep().
+
+%% A crash of a member leaves records of sessions and activations for which no sender gets a notification.
 forget_absent() ->
     Oldest = erlang:system_time(second) - mod_pubsub_device:option(device_age) div 1000,
     [pubsub_device_presence:forget(Device)

@@ -9,19 +9,19 @@
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 
-%% The targets of one item; `Messages` are the notifications that the engine made for its subscribers. A device that
-%% receives it for several reasons (by its full JID, by the bare one, through a collection, as the owner's) gets one
-%% copy.
+%% The receivers of one item: {[{Device, Via}], [Message]}. `Messages` are the notifications for the node's subscribers.
+%% A device that receives it for several reasons (by its full JID, by the bare one, through a collection, as the
+%% owner's) gets one copy.
 find(Node, Item, Messages) ->
     case pubsub_device_stanza:has_payload(Item) of
-        true -> kept(Node, Messages) ++ ordinary(Messages);
-        false -> live(Node, Item, Messages)
+        true -> {kept(Node, Messages), ordinary(Messages)};
+        false -> {[], live(Node, Item, Messages)}
     end.
 
 kept(Node, Messages) ->
     Subscribed = lists:usort(lists:flatmap(fun(#message{to = To}) -> devices(jid:tolower(To)) end, Messages)),
-    [{keep, Device, subscription} || Device <- Subscribed]
-        ++ [{keep, Device, owner} || Device <- owned(Node) -- Subscribed].
+    [{Device, subscription} || Device <- Subscribed]
+        ++ [{Device, owner} || Device <- owned(Node) -- Subscribed].
 
 %% Whether the JID means the device, by its full name or by the account's.
 is_meant({User, Server, Resource}, #jid{luser = User, lserver = Server, lresource = Meant}) ->
@@ -73,7 +73,7 @@ devices(Full) ->
 
 ordinary(Messages) ->
     Wanted = [{LJID, Message} || #message{to = To} = Message <- Messages, LJID <- others(jid:tolower(To))],
-    [{live, Message#message{to = jid:make(LJID)}} || {LJID, Message} <- lists:ukeysort(1, Wanted)].
+    [Message#message{to = jid:make(LJID)} || {LJID, Message} <- lists:ukeysort(1, Wanted)].
 
 others({_, _, <<>>} = Account) ->
     case pubsub_device_store:devices(Account) of
@@ -89,12 +89,12 @@ live({Service, _} = Node, #ps_item{} = Item, Messages) ->
     Sent = [LJID || {LJID, _} <- Subscribers],
     Owned = [Device || Device <- owned(Node), not lists:member(Device, Sent),
                        pubsub_device_store:is_active(Node, Device, pubsub_device_store:session(Device))],
-    [{live, Message#message{to = jid:make(LJID)}} || {LJID, Message} <- lists:ukeysort(1, Subscribers)]
-        ++ [{live, #message{type = headline, from = jid:make(Service), to = jid:make(Device),
-                            sub_els = [#ps_event{items = #ps_items{node = element(2, Node), items = [Item]}}]}}
+    [Message#message{to = jid:make(LJID)} || {LJID, Message} <- lists:ukeysort(1, Subscribers)]
+        ++ [#message{type = headline, from = jid:make(Service), to = jid:make(Device),
+                     sub_els = [#ps_event{items = #ps_items{node = element(2, Node), items = [Item]}}]}
             || Device <- Owned].
 
-send_live(Number, {live, Message}) ->
+send_live(Number, Message) ->
     ejabberd_router:route(pubsub_device_stanza:stamp(Message, Number)).
 
 %% The sessions that a message to the JID should reach: those of the account's devices that announced

@@ -9,7 +9,8 @@
 -module(pubsub_device_tree).
 
 -export([set_node/2, create_node/7, delete_node/3, get_node/3, get_subnodes_tree/3, get_parentnodes_tree/3]).
--export([is_sql/1, is_node/1, is_node/2, keep_last_item/1, listed/4]).
+-export([is_sql/1, is_node/1, is_node/2, keep_last_item/1, forget_items/2, listed/4, collections/1]).
+-export([use/2, id/1, known/1, by_id/0]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
@@ -22,6 +23,10 @@
 -callback id({binary(), binary()}, known | certain) -> any() | none.
 %% Deletes the engine's items of the node but the last.
 -callback keep_last({binary(), binary()}) -> any().
+%% #{Id => Node} of the service's nodes; there may be others in it.
+-callback by_id(binary()) -> #{any() => {binary(), binary()}}.
+%% Deletes all of the engine's items of the deleted node.
+-callback forget_items(Id :: any()) -> any().
 %% Names and titles of nodes, from at most `Pages` pages of `Size` nodes, of those whose name passes the test.
 -callback list(binary(), pos_integer(), pos_integer(), fun((binary()) -> boolean())) -> [{binary(), binary() | none}].
 
@@ -112,21 +117,36 @@ above(Tree, Host, Records, Depth, Seen) ->
 %% Whether the nodes of the service are in a database.
 is_sql(Service) -> tree(Service) == nodetree_device_sql.
 
-tree(Service) ->
-    case mod_pubsub_opt:db_type(ejabberd_router:host_of_route(Service)) of
-        sql -> nodetree_device_sql;
-        _ -> nodetree_device
+%% Each service says at its start which module stores its nodes; it is asked for each item.
+use(Service, Tree) -> persistent_term:put({?MODULE, Service}, Tree).
+tree(Service) -> persistent_term:get({?MODULE, Service}, nodetree_device).
+
+%% The engine's id of the node, or none.
+id(Node) ->
+    case known(Node) of
+        none -> certain(Node);
+        Id -> Id
     end.
 
+%% #{Id => Node} of all nodes.
+by_id() ->
+    lists:foldl(fun(Service, Map) -> maps:merge(Map, (tree(Service)):by_id(Service)) end, #{},
+                mod_pubsub_device:services()).
+
 %% Whether there is such a node, and whether it has the engine's id.
-is_node(Node) -> known(Node) /= none orelse certain(Node) /= none.
+is_node(Node) -> id(Node) /= none.
 is_node(Node, Id) -> known(Node) == Id orelse certain(Node) == Id.
 
+%% The same, of what this member knows.
 known({Service, _} = Node) -> (tree(Service)):id(Node, known).
 certain({Service, _} = Node) -> (tree(Service)):id(Node, certain).
 
 %% The engine keeps only the last item of a node. Concurrent publications leave more, which nothing else would remove.
 keep_last_item({Service, _} = Node) -> (tree(Service)):keep_last(Node).
+
+%% Removes what the engine stored of the deleted node with this id: it may have stored an item meanwhile.
+forget_items(_, unknown) -> ok;
+forget_items({Service, _}, Id) -> (tree(Service)):forget_items(Id).
 
 listed(Service, Size, Pages, Passes) -> (tree(Service)):list(Service, Size, Pages, Passes).
 

@@ -220,7 +220,7 @@ class Delivery(ServerTest):
 
     def test_a_bare_notification_is_sent_live_and_not_kept(self):
         owner, bob = self.client("owner"), self.device("bob", "bare")
-        self.succeed(self.create(owner, deliver_payloads="0"))
+        self.succeed(self.create(owner, deliver_payloads="0", persist_items="1"))
         self.succeed(self.subscribe(bob))
         self.publish(owner, "hidden")
         found = self.take(bob)[0]
@@ -231,7 +231,7 @@ class Delivery(ServerTest):
 
     def test_a_retraction_is_sent_live_to_the_devices_and_not_kept(self):
         owner = self.client("owner")
-        self.succeed(self.create(owner, notify_retract="1"))
+        self.succeed(self.create(owner, persist_items="1", notify_retract="1"))
         bob = self.device("bob", "retract")
         self.succeed(self.subscribe(bob, jid=bob.bare))
         self.publish(owner, "1", "one")

@@ -185,7 +185,7 @@ class Engine(ServerTest):
 
     def test_of_a_node_no_more_than_the_last_item_is_stored_however_many_publish_at_once(self):
         owner = self.client("owner")
-        self.succeed(self.create(owner, max_items="10", publish_model="open"))
+        self.succeed(self.create(owner, persist_items="1", max_items="10", publish_model="open"))
         clients = [self.client(user) for user in ("owner", "owner", "bob", "carol")]
         requests = [(client, client.send_iq("set", self.publish_stanza(str(each))))
                     for each in range(50) for client in clients]
@@ -197,7 +197,7 @@ class Engine(ServerTest):
 
     def test_the_last_item_survives_a_stop_and_can_be_taken_back(self):
         owner = self.client("owner")
-        self.succeed(self.create(owner))
+        self.succeed(self.create(owner, persist_items="1"))
         for each in range(3):
             self.publish(owner, str(each), "id%d" % each)
         self.instance.stop()

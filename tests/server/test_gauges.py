@@ -92,20 +92,24 @@ class Gauges(MetricsTest):
 
     def test_a_walk_over_many_devices_goes_on_where_it_stopped(self):
         """A round over more devices than one step takes finds the oldest and the largest all the same."""
-        fill = ("Service = <<\"%s\">>, [pubsub_device_store:keep({Service, <<\"/walk\">>}, {<<\"bob\">>, <<\"localhost\">>, "
-                "integer_to_binary(Each)}, Each * 1000000 + Each, <<\"x\">>, subscription, {xmlel, <<\"item\">>, [], "
-                "[{xmlcdata, binary:copy(<<\"x\">>, case Each of 2500 -> 5000; _ -> 10 end)}]}) "
-                "|| Each <- lists:seq(1, 3000)], ok" % self.server.pubsub)
-        self.instance.evaluate(fill)
+        owner = self.client("owner")
+        self.succeed(self.create(owner))
+        node = "{<<\"%s\">>, <<\"%s\">>}" % (self.server.pubsub, self.node)
+        self.instance.evaluate(
+            "[begin Device = {<<\"bob\">>, <<\"localhost\">>, integer_to_binary(Each)}, "
+            "Number = Each * 1000000 + Each, Text = binary:copy(<<\"x\">>, case Each of 2500 -> 5000; _ -> 10 end), "
+            "pubsub_device_store:saw_device(Device), "
+            "mnesia:dirty_write({pubsub_device_number, %s, Number, <<\"x\">>}), "
+            "true = pubsub_device_store:keep_last(%s, Device, Number, <<\"x\">>, "
+            "{xmlel, <<\"item\">>, [], [{xmlcdata, Text}]}) end || Each <- lists:seq(1, 3000)], ok" % (node, node))
         try:
             self.wait_for(lambda: self.value("oldest_item_age_seconds") > time.time() - 100)
             self.wait_for(lambda: [each["jid"] for each in self.command("pubsub_device_top")[1]][:1]
                           == ["bob@localhost/2500"])
             self.assertEqual(len(self.command("pubsub_device_top")[1]), 20)
         finally:
-            self.instance.evaluate("[pubsub_device_store:drop({<<\"%s\">>, <<\"/walk\">>}, {<<\"bob\">>, <<\"localhost\">>, "
-                                   "integer_to_binary(Each)}, Each * 1000000 + Each) || Each <- lists:seq(1, 3000)], ok"
-                                   % self.server.pubsub)
+            self.instance.evaluate("[pubsub_device_store:forget_device({<<\"bob\">>, <<\"localhost\">>, "
+                                   "integer_to_binary(Each)}) || Each <- lists:seq(1, 3000)], ok")
 
 
 class Bounds(MetricsTest):

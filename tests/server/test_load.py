@@ -5,6 +5,7 @@ FLOOD_SECONDS sets how long each flood lasts, FLOOD_RATIO=1 enables the comparis
 need an otherwise idle machine.
 """
 import os
+import re
 import statistics
 import subprocess
 import sys
@@ -22,15 +23,22 @@ class Load(ServerTest):
     nodes = 20
 
     def work(self):
-        """The reductions of all writers so far, a measure of their work."""
+        """The reductions of all writers and senders so far, a measure of their work."""
         return int(self.instance.evaluate(
-            "lists:sum([element(2, process_info(whereis(pubsub_device_writer:name(Shard)), reductions)) "
-            "|| Shard <- pubsub_device_writer:shards()])"))
+            "lists:sum([element(2, process_info(whereis(Module:name(Shard)), reductions)) "
+            "|| Module <- [pubsub_device_writer, pubsub_device_sender], Shard <- Module:shards()])"))
 
     def writer(self):
         """The name of the process that writes for the test's node."""
         return self.instance.evaluate("element(1, pubsub_device_writer:locate({<<\"%s\">>, <<\"%s\">>}))"
                                       % (self.server.pubsub, self.node))
+
+    def sender(self, device):
+        """The name of the process that sends the items of the test's node to the device."""
+        user, host, resource = re.split("[@/]", device.jid)
+        return self.instance.evaluate(
+            "element(1, pubsub_device_sender:locate({<<\"%s\">>, <<\"%s\">>}, {<<\"%s\">>, <<\"%s\">>, <<\"%s\">>}))"
+            % (self.server.pubsub, self.node, user, host, resource))
 
     def waiting(self, process):
         """How many messages wait for the process."""
@@ -58,7 +66,7 @@ class Load(ServerTest):
 
 
 class Costs(Load):
-    def test_acknowledgements_that_nothing_waits_for_cost_the_writers_nothing(self):
+    def test_acknowledgements_that_nothing_waits_for_cost_writers_and_senders_nothing(self):
         _, bob = self.kept("idle")
         bob.sync()
         before = self.work()
@@ -69,7 +77,7 @@ class Costs(Load):
         bob.sync()
         self.assertLess(self.work() - before, count)
 
-    def test_announcements_that_bring_nothing_cost_the_writers_nothing(self):
+    def test_announcements_that_bring_nothing_cost_writers_and_senders_nothing(self):
         _, bob = self.kept("again")
         for _ in range(2):
             self.announce(bob)
@@ -98,35 +106,36 @@ class Costs(Load):
         for each in range(200, 220):
             self.publish(owner, str(each))
         self.assertEqual(self.texts(bob, 220), [str(each) for each in range(220)])
-        writer = self.writer()
-        self.instance.evaluate("sys:suspend(%s)" % writer)
+        sender = self.sender(bob)
+        self.instance.evaluate("sys:suspend(%s)" % sender)
         self.announce(bob)  # the repetition is longer than a portion, and the next item is there when it begins
-        request = owner.send_iq("set", self.publish_stanza("220"))
-        self.wait_for(lambda: self.waiting(writer) > 1)
-        self.instance.evaluate("sys:resume(%s)" % writer)
-        self.succeed(owner.wait_iq(request))
+        self.publish(owner, "220")
+        self.wait_for(lambda: self.waiting(sender) > 1)
+        self.instance.evaluate("sys:resume(%s)" % sender)
         self.assertEqual(self.texts(bob, 221), [str(each) for each in range(221)])
         self.assert_quiet(bob)
 
     def test_a_first_announcement_repeats_nothing_that_a_publication_has_sent_meanwhile(self):
         owner = self.backlog("first", 10)
         bob = self.client("bob", "first")
-        writer = self.writer()
-        self.instance.evaluate("sys:suspend(pubsub_device_commit)")  # holds the writer in the publication
+        sender = self.sender(bob)
+        self.instance.evaluate("sys:suspend(pubsub_device_commit), sys:suspend(%s)" % sender)
         request = owner.send_iq("set", self.publish_stanza("10"))
         self.wait_for(lambda: self.waiting("pubsub_device_commit") > 0)
         self.announce(bob)
-        self.wait_for(lambda: self.waiting(writer) > 0)
+        self.wait_for(lambda: self.waiting(sender) > 0)
         self.instance.evaluate("sys:resume(pubsub_device_commit)")
         self.succeed(owner.wait_iq(request))
+        self.wait_for(lambda: self.waiting(sender) > 1)
+        self.instance.evaluate("sys:resume(%s)" % sender)
         self.assertEqual(self.texts(bob, 11), [str(each) for each in range(11)])
         self.assert_quiet(bob)
 
-    def test_a_writer_serves_others_between_the_portions_of_a_long_backlog(self):
+    def test_a_sender_serves_others_between_the_portions_of_a_long_backlog(self):
         self.backlog("portions", 200)
         bob = self.client("bob", "portions")
-        writer = self.writer()
-        self.instance.evaluate("sys:suspend(%s)" % writer)
+        sender = self.sender(bob)
+        self.instance.evaluate("sys:suspend(%s)" % sender)
         self.announce(bob)
         before = self.instance.evaluate(  # the items before the answer to a later request
             "Session = ejabberd_sm:get_session_pid(<<\"bob\">>, <<\"localhost\">>, <<\"portions\">>), "
@@ -134,9 +143,10 @@ class Costs(Load):
             "Wait = fun Wait() -> {_, Messages} = process_info(Session, messages), "
             "case length(Messages) > 200 of true -> Messages; false -> timer:sleep(10), Wait() end end, "
             "Before = length(lists:takewhile(fun(Each) -> Each /= {second, ok} end, Wait())), "
-            "sys:resume(Session), Before" % (writer, writer))
+            "sys:resume(Session), Before" % (sender, sender))
         self.assertIn(int(before), range(1, 100))
         self.assertEqual(self.texts(bob, 200), [str(each) for each in range(200)])
+
 
 class Shares(Load):
     """A session waits for the service when it has reached its share, and loses nothing by it."""
@@ -148,19 +158,19 @@ class Shares(Load):
         self.wait_for(lambda: where in self.instance.evaluate(
             "{_, Stack} = process_info(%s, current_stacktrace), [element(2, Each) || Each <- Stack]" % session))
 
-    def test_a_session_has_a_share_of_a_writer_in_acknowledgements(self):
+    def test_a_session_has_a_share_of_a_sender_in_acknowledgements(self):
         owner, bob = self.client("owner"), self.device("bob", "share")
         self.succeed(self.create(owner))
         self.succeed(self.subscribe(bob))
         for each in range(60):
             self.publish(owner, str(each), "one")
         self.take(bob, 60)
-        writer = self.writer()
-        self.instance.evaluate("sys:suspend(%s)" % writer)
+        sender = self.sender(bob)
+        self.instance.evaluate("sys:suspend(%s)" % sender)
         bob.send(self.acks(60, self.node, "one"))
         self.wait_until_it_waits(bob, "wait")
-        self.assertLess(self.waiting(writer), 20)
-        self.instance.evaluate("sys:resume(%s)" % writer)
+        self.assertLess(self.waiting(sender), 20)
+        self.instance.evaluate("sys:resume(%s)" % sender)
         bob.sync()
         bob.kill()
         self.assert_quiet(self.device("bob", "share"))
@@ -198,6 +208,7 @@ class Commits(Load):
             self.succeed(owner.wait_iq(request))
         finally:
             self.instance.evaluate("exit(whereis(crowd1), kill), exit(whereis(crowd2), kill)")
+            self.wait_for(lambda: self.waiting(name) == 0, 180)
 
     def test_a_writer_that_is_never_idle_answers_publishers(self):
         self.check(self.writer())
