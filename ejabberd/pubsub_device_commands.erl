@@ -1,6 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
 %% The commands of ejabberdctl and of the server's API: the metrics, and what is kept for the devices of an account.
-%% They only read. No command prints a key. Keeps no state.
+%% They only read. No command prints a key. Keeps no state. An empty text is a binary: ejabberdctl prints an empty list
+%% as such.
 -module(pubsub_device_commands).
 
 -export([register/0, unregister/0, commands/0]).
@@ -45,13 +46,14 @@ commands() ->
         args_example = [<<"owner">>, <<"localhost">>, <<"dev42">>],
         result = {nodes, {list, {node, {tuple, [{service, string}, {node, string}, {items, integer},
                                                 {oldest, string}]}}}},
-        result_desc = "Service and node, how many of its items are kept, and when the oldest of them was kept, in UTC",
+        result_desc = "Service and node, with control characters as \\xNN, how many of its items are kept, and when the "
+                      "oldest of them was kept, in UTC",
         result_example = [{<<"pubsub.localhost">>, <<"/news">>, 3, "2026-11-20T09:12:40Z"}]},
      #ejabberd_commands{
         name = pubsub_device_top, tags = [pubsub],
         desc = "List the devices for which most bytes are kept",
         longdesc = "At most 20 devices, the most first. The list is made anew every second; with more than 2,000 devices "
-                   "that have something kept it takes a second for each 2,000.",
+                   "it takes a second for each 2,000.",
         module = ?MODULE, function = top,
         result = {devices, {list, {device, {tuple, [{jid, string}, {state, string}, {items, integer},
                                                     {bytes, integer}]}}}},
@@ -59,7 +61,7 @@ commands() ->
         result_example = [{<<"owner@localhost/dev42">>, "absent", 3, 3420}]}].
 
 metrics() ->
-    [{Name, lists:flatten(lists:join(",", [[Label, $=, Value] || {Label, Value} <- Labels])), Number}
+    [{Name, iolist_to_binary(lists:join(",", [[Label, $=, Value] || {Label, Value} <- Labels])), Number}
      || {_, Samples} <- pubsub_device_exposition:samples(), {Name, Labels, Number} <- Samples].
 
 list(User, Host) ->
@@ -71,7 +73,7 @@ list(User, Host) ->
 show(User, Host, Resource) ->
     Device = device(User, Host, Resource),
     pubsub_device_store:is_device(Device) orelse throw({error, "There is no such device"}),
-    [{Service, NodeId, pubsub_device_store:count(Node, Device),
+    [{Service, visible(NodeId), pubsub_device_store:count(Node, Device),
       kept_at(pubsub_device_store:next(Node, Device, 0))}
      || {Service, NodeId} = Node <- lists:sort(pubsub_device_store:nodes_for(Device))].
 
@@ -93,14 +95,21 @@ state(Device) ->
         _ -> "connected"
     end.
 
+%% Otherwise a name could look like further columns and lines, or move the cursor of the terminal.
+visible(Name) ->
+    << <<(shown(Char))/binary>> || <<Char/utf8>> <= Name >>.
+
+shown(Char) when Char < 16#20; Char >= 16#7f, Char < 16#a0 -> iolist_to_binary(io_lib:format("\\x~2.16.0b", [Char]));
+shown(Char) -> <<Char/utf8>>.
+
 oldest(Device) ->
     case pubsub_device_store:oldest(Device) of
         {Node, Number} -> kept_at(pubsub_device_store:next(Node, Device, Number - 1));
-        none -> ""
+        none -> <<>>
     end.
 
 kept_at(#pubsub_device_copy{at = At}) -> time([At]);
-kept_at(none) -> "".
+kept_at(none) -> <<>>.
 
 time([Seconds]) -> calendar:system_time_to_rfc3339(Seconds, [{offset, "Z"}]);
-time([]) -> "".
+time([]) -> <<>>.

@@ -95,21 +95,19 @@ class Gauges(MetricsTest):
         owner = self.client("owner")
         self.succeed(self.create(owner))
         node = "{<<\"%s\">>, <<\"%s\">>}" % (self.server.pubsub, self.node)
-        self.instance.evaluate(
-            "[begin Device = {<<\"bob\">>, <<\"localhost\">>, integer_to_binary(Each)}, "
-            "Number = Each * 1000000 + Each, Text = binary:copy(<<\"x\">>, case Each of 2500 -> 5000; _ -> 10 end), "
-            "pubsub_device_store:saw_device(Device), "
-            "mnesia:dirty_write({pubsub_device_number, %s, Number, <<\"x\">>}), "
-            "true = pubsub_device_store:keep_last(%s, Device, Number, <<\"x\">>, "
-            "{xmlel, <<\"item\">>, [], [{xmlcdata, Text}]}) end || Each <- lists:seq(1, 3000)], ok" % (node, node))
+        each = ("[begin Device = {<<\"bob\">>, <<\"localhost\">>, iolist_to_binary(io_lib:format(\"~5..0b\", [Each]))}, "
+                "Number = 9000 - Each, %s end || Each <- lists:seq(1, 3000)], ok")
+        self.instance.evaluate(each % (
+            "Text = binary:copy(<<\"x\">>, case Each of 2999 -> 5000; _ -> 10 end), pubsub_device_store:saw_device(Device), "
+            "mnesia:dirty_write({pubsub_device_number, %s, Number, <<\"x\">>}), true = pubsub_device_store:keep_last(%s, "
+            "Device, Number, <<\"x\">>, {xmlel, <<\"item\">>, [], [{xmlcdata, Text}]})" % (node, node)))
         try:
-            self.wait_for(lambda: self.value("oldest_item_age_seconds") > time.time() - 100)
-            self.wait_for(lambda: [each["jid"] for each in self.command("pubsub_device_top")[1]][:1]
-                          == ["bob@localhost/2500"])
+            self.wait_for(lambda: [found["jid"] for found in self.command("pubsub_device_top")[1]][:1]
+                          == ["bob@localhost/02999"])
             self.assertEqual(len(self.command("pubsub_device_top")[1]), 20)
+            self.assertEqual(self.instance.evaluate("element(1, gen_server:call(pubsub_device_gauges, found))"), "6000")
         finally:
-            self.instance.evaluate("[pubsub_device_store:forget_device({<<\"bob\">>, <<\"localhost\">>, "
-                                   "integer_to_binary(Each)}) || Each <- lists:seq(1, 3000)], ok")
+            self.instance.evaluate(each % "pubsub_device_store:forget_device(Device)")
 
 
 class Bounds(MetricsTest):

@@ -46,6 +46,25 @@ class Commands(MetricsTest):
         self.assertEqual([(each["name"], *[tuple(label.split("=")) for label in each["labels"].split(",") if label])
                           for each in listed], list(printed))
 
+    def test_a_shell_gets_a_line_for_each_with_tabs_between_the_columns(self):
+        self.device("carol", "shell")
+
+        def lines(*words):
+            text = self.instance.evaluate("ejabberd_ctl:process([%s])" % ", ".join('"%s"' % word for word in words))
+            self.assertTrue(text.endswith("\n0"), text)
+            return [line.split("\t") for line in text[:-2].splitlines()]
+
+        def device():
+            return [line for line in lines("pubsub_device_list", "carol", "localhost") if line[0] == "shell"][0]
+
+        self.assertEqual((device()[1], device()[3:]), ("connected", ["0", "0", ""]))
+        owner = self.away("carol", "shell", "/a\tb\nc\x9b\xe4")
+        self.publish(owner, "x", node="/a\tb\nc\x9b\xe4")
+        self.assertEqual((device()[3], device()[5][:2]), ("1", "20"))
+        shown = lines("pubsub_device_show", "carol", "localhost", "shell")
+        self.assertEqual([line[:3] for line in shown], [["pubsub.localhost", r"/a\x09b\x0ac\x9bä", "1"]])
+        self.assertIn(["pubsub_device_members", "", "1"], lines("pubsub_device_metrics"))
+
     def test_every_command_is_described_in_the_registry(self):
         described = self.instance.evaluate(
             "[begin Each = ejabberd_commands:get_command_definition(Name), {Name, element(4, Each) /= \"\", "
