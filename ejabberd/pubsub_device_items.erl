@@ -96,18 +96,25 @@ floor_of(NodeId, DeviceId) ->
         [] -> 0
     end.
 
-%% Writes the cursors of devices that took a shared item.
+%% Writes the cursors of devices that took a shared item, if there is still one up to there.
 tick() ->
-    [begin
-         ets:delete_object(?LAGGING, Lagging),
-         Floor = case ets:next(pubsub_device_waiting, {DeviceId, NodeId, 0}) of
-                     {DeviceId, NodeId, First} -> First - 1;
-                     _ -> Taken
-                 end,
-         Floor > floor_of(NodeId, DeviceId) andalso ets:next(pubsub_device_body, {NodeId, 0}) =< {NodeId, Floor}
-             andalso mnesia:dirty_write(#pubsub_device_cursor{id = {NodeId, DeviceId}, floor = Floor})
-     end || {{NodeId, DeviceId}, Taken} = Lagging <- ets:tab2list(?LAGGING)],
-    ok.
+    lists:foreach(fun follow/1, ets:tab2list(?LAGGING)).
+
+follow({{NodeId, DeviceId}, Taken} = Lagging) ->
+    ets:delete_object(?LAGGING, Lagging),
+    Floor = case first(DeviceId, NodeId) of
+                none -> Taken;
+                First -> First - 1
+            end,
+    Floor > floor_of(NodeId, DeviceId) andalso first_body(NodeId) =< Floor
+        andalso mnesia:dirty_write(#pubsub_device_cursor{id = {NodeId, DeviceId}, floor = Floor}).
+
+%% The lowest number of the node's bodies; an atom, which is greater than every number, when there is none.
+first_body(NodeId) ->
+    case ets:next(pubsub_device_body, {NodeId, 0}) of
+        {NodeId, Number} -> Number;
+        _ -> none
+    end.
 
 flush() ->
     tick().
@@ -120,10 +127,7 @@ sweep() ->
 sweep_cursors('$end_of_table') ->
     ok;
 sweep_cursors({NodeId, DeviceId} = Id) ->
-    case ets:next(pubsub_device_body, {NodeId, 0}) of
-        {NodeId, First} -> First =< floor_of(NodeId, DeviceId) orelse delete_cursor(Id);
-        _ -> delete_cursor(Id)
-    end,
+    first_body(NodeId) =< floor_of(NodeId, DeviceId) orelse delete_cursor(Id),
     sweep_cursors(ets:next(pubsub_device_cursor, Id)).
 
 delete_cursor(Id) ->
@@ -401,18 +405,27 @@ add_device(Node, NodeId, Device, DeviceId, Number, ItemId, Item) ->
     [{DeviceId, Account}] = pubsub_device_mnesia:device_id(Device),
     floor_of(NodeId, DeviceId) >= Number
         andalso pubsub_device_tables:write(#pubsub_device_cursor{id = {NodeId, DeviceId}, floor = Number - 1}),
-    put_body(NodeId, Number, {ItemId, Item, erlang:system_time(second)}, DeviceId, subscription),
+    Put = fun() -> put_body(NodeId, Number, {ItemId, Item, erlang:system_time(second)}, DeviceId, subscription) end,
+    Put(),
+    share(NodeId, Number, DeviceId),
+    wait(Node, NodeId, Number, bytes(Item), [{Device, DeviceId, Account, subscription}]),
+    %% The only other device may have taken the item, and deleted the body, in the meantime.
+    case ets:member(pubsub_device_body, {NodeId, Number}) of
+        true -> ok;
+        false -> Put(), remove(pubsub_device_share, {NodeId, Number})
+    end,
+    true.
+
+share(NodeId, Number, DeviceId) ->
     case ets:member(pubsub_device_share, {NodeId, Number}) of
-        true -> add(pubsub_device_share, {NodeId, Number}, 1, none);
+        true -> add(pubsub_device_share, {NodeId, Number}, 1, #pubsub_device_share{id = {NodeId, Number}, count = 0});
         false ->
-            Others = [Each || [#pubsub_device_body{devices = Devices}]
-                                  <- [ets:lookup(pubsub_device_body, {NodeId, Number})],
+            Others = [Each || #pubsub_device_body{devices = Devices}
+                                  <- ets:lookup(pubsub_device_body, {NodeId, Number}),
                               {Each, _} <- Devices, Each /= DeviceId,
                               ets:member(pubsub_device_waiting, {Each, NodeId, Number})],
             Others == [] orelse put(#pubsub_device_share{id = {NodeId, Number}, count = 2})
-    end,
-    wait(Node, NodeId, Number, bytes(Item), [{Device, DeviceId, Account, subscription}]),
-    true.
+    end.
 
 %% Writes the body for one more device.
 put_body(NodeId, Number, {ItemId, Item, At}, DeviceId, Via) ->
