@@ -37,6 +37,8 @@ is_first() ->
 
 own() ->
     [{{backlog, Shard}, waiting(pubsub_device_writer:name(Shard))} || Shard <- pubsub_device_writer:shards()]
+        ++ [{{sender_backlog, Shard}, waiting(pubsub_device_sender:name(Shard))}
+            || Shard <- pubsub_device_sender:shards()]
         ++ [{backlog_limit, mod_pubsub_device:option(max_backlog)},
             {commit_backlog, waiting(pubsub_device_commit)},
             {members, length(pubsub_device_commit:members())}].
@@ -53,7 +55,8 @@ waiting(Name) ->
 
 shared() ->
     Totals = pubsub_device_store:totals(),
-    Totals ++ [{kept_bytes, pubsub_device_metrics:value(kept_bytes)}, {kept_limit, mod_pubsub_device:option(max_store)} | oldest(proplists:get_value(kept_items, Totals))].
+    Totals ++ [{kept_bytes, pubsub_device_metrics:value(kept_bytes)}, {kept_limit, mod_pubsub_device:option(max_store)}
+               | oldest(proplists:get_value(kept_items, Totals))].
 
 oldest(0) ->
     [{oldest, 0}];

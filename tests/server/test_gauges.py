@@ -63,20 +63,20 @@ class Gauges(MetricsTest):
         self.ack(carol, self.take(carol, 1, self.node + "/young")[0].id, self.node + "/young")
         self.wait_value("oldest_item_age_seconds", 0)
 
-    def test_the_backlog_of_a_writer_is_what_waits_for_it(self):
-        writer = self.instance.evaluate("element(1, pubsub_device_writer:locate({<<\"%s\">>, <<\"%s\">>}))"
-                                        % (self.server.pubsub, self.node))
-        shard = ("writer", writer.rsplit("_", 1)[1])
-        self.instance.evaluate("sys:suspend(%s)" % writer)
-        try:
-            self.instance.evaluate("[%s ! nothing || _ <- lists:seq(1, 7)], ok" % writer)
-            after = self.scrape()
-            self.assertEqual({key[1]: number for key, number in after.samples.items()
-                              if key[0] == PREFIX + "writer_backlog" and number}, {shard: 7})
-        finally:
-            self.instance.evaluate("sys:resume(%s)" % writer)
-        self.wait_for(lambda: self.value("writer_backlog", shard) == 0)
+    def test_the_backlog_of_a_writer_and_of_a_sender_is_what_waits_for_it(self):
         self.assertEqual(self.value("writer_backlog_limit"), 5000)
+        for kind in ("writer", "sender"):
+            process = "pubsub_device_%s_3" % kind
+            self.instance.evaluate("sys:suspend(%s)" % process)
+            try:
+                self.instance.evaluate("[%s ! nothing || _ <- lists:seq(1, 7)], ok" % process)
+                after = self.scrape()
+                self.assertEqual({key: number for key, number in after.samples.items()
+                                  if key[0].endswith("_backlog") and number},
+                                 {(PREFIX + kind + "_backlog", (kind, "3")): 7})
+            finally:
+                self.instance.evaluate("sys:resume(%s)" % process)
+            self.wait_for(lambda kind=kind: self.value(kind + "_backlog", (kind, "3")) == 0)
 
     def test_a_scrape_costs_the_same_however_much_is_kept(self):
         cost = ("Cost = fun() -> {_, Before} = process_info(self(), reductions), "
