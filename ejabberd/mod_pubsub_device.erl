@@ -60,7 +60,8 @@ hooks() ->
 
 %% A device may have its account on another host of this server.
 account_hooks() ->
-    [{user_receive_packet, pubsub_device_session, on_receive},
+    [{user_send_packet, pubsub_device_filter, on_send},
+     {user_receive_packet, pubsub_device_session, on_receive},
      {c2s_handle_recv, pubsub_device_guard, on_receive},
      {c2s_filter_send, pubsub_device_wire, on_send},
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},
@@ -69,8 +70,9 @@ account_hooks() ->
 page_hooks() ->
     [{webadmin_menu_main, menu}, {webadmin_page_main, page}].
 
-%% The hook that writes a stanza runs after all that may drop or change it.
+%% The hooks at which a stanza ends run after all that may drop or change it.
 priority(c2s_filter_send) -> 1000;
+priority(user_send_packet) -> 1000;
 priority(_) -> 50.
 
 %% The processes belong to the Erlang node: all virtual hosts share them.

@@ -2,14 +2,33 @@
 %% The filter between the server's router and the service, run for every stanza in the process that sends it. Inwards
 %% it handles presences and acknowledgements and marks requests; outwards it catches the notifications of an item that
 %% is being published, and routes messages to an account to its devices. All other stanzas pass unchanged.
+%%
+%% What a session sends most, publications and acknowledgements, is handled before it reaches the router.
 -module(pubsub_device_filter).
 
--export([filter_packet/1]).
+-export([filter_packet/1, on_send/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
 -define(CHANGE, '$pubsub_device_change').
+
+%% Runs in the session's process.
+on_send({#message{to = #jid{luser = <<>>, lresource = <<>>}, sub_els = [#xmlel{name = <<"ack">>} | _]} = Message,
+         State}) ->
+    sent(filter_packet(Message), Message, State);
+on_send({#iq{type = set, to = #jid{luser = <<>>, lserver = Service, lresource = <<>>},
+             sub_els = [#xmlel{name = <<"pubsub">>, children = Children}]} = IQ, State}) ->
+    case mod_pubsub_device:is_service(Service) andalso [Name || #xmlel{name = Name} <- Children] of
+        [<<"publish">>] -> sent(filter_packet(IQ), IQ, State);
+        _ -> {IQ, State}
+    end;
+on_send(Unchanged) ->
+    Unchanged.
+
+%% What is not handled here takes the usual way.
+sent(drop, _, State) -> {stop, {drop, State}};
+sent(_, Stanza, State) -> {Stanza, State}.
 
 filter_packet(#message{from = #jid{luser = <<>>, lserver = Service}} = Message) ->
     case mod_pubsub_device:is_service(Service) andalso not pubsub_device_stanza:is_signed(Message) of
@@ -67,16 +86,19 @@ incoming(Service, #message{from = From, sub_els = Elements} = Message) ->
     end;
 incoming(Service, #iq{type = set, sub_els = [#xmlel{name = <<"pubsub">>, children = Children}]} = IQ) ->
     pubsub_device_publish:end_publish(),
-    put(?CHANGE, true),
     Asked = [Child || #xmlel{name = Name} = Child <- Children,
                       lists:member(Name, [<<"publish">>, <<"create">>, <<"delete">>])],
     case Asked of
-        [#xmlel{name = <<"publish">>} | _] -> publish(Service, IQ);
-        [Named | _] -> named({Service, fxml:get_tag_attr_s(<<"node">>, Named)}, IQ);
-        [] -> IQ
+        [#xmlel{name = <<"publish">>} | _] -> changing(publish(Service, IQ));
+        [Named | _] -> changing(named({Service, fxml:get_tag_attr_s(<<"node">>, Named)}, IQ));
+        [] -> changing(IQ)
     end;
 incoming(_, Stanza) ->
     Stanza.
+
+%% The engine answers the request when it has made the change.
+changing(drop) -> drop;
+changing(IQ) -> put(?CHANGE, true), IQ.
 
 publish(Service, IQ) ->
     case pubsub_device_bounds:is_full() of

@@ -29,8 +29,7 @@ publish(Service, #iq{from = From, sub_els = [#xmlel{children = Children}]} = IQ)
             case fast(Node, From, [Item || #xmlel{} = Item <- Items]) of
                 {ok, #publication{item_id = ItemId} = Publication, Payload} ->
                     through_hook(ahead, Publication, From, Payload),
-                    Published = #ps_publish{node = element(2, Node), items = [#ps_item{id = ItemId}]},
-                    hand_over(xmpp:make_iq_result(IQ, #pubsub{publish = Published})),
+                    hand_over(xmpp:make_iq_result(IQ, pubsub_device_stanza:done(element(2, Node), ItemId))),
                     end_publish(),
                     drop;
                 engine -> begin_publish(ahead), IQ
@@ -129,7 +128,8 @@ written(undefined, #publication{node = Node} = Publication) ->
         {error, _} -> pubsub_device_metrics:count({refused, engine})
     end;
 written(#{how := ahead} = Context, #publication{node = Node} = Publication) ->
-    Waiter = spawn(fun() -> wait(Node, Publication) end),
+    Session = self(),
+    Waiter = spawn(fun() -> wait(Node, Publication, Session) end),
     pubsub_device_writer:publish_ahead(Node, Publication, Waiter),
     pubsub_device_session:began(Waiter),
     put(?CONTEXT, Context#{messages := [], waiter => Waiter}),
@@ -139,10 +139,16 @@ written(#{how := waiting} = Context, #publication{node = Node} = Publication) ->
     put(?CONTEXT, Context#{messages := [], outcome => Outcome}),
     ok.
 
-wait(Node, Publication) ->
+wait(Node, Publication, Session) ->
     Monitor = pubsub_device_writer:watch(Node),
     receive
-        {answer, IQ} -> ejabberd_router:route(judged(IQ, pubsub_device_writer:await(Node, Publication, Monitor)))
+        {answer, IQ} ->
+            Answer = judged(IQ, pubsub_device_writer:await(Node, Publication, Monitor)),
+            %% The session itself published, unless the request came from elsewhere.
+            case xmpp:get_meta(IQ, ip, none) of
+                none -> ejabberd_router:route(Answer);
+                _ -> ejabberd_c2s:route(Session, {route, Answer})
+            end
     after ?TIMEOUT -> ok  % the session is gone, and with it the receiver of the answer
     end.
 

@@ -4,16 +4,16 @@
 -module(pubsub_device_stanza).
 
 -export([item/1, numbered/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
--export([key/3, nodes/2, node_ids/1, published/2, number/1]).
+-export([key/3, nodes/2, node_ids/1, published/2, done/2, number/1]).
 -export([sign/1, is_signed/1, sending/2, sending/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
-%% The encoded item of a notification.
-item(#ps_item{} = Item) ->
-    #xmlel{attrs = Attributes} = Element = xmpp:encode(Item, ?NS_PUBSUB_EVENT),
-    Element#xmlel{attrs = [Each || {Name, _} = Each <- Attributes, Name /= <<"xmlns">>]}.
+%% The encoded item of a notification. The payload is encoded already, as it came.
+item(#ps_item{id = Id, publisher = Publisher, sub_els = Payload}) ->
+    #xmlel{name = <<"item">>, children = [xmpp:encode(Each) || Each <- Payload],
+           attrs = [{<<"id">>, Id} | [{<<"publisher">>, Publisher} || Publisher /= <<>>]]}.
 
 %% The encoded item with its number.
 numbered(#xmlel{attrs = Attributes} = Item, Number) ->
@@ -62,6 +62,12 @@ node_ids(#xmlel{children = Children}) ->
 %% The holder of a key must not learn the node or its owner, so the node is not named.
 published(ItemId, Number) ->
     #xmlel{name = <<"item">>, attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"id">>, ItemId}, seq_no(Number)]}.
+
+%% The answer to a publication over XEP-0060 (section 7.1.2).
+done(NodeId, ItemId) ->
+    Item = #xmlel{name = <<"item">>, attrs = [{<<"id">>, ItemId}]},
+    #xmlel{name = <<"pubsub">>, attrs = [{<<"xmlns">>, ?NS_PUBSUB}],
+           children = [#xmlel{name = <<"publish">>, attrs = [{<<"node">>, NodeId}], children = [Item]}]}.
 
 %% Parses a client's number. Every 64-bit number has at most twenty digits; longer ones are not parsed.
 number(<<>>) ->

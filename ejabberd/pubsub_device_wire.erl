@@ -28,11 +28,19 @@ on_send(Unchanged) ->
 is_ours(#jid{luser = <<>>, lserver = Service}) -> mod_pubsub_device:is_service(Service);
 is_ours(_) -> false.
 
-%% For records and encoded elements: a text is a binary in both.
-has_return(Text) when is_binary(Text) -> binary:match(Text, <<"\r">>) /= nomatch;
-has_return([Head | Tail]) -> has_return(Head) orelse has_return(Tail);
-has_return(Tuple) when is_tuple(Tuple) -> has_return(tuple_to_list(Tuple));
-has_return(_) -> false.
+has_return(#message{subject = Subject, body = Body, sub_els = Elements}) ->
+    is_in(Elements) orelse is_in(Subject) orelse is_in(Body);
+has_return(#iq{sub_els = Elements}) ->
+    is_in(Elements).
+
+%% A text is a binary in records and in encoded elements.
+is_in([]) -> false;
+is_in([Head | Tail]) -> is_in(Head) orelse is_in(Tail);
+is_in({xmlcdata, Text}) -> is_in(Text);
+is_in(#xmlel{children = Children}) -> is_in(Children);
+is_in(Text) when is_binary(Text) -> binary:match(Text, <<"\r">>) /= nomatch;
+is_in(Tuple) when is_tuple(Tuple) -> is_in(tuple_to_list(Tuple));
+is_in(_) -> false.
 
 %% BOSH and WebSocket sessions have encoders of their own, which cannot be replaced here.
 is_stream(Socket) ->

@@ -125,8 +125,14 @@ class Characters(ServerTest):
         self.assertEqual(self.texts(owner, 1), [self.TEXT])
         for client in (bob, plain, self.device("bob", "away")):
             self.assertEqual(self.texts(client, 3), [self.TEXT] * 3)
-        fetched = self.succeed(self.pubsub(owner, "<items node='%s'/>" % self.node, "get"))
-        self.assertEqual([each[0].text for each in fetched.iter("{%s}item" % PUBSUB)], [self.TEXT])  # only the last is stored
+        stored = self.node + "/stored"
+        self.succeed(self.create(owner, stored, persist_items="1"))
+        self.succeed(self.subscribe(bob, node=stored))
+        self.succeed(self.pubsub(owner, "<publish node='%s'><item id='x'><payload>%s</payload></item></publish>"
+                                 % (stored, escaped(self.TEXT))))
+        self.assertEqual(self.texts(bob, 1, stored), [self.TEXT])
+        fetched = self.succeed(self.pubsub(owner, "<items node='%s'/>" % stored, "get"))
+        self.assertEqual([each[0].text for each in fetched.iter("{%s}item" % PUBSUB)], [self.TEXT])
 
     def test_an_id_with_blanks_of_every_kind_is_delivered_and_acknowledged(self):
         owner, bob = self.client("owner"), self.device("bob", "blanks")
