@@ -19,11 +19,13 @@ start(Host, Opts) ->
     Services = gen_mod:get_module_opt_hosts(Host, mod_pubsub),
     Known = persistent_term:get(?SERVICES, #{}),
     persistent_term:put(?SERVICES, lists:foldl(fun(Service, Map) -> Map#{Service => Host} end, Known, Services)),
-    map_size(Known) == 0 andalso start_workers(),
+    map_size(Known) == 0 andalso start_workers(Host),
     %% The server asks the module whether it decodes requests itself, which works only once it is loaded.
     {module, _} = code:ensure_loaded(pubsub_device_iq),
     [begin
          gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DEVICE, pubsub_device_iq, process),
+         gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_PUBSUB, pubsub_device_engine, process),
+         gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_COMMANDS, pubsub_device_engine, process_commands),
          gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_INFO, pubsub_device_disco, process_info),
          gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_ITEMS, pubsub_device_disco, process_items)
      end || Service <- Services],
@@ -45,6 +47,8 @@ stop(Host) ->
 
 hand_back(Service) ->
     gen_iq_handler:remove_iq_handler(ejabberd_local, Service, ?NS_DEVICE),
+    gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_PUBSUB, mod_pubsub, process_pubsub),
+    gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_COMMANDS, mod_pubsub, process_commands),
     gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_INFO, mod_pubsub, process_disco_info),
     gen_iq_handler:add_iq_handler(ejabberd_local, Service, ?NS_DISCO_ITEMS, mod_pubsub, process_disco_items).
 
@@ -54,7 +58,7 @@ reload(_Host, Opts, _OldOpts) ->
 depends(_, _) -> [{mod_pubsub, hard}].
 
 hooks() ->
-    [{pubsub_publish_item, pubsub_device_publish, on_publish},
+    [{pubsub_publish_item, pubsub_device_engine, on_publish},
      {pubsub_delete_node, ?MODULE, on_delete},
      {register_user, ?MODULE, on_register}].
 
@@ -81,12 +85,13 @@ workers() ->
      {pubsub_device_sweep, {pubsub_device_sweep, start_link, []}},
      {pubsub_device_gate, {pubsub_device_gate, start_link, []}},
      {pubsub_device_gauges, {pubsub_device_gauges, start_link, []}}
-     | [{Module:name(Shard), {Module, start_link, [Shard]}}
-        || Module <- [pubsub_device_sender, pubsub_device_writer], Shard <- Module:shards()]].
+     | [{Module, {Module, start_link, []}} || Module <- pubsub_device_store:workers()]]
+        ++ [{Module:name(Shard), {Module, start_link, [Shard]}}
+            || Module <- [pubsub_device_sender, pubsub_device_writer], Shard <- Module:shards()].
 
-start_workers() ->
+start_workers(Host) ->
     pubsub_device_metrics:init(),
-    pubsub_device_store:init(),
+    pubsub_device_store:init(Host),
     pubsub_device_commands:register(),
     [ejabberd_hooks:add(Hook, pubsub_device_page, Function, 50) || {Hook, Function} <- page_hooks()],
     [{ok, _} = supervisor:start_child(ejabberd_gen_mod_sup, {Id, Start, permanent, 5000, worker, dynamic})

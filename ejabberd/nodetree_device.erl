@@ -8,8 +8,8 @@
 -export([init/3, terminate/2, options/0, set_node/1, get_node/3, get_node/2, get_node/1, get_nodes/2, get_nodes/1,
          get_all_nodes/1, get_parentnodes/3, get_parentnodes_tree/3, get_subnodes/3, get_subnodes_tree/3,
          create_node/6, delete_node/2]).
--export([read/2, write/1, make/6, remove/1, id/2, keep_last/1, forget_items/1, by_id/1, list/4]).
--export([is_node/1, is_node/2, keep_last_item/1, has_items/1, store_no_items/1]).
+-export([read/2, write/1, make/6, remove/1, id/2, found/1, keep_last/1, forget_items/1, by_id/1, list/4]).
+-export([has_items/1, store_no_items/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
@@ -36,10 +36,6 @@ delete_node(Host, Node) -> pubsub_device_tree:delete_node(?MODULE, Host, Node).
 create_node(Host, Node, Type, Owner, Options, Parents) ->
     pubsub_device_tree:create_node(?MODULE, Host, Node, Type, Owner, Options, Parents).
 
-is_node(Node) -> pubsub_device_tree:is_node(Node).
-is_node(Node, Id) -> pubsub_device_tree:is_node(Node, Id).
-keep_last_item(Node) -> pubsub_device_tree:keep_last_item(Node).
-
 %%% the nodes
 
 read(Host, Node) -> mnesia:read({pubsub_node, {Host, Node}}).
@@ -58,6 +54,15 @@ id(Node, certain) ->
 
 id_of([#pubsub_node{id = Nidx}]) -> Nidx;
 id_of([]) -> none.
+
+found(Node) ->
+    case ets:lookup(pubsub_node, Node) of
+        [#pubsub_node{id = Id} = Found] ->
+            {Found, fun(all) -> mnesia:dirty_index_read(pubsub_state, Id, #pubsub_state.nodeidx);
+                       (Account) -> ets:lookup(pubsub_state, {Account, Id})
+                    end};
+        [] -> none
+    end.
 
 keep_last(Node) ->
     [mnesia:dirty_delete(pubsub_item, ItemId)

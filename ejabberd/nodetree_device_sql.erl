@@ -8,12 +8,14 @@
 -export([init/3, terminate/2, options/0, set_node/1, get_node/3, get_node/2, get_node/1, get_nodes/2, get_nodes/1,
          get_all_nodes/1, get_parentnodes/3, get_parentnodes_tree/3, get_subnodes/3, get_subnodes_tree/3,
          create_node/6, delete_node/2]).
--export([read/2, write/1, make/6, remove/1, id/2, keep_last/1, forget_items/1, by_id/1, list/4]).
+-export([read/2, write/1, make/6, remove/1, id/2, found/1, keep_last/1, forget_items/1, by_id/1, list/4]).
 -export([pending/2, keep_returns/3]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
 -include_lib("ejabberd/include/ejabberd_sql_pt.hrl").
+
+-import(pubsub_device_database, [ask/1]).
 
 init(Host, ServerHost, Opts) ->
     pubsub_device_tree:use(Host, ?MODULE),
@@ -64,13 +66,50 @@ remove(#pubsub_node{id = Nidx}) ->
     ejabberd_sql:sql_query_t(?SQL("delete from pubsub_node where nodeid=%(Nidx)d")).
 
 id({Service, NodeId}, _) ->
-    case query(Service, ?SQL("select @(nodeid)d from pubsub_node where host=%(Service)s and node=%(NodeId)s")) of
+    case ask(?SQL("select @(nodeid)d from pubsub_node where host=%(Service)s and node=%(NodeId)s")) of
         {selected, [{Nidx}]} -> Nidx;
         {selected, []} -> none
     end.
 
+%% One statement: options and states come as texts, whose parts no XML character separates.
+found({Service, NodeId} = Node) ->
+    case ask(?SQL("select @(n.nodeid)d, @(n.plugin)s, @(coalesce((select string_agg(o.name || chr(1) || o.val, chr(2) "
+                  "order by o.name) from pubsub_node_option o where o.nodeid=n.nodeid), ''))s, "
+                  "@(coalesce((select string_agg(s.jid || chr(1) || s.affiliation || chr(1) || s.subscriptions, chr(2)) "
+                  "from pubsub_state s where s.nodeid=n.nodeid), ''))s from pubsub_node n "
+                  "where n.host=%(Service)s and n.node=%(NodeId)s")) of
+        {selected, [{Id, Type, Options, States}]} ->
+            {#pubsub_node{nodeid = Node, id = Id, type = Type,
+                          options = pubsub_device_database:cached(Options, fun options/1)},
+             fun(all) -> [state(Each) || Each <- parts(States, <<2>>)];
+                (Account) ->
+                     Name = jid:encode(Account),
+                     [state(Each) || Each <- parts(States, <<2>>), hd(parts(Each, <<1>>)) == Name]
+             end};
+        {selected, []} -> none
+    end.
+
+parts(<<>>, _) -> [];
+parts(Text, Separator) -> binary:split(Text, Separator, [global]).
+
+%% As the engine reads them.
+options(Text) ->
+    Stored = [begin
+                  [Name, Value] = parts(Each, <<1>>),
+                  {binary_to_existing_atom(Name), ejabberd_sql:decode_term(Value)}
+              end || Each <- parts(Text, <<2>>)],
+    lists:foldl(fun({Name, _} = Each, Options) -> lists:keystore(Name, 1, Options, Each) end, node_flat_sql:options(),
+                Stored).
+
+state(Text) ->
+    [JID, Affiliation, Subscriptions] = parts(Text, <<1>>),
+    #pubsub_state{stateid = {jid:tolower(jid:decode(JID)), none},
+                  affiliation = proplists:get_value(Affiliation, [{<<"o">>, owner}, {<<"p">>, publisher},
+                                                                  {<<"u">>, publish_only}], none),
+                  subscriptions = [{subscribed, SubId} || <<"s:", SubId/binary>> <- parts(Subscriptions, <<",">>)]}.
+
 keep_last({Service, NodeId}) ->
-    query(Service, ?SQL("delete from pubsub_item using pubsub_node n where n.host=%(Service)s and n.node=%(NodeId)s "
+    ask(?SQL("delete from pubsub_item using pubsub_node n where n.host=%(Service)s and n.node=%(NodeId)s "
                         "and pubsub_item.nodeid=n.nodeid and itemid<>(select itemid from pubsub_item i where "
                         "i.nodeid=n.nodeid order by modification desc limit 1)")).
 
@@ -78,13 +117,13 @@ keep_last({Service, NodeId}) ->
 forget_items(_) -> ok.
 
 by_id(Service) ->
-    {selected, Nodes} = query(Service, ?SQL("select @(nodeid)d, @(node)s from pubsub_node where host=%(Service)s")),
+    {selected, Nodes} = ask(?SQL("select @(nodeid)d, @(node)s from pubsub_node where host=%(Service)s")),
     maps:from_list([{Nidx, {Service, NodeId}} || {Nidx, NodeId} <- Nodes]).
 
 %% The nodes of the owner for which somebody waits to be approved.
 pending(Service, Owner) ->
     Account = jid:encode(jid:remove_resource(jid:tolower(Owner))),
-    {selected, Nodes} = query(Service, ?SQL("select @(n.node)s from pubsub_state o "
+    {selected, Nodes} = ask(?SQL("select @(n.node)s from pubsub_state o "
                                             "join pubsub_node n on n.nodeid=o.nodeid where o.jid=%(Account)s "
                                             "and o.affiliation='o' and n.host=%(Service)s and exists (select 1 "
                                             "from pubsub_state p where p.nodeid=o.nodeid "
@@ -98,7 +137,7 @@ keep_returns({Service, NodeId}, ItemId, Payload) ->
         nomatch -> ok;
         _ ->
             Escaped = binary:replace(Text, <<"\r">>, <<"&#13;">>, [global]),
-            query(Service, ?SQL("update pubsub_item set payload=%(Escaped)s from pubsub_node n "
+            ask(?SQL("update pubsub_item set payload=%(Escaped)s from pubsub_node n "
                                 "where n.host=%(Service)s and n.node=%(NodeId)s and pubsub_item.nodeid=n.nodeid "
                                 "and itemid=%(ItemId)s"))
     end.
@@ -109,7 +148,7 @@ list(Service, Size, Pages, Passes) -> list(Service, Size, Pages, Passes, <<>>).
 list(_, _, 0, _, _) ->
     [];
 list(Service, Size, Pages, Passes, After) ->
-    {selected, Rows} = query(Service, ?SQL("select @(n.node)s, @(coalesce(o.val, ''))s from pubsub_node n "
+    {selected, Rows} = ask(?SQL("select @(n.node)s, @(coalesce(o.val, ''))s from pubsub_node n "
                                            "left join pubsub_node_option o on o.nodeid=n.nodeid and o.name='title' "
                                            "where n.host=%(Service)s and n.parent='' and n.node>%(After)s "
                                            "order by n.node limit %(Size)d")),
@@ -122,4 +161,3 @@ list(Service, Size, Pages, Passes, After) ->
 title(<<>>) -> none;
 title(Value) -> ejabberd_sql:decode_term(Value).
 
-query(Service, Query) -> ejabberd_sql:sql_query(ejabberd_router:host_of_route(Service), Query).

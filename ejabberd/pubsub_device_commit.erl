@@ -65,7 +65,8 @@ next({Waiting, Taken}) -> {noreply, {Waiting, Taken + 1}}.
 commit(none) ->
     none;
 commit({Waiting, _}) ->
-    mod_pubsub_device:option(sync) andalso (ok = pubsub_device_metrics:timed(commit, fun mnesia:sync_log/0)),
+    mod_pubsub_device:option(sync)
+        andalso (ok = pubsub_device_metrics:timed(commit, fun pubsub_device_store:sync/0)),
     lists:foreach(fun finish/1, lists:reverse(Waiting)),
     none.
 

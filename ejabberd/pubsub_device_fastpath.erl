@@ -11,11 +11,11 @@
 -include("pubsub_device.hrl").
 
 %% {ok, Publication}, or `engine`.
-publication({Service, _} = Node, Publisher, ItemId, [#xmlel{}] = Payload) ->
-    case not pubsub_device_tree:is_sql(Service) andalso ets:lookup(pubsub_node, Node) of
-        [#pubsub_node{type = <<"flat">>} = Found] ->
-            case is_plain(Found) andalso fits(Payload, Found) andalso may_publish(Publisher, Found)
-                andalso subscribers(Found) of
+publication(Node, Publisher, ItemId, [#xmlel{}] = Payload) ->
+    case pubsub_device_tree:found(Node) of
+        {#pubsub_node{type = <<"flat">>} = Found, States} ->
+            case is_plain(Found) andalso fits(Payload, Found) andalso may_publish(Publisher, Found, States)
+                andalso subscribers(States(all), []) of
                 Subscribers when is_list(Subscribers) ->
                     {ok, publication(Found, Publisher, ItemId, Payload, Subscribers)};
                 _ -> engine
@@ -63,11 +63,11 @@ option(Name, Options) ->
 fits(Payload, #pubsub_node{options = Options}) ->
     byte_size(term_to_binary(Payload)) - 2 =< option(max_payload_size, Options).
 
-may_publish(Publisher, #pubsub_node{id = Id, options = Options}) ->
+may_publish(Publisher, #pubsub_node{options = Options}, States) ->
     case option(publish_model, Options) of
         open -> true;
         publishers ->
-            case ets:lookup(pubsub_state, {jid:remove_resource(jid:tolower(Publisher)), Id}) of
+            case States(jid:remove_resource(jid:tolower(Publisher))) of
                 [#pubsub_state{affiliation = Affiliation}] ->
                     lists:member(Affiliation, [owner, publisher, publish_only]);
                 [] -> false
@@ -76,9 +76,6 @@ may_publish(Publisher, #pubsub_node{id = Id, options = Options}) ->
     end.
 
 %% False if one has two subscriptions, since the notification names both. Subscriptions of this type have no options.
-subscribers(#pubsub_node{id = Id}) ->
-    subscribers(mnesia:dirty_index_read(pubsub_state, Id, #pubsub_state.nodeidx), []).
-
 subscribers([#pubsub_state{stateid = {Subscriber, _}, subscriptions = Subscriptions} | States], Found) ->
     case [SubId || {subscribed, SubId} <- Subscriptions] of
         [] -> subscribers(States, Found);

@@ -38,7 +38,7 @@ filter_packet(#message{from = #jid{luser = <<>>, lserver = Service}} = Message) 
 filter_packet(#iq{type = Type, from = #jid{luser = <<>>, lserver = Service}} = IQ)
   when Type == result; Type == error ->
     case mod_pubsub_device:is_service(Service) of
-        true -> answer(Service, IQ);
+        true -> answer(Service, pubsub_device_engine:told(IQ));
         false -> IQ
     end;
 filter_packet(Stanza) ->
@@ -46,22 +46,31 @@ filter_packet(Stanza) ->
         #jid{luser = <<>>, lserver = Service, lresource = <<>>} ->
             case mod_pubsub_device:is_service(Service) of
                 true ->
-                    Verdict = pubsub_device_guard:judge(Service, Stanza),
-                    judged(Verdict, Stanza, fun() -> incoming(Service, Stanza) end);
+                    pubsub_device_database:attempt(fun() -> judged(Service, Stanza) end,
+                                                   fun() -> refused(pubsub_device_database:unavailable(), Stanza) end);
                 false -> Stanza
             end;
-        _ -> judged(pubsub_device_guard:spare(Stanza), Stanza, fun() -> Stanza end)
+        _ ->
+            case pubsub_device_guard:spare(Stanza) of
+                ok -> Stanza;
+                {error, Error} -> refused(Error, Stanza)
+            end
+    end.
+
+judged(Service, Stanza) ->
+    case pubsub_device_guard:judge(Service, Stanza) of
+        ok -> incoming(Service, Stanza);
+        {error, Error} -> refused(Error, Stanza)
     end.
 
 %% A refusal does not repeat the stanza: it may be refused for its content.
-judged(ok, _, Pass) ->
-    Pass();
-judged({error, Error}, Stanza, _) ->
+refused(Error, Stanza) ->
     pubsub_device_metrics:count({refused, reason(Error)}),
     ejabberd_router:route_error(xmpp:set_els(Stanza, []), Error),
     drop.
 
 reason(#stanza_error{reason = 'not-acceptable'}) -> stream_element;
+reason(#stanza_error{reason = 'resource-constraint'}) -> database;
 reason(_) -> foreign.
 
 %%% inwards

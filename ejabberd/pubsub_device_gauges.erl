@@ -97,7 +97,7 @@ handle_cast(_, State) ->
 handle_info(step, State) ->
     erlang:send_after(?INTERVAL_MS, self(), step),
     case is_first() of
-        true -> {noreply, walk(State, ?STEP)};
+        true -> {noreply, pubsub_device_database:attempt(fun() -> walk(State, ?STEP) end, fun() -> State end)};
         false -> {noreply, #state{}}
     end;
 handle_info(_, State) ->

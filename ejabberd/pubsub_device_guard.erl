@@ -17,7 +17,11 @@
 judge(Service, Stanza) ->
     case {has_stream_element(xmpp:get_els(Stanza)), Stanza} of
         {true, _} -> {error, stream_element()};
-        {false, #iq{type = Type}} when Type == get; Type == set -> judge_request(Service, Stanza);
+        {false, #iq{type = Type}} when Type == get; Type == set ->
+            case pubsub_device_database:is_away() of
+                true -> {error, pubsub_device_database:unavailable()};
+                false -> judge_request(Service, Stanza)
+            end;
         {false, #message{type = Type, sub_els = Elements}} when Type /= error ->
             judge_nodes(Service, xmpp:get_from(Stanza), form_nodes(Elements));
         _ -> ok

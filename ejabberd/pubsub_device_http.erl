@@ -44,13 +44,20 @@ is_xml_text(Rest) ->
     Rest == <<>>.
 
 publish(Key, Body, Path) ->
-    Outcome = case pubsub_device_bounds:admits(Key) of
-                  ok ->
-                      Payload = #xmlel{name = <<"payload">>, children = [{xmlcdata, Body}]},
-                      pubsub_device_publish:by_key(Key, <<>>, [Payload]);
-                  Refused -> Refused
+    Away = fun() -> {error, pubsub_device_database:unavailable()} end,
+    Outcome = case pubsub_device_database:is_away() of
+                  true -> Away();
+                  false -> pubsub_device_database:attempt(fun() -> outcome(Key, Body) end, Away)
               end,
     published(pubsub_device_metrics:with_key(http, Outcome), Path).
+
+outcome(Key, Body) ->
+    case pubsub_device_bounds:admits(Key) of
+        ok ->
+            Payload = #xmlel{name = <<"payload">>, children = [{xmlcdata, Body}]},
+            pubsub_device_publish:by_key(Key, <<>>, [Payload]);
+        Refused -> Refused
+    end.
 
 published({ok, ItemId, Number}, Path) ->
     Location = iolist_to_binary([[$/, uri_string:quote(Part)] || Part <- Path ++ [ItemId]]),

@@ -17,6 +17,8 @@ decode_iq_subel(Element) -> Element.
 process(#iq{type = Type, sub_els = [#xmlel{name = Name} = Element]} = IQ) ->
     try request({Type, Name}, Element, IQ)
     catch
+        error:{database, _} ->
+            xmpp:make_error(IQ, pubsub_device_database:unavailable());
         error:{xmpp_codec, Why} ->
             xmpp:make_error(IQ, xmpp:err_bad_request(xmpp:io_format_error(Why), IQ#iq.lang));
         Class:Reason:Stack ->

@@ -25,8 +25,8 @@ families() ->
              help = "Publications that were confirmed, by the way that they came: a request over XMPP, one with a key "
                     "over XMPP, one over HTTP, or another part of the server."},
      #family{key = refused, name = "refusals_total", kind = counter, label = "reason",
-             values = [full, key_rate, unknown_key, payload, max_payload, engine, max_nodes, max_keys, max_devices,
-                       foreign, stream_element, depth],
+             values = [full, database, key_rate, unknown_key, payload, max_payload, engine, max_nodes, max_keys,
+                       max_devices, foreign, stream_element, depth],
              help = "Requests that were refused, by reason."},
      #family{key = sent, name = "sent_total", kind = counter, label = "transmission", values = [first, repeated],
              help = "Items sent to devices; repeated ones had been sent in the same session before."},

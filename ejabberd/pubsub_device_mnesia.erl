@@ -4,7 +4,7 @@
 -module(pubsub_device_mnesia).
 -behaviour(pubsub_device_storage).
 
--export([init/0, flush/0, tick/0, sweep/0]).
+-export([init/0, workers/0, sync/0, flush/0, tick/0, sweep/0]).
 -export([saw_device/1, is_device/1, devices/1, all_devices/0, seen/1, forget_device/1]).
 -export([key_of/1, node_of/1, put_key/3, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
 -export([numbers/1, write/2, must_sync/1, complete/1, keep_last/5, last_item/1, forget_node/2]).
@@ -68,6 +68,8 @@ count_each(What, Table, Position) ->
     maps:foreach(fun(Who, Count) -> pubsub_device_tables:put(#pubsub_device_load{who = Who, load = Count}) end,
                  ets:foldl(Add, #{}, Table)).
 
+workers() -> [].
+sync() -> mnesia:sync_log().
 flush() -> pubsub_device_items:flush().
 tick() -> pubsub_device_items:tick().
 sweep() -> pubsub_device_items:sweep().

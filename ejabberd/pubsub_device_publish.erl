@@ -103,7 +103,7 @@ on_publish(_Host, NodeId, _Publisher, #jid{luser = <<>>, lserver = Service}, Ite
         {true, Context} ->
             Node = {Service, NodeId},
             written(Context, publication(Node, ItemId, Payload)),
-            nodetree_device:keep_last_item(Node);
+            pubsub_device_tree:keep_last_item(Node);
         {false, _} -> ok
     end;
 on_publish(_, _, _, _, _, _) ->
@@ -180,7 +180,9 @@ by_key(Key, ItemId, Payload) ->
         none -> {error, xmpp:err_item_not_found()};
         {{_, NodeId} = Node, Owner} ->
             try by_owner(Node, Owner, ItemId, Payload)
-            catch Class:Reason:Stack ->
+            catch
+                error:{database, _} -> {error, pubsub_device_database:unavailable()};
+                Class:Reason:Stack ->
                     ?LOG_ERROR("Publishing to node ~ts with its key failed: ~p:~p ~p", [NodeId, Class, Reason, Stack]),
                     {error, xmpp:err_internal_server_error()}
             after end_publish()
@@ -199,9 +201,10 @@ by_owner({Service, NodeId} = Node, Owner, ItemId, Payload) ->
 
 through_engine(Service, NodeId, Owner, ItemId, Payload) ->
     ServerHost = ejabberd_router:host_of_route(Service),
-    case mod_pubsub:publish_item(Service, ServerHost, NodeId, jid:make(Owner), ItemId, Payload) of
+    Publish = fun() -> mod_pubsub:publish_item(Service, ServerHost, NodeId, jid:make(Owner), ItemId, Payload) end,
+    case pubsub_device_engine:run(Service, Publish) of
         {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} -> outcome(Published);
-        {error, Error} -> {error, Error}
+        {error, Error} -> {error, pubsub_device_engine:told(Error)}
     end.
 
 outcome(ItemId) ->

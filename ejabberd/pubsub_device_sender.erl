@@ -82,6 +82,7 @@ session_down(Device, Pid) ->
 
 init(_) ->
     put(?MODULE, true),
+    pubsub_device_database:be_patient(),
     {ok, #state{}}.
 
 handle_call(settle, _, State) ->

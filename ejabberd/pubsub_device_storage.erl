@@ -23,6 +23,10 @@
 
 %% Creates what is missing, takes over data of earlier versions, and counts what is kept.
 -callback init() -> ok.
+%% The modules of further processes.
+-callback workers() -> [module()].
+%% Waits until what was changed is on disk.
+-callback sync() -> ok.
 %% Before an orderly stop: writes what is written later otherwise.
 -callback flush() -> ok.
 

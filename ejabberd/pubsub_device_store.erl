@@ -3,7 +3,7 @@
 %% and everything that survives a restart, from the storage that is configured (pubsub_device_storage).
 -module(pubsub_device_store).
 
--export([init/0, flush/0, tick/0, sweep/0]).
+-export([init/1, workers/0, sync/0, flush/0, tick/0, sweep/0]).
 -export([attach/2, detach/2, session/1, attached/1, sessions/0, forget_session/1]).
 -export([activate/3, deactivate/2, is_active/3, stale_activations/0]).
 -export([saw_device/1, is_device/1, devices/1, all_devices/0, seen/1, forget_device/1]).
@@ -14,9 +14,14 @@
 
 -include("pubsub_device.hrl").
 
--define(STORAGE, pubsub_device_mnesia).
+-define(STORAGE, (persistent_term:get(?MODULE))).
 
-init() ->
+%% The storage is where the nodes of the host's service are.
+init(Host) ->
+    persistent_term:put(?MODULE, case mod_pubsub_opt:db_type(Host) of
+                                     sql -> pubsub_device_database:connect(Host), pubsub_device_sql;
+                                     _ -> pubsub_device_mnesia
+                                 end),
     Create = fun pubsub_device_tables:create/5,
     Create(pubsub_device_session, ram_copies, set, record_info(fields, pubsub_device_session), []),
     Create(pubsub_device_active, ram_copies, ordered_set, record_info(fields, pubsub_device_active), []),
@@ -82,6 +87,8 @@ stale_activations() ->
 
 %%% the storage
 
+workers() -> ?STORAGE:workers().
+sync() -> ?STORAGE:sync().
 flush() -> ?STORAGE:flush().
 tick() -> ?STORAGE:tick().
 sweep() -> ?STORAGE:sweep().

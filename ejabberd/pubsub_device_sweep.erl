@@ -19,22 +19,28 @@ init([]) ->
 arm() -> erlang:send_after(mod_pubsub_device:option(sweep_interval), self(), sweep).
 
 handle_info(sweep, State) ->
-    pubsub_device_store:each_queue(fun(Device, Node) ->
-                                           pubsub_device_writer:member(Node) == node()
-                                               andalso pubsub_device_bounds:drop_aged(Device, Node)
-                                   end),
-    hd(pubsub_device_commit:members()) == node() andalso sweep(),
+    pubsub_device_database:attempt(fun expire/0, fun() -> ok end),
     pubsub_device_bounds:forget_rates(),
     pubsub_device_bounds:forget_counts(),
     arm(),
     {noreply, State};
 handle_info(measure, State) ->
-    pubsub_device_bounds:measure(),
-    pubsub_device_store:tick(),
+    pubsub_device_database:attempt(fun measure/0, fun() -> ok end),
     erlang:send_after(?MEASURE_INTERVAL, self(), measure),
     {noreply, State};
 handle_info(_, State) ->
     {noreply, State}.
+
+measure() ->
+    pubsub_device_bounds:measure(),
+    pubsub_device_store:tick().
+
+expire() ->
+    pubsub_device_store:each_queue(fun(Device, Node) ->
+                                           pubsub_device_writer:member(Node) == node()
+                                               andalso pubsub_device_bounds:drop_aged(Device, Node)
+                                   end),
+    hd(pubsub_device_commit:members()) == node() andalso sweep().
 
 sweep() ->
     forget_absent(),

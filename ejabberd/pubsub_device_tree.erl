@@ -9,7 +9,7 @@
 -module(pubsub_device_tree).
 
 -export([set_node/2, create_node/7, delete_node/3, get_node/3, get_subnodes_tree/3, get_parentnodes_tree/3]).
--export([is_sql/1, is_node/1, is_node/2, keep_last_item/1, forget_items/2, listed/4, collections/1]).
+-export([is_sql/1, found/1, is_node/1, is_node/2, keep_last_item/1, forget_items/2, listed/4, collections/1]).
 -export([use/2, id/1, known/1, by_id/0]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -21,6 +21,7 @@
 -callback remove(#pubsub_node{}) -> any().
 %% The engine's id of the node. Another member may be creating it: `certain` waits for that.
 -callback id({binary(), binary()}, known | certain) -> any() | none.
+-callback found({binary(), binary()}) -> {#pubsub_node{}, fun((all | jid:ljid()) -> [#pubsub_state{}])} | none.
 %% Deletes the engine's items of the node but the last.
 -callback keep_last({binary(), binary()}) -> any().
 %% #{Id => Node} of the service's nodes; there may be others in it.
@@ -55,22 +56,16 @@ create_node(Tree, Host, Node, Type, Owner, Options, Parents) ->
         {false, Error} -> {error, Error}
     end.
 
-made({ok, _} = Made, Node, Account) -> together(fun() -> pubsub_device_store:made(Node, Account) end), Made;
+made({ok, _} = Made, Node, Account) -> pubsub_device_store:made(Node, Account), Made;
 made(Error, _, _) -> Error.
 
 delete_node(Tree, Host, Node) ->
     Records = Tree:read(Host, Node),
     [begin
          Tree:remove(Record),
-         together(fun() -> pubsub_device_store:unmade({Host, Node}) end)
+         pubsub_device_store:unmade({Host, Node})
      end || Record <- Records],
     Records.
-
-together(Fun) ->
-    case mnesia:is_transaction() of
-        true -> Fun();
-        false -> {atomic, _} = mnesia:transaction(Fun)
-    end.
 
 get_node(Tree, Host, Node) ->
     case Tree:read(Host, Node) of
@@ -132,6 +127,9 @@ id(Node) ->
 by_id() ->
     lists:foldl(fun(Service, Map) -> maps:merge(Map, (tree(Service)):by_id(Service)) end, #{},
                 mod_pubsub_device:services()).
+
+%% {Node, States} or `none`. States(Account) is the account's state as a list, States(all) all states of the node.
+found({Service, _} = Node) -> (tree(Service)):found(Node).
 
 %% Whether there is such a node, and whether it has the engine's id.
 is_node(Node) -> id(Node) /= none.

@@ -114,8 +114,7 @@ asked({lock, Node}, {Pid, _} = From, #state{locks = Locks} = State) ->
     end;
 asked({forget, Node, Id}, From, State) ->
     Left = commit(State),
-    forget(Node, Id),
-    gen_server:reply(From, ok),
+    gen_server:reply(From, forget(Node, Id)),
     next(Left).
 
 handle_cast({publish, Node, Publication, Waiter}, State) ->
@@ -135,7 +134,8 @@ handle_cast({unlock, Node, Pid}, #state{locks = Locks} = State) ->
     end;
 handle_cast({keep_last, Node, Device, Number, ItemId, Item}, State) ->
     Left = commit(State),
-    pubsub_device_store:keep_last(Node, Device, Number, ItemId, Item)
+    pubsub_device_database:attempt(fun() -> pubsub_device_store:keep_last(Node, Device, Number, ItemId, Item) end,
+                                   fun() -> false end)
         andalso pubsub_device_sender:cast(Node, Device, {pump, Node, Device}),
     next(Left).
 
@@ -164,21 +164,38 @@ next(#state{taken = Taken} = State) -> {noreply, State#state{taken = Taken + 1}}
 %% When a lock is granted for a name without a node, everything that a crash may have left of a former node is removed
 %% first.
 grant(Node, {Pid, _} = From, Waiting, #state{locks = Locks} = State) ->
-    Monitor = monitor(process, Pid),
-    pubsub_device_tree:is_node(Node) orelse forget(Node, unknown),
-    gen_server:reply(From, {ok, self()}),
-    State#state{locks = Locks#{Node => {Pid, Monitor, Waiting}}}.
+    Cleaned = pubsub_device_database:attempt(fun() ->
+                                                     case pubsub_device_tree:is_node(Node) of
+                                                         true -> ok;
+                                                         false -> forget(Node, unknown)
+                                                     end
+                                             end, fun unavailable/0),
+    case Cleaned of
+        ok ->
+            Monitor = monitor(process, Pid),
+            gen_server:reply(From, {ok, self()}),
+            State#state{locks = Locks#{Node => {Pid, Monitor, Waiting}}};
+        Error ->
+            gen_server:reply(From, Error),
+            pass_on(Node, Waiting, State)
+    end.
+
+unavailable() -> {error, pubsub_device_database:unavailable()}.
 
 pass_on(Node, [From | Waiting], State) ->
     grant(Node, From, Waiting, State);
 pass_on(Node, [], #state{locks = Locks} = State) ->
     State#state{locks = maps:remove(Node, Locks)}.
 
-%% Removes what belongs to a node.
+%% Removes what belongs to a node: ok, or an error. What remains then is removed by the sweep, or when the name is next
+%% requested.
 forget(Node, Id) ->
-    pubsub_device_store:key_of(Node) == none orelse pubsub_device_store:delete_key(Node),
-    pubsub_device_store:forget_node(Node, Id),
-    pubsub_device_tree:forget_items(Node, Id).
+    pubsub_device_database:attempt(fun() ->
+                                           pubsub_device_store:key_of(Node) == none
+                                               orelse pubsub_device_store:delete_key(Node),
+                                           pubsub_device_store:forget_node(Node, Id),
+                                           pubsub_device_tree:forget_items(Node, Id)
+                                   end, fun unavailable/0).
 
 %%% publishing
 

@@ -126,23 +126,23 @@ def call(log, command, **options):
         raise
 
 
-def stop(record, seconds=STOP_SECONDS):
+def stop(record, seconds=STOP_SECONDS, request=signal.SIGTERM):
     """Asks the recorded process to end and kills it after some seconds; the record goes when the process has ended."""
     pid = running(record)
     if pid:
         with contextlib.suppress(ProcessLookupError):
-            _end(record, os.pidfd_open(pid), seconds)
+            _end(record, os.pidfd_open(pid), seconds, request)
     if running(record) is None:
         with contextlib.suppress(FileNotFoundError):
             os.unlink(record)
 
 
-def _end(record, descriptor, seconds):
+def _end(record, descriptor, seconds, request):
     """The descriptor stays with one process, and the record is compared again now that it is open."""
     ended = select.poll()
     ended.register(descriptor, select.POLLIN)
     try:
-        for number in (signal.SIGTERM, signal.SIGKILL):
+        for number in (request, signal.SIGKILL):
             if running(record) is None:
                 return
             signal.pidfd_send_signal(descriptor, number)

@@ -4,6 +4,7 @@ import json
 import os
 import shutil
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -11,10 +12,13 @@ import urllib.error
 import urllib.request
 from xml.sax.saxutils import escape, quoteattr
 
-import xmppclient
-from xmppclient import CONFIG, DEVICE, OWNER, PUBSUB, Server, condition, connect, form, item
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "scripts"))
+import database as postgresql  # noqa: E402
+import xmppclient  # noqa: E402
+from xmppclient import CONFIG, DEVICE, OWNER, PUBSUB, Server, condition, connect, form, item  # noqa: E402
 
 RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "ejabberd", "run")
+DATABASE = os.environ.get("PUBSUB_TEST_DATABASE", "mnesia")  # where the servers keep their data, or postgresql
 ACCOUNTS = ("owner", "bob", "carol")
 PASSWORD = "secret"
 
@@ -22,14 +26,16 @@ PASSWORD = "secret"
 class Instance:
     """A running server in a temporary folder: a single one, the first member of a cluster, or one that joins.
 
-    A folder that is given has the data and its accounts already; it is removed all the same.
+    A folder that is given has the data, in mnesia, and its accounts already; it is removed all the same.
     """
 
-    def __init__(self, options=(), member=None, join=None, folder=None):
+    def __init__(self, options=(), member=None, join=None, folder=None, database=DATABASE):
         self.folder = folder or tempfile.mkdtemp(prefix="pubsub-server-")
         arguments = [each for option in options for each in ("--option", option)]
         arguments += ["--member", member] if member else []
         arguments += ["--join", join] if join else []
+        # A member that joins uses the database of the others.
+        arguments += ["--database", database] if database != "mnesia" and join is None and folder is None else []
         try:
             self._run("up", self.folder, *arguments)
             for name in ACCOUNTS if join is None and folder is None else ():
@@ -59,6 +65,19 @@ class Instance:
         """Kills the server with SIGKILL and waits until it is gone."""
         os.kill(int(self.server.env["SERVER_PID"]), 9)
         self._run("down", self.folder)
+
+    def kill_database(self):
+        """Kills the server's own database with SIGKILL; `start` starts it again."""
+        with open(self.folder + "/log/database.pid") as file:
+            os.kill(int(file.read().split()[0]), 9)
+
+    def start_database(self):
+        """Starts the database alone."""
+        postgresql.start(self.folder + "/database", self.folder + "/log/database.pid", self.folder + "/log/database.log")
+
+    def query(self, statement):
+        """What the statement returns in the server's own database, as text."""
+        return postgresql.query(self.folder + "/database", statement).strip()
 
     def evaluate(self, expressions):
         """The values of Erlang expressions in the server, as text. Only a member of a cluster accepts this."""
@@ -98,10 +117,11 @@ class ServerTest(unittest.TestCase):
 
     options = ()
     member = None
+    database = DATABASE
 
     @classmethod
     def setUpClass(cls):
-        cls.instance = Instance(cls.options, cls.member)
+        cls.instance = Instance(cls.options, cls.member, database=cls.database)
 
     @classmethod
     def tearDownClass(cls):
@@ -219,14 +239,21 @@ class ServerTest(unittest.TestCase):
         return [each.text for each in self.take(client, count, node)]
 
     def settle(self, *clients, node=None):
-        """Returns when the node's writer has handled all requests so far, and the clients have read the results."""
+        """Returns when the service has handled all requests so far, and the clients have read the results.
+
+        Items are sent in portions, so a client asks again until nothing more has come.
+        """
         for client in clients:
             client.sync()
         if self.settler is None or self.settler.ended:
             self.settler = self.client("carol")
         self.succeed(self.ext(self.settler, "<deactivate node=%s/>" % quoteattr(node or self.node)))
         for client in clients:
-            client.sync()
+            before = None
+            while before != client.unread():
+                before = client.unread()
+                self.succeed(self.ext(client, "<deactivate node='/none'/>"))
+                client.sync()
 
     def assert_quiet(self, client, node=None):
         self.settle(client, node=node)

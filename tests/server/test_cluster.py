@@ -11,7 +11,7 @@ class Cluster(ServerTest):
 
     def setUp(self):
         super().setUp()
-        self.first = Instance(["key_rate=100000", "key_burst=100000"], member="127.0.0.1")
+        self.first = Instance(["key_rate=100000", "key_burst=100000"], member="127.0.0.1", database=self.database)
         self.addCleanup(self.first.remove)
         self.second = Instance((), member="127.0.0.2", join=self.first.folder)
         self.addCleanup(self.second.remove)

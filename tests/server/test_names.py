@@ -76,15 +76,15 @@ class Names(Inside):
         self.succeed(self.create(owner, access_model="open"))
         self.succeed(self.subscribe(bob))
         self.instance.evaluate("ejabberd_hooks:add(pubsub_publish_item, <<\"localhost\">>, "
-                               "fun(_, _, _, _, _, _) -> persistent_term:get(held, false) orelse begin "
-                               "persistent_term:put(held, true), register(held, self()), "
+                               "fun(_, _, _, _, _, _) -> persistent_term:get(held, none) == none andalso begin "
+                               "persistent_term:put(held, self()), "
                                "receive go -> ok after 30000 -> ok end end end, 10)")
         request = publisher.send_iq("set", self.publish_stanza("old"))
-        self.wait_for(lambda: self.instance.evaluate("whereis(held)") != "undefined")
+        self.wait_for(lambda: self.instance.evaluate("persistent_term:get(held, none)") != "none")
         self.succeed(self.delete(owner))
         self.succeed(self.create(owner, access_model="open"))
         self.succeed(self.subscribe(bob))
-        self.instance.evaluate("held ! go")
+        self.instance.evaluate("persistent_term:get(held) ! go")
         self.refused(publisher.wait_iq(request), "item-not-found")
         bob.sync()
         bob.messages()

@@ -127,6 +127,11 @@ class Client:
         return self._wait(lambda each: each.tag == CLIENT + "presence" and (predicate is None or predicate(each)),
                           deadline)
 
+    def unread(self):
+        """How many stanzas wait in the inbox."""
+        with self._lock:
+            return len(self._inbox)
+
     def messages(self):
         """Takes all messages received so far."""
         with self._lock:
