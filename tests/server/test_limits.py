@@ -140,7 +140,7 @@ class Bounds(ServerTest):
 
 
 class Ages(ServerTest):
-    options = ("max_age=1", "device_age=2", "sweep_interval=1")
+    options = ("max_age=1", "device_age=6", "sweep_interval=1")
 
     def test_items_and_then_the_device_age_out(self):
         owner, bob = self.client("owner"), self.device("bob", "old")
