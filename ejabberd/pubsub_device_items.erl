@@ -44,6 +44,10 @@
 %% In memory: id = {NodeId, Number}; for how many devices a body is, if it is for several.
 -record(pubsub_device_share, {id, count}).
 
+%% In memory, each member its own: id = {NodeId, DeviceId}; the device has taken an item of the number `taken`, and its
+%% cursor has not followed yet.
+-record(pubsub_device_lagging, {id, taken}).
+
 -record(numbers, {shard, last = 0, reserved = 0, members = []}).
 
 %% The cost of a copy without text: its record, its entries in the other tables, and their share of the log.
@@ -51,8 +55,6 @@
 
 %% How far ahead of the last number, in microseconds, the floor is written.
 -define(RESERVE, 1000000).
-
--define(LAGGING, pubsub_device_lagging).
 
 %%% start and regular work
 
@@ -65,8 +67,7 @@ init() ->
     Create(pubsub_device_oldest, ram_copies, ordered_set, record_info(fields, pubsub_device_oldest), []),
     Create(pubsub_device_queue, ram_copies, ordered_set, record_info(fields, pubsub_device_queue), []),
     Create(pubsub_device_share, ram_copies, set, record_info(fields, pubsub_device_share), []),
-    ets:whereis(?LAGGING) == undefined
-        andalso ets:new(?LAGGING, [named_table, public, {write_concurrency, true}]),
+    Create(pubsub_device_lagging, ram_copies, set, record_info(fields, pubsub_device_lagging), [{local_content, true}]),
     pubsub_device_old:convert(),
     global:trans({?MODULE, self()}, fun load_copies/0, pubsub_device_commit:members()).
 
@@ -98,10 +99,10 @@ floor_of(NodeId, DeviceId) ->
 
 %% Writes the cursors of devices that took a shared item, if there is still one up to there.
 tick() ->
-    lists:foreach(fun follow/1, ets:tab2list(?LAGGING)).
+    lists:foreach(fun follow/1, ets:tab2list(pubsub_device_lagging)).
 
-follow({{NodeId, DeviceId}, Taken} = Lagging) ->
-    ets:delete_object(?LAGGING, Lagging),
+follow(#pubsub_device_lagging{id = {NodeId, DeviceId}, taken = Taken} = Lagging) ->
+    ets:delete_object(pubsub_device_lagging, Lagging),
     Floor = case first(DeviceId, NodeId) of
                 none -> Taken;
                 First -> First - 1
@@ -377,9 +378,9 @@ release(NodeId, Number, DeviceId) ->
 
 %% Two processes may note a number at once; the lower one does no harm, since the cursor then follows later.
 lag(Id, Number) ->
-    case ets:lookup(?LAGGING, Id) of
-        [{_, Taken}] when Taken >= Number -> ok;
-        _ -> ets:insert(?LAGGING, {Id, Number}), ok
+    case ets:lookup(pubsub_device_lagging, Id) of
+        [#pubsub_device_lagging{taken = Taken}] when Taken >= Number -> ok;
+        _ -> ets:insert(pubsub_device_lagging, #pubsub_device_lagging{id = Id, taken = Number}), ok
     end.
 
 %% All copies of a device that is forgotten.
