@@ -16,7 +16,6 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <string_view>
 #include <vector>
 
 #include "session/pubsubsession.h"
@@ -81,12 +80,12 @@ bool makeStateDir(CallSite site) {
 }
 
 // A longer record would be read in two pieces, and the second piece would have the whole file deleted.
-bool fitsLine(std::string_view record, CallSite site) {
-    if (record.size() <= kRecordLength)
+bool fitsLine(std::size_t length, CallSite site) {
+    if (length <= kRecordLength)
         return true;
     PrvPrintErr(
         site, "Handler record of %zu characters not saved, the limit is %zu. Use a shorter node or endpoint.",
-        record.size(), kRecordLength);
+        length, kRecordLength);
     return false;
 }
 
@@ -113,8 +112,13 @@ bool writeRecord(FILE* file, const std::string& record, CallSite site) {
     return false;
 }
 
-std::string recordText(const std::string& node, const std::string& endpoint, bool app) {
-    return JsonObject().set("node", node).set("app", app).set("endpoint", endpoint).text();
+// Not built as an object: the main loop waits while thousands of records are written.
+void appendRecordText(std::string& text, const std::string& node, const std::string& endpoint, bool app) {
+    text += R"({ "node": )";
+    appendJsonString(text, node);
+    text += app ? R"(, "app": true, "endpoint": )" : R"(, "app": false, "endpoint": )";
+    appendJsonString(text, endpoint);
+    text += " }";
 }
 
 // The shortest form of a record: no spaces, no escaped slashes, and no "app" when it equals that of the
@@ -146,15 +150,19 @@ class Rewrite {
   private:
     // A record that is too long in its full form is written in its short form.
     void add(const std::string& node, const std::string& endpoint, bool app) {
-        const std::string full = recordText(node, endpoint, app);
-        const std::string record =
-            full.size() <= kRecordLength ? full : shortRecordText(node, endpoint, app, m_app);
-        if (record.size() > kRecordLength) {
-            fitsLine(full, m_site);
-            m_complete = false;
-            return;
+        const std::size_t start = m_text.size();
+        appendRecordText(m_text, node, endpoint, app);
+        if (const std::size_t length = m_text.size() - start; length > kRecordLength) {
+            m_text.resize(start);
+            const std::string record = shortRecordText(node, endpoint, app, m_app);
+            if (record.size() > kRecordLength) {
+                fitsLine(length, m_site);
+                m_complete = false;
+                return;
+            }
+            m_text += record;
         }
-        m_text += record + std::string("\0\n", 2);
+        m_text.append("\0\n", 2);
         m_app = app;
     }
 
@@ -205,14 +213,14 @@ bool canBeRewritten(const std::string& record, CallSite site) {
     Record parsed;
     bool app = false;
     return !parseRecord(record, parsed, app) ||
-           fitsLine(shortRecordText(parsed.node, parsed.endpoint, false, false), site);
+           fitsLine(shortRecordText(parsed.node, parsed.endpoint, false, false).size(), site);
 }
 
 bool appendRecord(const char* line, CallSite site) {
     std::string record(line);
     std::replace_if(
         record.begin(), record.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
-    if (!fitsLine(record, site) || !canBeRewritten(record, site))
+    if (!fitsLine(record.size(), site) || !canBeRewritten(record, site))
         return false;
     const File file = openHandlerFile("a", site);
     return file && writeRecord(file.get(), record, site);

@@ -44,6 +44,27 @@ std::string jsonLine(json_object* object) {
     return json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
 }
 
+void appendJsonString(std::string& text, std::string_view value) {
+    constexpr std::string_view kEscaped = "\b\n\r\t\f\"\\/";
+    constexpr std::string_view kLetters = "bnrtf\"\\/";
+    constexpr char kHex[] = "0123456789abcdef";
+    text += '"';
+    for (const char c : value) {
+        const std::size_t at = kEscaped.find(c);
+        if (at != std::string_view::npos) {
+            text += '\\';
+            text += kLetters[at];
+        } else if (static_cast<unsigned char>(c) < ' ') {
+            text += "\\u00";
+            text += kHex[c >> 4];
+            text += kHex[c & 0xf];
+        } else {
+            text += c;
+        }
+    }
+    text += '"';
+}
+
 std::string textMember(json_object* object, const char* key) {
     json_object* const value = jsonMember(object, key);
     if (!json_object_is_type(value, json_type_string))

@@ -29,6 +29,8 @@ bool isJson(const std::string& text);
 std::string jsonText(json_object* object);
 // The form without blanks, slashes not escaped: {"key":"value"}
 std::string jsonLine(json_object* object);
+// Appends a JSON string exactly as jsonText() writes it, in a tenth of the time that an object takes.
+void appendJsonString(std::string& text, std::string_view value);
 
 // The member `key` of an object, borrowed. Null when `object` is no object, has no such member, or
 // it is null.

@@ -326,6 +326,22 @@ TEST_F(HandlerFile, RewriteIsOnTheDiskBeforeItTakesTheOldOnesName) {
     EXPECT_EQ(synced[1].size, text().size());
 }
 
+TEST_F(HandlerFile, RewriteIsOneWriteHoweverManyRecordsThereAre) {
+    bool present = false;
+    std::string expected;
+    for (int i = 0; i < 10'000; ++i) {
+        const std::string number = std::to_string(100'000 + i);  // sorted as the map sorts them
+        session().addNodeToMap("/u/dev/" + number, "zelt://com.example/" + number, false, present);
+        expected +=
+            line(rewrittenRecord(R"(\/u\/dev\/)" + number, false, R"(zelt:\/\/com.example\/)" + number));
+    }
+    ASSERT_TRUE(rewrite());
+    syncs().watch(file());
+    ASSERT_TRUE(rewrite());
+    EXPECT_EQ(syncs().writes, 1);
+    EXPECT_EQ(text(), expected);
+}
+
 TEST_F(HandlerFile, RewriteKeepsWhoMayReadTheFile) {
     writeFile(file(), "");
     chmod(file().c_str(), 0600);

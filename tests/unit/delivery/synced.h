@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Records what this test program syncs to disk: its own fsync() replaces the C library's, for GLib too.
+// Records what this test program syncs to disk, and counts its writes: its own fsync() and write() replace
+// those of the C library, for GLib too.
 #pragma once
 
 #include <filesystem>
@@ -15,10 +16,12 @@ struct Synced {
 struct Syncs {
     std::filesystem::path watched;
     std::vector<Synced> all;
+    int writes = 0;  // to files whose name begins as that of the watched one
     // Forgets what was synced before.
     void watch(const std::filesystem::path& file) {
         watched = file;
         all.clear();
+        writes = 0;
     }
 };
 

@@ -78,6 +78,18 @@ TEST(BuiltObject, OwnsWhatIsPutIn) {
     EXPECT_EQ(jsonLine(released.get()), R"({"inner":{"a":1},"none":null})");
 }
 
+TEST(AppendedString, ReadsAsInTheTextOfAnObject) {
+    std::string everyByte;
+    for (int byte = 0; byte < 256; ++byte)
+        everyByte += static_cast<char>(byte);
+    for (const std::string& value : {everyByte, std::string(), std::string("zelt://com.example/\xc3\xa4")}) {
+        std::string text = "before";
+        appendJsonString(text, value);
+        EXPECT_EQ(R"({ "key": )" + text.substr(6) + " }", JsonObject().set("key", value).text());
+        EXPECT_TRUE(text.starts_with("before"));
+    }
+}
+
 TEST(BuiltArray, HoldsItsEntriesInOrder) {
     JsonArray array;
     array.add("a\0b"s).add(JsonObject().set("n", 1).release());
