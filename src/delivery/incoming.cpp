@@ -3,11 +3,13 @@
 //
 // An item goes to the first of these that takes it: the registered services, the public subscriber, the
 // cache. Only then is its number stored, and only after that is it acknowledged, so that a crash repeats the
-// item rather than losing it. Keeps no state of its own.
+// item rather than losing it. Items that arrive in one piece of input, which is one read of the socket, share
+// the commit of their numbers, since each commit syncs the disk. Keeps PubSubSession::m_handledItems until then.
 #include <gloox/message.h>
 #include <gloox/tag.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "platform/bus/qsraii.h"
 #include "session/pubsubsession.h"
@@ -116,20 +118,14 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     }
     const std::string& seqNo = item->findAttribute("seqNo");
     const std::string& itemId = item->findAttribute("id");
-    const gloox::JID service(m_pubsubService);
-    const auto acknowledge = [&] {
-        if (m_pubsub)
-            m_pubsub->ackItem(service, node, itemId);
-    };
-
     if (isForeign(node, *this)) {
         PrvPrintErr({}, "Item dropped, its node %s belongs to another account", node.c_str());
-        acknowledge();
+        acknowledge(node, itemId);
         return;
     }
     activated(node, false);
     if (isStalePacket(node, seqNo)) {
-        acknowledge();
+        acknowledge(node, itemId);
         std::string ignored;
         if (subMap.contains(node))
             activateNode(node, ignored);
@@ -145,7 +141,26 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     }
     // The number is stored before the ack, so after a crash between them the repeated item is stale.
     persistSeqNo(node, seqNo);
-    acknowledge();
+    acknowledge(node, itemId);
+}
+
+bool PubSubSession::isHandlingInput() const {
+    return m_client && m_client->isHandlingInput();
+}
+
+// A stale item waits for the commit too: the number that makes it stale may be in it.
+void PubSubSession::acknowledge(const std::string& node, const std::string& itemId) {
+    m_handledItems.emplace_back(node, itemId);
+    if (!isHandlingInput())
+        settleItems();
+}
+
+// A commit that fails is logged by the store. The items are acknowledged all the same: they were delivered.
+void PubSubSession::settleItems() {
+    commitSeqNos();
+    for (const auto& [node, itemId] : std::exchange(m_handledItems, {}))
+        if (m_pubsub)
+            m_pubsub->ackItem(pubsubService(), node, itemId);
 }
 
 bool PubSubSession::sendMessageToServices(json_object* serviceObject, const std::string& node) {

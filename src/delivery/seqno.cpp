@@ -3,8 +3,11 @@
 //
 // Stored only in the service's preferences, under the node's name, as {"seqNo": "42"}; it survives a
 // restart. The deletion store uses keys that begin with "delete" in the same preferences, so the number of a
-// node whose name begins with that word is stored under another key. Every write is committed immediately.
+// node whose name begins with that word is stored under another key. The numbers of items that arrive in one
+// piece of input are committed together, any other at once.
 #include <glib.h>
+
+#include <utility>
 
 #include "session/preferences.h"
 #include "session/pubsubsession.h"
@@ -76,7 +79,14 @@ void PubSubSession::persistSeqNo(const std::string& node, const std::string& seq
     record.set("seqNo", seqNo.c_str());
     if (store.write(keyOf(node), record.get()) && hasNumberUnderRecordKey(store, node))
         store.remove(node);
-    store.commit();
+    m_seqNosWritten = true;
+    if (!isHandlingInput())
+        commitSeqNos();
+}
+
+void PubSubSession::commitSeqNos() {
+    if (std::exchange(m_seqNosWritten, false))
+        preferences().commit({}, "persistSeqNo");
 }
 
 bool PubSubSession::moveNumberAside(Preferences& store, const std::string& key) {

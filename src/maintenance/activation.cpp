@@ -49,11 +49,13 @@ bool PubSubSession::activateNode(const std::string& node, std::string& requestId
         requestId.clear();
         return false;
     }
+    // The server is told no number that is not on disk.
+    settleItems();
     std::string seqNo;
     getSeqNo(node, seqNo);
     requestId.clear();
     if (m_pubsub)
-        requestId = m_pubsub->activateNode(gloox::JID(m_pubsubService), node, seqNo, this);
+        requestId = m_pubsub->activateNode(pubsubService(), node, seqNo, this);
     return true;
 }
 
@@ -78,7 +80,7 @@ void PubSubSession::activateNodes() {
         nodes.push_back(node);
     for (const auto& [node, application] : m_offlineMap)
         nodes.push_back(node);
-    m_pubsub->bulkActivate(gloox::JID(m_pubsubService), nodes, this);
+    m_pubsub->bulkActivate(pubsubService(), nodes, this);
 }
 
 void PubSubSession::handleActivateNode(const std::string& id, const gloox::JID& service,

@@ -278,7 +278,7 @@ bool PubSubSession::cleanupNodes(const std::string& appId, const std::string& st
         removeActivateMap(node);
     }
     const std::string id =
-        m_pubsub ? m_pubsub->bulkDelete(gloox::JID(m_pubsubService), nodes, this) : std::string();
+        m_pubsub ? m_pubsub->bulkDelete(pubsubService(), nodes, this) : std::string();
     if (id.empty())
         PrvPrintErr({}, "Bulk delete local call failed");
     else

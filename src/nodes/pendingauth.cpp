@@ -115,14 +115,14 @@ void PubSubSession::handlePendingRequest(const std::string& id, const std::strin
     m_pendingList.remove_if([&](const std::string& pending) {
         if (!keptRequest(listenerKey(pending)))
             return false;
-        m_pubsub->getPendingNodeRequest(gloox::JID(m_pubsubService), pending, node, this);
+        m_pubsub->getPendingNodeRequest(pubsubService(), pending, node, this);
         return true;
     });
     if (m_pendingList.empty() || m_pendingCursor != kNoCursor)
         return;
     PrvPrintErr({}, "We had an handler for non existent node?, Resetting pending list");
     m_pendingCursor = 0;  // the answer to this request does not repeat it
-    m_pubsub->getPendingRequest(gloox::JID(m_pubsubService), this);
+    m_pubsub->getPendingRequest(pubsubService(), this);
 }
 
 void PubSubSession::handlePendingNodeRequest(const std::string&, const gloox::JID& service,

@@ -71,7 +71,7 @@ bool PubSubSession::createSession() {
     m_client->setCACerts({caFile()});
     m_client->setTls(gloox::TLSRequired);
     m_client->setCompression(false);
-    m_client->setPubSubService(gloox::JID(m_pubsubService));
+    m_client->setPubSubService(pubsubService());
     auto* manager = new xmpp::Manager(m_client);
     manager->setAwaited([this](const std::string& id) { return isAwaited(id); });
     if (m_pubsub)
@@ -118,6 +118,7 @@ bool PubSubSession::connectToServer(std::string ip) {
     if (m_debugLog)
         m_client->logInstance().registerLogHandler(gloox::LogLevelDebug, kAllLogAreas, this);
     m_client->registerMessageHandler(this);
+    m_client->setMessagesDone([this] { settleItems(); });
     m_client->registerConnectionListener(this);
     m_client->disco()->registerDiscoHandler(this);
     if (!m_client->connect(ip, m_mainLoop ? g_main_loop_get_context(m_mainLoop) : nullptr))
@@ -187,7 +188,7 @@ void PubSubSession::onConnect() {
     setPingTimer();
     m_spare3 = false;
     if (m_client)
-        m_client->setPresence(gloox::JID(m_pubsubService), gloox::Presence::Available, 0, "online");
+        m_client->setPresence(pubsubService(), gloox::Presence::Available, 0, "online");
     activateDeferredSubscribers();
     if (m_bootFinished && !m_activationDone)
         activateNodes();

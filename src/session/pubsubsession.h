@@ -19,6 +19,8 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/bus/qsraii.h"
 #include "session/copiedempty.h"
@@ -54,6 +56,8 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void getSessionDetails(std::string& jid, std::string& password, std::string& resource,
                            std::string& server, std::string& service, int& port);
     void setDomain(const std::string& domain);
+    // The JID in m_pubsubService, prepared once for each text.
+    const gloox::JID& pubsubService();
     void createCacheDir();
     void turnOffTls();
 
@@ -187,7 +191,9 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // delivery/seqno.cpp
     bool getSeqNo(const std::string& node, std::string& seqNo);
     bool getSeqNo(const std::string& node, uint64_t& seqNo);
+    // Commits, unless a piece of the server's input is being handled: its numbers have one commit.
     void persistSeqNo(const std::string& node, const std::string& seqNo);
+    void commitSeqNos();  // those that persistSeqNo did not commit
     bool isStalePacket(const std::string& node, const std::string& seqNo);
     // Moves a number that an earlier release stored under `key`, a key of the deletion store, to the node's
     // own key. False when there is none; the caller commits.
@@ -216,6 +222,11 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
 
     // delivery/incoming.cpp
     void handleIncomingItem(const gloox::Tag& items);
+    // Acknowledges the item, with the others of its piece of input once that has been handled.
+    void acknowledge(const std::string& node, const std::string& itemId);
+    // Commits the numbers of the items that were delivered, and acknowledges the items, in their order.
+    void settleItems();
+    bool isHandlingInput() const;
     bool sendMessageToServices(json_object* serviceObject, const std::string& node);
     bool sendMessageToApp(json_object* serviceObject, json_object* appObject, const std::string& node);
 
@@ -307,6 +318,11 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     guint m_writeTimer = 0;          // timer for the waiting requests; 0 while none waits
     QSMessage* m_writing = nullptr;  // the waiting request that is being handled
     std::map<std::string, std::weak_ptr<void>> m_creating;  // application -> shared by its pending creations
+    std::string m_preparedText;                             // the text that m_preparedService was made of
+    gloox::JID m_preparedService;
+    // Node and id of the items of this piece of input, which are to be acknowledged in their order.
+    std::vector<std::pair<std::string, std::string>> m_handledItems;
+    bool m_seqNosWritten = false;  // numbers of these items wait for their commit
 
     // Watch on the XMPP socket, borrowed from the main context; null when there is none.
     static GSource* m_source;

@@ -25,6 +25,14 @@ PubSubSession::~PubSubSession() {
     delete m_pubsub;
 }
 
+const gloox::JID& PubSubSession::pubsubService() {
+    if (m_preparedText != m_pubsubService) {
+        m_preparedText = m_pubsubService;
+        m_preparedService = gloox::JID(m_pubsubService);
+    }
+    return m_preparedService;
+}
+
 bool PubSubSession::ownsNothing() const {
     return !m_client && !m_pubsub && !m_prefsHandle && !m_offlinePrefHandle && m_writeTimer == 0;
 }

@@ -193,10 +193,18 @@ void Client::handleConnect(const gloox::ConnectionBase* connection) {
 
 void Client::handleReceivedData(const gloox::ConnectionBase* connection, const std::string& data) {
     Busy busy(*this);
+    m_handlingInput = true;
     if (m_encryptionActive)
         gloox::Client::handleReceivedData(connection, data);
     else
         parse(data);
+    m_handlingInput = false;
+    reportMessagesDone();
+}
+
+void Client::reportMessagesDone() {
+    if (m_messagesDone && !m_disposed)
+        m_messagesDone();
 }
 
 void Client::handleDecryptedData(const gloox::TLSBase*, const std::string& data) {

@@ -43,6 +43,7 @@ void Client::parse(const std::string& data) {
         return;
     const std::string& fault = m_streamParser.fault();
     if (m_relaysLog)
+    reportMessagesDone();
         gloox::Client::logInstance().err(gloox::LogAreaClassClientbase,
                                          "parse error (" + fault + "): " + data);
     PrvPrintErr({}, "The server's stream cannot be taken (%s), disconnecting", fault.c_str());
@@ -57,6 +58,10 @@ void Client::handleTag(gloox::Tag* tag) {
         return;
     if (!tag) {
         gloox::Client::handleTag(tag);
+    const bool bound = m_streamUp || m_resourceBound;
+    const bool isMessage = tag && bound && tag->name() == "message";
+    if (!isMessage)
+        reportMessagesDone();
         return;
     }
     if (isOutOfPlace(*tag)) {
@@ -64,8 +69,7 @@ void Client::handleTag(gloox::Tag* tag) {
         gloox::ClientBase::disconnect(gloox::ConnTlsFailed);
         return;
     }
-    const bool bound = m_streamUp || m_resourceBound;
-    if (bound && tag->name() == "message") {
+    if (isMessage) {
         logIncoming(*tag);
         passMessage(*tag);
         return;

@@ -75,6 +75,57 @@ TEST_F(Messages, ReachNoHandlerThatWasRemoved) {
     EXPECT_EQ(listener.count("message"), 0);
 }
 
+// --- the pieces in which they arrive
+
+class Pieces : public Messages {
+  protected:
+    // What happened, "m" for each message, "d" when those so far are done.
+    std::string events;
+    const std::string kMessage = eventFrom("pubsub.example.org");
+
+    Pieces() {
+        client->setMessagesDone([this] { events += client && client->isHandlingInput() ? "d" : "D"; });
+        listener.atMessage = [this] { events += client->isHandlingInput() ? "m" : "M"; };
+        handler.then = [this] { events += 'a'; };
+    }
+};
+
+TEST_F(Pieces, AreDoneAfterTheirLastMessage) {
+    say(kMessage + kMessage);
+    EXPECT_EQ(events, "mmD");
+    say(kMessage.substr(0, 30));
+    say(kMessage.substr(30));
+    EXPECT_EQ(events, "mmDDmD");
+}
+
+TEST_F(Pieces, HaveTheirMessagesDoneBeforeAnyOtherStanza) {
+    const std::string id = manager->getKey(service, "/a", &handler);
+    say(kMessage + "<iq type='result' id='" + id + "' from='pubsub.example.org'/>" + kMessage);
+    EXPECT_EQ(events, "mdamD");
+}
+
+TEST_F(Pieces, HaveTheirMessagesDoneBeforeTheStreamEnds) {
+    listener.atDisconnect = [this] { events += 'x'; };
+    say(kMessage + "</stream:stream>");
+    EXPECT_EQ(events, "mdxD");
+}
+
+TEST_F(Pieces, HaveTheirMessagesDoneBeforeMalformedInputEndsTheStream) {
+    listener.atDisconnect = [this] { events += 'x'; };
+    say(kMessage + "<a></b>");
+    EXPECT_EQ(events, "mdxD");
+}
+
+TEST_F(Pieces, OfAClientThatIsDisposedOfAreNotReported) {
+    listener.atMessage = [this] {
+        events += 'm';
+        disposeClient();
+    };
+    say(kMessage + kMessage + "<iq/>");
+    settle();
+    EXPECT_EQ(events, "m");
+}
+
 struct LogLines : gloox::LogHandler {
     std::vector<std::string> incoming;
     int lines = 0;
