@@ -59,7 +59,7 @@ Client::~Client() {
 
 void Client::setPubSubService(const gloox::JID& service) {
     m_service = service;
-    m_serviceSpelling = service ? service.full() : std::string();
+    m_senders.clear();
 }
 
 void Client::setConnectionFactory(ConnectionFactory factory) {

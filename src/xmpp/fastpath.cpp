@@ -17,6 +17,8 @@ namespace xmpp {
 namespace {
 
 const std::string kStreamManagement = "urn:xmpp:sm:3";
+constexpr std::size_t kSenders = 8;
+constexpr std::size_t kLongestJid = 3071;  // RFC 7622, section 3.1: three parts of 1,023 bytes
 
 bool isElement(const gloox::Tag& tag, const std::string& name, const std::string& xmlns) {
     return tag.name() == name && (tag.xmlns() == xmlns || tag.hasAttribute("xmlns", xmlns));
@@ -41,9 +43,9 @@ bool mayBePlain(const gloox::Tag& tag) {
 void Client::parse(const std::string& data) {
     if (m_disposed || m_ended || m_streamParser.feed(data))
         return;
+    reportMessagesDone();
     const std::string& fault = m_streamParser.fault();
     if (m_relaysLog)
-    reportMessagesDone();
         gloox::Client::logInstance().err(gloox::LogAreaClassClientbase,
                                          "parse error (" + fault + "): " + data);
     PrvPrintErr({}, "The server's stream cannot be taken (%s), disconnecting", fault.c_str());
@@ -56,12 +58,12 @@ void Client::parse(const std::string& data) {
 void Client::handleTag(gloox::Tag* tag) {
     if (m_disposed || m_ended)
         return;
-    if (!tag) {
-        gloox::Client::handleTag(tag);
     const bool bound = m_streamUp || m_resourceBound;
     const bool isMessage = tag && bound && tag->name() == "message";
     if (!isMessage)
         reportMessagesDone();
+    if (!tag) {
+        gloox::Client::handleTag(tag);
         return;
     }
     if (isOutOfPlace(*tag)) {
@@ -117,15 +119,21 @@ bool Client::isForeignEvent(const gloox::Tag& message) {
 }
 
 bool Client::isFromService(const std::string& from) {
-    if (!m_service || from.empty())
+    if (!m_service || from.empty() || from.size() > kLongestJid)
         return false;
-    if (from == m_serviceSpelling)
-        return true;
-    const gloox::JID sender(from);
-    if (!sender || sender.full() != m_service.full())
-        return false;
-    m_serviceSpelling = from;
-    return true;
+    const auto known = std::find_if(m_senders.begin(), m_senders.end(),
+                                    [&from](const Sender& sender) { return sender.text == from; });
+    if (known != m_senders.end())
+        return known->isService;
+    if (m_senders.size() == kSenders)
+        m_senders.pop_back();
+    m_senders.push_front({from, isService(from)});
+    return m_senders.front().isService;
+}
+
+bool Client::isService(const std::string& jid) const {
+    const gloox::JID prepared(jid);
+    return prepared && prepared.full() == m_service.full();
 }
 
 void Client::logIncoming(const gloox::Tag& tag) {
