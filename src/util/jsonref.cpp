@@ -50,7 +50,9 @@ void appendJsonString(std::string& text, std::string_view value) {
     constexpr char kHex[] = "0123456789abcdef";
     text += '"';
     for (const char c : value) {
-        const std::size_t at = kEscaped.find(c);
+        // Most characters are none of these, and a search for each takes most of the time.
+        const bool isPlain = static_cast<unsigned char>(c) >= ' ' && c != '"' && c != '\\' && c != '/';
+        const std::size_t at = isPlain ? std::string_view::npos : kEscaped.find(c);
         if (at != std::string_view::npos) {
             text += '\\';
             text += kLetters[at];
