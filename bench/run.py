@@ -24,6 +24,7 @@ from server_load import server_load  # noqa: E402
 
 NODE = "/bench/node"
 PAYLOAD = "x" * 100
+SYNC_DELAY = 1000  # microseconds; a sync of the flash of a small device takes about so much longer
 
 
 def wait_until(condition, what, seconds=20):
@@ -79,23 +80,31 @@ class Device:
             f'{{"node":"{NODE}","endpoint":"zelt://com.zelt.bench.sink/item","app":false}}\0\n'.encode())
         self.environment = dict(device.environment(), xmpp_config="plain", PUBSUB_CA_FILE="/dev/null")
 
-    def start(self, name, *command, ready=False):
+    def start(self, name, *command, ready=False, **environment):
         log = open(self.folder / f"{name}.log", "ab")
-        process = subprocess.Popen([str(part) for part in command], env=self.environment, stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.PIPE if ready else log, stderr=log, text=ready)
+        process = subprocess.Popen([str(part) for part in command], env=dict(self.environment, **environment),
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE if ready else log, stderr=log,
+                                   text=ready)
         self.processes.append(process)
         if ready and process.stdout.readline().strip() != "ready":
             sys.exit(f"{name} did not start")
         return process
 
-    def connect_service(self):
+    def connect_service(self, sync_delay=0):
+        """Starts the service; each of its syncs takes `sync_delay` microseconds longer."""
+        environment = {}
+        if sync_delay:
+            shim = str(self.folder / "slowdisk.so")
+            subprocess.run(["cc", "-shared", "-fPIC", f"-DDELAY_US={sync_delay}", "-o", shim,
+                            str(ROOT / "tests" / "e2e" / "slowdisk.c"), "-ldl"], check=True)
+            environment["LD_PRELOAD"] = shim
         self.start("host", BIN / "zelt-host")
-        service = self.start("service", BIN / "pubsubservice")
+        service = self.start("service", BIN / "pubsubservice", **environment)
         self.server.login()
         return service
 
-    def output(self, *command):
-        return subprocess.run([str(part) for part in command], env=self.environment, check=True,
+    def output(self, *command, **environment):
+        return subprocess.run([str(part) for part in command], env=dict(self.environment, **environment), check=True,
                               capture_output=True, text=True).stdout
 
     def close(self):
@@ -152,7 +161,7 @@ def measure_requests(device, service, table, scale):
 
 
 def append_and_sync(folder, count):
-    """Records per second that can be appended, each with an fdatasync."""
+    """The microseconds that appending a record with an fdatasync takes."""
     path = pathlib.Path(folder) / "append"
     record = b'{ "seqNo": "1234567890123456" }' + b" " * 97
     descriptor = os.open(path, os.O_CREAT | os.O_WRONLY | os.O_APPEND, 0o600)
@@ -162,10 +171,28 @@ def append_and_sync(folder, count):
         os.fdatasync(descriptor)
     seconds = time.monotonic() - start
     os.close(descriptor)
-    return count / seconds
+    return seconds * 1e6 / count
 
 
-def measure_items(device, table, where, count, compare_with_sync):
+def parts_alone(device, count, **environment):
+    """Each part of the delivery of an item and the microseconds that it takes alone."""
+    sink = device.start("sink", BIN / "bench_sink", str(count), ready=True)
+    alone = device.output(BIN / "bench_parts", str(count), NODE, PAYLOAD, **environment)
+    sink.kill()
+    return {line.split()[0]: float(line.split()[1]) for line in alone.splitlines()}
+
+
+def parts_and_sync(device, count, tmpfs, sync_delay):
+    """The microseconds of all parts, with a store that costs no sync, and of a sync."""
+    with tempfile.TemporaryDirectory(prefix="bench-", dir=tmpfs) as prefs:
+        parts = parts_alone(device, count, ZELT_PREFS_DIR=prefs)
+    return sum(parts.values()) + append_and_sync(device.folder, count) + sync_delay
+
+
+def measure_items(device, table, where, count, tmpfs=None, sync_delay=0):
+    """Items sent as fast as the service reads them, beside the sum of their parts; with `tmpfs`, which is a folder
+    on one, beside the parts and a sync for each item."""
+    what = f"items to the handler, store on {where}"
     number, parts, beside_parts, beside_sync = 1, [], [], []
 
     def push(items):
@@ -180,19 +207,31 @@ def measure_items(device, table, where, count, compare_with_sync):
     push(count // 5 + 1)  # the first run lets the store's log file grow to its size
     for _ in range(5):
         rate = push(count)
-        sink = device.start("sink", BIN / "bench_sink", str(count), ready=True)
-        alone = device.output(BIN / "bench_parts", str(count), NODE, PAYLOAD)
-        sink.kill()
-        parts.append({line.split()[0]: float(line.split()[1]) for line in alone.splitlines()})
-        beside_parts.append((rate, 1e6 / sum(parts[-1].values())))
-        if compare_with_sync:
-            beside_sync.append((rate, append_and_sync(device.folder, count)))
-    table.add(f"items to the handler, store on {where}", "items/s", "sum of the parts", beside_parts, at_least=0.8)
+        if tmpfs:
+            beside_sync.append((rate, 1e6 / parts_and_sync(device, count, tmpfs, sync_delay)))
+        if not sync_delay:
+            parts.append(parts_alone(device, count))
+            beside_parts.append((rate, 1e6 / sum(parts[-1].values())))
+    if tmpfs:
+        # Items that arrive together share a sync, which shows where a sync takes long.
+        table.add(what, "items/s", "1 / (parts + sync)", beside_sync, at_least=2 if sync_delay else 0.9)
+    if sync_delay:
+        return
+    table.add(what, "items/s", "sum of the parts", beside_parts, at_least=0.8)
     print(f"parts on {where}, us an item: " +
           ", ".join(f"{name} {statistics.median(part[name] for part in parts):.1f}" for name in parts[0]), flush=True)
-    if compare_with_sync:
-        table.add(f"items to the handler, store on {where}", "items/s", "append + fdatasync", beside_sync,
-                  at_least=0.9)
+
+
+def measure_slow_disk(arguments, table, scale):
+    where = f"disk, {SYNC_DELAY / 1000:g} ms more a sync"
+    print(f"items, store on {where}", flush=True)
+    with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.disk) as folder:
+        device = Device(folder)
+        try:
+            device.connect_service(SYNC_DELAY)
+            measure_items(device, table, where, 5000 // scale, arguments.tmpfs, SYNC_DELAY)
+        finally:
+            device.close()
 
 
 def switches(pid):
@@ -252,12 +291,14 @@ def main():
                         measure_requests(device, service, table, scale)
                     print(f"items, store on {where}", flush=True)
                     count = (20000 if where == "tmpfs" else 5000) // scale
-                    measure_items(device, table, where, count, where == "disk")
+                    measure_items(device, table, where, count, arguments.tmpfs if where == "disk" else None)
                 if where == "tmpfs":
                     print("at rest", flush=True)
                     measure_idle(service, table, 10)
             finally:
                 device.close()
+    if not arguments.counts:
+        measure_slow_disk(arguments, table, scale)
     table.print()
     return 0 if table.all_kept() or not arguments.counts else 1
 
