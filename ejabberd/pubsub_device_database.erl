@@ -173,9 +173,9 @@ rows(Statement) ->
     {selected, _, Rows} = ask([iolist_to_binary(Statement)]),
     Rows.
 
-%% A text as it stands in a statement.
+%% A text as it stands in a statement, in the form whose escapes do not depend on the database's settings.
 text(Text) ->
     nomatch = binary:match(Text, <<0>>),
-    [$', binary:replace(Text, <<"'">>, <<"''">>, [global]), $'].
+    ["E'", binary:replace(binary:replace(Text, <<"\\">>, <<"\\\\">>, [global]), <<"'">>, <<"''">>, [global]), $'].
 
 list(Parts) -> lists:join($,, Parts).

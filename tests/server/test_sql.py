@@ -123,6 +123,33 @@ class Rows(DatabaseTest):
             "pubsub_device_queue": after["pubsub_device_queue"], "pubsub_device_number": after["pubsub_device_number"]}))
 
 
+class Texts(DatabaseTest):
+    HOSTILE = ("\\'); DELETE FROM pubsub_device_body; --", "'); DELETE FROM pubsub_device_body; --", "\\", "''", "\\\\'")
+
+    def check(self):
+        owner, bob = self.client("owner"), self.device("bob", "texts\\'")
+        for number, text in enumerate(self.HOSTILE):
+            node = "%s%d%s" % (self.node, number, text)
+            self.succeed(self.create(owner, node))
+            self.succeed(self.subscribe(bob, node=node))
+            self.publish(owner, text, text, node)
+            found = self.take(bob, node=node)[0]
+            self.assertEqual((found.id, found.text), (text, text))
+            self.ack(bob, text, node)
+            self.succeed(self.delete(owner, node))
+        bob.kill()
+
+    def test_what_looks_like_a_statement_is_a_text(self):
+        self.check()
+
+    def test_also_where_the_database_takes_backslashes_in_plain_texts_for_escapes(self):
+        self.instance.query("DO $$ BEGIN EXECUTE format('ALTER DATABASE %I SET standard_conforming_strings=off', "
+                            "current_database()); END $$")
+        self.instance.stop()
+        self.instance.start()
+        self.check()
+
+
 class Outage(DatabaseTest):
     """The database is killed while items are published."""
 
