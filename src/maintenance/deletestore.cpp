@@ -277,8 +277,7 @@ bool PubSubSession::cleanupNodes(const std::string& appId, const std::string& st
         removeSeqNo(node, *this);
         removeActivateMap(node);
     }
-    const std::string id =
-        m_pubsub ? m_pubsub->bulkDelete(pubsubService(), nodes, this) : std::string();
+    const std::string id = m_pubsub ? m_pubsub->bulkDelete(pubsubService(), nodes, this) : std::string();
     if (id.empty())
         PrvPrintErr({}, "Bulk delete local call failed");
     else
