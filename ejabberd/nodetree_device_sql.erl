@@ -58,12 +58,8 @@ write(Record) -> nodetree_tree_sql:set_node(Record).
 make(Host, Node, Type, Owner, Options, Parents) ->
     nodetree_tree_sql:create_node(Host, Node, Type, Owner, Options, Parents).
 
-%% What refers to the node goes with it, but the options of its subscriptions are only found through them.
-remove(#pubsub_node{id = Nidx}) ->
-    ejabberd_sql:sql_query_t(
-      ?SQL("delete from pubsub_subscription_opt where subid in (select split_part(one, ':', 2) from pubsub_state, "
-           "unnest(string_to_array(subscriptions, ',')) as one where nodeid=%(Nidx)d)")),
-    ejabberd_sql:sql_query_t(?SQL("delete from pubsub_node where nodeid=%(Nidx)d")).
+%% The rows that refer to the node go with it.
+remove(#pubsub_node{id = Nidx}) -> ejabberd_sql:sql_query_t(?SQL("delete from pubsub_node where nodeid=%(Nidx)d")).
 
 id({Service, NodeId}, _) ->
     case ask(?SQL("select @(nodeid)d from pubsub_node where host=%(Service)s and node=%(NodeId)s")) of
