@@ -18,11 +18,11 @@ inline void check(int result, const char* what) {
     std::exit(1);
 }
 
-// A client of the bus at ZELT_PRIVATE_BUS; `name` (null: none) is requested on it.
-inline sd_bus* connect(const char* name) {
-    const char* address = std::getenv("ZELT_PRIVATE_BUS");
+// A client of the bus whose address the variable holds; `name` (null: none) is requested on it.
+inline sd_bus* connect(const char* name, const char* variable = "ZELT_PRIVATE_BUS") {
+    const char* address = std::getenv(variable);
     if (!address) {
-        std::fprintf(stderr, "ZELT_PRIVATE_BUS is not set\n");
+        std::fprintf(stderr, "%s is not set\n", variable);
         std::exit(2);
     }
     sd_bus* bus = nullptr;

@@ -7,230 +7,26 @@
 //
 // One thread, nothing but sockets: it must not be what is measured. Prints one line of JSON: what was answered, what was
 // refused, the seconds it took, and the 50th and 99th percentile of the time from request to answer, in microseconds.
-#include <arpa/inet.h>
-#include <gnutls/gnutls.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <stdexcept>
-#include <string>
-#include <string_view>
 #include <unordered_map>
-#include <vector>
+
+#include "bench/session.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Account;
+using bench::Clock;
+using bench::Figures;
+using bench::kPubSub;
+using bench::Link;
+using bench::secondsSince;
+using bench::Session;
 
-constexpr std::size_t kPiece = 64 * 1024;
 constexpr char kIdMark[] = " id='load-";
-constexpr char kPubSub[] = "http://jabber.org/protocol/pubsub";
 constexpr char kDevice[] = "urn:zelt:pubsub:device:0";
-
-double secondsSince(Clock::time_point begin) {
-    return std::chrono::duration<double>(Clock::now() - begin).count();
-}
-
-// A connection to the server, with TLS once it was asked for. Blocking until `unblock`.
-class Link {
-  public:
-    Link(const std::string& host, int port) {
-        m_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        if (inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1 ||
-            connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-            throw std::runtime_error("cannot connect to " + host + ": " + strerror(errno));
-        const int on = 1;
-        setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    }
-    ~Link() {
-        if (m_tls)
-            gnutls_deinit(m_tls);
-        if (m_credentials)
-            gnutls_certificate_free_credentials(m_credentials);
-        close(m_socket);
-    }
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
-
-    void startTls() {
-        gnutls_certificate_allocate_credentials(&m_credentials);
-        gnutls_init(&m_tls, GNUTLS_CLIENT | GNUTLS_NO_SIGNAL);
-        gnutls_set_default_priority(m_tls);
-        gnutls_credentials_set(m_tls, GNUTLS_CRD_CERTIFICATE, m_credentials);
-        gnutls_transport_set_int(m_tls, m_socket);
-        int result = 0;
-        do
-            result = gnutls_handshake(m_tls);
-        while (result < 0 && !gnutls_error_is_fatal(result));
-        if (result < 0)
-            throw std::runtime_error(std::string("TLS handshake: ") + gnutls_strerror(result));
-    }
-    void unblock() { m_blocking = false; }
-
-    int descriptor() const { return m_socket; }
-    bool wantsToWrite() const { return m_sent < m_out.size(); }
-    void send(std::string_view text) { m_out.append(text); }
-
-    // Sends what it can; all of it while blocking.
-    void flush() {
-        while (wantsToWrite()) {
-            const ssize_t sent = put(m_out.data() + m_sent, m_out.size() - m_sent);
-            if (sent < 0)
-                return;
-            m_sent += static_cast<std::size_t>(sent);
-        }
-        m_out.clear();
-        m_sent = 0;
-    }
-    // Reads one piece into `in`. False when there is nothing.
-    bool read(std::string& in) {
-        char piece[kPiece];
-        const ssize_t got = get(piece, sizeof piece);
-        if (got == 0)
-            throw std::runtime_error("the server closed the connection");
-        if (got < 0)
-            return false;
-        in.append(piece, static_cast<std::size_t>(got));
-        return true;
-    }
-    // TLS may hold input that the socket no longer announces.
-    bool hasMore() const { return m_tls && gnutls_record_check_pending(m_tls) > 0; }
-
-  private:
-    ssize_t put(const char* data, std::size_t size) {
-        const ssize_t sent =
-            m_tls ? gnutls_record_send(m_tls, data, std::min(size, std::size_t{16384}))
-                  : ::send(m_socket, data, size, MSG_NOSIGNAL | (m_blocking ? 0 : MSG_DONTWAIT));
-        return check(sent);
-    }
-    ssize_t get(char* data, std::size_t size) {
-        if (m_tls && !hasMore() && !m_blocking && !isReadable())
-            return -1;
-        return check(m_tls ? gnutls_record_recv(m_tls, data, size)
-                           : recv(m_socket, data, size, m_blocking ? 0 : MSG_DONTWAIT));
-    }
-    ssize_t check(ssize_t result) const {
-        if (result >= 0)
-            return result;
-        const bool again = m_tls ? !gnutls_error_is_fatal(static_cast<int>(result)) : errno == EAGAIN;
-        if (!again)
-            throw std::runtime_error("the connection broke");
-        return -1;
-    }
-    bool isReadable() const {
-        pollfd entry{m_socket, POLLIN, 0};
-        return ::poll(&entry, 1, 0) > 0;
-    }
-
-    int m_socket;
-    bool m_blocking = true;
-    gnutls_session_t m_tls = nullptr;
-    gnutls_certificate_credentials_t m_credentials = nullptr;
-    std::string m_out;
-    std::size_t m_sent = 0;
-};
-
-// What was answered, and how long it took.
-struct Figures {
-    long answered = 0;
-    long refused = 0;
-    std::vector<float> microseconds;
-
-    void note(Clock::time_point asked, bool taken) {
-        ++(taken ? answered : refused);
-        microseconds.push_back(static_cast<float>(secondsSince(asked) * 1e6));
-    }
-    void print(double seconds) {
-        std::sort(microseconds.begin(), microseconds.end());
-        const auto percentile = [&](double part) {
-            return microseconds.empty()
-                       ? 0
-                       : microseconds[static_cast<std::size_t>(part * (microseconds.size() - 1))];
-        };
-        std::printf(
-            "{\"answered\": %ld, \"refused\": %ld, \"seconds\": %.3f, \"p50\": %.0f, \"p99\": %.0f}\n",
-            answered, refused, seconds, percentile(0.5), percentile(0.99));
-    }
-};
-
-std::string base64(const std::string& text) {
-    gnutls_datum_t in{reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())),
-                      static_cast<unsigned>(text.size())};
-    gnutls_datum_t out{};
-    gnutls_base64_encode2(&in, &out);
-    std::string encoded(reinterpret_cast<char*>(out.data), out.size);
-    gnutls_free(out.data);
-    return encoded;
-}
-
-struct Account {
-    std::string host;
-    int port = 0;
-    std::string domain;
-    std::string user;
-    std::string password;
-};
-
-// A session of an account, logged in.
-class Session {
-  public:
-    Session(const Account& account, const std::string& resource)
-        : m_domain(account.domain), m_link(account.host, account.port) {
-        open();
-        ask("<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>", "<proceed");
-        m_in.clear();
-        m_link.startTls();
-        open();
-        ask("<auth xmlns='urn:ietf:params:xml:ns:xmpp-sasl' mechanism='PLAIN'>" +
-                base64(std::string("\0", 1) + account.user + std::string("\0", 1) + account.password) +
-                "</auth>",
-            "<success");
-        open();
-        ask("<iq type='set' id='bind'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><resource>" + resource +
-                "</resource></bind></iq>",
-            "</iq>");
-        m_in.clear();
-    }
-
-    // Sends and waits until the mark is there; what stands before it is dropped.
-    void ask(const std::string& text, const char* mark) {
-        m_link.send(text);
-        m_link.flush();
-        std::size_t found = 0;
-        while ((found = m_in.find(mark)) == std::string::npos)
-            m_link.read(m_in);
-        if (m_in.find("type='error'") != std::string::npos || m_in.find("<failure") != std::string::npos)
-            throw std::runtime_error("refused: " + m_in);
-        m_in.erase(0, found + strlen(mark));
-    }
-    Link& link() { return m_link; }
-    std::string& input() { return m_in; }
-    std::string service() const { return "pubsub." + m_domain; }
-
-  private:
-    void open() {
-        m_in.clear();
-        ask("<stream:stream to='" + m_domain +
-                "' xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams' version='1.0'>",
-            "</stream:features>");
-    }
-
-    std::string m_domain;
-    Link m_link;
-    std::string m_in;
-};
 
 // Waits for any of the links and hands each that can be read to `take`.
 template <typename Links, typename Take>
