@@ -18,13 +18,19 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "scripts")]
 import device as devices  # noqa: E402
 import processes  # noqa: E402
-from device import BIN  # noqa: E402
+import report  # noqa: E402
+from builds import Build, Missing, Turns  # noqa: E402
 from item_server import ItemServer  # noqa: E402
+from results import Results, Unreadable  # noqa: E402
 from server_load import server_load  # noqa: E402
 
 NODE = "/bench/node"
 PAYLOAD = "x" * 100
 SYNC_DELAY = 1000  # microseconds; a sync of the flash of a small device takes about so much longer
+BIN = ROOT / "build" / "release" / "bin"  # of the load generators and references
+
+PROGRAMS = ("pubsubservice", "zelt-host", "pubsubctl", "bench_echo", "bench_load", "bench_sink", "bench_parts",
+            "bench_server", "bench_latency")
 
 
 def wait_until(condition, what, seconds=20):
@@ -32,38 +38,15 @@ def wait_until(condition, what, seconds=20):
         sys.exit(f"not within {seconds} s: {what}")
 
 
-class Table:
-    """Rows of figure, reference, their ratio and its bound."""
-
-    def __init__(self):
-        self.rows = []
-
-    def add(self, what, unit, reference, pairs, at_least=None, at_most=None):
-        """`pairs` holds (figure, reference) of each round; the ratio is the median of the rounds' own ratios."""
-        value, reference_value = (statistics.median(pair[i] for pair in pairs) for i in (0, 1))
-        ratio = statistics.median(ours / theirs for ours, theirs in pairs)
-        bound = f">= {at_least}" if at_least else f"<= {at_most}"
-        kept = ratio >= at_least if at_least else ratio <= at_most
-        self.rows.append((what, f"{value:,.1f} {unit}", f"{reference}: {reference_value:,.1f}", f"{ratio:.2f}",
-                          bound, "kept" if kept else "MISSED"))
-
-    def add_count(self, what, value, bound, kept):
-        self.rows.append((what, value, "", "", bound, "kept" if kept else "MISSED"))
-
-    def print(self):
-        print("| Figure | Measured | Reference of the same run | Ratio | Bound | |\n|---|---|---|---|---|---|")
-        for row in self.rows:
-            print("| " + " | ".join(row) + " |")
-
-    def all_kept(self):
-        return all(row[-1] == "kept" for row in self.rows)
-
-
 class Device:
-    """A private and a public bus, the host services, the service, and the scripted server, in one folder."""
+    """A private and a public bus, the host services, the service, and the scripted server, in one folder. The host
+    services and the service are those of the build."""
 
-    def __init__(self, folder):
-        self.folder = pathlib.Path(folder)
+    def __init__(self, folder, build):
+        self.folder, self.build = pathlib.Path(folder), build
+        self.folder.mkdir(exist_ok=True)
+        self.service = self.echo = None
+        self.items = 0  # that were sent so far
         device = devices.Device(folder)
         self.processes = [device.start_bus(bus) for bus in ("private", "public")]
         self.server = ItemServer()
@@ -98,10 +81,9 @@ class Device:
             subprocess.run(["cc", "-shared", "-fPIC", f"-DDELAY_US={sync_delay}", "-o", shim,
                             str(ROOT / "tests" / "e2e" / "slowdisk.c"), "-ldl"], check=True)
             environment["LD_PRELOAD"] = shim
-        self.start("host", BIN / "zelt-host")
-        service = self.start("service", BIN / "pubsubservice", **environment)
+        self.start("host", self.build.bin / "zelt-host")
+        self.service = self.start("service", self.build.bin / "pubsubservice", **environment)
         self.server.login()
-        return service
 
     def output(self, *command, **environment):
         return subprocess.run([str(part) for part in command], env=dict(self.environment, **environment), check=True,
@@ -113,8 +95,9 @@ class Device:
             process.wait()
 
 
-def load(device, service, pid, in_flight, calls):
-    fields = device.output(BIN / "bench_load", service, "getJabberId", str(pid), str(in_flight), str(calls)).split()
+def load(device, name, process, in_flight, calls):
+    """Calls per second, and CPU time per call in us."""
+    fields = device.output(BIN / "bench_load", name, "getJabberId", process.pid, in_flight, calls).split()
     return float(fields[0]), float(fields[1])
 
 
@@ -135,29 +118,29 @@ def pinned(processes, measured, measured_core, other_core):
             os.sched_setaffinity(pid, allowed)
 
 
-def request_rounds(device, service, echo, in_flight, calls):
-    """For each round, pairs of the service's and the echo's: first their rates, then the CPU time per call in us."""
-    rounds = []
-    for _ in range(9):  # alternating, so that other load on the machine affects both
-        rounds.append((load(device, "com.zelt.pubsubservice", service.pid, in_flight, calls),
-                       load(device, "com.zelt.bench.echo", echo.pid, in_flight, calls)))
-    return [[(ours[i], theirs[i]) for ours, theirs in rounds] for i in (0, 1)]
+def measure_requests(turns, scale):
+    every = [process for device in turns.subjects for process in device.processes]
+    measured = [device.service for device in turns.subjects]
+    if not turns.compares:
+        for device in turns.subjects:
+            device.echo = device.start("echo", BIN / "bench_echo", ready=True)
+            measured.append(device.echo)
 
+    def measure(how, in_flight, calls):
+        rounds = turns.rounds(
+            9, lambda device: load(device, "com.zelt.pubsubservice", device.service, in_flight, calls),
+            lambda device: load(device, "com.zelt.bench.echo", device.echo, in_flight, calls))
+        turns.add(f"getJabberId, {how}", "calls/s", "sd-bus echo", rounds, lambda each: each[0], at_least=0.9)
+        turns.add(f"CPU a call, {how}", "us", "sd-bus echo", rounds, lambda each: each[1], better="less", at_most=1.25)
 
-def measure_requests(device, service, table, scale):
-    echo = device.start("echo", BIN / "bench_echo", ready=True)
     cores = sorted(os.sched_getaffinity(0))
     # With one call at a time one core is enough: only one of the processes has work at any time.
     for where, core in (("all on one core", cores[-1]), ("on its own core", cores[0])):
         if core == cores[-1] and where == "on its own core":
             continue  # the machine has only one core
-        with pinned(device.processes, (service, echo), core, cores[-1]):
-            rates, cpu = request_rounds(device, service, echo, 1, 20000 // scale)
-        table.add(f"getJabberId, 1 in flight, {where}", "calls/s", "sd-bus echo", rates, at_least=0.9)
-        table.add(f"CPU a call, 1 in flight, {where}", "us", "sd-bus echo", cpu, at_most=1.25)
-    rates, cpu = request_rounds(device, service, echo, 64, 100000 // scale)
-    table.add("getJabberId, 64 in flight", "calls/s", "sd-bus echo", rates, at_least=0.9)
-    table.add("CPU a call, 64 in flight", "us", "sd-bus echo", cpu, at_most=1.25)
+        with pinned(every, measured, core, cores[-1]):
+            measure(f"1 in flight, {where}", 1, 20000 // scale)
+    measure("64 in flight", 64, 100000 // scale)
 
 
 def append_and_sync(folder, count):
@@ -174,10 +157,20 @@ def append_and_sync(folder, count):
     return seconds * 1e6 / count
 
 
+def push(device, items):
+    """Items per second from the server to the handler."""
+    sink = device.start("sink", BIN / "bench_sink", items, ready=True)
+    start, _ = device.server.push(NODE, device.items + 1, items, PAYLOAD)
+    device.items += items
+    end = float(sink.stdout.readline())
+    sink.wait()
+    return items / (end - start)
+
+
 def parts_alone(device, count, **environment):
     """Each part of the delivery of an item and the microseconds that it takes alone."""
-    sink = device.start("sink", BIN / "bench_sink", str(count), ready=True)
-    alone = device.output(BIN / "bench_parts", str(count), NODE, PAYLOAD, **environment)
+    sink = device.start("sink", BIN / "bench_sink", count, ready=True)
+    alone = device.output(BIN / "bench_parts", count, NODE, PAYLOAD, **environment)
     sink.kill()
     return {line.split()[0]: float(line.split()[1]) for line in alone.splitlines()}
 
@@ -189,49 +182,29 @@ def parts_and_sync(device, count, tmpfs, sync_delay):
     return sum(parts.values()) + append_and_sync(device.folder, count) + sync_delay
 
 
-def measure_items(device, table, where, count, tmpfs=None, sync_delay=0):
+def measure_items(turns, where, count, tmpfs=None, sync_delay=0):
     """Items sent as fast as the service reads them, beside the sum of their parts; with `tmpfs`, which is a folder
     on one, beside the parts and a sync for each item."""
-    what = f"items to the handler, store on {where}"
-    number, parts, beside_parts, beside_sync = 1, [], [], []
-
-    def push(items):
-        nonlocal number
-        sink = device.start("sink", BIN / "bench_sink", str(items), ready=True)
-        start, _ = device.server.push(NODE, number, items, PAYLOAD)
-        number += items
-        end = float(sink.stdout.readline())
-        sink.wait()
-        return items / (end - start)
-
-    push(count // 5 + 1)  # the first run lets the store's log file grow to its size
-    for _ in range(5):
-        rate = push(count)
-        if tmpfs:
-            beside_sync.append((rate, 1e6 / parts_and_sync(device, count, tmpfs, sync_delay)))
-        if not sync_delay:
-            parts.append(parts_alone(device, count))
-            beside_parts.append((rate, 1e6 / sum(parts[-1].values())))
+    for device in turns.subjects:
+        push(device, count // 5 + 1)  # the first run lets the store's log file grow to its size
+    name = f"items to the handler, store on {where}"
+    rounds = turns.rounds(5, lambda device: push(device, count), lambda device: (
+        parts_and_sync(device, count, tmpfs, sync_delay) if tmpfs else None,
+        None if sync_delay else parts_alone(device, count)))
+    if turns.compares:
+        turns.add(name, "items/s", "", rounds)
+        return
     if tmpfs:
         # Items that arrive together share a sync, which shows where a sync takes long.
-        table.add(what, "items/s", "1 / (parts + sync)", beside_sync, at_least=2 if sync_delay else 0.9)
+        turns.add(name, "items/s", "1 / (parts + sync)",
+                  [(rate, 1e6 / each) for rate, (each, _) in rounds], at_least=2 if sync_delay else 0.9)
     if sync_delay:
         return
-    table.add(what, "items/s", "sum of the parts", beside_parts, at_least=0.8)
+    parts = [each for _, (_, each) in rounds]
+    turns.add(name, "items/s", "sum of the parts",
+              [(rate, 1e6 / sum(part.values())) for (rate, _), part in zip(rounds, parts)], at_least=0.8)
     print(f"parts on {where}, us an item: " +
-          ", ".join(f"{name} {statistics.median(part[name] for part in parts):.1f}" for name in parts[0]), flush=True)
-
-
-def measure_slow_disk(arguments, table, scale):
-    where = f"disk, {SYNC_DELAY / 1000:g} ms more a sync"
-    print(f"items, store on {where}", flush=True)
-    with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.disk) as folder:
-        device = Device(folder)
-        try:
-            device.connect_service(SYNC_DELAY)
-            measure_items(device, table, where, 5000 // scale, arguments.tmpfs, SYNC_DELAY)
-        finally:
-            device.close()
+          ", ".join(f"{step} {statistics.median(part[step] for part in parts):.1f}" for step in parts[0]), flush=True)
 
 
 def switches(pid):
@@ -239,68 +212,118 @@ def switches(pid):
         return sum(int(line.split()[1]) for line in status if "ctxt_switches" in line)
 
 
-def measure_idle(service, table, seconds):
-    pid = service.pid
+def at_rest(device, seconds):
+    """What the service does while nothing happens, and what it is: counts, and its memory in MB."""
+    pid, found = device.service.pid, {}
     wait_until(lambda: len(os.listdir(f"/proc/{pid}/task")) == 1, "one thread alone", 60)
     time.sleep(1)  # lets the service finish the work of the load
     before = switches(pid)
     time.sleep(seconds)
-    woken = switches(pid) - before
-    table.add_count(f"context switches in {seconds} s at rest", str(woken), "0", woken == 0)
+    found[f"context switches in {seconds} s at rest"] = switches(pid) - before
     if shutil.which("strace"):
         traced = subprocess.run(["timeout", "--signal=INT", str(seconds), "strace", "-f", "-p", str(pid)],
                                 capture_output=True, text=True, check=False).stderr
         # strace also shows the call in which the process is blocked; that one is not counted.
         calls = sum(1 for line in traced.splitlines() if "(" in line and "strace:" not in line) - 1
-        table.add_count(f"system calls in {seconds} s at rest", str(max(calls, 0)), "0", calls <= 0)
-    threads = len(os.listdir(f"/proc/{pid}/task"))
-    table.add_count("threads at rest", str(threads), "1", threads == 1)
+        found[f"system calls in {seconds} s at rest"] = max(calls, 0)
+    found["threads at rest"] = len(os.listdir(f"/proc/{pid}/task"))
     with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as rollup:
         # Only dirty pages: the code of a library counts as private when no other process has it mapped.
         private = sum(int(line.split()[1]) for line in rollup if line.startswith("Private_Dirty"))
-    table.add_count("private memory", f"{private / 1024:.1f} MB", "< 6 MB", private < 6 * 1024)
+    found["private memory"] = private / 1024
+    return found
+
+
+def measure_idle(turns, seconds):
+    bounds = {"threads at rest": ("", "<=", 1), "private memory": ("MB", "<", 6)}
+    rounds = turns.rounds(1, lambda device: at_rest(device, seconds))
+    for name in rounds[0][0]:
+        unit, sign, bound = bounds.get(name, ("", "<=", 0))
+        turns.add_value(name, unit, [(ours[name], theirs and theirs[name]) for ours, theirs in rounds], sign, bound)
+
+
+@contextlib.contextmanager
+def connected(base, builds, results, sync_delay=0):
+    """A device of each build, connected, in a folder below `base`; the block gets their turns."""
+    with tempfile.TemporaryDirectory(prefix="bench-", dir=base) as folder, contextlib.ExitStack() as stack:
+        turns = Turns(results, [])
+        for name, build in zip("ab", builds):
+            device = Device(pathlib.Path(folder, name), build)
+            turns.subjects.append(device)
+            stack.callback(device.close)
+            device.connect_service(sync_delay)
+        yield turns
+
+
+def measure_device(arguments, builds, results):
+    scale = 10 if arguments.quick else 1
+    with connected(arguments.tmpfs, builds, results) as turns:
+        if not arguments.counts:
+            print("requests", flush=True)
+            measure_requests(turns, scale)
+            print("items, store on tmpfs", flush=True)
+            measure_items(turns, "tmpfs", 20000 // scale)
+        print("at rest", flush=True)
+        measure_idle(turns, 10)
+    if arguments.counts:
+        return
+    for where, delay in (("disk", 0), (f"disk, {SYNC_DELAY / 1000:g} ms more a sync", SYNC_DELAY)):
+        print(f"items, store on {where}", flush=True)
+        with connected(arguments.disk, builds, results, delay) as turns:
+            measure_items(turns, where, 5000 // scale, arguments.tmpfs, delay)
+
+
+def measure(arguments):
+    """Runs, and writes the results and the report; returns the exit status."""
+    builds = [Build(folder) for folder in arguments.compare or [ROOT]]
+    for build in builds if arguments.compare else []:
+        build.check()
+    for command in (["install-packages"], ["build", "release", *PROGRAMS]):
+        if subprocess.run([ROOT / "scripts" / command[0], *command[1:]], check=False).returncode:
+            return 1  # it has said why
+    kind = "server" if arguments.server else "device"
+    results = Results(kind, arguments.quick, [str(build.root) for build in builds] if arguments.compare else ())
+    pathlib.Path(arguments.disk).mkdir(exist_ok=True)
+    if arguments.server:
+        with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.disk) as folder:
+            server_load(folder, builds, results, arguments.quick)
+    else:
+        measure_device(arguments, builds, results)
+    results.print_table()
+    folder = pathlib.Path(arguments.output or ROOT / "build" / "bench" / time.strftime("%Y-%m-%d-%H%M%S"))
+    results.write(folder / (f"compare-{kind}.json" if arguments.compare else f"{kind}.json"))
+    report.write(sorted(folder.glob("*.json")), folder / "report.html")
+    print(folder / "report.html")
+    return 0 if results.all_kept() or not arguments.counts else 1
+
+
+def draw(arguments):
+    target = pathlib.Path(arguments.output or pathlib.Path(arguments.report[0]).parent) / "report.html"
+    report.write(arguments.report, target)
+    print(target)
+    return 0
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__)
+    parser = argparse.ArgumentParser(prog="bench.sh", description=__doc__)
     parser.add_argument("--quick", action="store_true", help="a tenth of the work, for a first look")
     parser.add_argument("--disk", default=str(ROOT / "build"), help="folder on the disk to measure (default: build)")
     parser.add_argument("--tmpfs", default="/dev/shm", help="folder on a tmpfs (default: /dev/shm)")
     parser.add_argument("--counts", action="store_true",
                         help="only what does not depend on the machine's speed: the service at rest")
     parser.add_argument("--server", action="store_true", help="measure the XMPP server instead of the device")
+    parser.add_argument("--output", metavar="DIR",
+                        help="folder of the results and of report.html (default: build/bench/DATE)")
+    parser.add_argument("--compare", nargs=2, metavar=("A", "B"),
+                        help="measure two checkouts with a release build in turns; each ratio is B / A")
+    parser.add_argument("--report", nargs="+", metavar="FILE",
+                        help="measure nothing: write report.html from the results of runs")
     arguments = parser.parse_args()
-    scale = 10 if arguments.quick else 1
-    table = Table()
-    pathlib.Path(arguments.disk).mkdir(exist_ok=True)
-    if arguments.server:
-        with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.disk) as folder:
-            server_load(folder, BIN / "bench_server", table, arguments.quick)
-        table.print()
-        return 0
-    for where, base in (("tmpfs", arguments.tmpfs), ("disk", arguments.disk)):
-        if arguments.counts and where == "disk":
-            continue
-        with tempfile.TemporaryDirectory(prefix="bench-", dir=base) as folder:
-            device = Device(folder)
-            try:
-                service = device.connect_service()
-                if not arguments.counts:
-                    if where == "tmpfs":
-                        print("requests", flush=True)
-                        measure_requests(device, service, table, scale)
-                    print(f"items, store on {where}", flush=True)
-                    count = (20000 if where == "tmpfs" else 5000) // scale
-                    measure_items(device, table, where, count, arguments.tmpfs if where == "disk" else None)
-                if where == "tmpfs":
-                    print("at rest", flush=True)
-                    measure_idle(service, table, 10)
-            finally:
-                device.close()
-    if not arguments.counts:
-        measure_slow_disk(arguments, table, scale)
-    table.print()
-    return 0 if table.all_kept() or not arguments.counts else 1
+    try:
+        return draw(arguments) if arguments.report else measure(arguments)
+    except (Missing, Unreadable) as error:
+        print(error, file=sys.stderr)
+        return 1
 
 
 if __name__ == "__main__":
