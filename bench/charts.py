@@ -15,7 +15,7 @@ import results
 WIDTH, HEIGHT = 720, 230
 TOP, BOTTOM = 44, 190  # of the plots
 FIGURES = (70, 410)  # left and right of the plot of the figures
-RATIOS = (480, 690)
+RATIOS = (465, 710)
 GROWTH = (70, 560)
 MARK = 4.5
 
@@ -146,17 +146,17 @@ def ratio_panel(row):
 
 
 def bound_line(scale, bound, left, right):
+    """Its label stands above the plot, where no mark can cover it."""
     y = scale.at(bound["value"])
-    # The label stands on the side that is out of bounds.
-    label = y + 14 if bound["sign"] == ">=" and y < BOTTOM - 16 else y - 6
     return (line(left, y, right, y, "bound", data_value=f"{bound['value']:g}")
-            + text(right, label, f"bound {results.bound_text(bound)}", "boundlabel", "end"))
+            + text(right, 25, f"bound {results.bound_text(bound)}", "boundlabel", "end"))
 
 
 def description(row, ours, theirs):
     """The chart in a sentence."""
     _, measured, _, ratio, bound, verdict = results.cells(row)
-    words = f"{ours}: median {measured}, {results.span([each[0] for each in row['rounds']])} in {len(row['rounds'])} rounds."
+    spread = results.span([each[0] for each in row["rounds"]])
+    words = f"{ours}: median {measured}, {spread} in {len(row['rounds'])} rounds."
     if row["reference"]:
         words += f" {theirs}: median {results.number(row['reference_value'])}, " \
                  f"{results.span([each[1] for each in row['rounds']])}. Ratio {ratio}."
@@ -180,7 +180,8 @@ def growth_chart(identity, series, ours, theirs):
     scale = Scale(max(each[i] for point in points for each in point["rounds"] for i in columns), BOTTOM, TOP)
     left, right = GROWTH
     xs = across([point["x"] for point in points], left + 25, right - 25)
-    body = value_axis(scale, left, right) + legend(left, [kinds[i] for i in columns]) + text(8, 25, series["unit"], "tick")
+    body = value_axis(scale, left, right) + legend(left, [kinds[i] for i in columns])
+    body += text(8, 25, series["unit"], "tick")
     for i in columns:
         kind, name = kinds[i]
         medians = [statistics.median(each[i] for each in point["rounds"]) for point in points]

@@ -43,8 +43,7 @@ svg .spread { stroke-width: 6; opacity: .25; } svg .ours { stroke: var(--ours); 
 svg .mark.ours { fill: var(--ours); } svg .mark.theirs { fill: var(--card); stroke-width: 1.8; }
 svg .mark.missed { fill: var(--bad); stroke: var(--bad); } svg .median { stroke: var(--ours); opacity: .6; }
 svg .same { stroke: var(--soft); stroke-dasharray: 3 3; }
-svg .bound { stroke: var(--bad); stroke-width: 1.5; stroke-dasharray: 7 4; } svg .boundlabel { fill: var(--bad);
-  paint-order: stroke; stroke: var(--card); stroke-width: 4px; }
+svg .bound { stroke: var(--bad); stroke-width: 1.5; stroke-dasharray: 7 4; } svg .boundlabel { fill: var(--bad); }
 """
 
 

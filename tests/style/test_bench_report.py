@@ -107,7 +107,8 @@ class Page(unittest.TestCase):
         self.assertEqual(len(identities), len(set(identities)))
         for each in self.pictures:
             self.assertEqual(each.get("role"), "img")
-            self.assertEqual(each.get("aria-labelledby").split(), [each.find("title").get("id"), each.find("desc").get("id")])
+            self.assertEqual(each.get("aria-labelledby").split(),
+                             [each.find("title").get("id"), each.find("desc").get("id")])
             self.assertTrue(each.findtext("desc"))
 
     def test_the_page_loads_nothing(self):
@@ -252,7 +253,8 @@ class Command(unittest.TestCase):
             status, output, errors = self.bench("--report", path, path)
             self.assertEqual((status, errors), (0, ""))
             self.assertEqual(output, f"{folder}/report.html\n")
-            self.assertEqual(pathlib.Path(folder, "report.html").read_text(encoding="utf-8").count("<h2>The device</h2>"), 2)
+            drawn = pathlib.Path(folder, "report.html").read_text(encoding="utf-8")
+            self.assertEqual(drawn.count("<h2>The device</h2>"), 2)
             _, output, _ = self.bench("--report", path, "--output", f"{folder}/there")
             self.assertEqual(output, f"{folder}/there/report.html\n")
 
@@ -273,7 +275,8 @@ class Command(unittest.TestCase):
     def test_folders_without_a_build_are_refused_in_words_before_anything_is_built(self):
         with tempfile.TemporaryDirectory() as folder:
             known = pathlib.Path(folder, "known")
-            for path in ("ejabberd/run", "scripts/device.py", "build/release/bin/pubsubservice", "build/release/bin/zelt-host"):
+            for path in ("ejabberd/run", "scripts/device.py", "build/release/bin/pubsubservice",
+                         "build/release/bin/zelt-host"):
                 known.joinpath(path).parent.mkdir(parents=True, exist_ok=True)
                 known.joinpath(path).touch()
             unbuilt = pathlib.Path(folder, "unbuilt")
