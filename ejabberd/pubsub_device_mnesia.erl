@@ -69,7 +69,11 @@ count_each(What, Table, Position) ->
                  ets:foldl(Add, #{}, Table)).
 
 workers() -> [].
-sync() -> mnesia:sync_log().
+%% Of a transaction with tables on disk and in memory, a process of mnesia's own logs afterwards whether it was carried
+%% out. Without that record a start would undo it, so this waits until that process has come so far.
+sync() ->
+    mnesia_recover:sync(),
+    mnesia:sync_log().
 flush() -> pubsub_device_items:flush().
 tick() -> pubsub_device_items:tick().
 sweep() -> pubsub_device_items:sweep().

@@ -12,7 +12,7 @@ import sys
 import time
 
 from harness import PASSWORD, ServerTest
-from xmppclient import DEVICE
+from xmppclient import DEVICE, OWNER
 
 SECONDS = float(os.environ.get("FLOOD_SECONDS", "1"))
 STRICT = os.environ.get("FLOOD_RATIO") == "1"
@@ -215,6 +215,23 @@ class Commits(Load):
 
     def test_a_group_commit_that_is_never_idle_answers_publishers(self):
         self.check("pubsub_device_commit")
+
+
+class Decisions(Load):
+    """The database's own process writes apart from a transaction whether it was carried out."""
+
+    def test_a_deletion_is_answered_only_when_the_decision_on_it_is_written(self):
+        owner = self.client("owner")
+        self.succeed(self.create(owner))
+        self.instance.evaluate("sys:suspend(mnesia_recover)")
+        request = owner.send_iq("set", "<pubsub xmlns='%s'><delete node='%s'/></pubsub>" % (OWNER, self.node))
+        self.wait_for(lambda: self.instance.evaluate(
+            "{_, Messages} = process_info(whereis(mnesia_recover), messages), "
+            "[Each || {'$gen_call', _, sync} = Each <- Messages] /= []") == "true")
+        owner.sync()
+        self.assertFalse(owner.is_answered(request))
+        self.instance.evaluate("sys:resume(mnesia_recover)")
+        self.succeed(owner.wait_iq(request))
 
 
 class Floods(Load):

@@ -112,6 +112,11 @@ class Client:
                 self._sleep(end, "no answer to %s" % number)
             return self._answers.pop(number)
 
+    def is_answered(self, number):
+        """Whether the answer to the request has come, and was not taken yet."""
+        with self._lock:
+            return self._answers[number] is not None
+
     def sync(self):
         """Returns when everything that the server has sent to this session so far has been read."""
         self.iq("get", "<ping xmlns='urn:xmpp:ping'/>", to=self.server.domain)
