@@ -99,7 +99,9 @@ floor_of(NodeId, DeviceId) ->
 
 %% Writes the cursors of devices that took a shared item, if there is still one up to there.
 tick() ->
-    lists:foreach(fun follow/1, ets:tab2list(pubsub_device_lagging)).
+    Followed = [true || Lagging <- ets:tab2list(pubsub_device_lagging), follow(Lagging) == ok],
+    Followed == [] orelse pubsub_device_mnesia:sync(),
+    ok.
 
 follow(#pubsub_device_lagging{id = {NodeId, DeviceId}, taken = Taken} = Lagging) ->
     ets:delete_object(pubsub_device_lagging, Lagging),

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """Builds with the sanitizers and runs the tests, kind by kind; the last line is "N passed, N failed".
 
-Without a kind those of TESTS run. Those of GATES, which need builds of their own, run when they are named."""
+Without a kind those of TESTS run. Those of GATES, which need builds of their own or take long, run when they are
+named."""
 
 import json
 import os
@@ -20,7 +21,7 @@ PRESET = os.environ.get("PUBSUB_TEST_PRESET", "asan")
 BIN = ROOT / "build" / PRESET / "bin"
 TESTS = ("style", "unit", "contract", "server", "e2e")
 BUILT = {"unit", "contract", "e2e"}  # need the programs of PRESET
-GATES = ("clang", "tidy", "coverage")
+GATES = ("clang", "tidy", "coverage", "database")
 PROGRAM_DEADLINE = 600  # seconds for one test program
 
 ENVIRONMENT = dict(
@@ -129,6 +130,12 @@ def tidy_programs():
         yield name, lambda name=name, command=command: run_check(name, command)
 
 
+def server_program(name, word):
+    """The tests of tests/server whose names have the word."""
+    command = ["/usr/bin/python3", str(ROOT / "tests/server/run_tests.py"), word]
+    return name, lambda: run_counting(f"server/{name}", command)
+
+
 def programs_of(kind):
     """The test programs of a kind as (name, function without arguments)."""
     if kind in ("unit", "contract"):
@@ -142,8 +149,13 @@ def programs_of(kind):
         yield kind, lambda: run_aloud("coverage", ["/usr/bin/python3", str(ROOT / "tests/coverage.py")])
     elif kind == "server":
         for path in sorted((ROOT / "tests/server").glob("test_*.py")):
-            command = ["/usr/bin/python3", str(ROOT / "tests/server/run_tests.py"), path.stem + "."]
-            yield path.stem, lambda path=path, command=command: run_counting(f"server/{path.stem}", command)
+            if not path.stem.startswith("test_sql"):
+                yield server_program(path.stem, path.stem + ".")
+    elif kind == "database":
+        yield server_program("test_sql", "test_sql.")
+        contract = (ROOT / "tests/server/test_sql_contract.py").read_text(encoding="utf-8")
+        for module in re.findall(r"^import (test_\w+)$", contract, re.MULTILINE):
+            yield server_program(module + " over PostgreSQL", f"test_sql_contract.{module}_")
     else:
         for path in sorted((ROOT / "tests" / kind).glob("test_*.py")):
             command = ["/usr/bin/python3", str(ROOT / "tests/run_unittest.py"), str(path)]

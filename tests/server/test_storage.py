@@ -137,6 +137,7 @@ class Cursors(Storage):
             "[Floor || {_, _, Floor} <- ets:tab2list(pubsub_device_cursor)] == "
             "[Last || {_, _, Last, _} <- ets:lookup(pubsub_device_number, {<<\"%s\">>, <<\"%s\">>})]"
             % (self.server.pubsub, self.node)) == "true")
+        self.sync_to_disk()
         self.restart()
         self.assert_quiet(self.device("bob", "one"))
         self.assertEqual(self.texts(self.device("bob", "two"), 3), ["0", "1", "2"])
