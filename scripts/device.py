@@ -282,8 +282,8 @@ class Device:
         return "true" in done.stdout
 
     def _wait(self, seconds, what, condition, name):
-        """Waits for a condition that the named process brings about."""
-        if processes.wait_ready(self.record(name), condition, seconds):
+        """Waits for a condition that the named process brings about. Without any time for it, it does not hold."""
+        if seconds and processes.wait_ready(self.record(name), condition, seconds):
             return
         if not self.pid(name):
             raise Failed(f"The {name} process ended at its start; see {self.log_file(name)}.")
