@@ -131,6 +131,10 @@ class EndpointsTest(StageTest):
     def wait_cached(self, app_id, endpoint, text):
         wait_until(lambda: self.cached(app_id, endpoint) == text, f"{text!r} in the cache")
 
+    def wait_uncached(self, app_id, endpoint):
+        """The file goes after its item was sent, so whoever got the item may still see the file."""
+        wait_until(lambda: self.cached(app_id, endpoint) is None, "the cache file to go")
+
     def create(self, app, endpoint, **members):
         """Makes the endpoint and returns its key."""
         answer = app.call("createEndpoint", dict(members, endpoint=endpoint))

@@ -33,7 +33,7 @@ class States(EndpointsTest):
         self.expect_item(call, self.endpoint, "live", 2)
         self.wait_cached(MAIL, self.endpoint, "newest")
         self.expect_cached_item(self.mail, self.endpoint, "newest")
-        self.assertIsNone(self.cached(MAIL, self.endpoint))
+        self.wait_uncached(MAIL, self.endpoint)
         again = self.subscribe(self.mail, self.endpoint)
         self.publisher.publish(self.key, "after the cache")
         self.expect_item(again, self.endpoint, "after the cache", 2)
