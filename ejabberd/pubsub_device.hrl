@@ -7,8 +7,9 @@
 %% In memory: the session in which a device last announced itself.
 -record(pubsub_device_session, {jid, pid}).
 
-%% In memory: id = {Node, Device}; the session in which the device activated the node.
--record(pubsub_device_active, {id, pid}).
+%% In memory: id = {Node, Device}; how the device's session activated the node: the session's Pid, {limited, Pid} for one
+%% open item at a time, or {closed, Pid} after it deactivated a node with a limit.
+-record(pubsub_device_active, {id, session}).
 
 %% An item on its way to the storage. `id` is the engine's id of the node, or `any`; `item` a #ps_item{}; `keep` the
 %% devices for which it is kept, as {Device, Via}, where Via says whether a subscription or the ownership of a key

@@ -131,7 +131,15 @@ named(Node, IQ) ->
 %% An acknowledgement has no answer.
 acknowledge(Service, Device, Ack) ->
     Node = {Service, fxml:get_tag_attr_s(<<"node">>, Ack)},
-    pubsub_device_session:acknowledge(Node, Device, fxml:get_tag_attr_s(<<"id">>, Ack)).
+    pubsub_device_session:acknowledge(Node, Device, fxml:get_tag_attr_s(<<"id">>, Ack),
+                                      wanted(fxml:get_tag_attr_s(<<"seqNo">>, Ack))).
+
+wanted(<<>>) -> any;
+wanted(Text) ->
+    case pubsub_device_stanza:number(Text) of
+        {ok, Number} -> Number;
+        error -> none
+    end.
 
 %%% outwards
 

@@ -7,15 +7,16 @@
 %% `sent` is the highest number sent in the session, `twice` the highest sent twice, `until` the highest to be sent
 %% twice: a copy has at most two unacknowledged transmissions, however often the device asks, and repetitions go
 %% before new items. Items are sent in portions, so that the writer serves others in between; `busy` means that the
-%% next portion is scheduled.
+%% next portion is scheduled. Of a node with a limit only `open` counts, the number that was sent last and is not
+%% acknowledged.
 -module(pubsub_device_flow).
 
--export([new/1, pid/1, pump/3, offer/4, resume/3, again/3, activated/5, acked/4, gate/3]).
+-export([new/1, pid/1, pump/3, offer/4, resume/3, again/3, activated/5, acked/4, gate/3, forget_until/3]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
--record(flow, {pid, sent = 0, twice = 0, until = 0, busy = false, level = false}).
+-record(flow, {pid, sent = 0, twice = 0, until = 0, busy = false, level = false, open = none}).
 
 -define(PORTION, 16).
 
@@ -26,14 +27,19 @@ pid(#flow{pid = Pid}) -> Pid.
 pump(_, _, #flow{busy = true} = Flow) ->
     Flow;
 pump(Node, Device, #flow{pid = Pid} = Flow) ->
-    portion(gate(Node, Device, Pid), Node, Device, Flow, ?PORTION).
+    pump(gate(Node, Device, Pid), Node, Device, Flow).
+
+pump(_, _, _, #flow{busy = true} = Flow) ->
+    Flow;
+pump(Gate, Node, Device, Flow) ->
+    portion(Gate, Node, Device, Flow, ?PORTION).
 
 %% A new item, which its writer has kept.
 offer(Node, Device, #pubsub_device_copy{id = {_, _, Number}} = Copy, #flow{level = true, sent = Sent, pid = Pid} = Flow)
   when Number > Sent ->
     case gate(Node, Device, Pid) of
         open -> send_copy(Copy, Flow);
-        _ -> pump(Node, Device, Flow)
+        Gate -> pump(Gate, Node, Device, Flow)
     end;
 offer(Node, Device, _, Flow) ->
     pump(Node, Device, Flow).
@@ -44,43 +50,52 @@ resume(Node, Device, Flow) ->
 %% The device announced itself again in the session, so it wants what it has not acknowledged.
 again(Node, Device, #flow{pid = Pid} = Flow) ->
     case gate(Node, Device, Pid) of
-        open -> pump(Node, Device, repeat(Flow));
-        _ -> pump(Node, Device, Flow)
+        open -> pump(open, Node, Device, repeat(Flow));
+        Gate -> pump(Gate, Node, Device, Flow)
     end.
 
 %% The device activated the node. `Since` is the last number that it has, or `bulk`, when it gives none and wants
-%% nothing twice. `Fresh` means that the node was not active: the device of a key node wants the oldest kept item,
-%% whatever it was sent before.
-activated(Node, Device, Since, Fresh, #flow{pid = Pid} = Flow) ->
+%% nothing twice. `Before` is what the node's activation was before. The device of a key node that was not active, and
+%% one that sets a limit or lifts it, want to begin with the oldest kept item, whatever was sent before.
+activated(Node, Device, Since, Before, #flow{pid = Pid} = Flow) ->
     is_integer(Since) andalso forget_until(Node, Device, Since),
     case gate(Node, Device, Pid) of
-        single when Fresh -> pump(Node, Device, Flow#flow{sent = 0, twice = 0, until = 0, level = false});
-        _ when Since == bulk -> pump(Node, Device, Flow);
-        _ -> pump(Node, Device, repeat(Flow))
+        limited when Since == bulk, Before == limited -> pump(limited, Node, Device, Flow);
+        Gate when Gate == limited; Before == limited; Before == closed; Gate == single, Before == none ->
+            pump(Gate, Node, Device, Flow#flow{sent = 0, twice = 0, until = 0, level = false, open = none});
+        Gate when Since == bulk -> pump(Gate, Node, Device, Flow);
+        Gate -> pump(Gate, Node, Device, repeat(Flow))
     end.
 
 repeat(#flow{sent = Sent} = Flow) ->
     Flow#flow{until = Sent, level = false}.
 
-%% The session has acknowledged the number, which a former sender may have sent, and the copy is dropped.
-acked(Node, Device, Number, #flow{sent = Sent} = Flow) ->
-    pump(Node, Device, Flow#flow{sent = max(Sent, Number)}).
+%% The session has acknowledged the number, which a former sender may have sent, and the copy is dropped. With a limit it
+%% may be one that was sent before the limit was set: then the open item stays open, and what is older than the
+%% acknowledged one is still to be sent.
+acked(Node, Device, Number, #flow{pid = Pid, sent = Sent, open = Open} = Flow) ->
+    case gate(Node, Device, Pid) of
+        limited when Open == Number -> pump(limited, Node, Device, Flow#flow{open = none});
+        limited -> pump(limited, Node, Device, Flow);
+        Gate -> pump(Gate, Node, Device, Flow#flow{sent = max(Sent, Number)})
+    end.
 
-%% An ordinary node is open to its subscribers. A key node is open to a device that subscribed. A device of its owner
-%% gets one item after the other once it has activated the node in this session.
+%% A node with a limit is `limited` or, when it was deactivated, `closed`. Otherwise an ordinary node is `open` to its
+%% subscribers, and a key node to a device that subscribed. A device of its owner gets one item after the other
+%% (`single`) once it has activated the node in this session.
 gate(Node, Device, Pid) ->
-    case pubsub_device_store:key_of(Node) of
-        none -> open;
-        _ ->
-            case pubsub_device_store:newest(Node, Device) of
-                {_, subscription} -> open;
-                _ ->
-                    case pubsub_device_store:is_active(Node, Device, Pid) of
-                        true -> single;
-                        false -> closed
-                    end
+    case pubsub_device_store:activation(Node, Device, Pid) of
+        How when How == limited; How == closed -> How;
+        How ->
+            case pubsub_device_store:key_of(Node) of
+                none -> open;
+                _ -> key_gate(How, pubsub_device_store:newest(Node, Device))
             end
     end.
+
+key_gate(_, {_, subscription}) -> open;
+key_gate(active, _) -> single;
+key_gate(none, _) -> closed.
 
 portion(closed, _, _, Flow, _) ->
     Flow;
@@ -102,7 +117,9 @@ due(single, Node, Device, #flow{sent = Sent, twice = Twice, until = Until}) ->
     case pubsub_device_store:next(Node, Device, 0) of
         #pubsub_device_copy{id = {_, _, Number}} = Copy when Number > Sent; Number > Twice, Number =< Until -> Copy;
         _ -> none
-    end.
+    end;
+due(limited, Node, Device, #flow{open = none}) -> pubsub_device_store:next(Node, Device, 0);
+due(limited, _, _, _) -> none.
 
 %% Drops the copies that the device already has, according to the number it gave.
 forget_until(Node, Device, Since) ->
@@ -120,6 +137,6 @@ send_copy(#pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, ite
     Message = pubsub_device_stanza:item_message(Node, jid:make(Device), Item),
     ejabberd_c2s:route(Pid, {route, pubsub_device_stanza:sending(Message, {Pid, Node, ItemId, Number})}),
     case Number > Sent of
-        true -> Flow#flow{sent = Number};
-        false -> Flow#flow{twice = max(Twice, Number)}
+        true -> Flow#flow{sent = Number, open = Number};
+        false -> Flow#flow{twice = max(Twice, Number), open = Number}
     end.

@@ -1,13 +1,12 @@
 %% SPDX-License-Identifier: GPL-3.0-only
 %% The requests of the namespace urn:zelt:pubsub:device:0. Keeps no state. A request runs in the process of the
-%% session that sent it; the sender itself answers an activation, so that the answer goes before the items.
+%% session that sent it. Which items a device is sent is in pubsub_device_activation.
 -module(pubsub_device_iq).
 
--export([process/1, decode_iq_subel/1]).
+-export([process/1, decode_iq_subel/1, answer/2, account/1, unnamed/4]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
--include_lib("ejabberd/include/pubsub.hrl").
 -include("pubsub_device.hrl").
 
 %% The codec does not know the namespace; without this the request would be refused before it gets here.
@@ -34,18 +33,19 @@ request({get, <<"key">>}, Element, #iq{from = From} = IQ) ->
                    {error, Error} -> {error, unnamed(Service, NodeId, From, Error)}
                end);
 request({set, <<"activate">>}, Element, IQ) ->
-    case pubsub_device_stanza:number(fxml:get_tag_attr_s(<<"seqNo">>, Element)) of
-        {ok, Since} -> activate(node_of(Element, IQ), Since, IQ);
-        error -> answer(IQ, {error, xmpp:err_bad_request(<<"seqNo is a number of at most 20 digits">>, <<"en">>)})
+    case {pubsub_device_stanza:number(fxml:get_tag_attr_s(<<"seqNo">>, Element)), pubsub_device_stanza:limit(Element)} of
+        {error, _} -> answer(IQ, {error, xmpp:err_bad_request(<<"seqNo is a number of at most 20 digits">>, <<"en">>)});
+        {_, invalid} -> answer(IQ, {error, xmpp:err_bad_request(<<"limit is 1 or absent">>, <<"en">>)});
+        {{ok, Since}, Limit} -> pubsub_device_activation:activate(node_of(Element, IQ), Since, Limit, IQ)
     end;
-request({set, <<"deactivate">>}, Element, #iq{from = From} = IQ) ->
-    Node = node_of(Element, IQ),
-    Device = jid:tolower(From),
-    case pubsub_device_sender:call(Node, Device, {deactivate, Node, Device}) of
-        ok -> xmpp:make_iq_result(IQ);
-        Error -> answer(IQ, Error)
-    end;
-request({set, <<"activate-nodes">>}, Element, IQ) -> activate_nodes(Element, IQ);
+request({set, <<"activate-nodes">>}, Element, IQ) ->
+    pubsub_device_activation:activate_nodes(pubsub_device_stanza:activations(Element), IQ);
+request({set, <<"deactivate">>}, Element, IQ) -> pubsub_device_activation:deactivate(node_of(Element, IQ), IQ);
+request({get, <<"waiting">>}, Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
+    NodeIds = pubsub_device_stanza:named(Element),
+    Counts = pubsub_device_store:counts([{Service, NodeId} || NodeId <- NodeIds], jid:tolower(From)),
+    pubsub_device_session:spare(1 + length(NodeIds) div 16),
+    answer(IQ, {ok, pubsub_device_stanza:waiting(lists:zip(NodeIds, Counts))});
 request({set, <<"delete-nodes">>}, Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
     Failed = [{NodeId, Reason} || NodeId <- pubsub_device_stanza:node_ids(Element),
                                   {error, #stanza_error{reason = Reason}}
@@ -148,70 +148,3 @@ published({wait, Seconds}) ->
     {error, xmpp:err_resource_constraint(Text, <<"en">>)};
 published(full) ->
     {error, xmpp:err_resource_constraint(<<"The service is full; try again later">>, <<"en">>)}.
-
-%%% activation
-
-activate(Node, Since, #iq{from = From} = IQ) ->
-    case may_receive(Node, From) of
-        ok ->
-            Device = jid:tolower(From),
-            Room = pubsub_device_presence:attach(From),
-            pubsub_device_session:spare(4),
-            Request = {activate, Node, Device, Since, xmpp:make_iq_result(IQ)},
-            is_tuple(Room) orelse mark([Node], Device),
-            case is_tuple(Room) orelse pubsub_device_sender:call(Node, Device, Request) of
-                true -> answer(IQ, Room);
-                ok -> ignore;
-                Error -> answer(IQ, Error)
-            end;
-        Error -> answer(IQ, Error)
-    end.
-
-activate_nodes(Element, #iq{from = From, to = #jid{lserver = Service}} = IQ) ->
-    case pubsub_device_presence:attach(From) of
-        {error, _} = Refused -> answer(IQ, Refused);
-        _ -> activate_nodes_of(Service, Element, IQ)
-    end.
-
-activate_nodes_of(Service, Element, #iq{from = From} = IQ) ->
-    Verdicts = [{NodeId, may_receive({Service, NodeId}, From)} || NodeId <- pubsub_device_stanza:node_ids(Element)],
-    Failed = [{NodeId, Reason} || {NodeId, {error, #stanza_error{reason = Reason}}} <- Verdicts],
-    mark([{Service, NodeId} || {NodeId, ok} <- Verdicts], jid:tolower(From)),
-    ejabberd_router:route(xmpp:make_iq_result(IQ, pubsub_device_stanza:nodes(<<"activate-nodes">>, Failed))),
-    Device = jid:tolower(From),
-    News = [Node || {NodeId, ok} <- Verdicts, Node <- [{Service, NodeId}],
-                    pubsub_device_session:may_wait(Node, Device)],
-    [pubsub_device_session:tell(Node, Device, {activate, Node, Device}) || Node <- News],
-    News == [] andalso pubsub_device_session:spare(1 + length(Verdicts)),
-    ignore.
-
-%% The activation is on disk before it is answered: an item that is published after a restart is kept for the device,
-%% also while it is absent.
-mark(Nodes, Device) ->
-    New = [Node || Node <- Nodes, pubsub_device_targets:mark(Node, Device)],
-    New == [] orelse pubsub_device_commit:sync().
-
-%% A key node is for its owner's devices and its subscribers; an ordinary node needs no activation, so activating it
-%% only requests the kept items.
-may_receive({Service, NodeId} = Node, From) ->
-    Account = account(From),
-    case {mod_pubsub:tree_action(Service, get_node, [Service, NodeId]), pubsub_device_store:key_of(Node)} of
-        {#pubsub_node{}, none} -> ok;
-        {#pubsub_node{}, {_, Account}} -> ok;
-        {#pubsub_node{id = Nidx, type = Type}, _} ->
-            case mod_pubsub:node_action(Service, Type, get_subscriptions, [Nidx, Account]) of
-                {result, Subscriptions} ->
-                    case lists:keymember(subscribed, 1, Subscriptions) orelse subscribed(Service, Type, Nidx, From) of
-                        true -> ok;
-                        false -> {error, xmpp:err_forbidden()}
-                    end;
-                _ -> {error, xmpp:err_forbidden()}
-            end;
-        _ -> {error, unnamed(Service, element(2, Node), From, xmpp:err_item_not_found())}
-    end.
-
-subscribed(Service, Type, Nidx, From) ->
-    case mod_pubsub:node_action(Service, Type, get_subscriptions, [Nidx, jid:tolower(From)]) of
-        {result, Subscriptions} -> lists:keymember(subscribed, 1, Subscriptions);
-        _ -> false
-    end.

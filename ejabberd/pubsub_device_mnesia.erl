@@ -9,7 +9,7 @@
 -export([key_of/1, node_of/1, put_key/3, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
 -export([numbers/1, write/2, must_sync/1, complete/1, keep_last/5, last_item/1, forget_node/2]).
 -export([acknowledged/4, drop/3, next/3, newest/2, nodes_for/1, each_queue/1]).
--export([count/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
+-export([count/2, counts/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
 -export([device_id/1, some_device_id/1, devices_by_id/0, account_ids/0]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -257,6 +257,7 @@ newest(Node, Device) -> pubsub_device_items:newest(Node, Device).
 nodes_for(Device) -> pubsub_device_items:nodes_for(Device).
 each_queue(Fun) -> pubsub_device_items:each_queue(Fun).
 count(Node, Device) -> pubsub_device_items:count(Node, Device).
+counts(Nodes, Device) -> [count(Node, Device) || Node <- Nodes].
 oldest(Device) -> pubsub_device_items:oldest_of(Device).
 load(Who) -> pubsub_device_items:load(Who).
 total() -> pubsub_device_items:total().
@@ -264,7 +265,7 @@ relieve(Room) -> pubsub_device_items:relieve(Room).
 
 acknowledged(Node, Device, Number, Done) ->
     drop(Node, Device, Number),
-    Done().
+    Done(newest(Node, Device) /= none).
 
 totals() ->
     [{nodes, ets:info(pubsub_device_node, size)}, {key_nodes, ets:info(pubsub_device_key, size)},

@@ -4,7 +4,7 @@
 %% device_age; the session is known only while it lasts.
 -module(pubsub_device_presence).
 
--export([announce/1, attach/1, goodbye/1, on_session_end/3, on_remove_user/2, forget/1]).
+-export([announce/1, admit/1, attach/1, attach/2, goodbye/1, on_session_end/3, on_remove_user/2, forget/1]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -28,18 +28,27 @@ announce(JID) ->
         Refused -> Refused
     end.
 
-%% `ok`, `stranger` if it is not a session of this server, or the error for a device above the bound.
+%% Makes the session the device's: `ok`, or what admit/1 says otherwise.
 attach(JID) ->
+    case admit(JID) of
+        {ok, Pid} -> attach(jid:tolower(JID), Pid);
+        Refused -> Refused
+    end.
+
+attach(Device, Pid) ->
+    pubsub_device_store:attach(Device, Pid),
+    pubsub_device_session:present(),
+    ok.
+
+%% Records the device: {ok, Pid of its session}, `stranger` if it is not a session of this server, or the error for a
+%% device above the bound.
+admit(JID) ->
     {User, Server, Resource} = Device = jid:tolower(JID),
     case Resource /= <<>> andalso ejabberd_router:is_my_host(Server)
         andalso ejabberd_sm:get_session_pid(User, Server, Resource) of
         Pid when is_pid(Pid) ->
             case pubsub_device_store:is_device(Device) orelse make_room(Device) of
-                true ->
-                    pubsub_device_store:saw_device(Device),
-                    pubsub_device_store:attach(Device, Pid),
-                    pubsub_device_session:present(),
-                    ok;
+                true -> pubsub_device_store:saw_device(Device), {ok, Pid};
                 false -> pubsub_device_bounds:device_refused({User, Server, <<>>})
             end;
         _ -> stranger
@@ -67,6 +76,7 @@ make_room_now(Device) ->
 %% The session continues as if it had not announced itself.
 goodbye(JID) ->
     leave(JID, self()) andalso pubsub_device_session:settle(jid:tolower(JID)),
+    pubsub_device_limits:forget(jid:tolower(JID)),
     pubsub_device_session:forget(),
     pubsub_device_session:spare(16).
 
@@ -81,7 +91,8 @@ leave(JID, Pid) ->
     end.
 
 on_session_end({_, Pid}, JID, _Info) ->
-    leave(JID, Pid).
+    leave(JID, Pid),
+    Pid == self() andalso pubsub_device_limits:forget(jid:tolower(JID)).
 
 on_remove_user(User, Server) ->
     [forget(Device) || Device <- pubsub_device_store:devices({jid:nodeprep(User), jid:nameprep(Server), <<>>})],

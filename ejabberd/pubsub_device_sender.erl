@@ -97,7 +97,11 @@ handle_call(Request, From, State) ->
 asked({activate, Node, Device, Since, Answer}, From, State) ->
     ejabberd_router:route(Answer),
     gen_server:reply(From, ok),
-    {noreply, activate(Node, Device, Since, State)};
+    {noreply, activate(Node, Device, Since, active, State)};
+asked({limit, Node, Device, Since, Answer}, From, State) ->
+    ejabberd_router:route(Answer),
+    gen_server:reply(From, ok),
+    {noreply, activate(Node, Device, Since, limited, State)};
 asked({deactivate, Node, Device}, _, State) ->
     pubsub_device_store:deactivate(Node, Device),
     {reply, ok, State}.
@@ -113,7 +117,9 @@ handle_cast({announce, Node, Device, Again}, State) ->
             end,
     {noreply, with_flow(Node, Device, fun pubsub_device_flow:pump/3, Known, State)};
 handle_cast({activate, Node, Device}, State) ->
-    {noreply, activate(Node, Device, bulk, State)};
+    {noreply, activate(Node, Device, bulk, active, State)};
+handle_cast({limit, Node, Device}, State) ->
+    {noreply, activate(Node, Device, bulk, limited, State)};
 handle_cast({acked, Node, Device, Pid, Number}, State) ->
     case pubsub_device_store:attached(Device) of
         Pid ->
@@ -126,8 +132,7 @@ handle_cast({resume, Node, Device}, State) ->
 handle_cast({session_down, Device, Pid}, #state{flows = Flows} = State) ->
     Present = pubsub_device_store:session(Device),
     Old = maps:filter(fun(_, Flow) -> pubsub_device_flow:pid(Flow) /= Present end, maps:get(Device, Flows, #{})),
-    [pubsub_device_store:deactivate(Node, Device) || Node <- maps:keys(Old),
-                                                     pubsub_device_store:is_active(Node, Device, Pid)],
+    [pubsub_device_store:forget_activation(Node, Device, Pid) || Node <- maps:keys(Old)],
     {noreply, lists:foldl(fun(Node, S) -> forget_flow(Node, Device, S) end, State, maps:keys(Old))}.
 
 handle_info(_, State) ->
@@ -136,13 +141,13 @@ handle_info(_, State) ->
 terminate(_, _) -> ok.
 code_change(_, State, _) -> {ok, State}.
 
-activate(Node, Device, Since, State) ->
+activate(Node, Device, Since, How, State) ->
     case pubsub_device_store:session(Device) of
         none -> State;
         Pid ->
-            Fresh = not pubsub_device_store:is_active(Node, Device, Pid),
-            pubsub_device_store:activate(Node, Device, Pid),
-            Activated = fun(N, D, Flow) -> pubsub_device_flow:activated(N, D, Since, Fresh, Flow) end,
+            Before = pubsub_device_store:activation(Node, Device, Pid),
+            pubsub_device_store:activate(Node, Device, Pid, How),
+            Activated = fun(N, D, Flow) -> pubsub_device_flow:activated(N, D, Since, Before, Flow) end,
             with_flow(Node, Device, Activated, Activated, State)
     end.
 

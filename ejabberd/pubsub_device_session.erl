@@ -4,12 +4,13 @@
 %% session.
 %%
 %% An acknowledgement names an item id, and several copies, or several transmissions of one copy, can have the same
-%% id: each acknowledgement refers to the oldest transmission under that id. The session sees every transmission
-%% before its acknowledgement, whichever writer sent it, so a writer may be restarted in between.
+%% id: an acknowledgement with a number refers to all transmissions of that copy, one without to the oldest transmission
+%% under the id. The session sees every transmission before its acknowledgement, whichever writer sent it, so a writer
+%% may be restarted in between.
 -module(pubsub_device_session).
 
 -export([present/0, on_receive/1, is_news/2, may_wait/2, forget/0]).
--export([acknowledge/3, tell/3, tell_writer/2, settle/1, answer/1, began/1, spare/1]).
+-export([acknowledge/4, tell/3, tell_writer/2, settle/1, answer/1, began/1, spare/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
@@ -93,13 +94,14 @@ bound(#sendings{turns = Turns, nodes = Nodes} = Sendings) ->
 
 forget_oldest(#sendings{turns = Turns, oldest = Oldest} = Sendings) ->
     case Turns of
-        #{Oldest := Id} -> element(3, taken(Id, Sendings));
+        #{Oldest := Id} -> element(3, taken(Id, any, Sendings));
         _ -> forget_oldest(Sendings#sendings{oldest = Oldest + 1})
     end.
 
-%% Takes out the oldest transmission under the id and returns its number, or none.
-take(Node, ItemId) ->
-    case taken({Node, ItemId}, sendings()) of
+%% Takes out the transmissions to which the acknowledgement refers and returns their number, or none. `Wanted` is a
+%% number, or `any` for the oldest.
+take(Node, ItemId, Wanted) ->
+    case taken({Node, ItemId}, Wanted, sendings()) of
         none -> none;
         {Number, At, Left} ->
             put(?SENDINGS, Left),
@@ -108,32 +110,44 @@ take(Node, ItemId) ->
             Number
     end.
 
-taken(Id, #sendings{ids = Ids, turns = Turns} = Sendings) ->
+taken(Id, Wanted, #sendings{ids = Ids, turns = Turns} = Sendings) ->
     case Ids of
         #{Id := Queue} ->
-            {{value, {Turn, Number, At}}, Rest} = queue:out(Queue),
-            Left = case queue:is_empty(Rest) of
-                       true -> maps:remove(Id, Ids);
-                       false -> Ids#{Id := Rest}
-                   end,
-            {Number, At, Sendings#sendings{ids = Left, turns = maps:remove(Turn, Turns)}};
+            case parted(Wanted, Queue) of
+                {[], _} -> none;
+                {[{_, Number, At} | _] = Taken, Rest} ->
+                    Left = case queue:is_empty(Rest) of
+                               true -> maps:remove(Id, Ids);
+                               false -> Ids#{Id := Rest}
+                           end,
+                    Gone = [Turn || {Turn, _, _} <- Taken],
+                    {Number, At, Sendings#sendings{ids = Left, turns = maps:without(Gone, Turns)}}
+            end;
         _ -> none
     end.
 
-%% The session's client acknowledged an item. It counts only if the item was sent here under this id. The sender is told
-%% when more may be due.
-acknowledge(Node, Device, ItemId) ->
-    case take(Node, ItemId) of
+parted(any, Queue) ->
+    {{value, Oldest}, Rest} = queue:out(Queue),
+    {[Oldest], Rest};
+parted(Wanted, Queue) ->
+    {Taken, Rest} = lists:partition(fun({_, Number, _}) -> Number == Wanted end, queue:to_list(Queue)),
+    {Taken, queue:from_list(Rest)}.
+
+%% The session's client acknowledged an item. It counts only if the item was sent here under this id, and with this
+%% number if it is one. The sender is told when more may be due.
+acknowledge(Node, Device, ItemId, Wanted) ->
+    case take(Node, ItemId, Wanted) of
         none -> spare(1);
         Number ->
             Pid = self(),
-            pubsub_device_store:acknowledged(Node, Device, Number, fun() -> dropped(Node, Device, Pid, Number) end)
+            pubsub_device_store:acknowledged(Node, Device, Number,
+                                             fun(More) -> dropped(Node, Device, Pid, Number, More) end)
     end.
 
-%% Without a further item there is nothing to send.
-dropped(Node, Device, Pid, Number) ->
-    pubsub_device_store:newest(Node, Device) == none
-        orelse tell(Node, Device, {acked, Node, Device, Pid, Number}).
+%% Without a further item there is nothing to send, but of a node with a limit the sender waits for the open one.
+dropped(Node, Device, Pid, Number, More) ->
+    (More orelse pubsub_device_store:activation(Node, Device, Pid) == limited)
+        andalso tell(Node, Device, {acked, Node, Device, Pid, Number}).
 
 %% Whether announcing the device again would send an item of the node: one that was not sent as often as allowed.
 is_news(Node, Device) ->
@@ -141,7 +155,7 @@ is_news(Node, Device) ->
     case pubsub_device_flow:gate(Node, Device, self()) of
         closed -> false;
         open -> pubsub_device_store:next(Node, Device, Twice) /= none;
-        single ->
+        _ ->
             case pubsub_device_store:next(Node, Device, 0) of
                 #pubsub_device_copy{id = {_, _, Number}} -> Number > Sent;
                 none -> false
@@ -151,7 +165,8 @@ is_news(Node, Device) ->
 %% Whether activating the node may have an effect: it is not active yet, or something was not sent yet.
 may_wait(Node, Device) ->
     {Sent, _} = maps:get(Node, (sendings())#sendings.nodes, {0, 0}),
-    not pubsub_device_store:is_active(Node, Device, self()) orelse pubsub_device_store:next(Node, Device, Sent) /= none.
+    pubsub_device_store:activation(Node, Device, self()) /= active
+        orelse pubsub_device_store:next(Node, Device, Sent) /= none.
 
 %% The session continues without being the device's.
 forget() ->

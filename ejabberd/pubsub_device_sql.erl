@@ -12,7 +12,7 @@
 -export([key_of/1, node_of/1, put_key/3, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
 -export([numbers/1, write/2, must_sync/1, complete/1, keep_last/5, last_item/1, forget_node/2]).
 -export([acknowledged/4, drop/3, next/3, newest/2, nodes_for/1, each_queue/1]).
--export([count/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
+-export([count/2, counts/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
 -export([jid/1, account_of/1, change/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -245,6 +245,7 @@ newest(Node, Device) -> pubsub_device_sql_items:newest(Node, Device).
 nodes_for(Device) -> pubsub_device_sql_items:nodes_for(Device).
 each_queue(Fun) -> pubsub_device_sql_items:each_queue(Fun).
 count(Node, Device) -> pubsub_device_sql_items:count(Node, Device).
+counts(Nodes, Device) -> pubsub_device_sql_items:counts(Nodes, Device).
 oldest(Device) -> pubsub_device_sql_items:oldest(Device).
 totals() -> pubsub_device_sql_items:totals().
 next_device(Before) -> pubsub_device_sql_items:next_device(Before).

@@ -15,7 +15,7 @@
 
 start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
 
-%% Calls Done() when the copy is dropped and others of the node wait for the device.
+%% Calls Done(More) when the copy is dropped: whether others of the node wait for the device.
 add(Node, Device, Number, Done) ->
     gen_server:cast(?MODULE, {add, {Node, Device, Number}, Done}).
 
@@ -32,7 +32,7 @@ handle_info(flush, Waiting) ->
     case pubsub_device_sql_items:acknowledge([Copy || {Copy, _} <- Now]) of
         {ok, Queues} ->
             Left = maps:from_keys(Queues, true),
-            [Done() || {{Node, Device, _}, Done} <- lists:reverse(Now), maps:is_key({Node, Device}, Left)],
+            [Done(maps:is_key({Node, Device}, Left)) || {{Node, Device, _}, Done} <- lists:reverse(Now)],
             Later == [] orelse (self() ! flush),
             {noreply, Later};
         {error, Reason} ->

@@ -8,7 +8,7 @@
 
 -export([tick/0, sweep/0, numbers/1, write/2, complete/1, keep_last/5, last_item/1, forget_node/2]).
 -export([drop/1, acknowledge/1, drop_device/1, next/3, newest/2, nodes_for/1, each_queue/1]).
--export([count/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
+-export([count/2, counts/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -458,6 +458,19 @@ count({Service, NodeId}, {_, _, Resource} = Device) ->
                                  "and n.node=%(NodeId)s join pubsub_device_queue q on q.device=d.id and q.node=n.nodeid "
                                  "where a.jid=%(JID)s")),
     lists:sum([Count || {Count} <- Found]).
+
+counts([], _) ->
+    [];
+counts(Nodes, {_, _, Resource} = Device) ->
+    Names = [[$(, text(Service), $,, text(NodeId), $)] || {Service, NodeId} <- lists:usort(Nodes)],
+    Found = maps:from_list([{{Service, NodeId}, binary_to_integer(Count)}
+                            || [Service, NodeId, Count]
+                                   <- rows(["SELECT n.host, n.node, q.kept FROM (VALUES ", list(Names), ") AS v(host, node) "
+                                            "JOIN pubsub_node n ON n.host=v.host AND n.node=v.node "
+                                            "JOIN pubsub_device_account a ON a.jid=", text(jid(Device)),
+                                            " JOIN pubsub_device d ON d.account=a.id AND d.resource=", text(Resource),
+                                            " JOIN pubsub_device_queue q ON q.device=d.id AND q.node=n.nodeid"])]),
+    [maps:get(Node, Found, 0) || Node <- Nodes].
 
 oldest({_, _, Resource} = Device) ->
     JID = jid(Device),

@@ -4,7 +4,7 @@
 -module(pubsub_device_stanza).
 
 -export([item/1, numbered/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
--export([key/3, nodes/2, node_ids/1, published/2, done/2, number/1]).
+-export([key/3, nodes/2, named/1, node_ids/1, activations/1, limit/1, waiting/1, published/2, done/2, number/1]).
 -export([sign/1, is_signed/1, sending/2, sending/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -54,10 +54,32 @@ nodes(Name, Failed) ->
                               attrs = [{<<"id">>, NodeId}, {<<"error">>, misc:atom_to_binary(Reason)}]}
                        || {NodeId, Reason} <- Failed]}.
 
-%% The names of a bulk request, without duplicates and empty ones.
-node_ids(#xmlel{children = Children}) ->
-    lists:usort([NodeId || #xmlel{name = <<"node">>} = Child <- Children,
-                           NodeId <- [fxml:get_tag_attr_s(<<"id">>, Child)], NodeId /= <<>>]).
+%% The names of a bulk request, without empty ones; the second without duplicates.
+named(Element) -> [NodeId || {NodeId, _} <- entries(Element)].
+node_ids(Element) -> lists:usort(named(Element)).
+
+entries(#xmlel{children = Children}) ->
+    [{NodeId, Child} || #xmlel{name = <<"node">>} = Child <- Children,
+                        NodeId <- [fxml:get_tag_attr_s(<<"id">>, Child)], NodeId /= <<>>].
+
+%% What a bulk activation asks for each node, named once: [{NodeId, unlimited | limited | invalid}]. Where a name is
+%% repeated, what restricts more counts.
+activations(Element) ->
+    lists:ukeysort(1, lists:sort([{NodeId, limit(Child)} || {NodeId, Child} <- entries(Element)])).
+
+%% How many items of a node may be open: `unlimited`, `limited` to one, or `invalid`.
+limit(Element) ->
+    case fxml:get_tag_attr(<<"limit">>, Element) of
+        false -> unlimited;
+        {value, <<"1">>} -> limited;
+        _ -> invalid
+    end.
+
+%% The answer to a request for the numbers of waiting items.
+waiting(Counts) ->
+    #xmlel{name = <<"waiting">>, attrs = [{<<"xmlns">>, ?NS_DEVICE}],
+           children = [#xmlel{name = <<"node">>, attrs = [{<<"id">>, NodeId}, {<<"count">>, integer_to_binary(Count)}]}
+                       || {NodeId, Count} <- Counts]}.
 
 %% The holder of a key must not learn the node or its owner, so the node is not named.
 published(ItemId, Number) ->

@@ -80,8 +80,8 @@
 
 %%% waiting items
 
-%% The session acknowledged the item. Calls Done() when it is dropped.
--callback acknowledged(node_name(), device(), number_of_item(), Done :: fun(() -> term())) -> term().
+%% The session acknowledged the item. Calls Done(More) when it is dropped: whether others of the node wait for the device.
+-callback acknowledged(node_name(), device(), number_of_item(), Done :: fun((boolean()) -> term())) -> term().
 %% Drops the copy: whether it was there.
 -callback drop(node_name(), device(), number_of_item()) -> boolean().
 %% The oldest copy above the number.
@@ -94,6 +94,8 @@
 -callback each_queue(fun((device(), node_name()) -> term())) -> ok.
 %% How many items of the node wait for the device.
 -callback count(node_name(), device()) -> non_neg_integer().
+%% The same for many nodes, in their order.
+-callback counts([node_name()], device()) -> [non_neg_integer()].
 %% The oldest of all copies of the device.
 -callback oldest(device()) -> {node_name(), number_of_item()} | none.
 %% Number and bytes of the copies kept for a device or an account.

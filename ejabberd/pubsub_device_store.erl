@@ -5,12 +5,13 @@
 
 -export([init/1, workers/0, sync/0, flush/0, tick/0, sweep/0]).
 -export([attach/2, detach/2, session/1, attached/1, sessions/0, forget_session/1]).
--export([activate/3, deactivate/2, is_active/3, stale_activations/0]).
+-export([activate/4, deactivate/2, activation/3, is_active/3]).
+-export([forget_activation/3, forget_limits/1, forget_stale_activations/0]).
 -export([saw_device/1, is_device/1, devices/1, all_devices/0, seen/1, forget_device/1]).
 -export([key_of/1, node_of/1, put_key/3, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
 -export([numbers/1, write/2, must_sync/1, complete/1, keep_last/5, last_item/1, forget_node/2]).
 -export([acknowledged/4, drop/3, next/3, newest/2, nodes_for/1, each_queue/1]).
--export([count/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
+-export([count/2, counts/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
 
 -include("pubsub_device.hrl").
 
@@ -66,24 +67,66 @@ sessions() ->
 forget_session(Device) ->
     pubsub_device_tables:delete(pubsub_device_session, Device).
 
-activate(Node, Device, Pid) ->
-    case is_active(Node, Device, Pid) of
-        true -> ok;
-        false -> pubsub_device_tables:write(#pubsub_device_active{id = {Node, Device}, pid = Pid})
+%% How: `active`, or `limited` to one open item.
+activate(Node, Device, Pid, How) ->
+    case activation(Node, Device, Pid) of
+        How -> ok;
+        _ when How == active -> put_activation(Node, Device, Pid);
+        _ -> put_activation(Node, Device, {How, Pid})
     end.
 
+%% A node with a limit stays closed until its next activation; others are as if they had never been activated.
 deactivate(Node, Device) ->
-    pubsub_device_tables:delete(pubsub_device_active, {Node, Device}).
+    case ets:lookup(pubsub_device_active, {Node, Device}) of
+        [#pubsub_device_active{session = {_, Pid}}] -> put_activation(Node, Device, {closed, Pid});
+        _ -> pubsub_device_tables:delete(pubsub_device_active, {Node, Device})
+    end.
+
+put_activation(Node, Device, Session) ->
+    pubsub_device_tables:write(#pubsub_device_active{id = {Node, Device}, session = Session}).
+
+%% What the session made of the node: `active`, `limited`, `closed`, or `none`.
+activation(Node, Device, Pid) ->
+    case ets:lookup(pubsub_device_active, {Node, Device}) of
+        [#pubsub_device_active{session = Pid}] -> active;
+        [#pubsub_device_active{session = {How, Pid}}] -> How;
+        _ -> none
+    end.
 
 is_active(Node, Device, Pid) ->
-    case ets:lookup(pubsub_device_active, {Node, Device}) of
-        [#pubsub_device_active{pid = Pid}] -> true;
-        _ -> false
-    end.
+    lists:member(activation(Node, Device, Pid), [active, limited]).
 
-stale_activations() ->
-    [Id || {_, Device} = Id <- mnesia:dirty_all_keys(pubsub_device_active),
-           #pubsub_device_active{pid = Pid} <- ets:lookup(pubsub_device_active, Id), session(Device) /= Pid].
+%% The session has ended. A later one of the device may have activated the node by now.
+forget_activation(Node, Device, Pid) ->
+    [pubsub_device_tables:delete_object(Found)
+     || #pubsub_device_active{session = Session} = Found <- ets:lookup(pubsub_device_active, {Node, Device}),
+        of_session(Session) == Pid],
+    ok.
+
+of_session({_, Pid}) -> Pid;
+of_session(Pid) -> Pid.
+
+%% A limit ends with the node; one of the same name is another node.
+forget_limits(Node) -> forget_limits(Node, ets:next(pubsub_device_active, {Node, 0})).  % less than every device
+
+forget_limits(Node, {Node, _} = Id) ->
+    [pubsub_device_tables:delete_object(Found)
+     || #pubsub_device_active{session = {_, _}} = Found <- ets:lookup(pubsub_device_active, Id)],
+    forget_limits(Node, ets:next(pubsub_device_active, Id));
+forget_limits(_, _) ->
+    ok.
+
+forget_stale_activations() ->
+    [pubsub_device_tables:delete_object(Found)
+     || Id <- mnesia:dirty_all_keys(pubsub_device_active), Found <- ets:lookup(pubsub_device_active, Id),
+        is_stale(Found)],
+    ok.
+
+%% A session may set limits before it announces itself.
+is_stale(#pubsub_device_active{id = {_, {User, Server, Resource}}, session = {_, Pid}}) ->
+    ejabberd_sm:get_session_pid(User, Server, Resource) /= Pid;
+is_stale(#pubsub_device_active{id = {_, Device}, session = Pid}) ->
+    session(Device) /= Pid.
 
 %%% the storage
 
@@ -121,6 +164,7 @@ newest(Node, Device) -> ?STORAGE:newest(Node, Device).
 nodes_for(Device) -> ?STORAGE:nodes_for(Device).
 each_queue(Fun) -> ?STORAGE:each_queue(Fun).
 count(Node, Device) -> ?STORAGE:count(Node, Device).
+counts(Nodes, Device) -> ?STORAGE:counts(Nodes, Device).
 oldest(Device) -> ?STORAGE:oldest(Device).
 load(Who) -> ?STORAGE:load(Who).
 total() -> ?STORAGE:total().

@@ -54,7 +54,7 @@ forget_absent() ->
         Seen <- pubsub_device_store:seen(Device), Seen < Oldest],
     [pubsub_device_store:forget_session(Device)
      || Device <- pubsub_device_store:sessions(), pubsub_device_store:session(Device) == none],
-    [pubsub_device_store:deactivate(Node, Device) || {Node, Device} <- pubsub_device_store:stale_activations()].
+    pubsub_device_store:forget_stale_activations().
 
 handle_call(_, _, State) -> {reply, ok, State}.
 handle_cast(_, State) -> {noreply, State}.

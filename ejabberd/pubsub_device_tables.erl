@@ -4,7 +4,7 @@
 %% atomic (take/2, add/4). With other members the same changes are made in transactions.
 -module(pubsub_device_tables).
 
--export([create/5, alone/0, together/1, write/1, delete/2, put/1, remove/2, take/2, add/4]).
+-export([create/5, alone/0, together/1, write/1, delete/2, delete_object/1, put/1, remove/2, take/2, add/4]).
 
 %% Tables in memory are changed by many processes at once.
 -define(CONCURRENT, {storage_properties, [{ets, [{read_concurrency, true}, {write_concurrency, true}]}]}).
@@ -38,6 +38,10 @@ delete(Table, Key) ->
         true -> mnesia:delete({Table, Key});
         false -> mnesia:sync_dirty(fun() -> mnesia:delete({Table, Key}) end)
     end.
+
+%% Only if the record is as given.
+delete_object(Record) ->
+    mnesia:sync_dirty(fun() -> mnesia:delete_object(Record) end).
 
 %%% tables in memory
 

@@ -85,7 +85,9 @@ others(Full) ->
 
 %% An item without a payload cannot be acknowledged, so it is sent once.
 live({Service, _} = Node, #ps_item{} = Item, Messages) ->
-    Subscribers = [{LJID, Message} || #message{to = To} = Message <- Messages, LJID <- reached(jid:tolower(To))],
+    Subscribers = [{LJID, Message} || #message{to = To} = Message <- Messages, LJID <- reached(jid:tolower(To)),
+                                      pubsub_device_store:activation(Node, LJID, pubsub_device_store:attached(LJID))
+                                          /= closed],
     Sent = [LJID || {LJID, _} <- Subscribers],
     Owned = [Device || Device <- owned(Node), not lists:member(Device, Sent),
                        pubsub_device_store:is_active(Node, Device, pubsub_device_store:session(Device))],

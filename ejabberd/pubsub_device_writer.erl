@@ -193,6 +193,7 @@ forget(Node, Id) ->
     pubsub_device_database:attempt(fun() ->
                                            pubsub_device_store:key_of(Node) == none
                                                orelse pubsub_device_store:delete_key(Node),
+                                           pubsub_device_store:forget_limits(Node),
                                            pubsub_device_store:forget_node(Node, Id),
                                            pubsub_device_tree:forget_items(Node, Id)
                                    end, fun unavailable/0).
