@@ -7,9 +7,10 @@
 %% In memory: the session in which a device last announced itself.
 -record(pubsub_device_session, {jid, pid}).
 
-%% In memory: id = {Node, Device}; how the device's session activated the node: the session's Pid, {limited, Pid} for one
-%% open item at a time, or {closed, Pid} after it deactivated a node with a limit.
--record(pubsub_device_active, {id, session}).
+%% In memory: id = {Node, Device}; `pid` is the session in which the device activated the node, {limited, Pid} if it wants
+%% one open item at a time, or {closed, Pid} after it deactivated a node with a limit. The fields have their old names,
+%% since members of different versions share the table.
+-record(pubsub_device_active, {id, pid}).
 
 %% An item on its way to the storage. `id` is the engine's id of the node, or `any`; `item` a #ps_item{}; `keep` the
 %% devices for which it is kept, as {Device, Via}, where Via says whether a subscription or the ownership of a key

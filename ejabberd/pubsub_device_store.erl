@@ -78,18 +78,18 @@ activate(Node, Device, Pid, How) ->
 %% A node with a limit stays closed until its next activation; others are as if they had never been activated.
 deactivate(Node, Device) ->
     case ets:lookup(pubsub_device_active, {Node, Device}) of
-        [#pubsub_device_active{session = {_, Pid}}] -> put_activation(Node, Device, {closed, Pid});
+        [#pubsub_device_active{pid = {_, Pid}}] -> put_activation(Node, Device, {closed, Pid});
         _ -> pubsub_device_tables:delete(pubsub_device_active, {Node, Device})
     end.
 
 put_activation(Node, Device, Session) ->
-    pubsub_device_tables:write(#pubsub_device_active{id = {Node, Device}, session = Session}).
+    pubsub_device_tables:write(#pubsub_device_active{id = {Node, Device}, pid = Session}).
 
 %% What the session made of the node: `active`, `limited`, `closed`, or `none`.
 activation(Node, Device, Pid) ->
     case ets:lookup(pubsub_device_active, {Node, Device}) of
-        [#pubsub_device_active{session = Pid}] -> active;
-        [#pubsub_device_active{session = {How, Pid}}] -> How;
+        [#pubsub_device_active{pid = Pid}] -> active;
+        [#pubsub_device_active{pid = {How, Pid}}] -> How;
         _ -> none
     end.
 
@@ -99,7 +99,7 @@ is_active(Node, Device, Pid) ->
 %% The session has ended. A later one of the device may have activated the node by now.
 forget_activation(Node, Device, Pid) ->
     [pubsub_device_tables:delete_object(Found)
-     || #pubsub_device_active{session = Session} = Found <- ets:lookup(pubsub_device_active, {Node, Device}),
+     || #pubsub_device_active{pid = Session} = Found <- ets:lookup(pubsub_device_active, {Node, Device}),
         of_session(Session) == Pid],
     ok.
 
@@ -111,7 +111,7 @@ forget_limits(Node) -> forget_limits(Node, ets:next(pubsub_device_active, {Node,
 
 forget_limits(Node, {Node, _} = Id) ->
     [pubsub_device_tables:delete_object(Found)
-     || #pubsub_device_active{session = {_, _}} = Found <- ets:lookup(pubsub_device_active, Id)],
+     || #pubsub_device_active{pid = {_, _}} = Found <- ets:lookup(pubsub_device_active, Id)],
     forget_limits(Node, ets:next(pubsub_device_active, Id));
 forget_limits(_, _) ->
     ok.
@@ -123,9 +123,9 @@ forget_stale_activations() ->
     ok.
 
 %% A session may set limits before it announces itself.
-is_stale(#pubsub_device_active{id = {_, {User, Server, Resource}}, session = {_, Pid}}) ->
+is_stale(#pubsub_device_active{id = {_, {User, Server, Resource}}, pid = {_, Pid}}) ->
     ejabberd_sm:get_session_pid(User, Server, Resource) /= Pid;
-is_stale(#pubsub_device_active{id = {_, Device}, session = Pid}) ->
+is_stale(#pubsub_device_active{id = {_, Device}, pid = Pid}) ->
     session(Device) /= Pid.
 
 %%% the storage
