@@ -133,6 +133,24 @@ class Cluster(ServerTest):
         self.assertEqual(len(told), 3 * self.nodes)
         self.check(device, told)
 
+    def test_limits_hold_at_both_members_and_after_the_kill_of_one(self):
+        device = self.at(self.first, "bob", "limited")
+        owner = self.subscribed(device)
+        limits = "".join("<node id='%s' limit='1'/>" % name for name in self.names())
+        self.succeed(self.ext(device, "<activate-nodes>%s</activate-nodes>" % limits))
+        for text in ("1", "2"):
+            for name in self.names():
+                self.publish(owner, text, text, name)
+        for name in self.names():
+            self.assertEqual(self.texts(device, 1, name), ["1"])
+            self.succeed(self.ext(device, "<deactivate node='/none%s'/>" % name))  # asks senders of both members
+        device.sync()
+        self.assertEqual(device.messages(), [])
+        self.second.kill()
+        for name in self.names():
+            self.ack(device, "1", name)
+            self.assertEqual(self.texts(device, 1, name), ["2"])
+
     def test_an_acknowledgement_is_honoured_when_a_member_has_joined_meanwhile(self):
         self.second.stop()
         owner = self.at(self.first, "owner", "stays")

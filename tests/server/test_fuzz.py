@@ -58,14 +58,16 @@ class Everything(ServerTest):
 
     def extension(self):
         bulk = self.random.choice(("activate-nodes", "delete-nodes"))
-        nodes = "".join(self.random.choice(("<node id='%s'/>" % self.attribute("/k/1"), "<node/>", self.inside()))
-                        for _ in range(self.random.randrange(6)))
+        limit = self.random.choice(("", "", " limit='1'", " limit='%s'" % self.attribute("2")))
+        nodes = "".join(self.random.choice(("<node id='%s'%s/>" % (self.attribute("/k/1"), limit), "<node/>",
+                                            self.inside())) for _ in range(self.random.randrange(6)))
         number = self.random.choice(("", "0", "5", "-1", "x", "9" * 20, "9" * 21))
         content = self.random.choice((
             "<create-key-node %s>%s</create-key-node>" % (self.on_node(), self.inside()),
             "<key %s/>" % self.on_node(),
-            "<activate %s seqNo='%s'/>" % (self.on_node(), number),
+            "<activate %s seqNo='%s'%s/>" % (self.on_node(), number, limit),
             "<deactivate %s/>" % self.on_node(),
+            "<waiting>%s</waiting>" % nodes,
             "<%s>%s</%s>" % (bulk, nodes, bulk),
             "<publish key='%s'>%s</publish>" % (
                 self.attribute(*self.keys), self.inside("<item><payload>x</payload></item>", "<item/>"))))
@@ -82,8 +84,8 @@ class Everything(ServerTest):
         """A message or a presence."""
         service = self.server.pubsub
         return self.random.choice((
-            "<message to='%s'><ack xmlns='%s' %s id='%s'/></message>" % (
-                service, DEVICE, self.on_node(), self.attribute("one")),
+            "<message to='%s'><ack xmlns='%s' %s id='%s' seqNo='%s'/></message>" % (
+                service, DEVICE, self.on_node(), self.attribute("one"), self.attribute("", "5")),
             "<message to='%s' id='%s'>%s</message>" % (service, self.attribute(), self.inside()),
             "<presence to='%s'>%s</presence>" % (service, self.inside()),
             "<presence to='%s' type='%s'/>" % (service, self.random.choice(("unavailable", "subscribe", "probe")))))

@@ -312,6 +312,21 @@ class Floods(Load):
         self.check("bob", "bulk", "<iq type='set' id='a' to='%s'><activate-nodes xmlns='%s'>%s</activate-nodes></iq>"
                    % (self.server.pubsub, DEVICE, nodes) * 20)
 
+    def test_a_flood_of_limits_that_are_set_and_lifted_refuses_no_other_publisher(self):
+        self.kept("limits")
+        bulk = "<iq type='set' id='a' to='%s'><activate-nodes xmlns='%s'>%s</activate-nodes></iq>"
+        single = "<iq type='set' id='b' to='%s'><activate xmlns='%s' node='%s/1' limit='1'/></iq>"
+        set_all, lift_all = (bulk % (self.server.pubsub, DEVICE, "".join(
+            "<node id='%s/%d'%s/>" % (self.node, number, limit) for number in range(self.nodes)))
+            for limit in (" limit='1'", ""))
+        self.check("bob", "limits", (set_all + single % (self.server.pubsub, DEVICE, self.node) + lift_all) * 20)
+
+    def test_a_flood_of_questions_what_waits_refuses_no_other_publisher(self):
+        self.kept("waiting")
+        nodes = "".join("<node id='%s/%d'/>" % (self.node, number) for number in range(1000))
+        self.check("bob", "waiting", "<iq type='get' id='a' to='%s'><waiting xmlns='%s'>%s</waiting></iq>"
+                   % (self.server.pubsub, DEVICE, nodes))
+
     def test_a_flood_of_publications_refuses_nobody(self):
         owner = self.client("owner")
         self.succeed(self.create(owner))
