@@ -17,14 +17,13 @@
 #include <utility>
 
 #include "util/log.h"
+#include "xmpp/keepalive.h"
 
 namespace xmpp {
 namespace {
 
 constexpr std::size_t kMaxQueued = 8u << 20;
 constexpr std::size_t kCompactAfter = 1u << 20;
-// Output that the peer has not acknowledged for this long ends the connection.
-constexpr unsigned kUserTimeoutMs = 60'000;
 
 template <typename T>
 void setOption(int fd, int level, int name, T value) {
@@ -125,7 +124,7 @@ bool Transport::startConnecting(const SocketAddress& address) {
         return false;
     }
     setOption(m_attempt, IPPROTO_TCP, TCP_NODELAY, 1);
-    setOption(m_attempt, IPPROTO_TCP, TCP_USER_TIMEOUT, kUserTimeoutMs);
+    configuredKeepAlive().applyTo(m_attempt);
     // An address that does not answer is given up for the next one after 7 s; the last one has the rest
     // of the deadline.
     if (!m_addresses.empty())

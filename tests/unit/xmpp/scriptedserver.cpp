@@ -3,6 +3,7 @@
 #include "tests/unit/xmpp/scriptedserver.h"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -179,6 +180,12 @@ void Peer::reset() {
     const linger hard{1, 0};
     setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
     close();
+}
+
+void Peer::dropPackets(bool drop) {
+    sock_filter dropAll = {.code = BPF_RET | BPF_K, .jt = 0, .jf = 0, .k = 0};
+    const sock_fprog program = {.len = 1, .filter = &dropAll};
+    setsockopt(m_fd, SOL_SOCKET, drop ? SO_ATTACH_FILTER : SO_DETACH_FILTER, &program, sizeof program);
 }
 
 std::string Peer::address() const {

@@ -44,6 +44,8 @@ class Peer {
     void close();
     // Closes so that the client sees a reset.
     void reset();
+    // From now on no packet of the client reaches the connection, and so none is acknowledged.
+    void dropPackets(bool drop = true);
     std::string address() const;
 
     std::string serverName;  // requested by the client in its handshake
