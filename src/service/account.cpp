@@ -37,11 +37,21 @@ struct SessionDetails {
     }
 };
 
+// A caller that only wants a connection would otherwise end one that came up while it called.
+bool isWanted(QSMessage* message) {
+    const JsonRef request = parseJson(QSMessageGetPayload(message));
+    const bool busy = gCurrentSession.m_connected || gCurrentSession.m_connecting;
+    return !busy || !boolMember(request.get(), "unlessConnected");
+}
+
 }  // namespace
 
 // Never replies; the bus library closes the request.
-bool initializeAccount(QSHandle*, QSMessage*, void*) {
+bool initializeAccount(QSHandle*, QSMessage* message, void*) {
+    if (!isWanted(message))
+        return true;
     PrvPrintErr({}, "==BEGIN - Initialize called");
+    gCurrentSession.m_endedByRequest = false;
     if (gCurrentSession.m_connected)
         gCurrentSession.disconnect();
     if (!gCurrentSession.getLoginDetails())
@@ -73,6 +83,7 @@ bool createSession(QSHandle* handle, QSMessage* message, void*) {
 }
 
 bool disconnect(QSHandle* handle, QSMessage* message, void*) {
+    gCurrentSession.m_endedByRequest = true;
     gCurrentSession.disconnect();
     sendReply(handle, message, kDone);
     return true;

@@ -3,11 +3,19 @@
 //
 // The bus library keeps the subscribers, by category and method. The posted payloads are fixed texts.
 #include <json-c/json.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <optional>
 
 #include "platform/bus/qsraii.h"
 #include "request/request.h"
 #include "service/methods.h"
 #include "session/pubsubsession.h"
+#include "util/clock.h"
+#include "xmpp/client.h"
 
 namespace {
 
@@ -49,6 +57,28 @@ Reply statusReply(const PubSubSession& session) {
     return reply;
 }
 
+// When the server was last heard, in Unix time: data, or an acknowledgement such as the answer to a keep-alive
+// probe. The kernel knows it; noting it for each read would cost more than asking when somebody wants to know.
+std::optional<int64_t> lastHeard(const xmpp::Client* client) {
+    tcp_info info = {};
+    socklen_t length = sizeof info;
+    if (!client || getsockopt(client->socket(), IPPROTO_TCP, TCP_INFO, &info, &length) != 0)
+        return std::nullopt;
+    const int64_t milliseconds = std::min(info.tcpi_last_data_recv, info.tcpi_last_ack_recv);
+    return unixTimeOf(bootTime() - milliseconds * 1'000);
+}
+
+// What a caller gets that asks for details: the posted payloads have no room for it.
+void addDetails(Reply& reply, const PubSubSession& session) {
+    if (!session.m_connected) {
+        reply.set("ended", session.m_endedByRequest);
+        return;
+    }
+    reply.set("since", unixTimeOf(session.m_connectedAt));
+    if (const std::optional<int64_t> heard = lastHeard(session.m_client))
+        reply.set("heard", *heard);
+}
+
 }  // namespace
 
 void PubSubSession::postConnected(CallSite site) {
@@ -79,5 +109,7 @@ bool subscribeConnStatus(QSHandle* handle, QSMessage* message, void*) {
         return request.refuse("\"busErr\"", "\"Processing subscription failed\"");
     Reply reply = statusReply(session);
     reply.set("session", !session.m_jid.full().empty()).set("network", session.m_networkAvailable);
+    if (boolMember(request.json(), "details"))
+        addDetails(reply, session);
     return request.reply(reply);
 }

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "session/pubsubsession.h"
+#include "util/clock.h"
 #include "util/jsonref.h"
 #include "util/log.h"
 #include "util/paths.h"
@@ -95,6 +96,7 @@ bool PubSubSession::connectToService() {
         return false;
     }
     m_connecting = true;
+    m_endedByRequest = false;
     if (getenv("xmpp_config"))
         turnOffTls();
     if (m_ipAddress.empty())
@@ -180,6 +182,7 @@ bool PubSubSession::onTLSConnect(const gloox::CertInfo& info) {
 
 void PubSubSession::onConnect() {
     m_connected = true;
+    m_connectedAt = bootTime();
     m_connecting = false;
     m_survivedOutage = false;
     m_lastError = 0;

@@ -309,6 +309,8 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     bool m_spare3 = false;          // would hold node activation back; never set
     bool m_onWan = false;           // the connection runs over the mobile link
     bool m_survivedOutage = false;  // it stayed up over the mobile link while there was no Internet
+    bool m_endedByRequest = false;  // the method `disconnect` was called, and no attempt has followed
+    int64_t m_connectedAt = 0;      // boot-time clock; while the stream is up
     // node -> subscribe request without a first answer
     std::map<std::string, _endpointStruct> m_deferredSubscribes;
     // key of the deletion store -> further nodes

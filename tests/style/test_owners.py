@@ -59,6 +59,8 @@ WRITERS = {
     "m_connected": {"session/connection.cpp"},
     "m_connecting": {"session/connection.cpp"},
     "m_lastError": {"session/connection.cpp"},
+    "m_connectedAt": {"session/connection.cpp"},
+    "m_endedByRequest": {"session/connection.cpp", "service/account.cpp"},
     "m_activationDone": {"session/connection.cpp"},
     "m_spare3": {"session/connection.cpp"},
     "m_survivedOutage": {"session/connection.cpp", "service/network.cpp"},  # ends with the connection
@@ -98,7 +100,7 @@ READING_CALLS = {
     "if", "while", "switch", "JID", "Client", "Manager", "dispose", "setServer", "setResource", "connectToServer",
     "addAttribute", "set", "add", "replyWith", "PrvPrintErr", "post", "pushSubscription", "pushAuthorisation", "QSCall",
     "QSSubscriptionPost", "QSSubscriptionRespond", "QSZeltServiceReadReceived", "g_main_loop_get_context",
-    "g_io_channel_unix_new",
+    "g_io_channel_unix_new", "unixTimeOf", "lastHeard",
 }
 
 MUTATOR = (r"(?:erase|clear|insert\w*|emplace\w*|try_emplace|extract|push_\w+|pop_\w+|remove\w*|swap|merge|assign|"

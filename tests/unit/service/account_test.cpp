@@ -67,6 +67,23 @@ TEST_F(Account, InitializeAccountLeavesAnAttemptAlone) {
     EXPECT_NE(session().m_client, nullptr);
 }
 
+TEST_F(Account, InitializeAccountThatWantsAConnectionOnlyLeavesOneAlone) {
+    constexpr char payload[] = R"({"unlessConnected":true})";
+    connectSession();
+    const Answer answer = callPrivate(initializeAccount, "initializeAccount", payload);
+    EXPECT_TRUE(answer.closedUnanswered());
+    EXPECT_TRUE(session().m_connected);
+    session().disconnect();
+    ASSERT_TRUE(session().connectToService());
+    takeEvents();
+    callPrivate(initializeAccount, "initializeAccount", payload);
+    EXPECT_EQ(takeEvents(), Texts{}) << "an attempt is under way";
+    session().disconnect();
+    takeEvents();
+    callPrivate(initializeAccount, "initializeAccount", payload);
+    EXPECT_EQ(takeEvents(), Texts{kLogin});
+}
+
 TEST_F(Account, InitializeAccountArmsTheReconnectAlarmWhenNobodyCanBeAsked) {
     fakeBus().serviceMissing("com.zelt.accountservices");
     const Answer answer = callPrivate(initializeAccount, "initializeAccount", "{}");

@@ -2,6 +2,7 @@
 // Connection status: the replies of the two methods, and what their subscribers get at each change.
 #include "service/methods.h"
 #include "tests/fakes/servicefixture.h"
+#include "util/jsonref.h"
 
 namespace {
 
@@ -129,6 +130,52 @@ TEST_F(Status, SubscribeConnStatusReportsAConnectedSession) {
     connectSession();
     EXPECT_EQ(details("{}"),
               R"({ "returnValue": true, "connected": true, "session": true, "network": true })");
+}
+
+// The members of an answer, as it was given.
+json_object* member(const JsonRef& answer, const char* key) {
+    return jsonMember(answer.get(), key);
+}
+
+TEST_F(Status, SubscribeConnStatusSaysSinceWhenItIsConnectedToWhoeverAsksForDetails) {
+    connectSession();
+    session().m_connectedAt -= 90'000'000;
+    const int64_t before = g_get_real_time() / 1'000'000 - 90;
+    const JsonRef answer = parseJson(details(R"({"details":true})").text().c_str());
+    EXPECT_TRUE(boolMember(answer.get(), "connected"));
+    EXPECT_NEAR(static_cast<double>(json_object_get_int64(member(answer, "since"))),
+                static_cast<double>(before), 1.0);
+    EXPECT_EQ(member(answer, "ended"), nullptr);
+    EXPECT_EQ(member(answer, "heard"), nullptr) << "no TCP connection, nothing known";
+}
+
+TEST_F(Status, SubscribeConnStatusSaysWhetherTheEndWasAskedFor) {
+    constexpr char asked[] = R"({"details":true})";
+    constexpr char ended[] =
+        R"({ "returnValue": true, "connected": false, "session": true, "network": true, "ended": true })";
+    constexpr char lost[] =
+        R"({ "returnValue": true, "connected": false, "session": true, "network": true, "ended": false })";
+    connectSession();
+    fakeServer().closesWith(gloox::ConnIoError);
+    pump();
+    EXPECT_EQ(details(asked), lost);
+    EXPECT_EQ(callPrivate(disconnect, "disconnect", "{}"), R"({"returnValue":true})");
+    EXPECT_EQ(details(asked), ended);
+    session().connectToService();
+    EXPECT_EQ(details(asked), lost) << "an attempt has begun";
+    pump();
+    ASSERT_TRUE(session().m_connected);
+    callPrivate(disconnect, "disconnect", "{}");
+    callPrivate(initializeAccount, "initializeAccount", "{}");
+    EXPECT_EQ(details(asked), lost) << "a login was asked for";
+}
+
+TEST_F(Status, SubscribeConnStatusGivesDetailsToNobodyElse) {
+    connectSession();
+    for (const char* payload : {"{}", "", "no json", R"({"details":false})", R"({"details":1})"})
+        EXPECT_EQ(details(payload),
+                  R"({ "returnValue": true, "connected": true, "session": true, "network": true })")
+            << payload;
 }
 
 TEST_F(Status, ASubscriptionOfSubscribeConnStatusThatFailsCarriesQuotesInBothTexts) {
