@@ -12,7 +12,7 @@ applications/, server/ (the XMPP server), machine-id, and env with shell assignm
 
 PUBSUB_PRESET names the build; STAGE_LOGIN=file has the service log in by its file instead of the device's account;
 STAGE_OPEN_PREFIXES ('["/a", ...]') opens the names below them to all accounts; STAGE_DEADLINE is the time for the
-connection, in seconds.
+connection, in seconds; STAGE_HOST_SETTINGS is further text of host.conf.
 """
 
 import json
@@ -241,7 +241,8 @@ class Device:
                  server["PUBSUB_JID"], "dev1", "")))
         applications = str(self.path("applications")).replace("\\", "\\\\")
         self.path("host", "host.conf").write_text(
-            f"[network]\nloopback-is-internet=true\n[applications]\nfolder={applications}\n", encoding="utf-8")
+            f"[network]\nloopback-is-internet=true\n[applications]\nfolder={applications}\n"
+            + os.environ.get("STAGE_HOST_SETTINGS", ""), encoding="utf-8")
         self._write_activation_files()
         if by_file:
             return
@@ -277,7 +278,7 @@ class Device:
         """Whether the last of the host's names is taken."""
         done = subprocess.run(
             ["dbus-send", "--bus=" + self._address("private"), "--print-reply=literal", "--dest=org.freedesktop.DBus",
-             "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:com.zelt.systemmanager"],
+             "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:com.zelt.host"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False)
         return "true" in done.stdout
 

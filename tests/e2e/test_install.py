@@ -13,7 +13,7 @@ import unittest
 from stage import BIN, ROOT
 
 BUILD = BIN.parent
-SERVICES = ("accountservices", "appinstaller", "connectionmanager", "power", "systemmanager")
+SERVICES = ("accountservices", "appinstaller", "connectionmanager", "host", "power", "systemmanager")
 PROGRAMS = ["bin/pubsubctl", "bin/pubsubservice", "bin/zelt-host"]
 DATA = sorted([
     "lib/systemd/system/pubsubservice.service",

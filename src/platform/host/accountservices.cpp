@@ -20,8 +20,11 @@ bool AccountServices::onGetAccountToken(QSHandle*, QSMessage* message, void* con
     if (readAccount(self->m_file, account, problem)) {
         self->m_bus.reply(message, accountPayload(account));
     } else {
-        logLine("%s", problem.c_str());
+        // Asked for again and again while the push service has no connection.
+        if (problem != self->m_logged)
+            logLine("%s", problem.c_str());
         self->m_bus.refuse(message, problem);
     }
+    self->m_logged = problem;
     return true;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // com.zelt.accountservices: returns the machine's push account. The file is read at each call, so a change
-// takes effect immediately; nothing is kept.
+// takes effect immediately; only the problem that was logged last is kept.
 #pragma once
 
 #include "platform/host/busservice.h"
@@ -16,4 +16,5 @@ class AccountServices {
 
     BusService m_bus;
     std::string m_file;
+    std::string m_logged;
 };

@@ -22,8 +22,15 @@ struct KnownKey {
     const char* key;
 };
 constexpr KnownKey kKnownKeys[] = {
-    {"network", "loopback-is-internet"}, {"network", "interfaces"},     {"account", "file"},
-    {"applications", "folder"},          {"applications", "settle-ms"}, {"services", "enabled"},
+    {"network", "loopback-is-internet"},
+    {"network", "interfaces"},
+    {"account", "file"},
+    {"applications", "folder"},
+    {"applications", "settle-ms"},
+    {"services", "enabled"},
+    {"connection", "keep"},
+    {"connection", "after"},
+    {"connection", "battery"},
 };
 
 std::string take(char* text) {
@@ -81,6 +88,12 @@ class Values {
         note(group, key, "a whole number, 0 or more", error);
         value = static_cast<unsigned>(read);
     }
+    void delays(const char* group, const char* key, DelayRange& value) {
+        std::string delays, wanted;
+        text(group, key, delays);
+        if (has(group, key) && !parseDelayRange(delays, value, wanted))
+            complain(group, key, wanted);
+    }
     void names(const char* group, const char* key, std::set<std::string>& value) {
         char** list = g_key_file_get_string_list(m_file, group, key, nullptr, nullptr);
         for (char** name = list; name && *name; name++)
@@ -93,8 +106,11 @@ class Values {
     void note(const char* group, const char* key, const char* wanted, GError* error) {
         if (!error)
             return;
-        m_problem = "[" + std::string(group) + "] " + key + " must be " + wanted;
+        complain(group, key, wanted);
         g_error_free(error);
+    }
+    void complain(const char* group, const char* key, const std::string& wanted) {
+        m_problem = "[" + std::string(group) + "] " + key + " must be " + wanted;
     }
 
     GKeyFile* m_file;
@@ -109,6 +125,9 @@ void readValues(GKeyFile* file, HostConfig& config, std::string& problem) {
     values.text("applications", "folder", config.applicationsFolder);
     values.number("applications", "settle-ms", config.settleMs);
     values.names("services", "enabled", config.services);
+    values.flag("connection", "keep", config.keepsConnection);
+    values.delays("connection", "after", config.reconnectDelays);
+    values.flag("connection", "battery", config.reconnectsOnBattery);
     const std::string unknown = unknownKey(file);
     if (!unknown.empty())
         problem = unknown + " is not a known setting";

@@ -6,6 +6,8 @@
 #include <set>
 #include <string>
 
+#include "platform/host/backoff.h"
+
 struct HostConfig {
     std::string stateDir = "/var/lib/zelt/host";                 // ZELT_HOST_STATE_DIR
     bool loopbackIsInternet = false;                             // [network] loopback-is-internet
@@ -14,6 +16,9 @@ struct HostConfig {
     std::string applicationsFolder = "/usr/share/applications";  // [applications] folder
     unsigned settleMs = 2000;                                    // [applications] settle-ms
     std::set<std::string> services;                              // [services] enabled, all when empty
+    bool keepsConnection = true;                                 // [connection] keep
+    DelayRange reconnectDelays;                                  // [connection] after
+    bool reconnectsOnBattery = false;                            // [connection] battery
 
     bool runs(const char* service) const { return services.empty() || services.contains(service); }
 };

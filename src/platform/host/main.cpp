@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// zelt-host: provides the platform services on a plain Linux machine. One process, one thread, five bus
-// services. This file wires them; the state of each is described in its own file.
+// zelt-host: provides the platform services on a plain Linux machine, and keeps the push service connected.
+// One process, one thread, six bus services. This file wires them; the state of each is described in its own file.
 #include <glib-unix.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -18,7 +18,9 @@
 #include "platform/host/accountservices.h"
 #include "platform/host/appinstaller.h"
 #include "platform/host/config.h"
+#include "platform/host/connectionkeeper.h"
 #include "platform/host/connectionmanager.h"
+#include "platform/host/filewatch.h"
 #include "platform/host/log.h"
 #include "platform/host/portalwatch.h"
 #include "platform/host/power.h"
@@ -30,9 +32,9 @@ constexpr char kUsage[] =
     "usage: zelt-host\n"
     "           provides the platform services on the private bus (ZELT_PRIVATE_BUS): power, network, "
     "account,\n"
-    "           applications and boot; state is kept in ZELT_HOST_STATE_DIR (/var/lib/zelt/host), settings "
-    "are\n"
-    "           read from ZELT_HOST_CONF (/etc/zelt/host.conf)\n";
+    "           applications and boot; keeps the push service connected; state is kept in "
+    "ZELT_HOST_STATE_DIR\n"
+    "           (/var/lib/zelt/host), settings are read from ZELT_HOST_CONF (/etc/zelt/host.conf)\n";
 
 struct Service {
     const char* name;  // as in [services] enabled
@@ -96,9 +98,13 @@ bool serve(const HostConfig& config, const Shutdown& shutdown) {
     AppInstaller applications(config);
     SystemManager boot(system, sd_booted() > 0);
     PortalWatch portal(system, [&](bool captive) { network.setCaptivePortal(captive); });
+    PowerSupply supply;
+    ConnectionKeeper keeper(config, supply);
+    FileWatch accountFile(config.accountFile, [&] { keeper.accountChanged(); });
     ResumeWatch resume([&] {
         power.ring();
         network.refresh();
+        keeper.resumed();
     });
     const std::vector<Service> services = {
         {.name = "power", .start = [&] { return power.start(loop); }},
@@ -107,9 +113,11 @@ bool serve(const HostConfig& config, const Shutdown& shutdown) {
         {.name = "applications", .start = [&] { return applications.start(loop); }},
         {.name = "boot", .start = [&] { return boot.start(loop); }},
     };
-    if (!startAll(services, config))
+    // Keeping the connection is no reason to run where others provide all services.
+    if (!startAll(services, config) || keeper.start(loop) == StartResult::Failed)
         return false;
     portal.start();
+    accountFile.open();
     resume.open();
     sd_notify(0, "READY=1");
     g_main_loop_run(loop);

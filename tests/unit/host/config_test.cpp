@@ -38,11 +38,15 @@ TEST_F(Config, OfAnEmptyFileIsAnOrdinaryMachine) {
     EXPECT_EQ(config.accountFile, "/state/account.json");
     EXPECT_FALSE(config.loopbackIsInternet);
     EXPECT_TRUE(config.runs("power"));
+    EXPECT_TRUE(config.keepsConnection);
+    EXPECT_EQ(config.reconnectDelays, (DelayRange{.first = 5'000, .longest = 300'000}));
+    EXPECT_FALSE(config.reconnectsOnBattery);
 }
 
 TEST_F(Config, TakesEverySetting) {
     EXPECT_EQ(read("[network]\nloopback-is-internet=true\ninterfaces=eth0;wlan0\n[account]\nfile=/a\n"
-                   "[applications]\nfolder=/f\nsettle-ms=5\n[services]\nenabled=power;network\n"),
+                   "[applications]\nfolder=/f\nsettle-ms=5\n[services]\nenabled=power;network\n"
+                   "[connection]\nkeep=false\nafter=2s 1h\nbattery=true\n"),
               "read");
     EXPECT_TRUE(config.loopbackIsInternet);
     EXPECT_EQ(config.interfaces, (std::set<std::string>{"eth0", "wlan0"}));
@@ -51,6 +55,9 @@ TEST_F(Config, TakesEverySetting) {
     EXPECT_EQ(config.settleMs, 5u);
     EXPECT_TRUE(config.runs("network"));
     EXPECT_FALSE(config.runs("account"));
+    EXPECT_FALSE(config.keepsConnection);
+    EXPECT_EQ(config.reconnectDelays, (DelayRange{.first = 2'000, .longest = 3'600'000}));
+    EXPECT_TRUE(config.reconnectsOnBattery);
 }
 
 TEST_F(Config, RefusesWordsThatItDoesNotKnow) {
@@ -65,6 +72,18 @@ TEST_F(Config, RefusesValuesOfTheWrongForm) {
               "[network] loopback-is-internet must be true or false; correct it and restart zelt-host");
     EXPECT_EQ(read("[applications]\nsettle-ms=-1\n"),
               "[applications] settle-ms must be a whole number, 0 or more; correct it and restart zelt-host");
+    EXPECT_EQ(read("[connection]\nkeep=perhaps\n"),
+              "[connection] keep must be true or false; correct it and restart zelt-host");
+    EXPECT_EQ(read("[connection]\nbattery=\n"),
+              "[connection] battery must be true or false; correct it and restart zelt-host");
+    EXPECT_EQ(
+        read("[connection]\nafter=5\n"),
+        "[connection] after must be the first and the longest delay, each a whole number and ms, s, min or "
+        "h, such as 5s 5min; correct it and restart zelt-host");
+    EXPECT_EQ(
+        read("[connection]\nafter=5min 5s\n"),
+        "[connection] after must be the first delay and then the longest, which is shorter here; correct it "
+        "and restart zelt-host");
     EXPECT_NE(read("no key file\n"), "read");
 }
 
