@@ -70,12 +70,27 @@ Finding judgeNetwork(const Reply& reply) {
             "loopback-is-internet=true in the settings of zelt-host"};
 }
 
-Finding judgeLogin(const Reply& reply) {
+// What zelt-host does for the connection; nothing where another program provides the platform services.
+struct Keeper {
+    bool keeps = false;
+    bool ended = false;  // somebody ended the connection on purpose
+};
+
+Finding judgeLogin(const Reply& reply, const Keeper& keeper) {
     if (reply.exit != Exit::Ok)
         return {"login", Finding::State::Bad, reply.problem, "start pubsubservice"};
     const JsonRef status = parseWholeJson(reply.payload);
     if (boolMember(status.get(), "connected"))
         return {"login", Finding::State::Good, "the service is logged in", ""};
+    if (keeper.ended)
+        return {"login", Finding::State::Bad, "the connection was ended on purpose",
+                "run `pubsubctl session login`"};
+    if (keeper.keeps)
+        return {
+            "login", Finding::State::Bad, "the service is not connected",
+            "fix the findings above; zelt-host then asks for the connection by itself (on battery the "
+            "service's own alarms do), and `pubsubctl session login` does so at once; the service's log has "
+            "the reason"};
     return {"login", Finding::State::Bad, "the service is not connected",
             "fix the findings above, then run `pubsubctl session login`, which is also needed when a login "
             "failed "
@@ -104,6 +119,7 @@ class Doctor {
     void report(const Finding& finding);
     void checkBuses();
     void checkServices();
+    void askKeeper();
     bool findPlace(ServerPlace& place);
     void checkPathToServer();
     void checkFolders();
@@ -112,6 +128,7 @@ class Doctor {
     const Invocation& m_invocation;
     Console& m_console;
     std::unique_ptr<BusClient> m_private;
+    Keeper m_keeper;
     bool m_healthy = true;
 };
 
@@ -145,6 +162,11 @@ void Doctor::checkServices() {
     report(judgeNetwork(ask("zelt://com.zelt.connectionmanager/getstatus", "{}")));
 }
 
+void Doctor::askKeeper() {
+    const JsonRef status = parseWholeJson(ask(kHostConnection + std::string("/status"), "{}").payload);
+    m_keeper = {.keeps = boolMember(status.get(), "keep"), .ended = boolMember(status.get(), "ended")};
+}
+
 bool Doctor::findPlace(ServerPlace& place) {
     const std::string file = fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub") + "/pubsub.conf";
     const Reply reply = ask("zelt://com.zelt.accountservices/getAccountToken", "");
@@ -152,8 +174,10 @@ bool Doctor::findPlace(ServerPlace& place) {
         report({"account", Finding::State::Good, place.user + "@" + place.domain, ""});
     else if (!othersCanRead(file) && placeFromCredentials(readText(file), place))
         report({"account", Finding::State::Good, place.user + "@" + place.domain + ", from " + file,
-                "also set it with `zelt-host account set`: with this file alone a lost connection is not "
-                "re-established; `pubsubctl status --public` reconnects"});
+                m_keeper.keeps ? ""
+                               : "also set it with `zelt-host account set`: with this file alone a lost "
+                                 "connection is not "
+                                 "re-established; `pubsubctl status --public` reconnects"});
     else
         report({"account", Finding::State::Bad,
                 othersCanRead(file)     ? file + " is readable by users other than its owner and is ignored"
@@ -183,8 +207,9 @@ void Doctor::checkFolders() {
 Exit Doctor::run() {
     checkBuses();
     checkServices();
+    askKeeper();
     checkPathToServer();
-    const Finding login = judgeLogin(ask(methodUri("subscribeConnStatus"), "{}"));
+    const Finding login = judgeLogin(ask(methodUri("subscribeConnStatus"), "{}"), m_keeper);
     report(login);
     if (login.state == Finding::State::Good)
         report(judgeExtension(ask(methodUri("activateNode"), "{\"node\":\"/pubsubctl/doctor\"}").payload));

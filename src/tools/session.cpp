@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `session`: logs in again, ends the connection, shows the account. Keeps no state.
+// `session`: logs in again, ends the connection, shows the account. Keeps no state; zelt-host keeps whether
+// the connection was ended on purpose.
+#include <algorithm>
+
 #include "tools/verbs.h"
 #include "util/jsonref.h"
 
@@ -14,6 +17,15 @@ bool LoginProgress::take(bool connected) {
     if (connected)
         return false;
     return lossesExpected-- > 0;
+}
+
+void tellHost(BusClient& client, const Invocation& invocation, Console& console, bool keep) {
+    constexpr unsigned kLongest = 5;
+    const Reply reply =
+        client.call(kHostConnection + std::string("/keep"), JsonObject().set("keep", keep).line(),
+                    std::min(invocation.timeoutSeconds, kLongest));
+    if (reply.exit != Exit::Ok && reply.exit != Exit::NotConnected)
+        console.message("zelt-host was not told: " + reply.problem);
 }
 
 namespace {
@@ -45,13 +57,22 @@ Reply waitForLogin(BusClient& client, const Invocation& invocation) {
 Exit runSessionLogin(const Invocation& invocation, Console& console) {
     Reply reply;
     auto client = openBus(QSBus::Private, reply);
-    if (client)
+    if (client) {
+        tellHost(*client, invocation, console, true);
         reply = waitForLogin(*client, invocation);
+    }
     return console.finish(reply, "connected");
 }
 
 Exit runSessionDisconnect(const Invocation& invocation, Console& console) {
-    return console.finish(callService(invocation, "disconnect", "{}"), "disconnected");
+    Reply reply;
+    auto client = openBus(QSBus::Private, reply);
+    if (client) {
+        // First, or the host would ask for the connection again as soon as it has ended.
+        tellHost(*client, invocation, console, false);
+        reply = client->call(methodUri("disconnect"), "{}", invocation.timeoutSeconds);
+    }
+    return console.finish(reply, "disconnected");
 }
 
 Exit runSessionJid(const Invocation& invocation, Console& console) {

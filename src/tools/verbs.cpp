@@ -46,7 +46,7 @@ const std::vector<Verb>& allVerbs() {
          .help = "log in again with the machine's account and wait for the connection",
          .run = runSessionLogin},
         {.words = {"session", "disconnect"},
-         .help = "end the connection; a network change or a login re-establishes it",
+         .help = "end the connection until a login, or another request for one, re-establishes it",
          .run = runSessionDisconnect},
         {.words = {"session", "jid"}, .help = "show the account that the service uses", .run = runSessionJid},
         {.words = {"doctor"}, .help = "check everything between here and the server", .run = runDoctor},

@@ -26,6 +26,11 @@ std::unique_ptr<BusClient> openBus(QSBus bus, Reply& failure);
 Reply callService(const Invocation& invocation, const char* method, const std::string& payload);
 // The same on the public bus, for an application.
 Reply callPublic(const Invocation& invocation, const char* method, const std::string& payload);
+// Where zelt-host tells and is told whether it keeps the connection.
+inline constexpr char kHostConnection[] = "zelt://com.zelt.host/connection";
+// Tells the host over the private bus whether the connection is wanted. Where there is none, nobody has to be
+// told; any other failure is only reported.
+void tellHost(BusClient& client, const Invocation& invocation, Console& console, bool keep);
 // False with the reason for a text that no bus message can carry; `place` names its source.
 bool isSendable(const std::string& text, const std::string& place, std::string& problem);
 // Reads all of standard input ("-") or of a file; false with the reason.

@@ -89,7 +89,8 @@ class CommandLine(StageTest):
 
 class Device:
     def test_status_and_session_name_the_device(self):
-        self.assertEqual(self.good("status"), "connected  network: yes  account: yes")
+        self.assertRegex(self.good("status"),
+                         r"^connected  network: yes  account: yes  since: [-\d]+ [:\d]+  last heard: [-\d]+ [:\d]+$")
         self.assertEqual(self.good("status", "--public"), "connected")
         self.assertTrue(self.good("session", "jid").startswith(self.stage.env["DEVICE_USER"]))
         self.assertEqual(json.loads(self.good("--json", "status"))["connected"], True)
@@ -235,7 +236,7 @@ class Outages:
         self.refused(4, "not on the bus", *MAIL, "endpoint", "key", "steady")
         self.stage.start_service()
         receiver.wait_said("is back")
-        self.assertTrue(self.good("status", "--wait").endswith("connected  network: yes  account: yes"))
+        self.assertRegex(self.good("status", "--wait"), r"connected  network: yes  account: yes( |$)[^\n]*$")
         self.good("publish", key, "after the restart")
         self.assertEqual(receiver.end(), (0, ["while away", "after the restart"]))
 

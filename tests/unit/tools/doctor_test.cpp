@@ -8,16 +8,19 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <thread>
 
 #include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/fakehost.h"
 #include "tests/unit/tools/fakeservice.h"
 #include "tools/verbs.h"
 
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 using State = Finding::State;
 
 // A CA certificate that has signed nothing.
@@ -199,8 +202,12 @@ TEST(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
 class FromTheFile : public testing::Test {
   protected:
     // What `doctor` reports for a device whose account comes from the credentials file.
-    std::string examine(mode_t mode) {
+    // `host`: what the host daemon says of the connection; "" where there is none.
+    std::string examine(mode_t mode, const std::string& host = "") {
         PrivateBus bus;
+        std::optional<FakeHost> keeper;
+        if (!host.empty())
+            keeper.emplace().answer = host;
         TestFolder folder;
         const std::string file = std::string(folder.path()) + "/pubsub.conf";
         std::ofstream(file) << "u1@example.org\nsecret\n127.0.0.1\n1\npubsub.example.org\ndev1\n";
@@ -228,6 +235,21 @@ TEST_F(FromTheFile, TheDoctorSaysThatALossIsForGoodAndThatALoginIsNotTriedAgain)
         words,
         HasSubstr(
             "which is also needed when a login failed at a reconnect alarm, since that one is not retried"));
+}
+
+TEST_F(FromTheFile, TheDoctorCountsOnAHostThatKeepsTheConnection) {
+    const std::string words = examine(0600, R"({"returnValue":true,"keep":true,"ended":false})");
+    EXPECT_THAT(words, HasSubstr("ok      account: u1@example.org, from "));
+    EXPECT_THAT(words, Not(HasSubstr("zelt-host account set")));
+    EXPECT_THAT(words,
+                HasSubstr("bad     login: the service is not connected\n"
+                          "        -> fix the findings above; zelt-host then asks for the connection"));
+}
+
+TEST_F(FromTheFile, TheDoctorSaysThatTheEndWasOnPurpose) {
+    EXPECT_THAT(examine(0600, R"({"returnValue":true,"keep":true,"ended":true})"),
+                HasSubstr("bad     login: the connection was ended on purpose\n"
+                          "        -> run `pubsubctl session login`\n"));
 }
 
 TEST_F(FromTheFile, TheDoctorTakesNoAccountThatOthersCanRead) {

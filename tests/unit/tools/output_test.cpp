@@ -2,6 +2,7 @@
 // The contents of requests, and how replies are printed and judged; no bus is needed.
 #include <gmock/gmock.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -141,6 +142,17 @@ TEST(StatusLine, TellsWhatTheReplyHolds) {
     EXPECT_EQ(statusLine(R"({"returnValue":true, "connected":false, "session":true, "network": false})"),
               "not connected  network: no  account: yes");
     EXPECT_EQ(statusLine("no JSON"), "not connected");
+    EXPECT_EQ(statusLine(R"({"connected":false,"session":true,"network":true,"ended":true})"),
+              "not connected  network: yes  account: yes  ended: on purpose");
+    EXPECT_EQ(statusLine(R"({"connected":false,"session":true,"network":true,"ended":false})"),
+              "not connected  network: yes  account: yes");
+}
+
+TEST(StatusLine, TellsTimesInTheZoneOfTheReader) {
+    setenv("TZ", "XYZ-2", 1);  // two hours east
+    EXPECT_EQ(statusLine(R"({"connected":true,"since":1795332972,"heard":1795333200})"),
+              "connected  since: 2026-11-22 09:36:12  last heard: 2026-11-22 09:40:00");
+    unsetenv("TZ");
 }
 
 TEST(ItemLine, IsTheTextAloneOrAnObject) {

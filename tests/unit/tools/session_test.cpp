@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/fakehost.h"
 #include "tests/unit/tools/fakeservice.h"
 #include "tools/verbs.h"
 
@@ -81,6 +82,35 @@ TEST_F(Session, LoginDoesNotWaitForEver) {
 TEST_F(Session, DisconnectCallsTheService) {
     service.script["disconnect"] = R"({"returnValue":true})";
     EXPECT_EQ(run({"session", "disconnect"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "disconnected\n");
+}
+
+TEST_F(Session, DisconnectTellsTheHostFirst) {
+    FakeHost host;
+    host.journal = &service.calls;
+    service.script["disconnect"] = R"({"returnValue":true})";
+    EXPECT_EQ(run({"session", "disconnect"}), Exit::Ok);
+    EXPECT_THAT(service.calls, ElementsAre(R"(keep {"keep":false})", "disconnect {}"));
+    EXPECT_EQ(err.str(), "");
+}
+
+TEST_F(Session, LoginTellsTheHostFirst) {
+    FakeHost host;
+    host.journal = &service.calls;
+    service.script["subscribeConnStatus"] = kDown;
+    onLogin({kUp});
+    EXPECT_EQ(run({"session", "login"}), Exit::Ok);
+    EXPECT_THAT(service.calls,
+                ElementsAre(R"(keep {"keep":true})", "subscribeConnStatus {\"subscribe\":true}",
+                            "initializeAccount {}"));
+}
+
+TEST_F(Session, AHostThatRefusesIsReportedAndKeepsNobodyFromDisconnecting) {
+    FakeHost host;
+    host.answer = R"({"returnValue":false,"errorText":"why"})";
+    service.script["disconnect"] = R"({"returnValue":true})";
+    EXPECT_EQ(run({"session", "disconnect"}), Exit::Ok);
+    EXPECT_EQ(err.str(), "pubsubctl: zelt-host was not told: why\n");
     EXPECT_EQ(out.str(), "disconnected\n");
 }
 

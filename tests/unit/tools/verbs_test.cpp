@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/fakehost.h"
 #include "tests/unit/tools/fakeservice.h"
 #include "tools/verbs.h"
 
@@ -150,7 +151,8 @@ TEST_F(Verbs, PrintTheStatusAndTellItByTheExitCode) {
     EXPECT_EQ(run({"status"}), Exit::NotConnected);
     EXPECT_EQ(out.str(), "not connected  network: yes  account: no\n");
     EXPECT_EQ(err.str(), "");
-    EXPECT_THAT(service.calls, ElementsAre("subscribeConnStatus {}", "subscribeConnStatus {}"));
+    const char* asked = R"(subscribeConnStatus {"details":true})";
+    EXPECT_THAT(service.calls, ElementsAre(asked, asked));
 }
 
 TEST_F(Verbs, AskOnThePublicBusWhenToldTo) {
@@ -160,6 +162,15 @@ TEST_F(Verbs, AskOnThePublicBusWhenToldTo) {
     EXPECT_EQ(run({"status", "--public"}), Exit::Ok);
     EXPECT_EQ(out.str(), "connected\n");
     EXPECT_THAT(service.calls, ElementsAre("connectStatus {}"));
+}
+
+TEST_F(Verbs, TellTheHostThatTheConnectionIsWantedWhenTheyAskForOneByTheStatus) {
+    PrivateBus publicBus("ZELT_PUBLIC_BUS");
+    FakeService service(QSBus::Public);
+    FakeHost host;
+    service.script["connectStatus"] = R"({"returnValue":true,"connected":true})";
+    EXPECT_EQ(run({"status", "--public"}), Exit::Ok);
+    EXPECT_THAT(host.calls, ElementsAre(R"(keep {"keep":true})"));
 }
 
 TEST_F(Verbs, FallBackToThePublicBusWhenThePrivateOneIsClosed) {
@@ -191,7 +202,7 @@ TEST_F(Verbs, FollowTheStatusUntilTheServiceLeaves) {
               "{\"returnValue\":true,\"connected\":false,\"session\":true,\"network\":true}\n"
               "{\"returnValue\":true,\"connected\":true,\"session\":true,\"network\":true}\n");
     EXPECT_EQ(err.str(), "pubsubctl: com.zelt.pubsubservice left the bus\n");
-    EXPECT_THAT(service.calls, ElementsAre("subscribeConnStatus {\"subscribe\":true}"));
+    EXPECT_THAT(service.calls, ElementsAre(R"(subscribeConnStatus {"subscribe":true,"details":true})"));
 }
 
 TEST_F(Verbs, WaitForTheConnection) {
