@@ -4,8 +4,8 @@
 -module(pubsub_device_bounds).
 
 -export([node_refused/1, key_refused/1, device_refused/1]).
--export([init/0, limits/0, fits/4, dropped/4, drop_aged/2, measure/0, is_full/0, admits/1, forget_rates/0,
-         forget_counts/0]).
+-export([init/0, limits/0, bytes/1, fits/4, dropped/4, drop_aged/2, measure/0, level/2, is_full/0, admits/1,
+         forget_rates/0, forget_counts/0]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -13,6 +13,10 @@
 
 -define(TABLE, pubsub_device_counts).
 -define(SAMPLED, 16).
+
+%% What a copy costs without its text: its records or rows, their entries in other tables and in indexes, and their share
+%% of the log.
+-define(RECORD_BYTES, 1000).
 
 %% The atomics count the publications, and say whether the writers were behind when they were last looked at.
 init() ->
@@ -25,6 +29,14 @@ init() ->
 limits() ->
     {mod_pubsub_device:option(max_kept_node), mod_pubsub_device:option(max_kept),
      mod_pubsub_device:option(max_kept_bytes), account_bound()}.
+
+%% The cost of a copy: its text, its number and its records.
+bytes(Item) -> ?RECORD_BYTES + byte_size(<<"seqNo0123456789012345">>) + text_bytes(Item).
+
+text_bytes({xmlcdata, Text}) -> byte_size(Text);
+text_bytes(#xmlel{name = Name, attrs = Attributes, children = Children}) ->
+    byte_size(Name) + lists:sum([byte_size(Key) + byte_size(Value) || {Key, Value} <- Attributes])
+        + lists:sum([text_bytes(Child) || Child <- Children]).
 
 %% Whether the copy can be kept at all: one that exceeds a bound by itself would displace everything else and still
 %% not fit.
@@ -107,6 +119,12 @@ relieve(Bytes, Bound) ->
     {Level, Accounts} = pubsub_device_store:relieve(Bound * 9 div 10),
     ?LOG_WARNING("The store is full: ~b bytes are kept, and max_store of mod_pubsub_device is ~b. The ~b accounts with "
                  "more than ~b bytes lose their oldest items", [Bytes, Bound, Accounts, Level]).
+
+%% The level to which the accounts that have most are reduced, of the bytes that each has, so that all fit into the room.
+level(Sums, Room) -> level(lists:sort(Sums), Room, length(Sums)).
+
+level([Size | Rest], Room, Left) when Size * Left =< Room -> level(Rest, Room - Size, Left - 1);
+level(_, Room, Left) -> Room div max(1, Left).
 
 %% Whether publishers should try again later: the store is full, or the writers are behind. To look at the writers
 %% costs more than a publication should, so it is done for every ?SAMPLED-th one, and for each one while they are

@@ -1,6 +1,6 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The storage in mnesia, for one server or a small cluster: devices, key nodes and the creators of nodes. The kept
-%% items are in pubsub_device_items.
+%% The storage in mnesia, for one server or a small cluster: devices, key nodes and the creators of nodes. What concerns
+%% the kept items is passed on to pubsub_device_items and its parts.
 -module(pubsub_device_mnesia).
 -behaviour(pubsub_device_storage).
 
@@ -17,7 +17,7 @@
 -include("pubsub_device.hrl").
 -include("pubsub_device_mnesia.hrl").
 
--import(pubsub_device_tables, [together/1, write/1, delete/2, add/4]).
+-import(pubsub_device_tables, [together/1, write/1, delete/2]).
 
 init() ->
     Create = fun pubsub_device_tables:create/5,
@@ -74,8 +74,8 @@ workers() -> [].
 sync() ->
     mnesia_recover:sync(),
     mnesia:sync_log().
-flush() -> pubsub_device_items:flush().
-tick() -> pubsub_device_items:tick().
+flush() -> tick().
+tick() -> pubsub_device_bodies:tick().
 sweep() -> pubsub_device_items:sweep().
 
 %%% devices
@@ -166,7 +166,7 @@ forget_device(Device) ->
     Ids = device_id(Device),
     delete(pubsub_device, Device),
     unmark_all(Device),
-    spawn(fun() -> [pubsub_device_items:drop_device(Id) || {Id, _} <- Ids] end),
+    spawn(fun() -> [pubsub_device_waiting:drop_device(Id) || {Id, _} <- Ids] end),
     ok.
 
 %% The entry `none` distinguishes a node without remaining devices from one for which none was ever recorded.
@@ -232,54 +232,35 @@ unmade(Node) ->
     end.
 
 sum(Who, Value) ->
-    add(pubsub_device_load, Who, Value, #pubsub_device_load{who = Who, load = 0}),
+    pubsub_device_sums:sum(Who, Value),
     ok.
 
-counted(Who) ->
-    Found = case mnesia:is_transaction() of
-                true -> mnesia:read(pubsub_device_load, Who, write);
-                false -> ets:lookup(pubsub_device_load, Who)
-            end,
-    lists:sum([Load || #pubsub_device_load{load = Load} <- Found]).
+counted(Who) -> pubsub_device_sums:load_of(Who).
 
 %%% items
 
-numbers(Shard) -> pubsub_device_items:numbers(Shard).
+numbers(Shard) -> pubsub_device_numbers:numbers(Shard).
 write(Publications, Numbers) -> pubsub_device_items:write(Publications, Numbers).
 must_sync(Change) -> pubsub_device_items:must_sync(Change).
 complete(Change) -> pubsub_device_items:complete(Change).
 keep_last(Node, Device, Number, ItemId, Item) -> pubsub_device_items:keep_last(Node, Device, Number, ItemId, Item).
-last_item(Node) -> pubsub_device_items:last_item(Node).
+last_item(Node) -> pubsub_device_numbers:last_item(Node).
 forget_node(Node, Id) -> pubsub_device_items:forget_node(Node, Id).
-drop(Node, Device, Number) -> pubsub_device_items:drop(Node, Device, Number).
-next(Node, Device, Above) -> pubsub_device_items:next(Node, Device, Above).
-newest(Node, Device) -> pubsub_device_items:newest(Node, Device).
-nodes_for(Device) -> pubsub_device_items:nodes_for(Device).
-each_queue(Fun) -> pubsub_device_items:each_queue(Fun).
-count(Node, Device) -> pubsub_device_items:count(Node, Device).
-counts(Nodes, Device) -> [count(Node, Device) || Node <- Nodes].
-oldest(Device) -> pubsub_device_items:oldest_of(Device).
-load(Who) -> pubsub_device_items:load(Who).
-total() -> pubsub_device_items:total().
-relieve(Room) -> pubsub_device_items:relieve(Room).
 
 acknowledged(Node, Device, Number, Done) ->
     drop(Node, Device, Number),
     Done(newest(Node, Device) /= none).
 
-totals() ->
-    [{nodes, ets:info(pubsub_device_node, size)}, {key_nodes, ets:info(pubsub_device_key, size)},
-     {devices, ets:info(pubsub_device, size)}, {kept_items, pubsub_device_items:kept()}].
-
-next_device(Before) ->
-    Next = case Before of
-               none -> ets:first(pubsub_device);
-               _ -> ets:next(pubsub_device, Before)
-           end,
-    case Next of
-        '$end_of_table' -> none;
-        Device -> {Device, case oldest(Device) of
-                               {_, Number} -> Number;
-                               none -> infinity
-                           end}
-    end.
+drop(Node, Device, Number) -> pubsub_device_waiting:drop(Node, Device, Number).
+relieve(Room) -> pubsub_device_waiting:relieve(Room).
+next(Node, Device, Above) -> pubsub_device_reading:next(Node, Device, Above).
+newest(Node, Device) -> pubsub_device_reading:newest(Node, Device).
+nodes_for(Device) -> pubsub_device_reading:nodes_for(Device).
+each_queue(Fun) -> pubsub_device_reading:each_queue(Fun).
+count(Node, Device) -> pubsub_device_reading:count(Node, Device).
+counts(Nodes, Device) -> [count(Node, Device) || Node <- Nodes].
+oldest(Device) -> pubsub_device_reading:oldest_of(Device).
+load(Who) -> pubsub_device_sums:load(Who).
+total() -> pubsub_device_sums:total().
+totals() -> pubsub_device_sums:totals().
+next_device(Before) -> pubsub_device_sums:next_device(Before).

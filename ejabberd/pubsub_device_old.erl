@@ -10,10 +10,7 @@
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/pubsub.hrl").
--include("pubsub_device.hrl").
--include("pubsub_device_mnesia.hrl").
-
--record(pubsub_device_number, {node, last, item}).
+-include("pubsub_device_items.hrl").
 
 %% The old tables in memory have nothing that is not made again.
 convert() ->
@@ -39,7 +36,7 @@ raise_floors() ->
                (#pubsub_device_number{node = Node, last = Last}, Floors) ->
                     raise(pubsub_device_writer:shard(Node), Last, Floors)
             end,
-    maps:foreach(fun pubsub_device_items:put_floor/2, ets:foldl(Raise, #{}, pubsub_device_number)),
+    maps:foreach(fun pubsub_device_numbers:put_floor/2, ets:foldl(Raise, #{}, pubsub_device_number)),
     [pubsub_device_tables:delete(pubsub_device_number, Node)
      || {_, _} = Node <- mnesia:dirty_all_keys(pubsub_device_number), not nodetree_device:has_items(Node)].
 
@@ -50,7 +47,7 @@ take_copies('$end_of_table') ->
     ok;
 take_copies({Node, Device, Number} = Id) ->
     Next = mnesia:dirty_next(pubsub_device_copy, Id),
-    [pubsub_device_items:put_body(NodeId, Number, {ItemId, without_number(Item), At}, DeviceId, Via)
+    [pubsub_device_bodies:put_body(NodeId, Number, {ItemId, without_number(Item), At}, DeviceId, Via)
      || {_, _, ItemId, Via, Item, At} <- mnesia:dirty_read(pubsub_device_copy, Id),
         {DeviceId, _} <- pubsub_device_mnesia:device_id(Device),
         #pubsub_node{id = NodeId} <- mnesia:dirty_read(pubsub_node, Node)],

@@ -1,6 +1,7 @@
 %% SPDX-License-Identifier: GPL-3.0-only
 %% The storage in PostgreSQL, for members without a state of their own: devices, key nodes and the creators of nodes.
-%% The kept items are in pubsub_device_sql_items. schema/pubsub_device.pg.sql describes the tables.
+%% What concerns the kept items is passed on to pubsub_device_sql_items and its parts. schema/pubsub_device.pg.sql describes
+%% the tables.
 %%
 %% What is changed together is changed in one transaction. Transactions lock rows in one order: numbers of nodes,
 %% accounts, devices, queues.
@@ -13,7 +14,7 @@
 -export([numbers/1, write/2, must_sync/1, complete/1, keep_last/5, last_item/1, forget_node/2]).
 -export([acknowledged/4, drop/3, next/3, newest/2, nodes_for/1, each_queue/1]).
 -export([count/2, counts/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
--export([jid/1, account_of/1, change/1]).
+-export([jid/1, device/2, change/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/ejabberd_sql_pt.hrl").
@@ -30,7 +31,7 @@ workers() -> [pubsub_device_database, pubsub_device_sql_acks].
 sync() -> ok.
 
 flush() -> ok.
-tick() -> pubsub_device_sql_items:tick().
+tick() -> pubsub_device_sql_sums:tick().
 sweep() -> pubsub_device_sql_items:sweep().
 
 %%% names
@@ -118,7 +119,7 @@ forget_device({_, _, Resource} = Device) ->
 
 %% Returns the nodes for which it was marked.
 forget_id(Id) ->
-    Dropped = pubsub_device_sql_items:drop_device(Id),
+    Dropped = pubsub_device_sql_waiting:drop_device(Id),
     pubsub_device_metrics:count({dropped, forgotten}, Dropped),
     {selected, Nodes} = ask(?SQL("select @(service)s, @(node)s from pubsub_device_mark where device=%(Id)d")),
     ask(?SQL("insert into pubsub_device_mark (service, node, device, since) select service, node, 0, since "
@@ -231,24 +232,24 @@ counted({What, Account}) ->
 
 %%% items
 
-numbers(Shard) -> pubsub_device_sql_items:numbers(Shard).
+numbers(Shard) -> pubsub_device_sql_numbers:numbers(Shard).
 write(Publications, Numbers) -> pubsub_device_sql_items:write(Publications, Numbers).
 must_sync(_) -> false.
-complete(Change) -> pubsub_device_sql_items:complete(Change).
+complete(Change) -> pubsub_device_sql_waiting:complete(Change).
 keep_last(Node, Device, Number, ItemId, Item) -> pubsub_device_sql_items:keep_last(Node, Device, Number, ItemId, Item).
-last_item(Node) -> pubsub_device_sql_items:last_item(Node).
+last_item(Node) -> pubsub_device_sql_numbers:last_item(Node).
 forget_node(Node, Id) -> pubsub_device_sql_items:forget_node(Node, Id).
 acknowledged(Node, Device, Number, Done) -> pubsub_device_sql_acks:add(Node, Device, Number, Done).
-drop(Node, Device, Number) -> pubsub_device_sql_items:drop({Node, Device, Number}).
-next(Node, Device, Above) -> pubsub_device_sql_items:next(Node, Device, Above).
-newest(Node, Device) -> pubsub_device_sql_items:newest(Node, Device).
-nodes_for(Device) -> pubsub_device_sql_items:nodes_for(Device).
-each_queue(Fun) -> pubsub_device_sql_items:each_queue(Fun).
-count(Node, Device) -> pubsub_device_sql_items:count(Node, Device).
-counts(Nodes, Device) -> pubsub_device_sql_items:counts(Nodes, Device).
-oldest(Device) -> pubsub_device_sql_items:oldest(Device).
-totals() -> pubsub_device_sql_items:totals().
-next_device(Before) -> pubsub_device_sql_items:next_device(Before).
-load(Who) -> pubsub_device_sql_items:load(Who).
-total() -> pubsub_device_sql_items:total().
-relieve(Room) -> pubsub_device_sql_items:relieve(Room).
+drop(Node, Device, Number) -> pubsub_device_sql_waiting:drop({Node, Device, Number}).
+relieve(Room) -> pubsub_device_sql_waiting:relieve(Room).
+next(Node, Device, Above) -> pubsub_device_sql_reading:next(Node, Device, Above).
+newest(Node, Device) -> pubsub_device_sql_reading:newest(Node, Device).
+nodes_for(Device) -> pubsub_device_sql_reading:nodes_for(Device).
+each_queue(Fun) -> pubsub_device_sql_reading:each_queue(Fun).
+count(Node, Device) -> pubsub_device_sql_reading:count(Node, Device).
+counts(Nodes, Device) -> pubsub_device_sql_reading:counts(Nodes, Device).
+oldest(Device) -> pubsub_device_sql_reading:oldest(Device).
+load(Who) -> pubsub_device_sql_sums:load(Who).
+total() -> pubsub_device_sql_sums:total().
+totals() -> pubsub_device_sql_sums:totals().
+next_device(Before) -> pubsub_device_sql_sums:next_device(Before).

@@ -29,7 +29,7 @@ handle_info(flush, []) ->
     {noreply, []};
 handle_info(flush, Waiting) ->
     {Later, Now} = lists:split(max(0, length(Waiting) - ?BATCH), Waiting),
-    case pubsub_device_sql_items:acknowledge([Copy || {Copy, _} <- Now]) of
+    case pubsub_device_sql_waiting:acknowledge([Copy || {Copy, _} <- Now]) of
         {ok, Queues} ->
             Left = maps:from_keys(Queues, true),
             [Done(maps:is_key({Node, Device}, Left)) || {{Node, Device, _}, Done} <- lists:reverse(Now)],
