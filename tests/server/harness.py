@@ -19,6 +19,7 @@ from xmppclient import CONFIG, DEVICE, OWNER, PUBSUB, Server, condition, connect
 
 RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "ejabberd", "run")
 DATABASE = os.environ.get("PUBSUB_TEST_DATABASE", "mnesia")  # where the servers keep their data, or postgresql
+SPOOLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "data")
 ACCOUNTS = ("owner", "bob", "carol")
 PASSWORD = "secret"
 
@@ -107,6 +108,13 @@ class Instance:
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
+def unpacked(spool):
+    """A new folder with the data of a server of an earlier version, from an archive of that name."""
+    folder = tempfile.mkdtemp(prefix="pubsub-server-")
+    subprocess.run(["tar", "-C", folder, "-xzf", os.path.join(SPOOLS, spool + ".tar.gz")], check=True)
+    return folder
+
+
 def decoded(answer):
     body = answer.read()
     return json.loads(body) if answer.headers.get("Content-Type") == "application/json" else body
@@ -118,10 +126,12 @@ class ServerTest(unittest.TestCase):
     options = ()
     member = None
     database = DATABASE
+    spool = None  # the archive of the data with which the server starts
 
     @classmethod
     def setUpClass(cls):
-        cls.instance = Instance(cls.options, cls.member, database=cls.database)
+        folder = unpacked(cls.spool) if cls.spool else None
+        cls.instance = Instance(cls.options, cls.member, folder=folder, database=cls.database)
 
     @classmethod
     def tearDownClass(cls):

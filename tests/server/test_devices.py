@@ -3,15 +3,11 @@
 import os
 import socket
 import signal
-import subprocess
-import tempfile
 import time
 
 import xmppclient
-from harness import Instance, ServerTest
+from harness import ServerTest
 from xmppclient import OWNER, PUBSUB, STANZAS
-
-DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "data")
 
 
 def reason(answer):
@@ -226,12 +222,7 @@ class Before(ServerTest):
 
     named = ("/owner/dev1/com.example.app/inbox", "W0UtooA1zpB1TzsTSxQyNq5-Y9KG5wcG")
     plain = ("/inbox", "OEYNTewbCnlFqf_ON0e1RGTFVhRYL5ju")
-
-    @classmethod
-    def setUpClass(cls):
-        cls.folder = tempfile.mkdtemp(prefix="pubsub-server-")
-        subprocess.run(["tar", "-C", cls.folder, "-xzf", DATA + "/spool-1.tar.gz"], check=True)
-        cls.instance = Instance(folder=cls.folder)
+    spool = "spool-1"
 
     def kept(self, resource, node):
         """The copies of the key node kept for the owner's device."""

@@ -5,11 +5,8 @@ The spool has an ordinary node /shared, subscribed by bob's phone and carol's ta
 has acknowledged two, and a key node of the owner's device dev1 with two items."""
 import os
 import subprocess
-import tempfile
 
-import xmppclient
-from harness import Instance, ServerTest
-from test_devices import DATA
+from harness import ServerTest
 from xmppclient import PUBSUB
 
 KEY = "6alQD0rG2jpXruoa-CXLwIXyscnDpjwO"
@@ -31,11 +28,7 @@ def rows(folder):
 
 
 class Earlier(ServerTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.folder = tempfile.mkdtemp(prefix="pubsub-server-")
-        subprocess.run(["tar", "-C", cls.folder, "-xzf", DATA + "/spool-2.tar.gz"], check=True)
-        cls.instance = Instance(folder=cls.folder)
+    spool = "spool-2"
 
     def received(self, device, count):
         found = self.take(device, count, node="/shared")
@@ -73,7 +66,7 @@ class Earlier(ServerTest):
         tablet.sync()
 
         self.instance.stop()
-        left = rows(self.folder)
+        left = rows(self.instance.folder)
         self.assertEqual((left["pubsub_device_body"], left["old"]), (0, 0))
         self.assertLessEqual(left["pubsub_item"], 1)  # the engine's last item of /shared, which may be asked for
         self.instance.start()
