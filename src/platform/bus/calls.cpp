@@ -148,6 +148,16 @@ void tellServerOfCancel(const Call& call) {
     sd_bus_send(call.handle->bus, wire.get(), nullptr);
 }
 
+Call* openCall(QSHandle* handle, QSToken token, QSError* error) {
+    if (!busIsOpen(handle, error))
+        return nullptr;
+    const auto found = handle->calls.find(token);
+    if (found != handle->calls.end())
+        return found->second.get();
+    busFail(error, -ENOENT, "No call is open under this token; it was answered, ended or never placed");
+    return nullptr;
+}
+
 }  // namespace
 
 Call::~Call() {
@@ -209,25 +219,19 @@ bool QSCall(QSHandle* handle, const char* uri, const char* payload, QSFilter cal
 }
 
 bool QSCallCancel(QSHandle* handle, QSToken token, QSError* error) {
-    if (!busIsOpen(handle, error))
+    Call* call = openCall(handle, token, error);
+    if (!call)
         return false;
-    auto found = handle->calls.find(token);
-    if (found == handle->calls.end())
-        return busFail(error, -ENOENT,
-                       "No call is open under this token; it was answered, ended or never placed");
-    tellServerOfCancel(*found->second);
+    tellServerOfCancel(*call);
     busEndCall(handle, token);
     return true;
 }
 
 bool QSCallSetEndFunction(QSHandle* handle, QSToken token, QSFilter ended, void* context, QSError* error) {
-    if (!busIsOpen(handle, error))
+    Call* call = openCall(handle, token, error);
+    if (!call)
         return false;
-    auto found = handle->calls.find(token);
-    if (found == handle->calls.end())
-        return busFail(error, -ENOENT,
-                       "No call is open under this token; it was answered, ended or never placed");
-    found->second->ended = ended;
-    found->second->endedContext = context;
+    call->ended = ended;
+    call->endedContext = context;
     return true;
 }
