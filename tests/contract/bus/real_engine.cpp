@@ -27,15 +27,24 @@ void require(int result, const char* what) {
         throw std::runtime_error(std::string(what) + ": " + std::strerror(-result));
 }
 
-void sendDescriptor(int channel, int descriptor) {
+// One byte with room for a descriptor.
+struct DescriptorMessage : msghdr {
+    DescriptorMessage() : msghdr{} {
+        msg_iov = &part;
+        msg_iovlen = 1;
+        msg_control = control;
+        msg_controllen = sizeof control;
+    }
+    DescriptorMessage(const DescriptorMessage&) = delete;
+    DescriptorMessage& operator=(const DescriptorMessage&) = delete;
+
     char byte = 0;
     iovec part = {&byte, 1};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
+};
+
+void sendDescriptor(int channel, int descriptor) {
+    DescriptorMessage message;
     cmsghdr* header = CMSG_FIRSTHDR(&message);
     header->cmsg_level = SOL_SOCKET;
     header->cmsg_type = SCM_RIGHTS;
@@ -45,14 +54,7 @@ void sendDescriptor(int channel, int descriptor) {
 }
 
 int receiveDescriptor(int channel) {
-    char byte = 0;
-    iovec part = {&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
+    DescriptorMessage message;
     cmsghdr* header = recvmsg(channel, &message, MSG_CMSG_CLOEXEC) == 1 ? CMSG_FIRSTHDR(&message) : nullptr;
     if (!header)
         throw std::runtime_error("the application's process did not connect");

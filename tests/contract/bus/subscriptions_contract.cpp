@@ -401,16 +401,22 @@ TEST_F(Responses, WhatIsNoRequestIsNotSubscribed) {
     EXPECT_THAT(m_error.message(), HasSubstr("request"));
 }
 
-class Bounds : public BusContract {};
+class Bounds : public BusContract {
+  protected:
+    // Makes as many subscriptions as a public client may have.
+    void subscribeToTheBound(BusClient& client, size_t& call) {
+        for (int i = 0; i < 64; i++) {
+            QSMessage* message = request(client, call);
+            ASSERT_TRUE(QSSubscriptionAdd(m_public, "key", message, m_error)) << i;
+            ASSERT_TRUE(reply(message, "{}"));
+        }
+    }
+};
 
 TEST_F(Bounds, APublicClientHasSixtyFourSubscriptions) {
     const auto client = m_engine->client(QSBus::Public);
     size_t call = 0;
-    for (int i = 0; i < 64; i++) {
-        QSMessage* message = request(*client, call);
-        ASSERT_TRUE(QSSubscriptionAdd(m_public, "key", message, m_error)) << i;
-        ASSERT_TRUE(reply(message, "{}"));
-    }
+    ASSERT_NO_FATAL_FAILURE(subscribeToTheBound(*client, call));
     EXPECT_FALSE(QSSubscriptionAdd(m_public, "key", request(*client, call), m_error));
     EXPECT_EQ(m_error.code(), -EDQUOT);
     EXPECT_THAT(m_error.message(), HasSubstr("cancel some"));
@@ -449,11 +455,7 @@ TEST_F(Bounds, ARequestThatIsAnsweredAndKeptCountsUntilItGoes) {
 TEST_F(Bounds, ASubscribedRequestCountsAmongTheSubscriptionsAlone) {
     const auto client = m_engine->client(QSBus::Public);
     size_t call = 0;
-    for (int i = 0; i < 64; i++) {
-        QSMessage* message = request(*client, call);
-        ASSERT_TRUE(QSSubscriptionAdd(m_public, "key", message, m_error)) << i;
-        ASSERT_TRUE(reply(message, "{}"));
-    }
+    ASSERT_NO_FATAL_FAILURE(subscribeToTheBound(*client, call));
     for (int i = 0; i < 128; i++)
         request(*client, call);
     EXPECT_EQ(m_kept.size(), 64u + 128u);
