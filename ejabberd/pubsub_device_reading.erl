@@ -83,21 +83,12 @@ oldest_of(Device) ->
 
 %% The oldest copy of a device or an account, {Who, Number, NodeId, DeviceId}.
 oldest(Who) ->
-    case in_order(pubsub_device_oldest, {Who, 0, 0, 0}) of
-        {Who, _, _, _} = Id -> Id;
-        _ -> none
-    end.
+    pubsub_device_tables:next(pubsub_device_oldest, {Who, 0, 0, 0}, fun(Id) -> element(1, Id) == Who end).
 
 %% The lowest number of the node's copies for the device.
 first(DeviceId, NodeId) ->
-    case in_order(pubsub_device_waiting, {DeviceId, NodeId, 0}) of
-        {DeviceId, NodeId, Number} -> Number;
-        _ -> none
-    end.
-
-%% In a transaction its own changes count.
-in_order(Table, Key) ->
-    case mnesia:is_transaction() of
-        true -> mnesia:next(Table, Key);
-        false -> ets:next(Table, Key)
+    case pubsub_device_tables:next(pubsub_device_waiting, {DeviceId, NodeId, 0},
+                                   fun({D, N, _}) -> D == DeviceId andalso N == NodeId end) of
+        {_, _, Number} -> Number;
+        none -> none
     end.

@@ -12,13 +12,8 @@
 sum(Who, Value) ->
     pubsub_device_tables:add(pubsub_device_load, Who, Value, #pubsub_device_load{who = Who, load = 0}).
 
-%% In a transaction the sum cannot change until the transaction ends.
 load_of(Who) ->
-    Found = case mnesia:is_transaction() of
-                true -> mnesia:read(pubsub_device_load, Who, write);
-                false -> ets:lookup(pubsub_device_load, Who)
-            end,
-    lists:sum([Load || #pubsub_device_load{load = Load} <- Found]).
+    lists:sum([Load || #pubsub_device_load{load = Load} <- pubsub_device_tables:read(pubsub_device_load, Who)]).
 
 %% Number and bytes in one integer, so that they change together.
 one_copy(Bytes) -> (1 bsl ?BYTES_BITS) + Bytes.

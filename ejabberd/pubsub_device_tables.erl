@@ -5,6 +5,7 @@
 -module(pubsub_device_tables).
 
 -export([create/5, alone/0, together/1, write/1, delete/2, delete_object/1, put/1, remove/2, take/2, add/4]).
+-export([read/2, next/3]).
 
 %% Tables in memory are changed by many processes at once.
 -define(CONCURRENT, {storage_properties, [{ets, [{read_concurrency, true}, {write_concurrency, true}]}]}).
@@ -87,4 +88,41 @@ add(Table, Key, Value, Default) ->
                 0 -> ets:delete_object(Table, setelement(3, Default, 0)), 0;
                 Sum -> Sum
             end
+    end.
+
+%% The record, as a list. In a transaction its own changes count, and no other process changes the record until it ends.
+read(Table, Key) ->
+    case mnesia:is_transaction() of
+        true -> mnesia:read(Table, Key, write);
+        false -> ets:lookup(Table, Key)
+    end.
+
+%% The next key of an ordered table, or `none` if IsMine(Key) is false for it. In a transaction its own changes count:
+%% records that it took out are passed over, and those that it added are looked for only if no other is left, since
+%% that locks the whole table.
+next(Table, Key, IsMine) ->
+    case mnesia:is_transaction() of
+        true ->
+            case left(Table, Key, IsMine) of
+                none -> mine(mnesia:next(Table, Key), IsMine);
+                Left -> Left
+            end;
+        false -> mine(ets:next(Table, Key), IsMine)
+    end.
+
+left(Table, Key, IsMine) ->
+    case mine(ets:next(Table, Key), IsMine) of
+        none -> none;
+        Next ->
+            case mnesia:read(Table, Next, write) of
+                [] -> left(Table, Next, IsMine);
+                _ -> Next
+            end
+    end.
+
+mine('$end_of_table', _) -> none;
+mine(Key, IsMine) ->
+    case IsMine(Key) of
+        true -> Key;
+        false -> none
     end.

@@ -7,7 +7,7 @@
 
 -include("pubsub_device_items.hrl").
 
--import(pubsub_device_tables, [together/1, put/1, remove/2, take/2, add/4]).
+-import(pubsub_device_tables, [together/1, put/1, remove/2, take/2, add/4, read/2]).
 -import(pubsub_device_sums, [sum/2, one_copy/1, exceeds/3, load_of/1, bytes_of/1]).
 
 init() ->
@@ -49,7 +49,7 @@ wait_for({Device, DeviceId, Account, Via}, Node, NodeId, Number, Bytes, {MaxNode
 %%% bounds
 
 shrink_queue(DeviceId, NodeId, Max) ->
-    case ets:lookup(pubsub_device_queue, {DeviceId, NodeId}) of
+    case read(pubsub_device_queue, {DeviceId, NodeId}) of
         [#pubsub_device_queue{count = Count}] when Count > Max ->
             case pubsub_device_reading:first(DeviceId, NodeId) of
                 none -> ok;

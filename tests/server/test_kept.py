@@ -3,7 +3,7 @@
 import threading
 import time
 
-from harness import ServerTest
+from harness import Instance, ServerTest
 from xmppclient import PUBSUB, condition
 
 
@@ -63,8 +63,8 @@ class Full(KeptTest):
         self.assertLess(seconds[""] / seconds["/one"], 3)
 
 
-class Exact(KeptTest):
-    options = ("max_kept=20", "max_kept_node=20")
+class Twenty(KeptTest):
+    options = ("max_kept=20", "max_kept_node=20", "key_rate=100000", "key_burst=100000")
 
     def test_the_bound_of_a_device_holds_for_publishers_of_many_nodes_at_once(self):
         names = ["%s/%d" % (self.node, each) for each in range(16)]
@@ -80,6 +80,49 @@ class Exact(KeptTest):
         for thread in threads:
             thread.join(60)
         self.assertEqual(len(self.drained("bob", "exact", names)), 20)
+
+    def test_a_full_node_keeps_its_newest_items(self):
+        owner = self.away("bob", "node", self.node)
+        for each in range(25):
+            self.publish(owner, str(each))
+        self.assertEqual(self.drained("bob", "node", [self.node]), [str(each) for each in range(5, 25)])
+
+    def test_of_items_that_are_written_together_the_newest_are_kept(self):
+        owner = self.away("bob", "batch", self.node)
+        self.bulk(owner, [self.publish_stanza(str(each)) for each in range(200)])
+        self.assertEqual(self.drained("bob", "batch", [self.node]), [str(each) for each in range(180, 200)])
+
+    def test_a_full_device_keeps_the_newest_items_of_all_its_nodes(self):
+        names = ["%s/%d" % (self.node, each) for each in range(4)]
+        owner = self.away("bob", "device", *names)
+        for each in range(26):
+            self.publish(owner, str(each), node=names[each % 4])
+        found = self.drained("bob", "device", names)
+        self.assertEqual(sorted(found, key=int), [str(each) for each in range(6, 26)])
+
+
+class TwentyInACluster(Twenty):
+    """The same with another member, which writes for some of the nodes."""
+
+    member = "127.0.0.1"
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        try:
+            cls.other = Instance(cls.options, member="127.0.0.2", join=cls.instance.folder)
+        except BaseException:
+            cls.instance.remove()
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.other.remove()
+        super().tearDownClass()
+
+
+class Exact(KeptTest):
+    options = ("max_kept=20", "max_kept_node=20")
 
     def test_what_is_on_disk_counts_after_a_restart(self):
         names = ["%s/%d" % (self.node, each) for each in range(4)]
