@@ -66,6 +66,7 @@ hooks() ->
 account_hooks() ->
     [{user_send_packet, pubsub_device_filter, on_send},
      {user_receive_packet, pubsub_device_session, on_receive},
+     {c2s_handle_info, pubsub_device_session, on_info},
      {c2s_handle_recv, pubsub_device_guard, on_receive},
      {c2s_filter_send, pubsub_device_wire, on_send},
      {sm_remove_connection_hook, pubsub_device_presence, on_session_end},

@@ -9,7 +9,7 @@
 %% may be restarted in between.
 -module(pubsub_device_session).
 
--export([present/0, on_receive/1, is_news/2, may_wait/2, forget/0]).
+-export([present/0, on_receive/1, on_info/2, is_news/2, may_wait/2, forget/0]).
 -export([acknowledge/4, tell/3, tell_writer/2, settle/1, answer/1, began/1, spare/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -24,6 +24,7 @@
 -define(UNDER_WAY, '$pubsub_device_under_way').
 -define(PUBLISHING, '$pubsub_device_publishing').
 -define(SPARED, '$pubsub_device_spared').
+-define(TIDY, '$pubsub_device_tidy').
 
 %% At most this many messages to one process, and this many publications, are unprocessed. Few enough that other
 %% sessions are not delayed noticeably, many enough that the cost of a round trip is small for each message.
@@ -32,10 +33,14 @@
 -define(TIMEOUT, 30000).
 -define(IDLE, 64).
 
+%% How long after something happened the session's garbage is collected, in milliseconds.
+-define(PAUSE, 5000).
+
 %%% transmissions
 
 %% What is published from now on does not have to wait for the device.
 present() ->
+    tidy_later(),
     case sendings() of
         #sendings{since = infinity} = Sendings ->
             put(?SENDINGS, Sendings#sendings{since = erlang:system_time(microsecond)}),
@@ -50,6 +55,7 @@ on_receive({#message{} = Message, State}) ->
         none -> {Message, State};
         {Pid, Node, ItemId, Number} when Pid == self() ->
             put(?SENDINGS, sent(Node, ItemId, Number, sendings())),
+            tidy_later(),
             {Message, State};
         _ -> {stop, {drop, State}}
     end;
@@ -172,6 +178,21 @@ may_wait(Node, Device) ->
 forget() ->
     erase(?SENDINGS),
     ok.
+
+%%% memory
+
+%% A device has nothing to do most of the time, and a process without work keeps its garbage: after a login that is
+%% twenty times as much as the session needs.
+tidy_later() ->
+    get(?TIDY) == undefined andalso put(?TIDY, erlang:send_after(?PAUSE, self(), ?TIDY)),
+    ok.
+
+on_info(State, ?TIDY) ->
+    erase(?TIDY),
+    garbage_collect(),
+    {stop, State};
+on_info(State, _) ->
+    State.
 
 %%% unprocessed requests
 

@@ -258,3 +258,25 @@ class Before(ServerTest):
         self.assertEqual([each.get("id") for each in answer.iter("{%s}item" % PUBSUB)], ["id5"])
         for name in ("/inbox", "/owner/dev1/com.example.app/inbox"):
             self.succeed(self.delete(owner, name))
+
+
+class Memory(ServerTest):
+    member = "127.0.0.1"
+
+    def memory(self, device):
+        user, rest = device.jid.split("@")
+        server, resource = rest.split("/")
+        return int(self.instance.evaluate(
+            "element(2, process_info(ejabberd_sm:get_session_pid(<<\"%s\">>, <<\"%s\">>, <<\"%s\">>), memory))"
+            % (user, server, resource)))
+
+    def test_a_device_without_anything_to_do_keeps_no_garbage(self):
+        device = self.device("bob", "idle")
+        self.wait_for(lambda: self.memory(device) < 40000)
+        owner = self.client("owner")
+        self.succeed(self.create(owner))
+        self.succeed(self.subscribe(device))
+        for _ in range(50):
+            self.publish(owner, "x" * 20000)
+        self.wait_for(lambda: len(device.messages()) == 50)
+        self.wait_for(lambda: self.memory(device) < 60000)
