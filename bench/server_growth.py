@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: GPL-3.0-only
-"""What the XMPP server needs for each key node, kept item and connected device, and how long it takes to start with
-them: each at three sizes, so that it shows whether the need grows linearly.
+"""What the XMPP server needs for each key node, kept item and connected device, how long it takes to start with them,
+and how long another member takes to join: each at three sizes, so that it shows whether the need grows linearly.
 
     bench/server_growth.py [nodes|items|devices]... [--size N]
 
@@ -18,22 +18,26 @@ import tempfile
 import time
 import urllib.request
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from server_load import DEVICE, PASSWORD, ROOT, BenchServer  # noqa: E402
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "scripts")]
+from builds import Build  # noqa: E402
+from server_load import DEVICE, PASSWORD, BenchServer  # noqa: E402
 
 BINARY = ROOT / "build/release/bin/bench_server"
 SIZES = {"nodes": 100_000, "items": 1_000_000, "devices": 10_000}
 ITEM_NODES = 100
+IDLE = 60  # seconds without anything to do, after which a session has given back what it needed for its login
 BOUNDS = ("max_kept=10000000", "max_kept_node=1000000", "max_kept_bytes=100000000000", "max_account_bytes=100000000000",
           "max_store=200000000000", "max_nodes=1000000", "max_keys=1000000", "max_devices=100000")
 
 
 class GrowthServer(BenchServer):
-    """A server without the bounds that would stop the growth."""
+    """A server that others can join, without the bounds that would stop the growth."""
 
     def _run(self, *arguments):
         if arguments[0] == "up":
-            arguments = (*arguments[:2], *(word for bound in BOUNDS for word in ("--option", bound)))
+            arguments = (*arguments[:2], "--member", "127.0.0.50",
+                         *(word for bound in BOUNDS for word in ("--option", bound)))
         super()._run(*arguments)
 
     def start_again(self):
@@ -42,6 +46,15 @@ class GrowthServer(BenchServer):
         began = time.monotonic()
         self._run("start", self.folder)
         return time.monotonic() - began
+
+    def joined(self):
+        """Seconds until another member has joined and serves clients; it leaves again."""
+        began, other = time.monotonic(), self.folder + "-joined"
+        super()._run("up", other, "--member", "127.0.0.51", "--join", self.folder)
+        try:
+            return time.monotonic() - began
+        finally:
+            super()._run("down", other)
 
 
 def resident(server):
@@ -85,20 +98,19 @@ def make_items(server, count):
 
 
 def hold_devices(server, count):
-    """Connects the devices and keeps them connected; the process that does it."""
+    """Connects the devices, which then have nothing to do; the process that holds them until its input ends."""
     server.create("owner", ["/growth"])
-    load = subprocess.Popen([str(BINARY), "deliver", server.where.host, str(server.where.port), server.where.domain,
-                             "owner", PASSWORD, "/growth", str(count), "1", "60", "ack"], stdout=subprocess.DEVNULL)
-    while metric(server, "sessions") < count:
-        if load.poll() is not None:
-            sys.exit("bench_server ended before all devices were connected")
-        time.sleep(1)
+    load = subprocess.Popen([str(BINARY), "hold", *map(str, server.account("owner")), "/growth", str(count)],
+                            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    if not load.stdout.readline():
+        sys.exit("bench_server ended before all devices were connected")
+    time.sleep(IDLE)
     return load
 
 
 def measure(what, count, folder):
     print(f"{count:,} {what}", flush=True)
-    server = GrowthServer(folder, BINARY)
+    server = GrowthServer(folder, Build(ROOT))
     try:
         before, load = resident(server), None
         if what == "nodes":
@@ -109,8 +121,9 @@ def measure(what, count, folder):
             load = hold_devices(server, count)
         row = {"what": what, "count": count, "bytes each": (resident(server) - before) / count}
         if load:
-            load.wait()
+            load.communicate()
         else:
+            row["join seconds"] = server.joined()
             row["start seconds"] = server.start_again()
             row["bytes each after a start"] = (resident(server) - before) / count
             files = [path.stat().st_size for path in pathlib.Path(folder, "spool").glob("*") if path.is_file()]

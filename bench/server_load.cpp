@@ -4,9 +4,11 @@
 //   bench_server publish HOST PORT DOMAIN USER PASSWORD SESSIONS IN_FLIGHT SECONDS NODE...
 //   bench_server http    HOST PORT METHOD CONNECTIONS SECONDS PATH...
 //   bench_server deliver HOST PORT DOMAIN USER PASSWORD NODE DEVICES IN_FLIGHT SECONDS ack|noack
+//   bench_server hold    HOST PORT DOMAIN USER PASSWORD NODE DEVICES
 //
 // One thread, nothing but sockets: it must not be what is measured. Prints one line of JSON: what was answered, what was
 // refused, the seconds it took, and the 50th and 99th percentile of the time from request to answer, in microseconds.
+// `hold` keeps devices of a node connected, without anything for them to do, from that line to the end of its input.
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -211,6 +213,19 @@ void deliver(const Account& account, const std::string& node, int devices, int i
                 deliveries, figures.answered, figures.refused, taken);
 }
 
+void hold(const Account& account, const std::string& node, int devices) {
+    std::vector<std::unique_ptr<Device>> held;
+    for (int i = 0; i < devices; ++i) {
+        const std::string resource = "held" + std::to_string(i);
+        held.push_back(std::make_unique<Device>(account, resource, true));
+        held.back()->subscribe(node, account.user, account.domain, resource);
+    }
+    std::printf("{\"connected\": %d}\n", devices);
+    std::fflush(stdout);
+    while (std::getchar() != EOF) {
+    }
+}
+
 // A connection that asks one request after the other and keeps alive.
 class Asker {
   public:
@@ -286,6 +301,8 @@ int main(int count, char** arguments) {
         else if (given.size() == 11 && given[0] == "deliver")
             deliver(account(), given[6], std::stoi(given[7]), std::stoi(given[8]), std::stod(given[9]),
                     given[10] == "ack");
+        else if (given.size() == 8 && given[0] == "hold")
+            hold(account(), given[6], std::stoi(given[7]));
         else
             throw std::runtime_error("bad arguments; the first lines of the source say which there are");
     } catch (const std::exception& error) {

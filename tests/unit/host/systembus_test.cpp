@@ -6,8 +6,6 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
-#include <optional>
-
 #include "platform/host/keepawake.h"
 #include "platform/host/portalwatch.h"
 #include "platform/host/systemmanager.h"
@@ -184,22 +182,6 @@ class OnSystemBus : public testing::Test {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
 };
 
-// A host that was started while systemd starts the machine, with a caller that follows the boot.
-class DuringBoot : public OnSystemBus {
-  protected:
-    void SetUp() override {
-        machine.own("org.freedesktop.systemd1");
-        ASSERT_EQ(manager.emplace(system, true).start(loop), StartResult::Started);
-        answers = &caller.emplace().follow(kGetBootStatus, "{\"subscribe\":true}");
-        ASSERT_TRUE(Caller::waitFor(
-            [&] { return answers->size() == 1 && machine.subscribers == 1 && machine.finishAsked == 1; }));
-    }
-
-    std::optional<SystemManager> manager;
-    std::optional<Caller> caller;
-    const std::vector<std::string>* answers = nullptr;
-};
-
 TEST(SystemBusAbsent, IsAnOrdinaryMachine) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere/bus", 1);
     SystemBus system;
@@ -221,12 +203,18 @@ TEST_F(OnSystemBus, BootIsFinishedWithoutSystemd) {
     EXPECT_EQ(caller.call(kGetBootStatus, "{\"subscribe\":true}"), kFinished);
 }
 
-TEST_F(DuringBoot, ItsEndIsToldOnceWhenSystemdSaysSo) {
+TEST_F(OnSystemBus, BootEndsWhenSystemdSaysSo) {
+    machine.own("org.freedesktop.systemd1");
+    SystemManager manager(system, true);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
+    Caller caller;
+    auto& answers = caller.follow(kGetBootStatus, "{\"subscribe\":true}");
+    EXPECT_TRUE(caller.waitFor([&] { return answers.size() == 1 && machine.subscribers == 1; }));
     machine.finishBoot();
     machine.finishBoot();
-    EXPECT_TRUE(caller->waitFor([&] { return answers->size() == 2; }));
-    EXPECT_FALSE(caller->waitFor([&] { return answers->size() > 2; }, 100));
-    EXPECT_THAT(*answers, ElementsAre(kRunning, kFinished));
+    EXPECT_TRUE(caller.waitFor([&] { return answers.size() == 2; }));
+    EXPECT_FALSE(caller.waitFor([&] { return answers.size() > 2; }, 100));
+    EXPECT_THAT(answers, ElementsAre(kRunning, kFinished));
 }
 
 TEST_F(OnSystemBus, BootThatEndedBeforeIsFinished) {
@@ -270,20 +258,32 @@ std::string nameOf(SystemBus& system) {
     return name;
 }
 
-TEST_F(DuringBoot, ForgedSignalOfSystemdEndsNothing) {
+TEST_F(OnSystemBus, ForgedSignalOfSystemdEndsNoBoot) {
+    machine.own("org.freedesktop.systemd1");
+    SystemManager manager(system, true);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
+    Caller caller;
+    auto& answers = caller.follow(kGetBootStatus, "{\"subscribe\":true}");
+    ASSERT_TRUE(caller.waitFor([&] { return answers.size() == 1 && machine.finishAsked == 1; }));
     Stranger stranger;
     stranger.tell(nameOf(system), "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager",
                   "StartupFinished");
-    EXPECT_EQ(caller->call(kGetBootStatus, "{}"), kRunning);
+    EXPECT_EQ(caller.call(kGetBootStatus, "{}"), kRunning);
     EXPECT_EQ(machine.finishAsked, 1);
     machine.finishBoot();
-    EXPECT_TRUE(caller->waitFor([&] { return answers->size() == 2; }));
+    EXPECT_TRUE(caller.waitFor([&] { return answers.size() == 2; }));
 }
 
-TEST_F(DuringBoot, SignalOfSystemdBeforeItsWordEndsNothing) {
+TEST_F(OnSystemBus, SignalOfSystemdBeforeItsWordEndsNoBoot) {
+    machine.own("org.freedesktop.systemd1");
+    SystemManager manager(system, true);
+    ASSERT_EQ(manager.start(loop), StartResult::Started);
+    Caller caller;
+    auto& answers = caller.follow(kGetBootStatus, "{\"subscribe\":true}");
+    ASSERT_TRUE(caller.waitFor([&] { return answers.size() == 1 && machine.finishAsked == 1; }));
     machine.sendStartupFinished();
-    EXPECT_TRUE(caller->waitFor([&] { return machine.finishAsked == 2; }));
-    EXPECT_EQ(caller->call(kGetBootStatus, "{}"), kRunning);
+    EXPECT_TRUE(caller.waitFor([&] { return machine.finishAsked == 2; }));
+    EXPECT_EQ(caller.call(kGetBootStatus, "{}"), kRunning);
 }
 
 TEST_F(OnSystemBus, ForgedSignalsOfNetworkManagerChangeNoVerdict) {

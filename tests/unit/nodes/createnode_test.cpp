@@ -70,15 +70,6 @@ INSTANTIATE_TEST_SUITE_P(
 class CreateNode : public RequestTest {
   protected:
     Answer askFor(const std::string& node) { return ask(createNode, R"({"node":")" + node + R"("})"); }
-    // A request for the endpoint `inbox` that waits for its node under the id `id1`.
-    Answer endpointRequest() {
-        Answer request(fakeBus().request(publicHandle(), "createEndpoint", "{}", "com.example.app 1"));
-        session().setEndpointMap("id1", request.message(), "inbox", "/u/r/com.example.app/inbox",
-                                 "com.example.app");
-        QSMessageUnref(request.message());
-        takeEvents();
-        return request;
-    }
 };
 
 class CreateNodeShape : public RequestTest, public testing::WithParamInterface<Shape> {};
@@ -229,7 +220,12 @@ TEST_F(CreateNode, StaysWaitingOverADisconnect) {
 }
 
 TEST_F(CreateNode, FinishesAnEndpointRequestUnderItsShortName) {
-    const Answer request = endpointRequest();
+    const Answer request =
+        Answer(fakeBus().request(publicHandle(), "createEndpoint", "{}", "com.example.app 1"));
+    session().setEndpointMap("id1", request.message(), "inbox", "/u/r/com.example.app/inbox",
+                             "com.example.app");
+    QSMessageUnref(request.message());
+    takeEvents();
 
     session().handleNodeCreation("id1", gloox::JID(kService), "/u/r/com.example.app/inbox", nullptr);
     EXPECT_EQ(takeEvents(),
@@ -239,7 +235,12 @@ TEST_F(CreateNode, FinishesAnEndpointRequestUnderItsShortName) {
 }
 
 TEST_F(CreateNode, FinishesAFailedEndpointRequestWithTheErrorsType) {
-    const Answer request = endpointRequest();
+    const Answer request =
+        Answer(fakeBus().request(publicHandle(), "createEndpoint", "{}", "com.example.app 1"));
+    session().setEndpointMap("id1", request.message(), "inbox", "/u/r/com.example.app/inbox",
+                             "com.example.app");
+    QSMessageUnref(request.message());
+    takeEvents();
 
     const gloox::Error error(gloox::StanzaErrorTypeCancel, gloox::StanzaErrorConflict);
     fakeBus().failNext("QSMessageRespond", -5, "no way");
@@ -252,7 +253,11 @@ TEST_F(CreateNode, FinishesAFailedEndpointRequestWithTheErrorsType) {
 }
 
 TEST_F(CreateNode, AnswersAFailedEndpointRequestWithTheErrorsType) {
-    const Answer request = endpointRequest();
+    const Answer request =
+        Answer(fakeBus().request(publicHandle(), "createEndpoint", "{}", "com.example.app 1"));
+    session().setEndpointMap("id1", request.message(), "inbox", "/u/r/com.example.app/inbox",
+                             "com.example.app");
+    QSMessageUnref(request.message());
     const gloox::Error error(gloox::StanzaErrorTypeCancel, gloox::StanzaErrorConflict);
     session().handleNodeCreation("id1", gloox::JID(kService), "/n", &error);
     EXPECT_EQ(
