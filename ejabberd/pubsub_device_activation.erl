@@ -28,13 +28,13 @@ activate(Node, Since, Limit, #iq{from = From} = IQ) ->
 activate(unlimited, Session, Node, Device, Since, IQ) ->
     mark([Node], Device),
     attach(Session, Device),
-    ask(activate, Node, Device, Since, IQ);
+    ask(Node, Device, {activate, Node, Device, Since, xmpp:make_iq_result(IQ)}, IQ);
 activate(limited, {ok, Pid}, Node, Device, Since, IQ) when Pid == self() ->
     case pubsub_device_limits:refused([Node], Device) of
         [] ->
             mark([Node], Device),
             case pubsub_device_store:attached(Device) of
-                Pid -> ask(limit, Node, Device, Since, IQ);
+                Pid -> ask(Node, Device, {limit, Node, Device, Pid, Since, xmpp:make_iq_result(IQ)}, IQ);
                 _ -> pubsub_device_limits:set(Node, Device, Since), xmpp:make_iq_result(IQ)
             end;
         _ ->
@@ -45,8 +45,8 @@ activate(limited, {ok, Pid}, Node, Device, Since, IQ) when Pid == self() ->
 activate(limited, _, _, _, _, IQ) ->
     xmpp:make_iq_result(IQ).
 
-ask(What, Node, Device, Since, IQ) ->
-    case pubsub_device_sender:call(Node, Device, {What, Node, Device, Since, xmpp:make_iq_result(IQ)}) of
+ask(Node, Device, Request, IQ) ->
+    case pubsub_device_sender:call(Node, Device, Request) of
         ok -> ignore;
         Error -> answer(IQ, Error)
     end.
@@ -72,9 +72,9 @@ activate_nodes(Session, Asked, #iq{from = From, to = #jid{lserver = Service}} = 
     Failed = lists:sort([{NodeId, Reason} || {NodeId, _, {error, #stanza_error{reason = Reason}}} <- Verdicts]
                         ++ [{NodeId, 'resource-constraint'} || {_, NodeId} <- Refused]),
     ejabberd_router:route(xmpp:make_iq_result(IQ, pubsub_device_stanza:nodes(<<"activate-nodes">>, Failed))),
-    News = [{limit, Node, Device} || Node <- Changed, pubsub_device_store:attached(Device) == self()]
+    News = [{limit, Node, Device, self()} || Node <- Changed, pubsub_device_store:attached(Device) == self()]
         ++ [{activate, Node, Device} || Node <- Unlimited, pubsub_device_session:may_wait(Node, Device)],
-    [pubsub_device_session:tell(Node, Device, Request) || {_, Node, _} = Request <- News],
+    [pubsub_device_session:tell(element(2, Request), Device, Request) || Request <- News],
     News == [] andalso pubsub_device_session:spare(1 + length(Verdicts)),
     ignore.
 

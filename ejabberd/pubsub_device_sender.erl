@@ -97,11 +97,11 @@ handle_call(Request, From, State) ->
 asked({activate, Node, Device, Since, Answer}, From, State) ->
     ejabberd_router:route(Answer),
     gen_server:reply(From, ok),
-    {noreply, activate(Node, Device, Since, active, State)};
-asked({limit, Node, Device, Since, Answer}, From, State) ->
+    {noreply, activate(Node, Device, Since, State)};
+asked({limit, Node, Device, Pid, Since, Answer}, From, State) ->
     ejabberd_router:route(Answer),
     gen_server:reply(From, ok),
-    {noreply, activate(Node, Device, Since, limited, State)};
+    {noreply, limit(Node, Device, Pid, Since, State)};
 asked({deactivate, Node, Device}, _, State) ->
     pubsub_device_store:deactivate(Node, Device),
     {reply, ok, State}.
@@ -117,9 +117,9 @@ handle_cast({announce, Node, Device, Again}, State) ->
             end,
     {noreply, with_flow(Node, Device, fun pubsub_device_flow:pump/3, Known, State)};
 handle_cast({activate, Node, Device}, State) ->
-    {noreply, activate(Node, Device, bulk, active, State)};
-handle_cast({limit, Node, Device}, State) ->
-    {noreply, activate(Node, Device, bulk, limited, State)};
+    {noreply, activate(Node, Device, bulk, State)};
+handle_cast({limit, Node, Device, Pid}, State) ->
+    {noreply, limit(Node, Device, Pid, bulk, State)};
 handle_cast({acked, Node, Device, Pid, Number}, State) ->
     case pubsub_device_store:attached(Device) of
         Pid ->
@@ -141,15 +141,24 @@ handle_info(_, State) ->
 terminate(_, _) -> ok.
 code_change(_, State, _) -> {ok, State}.
 
-activate(Node, Device, Since, How, State) ->
+activate(Node, Device, Since, State) ->
     case pubsub_device_store:session(Device) of
         none -> State;
-        Pid ->
-            Before = pubsub_device_store:activation(Node, Device, Pid),
-            pubsub_device_store:activate(Node, Device, Pid, How),
-            Activated = fun(N, D, Flow) -> pubsub_device_flow:activated(N, D, Since, Before, Flow) end,
-            with_flow(Node, Device, Activated, Activated, State)
+        Pid -> activate(Node, Device, Pid, Since, active, State)
     end.
+
+%% Another session may be the device's by now; it has not asked for the limit.
+limit(Node, Device, Pid, Since, State) ->
+    case pubsub_device_store:session(Device) of
+        Pid -> activate(Node, Device, Pid, Since, limited, State);
+        _ -> State
+    end.
+
+activate(Node, Device, Pid, Since, How, State) ->
+    Before = pubsub_device_store:activation(Node, Device, Pid),
+    pubsub_device_store:activate(Node, Device, Pid, How),
+    Activated = fun(N, D, Flow) -> pubsub_device_flow:activated(N, D, Since, Before, Flow) end,
+    with_flow(Node, Device, Activated, Activated, State).
 
 send_item({Node, Number, ItemId, Item, Receivers}, State) ->
     Numbered = pubsub_device_stanza:numbered(Item, Number),

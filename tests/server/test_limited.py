@@ -200,13 +200,18 @@ class Limited(LimitTest):
             self.ack(new, "1", node)
             self.assert_one(new, "2", node)
 
-    def test_a_goodbye_ends_the_limit(self):
+    def test_a_goodbye_ends_the_limit_also_of_a_node_of_which_nothing_was_sent(self):
+        other = self.node + "/other"
         self.subscribed("bye", 3)
-        bob = self.limited("bye")
+        owner = self.subscribed("bye", 0, other)
+        bob = self.limited("bye", self.node, other)
         self.assert_one(bob, "1")
         bob.send("<presence to='%s' type='unavailable'/>" % self.server.pubsub)
         self.announce(bob)
         self.assertEqual(self.texts(bob, 3), ["1", "2", "3"])
+        for text in ("1", "2"):
+            self.publish(owner, text, node=other)
+        self.assertEqual(self.texts(bob, 2, other), ["1", "2"])
 
     def test_other_devices_are_not_limited(self):
         owner = self.client("owner")
@@ -264,9 +269,10 @@ class Limited(LimitTest):
         self.ack(owner, found.id)
         self.assert_one(owner, "2")
         self.deactivate(owner)
+        self.assertEqual(self.post(key, "4")[0], 201)
         self.assert_quiet(owner)
         self.succeed(self.activate(owner))
-        self.assertEqual(self.texts(owner, 2), ["2", "3"])
+        self.assertEqual(self.texts(owner, 3), ["2", "3", "4"])
         self.assert_quiet(owner)
 
     def test_a_key_node_is_activated_with_a_limit_like_without(self):
@@ -360,14 +366,15 @@ class Numbers(LimitTest):
         self.assert_one(bob, "1")
         self.number_ack(bob, first)
         second = self.assert_one(bob, "2")
-        self.number_ack(bob, first)  # once more
-        for wrong in (first.seq_no + 10 ** 6, 0):
+        for wrong in (second.seq_no + 10 ** 6, 0):
             self.number_ack(bob, second._replace(seq_no=wrong))
         bob.send("<message to='%s'><ack xmlns='%s' node='%s' id='same' seqNo='x'/></message>"
                  % (self.server.pubsub, DEVICE, self.node))
         self.assert_quiet(bob)
         self.ack(bob, "same")  # without a number: the oldest that is left
-        self.number_ack(bob, self.assert_one(bob, "3"))
+        third = self.assert_one(bob, "3")
+        for each in (first, second, third):
+            self.number_ack(bob, each)
         self.assert_quiet(bob)
         self.wait_for(lambda: self.waiting(bob, self.node) == [(self.node, 0)])
 
@@ -463,11 +470,10 @@ class Room(LimitTest):
                 self.succeed(self.delete(owner, name))
 
 
-class State(LimitTest):
-    """What the server has in memory for the limits."""
+class StateTest(LimitTest):
+    """A server whose memory can be looked at."""
 
     member = "127.0.0.1"
-    options = ("sweep_interval=1",)
 
     def size(self):
         return int(self.instance.evaluate("mnesia:table_info(pubsub_device_active, size)"))
@@ -477,6 +483,14 @@ class State(LimitTest):
         return ("ejabberd_sm:get_session_pid(<<\"%s\">>, <<\"%s\">>, <<\"%s\">>)"
                 % (user, *rest.split("/")))
 
+    def sender(self, resource):
+        """The name of the process that sends the items of the test's node to bob's device."""
+        return self.instance.evaluate(
+            "element(1, pubsub_device_sender:locate({<<\"%s\">>, <<\"%s\">>}, "
+            "{<<\"bob\">>, <<\"localhost\">>, <<\"%s\">>}))" % (self.server.pubsub, self.node, resource))
+
+
+class State(StateTest):
     def test_ten_thousand_limits_end_with_their_session_announced_or_not(self):
         count = 10000
         names = ["%s/%d" % (self.node, each) for each in range(count)]
@@ -497,6 +511,64 @@ class State(LimitTest):
             bob.kill()
             self.wait_for(lambda: self.size() == before)
 
+    def test_two_bulk_requests_in_a_row_send_the_open_item_once(self):
+        self.subscribed("row", 2)
+        bob = self.device("bob", "row")
+        self.assertEqual(self.texts(bob, 2), ["1", "2"])
+        sender = self.sender("row")
+        self.instance.evaluate("sys:suspend(%s)" % sender)
+        for _ in range(2):
+            self.assertEqual(self.limit_all(bob, self.node), {})
+        self.instance.evaluate("sys:resume(%s)" % sender)
+        self.assert_one(bob, "1")
+
+    def test_a_session_that_ends_late_leaves_the_limits_of_the_next_one(self):
+        self.subscribed("late", 3)
+        old = self.limited("late")
+        self.assert_one(old, "1")
+        before = self.instance.evaluate("Session = %s, sys:suspend(Session), pid_to_list(Session)" % self.session(old))
+        new = self.limited("late")
+        self.assert_one(new, "1")
+        self.instance.evaluate("sys:resume(list_to_pid(%s))" % before)
+        old.wait_end()
+        self.wait_for(lambda: self.instance.evaluate("is_process_alive(list_to_pid(%s))" % before) == "false")
+        self.ack(new, "1")
+        self.drain(new, ["2", "3"])
+
+    def test_a_limit_of_a_replaced_session_that_comes_late_does_not_hold_for_the_new_one(self):
+        self.subscribed("stale", 3)
+        old = self.device("bob", "stale")
+        self.assertEqual(self.texts(old, 3), ["1", "2", "3"])
+        sender = self.sender("stale")
+        self.instance.evaluate("sys:suspend(%s)" % sender)
+        self.assertEqual(self.limit_all(old, self.node), {})
+        new = self.device("bob", "stale")
+        old.wait_end()
+        self.instance.evaluate("sys:resume(%s)" % sender)
+        self.assertEqual(self.texts(new, 3), ["1", "2", "3"])
+
+    def test_a_sender_that_is_restarted_sends_no_other_item_than_the_open_one(self):
+        owner = self.subscribed("restarted", 3)
+        bob = self.limited("restarted")
+        self.assert_one(bob, "1")
+        sender = self.sender("restarted")
+        for text in ("4", "5"):
+            before = self.instance.evaluate("whereis(%s)" % sender)
+            self.instance.evaluate("exit(whereis(%s), kill)" % sender)
+            self.wait_for(lambda before=before: self.instance.evaluate("whereis(%s)" % sender)
+                          not in (before, "undefined"))
+            self.publish(owner, text, text)
+            self.settle(bob)
+            again = [xmppclient.item(each) for each in bob.messages()]
+            self.assertEqual({each.text for each in again} - {"1"}, set())
+        first = again[0]
+        self.number_ack(bob, first)
+        self.drain(bob, ["2", "3", "4", "5"])
+
+
+class Swept(StateTest):
+    options = ("sweep_interval=1",)
+
     def test_limits_of_a_session_that_died_are_swept_and_others_stay(self):
         self.subscribed("swept", 2)
         before = self.size()
@@ -510,23 +582,3 @@ class State(LimitTest):
         self.assertEqual(self.size() - before, 1)
         silent.kill()
         self.wait_for(lambda: self.size() == before)
-
-    def test_a_sender_that_is_restarted_sends_no_other_item_than_the_open_one(self):
-        owner = self.subscribed("restarted", 3)
-        bob = self.limited("restarted")
-        self.assert_one(bob, "1")
-        sender = self.instance.evaluate(
-            "element(1, pubsub_device_sender:locate({<<\"%s\">>, <<\"%s\">>}, "
-            "{<<\"bob\">>, <<\"localhost\">>, <<\"restarted\">>}))" % (self.server.pubsub, self.node))
-        for text in ("4", "5"):
-            before = self.instance.evaluate("whereis(%s)" % sender)
-            self.instance.evaluate("exit(whereis(%s), kill)" % sender)
-            self.wait_for(lambda before=before: self.instance.evaluate("whereis(%s)" % sender)
-                          not in (before, "undefined"))
-            self.publish(owner, text, text)
-            self.settle(bob)
-            again = [xmppclient.item(each) for each in bob.messages()]
-            self.assertEqual({each.text for each in again} - {"1"}, set())
-        first = again[0]
-        self.number_ack(bob, first)
-        self.drain(bob, ["2", "3", "4", "5"])
