@@ -38,8 +38,8 @@ activate(limited, {ok, Pid}, Node, Device, Since, IQ) when Pid == self() ->
                 _ -> pubsub_device_limits:set(Node, Device, Since), xmpp:make_iq_result(IQ)
             end;
         _ ->
-            Text = <<"The session has as many limits as it may; activate further nodes without one, or ask the server's "
-                     "operator to raise max_nodes">>,
+            Text = <<"The session has as many limits as it may; activate further nodes without one, or ask the "
+                     "server's operator to raise max_nodes">>,
             answer(IQ, {error, xmpp:err_resource_constraint(Text, <<"en">>)})
     end;
 activate(limited, _, _, _, _, IQ) ->
