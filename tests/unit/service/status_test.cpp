@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Connection status: the replies of the two methods, and what their subscribers get at each change.
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "service/methods.h"
 #include "tests/fakes/servicefixture.h"
 #include "util/jsonref.h"
+#include "xmpp/client.h"
 
 namespace {
 
@@ -147,6 +152,30 @@ TEST_F(Status, SubscribeConnStatusSaysSinceWhenItIsConnectedToWhoeverAsksForDeta
                 static_cast<double>(before), 1.0);
     EXPECT_EQ(member(answer, "ended"), nullptr);
     EXPECT_EQ(member(answer, "heard"), nullptr) << "no TCP connection, nothing known";
+}
+
+// Puts a TCP connection in the place of the scripted one's descriptor.
+void becomeTcp(int descriptor) {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int device = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* place = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(listener, place, length) | listen(listener, 1), 0);
+    EXPECT_EQ(getsockname(listener, place, &length) | connect(device, place, length), 0);
+    EXPECT_EQ(dup2(device, descriptor), descriptor);
+    close(device);
+    close(listener);
+}
+
+TEST_F(Status, SubscribeConnStatusSaysWhenTheServerWasLastHeard) {
+    connectSession();
+    becomeTcp(session().m_client->socket());
+    const JsonRef answer = parseJson(details(R"({"details":true})").text().c_str());
+    EXPECT_NEAR(static_cast<double>(json_object_get_int64(member(answer, "heard"))),
+                static_cast<double>(g_get_real_time()) / 1'000'000, 2.0);
 }
 
 TEST_F(Status, SubscribeConnStatusSaysWhetherTheEndWasAskedFor) {
