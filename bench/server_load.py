@@ -155,8 +155,8 @@ class BenchServer:
     def get(self, connections, seconds):
         return self.http("GET", [urllib.parse.urlsplit(self.http_url()).path + "/none"], connections, seconds)
 
-    def deliver(self, node, devices, in_flight, seconds, acknowledge):
-        figures = run_load(LOAD, "deliver", *self.account("owner"), node, devices, in_flight, seconds,
+    def deliver(self, node, devices, in_flight, seconds, acknowledge, user="owner"):
+        figures = run_load(LOAD, "deliver", *self.account(user), node, devices, in_flight, seconds,
                            "ack" if acknowledge else "noack")
         return figures["deliveries"] / figures["seconds"]
 

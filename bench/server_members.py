@@ -9,13 +9,13 @@ The load is the same for each number of members: the sessions, connections and n
 take turns by rounds, so that other load on the machine affects all of them."""
 
 import argparse
+import concurrent.futures
 import json
 import os
 import pathlib
 import statistics
 import sys
 import tempfile
-import threading
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "scripts")]
@@ -25,6 +25,7 @@ from server_load import BenchServer  # noqa: E402
 STORAGES = ("mnesia", "postgresql")
 COUNTS = (1, 2, 3)
 SESSIONS, IN_FLIGHT, NODES, CONNECTIONS, DEVICES = 6, 16, 24, 24, 6
+USERS = ("owner", "other", "third")  # one publishes at each member
 TICKS = os.sysconf("SC_CLK_TCK")
 
 
@@ -78,15 +79,20 @@ def stat_of(pid):
 class Cluster:
     def __init__(self, folder, storage, count):
         self.count, self.members = count, []
+        folder.mkdir()
+        for each in (folder, folder.parent):
+            each.chmod(0o755)  # root's database runs as another user
         for number in range(count):
             self.members.append(Member(folder / str(number), number, storage, self.members[0] if number else None))
         first = self.members[0]
-        self.nodes = [f"/members/{number}" for number in range(NODES)]
-        first.create("owner", self.nodes)
-        first.absent_device("other", "away", self.nodes)
+        self.nodes = [[f"/members-{user}/{number}" for number in range(NODES // count)] for user in USERS[:count]]
+        for user, nodes in zip(USERS, self.nodes):
+            first.create(user, nodes)
+            first.absent_device("other", "away-" + user, nodes)
         self.keys = [first.endpoint(f"/owner/endpoint/app/{number}", "endpoint") for number in range(CONNECTIONS)]
-        self.delivered = [f"/delivered/{number}" for number in range(count)]
-        first.create("owner", self.delivered)
+        self.delivered = [f"/delivered-{user}" for user in USERS[:count]]
+        for user, node in zip(USERS, self.delivered):
+            first.create(user, [node])
 
     def close(self):
         for member in reversed(self.members):
@@ -96,21 +102,14 @@ class Cluster:
         """Microseconds of the members and of the database for each operation; operation(member, number) returns how
         many it made."""
         members, database = [member.cpu() for member in self.members], self.members[0].database_cpu()
-        made = [0] * self.count
-
-        def run(number):
-            made[number] = operation(self.members[number], number)
-        threads = [threading.Thread(target=run, args=(number,)) for number in range(self.count)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
+        with concurrent.futures.ThreadPoolExecutor(self.count) as threads:
+            made = list(threads.map(operation, self.members, range(self.count)))
         used = sum(member.cpu() for member in self.members) - sum(members)
         return (1e6 * used / sum(made), 1e6 * (self.members[0].database_cpu() - database) / sum(made))
 
     def publish(self, seconds):
         return self.cost(lambda member, number: member.publish(
-            "owner", self.nodes[number::self.count], seconds, SESSIONS // self.count, IN_FLIGHT)["answered"])
+            USERS[number], self.nodes[number], seconds, SESSIONS // self.count, IN_FLIGHT)["answered"])
 
     def http(self, seconds):
         return self.cost(lambda member, number: member.http(
@@ -118,7 +117,7 @@ class Cluster:
 
     def deliver(self, seconds):
         return self.cost(lambda member, number: int(seconds * member.deliver(
-            self.delivered[number], DEVICES // self.count, IN_FLIGHT, seconds, True)))
+            self.delivered[number], DEVICES // self.count, IN_FLIGHT, seconds, True, USERS[number])))
 
 
 def main():
