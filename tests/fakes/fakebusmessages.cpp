@@ -292,6 +292,10 @@ const char* QSMessageGetApplicationID(QSMessage* message) {
     return usable(message, __func__) ? message->appId.c_str() : "";
 }
 
+const char* QSMessageGetSender(QSMessage* message) {
+    return usable(message, __func__) ? message->client.c_str() : "";
+}
+
 bool QSMessageIsError(QSMessage* message) {
     return usable(message, __func__) && message->isError;
 }

@@ -106,6 +106,10 @@ const char* QSMessageGetApplicationID(QSMessage* message) {
     return message && message->peer ? message->peer->applicationId.c_str() : "";
 }
 
+const char* QSMessageGetSender(QSMessage* message) {
+    return message && message->peer ? message->peer->name.c_str() : "";
+}
+
 bool QSMessageIsError(QSMessage* message) {
     return message && !message->errorName.empty();
 }

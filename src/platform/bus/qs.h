@@ -82,6 +82,8 @@ const char* QSMessageGetMethod(QSMessage* message);
 const char* QSMessageGetCategory(QSMessage* message);
 // "ID PID" of the calling application, "" when it has no id; never null.
 const char* QSMessageGetApplicationID(QSMessage* message);
+// The unique bus name of the client that sent a request, "" for any other message; never null.
+const char* QSMessageGetSender(QSMessage* message);
 // True for a reply that is a bus error: its payload is then
 // {"returnValue":false,"errorCode":-1,"errorText":...}.
 bool QSMessageIsError(QSMessage* message);

@@ -192,6 +192,22 @@ TEST_P(Requests, ReportTheIdAndTheProcessOfTheirApplication) {
     EXPECT_STREQ(QSMessageGetApplicationID(second), QSMessageGetApplicationID(message));
 }
 
+TEST_P(Requests, ReportTheNameOfTheirClientAsLongAsTheyAreKept) {
+    auto client = m_engine->client(GetParam());
+    const auto other = m_engine->client(GetParam());
+    size_t call = 0;
+    QSMessage* first = request(*client, call);
+    QSMessage* second = request(*client, call);
+    const std::string name = QSMessageGetSender(first);
+    EXPECT_THAT(name, MatchesRegex(":.+"));
+    EXPECT_EQ(QSMessageGetSender(second), name);
+    EXPECT_NE(QSMessageGetSender(request(*other, call)), name);
+    ASSERT_TRUE(reply(first, "{}"));
+    client.reset();
+    EXPECT_TRUE(m_engine->until([&] { return QSMessageIsCallerGone(first); }));
+    EXPECT_EQ(QSMessageGetSender(first), name);
+}
+
 TEST_P(Requests, OfNoApplicationReportTheEmptyId) {
     const auto client = m_engine->client(GetParam());
     size_t call = 0;
