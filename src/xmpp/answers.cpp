@@ -141,6 +141,10 @@ void Manager::handleAnswer(const gloox::Tag& iq) {
 
 void Manager::handleBulkAnswer(const Request& request, const gloox::Tag& iq, const gloox::Tag* error) {
     Bulk& bulk = *request.bulk;
+    if (request.operation == Operation::Waiting) {
+        handleWaitingAnswer(request, iq, error);
+        return;
+    }
     const bool activates = request.operation == Operation::BulkActivate;
     const auto fail = [&bulk](std::unique_ptr<Tag> element) {
         ++bulk.failed;
@@ -162,6 +166,20 @@ void Manager::handleBulkAnswer(const Request& request, const gloox::Tag& iq, con
                 activates ? "Bulk activation" : "Bulk deletion", bulk.failed, bulk.error->xml().c_str());
     const RawError first(*bulk.error);
     deliver(request, bulk.id, iq, &first);
+}
+
+// The parts that the server answered count, also when it refused others.
+void Manager::handleWaitingAnswer(const Request& request, const gloox::Tag& iq, const gloox::Tag* error) {
+    Bulk& bulk = *request.bulk;
+    if (error && !bulk.error)
+        bulk.error.reset(error->clone());
+    const Tag* list = error ? nullptr : iq.findChild("waiting");
+    for (const Tag* node : list ? list->findChildren("node") : gloox::TagList())
+        bulk.counts[node->findAttribute("id")] = node->findAttribute("count");
+    if (--bulk.unanswered > 0)
+        return;
+    const std::unique_ptr<RawError> first(bulk.error ? new RawError(*bulk.error) : nullptr);
+    request.handler->handleWaiting(bulk.id, request.service, bulk.counts, first.get());
 }
 
 void Manager::deliver(const Request& request, const std::string& id, const gloox::Tag& iq,
@@ -199,6 +217,8 @@ void Manager::deliver(const Request& request, const std::string& id, const gloox
             return handler.handleBulkActivate(id, service, error);
         case Operation::BulkDelete:
             return handler.handleBulkDelete(id, service, error);
+        case Operation::Waiting:  // always in parts, see above
+            return;
         case Operation::PendingRequest:
             return deliverPending(handler, id, iq, error);
         case Operation::PendingNodeRequest:

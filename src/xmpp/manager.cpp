@@ -23,6 +23,8 @@ constexpr std::size_t kStanzaLimit = 262'144;
 // Bulk operations are split well below that: the server also counts what it has read of the next stanza.
 constexpr std::size_t kListPart = 65'536;
 constexpr std::size_t kMaxHeld = 1'000;
+constexpr char kLimit[] = "limit";
+constexpr char kOneItem[] = "1";
 
 const std::string& idPrefix() {
     static const std::string prefix = [] {
@@ -256,8 +258,8 @@ std::string Manager::getKey(const gloox::JID& service, const std::string& node, 
 }
 
 std::string Manager::activateNode(const gloox::JID& service, const std::string& node,
-                                  const std::string& seqNo, ResultHandler* handler) {
-    return deviceRequest(Operation::ActivateNode, "set", "activate", service, node, seqNo, handler);
+                                  const std::string& seqNo, ResultHandler* handler, bool limit) {
+    return deviceRequest(Operation::ActivateNode, "set", "activate", service, node, seqNo, handler, limit);
 }
 
 std::string Manager::deActivateNode(const gloox::JID& service, const std::string& node,
@@ -267,19 +269,26 @@ std::string Manager::deActivateNode(const gloox::JID& service, const std::string
 
 std::string Manager::deviceRequest(Operation operation, const char* type, const char* element,
                                    const gloox::JID& service, const std::string& node,
-                                   const std::string& seqNo, ResultHandler* handler) {
+                                   const std::string& seqNo, ResultHandler* handler, bool limit) {
     const std::string id = nextId();
     StanzaWriter stanza = beginIq(type, service, id);
     stanza.open(element, kDeviceXmlns).attribute("node", node);
     if (!seqNo.empty())
         stanza.foreignAttribute("seqNo", seqNo);
+    if (limit)
+        stanza.attribute(kLimit, kOneItem);
     return sendRequest({.operation = operation, .handler = handler, .service = service, .node = node}, id,
                        stanza);
 }
 
 std::string Manager::bulkActivate(const gloox::JID& service, const gloox::StringList& nodes,
+                                  ResultHandler* handler, bool limit) {
+    return bulk(Operation::BulkActivate, "activate-nodes", service, nodes, handler, limit);
+}
+
+std::string Manager::waitingItems(const gloox::JID& service, const gloox::StringList& nodes,
                                   ResultHandler* handler) {
-    return bulk(Operation::BulkActivate, "activate-nodes", service, nodes, handler);
+    return bulk(Operation::Waiting, "waiting", service, nodes, handler);
 }
 
 std::string Manager::bulkDelete(const gloox::JID& service, const gloox::StringList& nodes,
@@ -318,31 +327,39 @@ std::string Manager::approvePending(const gloox::JID& service, const std::string
     return sendMessage(service, messageId, stanza);
 }
 
-std::string Manager::ackItem(const gloox::JID& service, const std::string& node, const std::string& item) {
+std::string Manager::ackItem(const gloox::JID& service, const std::string& node, const std::string& item,
+                             const std::string& seqNo) {
     const std::string id = nextId();
     StanzaWriter stanza;
     stanza.open("message").attribute("to", service.full()).attribute("id", id);
     stanza.open("ack", kDeviceXmlns).foreignAttribute("node", node).foreignAttribute("id", item);
+    if (!seqNo.empty())
+        stanza.foreignAttribute("seqNo", seqNo);
     return sendMessage(service, id, stanza);
 }
 
 std::string Manager::bulk(Operation operation, const char* element, const gloox::JID& service,
-                          const gloox::StringList& nodes, ResultHandler* handler) {
+                          const gloox::StringList& nodes, ResultHandler* handler, bool limit) {
     if (!m_client || !service || !handler)
         return {};
+    const char* type = operation == Operation::Waiting ? "get" : "set";
     std::vector<std::pair<std::string, std::string>> parts;  // stanza id and stanza
     auto node = nodes.begin();
     do {
         const std::string id = nextId();
-        StanzaWriter part = beginIq("set", service, id);
+        StanzaWriter part = beginIq(type, service, id);
         part.open(element, kDeviceXmlns);
         for (; node != nodes.end() && part.size() < kListPart; ++node) {
             // No node of the server has so long a name.
-            if (isXmlAttribute(*node) && node->size() < kListPart / 2)
-                part.open("node").attribute("id", *node).close();
-            else
+            if (isXmlAttribute(*node) && node->size() < kListPart / 2) {
+                part.open("node").attribute("id", *node);
+                if (limit)
+                    part.attribute(kLimit, kOneItem);
+                part.close();
+            } else {
                 PrvPrintErr({}, "Left node %s out of %s: its name cannot be sent", printable(*node).c_str(),
                             element);
+            }
         }
         parts.emplace_back(id, part.finish());
     } while (node != nodes.end());

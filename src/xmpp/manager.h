@@ -65,11 +65,16 @@ class Manager : public gloox::PubSub::Manager {
     std::string unsubscribe(const gloox::JID& service, const std::string& node, ResultHandler* handler,
                             const std::string& subid, const gloox::JID& subscriber);
     std::string getKey(const gloox::JID& service, const std::string& node, ResultHandler* handler);
+    // `limit`: the server sends one item of the node at a time, the next after its acknowledgement, and begins
+    // with the oldest.
     std::string activateNode(const gloox::JID& service, const std::string& node, const std::string& seqNo,
-                             ResultHandler* handler);
+                             ResultHandler* handler, bool limit = false);
     std::string deActivateNode(const gloox::JID& service, const std::string& node, ResultHandler* handler);
-    // In both, names that XML cannot carry are left out and logged.
+    // In these three, names that XML cannot carry are left out and logged.
     std::string bulkActivate(const gloox::JID& service, const gloox::StringList& nodes,
+                             ResultHandler* handler, bool limit = false);
+    // How many items the server keeps of each node for this device.
+    std::string waitingItems(const gloox::JID& service, const gloox::StringList& nodes,
                              ResultHandler* handler);
     std::string bulkDelete(const gloox::JID& service, const gloox::StringList& nodes, ResultHandler* handler);
     std::string getPendingRequest(const gloox::JID& service, ResultHandler* handler);
@@ -80,8 +85,10 @@ class Manager : public gloox::PubSub::Manager {
     std::string approvePending(const gloox::JID& service, const std::string& node, const std::string& id,
                                const std::string& subid, const std::string& approve,
                                const std::string& subscriber);
-    // Tells the server that the item was delivered. There is no answer.
-    std::string ackItem(const gloox::JID& service, const std::string& node, const std::string& item);
+    // Tells the server that the item was delivered. There is no answer. Without a number it is for the oldest
+    // transmission under this id, with one for all transmissions of this item.
+    std::string ackItem(const gloox::JID& service, const std::string& node, const std::string& item,
+                        const std::string& seqNo = {});
 
     // --- for the client
     // The stream is up: operations are sent at once from now on, those of the connection listeners before
@@ -111,6 +118,7 @@ class Manager : public gloox::PubSub::Manager {
         DeActivateNode,
         BulkActivate,
         BulkDelete,
+        Waiting,
         PendingRequest,
         PendingNodeRequest
     };
@@ -120,6 +128,7 @@ class Manager : public gloox::PubSub::Manager {
         std::size_t unanswered = 0;
         std::size_t failed = 0;
         std::unique_ptr<gloox::Tag> error;  // the first one
+        StringMap counts;                   // of Waiting
     };
     struct Request {
         Operation operation;
@@ -140,9 +149,9 @@ class Manager : public gloox::PubSub::Manager {
     static StanzaWriter beginIq(const char* type, const gloox::JID& service, const std::string& id);
     std::string deviceRequest(Operation operation, const char* type, const char* element,
                               const gloox::JID& service, const std::string& node, const std::string& seqNo,
-                              ResultHandler* handler);
+                              ResultHandler* handler, bool limit = false);
     std::string bulk(Operation operation, const char* element, const gloox::JID& service,
-                     const gloox::StringList& nodes, ResultHandler* handler);
+                     const gloox::StringList& nodes, ResultHandler* handler, bool limit = false);
     bool isUsable(const Request& request) const;
     std::string sendRequest(Request request, const std::string& id, StanzaWriter& stanza);
     std::string sendMessage(const gloox::JID& service, const std::string& id, StanzaWriter& stanza);
@@ -153,6 +162,7 @@ class Manager : public gloox::PubSub::Manager {
 
     // answers.cpp
     void handleBulkAnswer(const Request& request, const gloox::Tag& iq, const gloox::Tag* error);
+    void handleWaitingAnswer(const Request& request, const gloox::Tag& iq, const gloox::Tag* error);
     static void deliver(const Request& request, const std::string& id, const gloox::Tag& iq,
                         const gloox::Error* error);
 

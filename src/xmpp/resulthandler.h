@@ -4,6 +4,7 @@
 
 #include <gloox/pubsubresulthandler.h>
 
+#include <map>
 #include <string>
 
 namespace xmpp {
@@ -39,6 +40,10 @@ class ResultHandler : public gloox::PubSub::ResultHandler {
                                         const gloox::Error* error) = 0;
     virtual void handleBulkActivate(const std::string& id, const gloox::JID& service,
                                     const gloox::Error* error) = 0;
+    // How many items the server keeps, in decimal, for each node that it told.
+    virtual void handleWaiting(const std::string& id, const gloox::JID& service,
+                               const std::map<std::string, std::string>& counts,
+                               const gloox::Error* error) = 0;
 
     // gloox's own spellings of three handlers; final, and forwarded.
     void handleItemDeletion(const std::string& id, const gloox::JID& service, const std::string& node,

@@ -74,6 +74,8 @@ std::vector<Case> cases() {
          "deActivate ID pubsub.example.org /a", "deActivate ID pubsub.example.org /a"},
         {"bulkActivate", [](M& m, const J& s, H h) { return m.bulkActivate(s, {"/a"}, h); },
          "bulkActivate ID pubsub.example.org", "bulkActivate ID pubsub.example.org"},
+        {"waitingItems", [](M& m, const J& s, H h) { return m.waitingItems(s, {"/a"}, h); },
+         "waiting ID pubsub.example.org", "waiting ID pubsub.example.org"},
         {"bulkDelete", [](M& m, const J& s, H h) { return m.bulkDelete(s, {"/a"}, h); },
          "bulkDelete ID pubsub.example.org", "bulkDelete ID pubsub.example.org"},
         {"getPendingRequest", [](M& m, const J& s, H h) { return m.getPendingRequest(s, h); },
@@ -334,6 +336,22 @@ TEST_F(LongLists, AreAnsweredOnceUnderTheFirstIdWhenTheLastPartHasBeen) {
         answer(idOf(*part), "result");
     }
     EXPECT_EQ(handler.calls, std::vector<std::string>{"bulkDelete " + id + " pubsub.example.org"});
+}
+
+TEST_F(LongLists, OfCountsAreAnsweredOnceWithTheCountsOfAllParts) {
+    const std::string id = manager->waitingItems(service, nodes(10'000), &handler);
+    const std::vector<std::string> parts = connection->sent;
+    ASSERT_GE(parts.size(), 3u);
+    answer(idOf(parts[0]), "result",
+           "<waiting xmlns='urn:zelt:pubsub:device:0'><node id='/a' count='3'/></waiting>");
+    answer(idOf(parts[1]), "error", kForbidden);
+    for (std::size_t i = 2; i < parts.size(); ++i) {
+        EXPECT_TRUE(handler.calls.empty());
+        answer(idOf(parts[i]), "result",
+               "<waiting xmlns='urn:zelt:pubsub:device:0'><node id='/b' count='0'/></waiting>");
+    }
+    EXPECT_EQ(handler.calls, std::vector<std::string>{"waiting " + id +
+                                                      " pubsub.example.org /a=3 /b=0 error " + kForbidden});
 }
 
 TEST_F(LongLists, FailWhenAnyPartFails) {

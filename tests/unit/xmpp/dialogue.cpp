@@ -118,6 +118,14 @@ void RecordingHandler::handleBulkActivate(const std::string& id, const gloox::JI
                                           const gloox::Error* error) {
     record("bulkActivate " + id + " " + service.full(), error);
 }
+void RecordingHandler::handleWaiting(const std::string& id, const gloox::JID& service,
+                                     const std::map<std::string, std::string>& counts,
+                                     const gloox::Error* error) {
+    std::string told;
+    for (const auto& [node, count] : counts)
+        told += " " + node + "=" + count;
+    record("waiting " + id + " " + service.full() + told, error);
+}
 void RecordingHandler::handleNodeCreation(const std::string& id, const gloox::JID& service,
                                           const std::string& node, const gloox::Error* error) {
     record("creation " + id + " " + service.full() + " " + node, error);

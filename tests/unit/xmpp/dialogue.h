@@ -78,6 +78,8 @@ class RecordingHandler : public xmpp::UnaskedResults {
                                 const gloox::Error* error) override;
     void handleBulkActivate(const std::string& id, const gloox::JID& service,
                             const gloox::Error* error) override;
+    void handleWaiting(const std::string& id, const gloox::JID& service,
+                       const std::map<std::string, std::string>& counts, const gloox::Error* error) override;
     void handleNodeCreation(const std::string& id, const gloox::JID& service, const std::string& node,
                             const gloox::Error* error) override;
     void handleItemPublication(const std::string& id, const gloox::JID& service, const std::string& node,

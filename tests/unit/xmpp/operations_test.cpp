@@ -208,6 +208,28 @@ TEST_F(Operations, BulkActivateListsTheNodesEmptyAndRepeatedOnesToo) {
            "</activate-nodes>"));
 }
 
+TEST_F(Operations, ActivationsMayLimitTheNodeToOneItem) {
+    expectSent(manager->activateNode(service, "/a", "42", &handler, true),
+               iq("set", "<activate xmlns='urn:zelt:pubsub:device:0' node='/a' seqNo='42' limit='1'/>"));
+    expectSent(manager->bulkActivate(service, {"/a", "/b"}, &handler, true),
+               iq("set",
+                  "<activate-nodes xmlns='urn:zelt:pubsub:device:0'><node id='/a' limit='1'/>"
+                  "<node id='/b' limit='1'/></activate-nodes>"));
+}
+
+TEST_F(Operations, AckItemMayNameTheNumber) {
+    manager->ackItem(service, "/a", "i1", "42");
+    EXPECT_NE(
+        connection->sent.back().find("<ack xmlns='urn:zelt:pubsub:device:0' node='/a' id='i1' seqNo='42'/>"),
+        std::string::npos);
+}
+
+TEST_F(Operations, WaitingItemsAsksForTheNodes) {
+    expectSent(
+        manager->waitingItems(service, {"/a", "/b"}, &handler),
+        iq("get", "<waiting xmlns='urn:zelt:pubsub:device:0'><node id='/a'/><node id='/b'/></waiting>"));
+}
+
 TEST_F(Operations, BulkDeleteOfNothingIsAnEmptyList) {
     expectSent(manager->bulkDelete(service, {}, &handler),
                iq("set", "<delete-nodes xmlns='urn:zelt:pubsub:device:0'/>"));
