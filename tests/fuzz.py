@@ -4,7 +4,7 @@
 import json
 
 PUBLIC = ("createEndpoint", "deleteEndpoint", "getPublishKey", "subscribe", "unsubscribe", "connectStatus",
-          "subscribeOnClose", "unsubscribeOnClose")
+          "subscribeOnClose", "unsubscribeOnClose", "receive", "acknowledge", "listEndpoints")
 PRIVATE = PUBLIC + (
     "createNode", "deleteNode", "publishItem", "registerItemCallback", "registerItemCallbackV2",
     "unRegisterItemCallback", "subscribeToNode", "unsubscribeFromNode", "setNodeConfig", "getNodeConfig",
@@ -13,7 +13,8 @@ PRIVATE = PUBLIC + (
 LEAVING = ("disconnect", "initializeAccount")
 KEYS = ("node", "nodes", "endpoint", "item", "xml", "jid", "subid", "id", "approve", "subscriber_jid", "options",
         "subscribe", "app", "onclose", "depth", "nodeType", "parent", "title", "accessType", "description", "device",
-        "user", "service", "resource", "password", "server", "port", "@xmlns", "#text", "pubsub#title", "")
+        "endpoints", "receipt", "retry", "confirm", "user", "service", "resource", "password", "server", "port",
+        "@xmlns", "#text", "pubsub#title", "")
 TEXTS = ("", "a", "b", "*", "/", "//", "/../a", "/a/b/c/d", "device@localhost", "device@localhost/bench", "@", "true",
          "0", "-1", "99999999999999999999999", "zelt://com.zelt.fuzz/item", "zelt://", "quor://com.zelt.x/y", "\n\t",
          "\u00fc\u20ac\U0001f600", "\ufffe", "\x01", "<a>&amp;</a>", "\"", "\\", "%s%n", "x" * 98, "y" * 99, "z" * 5000)

@@ -60,6 +60,10 @@ json_object* PubSubSession::getItemFromCache(const std::string& node) {
     return item.release();
 }
 
+bool PubSubSession::isCached(const std::string& node) {
+    return !node.empty() && !CacheFiles::current().find(node).empty();
+}
+
 void PubSubSession::deleteItemFromCache(const std::string& node) {
     if (node.empty()) {
         PrvPrintErr({}, "Invalid node %s ", node.c_str());

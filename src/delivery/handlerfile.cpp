@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The registered item handlers of each node, and the file that keeps them over a restart.
 //
-// Keeps PubSubSession::serviceNodeMap and appNodeMap. Each line of the file is a record: the text of a JSON
-// object ({"node", "endpoint", optional "app"}), a zero byte and a newline. The file is read once at start, a
+// Keeps PubSubSession::serviceNodeMap, appNodeMap and m_confirming. Each line of the file is a record: the text
+// of a JSON object ({"node", "endpoint", optional "app" and "confirm"}), a zero byte and a newline. The file is read once at start, a
 // new registration appends to it, and a withdrawn one replaces it atomically and synced. At a damaged record
 // the file is deleted; the records read before it stay in memory.
 #include <glib.h>
@@ -54,6 +54,7 @@ bool readLine(FILE* file, std::string& line) {
 struct Record {
     std::string node;
     std::string endpoint;
+    bool confirm = false;
 };
 
 // Parses one record. `app` keeps its value when the record has none.
@@ -69,6 +70,7 @@ bool parseRecord(const std::string& line, Record& record, bool& app) {
         return false;
     std::string ignored;
     getJSONboolean(object.get(), "app", ignored, app);
+    record.confirm = boolMember(object.get(), "confirm");
     return true;
 }
 
@@ -113,35 +115,45 @@ bool writeRecord(FILE* file, const std::string& record, CallSite site) {
 }
 
 // Not built as an object: the main loop waits while thousands of records are written.
-void appendRecordText(std::string& text, const std::string& node, const std::string& endpoint, bool app) {
+void appendRecordText(std::string& text, const std::string& node, const std::string& endpoint, bool app,
+                      bool confirm) {
     text += R"({ "node": )";
     appendJsonString(text, node);
     text += app ? R"(, "app": true, "endpoint": )" : R"(, "app": false, "endpoint": )";
     appendJsonString(text, endpoint);
-    text += " }";
+    text += confirm ? R"(, "confirm": true })" : " }";
 }
 
 // The shortest form of a record: no spaces, no escaped slashes, and no "app" when it equals that of the
 // record before. The text that a caller registered is never shorter.
-std::string shortRecordText(const std::string& node, const std::string& endpoint, bool app, bool appBefore) {
+std::string shortRecordText(const std::string& node, const std::string& endpoint, bool app, bool appBefore,
+                            bool confirm) {
     JsonObject record;
     record.set("node", node).set("endpoint", endpoint);
     if (app != appBefore)
         record.set("app", app);
+    if (confirm)
+        record.set("confirm", true);
     return record.line();
 }
 
 using NodeMap = std::map<std::string, std::list<std::string>>;
+using Confirming = std::map<std::string, std::set<std::string>>;
+
+bool confirms(const Confirming& confirming, const std::string& node, const std::string& endpoint) {
+    const auto handlers = confirming.find(node);
+    return handlers != confirming.end() && handlers->second.contains(endpoint);
+}
 
 // The new text of the file, with the records of all maps.
 class Rewrite {
   public:
     explicit Rewrite(CallSite site) : m_site(site) {}
 
-    void add(const NodeMap& table, bool app) {
+    void add(const NodeMap& table, bool app, const Confirming& confirming) {
         for (const auto& [node, endpoints] : table)
             for (const std::string& endpoint : endpoints)
-                add(node, endpoint, app);
+                add(node, endpoint, app, confirms(confirming, node, endpoint));
     }
     const std::string& text() const { return m_text; }
     // False when a record was too long. It is left out, because it would have the whole file deleted.
@@ -149,12 +161,12 @@ class Rewrite {
 
   private:
     // A record that is too long in its full form is written in its short form.
-    void add(const std::string& node, const std::string& endpoint, bool app) {
+    void add(const std::string& node, const std::string& endpoint, bool app, bool confirm) {
         const std::size_t start = m_text.size();
-        appendRecordText(m_text, node, endpoint, app);
+        appendRecordText(m_text, node, endpoint, app, confirm);
         if (const std::size_t length = m_text.size() - start; length > kRecordLength) {
             m_text.resize(start);
-            const std::string record = shortRecordText(node, endpoint, app, m_app);
+            const std::string record = shortRecordText(node, endpoint, app, m_app, confirm);
             if (record.size() > kRecordLength) {
                 fitsLine(length, m_site);
                 m_complete = false;
@@ -213,7 +225,7 @@ bool canBeRewritten(const std::string& record, CallSite site) {
     Record parsed;
     bool app = false;
     return !parseRecord(record, parsed, app) ||
-           fitsLine(shortRecordText(parsed.node, parsed.endpoint, false, false).size(), site);
+           fitsLine(shortRecordText(parsed.node, parsed.endpoint, false, false, parsed.confirm).size(), site);
 }
 
 bool appendRecord(const char* line, CallSite site) {
@@ -241,8 +253,21 @@ bool PubSubSession::removeNodeFromMap(std::string node, std::string endpoint, bo
     const auto entry = table.find(node);
     if (entry == table.end() || entry->second.remove(endpoint) == 0)
         return false;
+    if (!app)
+        setConfirming(node, endpoint, false);
     if (entry->second.empty())
         table.erase(entry);
+    return true;
+}
+
+bool PubSubSession::setConfirming(const std::string& node, const std::string& endpoint, bool confirm) {
+    if (confirm)
+        return m_confirming[node].insert(endpoint).second;
+    const auto handlers = m_confirming.find(node);
+    if (handlers == m_confirming.end() || handlers->second.erase(endpoint) == 0)
+        return false;
+    if (handlers->second.empty())
+        m_confirming.erase(handlers);
     return true;
 }
 
@@ -267,6 +292,8 @@ void PubSubSession::ReadHandlerFile() {
             return;
         }
         addNodeToMap(record.node, record.endpoint, app, alreadyPresent);
+        if (!app)
+            setConfirming(record.node, record.endpoint, record.confirm);
     }
 }
 
@@ -277,7 +304,7 @@ bool PubSubSession::UpdateHandlerFile(const char* line, bool append) {
     if (append)
         return appendRecord(line, site);
     Rewrite rewrite(site);
-    rewrite.add(serviceNodeMap, false);
-    rewrite.add(appNodeMap, true);
+    rewrite.add(serviceNodeMap, false, m_confirming);
+    rewrite.add(appNodeMap, true, {});
     return replaceHandlerFile(rewrite.text(), site) && rewrite.complete();
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Messages from the server: items, subscription changes, and requests to approve a subscriber.
 //
-// An item goes to the first of these that takes it: the registered services, the public subscriber, the
-// cache. Only then is its number stored, and only after that is it acknowledged, so that a crash repeats the
+// An item of a node with a receiver or confirming handlers becomes its open item (session/openitems.cpp). Any
+// other goes to the first of these that takes it: the registered services, the public subscriber, the cache. Only then is its number stored, and only after that is it acknowledged, so that a crash repeats the
 // item rather than losing it. Items that arrive in one piece of input, which is one read of the socket, share
 // the commit of their numbers, since each commit syncs the disk. Keeps PubSubSession::m_handledItems until then.
 #include <gloox/message.h>
@@ -123,6 +123,11 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
         acknowledge(node, itemId);
         return;
     }
+    if (keepsOpenItem(node)) {
+        acceptItem(node, {seqNo, itemId, payload->cdata(), payload->findAttribute("encoding"),
+                          item->findAttribute("expires"), item->findAttribute("published")});
+        return;
+    }
     activated(node, false);
     if (isStalePacket(node, seqNo)) {
         acknowledge(node, itemId);
@@ -149,18 +154,25 @@ bool PubSubSession::isHandlingInput() const {
 }
 
 // A stale item waits for the commit too: the number that makes it stale may be in it.
-void PubSubSession::acknowledge(const std::string& node, const std::string& itemId) {
-    m_handledItems.emplace_back(node, itemId);
+void PubSubSession::acknowledge(const std::string& node, const std::string& itemId,
+                                const std::string& seqNo) {
+    acknowledgeWhenSettled(node, itemId, seqNo);
     if (!isHandlingInput())
         settleItems();
+}
+
+void PubSubSession::acknowledgeWhenSettled(const std::string& node, const std::string& itemId,
+                                           const std::string& seqNo) {
+    m_handledItems.push_back({node, itemId, seqNo});
 }
 
 // A commit that fails is logged by the store. The items are acknowledged all the same: they were delivered.
 void PubSubSession::settleItems() {
     commitSeqNos();
-    for (const auto& [node, itemId] : std::exchange(m_handledItems, {}))
+    for (const auto& [node, itemId, seqNo] : std::exchange(m_handledItems, {}))
         if (m_pubsub)
-            m_pubsub->ackItem(pubsubService(), node, itemId);
+            m_pubsub->ackItem(pubsubService(), node, itemId, seqNo);
+    finishTaken();
 }
 
 bool PubSubSession::sendMessageToServices(json_object* serviceObject, const std::string& node) {

@@ -2,7 +2,8 @@
 // registerItemCallback, registerItemCallbackV2 and unRegisterItemCallback: which services get a node's items.
 //
 // A registration is a pair of node and endpoint in serviceNodeMap and a record in the handler file. It lasts,
-// over restarts, until it is unregistered.
+// over restarts, until it is unregistered. With "confirm" the handler's answers acknowledge the items
+// (delivery/confirm.cpp); a registration that is repeated decides anew whether they do.
 #include "delivery/methods.h"
 #include "request/request.h"
 #include "session/pubsubsession.h"
@@ -24,8 +25,17 @@ bool requireOwnNames(const PubSubSession& session, Request& request) {
 // registered until the next start.
 bool addRegistration(PubSubSession& session, const Request& request, const char* record) {
     bool alreadyPresent = false;
-    return session.addNodeToMap(request.node, request.endpoint, false, alreadyPresent) &&
-           (alreadyPresent || session.UpdateHandlerFile(record, true));
+    session.addNodeToMap(request.node, request.endpoint, false, alreadyPresent);
+    const bool confirm = boolMember(request.json(), "confirm");
+    const bool changed = session.setConfirming(request.node, request.endpoint, confirm);
+    bool saved = true;
+    if (!alreadyPresent)
+        saved = session.UpdateHandlerFile(record, true);
+    else if (changed)
+        saved = session.UpdateHandlerFile("", false);
+    if (changed)
+        session.handlersChanged(request.node);
+    return saved;
 }
 
 }  // namespace
@@ -55,7 +65,9 @@ bool unRegisterItemCallback(QSHandle* handle, QSMessage* message, void*) {
         return request.refuse();
     if (!request.requireBoolean("app", app))
         return request.refuse();
-    if (session.removeNodeFromMap(request.node, request.endpoint, app))
+    if (session.removeNodeFromMap(request.node, request.endpoint, app)) {
         session.UpdateHandlerFile("", false);
+        session.handlersChanged(request.node);
+    }
     return request.reply(Reply(true));
 }

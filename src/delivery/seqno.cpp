@@ -31,11 +31,11 @@ bool hasNumberUnderRecordKey(const Preferences& store, const std::string& node) 
     return node.starts_with(kDelete) && jsonMember(store.read(node).json.get(), "seqNo");
 }
 
-uint64_t numberOf(const std::string& text) {
-    return g_ascii_strtoull(text.c_str(), nullptr, kDecimal);
-}
-
 }  // namespace
+
+uint64_t PubSubSession::numberOf(const std::string& seqNo) {
+    return g_ascii_strtoull(seqNo.c_str(), nullptr, kDecimal);
+}
 
 bool PubSubSession::getSeqNo(const std::string& node, std::string& seqNo) {
     seqNo = "0";
@@ -67,21 +67,25 @@ bool PubSubSession::isStalePacket(const std::string& node, const std::string& se
 }
 
 void PubSubSession::persistSeqNo(const std::string& node, const std::string& seqNo) {
+    writeSeqNo(node, seqNo);
+    if (!isHandlingInput())
+        commitSeqNos();
+}
+
+void PubSubSession::writeSeqNo(const std::string& node, const std::string& seqNo, CallSite site) {
     Preferences store = preferences();
     if (!store.open(nullptr))
         return;
     if (node.empty()) {
         // sic: the two values are swapped.
-        PrvPrintErr({}, "Item id not saved Node %s , SeqNo:%s", seqNo.c_str(), node.c_str());
+        PrvPrintErr(site, "Item id not saved Node %s , SeqNo:%s", seqNo.c_str(), node.c_str());
         return;
     }
     JsonObject record;
     record.set("seqNo", seqNo.c_str());
-    if (store.write(keyOf(node), record.get()) && hasNumberUnderRecordKey(store, node))
+    if (store.write(keyOf(node), record.get(), kWriteFailed, site) && hasNumberUnderRecordKey(store, node))
         store.remove(node);
     m_seqNosWritten = true;
-    if (!isHandlingInput())
-        commitSeqNos();
 }
 
 void PubSubSession::commitSeqNos() {

@@ -13,6 +13,11 @@ bool getPublishKey(QSHandle* handle, QSMessage* message, void* context);
 bool subscribe(QSHandle* handle, QSMessage* message, void* context);
 bool unsubscribe(QSHandle* handle, QSMessage* message, void* context);
 
+// endpoints/receive.cpp, acknowledge.cpp, listendpoints.cpp
+bool receive(QSHandle* handle, QSMessage* message, void* context);
+bool acknowledge(QSHandle* handle, QSMessage* message, void* context);
+bool listEndpoints(QSHandle* handle, QSMessage* message, void* context);
+
 // endpoints/onclose.cpp
 bool registerOnClose(QSHandle* handle, QSMessage* message, void* context);
 bool subscribeOnClose(QSHandle* handle, QSMessage* message, void* context);

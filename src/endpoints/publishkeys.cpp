@@ -97,8 +97,10 @@ void PubSubSession::handleCreateKey(const std::string& id, const gloox::JID& ser
         PrvPrintErr({}, "We got a create key with no endpointmap %s", id.c_str());
         return;
     }
-    if (!error)
+    if (!error) {
         addNodeToDeleteStore(request->node, request->appId);
+        joinReceiver(request->node, request->appId);
+    }
     Reply reply = keyReply(*request, key, service, error, request->node);
     if (!error && !status.empty())
         reply.set("status", status);

@@ -2,7 +2,8 @@
 // Activation of nodes: tells the server to send a node's items to this device.
 //
 // Keeps PubSubSession::m_activateMap, true once the server has confirmed a node in this connection; a
-// disconnect empties it. Requests wait for a result in m_endpointMap. Nothing survives a restart.
+// disconnect empties it. Requests wait for a result in m_endpointMap. Nothing survives a restart. The nodes of
+// receivers and confirming handlers are activated by session/openitems.cpp, for one item at a time.
 #include <gloox/error.h>
 
 #include "maintenance/methods.h"
@@ -55,8 +56,23 @@ bool PubSubSession::activateNode(const std::string& node, std::string& requestId
     getSeqNo(node, seqNo);
     requestId.clear();
     if (m_pubsub)
-        requestId = m_pubsub->activateNode(pubsubService(), node, seqNo, this);
+        requestId = m_pubsub->activateNode(pubsubService(), node, seqNo, this, keepsOpenItem(node));
     return true;
+}
+
+bool PubSubSession::mayBeActive(const std::string& node) const {
+    return m_activateMap.contains(node) || subMap.contains(node) || m_offlineMap.contains(node);
+}
+
+// An ordinary node with handlers has its items sent without an activation, until it is deactivated.
+void PubSubSession::activateForOthers(const std::string& node) {
+    std::string id;
+    if (serviceNodeMap.contains(node) && m_pubsub) {
+        getSeqNo(node, id);
+        m_pubsub->activateNode(pubsubService(), node, id, this, false);
+    } else if (subMap.contains(node) || m_offlineMap.contains(node)) {
+        activateNode(node, id);
+    }
 }
 
 void PubSubSession::activated(const std::string& node, bool value) {
@@ -77,15 +93,21 @@ void PubSubSession::activateNodes() {
     // sic: a node in both maps is listed twice.
     gloox::StringList nodes;
     for (const auto& [node, subscriber] : subMap)
-        nodes.push_back(node);
+        if (!keepsOpenItem(node))
+            nodes.push_back(node);
     for (const auto& [node, application] : m_offlineMap)
-        nodes.push_back(node);
-    m_pubsub->bulkActivate(pubsubService(), nodes, this);
+        if (!keepsOpenItem(node))
+            nodes.push_back(node);
+    m_pubsub->bulkActivate(pubsubService(), nodes, this, false);
 }
 
 void PubSubSession::handleActivateNode(const std::string& id, const gloox::JID& service,
                                        const std::string& node, const gloox::Error* error) {
     setPingTimer();
+    if (openNodeAnswered(id, node, error)) {
+        printerror(error);
+        return;
+    }
     const auto request = takeEndpointRequest(id);
     if (request)
         firstAnswerGiven(*request);
@@ -106,12 +128,17 @@ void PubSubSession::handleActivateNode(const std::string& id, const gloox::JID& 
 void PubSubSession::handleDeActivateNode(const std::string& id, const gloox::JID& service,
                                          const std::string& node, const gloox::Error* error) {
     setPingTimer();
+    if (openNodeAnswered(id, node, error)) {
+        printerror(error);
+        return;
+    }
     const auto request = takeEndpointRequest(id);
     if (error) {
         printerror(error);
     } else {
         removeActivateMap(node);
         removeSubMap(node);
+        reopenNode(node);
     }
     if (!request)
         return;
@@ -125,6 +152,7 @@ void PubSubSession::handleActivateSysNodes(const std::string&, const gloox::JID&
     printerror(error);
 }
 
-void PubSubSession::handleBulkActivate(const std::string&, const gloox::JID&, const gloox::Error* error) {
+void PubSubSession::handleBulkActivate(const std::string& id, const gloox::JID&, const gloox::Error* error) {
     printerror(error);
+    openNodesAnswered(id);
 }

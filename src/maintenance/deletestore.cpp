@@ -202,6 +202,22 @@ bool PubSubSession::mayOwnNode(const std::string& node, const std::string& appId
     return entries.size() + further.size() + static_cast<std::size_t>(pending) < kEndpointsPerApplication;
 }
 
+std::vector<std::string> PubSubSession::ownedNodes(const std::string& appId, const std::string& prefix) {
+    const std::string key = kDelete + appId;
+    Preferences store = preferences();
+    StoredList record;
+    if (!store.open() || !readList(store, key, kNodes, record))
+        return {};
+    std::vector<std::string> nodes;
+    for (const std::string& node : cleanedEntries(record.names))
+        if (node.starts_with(prefix))
+            nodes.push_back(node);
+    for (const std::string& node : furtherNodes(key))
+        if (node.starts_with(prefix))
+            nodes.push_back(node);
+    return nodes;
+}
+
 bool PubSubSession::addNodeToDeleteStore(const std::string& node, const std::string& appId) {
     const std::string key = kDelete + appId;
     Preferences store = preferences();
@@ -272,6 +288,7 @@ bool PubSubSession::cleanupNodes(const std::string& appId, const std::string& st
     gloox::StringList nodes = cleanedEntries(record.names);
     nodes.insert(nodes.end(), further.begin(), further.end());
     for (const std::string& node : nodes) {
+        forgetOpenNode(node);
         removeOfflineMap(node);
         removeSubMap(node);
         removeSeqNo(node, *this);

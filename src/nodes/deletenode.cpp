@@ -20,6 +20,7 @@ constexpr char kDeleteRespondFailed[] = "Sending response to delete Node failed 
 
 Reply endpointDeleted(PubSubSession& session, const _endpointStruct& request) {
     session.removeActivateMap(request.node);
+    session.forgetOpenNode(request.node);
     session.removeSubMap(request.node);
     session.removeOfflineMap(request.node);
     session.removeNodeFromDeleteStore(request.node, request.appId);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Client cancellation: a client that has gone loses its item subscription. If its application asked for
+// Client cancellation: a client that has gone loses its item subscription, or ends to receive. If its application asked for
 // on-close notices, the node is activated again, so that the server keeps delivering.
 //
 // Keeps no state. Nothing is replied, because the client has gone.
@@ -31,6 +31,13 @@ bool cancelSubscribe(Request& request) {
     return true;
 }
 
+bool endsReceiver(QSMessage* message) {
+    if (std::string(QSMessageGetMethod(message)) != "receive")
+        return false;
+    gCurrentSession.endReceiver(message);
+    return true;
+}
+
 void logRefused(const Request& request, CallSite site = {}) {
     PrvPrintErr(site, "Payload bad? %s Errcode %s ErrText %s", QSMessageGetPayload(request.message),
                 request.error().code.c_str(), request.error().text.c_str());
@@ -40,6 +47,8 @@ void logRefused(const Request& request, CallSite site = {}) {
 
 // Removing a subscriber needs no connection.
 bool publicCancelFunc(QSHandle* handle, QSMessage* message, void*) {
+    if (endsReceiver(message))
+        return true;
     Request request(handle, message, kEndpointRefusal);
     if (!request.isReady(false) || !cancelSubscribe(request))
         logRefused(request);
@@ -47,6 +56,8 @@ bool publicCancelFunc(QSHandle* handle, QSMessage* message, void*) {
 }
 
 bool cancelFunction(QSHandle* handle, QSMessage* message, void*) {
+    if (endsReceiver(message))
+        return true;
     const std::string method = QSMessageGetMethod(message);
     Request request(handle, message, kEndpointRefusal);
     if (!request.isReady(false) || (method == "subscribe" && !cancelSubscribe(request))) {

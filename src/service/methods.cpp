@@ -17,6 +17,9 @@ const QSMethod pubMethods[] = {
     {.name = "connectStatus", .handler = connectStatus},
     {.name = "subscribeOnClose", .handler = subscribeOnClose},
     {.name = "unsubscribeOnClose", .handler = unsubscribeOnClose},
+    {.name = "receive", .handler = receive},
+    {.name = "acknowledge", .handler = acknowledge},
+    {.name = "listEndpoints", .handler = listEndpoints},
     {.name = nullptr},
 };
 

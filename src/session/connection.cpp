@@ -190,6 +190,8 @@ void PubSubSession::onConnect() {
     stopReconnecting();
     setPingTimer();
     m_spare3 = false;
+    // Before the device announces itself: the server would send all that it keeps of these nodes.
+    openWantedNodes();
     if (m_client)
         m_client->setPresence(pubsubService(), gloox::Presence::Available, 0, "online");
     activateDeferredSubscribers();
@@ -219,12 +221,17 @@ void PubSubSession::onDisconnect(gloox::ConnectionError error) {
 void PubSubSession::cleanUpOnDisconnect() {
     for (const auto& [id, request] : takeEndpointRequests()) {
         const char* method = QSMessageGetMethod(request.message.get());
+        if (method && std::string(method) == "listEndpoints") {
+            answerEndpoints(request, nullptr);
+            continue;
+        }
         if (method && std::string(method) == "subscribe")
             removeSubMap(request.node);
         answerDisconnected(request);
     }
     forgetBulkDeletions();
     forgetActivations();
+    forgetOpenLinks();
 }
 
 void PubSubSession::disconnect() {

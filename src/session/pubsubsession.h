@@ -25,6 +25,7 @@
 #include "platform/bus/qsraii.h"
 #include "session/copiedempty.h"
 #include "session/endpointrequest.h"
+#include "session/openitems.h"
 #include "util/log.h"
 #include "xmpp/unaskedresults.h"
 
@@ -120,6 +121,9 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
                                 const gloox::Error* error) override;
     void handleBulkActivate(const std::string& id, const gloox::JID& service,
                             const gloox::Error* error) override;
+    // endpoints/listendpoints.cpp
+    void handleWaiting(const std::string& id, const gloox::JID& service,
+                       const std::map<std::string, std::string>& counts, const gloox::Error* error) override;
 
     // session/requests.cpp: requests that wait for the server's result, by request id
     void keepRequest(const std::string& id, QSMessage* message);
@@ -182,18 +186,66 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // delivery/handlerfile.cpp: registered item handlers and their file
     bool addNodeToMap(std::string node, std::string endpoint, bool app, bool& alreadyPresent);
     bool removeNodeFromMap(std::string node, std::string endpoint, bool app);
+    // Whether the service handler confirms; false when it was so already.
+    bool setConfirming(const std::string& node, const std::string& endpoint, bool confirm);
     void ReadHandlerFile();
     bool UpdateHandlerFile(const char* line, bool append);
 
     // session/preferences.cpp: the service's own store
     Preferences preferences();
 
+    // session/openitems.cpp: the open items of nodes that have a receiver or confirming handlers
+    bool keepsOpenItem(const std::string& node) const;
+    std::shared_ptr<_receiverStruct> receiverOf(const std::string& node) const;  // null when there is none
+    void setReceiver(const std::vector<std::string>& nodes, const std::shared_ptr<_receiverStruct>& receiver);
+    void dropReceiver(const std::shared_ptr<_receiverStruct>& receiver);
+    // The confirming handlers of the node have changed.
+    void handlersChanged(const std::string& node);
+    void forgetOpenNode(const std::string& node);  // it was deleted
+    void openWantedNodes();                        // at a connect, before the device announces itself
+    void forgetOpenLinks();                        // the server keeps none across a disconnect
+    void acceptItem(const std::string& node, _itemStruct item);
+    // Hands the open item out, unless somebody has it already; false when its receiver could not be reached.
+    bool handOut(const std::string& node);
+    // Whether the receipt is that of the node's open item.
+    bool holdsReceipt(const std::string& node, const std::string& receipt) const;
+    // The open item is taken: it is acknowledged, and then the request is answered, once its number is on disk.
+    void takeOpenItem(const std::string& node, const std::string& endpoint, QSMessage* message);
+    // The open item is handed out again after this time.
+    void putBack(const std::string& node, int64_t milliseconds);
+    void handlerAnswered(const _confirmCallStruct& call, bool confirmed);
+    // Asks the handlers again that wait for their next try and belong to this service.
+    void retryHandlers(const std::string& service);
+    void finishTaken();  // after the commit
+    // Results of the node's activations and deactivations; false for one that others asked for.
+    bool openNodeAnswered(const std::string& id, const std::string& node, const gloox::Error* error);
+    void openNodesAnswered(const std::string& bulkId);
+    // Others have had the node deactivated, which ended the activation for its receiver too.
+    void reopenNode(const std::string& node);
+    bool isWanted(const std::string& node, const _openNodeStruct& entry) const;
+    void openNode(const std::string& node, _openNodeStruct& entry);
+    void openNodes(const std::vector<std::string>& nodes);
+    void closeNode(const std::string& node, _openNodeStruct& entry);
+    void releaseNode(const std::string& node);  // unless it is still wanted
+    void forgetItems(const std::string& node, _openNodeStruct& entry);
+    void advance(const std::string& node);  // after the open item was taken
+    void handlersDone(const std::string& node, _openNodeStruct& entry);
+    void setDue(const std::string& node, _openNodeStruct& entry, int64_t milliseconds);
+    void clearDue(const std::string& node, _openNodeStruct& entry);
+    void armDueTimer();
+    void dropTimers();
+    static gboolean settleTaken(gpointer session);
+    static gboolean handleDueNodes(gpointer session);
+
     // delivery/seqno.cpp
     bool getSeqNo(const std::string& node, std::string& seqNo);
     bool getSeqNo(const std::string& node, uint64_t& seqNo);
+    // Without a commit: the number counts already.
+    void writeSeqNo(const std::string& node, const std::string& seqNo, CallSite site = {});
     // Commits, unless a piece of the server's input is being handled: its numbers have one commit.
     void persistSeqNo(const std::string& node, const std::string& seqNo);
-    void commitSeqNos();  // those that persistSeqNo did not commit
+    void commitSeqNos();  // those that were written without
+    static uint64_t numberOf(const std::string& seqNo);
     bool isStalePacket(const std::string& node, const std::string& seqNo);
     // Moves a number that an earlier release stored under `key`, a key of the deletion store, to the node's
     // own key. False when there is none; the caller commits.
@@ -219,16 +271,27 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // The cached item, which the caller owns; null when there is none.
     static json_object* getItemFromCache(const std::string& node);
     static void deleteItemFromCache(const std::string& node);
+    static bool isCached(const std::string& node);
 
     // delivery/incoming.cpp
     void handleIncomingItem(const gloox::Tag& items);
     // Acknowledges the item, with the others of its piece of input once that has been handled.
-    void acknowledge(const std::string& node, const std::string& itemId);
+    void acknowledge(const std::string& node, const std::string& itemId, const std::string& seqNo = {});
+    void acknowledgeWhenSettled(const std::string& node, const std::string& itemId, const std::string& seqNo);
     // Commits the numbers of the items that were delivered, and acknowledges the items, in their order.
     void settleItems();
     bool isHandlingInput() const;
     bool sendMessageToServices(json_object* serviceObject, const std::string& node);
     bool sendMessageToApp(json_object* serviceObject, json_object* appObject, const std::string& node);
+
+    // delivery/confirm.cpp: handlers whose answer is the acknowledgement
+    // Calls those that have not confirmed the open item; false when none could be called.
+    bool askHandlers(const std::string& node, _openNodeStruct& entry);
+    void cancelHandlerCalls(_openNodeStruct& entry);
+    void watchHandlerService(const std::string& service);
+    static std::string serviceOfHandler(const std::string& address);  // "" when there is none
+    static bool confirmationArrived(QSHandle* handle, QSMessage* reply, void* call);
+    static bool handlerServiceChanged(QSHandle* handle, QSMessage* report, void* service);
 
     // endpoints/publishkeys.cpp
     void handleKeyCb(const std::string& id, const gloox::JID& service, const std::string& key,
@@ -239,6 +302,19 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void settleDeferredSubscriber(const std::string& node);
     void dropDeferredSubscriber(const std::string& node);
     void firstAnswerGiven(const _endpointStruct& request);
+
+    // endpoints/receive.cpp: receivers of several endpoints
+    void addReceiver(const std::shared_ptr<_receiverStruct>& receiver);
+    void endReceiver(QSMessage* message);  // the client has cancelled the request, or is gone
+    // The application has created the node: whoever asked for it receives it from now on.
+    void joinReceiver(const std::string& node, const std::string& appId);
+    void rejoinReceivers();  // at a connect, which may be another account's
+    bool giveToReceiver(const std::string& node, _openNodeStruct& entry);
+    // Writes what could not be written before, until the client's queue is full again.
+    void writeUnsent(_receiverStruct& receiver);
+
+    // endpoints/listendpoints.cpp: `counts` is null when the server has not told how many items wait
+    void answerEndpoints(const _endpointStruct& request, const std::map<std::string, std::string>* counts);
 
     // endpoints/onclose.cpp
     void setOnCloseRegistered(bool registered);
@@ -252,6 +328,9 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     bool activateNode(const std::string& node, std::string& requestId);
     void activated(const std::string& node, bool value);
     void removeActivateMap(const std::string& node);
+    bool mayBeActive(const std::string& node) const;  // at the server, in this connection
+    // The node was deactivated for its receiver: activates it for those who want it without receiving.
+    void activateForOthers(const std::string& node);
     void forgetActivations();  // the server keeps none across a disconnect
     void activateNodes();
 
@@ -260,6 +339,8 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     bool mayOwnNode(const std::string& node, const std::string& appId, bool* known = nullptr);
     // The nodes that are stored beside the record `key`, each under a key of its own.
     std::set<std::string>& furtherNodes(const std::string& key);
+    // The nodes of the application that belong to the account in use: those with this prefix.
+    std::vector<std::string> ownedNodes(const std::string& appId, const std::string& prefix);
     bool addNodeToDeleteStore(const std::string& node, const std::string& appId);
     bool removeNodeFromDeleteStore(const std::string& node, const std::string& appId);
     bool cleanupNodes(const std::string& appId, const std::string& storeKey);
@@ -322,9 +403,17 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     std::map<std::string, std::weak_ptr<void>> m_creating;  // application -> shared by its pending creations
     std::string m_preparedText;                             // the text that m_preparedService was made of
     gloox::JID m_preparedService;
-    // Node and id of the items of this piece of input, which are to be acknowledged in their order.
-    std::vector<std::pair<std::string, std::string>> m_handledItems;
-    bool m_seqNosWritten = false;  // numbers of these items wait for their commit
+    std::vector<_handledItemStruct> m_handledItems;  // to be acknowledged in this order
+    bool m_seqNosWritten = false;                    // numbers of these items wait for their commit
+    std::map<std::string, std::set<std::string>> m_confirming;  // node -> its service handlers that confirm
+    std::map<std::string, std::shared_ptr<std::string>> m_handlerWatches;  // services of such handlers
+    std::list<std::shared_ptr<_receiverStruct>> m_receivers;
+    std::map<std::string, _openNodeStruct> m_openNodes;    // nodes with a receiver or confirming handlers
+    std::vector<_takenItemStruct> m_takenItems;            // whose numbers wait for their commit
+    guint m_settleSource = 0;                              // commits them; 0 while there are none
+    std::set<std::pair<int64_t, std::string>> m_dueNodes;  // when something happens with an open item
+    guint m_dueTimer = 0;                                  // for the first of them; 0 while there are none
+    int64_t m_awakeSince = 0;  // monotonic microseconds: the last activity that a receiver caused
 
     // Watch on the XMPP socket, borrowed from the main context; null when there is none.
     static GSource* m_source;

@@ -34,7 +34,8 @@ const gloox::JID& PubSubSession::pubsubService() {
 }
 
 bool PubSubSession::ownsNothing() const {
-    return !m_client && !m_pubsub && !m_prefsHandle && !m_offlinePrefHandle && m_writeTimer == 0;
+    return !m_client && !m_pubsub && !m_prefsHandle && !m_offlinePrefHandle && m_writeTimer == 0 &&
+           m_dueTimer == 0 && m_settleSource == 0;
 }
 
 void PubSubSession::setSessionDetails(const std::string& jid, const std::string& password,

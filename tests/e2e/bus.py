@@ -54,6 +54,7 @@ class BusClient:
         self.connection = dbus.bus.BusConnection(address)
         self.calls = {}
         self.handlers = {}
+        self.replies = {}
         self.connection.add_message_filter(self._filter)
 
     def close(self):
@@ -74,7 +75,13 @@ class BusClient:
             elif call and message.get_member() == "Ended":
                 call.ended = str(text)
         elif kind == dbus.lowlevel.MESSAGE_TYPE_METHOD_CALL and message.get_member() in self.handlers:
-            self.handlers[message.get_member()].append(json.loads(str(message.get_args_list()[0])))
+            payload = json.loads(str(message.get_args_list()[0]))
+            self.handlers[message.get_member()].append(payload)
+            reply = self.replies.get(message.get_member(), lambda _: None)(payload)
+            if reply is not None:
+                answer = dbus.lowlevel.MethodReturnMessage(message)
+                answer.append(json.dumps(reply), signature="s")
+                _connection.send_message(answer)
             return dbus.lowlevel.HANDLER_RESULT_HANDLED
         return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
 
@@ -118,7 +125,12 @@ class BusClient:
         signature = "u" if arguments else ""
         return self.connection.call_blocking(service, path, interface, method, signature, arguments)
 
-    def serve(self, name, method):
-        """Owns a bus name; returns the list to which the payload of every call of `method` is added."""
+    def serve(self, name, method, reply=None):
+        """Owns a bus name; returns the list to which the payload of every call of `method` is added.
+
+        `reply` gives the answer to a payload; None is no answer.
+        """
+        if reply:
+            self.replies[method] = reply
         self.connection.request_name(name)
         return self.handlers.setdefault(method, [])

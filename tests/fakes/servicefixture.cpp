@@ -93,6 +93,7 @@ void ServiceTest::dropSession() {
     pump();
     fakePrefs().restart();
     old.m_prefsHandle = old.m_offlinePrefHandle = nullptr;  // ended with the restart
+    old.dropTimers();
     if (const guint timer = std::exchange(old.m_writeTimer, 0))
         g_source_remove(timer);
     gCurrentSession = gPubSub;

@@ -31,6 +31,16 @@ WRITERS = {
     "subMap": {"delivery/submap.cpp"},
     "m_offlineMap": {"delivery/offlinemap.cpp"},
     "m_onCloseRegistered": {"endpoints/onclose.cpp"},
+    "m_confirming": {"delivery/handlerfile.cpp"},
+    "m_handlerWatches": {"delivery/confirm.cpp"},
+    "m_receivers": {"endpoints/receive.cpp"},
+    "m_awakeSince": {"endpoints/receive.cpp"},
+    # Items that somebody has and the server keeps
+    "m_openNodes": {"session/openitems.cpp"},
+    "m_takenItems": {"session/openitems.cpp"},
+    "m_settleSource": {"session/openitems.cpp"},
+    "m_dueNodes": {"session/openitems.cpp"},
+    "m_dueTimer": {"session/openitems.cpp"},
     # What the server knows of a node
     "m_activateMap": {"maintenance/activation.cpp"},
     "m_handledItems": {"delivery/incoming.cpp"},
@@ -87,7 +97,8 @@ WRITERS = {
 # No other file than the writer even reads these: they are reached through its functions.
 CLOSED = {"m_msgMap", "m_endpointMap", "m_deferredSubscribes", "m_writeRates", "m_writing", "appNodeMap", "m_deleteMap",
           "m_activateMap", "m_furtherNodes", "m_furtherNodesRead", "m_pendingList", "m_pendingCursor", "m_retryCount",
-          "m_source", "m_socket", "m_preparedText", "m_preparedService", "m_handledItems", "m_seqNosWritten"}
+          "m_source", "m_socket", "m_preparedText", "m_preparedService", "m_handledItems", "m_seqNosWritten",
+          "m_handlerWatches", "m_receivers", "m_awakeSince", "m_openNodes", "m_takenItems", "m_dueNodes"}
 
 # Functions of the class that hand out a member to be written, and the files that may call them.
 DOORS = {"furtherNodes": {"maintenance/deletestore.cpp"}}
@@ -99,8 +110,8 @@ NAMESAKES = {"m_resource": {"delivery/cachefiles.h", "delivery/cachefiles.cpp"}}
 READING_CALLS = {
     "if", "while", "switch", "JID", "Client", "Manager", "dispose", "setServer", "setResource", "connectToServer",
     "addAttribute", "set", "add", "replyWith", "PrvPrintErr", "post", "pushSubscription", "pushAuthorisation", "QSCall",
-    "QSSubscriptionPost", "QSSubscriptionRespond", "QSZeltServiceReadReceived", "g_main_loop_get_context",
-    "g_io_channel_unix_new", "unixTimeOf", "lastHeard",
+    "QSCallCancel", "QSSubscriptionPost", "QSSubscriptionRespond", "QSZeltServiceReadReceived",
+    "g_main_loop_get_context", "g_io_channel_unix_new", "unixTimeOf", "lastHeard",
 }
 
 MUTATOR = (r"(?:erase|clear|insert\w*|emplace\w*|try_emplace|extract|push_\w+|pop_\w+|remove\w*|swap|merge|assign|"

@@ -199,7 +199,7 @@ TEST_P(Requests, ReportTheNameOfTheirClientAsLongAsTheyAreKept) {
     QSMessage* first = request(*client, call);
     QSMessage* second = request(*client, call);
     const std::string name = QSMessageGetSender(first);
-    EXPECT_THAT(name, MatchesRegex(":.+"));
+    EXPECT_NE(name, "");
     EXPECT_EQ(QSMessageGetSender(second), name);
     EXPECT_NE(QSMessageGetSender(request(*other, call)), name);
     ASSERT_TRUE(reply(first, "{}"));

@@ -35,7 +35,10 @@ TEST(MethodTables, HoldThePublicMethods) {
                               {"getPublishKey", getPublishKey},
                               {"connectStatus", connectStatus},
                               {"subscribeOnClose", subscribeOnClose},
-                              {"unsubscribeOnClose", unsubscribeOnClose}};
+                              {"unsubscribeOnClose", unsubscribeOnClose},
+                              {"receive", receive},
+                              {"acknowledge", acknowledge},
+                              {"listEndpoints", listEndpoints}};
     EXPECT_EQ(listed(pubMethods), expected);
 }
 

@@ -1,0 +1,476 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The open items: of each node with a receiver or confirming handlers, the one item that they have.
+//
+// Keeps PubSubSession::m_openNodes, in memory only: what is open is not acknowledged, so the server still has
+// it. The next item of a node follows when the open one is taken: its number is committed, then it is
+// acknowledged, then whoever took it is answered. Items that are taken at the same time share a commit
+// (m_takenItems). A node has at most one further item here; what else arrives is dropped, and the server is
+// asked for it again. The receivers are those of endpoints/receive.cpp, the handlers those of
+// delivery/confirm.cpp.
+#include "session/openitems.h"
+
+#include <glib.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "session/pubsubsession.h"
+#include "util/jsonref.h"
+#include "util/log.h"
+#include "xmpp/manager.h"
+
+namespace {
+
+constexpr std::size_t kMostTaken = 64;   // that share a commit: a client may wait for so many answers
+constexpr int64_t kMicroseconds = 1000;  // of a millisecond
+constexpr int64_t kFirstPause = 1000;    // milliseconds until handlers are asked again; doubled
+constexpr int64_t kLongestPause = 60'000;
+
+int64_t pauseAfter(unsigned failures) {
+    return failures > 6 ? kLongestPause : std::min(kLongestPause, kFirstPause << (failures - 1));
+}
+
+guint attach(GSource* source, GSourceFunc callback, PubSubSession* session) {
+    g_source_set_callback(source, callback, session, nullptr);
+    GMainLoop* loop = session->m_mainLoop;
+    const guint id = g_source_attach(source, loop ? g_main_loop_get_context(loop) : nullptr);
+    g_source_unref(source);
+    return id;
+}
+
+void destroy(guint& id, const PubSubSession& session) {
+    if (id == 0)
+        return;
+    GMainLoop* loop = session.m_mainLoop;
+    GMainContext* context = loop ? g_main_loop_get_context(loop) : nullptr;
+    if (GSource* source = g_main_context_find_source_by_id(context, id))
+        g_source_destroy(source);
+    id = 0;
+}
+
+bool includesAll(const std::set<std::string>& set, const std::set<std::string>& part) {
+    return std::includes(set.begin(), set.end(), part.begin(), part.end());
+}
+
+bool hasHandlerOf(const std::string& service, const std::set<std::string>& handlers) {
+    return std::any_of(handlers.begin(), handlers.end(), [&](const std::string& handler) {
+        return PubSubSession::serviceOfHandler(handler) == service;
+    });
+}
+
+void answerTaken(const _takenItemStruct& taken, CallSite site = {}) {
+    JsonObject answer;
+    answer.set("returnValue", true).set("endpoint", taken.endpoint);
+    BusError error;
+    if (!QSMessageRespond(taken.message.get(), answer.text().c_str(), error))
+        PrvPrintErr(site, "Sending response to acknowledge failed Error %s ", error.message());
+}
+
+}  // namespace
+
+// --- who gets a node's items
+
+bool PubSubSession::keepsOpenItem(const std::string& node) const {
+    return m_openNodes.contains(node);
+}
+
+std::shared_ptr<_receiverStruct> PubSubSession::receiverOf(const std::string& node) const {
+    const auto entry = m_openNodes.find(node);
+    return entry == m_openNodes.end() ? nullptr : entry->second.receiver;
+}
+
+bool PubSubSession::isWanted(const std::string& node, const _openNodeStruct& entry) const {
+    return entry.receiver || m_confirming.contains(node);
+}
+
+// A node that is active for others, or was a moment ago, is deactivated first, so that the server begins with
+// the oldest item that it keeps.
+void PubSubSession::setReceiver(const std::vector<std::string>& nodes,
+                                const std::shared_ptr<_receiverStruct>& receiver) {
+    settleItems();
+    const std::string prefix = "/" + m_username + "/" + m_resource + "/" + receiver->appId + "/";
+    std::vector<std::string> fresh;
+    for (const std::string& node : nodes) {
+        _openNodeStruct& entry = m_openNodes[node];
+        forgetItems(node, entry);
+        entry.receiver = receiver;
+        entry.endpoint = node.starts_with(prefix) ? node.substr(prefix.size()) : node;
+        if (!m_connected || entry.link == NodeLink::Closing)
+            continue;
+        if (entry.link == NodeLink::Off && !mayBeActive(node))
+            fresh.push_back(node);
+        else
+            closeNode(node, entry);
+    }
+    openNodes(fresh);
+}
+
+void PubSubSession::dropReceiver(const std::shared_ptr<_receiverStruct>& receiver) {
+    settleItems();
+    std::vector<std::string> nodes;
+    for (const auto& [node, entry] : m_openNodes)
+        if (entry.receiver == receiver)
+            nodes.push_back(node);
+    for (const std::string& node : nodes) {
+        _openNodeStruct& entry = m_openNodes[node];
+        forgetItems(node, entry);
+        entry.receiver = nullptr;
+        releaseNode(node);
+    }
+}
+
+void PubSubSession::handlersChanged(const std::string& node) {
+    settleItems();
+    if (m_confirming.contains(node)) {
+        _openNodeStruct& entry = m_openNodes[node];
+        if (m_connected && entry.link == NodeLink::Off)
+            mayBeActive(node) ? closeNode(node, entry) : openNode(node, entry);
+        return;
+    }
+    const auto found = m_openNodes.find(node);
+    if (found == m_openNodes.end() || found->second.receiver)
+        return;
+    forgetItems(node, found->second);
+    releaseNode(node);
+}
+
+// The server is told also when the node stays wanted: what was open is given back and handed out anew.
+void PubSubSession::releaseNode(const std::string& node) {
+    _openNodeStruct& entry = m_openNodes[node];
+    if (m_connected && entry.link != NodeLink::Off)
+        closeNode(node, entry);
+    else if (!isWanted(node, entry))
+        m_openNodes.erase(node);
+}
+
+void PubSubSession::forgetOpenNode(const std::string& node) {
+    const auto found = m_openNodes.find(node);
+    if (found == m_openNodes.end())
+        return;
+    settleItems();
+    _openNodeStruct& entry = found->second;
+    forgetItems(node, entry);
+    entry.receiver = nullptr;
+    entry.link = NodeLink::Off;
+    entry.request.clear();
+    if (!isWanted(node, entry))
+        m_openNodes.erase(found);
+}
+
+void PubSubSession::forgetItems(const std::string& node, _openNodeStruct& entry) {
+    clearDue(node, entry);
+    cancelHandlerCalls(entry);
+    if (entry.receiver && entry.receiver->unsent.erase(node) != 0 && !entry.receiver->unsent.empty()) {
+        // It may have been the one that is due to be tried again.
+        const std::string& other = *entry.receiver->unsent.begin();
+        setDue(other, m_openNodes[other], kFirstPause);
+    }
+    entry.open.reset();
+    entry.next.reset();
+    entry.taken = false;
+    entry.receipt.clear();
+    entry.told = false;
+    entry.confirmed.clear();
+    entry.failures = 0;
+}
+
+// --- the server
+
+void PubSubSession::openWantedNodes() {
+    rejoinReceivers();
+    for (const auto& [node, handlers] : m_confirming)
+        m_openNodes[node];
+    std::vector<std::string> nodes;
+    for (const auto& [node, entry] : m_openNodes)
+        if (entry.link == NodeLink::Off)
+            nodes.push_back(node);
+    openNodes(nodes);
+}
+
+// What is open stays with whoever has it: the server sends the same item again, which is not handed out twice.
+void PubSubSession::forgetOpenLinks() {
+    for (auto& [node, entry] : m_openNodes) {
+        entry.link = NodeLink::Off;
+        entry.request.clear();
+        entry.missed = false;
+        entry.next.reset();
+    }
+    std::erase_if(m_openNodes, [this](const auto& each) { return !isWanted(each.first, each.second); });
+}
+
+void PubSubSession::openNode(const std::string& node, _openNodeStruct& entry) {
+    // The server is told no number that is not on disk.
+    commitSeqNos();
+    std::string seqNo;
+    getSeqNo(node, seqNo);
+    entry.missed = false;
+    entry.request = m_pubsub ? m_pubsub->activateNode(pubsubService(), node, seqNo, this, true) : "";
+    entry.link = entry.request.empty() ? NodeLink::Off : NodeLink::Opening;
+}
+
+void PubSubSession::openNodes(const std::vector<std::string>& nodes) {
+    if (nodes.size() == 1)
+        return openNode(nodes.front(), m_openNodes[nodes.front()]);
+    if (nodes.empty())
+        return;
+    const gloox::StringList names(nodes.begin(), nodes.end());
+    const std::string id = m_pubsub ? m_pubsub->bulkActivate(pubsubService(), names, this, true) : "";
+    for (const std::string& node : nodes) {
+        _openNodeStruct& entry = m_openNodes[node];
+        entry.missed = false;
+        entry.request = id;
+        entry.link = id.empty() ? NodeLink::Off : NodeLink::Opening;
+    }
+}
+
+void PubSubSession::closeNode(const std::string& node, _openNodeStruct& entry) {
+    entry.request = m_pubsub ? m_pubsub->deActivateNode(pubsubService(), node, this) : "";
+    entry.link = entry.request.empty() ? NodeLink::Off : NodeLink::Closing;
+}
+
+void PubSubSession::reopenNode(const std::string& node) {
+    const auto found = m_openNodes.find(node);
+    if (found != m_openNodes.end() && found->second.link != NodeLink::Closing &&
+        isWanted(node, found->second))
+        openNode(node, found->second);
+}
+
+bool PubSubSession::openNodeAnswered(const std::string& id, const std::string& node,
+                                     const gloox::Error* error) {
+    const auto found = m_openNodes.find(node);
+    if (found == m_openNodes.end() || found->second.request != id)
+        return false;
+    _openNodeStruct& entry = found->second;
+    entry.request.clear();
+    if (entry.link == NodeLink::Opening) {
+        entry.link = error ? NodeLink::Off : NodeLink::On;
+        if (entry.missed && !error)
+            closeNode(node, entry);
+        return true;
+    }
+    entry.link = NodeLink::Off;
+    removeActivateMap(node);
+    if (isWanted(node, entry)) {
+        openNode(node, entry);
+        return true;
+    }
+    m_openNodes.erase(found);
+    activateForOthers(node);
+    return true;
+}
+
+// Which of the nodes failed is only logged. They get no items, so nothing depends on it.
+void PubSubSession::openNodesAnswered(const std::string& bulkId) {
+    for (auto& [node, entry] : m_openNodes) {
+        if (entry.request != bulkId)
+            continue;
+        entry.request.clear();
+        entry.link = NodeLink::On;
+        if (entry.missed)
+            closeNode(node, entry);
+    }
+}
+
+// --- items
+
+void PubSubSession::acceptItem(const std::string& node, _itemStruct item) {
+    _openNodeStruct& entry = m_openNodes[node];
+    if (isStalePacket(node, item.seqNo)) {
+        acknowledge(node, item.id, item.seqNo);
+        return;
+    }
+    if (entry.link != NodeLink::On) {
+        entry.missed = true;
+        if (entry.link == NodeLink::Off && m_connected)
+            openNode(node, entry);
+        return;
+    }
+    if (!entry.open) {
+        entry.open = std::move(item);
+        handOut(node);
+        return;
+    }
+    const uint64_t number = numberOf(item.seqNo);
+    if (number <= numberOf(entry.open->seqNo))
+        return;
+    if (!entry.next)
+        entry.next = std::move(item);
+    else if (number != numberOf(entry.next->seqNo))
+        entry.missed = true;
+}
+
+bool PubSubSession::handOut(const std::string& node) {
+    const auto found = m_openNodes.find(node);
+    if (found == m_openNodes.end())
+        return true;
+    _openNodeStruct& entry = found->second;
+    if (!entry.open || entry.taken || !entry.receipt.empty() || !entry.calls.empty())
+        return true;
+    clearDue(node, entry);
+    if (entry.receiver)
+        return giveToReceiver(node, entry);
+    if (askHandlers(node, entry))
+        setDue(node, entry, kLongestPause);
+    else
+        handlersDone(node, entry);
+    return true;
+}
+
+bool PubSubSession::holdsReceipt(const std::string& node, const std::string& receipt) const {
+    const auto entry = m_openNodes.find(node);
+    return entry != m_openNodes.end() && !receipt.empty() && entry->second.receipt == receipt;
+}
+
+void PubSubSession::takeOpenItem(const std::string& node, const std::string& endpoint, QSMessage* message) {
+    _openNodeStruct& entry = m_openNodes[node];
+    entry.taken = true;
+    entry.receipt.clear();
+    clearDue(node, entry);
+    writeSeqNo(node, entry.open->seqNo);
+    // Without a stream it is acknowledged when the server sends it again.
+    if (m_connected)
+        acknowledgeWhenSettled(node, entry.open->id, entry.open->seqNo);
+    m_takenItems.push_back({node, endpoint, KeptMessage(message)});
+    if (m_takenItems.size() >= kMostTaken)
+        return settleItems();
+    if (m_settleSource != 0)
+        return;
+    // At the priority of the bus: it runs after the messages that have arrived together.
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    m_settleSource = attach(source, settleTaken, this);
+}
+
+gboolean PubSubSession::settleTaken(gpointer context) {
+    auto* session = static_cast<PubSubSession*>(context);
+    session->m_settleSource = 0;
+    session->settleItems();
+    return G_SOURCE_REMOVE;
+}
+
+void PubSubSession::finishTaken() {
+    for (const _takenItemStruct& taken : std::exchange(m_takenItems, {})) {
+        if (taken.message)
+            answerTaken(taken);
+        advance(taken.node);
+    }
+}
+
+void PubSubSession::advance(const std::string& node) {
+    const auto found = m_openNodes.find(node);
+    if (found == m_openNodes.end() || !found->second.taken)
+        return;
+    _openNodeStruct& entry = found->second;
+    std::optional<_itemStruct> next = std::move(entry.next);
+    forgetItems(node, entry);
+    if (next) {
+        entry.open = std::move(next);
+        handOut(node);
+    } else if (entry.missed && entry.link == NodeLink::On) {
+        closeNode(node, entry);
+    }
+}
+
+void PubSubSession::putBack(const std::string& node, int64_t milliseconds) {
+    _openNodeStruct& entry = m_openNodes[node];
+    entry.receipt.clear();
+    setDue(node, entry, milliseconds);
+}
+
+// --- handlers
+
+void PubSubSession::handlerAnswered(const _confirmCallStruct& call, bool confirmed) {
+    const std::string node = call.node;
+    const auto found = m_openNodes.find(node);
+    if (found == m_openNodes.end())
+        return;
+    _openNodeStruct& entry = found->second;
+    const auto placed = entry.calls.find(call.endpoint);
+    if (placed == entry.calls.end() || placed->second.get() != &call)
+        return;
+    if (confirmed)
+        entry.confirmed.insert(call.endpoint);
+    entry.calls.erase(placed);
+    if (entry.calls.empty())
+        handlersDone(node, entry);
+}
+
+void PubSubSession::handlersDone(const std::string& node, _openNodeStruct& entry) {
+    clearDue(node, entry);
+    const auto handlers = m_confirming.find(node);
+    if (handlers != m_confirming.end() && includesAll(entry.confirmed, handlers->second))
+        takeOpenItem(node, "", nullptr);
+    else
+        setDue(node, entry, pauseAfter(++entry.failures));
+}
+
+void PubSubSession::retryHandlers(const std::string& service) {
+    std::vector<std::string> nodes;
+    for (const auto& [due, node] : m_dueNodes) {
+        const _openNodeStruct& entry = m_openNodes[node];
+        const auto handlers = m_confirming.find(node);
+        if (!entry.receiver && entry.calls.empty() && handlers != m_confirming.end() &&
+            hasHandlerOf(service, handlers->second))
+            nodes.push_back(node);
+    }
+    for (const std::string& node : nodes)
+        handOut(node);
+}
+
+// --- times
+
+void PubSubSession::setDue(const std::string& node, _openNodeStruct& entry, int64_t milliseconds) {
+    if (entry.due != 0)
+        m_dueNodes.erase({entry.due, node});
+    entry.due = g_get_monotonic_time() + milliseconds * kMicroseconds;
+    m_dueNodes.emplace(entry.due, node);
+    armDueTimer();
+}
+
+void PubSubSession::clearDue(const std::string& node, _openNodeStruct& entry) {
+    if (entry.due == 0)
+        return;
+    m_dueNodes.erase({std::exchange(entry.due, 0), node});
+    armDueTimer();
+}
+
+void PubSubSession::armDueTimer() {
+    destroy(m_dueTimer, *this);
+    if (m_dueNodes.empty())
+        return;
+    const int64_t left = std::max<int64_t>(0, m_dueNodes.begin()->first - g_get_monotonic_time());
+    const auto milliseconds = static_cast<guint>((left + kMicroseconds - 1) / kMicroseconds);
+    m_dueTimer = attach(g_timeout_source_new(milliseconds), handleDueNodes, this);
+}
+
+gboolean PubSubSession::handleDueNodes(gpointer context) {
+    auto* session = static_cast<PubSubSession*>(context);
+    session->m_dueTimer = 0;
+    const int64_t now = g_get_monotonic_time();
+    std::vector<std::string> nodes;
+    for (const auto& [due, node] : session->m_dueNodes)
+        if (due <= now)
+            nodes.push_back(node);
+    for (const std::string& node : nodes) {
+        const auto found = session->m_openNodes.find(node);
+        if (found == session->m_openNodes.end() || found->second.due == 0 || found->second.due > now)
+            continue;
+        _openNodeStruct& entry = found->second;
+        session->clearDue(node, entry);
+        if (entry.calls.empty()) {
+            if (session->handOut(node) && entry.receiver)
+                session->writeUnsent(*entry.receiver);
+            continue;
+        }
+        PrvPrintErr({}, "Handlers of %s have not answered within 60 s", node.c_str());
+        session->cancelHandlerCalls(entry);
+        session->handlersDone(node, entry);
+    }
+    session->armDueTimer();
+    return G_SOURCE_REMOVE;
+}
+
+void PubSubSession::dropTimers() {
+    destroy(m_dueTimer, *this);
+    destroy(m_settleSource, *this);
+}
