@@ -3,18 +3,16 @@
 #include "tools/doctor.h"
 
 #include <gmock/gmock.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <fstream>
 #include <optional>
 #include <sstream>
-#include <thread>
 
 #include "tests/unit/host/privatebus.h"
 #include "tests/unit/tools/fakehost.h"
 #include "tests/unit/tools/fakeservice.h"
+#include "tests/unit/tools/loopback.h"
 #include "tools/verbs.h"
 
 namespace {
@@ -42,44 +40,15 @@ std::string writeAuthority(const TestFolder& folder) {
     return folder / "ca.crt";
 }
 
-// A listener on loopback that answers its first client from a script and closes.
-class Server {
+// Answers its first client from a script and closes.
+class Server : public LoopbackListener {
   public:
-    explicit Server(std::string answer) : m_answer(std::move(answer)) {
-        m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        bind(m_listener, reinterpret_cast<sockaddr*>(&address), length);
-        listen(m_listener, 1);
-        getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length);
-        port = std::to_string(ntohs(address.sin_port));
-        m_thread = std::thread([this] { serve(); });
-    }
-    ~Server() {
-        shutdown(m_listener, SHUT_RDWR);
-        m_thread.join();
-        close(m_listener);
-    }
-    std::string port;
-
-  private:
-    void serve() {
-        int client = accept(m_listener, nullptr, nullptr);
-        char request[4096];
-        if (client < 0 || recv(client, request, sizeof request, 0) <= 0)
-            return;
-        send(client, m_answer.data(), m_answer.size(), MSG_NOSIGNAL);
-        shutdown(client, SHUT_WR);
-        while (recv(client, request, sizeof request, 0) > 0) {
-        }
-        close(client);
-    }
-
-    std::string m_answer;
-    int m_listener = -1;
-    std::thread m_thread;
+    explicit Server(std::string text)
+        : LoopbackListener([text = std::move(text)](int client) {
+              char request[4096];
+              if (recv(client, request, sizeof request, 0) > 0)
+                  answer(client, text);
+          }) {}
 };
 
 std::vector<State> states(const std::vector<Finding>& findings) {
@@ -117,7 +86,7 @@ TEST(DoctorServer, WhoseNameIsUnknownLeavesTheRestUnknown) {
 }
 
 TEST(DoctorServer, ThatRefusesConnectionsIsToldSo) {
-    std::string port = Server("").port;  // closed again by now
+    std::string port = Server("").port();  // closed again by now
     auto findings = checkServer({"u", "d", "127.0.0.1", port}, "/nowhere", 2);
     EXPECT_THAT(states(findings), testing::ElementsAre(State::Good, State::Bad, State::Unknown));
     EXPECT_EQ(findings[1].detail, "127.0.0.1 port " + port + ": Connection refused");
@@ -126,14 +95,14 @@ TEST(DoctorServer, ThatRefusesConnectionsIsToldSo) {
 TEST(DoctorServer, WithoutTlsIsToldSo) {
     TestFolder folder;
     Server server("<stream:features/></stream:stream>");
-    auto findings = checkServer({"u", "d.example", "127.0.0.1", server.port}, writeAuthority(folder), 2);
+    auto findings = checkServer({"u", "d.example", "127.0.0.1", server.port()}, writeAuthority(folder), 2);
     EXPECT_THAT(states(findings), testing::ElementsAre(State::Good, State::Good, State::Bad));
     EXPECT_EQ(findings[2].detail, "the server does not offer TLS for d.example");
 }
 
 TEST(DoctorServer, CannotBeVerifiedWithoutAuthorities) {
     Server server("");
-    auto findings = checkServer({"u", "d", "127.0.0.1", server.port}, "/nowhere/ca.crt", 2);
+    auto findings = checkServer({"u", "d", "127.0.0.1", server.port()}, "/nowhere/ca.crt", 2);
     EXPECT_EQ(findings.back().detail, "/nowhere/ca.crt contains no CA certificates");
     EXPECT_EQ(findings.back().state, State::Bad);
 }
@@ -141,7 +110,7 @@ TEST(DoctorServer, CannotBeVerifiedWithoutAuthorities) {
 TEST(DoctorServer, ThatSpeaksNoTlsAfterAllIsToldSo) {
     TestFolder folder;
     Server server("<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/><proceed xmlns='x'/>garbage");
-    auto findings = checkServer({"u", "d", "127.0.0.1", server.port}, writeAuthority(folder), 2);
+    auto findings = checkServer({"u", "d", "127.0.0.1", server.port()}, writeAuthority(folder), 2);
     EXPECT_EQ(findings.back().check, "certificate");
     EXPECT_EQ(findings.back().state, State::Bad);
 }
@@ -174,61 +143,57 @@ TEST(DoctorOutput, IsALineWithItsAdviceOrAnObject) {
               R"({"check":"store","state":"bad","detail":"why","advice":"what to do"})");
 }
 
-TEST(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
+// A device without a public bus, whose service has no connection.
+class Doctor : public testing::Test {
+  protected:
+    Doctor() {
+        setenv("PUBSUB_STATE_DIR", folder.path().c_str(), 1);
+        setenv("ZELT_PREFS_DIR", folder.path().c_str(), 1);
+        setenv("ZELT_PUBLIC_BUS", "unix:path=/nowhere/bus", 1);
+        service.script["subscribeConnStatus"] = R"({"returnValue":true,"connected":false})";
+    }
+    ~Doctor() override {
+        for (const char* variable : {"PUBSUB_STATE_DIR", "ZELT_PREFS_DIR", "ZELT_PUBLIC_BUS"})
+            unsetenv(variable);
+    }
+    // What `doctor` reports.
+    static std::string examine() {
+        std::istringstream in;
+        std::ostringstream out, err;
+        Console console(in, out, err, false);
+        EXPECT_EQ(runDoctor(Invocation(), console), Exit::NotConnected);
+        return out.str();
+    }
+    // The same for a device whose account comes from the credentials file. `host`: what the host daemon says of the
+    // connection; "" where there is none.
+    std::string examineWithFile(mode_t mode, const std::string& host = "") {
+        std::optional<FakeHost> keeper;
+        if (!host.empty())
+            keeper.emplace().answer = host;
+        const std::string file = folder / "pubsub.conf";
+        std::ofstream(file) << "u1@example.org\nsecret\n127.0.0.1\n1\npubsub.example.org\ndev1\n";
+        chmod(file.c_str(), mode);
+        return examine();
+    }
+
     PrivateBus bus;
     TestFolder folder;
-    setenv("PUBSUB_STATE_DIR", folder.path().c_str(), 1);
-    setenv("ZELT_PREFS_DIR", folder.path().c_str(), 1);
-    setenv("ZELT_PUBLIC_BUS", "unix:path=/nowhere/bus", 1);
     FakeService service;
-    service.script["subscribeConnStatus"] = R"({"returnValue":true,"connected":false})";
-    std::istringstream in;
-    std::ostringstream out;
-    std::ostringstream err;
-    Console console(in, out, err, false);
-    Invocation invocation;
-    EXPECT_EQ(runDoctor(invocation, console), Exit::NotConnected);
+};
+
+TEST_F(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
+    const std::string report = examine();
     for (const char* line :
          {"ok      private bus: reachable\n", "bad     public bus: ", "ok      push service: answers\n",
           "bad     power service: com.zelt.power is not on the bus",
           "bad     network: ", "bad     account: ", "        -> set it with `zelt-host account set`\n",
           "unknown certificate: requires an account\n", "bad     login: the service is not connected\n",
           "unknown server extension: requires a login\n", "ok      store: "})
-        EXPECT_THAT(out.str(), HasSubstr(line));
-    for (const char* variable : {"PUBSUB_STATE_DIR", "ZELT_PREFS_DIR", "ZELT_PUBLIC_BUS"})
-        unsetenv(variable);
+        EXPECT_THAT(report, HasSubstr(line));
 }
 
-class FromTheFile : public testing::Test {
-  protected:
-    // What `doctor` reports for a device whose account comes from the credentials file.
-    // `host`: what the host daemon says of the connection; "" where there is none.
-    std::string examine(mode_t mode, const std::string& host = "") {
-        PrivateBus bus;
-        std::optional<FakeHost> keeper;
-        if (!host.empty())
-            keeper.emplace().answer = host;
-        TestFolder folder;
-        const std::string file = std::string(folder.path()) + "/pubsub.conf";
-        std::ofstream(file) << "u1@example.org\nsecret\n127.0.0.1\n1\npubsub.example.org\ndev1\n";
-        chmod(file.c_str(), mode);
-        setenv("PUBSUB_STATE_DIR", folder.path().c_str(), 1);
-        setenv("ZELT_PREFS_DIR", folder.path().c_str(), 1);
-        setenv("ZELT_PUBLIC_BUS", "unix:path=/nowhere/bus", 1);
-        FakeService service;
-        service.script["subscribeConnStatus"] = R"({"returnValue":true,"connected":false})";
-        std::istringstream in;
-        std::ostringstream out, err;
-        Console console(in, out, err, false);
-        EXPECT_EQ(runDoctor(Invocation(), console), Exit::NotConnected);
-        for (const char* variable : {"PUBSUB_STATE_DIR", "ZELT_PREFS_DIR", "ZELT_PUBLIC_BUS"})
-            unsetenv(variable);
-        return out.str();
-    }
-};
-
-TEST_F(FromTheFile, TheDoctorSaysThatALossIsForGoodAndThatALoginIsNotTriedAgain) {
-    const std::string words = examine(0600);
+TEST_F(Doctor, SaysOfTheFileThatALossIsForGoodAndThatALoginIsNotTriedAgain) {
+    const std::string words = examineWithFile(0600);
     EXPECT_THAT(words, HasSubstr("ok      account: u1@example.org, from "));
     EXPECT_THAT(words, HasSubstr("with this file alone a lost connection is not re-established"));
     EXPECT_THAT(
@@ -237,8 +202,8 @@ TEST_F(FromTheFile, TheDoctorSaysThatALossIsForGoodAndThatALoginIsNotTriedAgain)
             "which is also needed when a login failed at a reconnect alarm, since that one is not retried"));
 }
 
-TEST_F(FromTheFile, TheDoctorCountsOnAHostThatKeepsTheConnection) {
-    const std::string words = examine(0600, R"({"returnValue":true,"keep":true,"ended":false})");
+TEST_F(Doctor, CountsOnAHostThatKeepsTheConnection) {
+    const std::string words = examineWithFile(0600, R"({"returnValue":true,"keep":true,"ended":false})");
     EXPECT_THAT(words, HasSubstr("ok      account: u1@example.org, from "));
     EXPECT_THAT(words, Not(HasSubstr("zelt-host account set")));
     EXPECT_THAT(words,
@@ -246,14 +211,14 @@ TEST_F(FromTheFile, TheDoctorCountsOnAHostThatKeepsTheConnection) {
                           "        -> fix the findings above; zelt-host then asks for the connection"));
 }
 
-TEST_F(FromTheFile, TheDoctorSaysThatTheEndWasOnPurpose) {
-    EXPECT_THAT(examine(0600, R"({"returnValue":true,"keep":true,"ended":true})"),
+TEST_F(Doctor, SaysThatTheEndWasOnPurpose) {
+    EXPECT_THAT(examineWithFile(0600, R"({"returnValue":true,"keep":true,"ended":true})"),
                 HasSubstr("bad     login: the connection was ended on purpose\n"
                           "        -> run `pubsubctl session login`\n"));
 }
 
-TEST_F(FromTheFile, TheDoctorTakesNoAccountThatOthersCanRead) {
-    EXPECT_THAT(examine(0644),
+TEST_F(Doctor, TakesNoAccountFromAFileThatOthersCanRead) {
+    EXPECT_THAT(examineWithFile(0644),
                 HasSubstr("/pubsub.conf is readable by users other than its owner and is ignored\n"));
 }
 

@@ -3,11 +3,9 @@
 // the exit code.
 #include <gmock/gmock.h>
 
-#include <sstream>
-
 #include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/commandline.h"
 #include "tests/unit/tools/fakeservice.h"
-#include "tools/verbs.h"
 
 namespace {
 
@@ -22,15 +20,8 @@ struct VerbCase {
     const char* terse;
 };
 
-class OneCall : public testing::TestWithParam<VerbCase> {
+class OneCall : public testing::TestWithParam<VerbCase>, public CommandLine {
   protected:
-    Exit run(std::vector<std::string> words) {
-        Invocation invocation;
-        std::string problem;
-        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
-        Console console(in, out, err, invocation.json);
-        return invocation.verb->run(invocation, console);
-    }
     std::string method() const {
         std::string call = GetParam().call;
         return call.substr(0, call.find(' '));
@@ -38,9 +29,6 @@ class OneCall : public testing::TestWithParam<VerbCase> {
 
     PrivateBus bus{GetParam().bus == QSBus::Public ? "ZELT_PUBLIC_BUS" : "ZELT_PRIVATE_BUS"};
     FakeService service{GetParam().bus};
-    std::istringstream in;
-    std::ostringstream out;
-    std::ostringstream err;
 };
 
 TEST_P(OneCall, AsksOnceAndPrintsTheOutcome) {
@@ -144,17 +132,10 @@ struct UsageCase {
     const char* problem;
 };
 
-class WrongUsage : public testing::TestWithParam<UsageCase> {};
+class WrongUsage : public testing::TestWithParam<UsageCase>, public CommandLine {};
 
 TEST_P(WrongUsage, IsToldBeforeAnythingIsSent) {
-    Invocation invocation;
-    std::string problem;
-    ASSERT_TRUE(parseArguments(GetParam().words, allVerbs(), invocation, problem)) << problem;
-    std::istringstream in;
-    std::ostringstream out;
-    std::ostringstream err;
-    Console console(in, out, err, false);
-    EXPECT_EQ(invocation.verb->run(invocation, console), Exit::Usage);
+    EXPECT_EQ(run(GetParam().words), Exit::Usage);
     EXPECT_EQ(err.str(), "pubsubctl: " + std::string(GetParam().problem) + "\n");
 }
 
@@ -175,7 +156,7 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"subscribe", "box", "-C", "0"}, "-C takes a whole number from 1 to 1000000, not \"0\""},
         UsageCase{{"publish", "KEY", "text", "--file", "f"}, "give the item once: as TEXT or with --file"}));
 
-class Listening : public testing::Test {
+class Listening : public testing::Test, public CommandLine {
   protected:
     // Runs a verb to which the service posts these texts once it has answered.
     std::string receive(std::vector<std::string> words, const std::string& method,
@@ -187,19 +168,13 @@ class Listening : public testing::Test {
             for (const std::string& text : m_posts)
                 service.post(method.c_str(), text.c_str());
         };
-        Invocation invocation;
-        std::string problem;
-        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
-        std::ostringstream out;
-        Console console(in, out, err, invocation.json);
-        EXPECT_EQ(invocation.verb->run(invocation, console), Exit::Ok);
+        out.str("");
+        EXPECT_EQ(run(std::move(words)), Exit::Ok);
         return out.str();
     }
 
     PrivateBus bus;
     FakeService service;
-    std::istringstream in;
-    std::ostringstream err;
 
   private:
     std::vector<std::string> m_posts;

@@ -2,30 +2,20 @@
 // The item handler on a real bus: it registers, prints what is delivered to it and withdraws at every exit.
 #include <gmock/gmock.h>
 
-#include <sstream>
-
 #include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/commandline.h"
 #include "tests/unit/tools/fakeservice.h"
-#include "tools/verbs.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-class Handler : public testing::Test {
+class Handler : public testing::Test, public CommandLine {
   protected:
     Handler() {
         service.script["registerItemCallback"] = R"({"returnValue":true})";
         service.script["unRegisterItemCallback"] = R"({"returnValue":true})";
-    }
-
-    Exit run(std::vector<std::string> words) {
-        Invocation invocation;
-        std::string problem;
-        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
-        Console console(in, out, err, invocation.json);
-        return invocation.verb->run(invocation, console);
     }
     // What happens once the handler is registered.
     void whenRegistered(std::function<void()> step) {
@@ -53,9 +43,6 @@ class Handler : public testing::Test {
     std::string registration = R"(registerItemCallback {"node":"/n","endpoint":")" + endpoint + "\"}";
     std::string withdrawal =
         R"(unRegisterItemCallback {"node":"/n","endpoint":")" + endpoint + R"(","app":false})";
-    std::istringstream in;
-    std::ostringstream out;
-    std::ostringstream err;
 
   private:
     std::function<void()> m_step;

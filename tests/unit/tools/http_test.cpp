@@ -3,11 +3,8 @@
 #include "tools/http.h"
 
 #include <gmock/gmock.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <thread>
+#include "tests/unit/tools/loopback.h"
 
 namespace {
 
@@ -76,54 +73,32 @@ TEST(Publication, IsDoneAtStatus201) {
     EXPECT_EQ(reply.payload, R"({"id":"i","seqNo":"1"})");
 }
 
-// A listener on loopback that keeps its first request and answers it from a script, or not at all.
+// Keeps its first request and answers it from a script, or not at all.
 class HttpServer {
   public:
-    explicit HttpServer(std::string answer) : m_answer(std::move(answer)) {
-        m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        bind(m_listener, reinterpret_cast<sockaddr*>(&address), length);
-        listen(m_listener, 1);
-        getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length);
-        url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/push/KEY";
-        m_thread = std::thread([this] { serve(); });
+    explicit HttpServer(std::string answer)
+        : m_listener([this, answer = std::move(answer)](int client) { serve(client, answer); }) {
+        url = "http://127.0.0.1:" + m_listener.port() + "/push/KEY";
     }
-    ~HttpServer() { finish(); }
     // Waits until the client has disconnected.
-    void finish() {
-        if (!m_thread.joinable())
-            return;
-        shutdown(m_listener, SHUT_RDWR);
-        m_thread.join();
-        close(m_listener);
-    }
+    void finish() { m_listener.finish(); }
 
     std::string url;
     std::string request;  // valid once finished
 
   private:
-    void serve() {
-        int client = accept(m_listener, nullptr, nullptr);
-        if (client < 0)
-            return;
+    void serve(int client, const std::string& answer) {
         char block[4096];
         ssize_t count = 0;
         while (!request.ends_with("BODY") && (count = recv(client, block, sizeof block, 0)) > 0)
             request.append(block, static_cast<size_t>(count));
-        send(client, m_answer.data(), m_answer.size(), MSG_NOSIGNAL);
-        if (!m_answer.empty())
-            shutdown(client, SHUT_WR);
-        while (recv(client, block, sizeof block, 0) > 0) {
-        }
-        close(client);
+        if (answer.empty())
+            LoopbackListener::drain(client);
+        else
+            LoopbackListener::answer(client, answer);
     }
 
-    std::string m_answer;
-    int m_listener = -1;
-    std::thread m_thread;
+    LoopbackListener m_listener;  // the last member: its thread uses the others
 };
 
 TEST(Post, SendsTheTextAndTakesTheAnswer) {

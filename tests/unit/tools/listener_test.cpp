@@ -3,11 +3,9 @@
 // what ends them.
 #include <gmock/gmock.h>
 
-#include <sstream>
-
 #include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/commandline.h"
 #include "tests/unit/tools/fakeservice.h"
-#include "tools/verbs.h"
 
 namespace {
 
@@ -20,17 +18,9 @@ constexpr char kNotInitialized[] =
 constexpr char kLost[] =
     R"({"returnValue":false,"errorCode":"connectionErr","errorText":"pubsubservice disconnected"})";
 
-class Receiver : public testing::Test {
+class Receiver : public testing::Test, public CommandLine {
   protected:
     Receiver() { service.script["subscribe"] = kAccepted; }
-
-    Exit run(std::vector<std::string> words) {
-        Invocation invocation;
-        std::string problem;
-        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
-        Console console(in, out, err, invocation.json);
-        return invocation.verb->run(invocation, console);
-    }
     // What the service does after its reply to the call number 1, 2, ... of the method.
     void after(const std::string& method, std::vector<std::function<void()>> steps) {
         m_steps[method] = std::move(steps);
@@ -61,9 +51,6 @@ class Receiver : public testing::Test {
     PrivateBus publicBus{"ZELT_PUBLIC_BUS"};
     FakeService service{QSBus::Public};
     std::string subscription = R"(subscribe {"endpoint":"box","subscribe":true})";
-    std::istringstream in;
-    std::ostringstream out;
-    std::ostringstream err;
 
   private:
     std::map<std::string, std::vector<std::function<void()>>> m_steps;

@@ -2,12 +2,10 @@
 // Logging in, logging out and showing the account, on a real bus.
 #include <gmock/gmock.h>
 
-#include <sstream>
-
 #include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/commandline.h"
 #include "tests/unit/tools/fakehost.h"
 #include "tests/unit/tools/fakeservice.h"
-#include "tools/verbs.h"
 
 namespace {
 
@@ -16,15 +14,8 @@ using testing::ElementsAre;
 constexpr char kUp[] = R"({"returnValue":true, "connected":true, "session" : true, "network": true})";
 constexpr char kDown[] = R"({"returnValue":true, "connected":false, "session":true, "network":true})";
 
-class Session : public testing::Test {
+class Session : public testing::Test, public CommandLine {
   protected:
-    Exit run(std::vector<std::string> words) {
-        Invocation invocation;
-        std::string problem;
-        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
-        Console console(in, out, err, invocation.json);
-        return invocation.verb->run(invocation, console);
-    }
     // What the service posts once it is told to log in.
     void onLogin(std::vector<std::string> posts) {
         m_posts = std::move(posts);
@@ -38,9 +29,6 @@ class Session : public testing::Test {
 
     PrivateBus bus;
     FakeService service;
-    std::istringstream in;
-    std::ostringstream out;
-    std::ostringstream err;
 
   private:
     std::vector<std::string> m_posts;

@@ -3,35 +3,27 @@
 // the exit code.
 #include <gmock/gmock.h>
 
-#include <sstream>
-
 #include "tests/unit/host/privatebus.h"
+#include "tests/unit/tools/commandline.h"
 #include "tests/unit/tools/fakehost.h"
 #include "tests/unit/tools/fakeservice.h"
-#include "tools/verbs.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-class Verbs : public testing::Test {
+class Verbs : public testing::Test, public CommandLine {
   protected:
-    // Runs a command line as `main` does.
+    // Keeps of the output what this run prints.
     Exit run(std::vector<std::string> words, const std::string& input = "") {
-        Invocation invocation;
-        std::string problem;
-        EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
-        std::istringstream in(input);
+        in = std::istringstream(input);
         out.str("");
         err.str("");
-        Console console(in, out, err, invocation.json);
-        return invocation.verb->run(invocation, console);
+        return CommandLine::run(std::move(words));
     }
 
     PrivateBus bus;
-    std::ostringstream out;
-    std::ostringstream err;
 };
 
 struct NodeCase {
