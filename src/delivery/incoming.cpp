@@ -2,9 +2,10 @@
 // Messages from the server: items, subscription changes, and requests to approve a subscriber.
 //
 // An item of a node with a receiver or confirming handlers becomes its open item (session/openitems.cpp). Any
-// other goes to the first of these that takes it: the registered services, the public subscriber, the cache. Only then is its number stored, and only after that is it acknowledged, so that a crash repeats the
-// item rather than losing it. Items that arrive in one piece of input, which is one read of the socket, share
-// the commit of their numbers, since each commit syncs the disk. Keeps PubSubSession::m_handledItems until then.
+// other goes to the first of these that takes it: the registered services, the public subscriber, the cache.
+// Only then is its number stored, and only after that is it acknowledged, so that a crash repeats the item
+// rather than losing it. Items that arrive in one piece of input, which is one read of the socket, share the
+// commit of their numbers, since each commit syncs the disk. Keeps PubSubSession::m_handledItems until then.
 #include <gloox/message.h>
 #include <gloox/tag.h>
 

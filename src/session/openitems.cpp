@@ -10,6 +10,7 @@
 #include "session/openitems.h"
 
 #include <glib.h>
+#include <gloox/error.h>
 
 #include <algorithm>
 #include <utility>
@@ -244,7 +245,9 @@ bool PubSubSession::openNodeAnswered(const std::string& id, const std::string& n
     entry.request.clear();
     if (entry.link == NodeLink::Opening) {
         entry.link = error ? NodeLink::Off : NodeLink::On;
-        if (entry.missed && !error)
+        if (error && error->type() == gloox::StanzaErrorTypeWait && entry.due == 0)
+            setDue(node, entry, pauseAfter(++entry.failures));
+        else if (entry.missed && !error)
             closeNode(node, entry);
         return true;
     }
@@ -259,7 +262,7 @@ bool PubSubSession::openNodeAnswered(const std::string& id, const std::string& n
     return true;
 }
 
-// Which of the nodes failed is only logged. They get no items, so nothing depends on it.
+// Which of the nodes failed is only logged: those that do not exist get no items, so nothing depends on it.
 void PubSubSession::openNodesAnswered(const std::string& bulkId) {
     for (auto& [node, entry] : m_openNodes) {
         if (entry.request != bulkId)
@@ -448,6 +451,7 @@ gboolean PubSubSession::handleDueNodes(gpointer context) {
     session->m_dueTimer = 0;
     const int64_t now = g_get_monotonic_time();
     std::vector<std::string> nodes;
+    std::vector<std::string> refused;  // whose activation was
     for (const auto& [due, node] : session->m_dueNodes)
         if (due <= now)
             nodes.push_back(node);
@@ -457,6 +461,8 @@ gboolean PubSubSession::handleDueNodes(gpointer context) {
             continue;
         _openNodeStruct& entry = found->second;
         session->clearDue(node, entry);
+        if (entry.link == NodeLink::Off && session->m_connected)
+            refused.push_back(node);
         if (entry.calls.empty()) {
             if (session->handOut(node) && entry.receiver)
                 session->writeUnsent(*entry.receiver);
@@ -466,6 +472,7 @@ gboolean PubSubSession::handleDueNodes(gpointer context) {
         session->cancelHandlerCalls(entry);
         session->handlersDone(node, entry);
     }
+    session->openNodes(refused);
     session->armDueTimer();
     return G_SOURCE_REMOVE;
 }

@@ -320,6 +320,35 @@ TEST_F(Receive, AnItemThatIsGivenBackForLongStaysOpen) {
     EXPECT_EQ(session().m_dueTimer, 0u);
 }
 
+TEST_F(Receive, AnActivationThatTheServerRefusesForNowIsAskedForAgain) {
+    own({"inbox"});
+    const Answer receiver = askReceive();
+    answerError(expectStanza(limitedStanza()), "wait", "resource-constraint");
+    EXPECT_NE(session().m_dueTimer, 0u);
+    waitFor([&] { return stanzaCount() == 2; });
+    answer(expectStanza(limitedStanza()));
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(receiver.all().size(), 2u);
+    EXPECT_EQ(session().m_dueTimer, 0u);
+}
+
+TEST_F(Receive, ABulkActivationThatTheServerRefusesForNowIsAskedForAgain) {
+    own({"inbox", "news"});
+    askReceive();
+    answerError(lastId(), "wait", "resource-constraint");
+    waitFor([&] { return stanzaCount() == 2; });
+    answerBulk();
+    EXPECT_EQ(session().m_dueTimer, 0u);
+}
+
+TEST_F(Receive, AnActivationThatTheServerRefusesForGoodIsNot) {
+    own({"inbox"});
+    askReceive();
+    answerError(expectStanza(limitedStanza()), "cancel", "item-not-found");
+    EXPECT_EQ(session().m_dueTimer, 0u);
+    EXPECT_EQ(stanzaCount(), 1u);
+}
+
 class RetryRefusal : public ReceiveTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(RetryRefusal, IsABadArgumentAndChangesNothing) {
