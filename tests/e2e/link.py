@@ -21,6 +21,14 @@ class FilterProgram(ctypes.Structure):
 DROP_ALL = SocketFilter(0x06, 0, 0, 0)  # return 0: no byte of the packet is kept
 
 
+def shut(ends):
+    for end in ends:
+        try:
+            end.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass  # closed already
+
+
 class Link:
     """Accepts connections on a port of its own and forwards them."""
 
@@ -39,6 +47,11 @@ class Link:
         program = FilterProgram(1, ctypes.pointer(DROP_ALL))
         for end in self._devices:
             end.setsockopt(socket.SOL_SOCKET, SO_ATTACH_FILTER, bytes(program))
+
+    def drop(self):
+        """Ends the connections of now; what is on its way is lost."""
+        sockets, self._sockets, self._devices = self._sockets, [], []
+        shut(sockets)
 
     def segments(self):
         """How many segments the device has sent on its last connection, probes included."""
@@ -59,7 +72,11 @@ class Link:
                 device, _ = self._listener.accept()
             except OSError:
                 return
-            server = socket.create_connection(self._target)
+            try:
+                server = socket.create_connection(self._target)
+            except OSError:  # the server is down
+                device.close()
+                continue
             self._sockets += [device, server]
             self._devices.append(device)
             for source, target in ((device, server), (server, device)):
@@ -72,8 +89,4 @@ class Link:
         except OSError:
             pass  # one end has gone
         if not self._cut:
-            for end in (source, target):
-                try:
-                    end.shutdown(socket.SHUT_RDWR)
-                except OSError:
-                    pass
+            shut((source, target))

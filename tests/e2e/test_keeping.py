@@ -8,12 +8,17 @@ import time
 import unittest
 from unittest import mock
 
+from app import App
 from bus import BusClient
+from endpoints import Publisher
 from link import Link
 from platformstubs import PlatformTest, kick
 from stage import BIN, StageTest, processes, wait_until
+from test_confirm import Handler
+from test_receive import Receiver
 
 SETTINGS = "[connection]\nafter=200ms 2s\nbattery=true\n"
+SAVED = 6  # seconds after which the host has stored the alarms that a connect sets
 BAD_LOGIN = {"returnValue": False, "errorText": "not now"}
 
 
@@ -26,13 +31,13 @@ def switches(pid):
     return total
 
 
-def come_to_rest(pid):
-    """Waits until the process has done nothing for a second; returns its switches."""
+def come_to_rest(*pids, seconds=1):
+    """Waits until the processes have done nothing for some seconds; returns their switches."""
     def still():
-        before = switches(pid)
-        time.sleep(1)
-        return before if switches(pid) == before else None
-    return wait_until(still, "the process to come to rest", 60)
+        before = [switches(pid) for pid in pids]
+        time.sleep(seconds)
+        return before if [switches(pid) for pid in pids] == before else None
+    return wait_until(still, "the processes to come to rest", 60)
 
 
 class KeepingTest(StageTest):
@@ -130,7 +135,40 @@ class Keeping(KeepingTest):
     def test_connected_and_idle_the_host_and_the_service_do_nothing(self):
         self.stage.wait_connected()
         pids = [self.stage.service_pid, self.stage.device.pid("host")]
-        before = [come_to_rest(pid) for pid in pids]
+        self.assert_at_rest(pids)
+
+    def test_a_receiver_and_a_confirming_handler_that_wait_wake_nobody(self):
+        self.stage.wait_connected()
+        app = App(self.stage.env["ZELT_PUBLIC_BUS"], "com.example.waits")
+        self.addCleanup(app.close)
+        keys = [app.call("createEndpoint", {"endpoint": name})["publishKey"] for name in ("empty", "open")]
+        receiver = Receiver(app)
+        publisher = Publisher(self.stage.env["HTTP_URL"])
+        self.addCleanup(publisher.close)
+        for key, text in zip((*keys, keys[1]), ("taken", "open", "behind it")):
+            publisher.publish(key, text)
+        items = {item["endpoint"]: item for item in (receiver.next(), receiver.next())}
+        self.assertTrue(receiver.acknowledge(items["empty"])["returnValue"])
+
+        private = BusClient(self.stage.env["ZELT_PRIVATE_BUS"])
+        self.addCleanup(private.close)
+        handler = Handler(self.stage, "com.zelt.e2e.waits")
+        self.addCleanup(handler.close)
+        where = {"node": "/e2e/waits"}
+        for method, payload in (
+                ("createNode", where), ("subscribeToNode", where),
+                ("registerItemCallback", dict(where, endpoint="zelt://com.zelt.e2e.waits/item", confirm=True)),
+                ("publishItem", dict(where, item="confirmed"))):
+            self.assertTrue(private.call(method, payload)["returnValue"])
+        handler.wait(1)
+
+        self.assert_at_rest([self.stage.service_pid, self.stage.device.pid("host")])
+        self.assertEqual(len(handler.items), 1)
+        self.assertTrue(receiver.acknowledge(items["open"])["returnValue"])
+        self.assertEqual(receiver.take(), "behind it")
+
+    def assert_at_rest(self, pids):
+        before = come_to_rest(*pids, seconds=SAVED)
         time.sleep(10)  # nothing is waited for: the counters standing still are the condition
         self.assertEqual([switches(pid) for pid in pids], before)
 
@@ -236,7 +274,7 @@ class DeadLink(PlatformTest):
         self.assertIn("Disconnected from xmpp server 7", self.log())
 
     def test_probes_wake_nobody(self):
-        before = come_to_rest(self.stage.service_pid)
+        [before] = come_to_rest(self.stage.service_pid)
         sent = self.link.segments()
         wait_until(lambda: self.link.segments() >= sent + 4, "probes")
         self.assertEqual(switches(self.stage.service_pid), before)
