@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `handler`: registers on the private bus as the receiver of a node's items and prints them. The service
-// keeps a registration forever, so it is withdrawn at every exit except a kill.
+// keeps a registration forever, so it is withdrawn at every exit except a kill. With --confirm an item stays with
+// the server until the answer to it says that it has been printed.
 #include <glib-unix.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@ class ItemHandler {
         : m_console(console),
           m_node(invocation.arguments[0]),
           m_timeout(invocation.timeoutSeconds),
+          m_confirms(invocation.has("confirm")),
           m_name("com.zelt.pubsubctl.p" + std::to_string(getpid())) {}
     ~ItemHandler();
     ItemHandler(const ItemHandler&) = delete;
@@ -32,6 +34,7 @@ class ItemHandler {
     Exit withdraw();
     std::string registration(bool withdrawing) const;
     void reportPresence(bool there);
+    bool confirm(QSHandle* handle, QSMessage* message, bool heard);
     static bool onItem(QSHandle* handle, QSMessage* message, void* context);
     static gboolean onSignal(gpointer data);
     static gboolean onTimeUp(gpointer data);
@@ -40,6 +43,7 @@ class ItemHandler {
     BusClient m_client;
     std::string m_node;
     unsigned m_timeout;
+    bool m_confirms;
     std::string m_name;
     unsigned m_wanted = 0;  // 0: no limit
     unsigned m_received = 0;
@@ -66,12 +70,21 @@ bool ItemHandler::open(Reply& failure) {
     return false;
 }
 
-bool ItemHandler::onItem(QSHandle*, QSMessage* message, void* context) {
+// An item that is not confirmed is handed out again by the service.
+bool ItemHandler::confirm(QSHandle* handle, QSMessage* message, bool heard) {
+    BusError error;
+    const char* answer = heard ? R"({"returnValue":true})" : R"({"returnValue":false})";
+    return !m_confirms || QSMessageReply(handle, message, answer, error);
+}
+
+bool ItemHandler::onItem(QSHandle* handle, QSMessage* message, void* context) {
     auto* self = static_cast<ItemHandler*>(context);
     if (self->m_stopping)
-        return true;
+        return self->confirm(handle, message, false);
     const bool heard = self->m_console.line(itemLine(QSMessageGetPayload(message), self->m_console.json()));
-    self->m_received++;
+    if (!self->confirm(handle, message, heard))
+        self->m_console.message("the item could not be confirmed and comes again");
+    self->m_received += heard;
     if (!heard || self->m_received == self->m_wanted) {
         self->m_stopping = true;
         self->m_client.quit();
@@ -107,6 +120,8 @@ std::string ItemHandler::registration(bool withdrawing) const {
     payload.set("node", m_node).set("endpoint", "zelt://" + m_name + "/item");
     if (withdrawing)
         payload.set("app", false);
+    else if (m_confirms)
+        payload.set("confirm", true);
     return payload.line();
 }
 

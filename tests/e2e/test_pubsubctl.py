@@ -107,6 +107,15 @@ class Device:
         self.assertEqual(self.good("node", "delete", "/ctl/news"), "deleted /ctl/news")
         self.refused(3, "item-not-found", "node", "delete", "/ctl/news")
 
+    def test_a_handler_that_confirms_gets_one_item_after_the_other(self):
+        self.good("node", "create", "/ctl/confirmed")
+        self.good("node", "subscribe", "/ctl/confirmed")
+        handler = self.start("handler", "/ctl/confirmed", "--confirm", "-C", "3", "-W", "60").wait_said("receiving")
+        for text in ("one", "two", "three"):
+            self.good("node", "publish", "/ctl/confirmed", text)
+        self.assertEqual(handler.end(60), (0, ["one", "two", "three"]))
+        self.good("node", "delete", "/ctl/confirmed")
+
     def test_configuration_is_shown_and_set(self):
         self.good("node", "create", "/ctl/config", "--access", "open")
         self.assertEqual(self.good("node", "config", "/ctl/config"), "pubsub#access_model  open")

@@ -62,6 +62,7 @@ class FakeService {
     // Calls look like `createNode {"node":"/n"}`.
     std::vector<std::string> calls;
     std::vector<std::string> cancelled;  // in the same form
+    std::vector<std::string> answers;    // to what was asked
     Script script;
     std::function<void(const std::string& method)> afterReply;
 
@@ -75,6 +76,12 @@ class FakeService {
     void deliver(const std::string& uri, const std::string& payload) {
         BusError error;
         EXPECT_TRUE(QSCall(m_handle, uri.c_str(), payload.c_str(), nullptr, nullptr, nullptr, error))
+            << error.message();
+    }
+    // The same with an answer, which is recorded.
+    void ask(const std::string& uri, const std::string& payload) {
+        BusError error;
+        EXPECT_TRUE(QSCall(m_handle, uri.c_str(), payload.c_str(), onAnswer, this, nullptr, error))
             << error.message();
     }
     // Releases the calls that subscribed to a method, which tells their callers that no answer follows.
@@ -124,6 +131,10 @@ class FakeService {
                                   QSMessageGetPayload(message));
         std::erase_if(self->m_subscribed,
                       [&](const Subscribed& call) { return call.message.get() == message; });
+        return true;
+    }
+    static bool onAnswer(QSHandle*, QSMessage* message, void* context) {
+        static_cast<FakeService*>(context)->answers.emplace_back(QSMessageGetPayload(message));
         return true;
     }
     static bool onCall(QSHandle* handle, QSMessage* message, void* context) {

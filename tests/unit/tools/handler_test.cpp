@@ -36,6 +36,11 @@ class Handler : public testing::Test, public CommandLine {
                         R"({"item":")" + text + R"(","itemid":"7","node":"\/n","returnValue":true})");
     }
 
+    // As to a handler that confirms.
+    void ask(const std::string& text) {
+        service.ask(endpoint, R"({"item":")" + text + R"(","itemid":"7","node":"\/n","returnValue":true})");
+    }
+
     PrivateBus bus;
     FakeService service;
     std::string name = "com.zelt.pubsubctl.p" + std::to_string(getpid());
@@ -133,6 +138,32 @@ TEST_F(Handler, EndsWithFourWhenTheBusIsLost) {
     whenRegistered([this] { bus.stop(); });
     EXPECT_EQ(run({"handler", "/n"}), Exit::NotConnected);
     EXPECT_THAT(err.str(), HasSubstr("pubsubctl: the bus closed the connection\n"));
+}
+
+TEST_F(Handler, ConfirmsWhatItHasPrintedAndNothingBeyondTheCount) {
+    whenRegistered([this] {
+        ask("one");
+        ask("two");
+        ask("beyond the count");
+    });
+    EXPECT_EQ(run({"handler", "/n", "--confirm", "-C", "2"}), Exit::Ok);
+    EXPECT_TRUE(FakeService::until([this] { return service.answers.size() == 3; }));
+    EXPECT_EQ(out.str(), "one\ntwo\n");
+    EXPECT_THAT(service.answers, ElementsAre(R"({"returnValue":true})", R"({"returnValue":true})",
+                                             R"({"returnValue":false})"));
+    EXPECT_THAT(service.calls, ElementsAre(R"(registerItemCallback {"node":"/n","endpoint":")" + endpoint +
+                                               R"(","confirm":true})",
+                                           withdrawal));
+}
+
+TEST_F(Handler, DoesNotConfirmWhatNobodyReads) {
+    whenRegistered([this] {
+        out.setstate(std::ios::badbit);
+        ask("one");
+    });
+    EXPECT_EQ(run({"handler", "/n", "--confirm"}), Exit::Ok);
+    EXPECT_TRUE(FakeService::until([this] { return !service.answers.empty(); }));
+    EXPECT_THAT(service.answers, ElementsAre(R"({"returnValue":false})"));
 }
 
 TEST_F(Handler, RefusesCountsThatAreNone) {
