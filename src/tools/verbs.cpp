@@ -127,6 +127,9 @@ const std::vector<Verb>& allVerbs() {
          .minArguments = 1,
          .maxArguments = 1,
          .run = runEndpointKey},
+        {.words = {"endpoint", "list"},
+         .help = "print this application's endpoints, who gets their items and how many wait",
+         .run = runEndpointList},
         {.words = {"subscribe"},
          .usage = "ENDPOINT [-C COUNT] [-W SECONDS] [-- COMMAND...]",
          .help =

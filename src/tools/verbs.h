@@ -62,6 +62,7 @@ Exit runPendingDeny(const Invocation& invocation, Console& console);
 Exit runOnCloseListen(const Invocation& invocation, Console& console);
 Exit runOnCloseAdd(const Invocation& invocation, Console& console);
 Exit runOnCloseRemove(const Invocation& invocation, Console& console);
+Exit runEndpointList(const Invocation& invocation, Console& console);
 Exit runHandler(const Invocation& invocation, Console& console);
 Exit runCall(const Invocation& invocation, Console& console);
 
@@ -87,6 +88,8 @@ bool callPayload(const Invocation& invocation, Console& console, std::string& pa
 std::string itemLine(const std::string& payload, bool json);
 // An item of an endpoint: its text alone, or {"endpoint","item"} under --json.
 std::string endpointItem(const std::string& payload, bool json);
+// What is known of an application's endpoints, one a line.
+std::string endpointLines(const std::string& payload);
 // A request for approval: "NODE  id: ...", or its four members under --json.
 std::string pendingLine(const std::string& payload, bool json);
 // A notice for a closed application: that it waits again, or that there is an item for it.

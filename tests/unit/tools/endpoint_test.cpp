@@ -86,6 +86,14 @@ INSTANTIATE_TEST_SUITE_P(
                  R"({"returnValue":true,"endpoint":"box","status":"notfound"})",
                  "there was no endpoint box"},
         VerbCase{QSBus::Public,
+                 {"endpoint", "list"},
+                 "listEndpoints {}",
+                 R"({"returnValue":true,"endpoints":[)"
+                 R"({"endpoint":"box","receiver":true,"subscriber":false,"waiting":3,"cached":false},)"
+                 R"({"endpoint":"old","receiver":false,"subscriber":true,"cached":true}]})",
+                 "box  receiver: yes  subscriber: no  waiting: 3  cached: no\n"
+                 "old  receiver: no  subscriber: yes  cached: yes"},
+        VerbCase{QSBus::Public,
                  {"onclose", "add", "box"},
                  R"(subscribeOnClose {"endpoint":"box"})",
                  kBox,
@@ -126,6 +134,22 @@ INSTANTIATE_TEST_SUITE_P(
             R"(approvePending {"node":"/n","id":"1","subid":"2","approve":"false","subscriber_jid":"a@b"})",
             R"({"returnValue":true})",
             "denied a@b"}));
+
+class EndpointList : public testing::Test, public CommandLine {
+  protected:
+    PrivateBus bus{"ZELT_PUBLIC_BUS"};
+    FakeService service{QSBus::Public};
+};
+
+TEST_F(EndpointList, SaysThatAnApplicationHasNone) {
+    service.script["listEndpoints"] = R"({"returnValue":true,"endpoints":[]})";
+    EXPECT_EQ(run({"endpoint", "list"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(err.str(),
+              "pubsubctl: this application has no endpoints; `pubsubctl endpoint create` makes one\n");
+    EXPECT_EQ(run({"--json", "endpoint", "list"}), Exit::Ok);
+    EXPECT_EQ(out.str(), "{\"returnValue\":true,\"endpoints\":[]}\n");
+}
 
 struct UsageCase {
     std::vector<std::string> words;

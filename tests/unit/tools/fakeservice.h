@@ -35,6 +35,7 @@ class FakeService {
                                       "createEndpoint",
                                       "deleteEndpoint",
                                       "getPublishKey",
+                                      "listEndpoints",
                                       "subscribe",
                                       "unsubscribe",
                                       "subscribeOnClose",
