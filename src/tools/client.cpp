@@ -43,8 +43,11 @@ struct BusClient::Exchange {
     guint wholeTimer = 0;
     bool finished = false;  // the bus library has closed the call
     bool answered = false;  // at least once
+    bool besides = false;   // only its own end is one
+    bool ended = false;
 
     void end(Reply reply) {
+        ended = true;
         result = std::move(reply);
         client->quit();
     }
@@ -117,6 +120,16 @@ Reply BusClient::call(const std::string& uri, const std::string& payload, unsign
     return finish(exchange, uri, payload);
 }
 
+Reply BusClient::callBesides(const std::string& uri, const std::string& payload, unsigned timeoutSeconds) {
+    const OnAnswer enough = [](const Reply&) { return false; };
+    Exchange exchange{.client = this,
+                      .onAnswer = enough,
+                      .service = serviceOf(uri),
+                      .wait = {.firstSeconds = timeoutSeconds},
+                      .besides = true};
+    return finish(exchange, uri, payload);
+}
+
 Reply BusClient::notify(const std::string& uri, const std::string& payload) {
     BusError error;
     if (!QSCall(m_handle, uri.c_str(), payload.c_str(), nullptr, nullptr, nullptr, error))
@@ -150,7 +163,7 @@ Reply BusClient::follow(const std::string& uri, const std::string& payload, Wait
 
 bool BusClient::onReply(QSHandle*, QSMessage* message, void* context) {
     auto* exchange = static_cast<Exchange*>(context);
-    if (exchange->client->m_quit)
+    if (exchange->ended || (exchange->client->m_quit && !exchange->besides))
         return true;
     Exchange::stop(exchange->firstTimer);
     exchange->answered = true;
@@ -172,7 +185,8 @@ Reply BusClient::finish(Exchange& exchange, const std::string& uri, const std::s
     if (!QSCall(m_handle, uri.c_str(), payload.c_str(), onReply, &exchange, &token, error))
         return refusedCall(uri, error);
     exchange.startTimers();
-    run();
+    while (run() && exchange.besides && !exchange.ended) {
+    }
     Exchange::stop(exchange.firstTimer);
     Exchange::stop(exchange.wholeTimer);
     BusError gone;

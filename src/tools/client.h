@@ -33,6 +33,9 @@ class BusClient {
     // Calls and waits for the first answer.
     Reply call(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
 
+    // The same beside an open call, whose answers are passed on meanwhile: a `quit` does not end the wait.
+    Reply callBesides(const std::string& uri, const std::string& payload, unsigned timeoutSeconds);
+
     // Sends a call that gets no answer, from a client that stays connected.
     Reply notify(const std::string& uri, const std::string& payload);
     // Sends a call that gets no answer, and waits until the service has handled it.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // `handler`: registers on the private bus as the receiver of a node's items and prints them. The service
-// keeps a registration forever, so it is withdrawn at every exit except a kill. With --confirm an item stays with
-// the server until the answer to it says that it has been printed.
+// keeps a registration forever, so it is withdrawn at every exit except a kill. With --confirm an item stays
+// with the server until the answer to it says that it has been printed.
 #include <glib-unix.h>
 #include <unistd.h>
 

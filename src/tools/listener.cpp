@@ -15,12 +15,12 @@ namespace {
 // A service without a connection does not answer yet; the user is told so after this time.
 constexpr unsigned kSilenceSeconds = 3;
 
+}  // namespace
+
 bool lacksConnection(const Reply& reply) {
     return reply.exit == Exit::NotConnected ||
            textMember(parseWholeJson(reply.payload).get(), "errorText") == "Service not initialized";
 }
-
-}  // namespace
 
 bool readBounds(const Invocation& invocation, Bounds& bounds, std::string& problem) {
     const std::string count = invocation.value("count");
@@ -98,7 +98,7 @@ void Listener::note(Kind kind, Reply reply) {
 }
 
 // Replaces the open call. Its queued answers are dropped: no item is among them, since the call was used up,
-// ended or never accepted.
+// ended or never accepted; or it is one that its service hands out again, since it was not acknowledged.
 void Listener::place() {
     std::erase_if(m_events,
                   [](const Event& event) { return event.kind == Kind::Answer || event.kind == Kind::Ended; });

@@ -11,6 +11,9 @@
 #include "tools/console.h"
 #include "tools/verbs.h"
 
+// Whether a refusal says that the service has no connection to its server.
+bool lacksConnection(const Reply& reply);
+
 class Listener {
   public:
     struct Target {
@@ -35,6 +38,8 @@ class Listener {
     Listener& operator=(const Listener&) = delete;
 
     BusClient& client() { return m_client; }
+    // A signal, the time or the count ends it.
+    bool isStopping() const { return m_stopping; }
     // SIGINT and SIGTERM end the subscription; `onSignal` is called first.
     Exit run(const Target& target, const OnAnswer& onAnswer, OnSignal onSignal = nullptr);
 

@@ -21,6 +21,7 @@ constexpr Hint kHints[] = {
     {.error = "item-not-found",
      .advice = "the node does not exist on the server; create it with `pubsubctl node create` or `pubsubctl "
                "endpoint create`"},
+    {.error = "Call createEndpoint first", .advice = "`pubsubctl endpoint create` does that"},
     {.error = "item-required",
      .advice = "the item needs a child element; `payload` is the one that receivers get"},
     {.error = "conflict", .advice = "a node with this name already exists"},

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// `subscribe` and `unsubscribe`: receiving the items of an application's endpoint. The service ends a
-// subscription with its first item, so each item is followed by a new subscription. Keeps no state.
+// `subscribe --newest` and `unsubscribe`: receiving the newest item of an application's endpoint, which the
+// service acknowledges by itself. It ends a subscription with its first item, so each item is followed by a
+// new subscription. `subscribe` without --newest is in receive.cpp. Keeps no state.
 #include <csignal>
 
 #include "tools/command.h"
@@ -145,8 +146,13 @@ class Unsubscription {
 }  // namespace
 
 Exit runSubscribe(const Invocation& invocation, Console& console) {
+    if (!invocation.has("newest"))
+        return runReceive(invocation, console);
     Bounds bounds;
     std::string problem;
+    if (invocation.has("retries"))
+        return console.usage(
+            "--newest and --retries are mutually exclusive: the service acknowledged the item");
     if (!readBounds(invocation, bounds, problem))
         return console.usage(problem);
     return Subscriber(invocation, console, bounds).run();

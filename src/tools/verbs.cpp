@@ -131,12 +131,19 @@ const std::vector<Verb>& allVerbs() {
          .help = "print this application's endpoints, who gets their items and how many wait",
          .run = runEndpointList},
         {.words = {"subscribe"},
-         .usage = "ENDPOINT [-C COUNT] [-W SECONDS] [-- COMMAND...]",
-         .help =
-             "receive an endpoint's items and print each, or run a command with each on its standard input",
+         .usage = "ENDPOINT [-C COUNT] [-W SECONDS] [--newest] [[--retries N] -- COMMAND...]",
+         .help = "receive an endpoint's items and print each, or run a command with each on its standard "
+                 "input; the server keeps an item until that is done",
          .minArguments = 1,
          .maxArguments = 1,
-         .options = {kCountOfItems, kWait},
+         .options = {kCountOfItems,
+                     kWait,
+                     {.name = "retries",
+                      .value = "N",
+                      .help = "how often a command that failed is run again with the same item (3)"},
+                     {.name = "newest",
+                      .help =
+                          "take only the newest item of those that came meanwhile, whatever happens to it"}},
          .run = runSubscribe,
          .takesCommand = true},
         {.words = {"unsubscribe"},

@@ -63,6 +63,8 @@ Exit runOnCloseListen(const Invocation& invocation, Console& console);
 Exit runOnCloseAdd(const Invocation& invocation, Console& console);
 Exit runOnCloseRemove(const Invocation& invocation, Console& console);
 Exit runEndpointList(const Invocation& invocation, Console& console);
+// `subscribe` without --newest.
+Exit runReceive(const Invocation& invocation, Console& console);
 Exit runHandler(const Invocation& invocation, Console& console);
 Exit runCall(const Invocation& invocation, Console& console);
 
@@ -88,6 +90,9 @@ bool callPayload(const Invocation& invocation, Console& console, std::string& pa
 std::string itemLine(const std::string& payload, bool json);
 // An item of an endpoint: its text alone, or {"endpoint","item"} under --json.
 std::string endpointItem(const std::string& payload, bool json);
+// The same of an item that waits for its acknowledgement; under --json with "itemid", "encoding", "expires"
+// and "published" where they are given.
+std::string receivedItem(const std::string& payload, bool json);
 // What is known of an application's endpoints, one a line.
 std::string endpointLines(const std::string& payload);
 // A request for approval: "NODE  id: ...", or its four members under --json.

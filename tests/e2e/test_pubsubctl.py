@@ -179,14 +179,71 @@ class Endpoints:
         self.assertEqual(sorted(sent), ["id", "seqNo"])
         self.assertEqual(receiver.end(), (0, ["by any client", "by its key", "by its address"]))
         self.good("publish", chat, "for the other")
-        self.assertEqual(stranger.end(), (0, ['{"endpoint":"inbox","item":"for the other"}']))
+        code, lines = stranger.end()
+        self.assertEqual((code, [json.loads(line)["item"] for line in lines]), (0, ["for the other"]))
 
-    def test_a_command_is_run_for_each_item_and_its_failure_is_the_exit_code(self):
+    def test_items_that_wait_are_all_received_in_order_and_listed_until_then(self):
+        key = self.good(*MAIL, "endpoint", "create", "queue")
+        sent = [f"job {number}" for number in range(30)]
+        for text in sent:
+            self.post(key, text)
+        self.wait_listed("queue", "queue  receiver: no  subscriber: no  waiting: 30  cached: no")
+        worker = self.start(*MAIL, "subscribe", "queue", "-W", "120", "-C", "30", "--", "sh", "-c", "sleep 0.2; cat; echo")
+        self.wait_listed("queue", "receiver: yes")
+        self.assertEqual(worker.end(120), (0, sent))
+        self.wait_listed("queue", "queue  receiver: no  subscriber: no  waiting: 0  cached: no")
+
+    def test_an_item_whose_command_fails_is_run_again_and_then_left(self):
+        key = self.good(*MAIL, "endpoint", "create", "retried")
+        for text in ("first", "bad", "last"):
+            self.post(key, text)
+        words = ("--retries", "1", "--", "sh", "-c", 'read -r job; echo "$job"; test "$job" != bad')
+        worker = self.start(*MAIL, "subscribe", "retried", "-C", "3", "-W", "60", *words)
+        self.assertEqual(worker.end(60), (1, ["first", "bad", "bad"]))
+        self.assertIn("pubsubctl: sh exited with code 1; it is run again in 1 s (retry 1 of 1)", worker.complaints)
+        rest = self.good(*MAIL, "subscribe", "retried", "-C", "2", "-W", "30")
+        self.assertEqual(rest, "bad\nlast")
+
+    def test_an_item_whose_receiver_is_killed_or_cannot_write_comes_again(self):
+        key = self.good(*MAIL, "endpoint", "create", "killed")
+        for text in ("first", "second"):
+            self.post(key, text)
+        with open("/dev/full", "w", encoding="ascii") as full:
+            done = subprocess.run([str(BIN / "pubsubctl"), *MAIL, "subscribe", "killed"], env=environment(self.stage),
+                                  stdin=subprocess.DEVNULL, stdout=full, stderr=subprocess.PIPE, text=True,
+                                  check=False, timeout=60)
+        self.assertEqual((done.returncode, "the item stays with the server" in done.stderr), (1, True), done.stderr)
+        hanging = self.start(*MAIL, "subscribe", "killed", "--", "sh", "-c", "cat; echo; exec sleep 60 >&- 2>&-")
+        self.assertEqual(hanging.wait_lines(1), ["first"])
+        hanging.signal(signal.SIGKILL)
+        hanging.end()
+        self.wait_listed("killed", "killed  receiver: no  subscriber: no  waiting: 2")
+        self.assertEqual(self.good(*MAIL, "subscribe", "killed", "-C", "2", "-W", "30"), "first\nsecond")
+
+    def wait_listed(self, endpoint, words):
+        """That `endpoint list` says this of an endpoint."""
+        def listed():
+            lines = self.good(*MAIL, "endpoint", "list").splitlines()
+            return any(line.startswith(endpoint + " ") and words in line for line in lines)
+        wait_until(listed, words)
+
+    def test_the_newest_alone_is_one_item_of_those_that_wait(self):
+        key = self.good(*MAIL, "endpoint", "create", "newest")
+        waiting = self.start("--json", *MAIL, "subscribe", "--newest", "newest", "-C", "1").wait_said("receiving")
+        self.post(key, "taken")
+        self.assertEqual(waiting.end(), (0, ['{"endpoint":"newest","item":"taken"}']))
+        for text in ("older", "old", "new"):
+            self.post(key, text)
+        self.wait_listed("newest", "waiting: 0  cached: yes")
+        self.assertEqual(self.good(*MAIL, "subscribe", "newest", "--newest", "-C", "1", "-W", "20"), "new")
+
+    def test_a_command_is_run_for_the_newest_item_and_its_failure_is_the_exit_code(self):
         key = self.good(*MAIL, "endpoint", "create", "jobs")
-        worker = self.start(*MAIL, "subscribe", "jobs", "-C", "3", "-W", "30", "--", "sh", "-c",
+        worker = self.start(*MAIL, "subscribe", "jobs", "--newest", "-C", "3", "-W", "30", "--", "sh", "-c",
                             'read -r job; echo "done: $job"; test "$job" != bad').wait_said("receiving")
-        for job in ("first", "bad", "last"):
+        for number, job in enumerate(("first", "bad", "last"), 1):
             self.good("publish", key, job + "\n")
+            worker.wait_lines(number)
         self.assertEqual(worker.end(), (1, ["done: first", "done: bad", "done: last"]))
         self.assertIn("pubsubctl: sh exited with code 1", worker.complaints)
 
@@ -194,8 +251,13 @@ class Endpoints:
         self.good(*MAIL, "endpoint", "create", "wait")
         self.assertEqual(self.good(*MAIL, "unsubscribe", "wait"), "nobody was subscribed to wait")
         self.refused(5, "0 of 1 received", *MAIL, "subscribe", "wait", "-C", "1", "-W", "1")
-        waiting = self.start(*MAIL, "subscribe", "wait").wait_said("receiving")
-        self.refused(3, "another process of this application", *MAIL, "subscribe", "wait")
+        receiving = self.start(*MAIL, "subscribe", "wait").wait_said("receiving")
+        self.refused(3, "Endpoint wait is received by", *MAIL, "subscribe", "wait")
+        receiving.signal(signal.SIGINT)
+        self.assertEqual(receiving.end()[0], 0)
+        self.wait_listed("wait", "receiver: no")
+        waiting = self.start(*MAIL, "subscribe", "--newest", "wait").wait_said("receiving")
+        self.refused(3, "another process of this application", *MAIL, "subscribe", "--newest", "wait")
         self.assertEqual(self.good(*MAIL, "unsubscribe", "wait"), "unsubscribed from wait")
         # It subscribes again, since its wait was ended by somebody else.
         key = self.good(*MAIL, "endpoint", "key", "wait")
@@ -251,7 +313,7 @@ class Outages:
 
     def test_unsubscribing_without_a_connection_has_one_answer(self):
         self.good(*MAIL, "endpoint", "create", "alone")
-        waiting = self.start(*MAIL, "subscribe", "alone").wait_said("receiving")
+        waiting = self.start(*MAIL, "subscribe", "--newest", "alone").wait_said("receiving")
         self.good("session", "disconnect")
         self.assertEqual(self.good("--timeout", "20", *MAIL, "unsubscribe", "alone"), "unsubscribed from alone")
         waiting.signal(signal.SIGTERM)

@@ -156,7 +156,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Refusal{{"subscribe", "box", "--"}, "a COMMAND is missing after --"},
                     Refusal{{"subscribe", "box", "cat"},
                             "one argument too many: \"cat\"; usage: pubsubctl subscribe ENDPOINT [-C COUNT] "
-                            "[-W SECONDS] [-- COMMAND...]"},
+                            "[-W SECONDS] [--newest] [[--retries N] -- COMMAND...]"},
                     Refusal{
                         {"--app", "no id", "status"},
                         "--app takes an application id of letters, digits, '.', '_' and '-', not \"no id\""},

@@ -177,6 +177,15 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"pending", "list", "-C", "none"},
                   "-C takes a whole number from 1 to 1000000, not \"none\""},
         UsageCase{{"onclose", "listen", "-W", "0"}, "-W takes a whole number of seconds, not \"0\""},
+        UsageCase{{"subscribe", "box", "--retries", "1"}, "--retries needs a COMMAND after --"},
+        UsageCase{{"subscribe", "box", "--retries", "-1", "--", "cat"},
+                  "--retries takes a whole number from 0 to 1000000, not \"-1\""},
+        UsageCase{{"subscribe", "box", "--retries", "1x", "--", "cat"},
+                  "--retries takes a whole number from 0 to 1000000, not \"1x\""},
+        UsageCase{{"subscribe", "box", "--newest", "--retries", "1", "--", "cat"},
+                  "--newest and --retries are mutually exclusive: the service acknowledged the item"},
+        UsageCase{{"subscribe", "box", "--newest", "-C", "0"},
+                  "-C takes a whole number from 1 to 1000000, not \"0\""},
         UsageCase{{"subscribe", "box", "-C", "0"}, "-C takes a whole number from 1 to 1000000, not \"0\""},
         UsageCase{{"publish", "KEY", "text", "--file", "f"}, "give the item once: as TEXT or with --file"}));
 

@@ -37,6 +37,8 @@ class FakeService {
                                       "getPublishKey",
                                       "listEndpoints",
                                       "subscribe",
+                                      "receive",
+                                      "acknowledge",
                                       "unsubscribe",
                                       "subscribeOnClose",
                                       "unsubscribeOnClose",

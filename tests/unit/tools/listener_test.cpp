@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// Long-lived subscriptions, against a small service on a real bus: what is called again, what is printed,
+// Long-lived subscriptions that take the newest item, against a small service on a real bus: what is called again, what is printed,
 // what ends them.
 #include <gmock/gmock.h>
 
-#include "tests/unit/host/privatebus.h"
-#include "tests/unit/tools/commandline.h"
-#include "tests/unit/tools/fakeservice.h"
+#include "tests/unit/tools/publicsteps.h"
 
 namespace {
 
@@ -18,27 +16,9 @@ constexpr char kNotInitialized[] =
 constexpr char kLost[] =
     R"({"returnValue":false,"errorCode":"connectionErr","errorText":"pubsubservice disconnected"})";
 
-class Receiver : public testing::Test, public CommandLine {
+class Receiver : public PublicSteps {
   protected:
     Receiver() { service.script["subscribe"] = kAccepted; }
-    // What the service does after its reply to the call number 1, 2, ... of the method.
-    void after(const std::string& method, std::vector<std::function<void()>> steps) {
-        m_steps[method] = std::move(steps);
-        service.afterReply = [this](const std::string& called) {
-            size_t number = m_counts[called]++;
-            if (number < m_steps[called].size())
-                schedule(m_steps[called][number]);
-        };
-    }
-    static void schedule(const std::function<void()>& step) {
-        g_idle_add(
-            [](gpointer data) -> gboolean {
-                std::unique_ptr<std::function<void()>> held(static_cast<std::function<void()>*>(data));
-                (*held)();
-                return FALSE;
-            },
-            new std::function<void()>(step));
-    }
     // An item as the service delivers it: it ends the subscription.
     std::function<void()> item(const std::string& text) {
         return [this, text] {
@@ -48,18 +28,12 @@ class Receiver : public testing::Test, public CommandLine {
         };
     }
 
-    PrivateBus publicBus{"ZELT_PUBLIC_BUS"};
-    FakeService service{QSBus::Public};
     std::string subscription = R"(subscribe {"endpoint":"box","subscribe":true})";
-
-  private:
-    std::map<std::string, std::vector<std::function<void()>>> m_steps;
-    std::map<std::string, size_t> m_counts;
 };
 
 TEST_F(Receiver, SubscribesAgainAfterEachItemUntilTheCount) {
     after("subscribe", {item("one"), item("two\\nlines")});
-    EXPECT_EQ(run({"subscribe", "box", "-C", "2"}), Exit::Ok);
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "-C", "2"}), Exit::Ok);
     EXPECT_EQ(out.str(), "one\ntwo\nlines\n");
     EXPECT_EQ(err.str(), "pubsubctl: receiving the items of box\n");
     EXPECT_THAT(service.calls, ElementsAre(subscription, subscription));
@@ -67,20 +41,20 @@ TEST_F(Receiver, SubscribesAgainAfterEachItemUntilTheCount) {
 
 TEST_F(Receiver, PrintsObjectsUnderJson) {
     after("subscribe", {item("a\\\"b")});
-    EXPECT_EQ(run({"--json", "subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(run({"--json", "subscribe", "--newest", "box", "-C", "1"}), Exit::Ok);
     EXPECT_EQ(out.str(), "{\"endpoint\":\"box\",\"item\":\"a\\\"b\"}\n");
 }
 
 TEST_F(Receiver, SubscribesAgainWhenItsSubscriptionIsEndedWithoutAnItem) {
     after("subscribe", {[this] { service.endSubscriptions("subscribe"); }, item("one")});
-    EXPECT_EQ(run({"subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "-C", "1"}), Exit::Ok);
     EXPECT_EQ(out.str(), "one\n");
     EXPECT_THAT(service.calls, ElementsAre(subscription, subscription));
 }
 
 TEST_F(Receiver, RefusesToWaitBesideAnotherProcessOfTheApplication) {
     service.script["subscribe"] = R"({"returnValue":true,"endpoint":"box","status":"subscribed"})";
-    EXPECT_EQ(run({"subscribe", "box"}), Exit::Refused);
+    EXPECT_EQ(run({"subscribe", "--newest", "box"}), Exit::Refused);
     EXPECT_EQ(err.str(),
               "pubsubctl: another process of this application already waits for box and gets its next item; "
               "`pubsubctl unsubscribe` ends its wait\n");
@@ -91,7 +65,7 @@ TEST_F(Receiver, EndsWithARefusalThatComesAsTheSecondAnswer) {
               service.post("subscribe",
                            R"({"returnValue":false,"errorCode":"xmppErr","errorText":"forbidden"})");
           }});
-    EXPECT_EQ(run({"subscribe", "box"}), Exit::Refused);
+    EXPECT_EQ(run({"subscribe", "--newest", "box"}), Exit::Refused);
     EXPECT_THAT(err.str(), HasSubstr("pubsubctl: xmppErr: forbidden"));
 }
 
@@ -100,7 +74,7 @@ TEST_F(Receiver, StaysWhenTheConnectionIsLostUnderAnAcceptedSubscription) {
               service.post("subscribe", kLost);
               item("later")();
           }});
-    EXPECT_EQ(run({"subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "-C", "1"}), Exit::Ok);
     EXPECT_EQ(out.str(), "later\n");
     EXPECT_THAT(err.str(),
                 HasSubstr("pubsubctl: the connection was lost; delivery resumes when it is back\n"));
@@ -114,7 +88,7 @@ TEST_F(Receiver, WaitsForTheFirstConnectionOfTheService) {
               service.script["subscribe"] = kAccepted;
               service.post("connectStatus", R"({"returnValue":true,"connected":true})");
           }});
-    EXPECT_EQ(run({"subscribe", "box", "-C", "1", "-W", "1"}), Exit::TimedOut);
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "-C", "1", "-W", "1"}), Exit::TimedOut);
     EXPECT_THAT(service.calls,
                 ElementsAre(subscription, R"(connectStatus {"subscribe":true})", subscription));
     EXPECT_EQ(err.str(),
@@ -125,19 +99,19 @@ TEST_F(Receiver, WaitsForTheFirstConnectionOfTheService) {
 
 TEST_F(Receiver, SaysWhenNoAnswerComesAndGoesOnWaiting) {
     service.script["subscribe"] = "";
-    EXPECT_EQ(run({"subscribe", "box", "-W", "4"}), Exit::Ok);
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "-W", "4"}), Exit::Ok);
     EXPECT_EQ(err.str(), "pubsubctl: no answer yet: the service has no connection to its server; waiting\n");
 }
 
 TEST_F(Receiver, EndsWithFourWhenTheServiceIsNotThereOrTheBusGoes) {
     after("subscribe", {[this] { publicBus.stop(); }});
-    EXPECT_EQ(run({"subscribe", "box"}), Exit::NotConnected);
+    EXPECT_EQ(run({"subscribe", "--newest", "box"}), Exit::NotConnected);
     EXPECT_THAT(err.str(), HasSubstr("pubsubctl: the bus closed the connection\n"));
 }
 
 TEST_F(Receiver, EndsWithFourWhenThereNeverWasAService) {
     service.leave();
-    EXPECT_EQ(run({"subscribe", "box"}), Exit::NotConnected);
+    EXPECT_EQ(run({"subscribe", "--newest", "box"}), Exit::NotConnected);
     EXPECT_THAT(err.str(), HasSubstr("com.zelt.pubsubservice is not on the bus"));
 }
 
@@ -150,7 +124,7 @@ TEST_F(Receiver, WaitsForAServiceThatLeftAndSubscribesAtTheNextOne) {
                   next->script["subscribe"] = R"({"returnValue":true,"item":"new","endpoint":"box"})";
               });
           }});
-    EXPECT_EQ(run({"subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "-C", "1"}), Exit::Ok);
     EXPECT_EQ(out.str(), "new\n");
     EXPECT_EQ(err.str(),
               "pubsubctl: receiving the items of box\n"
@@ -163,7 +137,7 @@ TEST_F(Receiver, EndsWhenInterruptedAndTheServiceHearsOfIt) {
         service.cancelled.clear();
         after("subscribe", {});
         service.afterReply = [signal](const std::string&) { kill(getpid(), signal); };
-        EXPECT_EQ(run({"subscribe", "box"}), Exit::Ok);
+        EXPECT_EQ(run({"subscribe", "--newest", "box"}), Exit::Ok);
         EXPECT_TRUE(service.until([this] { return !service.cancelled.empty(); }));
         EXPECT_THAT(service.cancelled, ElementsAre(subscription));
     }
@@ -172,7 +146,7 @@ TEST_F(Receiver, EndsWhenInterruptedAndTheServiceHearsOfIt) {
 TEST_F(Receiver, RunsTheCommandForEachItemAndReportsItsFailures) {
     after("subscribe", {item("good"), item("bad")});
     std::string file = testing::TempDir() + "pubsubctl-items-" + std::to_string(getpid());
-    EXPECT_EQ(run({"subscribe", "box", "-C", "2", "--", "sh", "-c",
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "-C", "2", "--", "sh", "-c",
                    "cat >>" + file + "; echo >>" + file + "; ! grep -q bad " + file}),
               Exit::CommandFailed);
     std::string text;
@@ -188,12 +162,13 @@ TEST_F(Receiver, RunsTheCommandForEachItemAndReportsItsFailures) {
 
 TEST_F(Receiver, SaysWhichSignalEndedACommand) {
     after("subscribe", {item("one")});
-    EXPECT_EQ(run({"subscribe", "box", "-C", "1", "--", "sh", "-c", "kill -9 $$"}), Exit::CommandFailed);
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "-C", "1", "--", "sh", "-c", "kill -9 $$"}),
+              Exit::CommandFailed);
     EXPECT_THAT(err.str(), HasSubstr("pubsubctl: sh was killed by signal 9\n"));
 }
 
 TEST_F(Receiver, NeedsTheProgramBeforeItReceivesAnything) {
-    EXPECT_EQ(run({"subscribe", "box", "--", "no-such-program"}), Exit::Usage);
+    EXPECT_EQ(run({"subscribe", "--newest", "box", "--", "no-such-program"}), Exit::Usage);
     EXPECT_TRUE(service.calls.empty());
 }
 
