@@ -123,6 +123,9 @@ class Receiving(GuideTest):
         program = self.compile(["cc"], self.write("In C", "receive.c"), *package("libsystemd", "json-c"))
         self.expect_every_item([program], "com.example.guide.c")
 
+    def test_the_command_in_the_shell_receives_every_item_once(self):
+        self.expect_every_item(["sh", self.write("In the shell", "receive.sh")], "com.example.guide.shell")
+
     def test_a_program_that_cannot_write_leaves_its_item_to_the_next(self):
         app_id = "com.example.guide.full"
         app = self.app(app_id)
