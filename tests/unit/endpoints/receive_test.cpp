@@ -225,6 +225,20 @@ TEST_F(Receive, AReceiptIsGoodOnceForItsEndpointAndApplication) {
     EXPECT_EQ(acknowledged(good), refusal("inbox", "appErr", kUnknownReceipt));
 }
 
+TEST_F(Receive, AReceiptIsGoodOnceAlsoBeforeTheCommit) {
+    const Answer receiver = receiveInbox();
+    pushItem(kNode, "7", "i1", "hello");
+    const Answer first = askAcknowledge(receipt(receiver));
+    EXPECT_EQ(askAcknowledge(receipt(receiver)).text(), refusal("inbox", "appErr", kUnknownReceipt));
+    EXPECT_EQ(askAcknowledge(receipt(receiver), "inbox", R"(,"retry":0)").text(),
+              refusal("inbox", "appErr", kUnknownReceipt));
+    fakeServer().forgetStanzas();
+    pump();
+    EXPECT_EQ(first.all(), Texts{kSuccess});
+    EXPECT_EQ(fakeServer().stanzas().size(), 1u);
+    EXPECT_EQ(receiver.all().size(), 2u);
+}
+
 TEST_F(Receive, AReceiptStaysGoodOverADisconnect) {
     const Answer receiver = receiveInbox();
     pushItem(kNode, "7", "i1", "hello");
@@ -403,6 +417,20 @@ TEST_F(Receive, WhenTheClientCancelsTheNextReceiverGetsTheSameItemWithANewReceip
     EXPECT_EQ(second.all().back(), itemOf("hello", "i1", receipt(second)));
     EXPECT_NE(receipt(second), old);
     EXPECT_EQ(acknowledged(receipt(second)), kSuccess);
+}
+
+TEST_F(Receive, TheNextReceiverGetsNothingThatWasOnItsWayToTheOneBefore) {
+    const Answer first = receiveInbox();
+    pushItem(kNode, "7", "i1", "one");
+    ASSERT_TRUE(fakeBus().cancel(first.message()));
+    const std::string closing = expectStanza(deactivateStanza());
+    const Answer second = askReceive();
+    pushItem(kNode, "8", "i2", "two");
+    EXPECT_EQ(second.all().size(), 1u) << "the first item was given back and comes before it";
+    answer(closing);
+    pushItem(kNode, "8", "i2", "two");
+    EXPECT_EQ(second.all().size(), 1u);
+    answer(expectStanza(limitedStanza()));
 }
 
 TEST_F(Receive, AnItemBeforeTheAnswerToTheActivationIsAskedForAgain) {
