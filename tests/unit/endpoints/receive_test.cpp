@@ -419,6 +419,18 @@ TEST_F(Receive, WhenTheClientCancelsTheNextReceiverGetsTheSameItemWithANewReceip
     EXPECT_EQ(acknowledged(receipt(second)), kSuccess);
 }
 
+TEST_F(Receive, AnItemThatWasTakenJustBeforeTheClientDiedIsAcknowledgedBeforeTheNodeIsDeactivated) {
+    const Answer receiver = receiveInbox();
+    pushItem(kNode, "7", "i1", "hello");
+    askAcknowledge(receipt(receiver));
+    fakeServer().forgetStanzas();
+    fakeBus().clientDies(receiver.message());
+    EXPECT_EQ(fakePrefs().stored(kPrefs).count(kNode), 1u);
+    ASSERT_EQ(fakeServer().stanzas().size(), 2u);
+    EXPECT_EQ("xmpp.send " + fakeServer().stanzas()[0].textWithoutId(), ackOf("i1", "7"));
+    EXPECT_EQ(fakeServer().stanzas()[1].textWithoutId(), deactivateStanza());
+}
+
 TEST_F(Receive, TheNextReceiverGetsNothingThatWasOnItsWayToTheOneBefore) {
     const Answer first = receiveInbox();
     pushItem(kNode, "7", "i1", "one");
