@@ -37,7 +37,7 @@ std::string PubSubSession::serviceOfHandler(const std::string& address) {
 bool PubSubSession::askHandlers(const std::string& node, _openNodeStruct& entry) {
     const auto confirming = m_confirming.find(node);
     if (confirming == m_confirming.end())
-        return false;
+        return false;  // uncovered: a node without receiver and handlers that confirm holds no item
     const auto handlers = serviceNodeMap.find(node);
     if (!std::exchange(entry.told, true) && handlers != serviceNodeMap.end()) {
         const JsonRef object(getResponseJsonObject(node, entry.open->id, entry.open->text));

@@ -305,7 +305,7 @@ void PubSubSession::acceptItem(const std::string& node, _itemStruct item) {
 bool PubSubSession::handOut(const std::string& node) {
     const auto found = m_openNodes.find(node);
     if (found == m_openNodes.end())
-        return true;
+        return true;  // uncovered: a node that ends leaves its receiver and its times
     _openNodeStruct& entry = found->second;
     if (!entry.open || entry.taken || !entry.receipt.empty() || !entry.calls.empty())
         return true;
@@ -362,7 +362,7 @@ void PubSubSession::finishTaken() {
 void PubSubSession::advance(const std::string& node) {
     const auto found = m_openNodes.find(node);
     if (found == m_openNodes.end() || !found->second.taken)
-        return;
+        return;  // uncovered: what ends a node or its items settles what was taken before
     _openNodeStruct& entry = found->second;
     std::optional<_itemStruct> next = std::move(entry.next);
     forgetItems(node, entry);
@@ -386,11 +386,11 @@ void PubSubSession::handlerAnswered(const _confirmCallStruct& call, bool confirm
     const std::string node = call.node;
     const auto found = m_openNodes.find(node);
     if (found == m_openNodes.end())
-        return;
+        return;  // uncovered: a node's calls are cancelled before it ends
     _openNodeStruct& entry = found->second;
     const auto placed = entry.calls.find(call.endpoint);
     if (placed == entry.calls.end() || placed->second.get() != &call)
-        return;
+        return;  // uncovered: a call is cancelled before another one takes its place
     if (confirmed)
         entry.confirmed.insert(call.endpoint);
     entry.calls.erase(placed);
@@ -423,8 +423,7 @@ void PubSubSession::retryHandlers(const std::string& service) {
 // --- times
 
 void PubSubSession::setDue(const std::string& node, _openNodeStruct& entry, int64_t milliseconds) {
-    if (entry.due != 0)
-        m_dueNodes.erase({entry.due, node});
+    clearDue(node, entry);
     entry.due = g_get_monotonic_time() + milliseconds * kMicroseconds;
     m_dueNodes.emplace(entry.due, node);
     armDueTimer();

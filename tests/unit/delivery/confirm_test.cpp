@@ -236,3 +236,60 @@ TEST_F(Confirm, AReceiverComesBeforeTheHandlers) {
     confirmed(kOne);
     EXPECT_TRUE(isStored());
 }
+
+TEST_F(Confirm, AHandlerThatDoesNotAnswerInTimeIsCalledAgain) {
+    confirmWith(kOne);
+    pushItem(kNode, "7", "i1", "hello");
+    // As if the 60 s were over.
+    _openNodeStruct& entry = session().m_openNodes[kNode];
+    session().clearDue(kNode, entry);
+    session().setDue(kNode, entry, 0);
+    takeLogLines();
+    waitFor([&] { return callsOf(kOne) == 2; });
+    EXPECT_EQ(takeLogLines().size(), 1u);
+    EXPECT_FALSE(isStored());
+    confirmed(kOne);
+    EXPECT_TRUE(isStored());
+}
+
+TEST_F(Confirm, AHandlerWithoutAServiceInItsAddressIsTriedAgain) {
+    confirmWith("nowhere");
+    takeLogLines();
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(takeLogLines(),
+              Texts{"askHandlers: Calling the handler nowhere failed, it is tried again: not a bus address: "
+                    "nowhere"});
+    EXPECT_NE(session().m_dueTimer, 0u);
+    EXPECT_FALSE(isStored());
+}
+
+TEST_F(Confirm, AHandlerThatDoesNotConfirmAndCannotBeCalledHoldsNothingUp) {
+    registerHandler("nowhere", "");
+    confirmWith(kOne);
+    takeLogLines();
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(takeLogLines(),
+              Texts{"askHandlers: Calling the handler nowhere failed: not a bus address: nowhere"});
+    confirmed(kOne);
+    EXPECT_TRUE(isStored());
+}
+
+TEST_F(Confirm, AServiceThatCannotBeWatchedIsCalledAllTheSame) {
+    confirmWith(kOne);
+    takeLogLines();
+    fakeBus().failNext("QSCall", -ENOBUFS, "no room", 1, 1);  // after the alarm
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(takeLogLines(),
+              Texts{"watchHandlerService: Watching the service com.example.one failed: no room"});
+    confirmed(kOne);
+    EXPECT_TRUE(isStored());
+}
+
+TEST_F(Confirm, ACallThatCannotBeCancelledIsLogged) {
+    confirmWith(kOne);
+    pushItem(kNode, "7", "i1", "hello");
+    takeLogLines();
+    fakeBus().failNext("QSCallCancel", -EINVAL, "no call");
+    unregisterHandler(kOne);
+    EXPECT_EQ(takeLogLines().size(), 1u);
+}

@@ -363,6 +363,109 @@ TEST_F(Receive, AnActivationThatTheServerRefusesForGoodIsNot) {
     EXPECT_EQ(stanzaCount(), 1u);
 }
 
+TEST_F(Receive, AClientThatDiesWithoutAConnectionLeavesNothing) {
+    const Answer receiver = receiveInbox();
+    loseConnection();
+    fakeBus().clientDies(receiver.message());
+    EXPECT_FALSE(session().keepsOpenItem(kNode));
+}
+
+TEST_F(Receive, AnItemBeforeTheAnswerToABulkActivationIsAskedForAgain) {
+    own({"inbox", "news"});
+    const Answer receiver = askReceive();
+    const std::string bulk = lastId();
+    pushItem(kNode, "7", "i1", "early");
+    EXPECT_EQ(receiver.all().size(), 1u);
+    answer(bulk, "<activate-nodes xmlns='urn:zelt:pubsub:device:0'/>");
+    EXPECT_EQ(lastStanza().textWithoutId(), deactivateStanza());
+    answer(lastId());
+    answer(expectStanza(limitedStanza()));
+    pushItem(kNode, "7", "i1", "early");
+    EXPECT_EQ(receiver.all().size(), 2u);
+}
+
+TEST_F(Receive, TheAnswerToABulkActivationLeavesOtherNodesAlone) {
+    own({"inbox", "news", "third"});
+    const Answer first = askReceive(R"({"subscribe":true,"endpoints":["inbox","news"]})");
+    const std::string bulk = lastId();
+    const Answer second = askReceive(R"({"subscribe":true,"endpoints":["third"]})");
+    answer(bulk, "<activate-nodes xmlns='urn:zelt:pubsub:device:0'/>");
+    pushItem(nodeOf("third"), "7", "i1", "too early");
+    EXPECT_EQ(second.all().size(), 1u);
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(first.all().size(), 2u);
+}
+
+TEST_F(Receive, OneThatIsWrittenLaterDoesNotWaitForAnEndpointThatIsDeleted) {
+    own({"inbox", "news"});
+    const Answer receiver = askReceive();
+    answerBulk();
+    fakeBus().failNext("QSMessageRespond", -ENOBUFS, "The client does not read");
+    pushItem(kNode, "7", "i1", "hello");
+    pushItem(nodeOf("news"), "8", "i2", "news");
+    ask(deleteEndpoint, "deleteEndpoint");
+    answer(lastId());
+    waitFor([&] { return receiver.all().size() == 2; });
+    EXPECT_EQ(session().m_dueTimer, 0u);
+}
+
+TEST_F(Receive, TheRestIsWrittenLaterWhenTheBusTakesOneOfThemAlone) {
+    own({"inbox", "news", "third"});
+    const Answer receiver = askReceive();
+    answerBulk();
+    fakeBus().failNext("QSMessageRespond", -ENOBUFS, "The client does not read");
+    pushItem(kNode, "7", "i1", "hello");
+    pushItem(nodeOf("news"), "8", "i2", "news");
+    pushItem(nodeOf("third"), "9", "i3", "third");
+    fakeBus().failNext("QSMessageRespond", -ENOBUFS, "The client does not read", 1, 1);
+    waitFor([&] { return receiver.all().size() == 4; });
+    EXPECT_EQ(session().m_dueTimer, 0u);
+}
+
+TEST_F(Receive, AnAcknowledgementWhoseAnswerCannotBeSentCounts) {
+    const Answer receiver = receiveInbox();
+    pushItem(kNode, "7", "i1", "hello");
+    takeLogLines();
+    fakeBus().failNext("QSMessageRespond", -ENOBUFS, "The client does not read");
+    askAcknowledge(receipt(receiver));
+    pump();
+    EXPECT_EQ(takeLogLines().size(), 1u);
+    EXPECT_EQ(fakePrefs().stored(kPrefs).count(kNode), 1u);
+}
+
+TEST_F(Receive, AnEndpointThatIsCreatedAgainStaysWithItsReceiver) {
+    const Answer receiver = receiveInbox();
+    createEndpointOf("inbox");
+    EXPECT_EQ(lastStanza().textWithoutId(), deactivateStanza());
+    answer(lastId());
+    answer(expectStanza(limitedStanza()));
+    pushItem(kNode, "7", "i1", "hello");
+    EXPECT_EQ(receiver.all().size(), 2u);
+}
+
+TEST_F(Receive, OfNamedEndpointsIsActivatedAtTheNextConnect) {
+    own({"inbox", "news"});
+    askReceive(R"({"subscribe":true,"endpoints":["inbox"]})");
+    answer(lastId());
+    loseConnection();
+    fakeServer().forgetStanzas();
+    reconnect();
+    EXPECT_EQ(fakeServer().stanzas()[0].textWithoutId(), limitedStanza());
+}
+
+TEST_F(Receive, OfAllEndpointsHasThoseThatAreStoredApart) {
+    own({"inbox"});
+    session().furtherNodes("deletecom.example.app").insert(nodeOf("apart"));
+    EXPECT_EQ(askReceive(), R"({ "returnValue": true, "endpoints": [ "inbox", "apart" ] })");
+}
+
+TEST_F(Receive, WithoutTheStoreKnowsNoEndpoint) {
+    own({"inbox"});
+    fakePrefs().failNext("QPAppCopyValue", QP_IO);
+    EXPECT_EQ(askReceive(), R"({ "returnValue": true, "endpoints": [ ] })");
+    takeLogLines();
+}
+
 class RetryRefusal : public ReceiveTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(RetryRefusal, IsABadArgumentAndChangesNothing) {

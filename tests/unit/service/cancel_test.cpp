@@ -65,6 +65,14 @@ TEST_F(Cancellation, RemovesTheSubscriberOfAPrivateSubscribe) {
     EXPECT_FALSE(subscribed());
 }
 
+TEST_F(Cancellation, OfAReceiveThatWasRefusedLeavesTheSubscriber) {
+    const std::string payload = R"({"subscribe":true})";
+    cancelledPrivate("receive", payload);
+    cancelled(publicCancelFunc, publicHandle(), "receive", payload);
+    EXPECT_TRUE(subscribed());
+    EXPECT_EQ(takeLogLines(), Texts{});
+}
+
 TEST_F(Cancellation, NeedsNoConnection) {
     session().m_connected = false;
     cancelledPublic(kSubscribe);
