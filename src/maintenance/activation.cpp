@@ -154,15 +154,5 @@ void PubSubSession::handleActivateSysNodes(const std::string&, const gloox::JID&
 
 void PubSubSession::handleBulkActivate(const std::string& id, const gloox::JID&, const gloox::Error* error) {
     printerror(error);
-    // An error that passes is that of all nodes, any other may be of one of them.
-    if (!error || error->type() != gloox::StanzaErrorTypeWait) {
-        openNodesAnswered(id);
-        return;
-    }
-    std::vector<std::string> nodes;
-    for (const auto& [node, entry] : m_openNodes)
-        if (entry.request == id)
-            nodes.push_back(node);
-    for (const std::string& node : nodes)
-        openNodeAnswered(id, node, error);
+    openNodesAnswered(id, error);
 }

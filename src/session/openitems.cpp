@@ -262,14 +262,18 @@ bool PubSubSession::openNodeAnswered(const std::string& id, const std::string& n
     return true;
 }
 
-// Which of the nodes failed is only logged: those that do not exist get no items, so nothing depends on it.
-void PubSubSession::openNodesAnswered(const std::string& bulkId) {
+// An error that passes is that of all nodes, any other may be of one of them. Which of them failed is only
+// logged: those that do not exist get no items, so nothing depends on it.
+void PubSubSession::openNodesAnswered(const std::string& bulkId, const gloox::Error* error) {
+    const bool refused = error && error->type() == gloox::StanzaErrorTypeWait;
     for (auto& [node, entry] : m_openNodes) {
         if (entry.request != bulkId)
             continue;
         entry.request.clear();
-        entry.link = NodeLink::On;
-        if (entry.missed)
+        entry.link = refused ? NodeLink::Off : NodeLink::On;
+        if (refused && entry.due == 0)
+            setDue(node, entry, pauseAfter(++entry.failures));
+        else if (!refused && entry.missed)
             closeNode(node, entry);
     }
 }

@@ -219,7 +219,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void finishTaken();  // after the commit
     // Results of the node's activations and deactivations; false for one that others asked for.
     bool openNodeAnswered(const std::string& id, const std::string& node, const gloox::Error* error);
-    void openNodesAnswered(const std::string& bulkId);
+    void openNodesAnswered(const std::string& bulkId, const gloox::Error* error);
     // Others have had the node deactivated, which ended the activation for its receiver too.
     void reopenNode(const std::string& node);
     bool isWanted(const std::string& node, const _openNodeStruct& entry) const;
