@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Handlers that confirm: their answer acknowledges the item, and until then the item stays.
 #include "delivery/methods.h"
+#include "tests/fakes/waitfor.h"
 #include "tests/unit/delivery/incomingtest.h"
 
 namespace {
@@ -48,13 +49,6 @@ class Confirm : public Incoming {
     }
     std::size_t callsOf(const std::string& endpoint) { return fakeBus().payloadsTo(endpoint).size(); }
     bool isStored() { return fakePrefs().stored(kPrefs).contains(kNode); }
-    template <class Condition>
-    void waitFor(Condition condition) {
-        const gint64 deadline = g_get_monotonic_time() + 10 * G_USEC_PER_SEC;
-        while (!condition() && g_get_monotonic_time() < deadline)
-            g_main_context_iteration(nullptr, TRUE);
-        EXPECT_TRUE(condition());
-    }
     std::string handlerFileText() { return fileText(stateFolder() / "pubsubhandlers.conf"); }
 };
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "service/cancel.h"
+#include "tests/fakes/waitfor.h"
 #include "tests/unit/endpoints/endpointtest.h"
 #include "util/jsonref.h"
 
@@ -94,13 +95,5 @@ class ReceiveTest : public EndpointTest {
     // The receipt of the last item.
     static std::string receipt(const Answer& receiver) {
         return textMember(parseJson(receiver.all().back().c_str()).get(), "receipt");
-    }
-    // Lets the loop run, with its timers, until the condition holds.
-    template <class Condition>
-    void waitFor(Condition condition) {
-        const gint64 deadline = g_get_monotonic_time() + 10 * G_USEC_PER_SEC;
-        while (!condition() && g_get_monotonic_time() < deadline)
-            g_main_context_iteration(nullptr, TRUE);
-        EXPECT_TRUE(condition());
     }
 };
