@@ -108,7 +108,7 @@ stop_workers() ->
     [begin
          supervisor:terminate_child(ejabberd_gen_mod_sup, Id),
          supervisor:delete_child(ejabberd_gen_mod_sup, Id)
-     end || {Id, _} <- workers()].
+     end || {Id, _} <- lists:reverse(workers())].
 
 %% Whether the domain is a pub-sub service with this extension.
 is_service(Domain) ->

@@ -1,11 +1,11 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% The group commit of a cluster member: callers wait until what they have written is on disk, and answers that
-%% confirm it are held back until then. One sync serves all who asked before it began. It takes place when the
+%% The group commit of a cluster member: callers wait until what they have written is on disk, and what tells others of
+%% it is held back until then. One sync serves all who asked before it began. It takes place when the
 %% messages that were queued at the first request have been taken, or after ?BATCH messages, whatever else arrives.
 -module(pubsub_device_commit).
 -behaviour(gen_server).
 
--export([start_link/0, members/0, sync/0, answer/1]).
+-export([start_link/0, members/0, sync/0, answer/1, afterwards/1]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
 
 start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
@@ -36,6 +36,13 @@ sync() ->
 answer(IQ) ->
     gen_server:cast(?MODULE, {answer, IQ}).
 
+%% Calls the function, which must not fail, once everything written before is on disk.
+afterwards(Fun) ->
+    case mod_pubsub_device:option(sync) of
+        true -> gen_server:cast(?MODULE, {call, Fun});
+        false -> Fun(), ok
+    end.
+
 %% This process outlives the writers, so it owns the table of counts.
 init([]) ->
     pubsub_device_bounds:init(),
@@ -49,7 +56,7 @@ init([]) ->
 handle_call(settle, From, State) -> wait({reply, From}, State);
 handle_call(sync, From, State) -> wait({reply, From}, State).
 
-handle_cast({answer, IQ}, State) -> wait({answer, IQ}, State).
+handle_cast(Request, State) -> wait(Request, State).
 
 handle_info(commit, State) -> {noreply, commit(State)};
 handle_info({_, Change, ?MODULE, _}, State) when Change == join; Change == leave -> keep_members(), next(State);
@@ -71,6 +78,7 @@ commit({Waiting, _}) ->
     none.
 
 finish({reply, From}) -> gen_server:reply(From, ok);
+finish({call, Fun}) -> Fun();
 finish({answer, IQ}) -> ejabberd_router:route(IQ).
 
 terminate(_, _) -> ok.

@@ -54,17 +54,17 @@ write(Publications, Before) ->
             {Written, After} = lists:mapfoldl(fun number/2, Numbers, Publications),
             Reserved = pubsub_device_numbers:reserve(After),
             mnesia:async_dirty(fun() -> lists:foreach(fun pubsub_device_bodies:store/1, Written) end),
-            {[outcome(Each) || Each <- Written], {Written, After /= Reserved}, Reserved};
+            {[outcome(Each) || Each <- Written], {Written, must_sync(Written, After, Reserved)}, Reserved};
         false ->
-            {Written, After} = together(fun() -> write_together(Publications, Numbers) end),
-            {[outcome(Each) || Each <- Written], {[], true}, After}
+            {Written, After, Reserved} = together(fun() -> write_together(Publications, Numbers) end),
+            {[outcome(Each) || Each <- Written], {[], must_sync(Written, After, Reserved)}, Reserved}
     end.
 
 write_together(Publications, Numbers) ->
     {Written, After} = lists:mapfoldl(fun number/2, Numbers, Publications),
     lists:foreach(fun pubsub_device_bodies:store/1, Written),
     lists:foreach(fun finish/1, Written),
-    {Written, pubsub_device_numbers:reserve(After)}.
+    {Written, After, pubsub_device_numbers:reserve(After)}.
 
 %% {Publication, Number, NodeId, Devices}, or `gone`.
 number(#publication{node = Node, id = Id, item_id = ItemId, item = Item, keep = Keep} = Publication, Numbers) ->
@@ -83,10 +83,20 @@ number(#publication{node = Node, id = Id, item_id = ItemId, item = Item, keep = 
 outcome(gone) -> gone;
 outcome({_, Number, _, _}) -> {ok, Number}.
 
-must_sync({Written, Changed}) ->
-    Changed orelse lists:any(fun({#publication{engine = Engine}, _, _, Devices}) -> Engine orelse Devices /= [];
-                                (gone) -> false
-                             end, Written).
+%% A number above the floor on disk could be given again after a crash, and a device takes no item whose number it has
+%% already, so such an item is not sent before the new floor is on disk.
+must_sync(_, After, Reserved) when After /= Reserved ->
+    all;
+must_sync(Written, _, _) ->
+    case lists:any(fun is_stored/1, Written) of
+        true -> answers;
+        false -> none
+    end.
+
+is_stored({#publication{engine = Engine}, _, _, Devices}) -> Engine orelse Devices /= [];
+is_stored(gone) -> false.
+
+must_sync({_, Sync}) -> Sync.
 
 complete({Written, _}) ->
     lists:foreach(fun finish/1, Written).

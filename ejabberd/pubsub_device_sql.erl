@@ -234,7 +234,7 @@ counted({What, Account}) ->
 
 numbers(Shard) -> pubsub_device_sql_numbers:numbers(Shard).
 write(Publications, Numbers) -> pubsub_device_sql_items:write(Publications, Numbers).
-must_sync(_) -> false.
+must_sync(_) -> none.
 complete(Change) -> pubsub_device_sql_waiting:complete(Change).
 keep_last(Node, Device, Number, ItemId, Item) -> pubsub_device_sql_items:keep_last(Node, Device, Number, ItemId, Item).
 last_item(Node) -> pubsub_device_sql_numbers:last_item(Node).

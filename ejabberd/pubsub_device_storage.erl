@@ -66,9 +66,10 @@
 %% writers and of deleted nodes of the name. Until complete/1 the items may be invisible to all other functions. `gone`
 %% is the outcome for an item whose node was deleted.
 -callback write([#publication{}], numbers()) -> {[outcome()], change(), numbers()}.
-%% Whether the written items must be on disk before they are told.
--callback must_sync(change()) -> boolean().
-%% After the sync: the items wait for their devices. Drops the oldest ones where a bound would be exceeded.
+%% Which of the steps that follow have to wait until the written items are on disk: `all`, `answers` to the publishers
+%% only, or `none`.
+-callback must_sync(change()) -> all | answers | none.
+%% The items wait for their devices. Drops the oldest ones where a bound would be exceeded.
 -callback complete(change()) -> ok.
 %% Keeps the node's last item for one more device. `false` if it is not the last one any more, or the device has a
 %% newer one.

@@ -8,10 +8,10 @@
 %% begin with all kept copies, so a device may get an item again, but does not lose one to a wrong order. All that has
 %% to survive is in the store.
 %%
-%% Publishing uses group commits: the publications that were queued while the log was synced are written together,
-%% synced once, answered and then sent. No publisher is answered before its item is on disk. The commit follows the
-%% messages that were queued when the first publication was taken, or comes after ?BATCH messages, whatever else
-%% arrives.
+%% Publications that are queued when the first of them is taken are written together, with at most ?BATCH messages
+%% between, and passed on to the senders. No publisher is answered before its item is on disk; the devices do not wait
+%% for that. If the server is killed in between, an item may have reached some of its devices and be lost to the others,
+%% and its publisher got no answer.
 -module(pubsub_device_writer).
 -behaviour(gen_server).
 
@@ -22,10 +22,10 @@
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
-%% `numbers` is the storage's; `batch` holds the publications that wait for the commit, newest first, and `taken` the
+%% `numbers` is the storage's; `commit` the monitor of the process that syncs; `batch` holds the publications that wait for the commit, newest first, and `taken` the
 %% number of messages taken since the first of them. `locks` is #{Node => {Holder, Monitor, Waiting}} with the waiting
 %% callers, oldest first.
--record(state, {numbers, batch = [], taken = 0, locks = #{}}).
+-record(state, {numbers, commit, batch = [], taken = 0, locks = #{}}).
 
 -define(SHARDS, 8).
 -define(NAMES, {pubsub_device_writer_0, pubsub_device_writer_1, pubsub_device_writer_2, pubsub_device_writer_3,
@@ -90,7 +90,7 @@ await(Node, Publication, Monitor) ->
 cast(Node, Request) -> gen_server:cast(locate(Node), Request).
 
 init(Shard) ->
-    {ok, #state{numbers = pubsub_device_store:numbers(Shard)}}.
+    {ok, #state{numbers = pubsub_device_store:numbers(Shard), commit = monitor(process, pubsub_device_commit)}}.
 
 handle_call(settle, From, State) ->
     gen_server:reply(From, ok),
@@ -141,6 +141,9 @@ handle_cast({keep_last, Node, Device, Number, ItemId, Item}, State) ->
 
 handle_info(commit, State) ->
     {noreply, commit(State)};
+%% Nobody else would tell the publishers whose answers waited for the disk; they publish again when this process ends.
+handle_info({'DOWN', Monitor, process, _, Reason}, #state{commit = Monitor} = State) ->
+    {stop, {commit, Reason}, State};
 handle_info({'DOWN', Monitor, process, Pid, _}, #state{locks = Locks} = State) ->
     Held = [{Node, Waiting} || {Node, {Holder, Each, Waiting}} <- maps:to_list(Locks), Holder == Pid, Each == Monitor],
     next(lists:foldl(fun({Node, Waiting}, S) -> pass_on(Node, Waiting, S) end, State, Held));
@@ -205,10 +208,14 @@ commit(#state{batch = []} = State) ->
 commit(#state{batch = Batch, numbers = Numbers} = State) ->
     {Publications, Callers} = lists:unzip(lists:reverse(Batch)),
     {Outcomes, Change, After} = pubsub_device_store:write(Publications, Numbers),
-    pubsub_device_store:must_sync(Change) andalso pubsub_device_commit:sync(),
+    Sync = pubsub_device_store:must_sync(Change),
+    Sync == all andalso pubsub_device_commit:sync(),
     pubsub_device_store:complete(Change),
-    tell(Callers, Outcomes),
     pubsub_device_sender:send(sendings(Publications, Outcomes)),
+    case Sync of
+        answers -> pubsub_device_commit:afterwards(fun() -> tell(Callers, Outcomes) end);
+        _ -> tell(Callers, Outcomes)
+    end,
     State#state{batch = [], taken = 0, numbers = After}.
 
 tell([Caller | Callers], [Outcome | Outcomes]) ->
