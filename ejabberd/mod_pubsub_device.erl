@@ -138,14 +138,26 @@ on_register(_User, _Host) ->
     pubsub_device_commit:sync().
 
 mod_opt_type(sync) -> econf:bool();
+mod_opt_type(require_ttl) -> econf:bool();
+mod_opt_type(push_url) -> econf:and_then(econf:binary("^(https?://[^/?#@]+)?$"), fun push_url/1);
 mod_opt_type(open_prefixes) -> econf:list(econf:binary());
 mod_opt_type(max_age) -> econf:timeout(second);
 mod_opt_type(device_age) -> econf:timeout(second);
 mod_opt_type(sweep_interval) -> econf:timeout(second);
 mod_opt_type(_) -> econf:pos_int().
 
+%% An origin, without a path: senders sign tokens for it.
+push_url(<<>>) -> <<>>;
+push_url(URL) ->
+    case pubsub_device_vapid:origin(URL) of
+        none -> econf:fail({bad_url, malformed, URL});
+        Origin -> Origin
+    end.
+
 mod_options(_) ->
     [{sync, true},
+     {push_url, <<>>},
+     {require_ttl, false},
      {open_prefixes, []},
      {max_kept, 10000},
      {max_kept_node, 1000},
@@ -168,6 +180,9 @@ mod_doc() ->
     #{desc => <<"Devices of the pub-sub service: items are numbered, and kept until acknowledged.">>,
       opts =>
           [Option(sync, "true | false", <<"Whether a publisher is answered only when its item is on disk.">>),
+           Option(push_url, "Origin", <<"The public address of the listener for publishers, such as "
+                                        "https://push.example.org.">>),
+           Option(require_ttl, "true | false", <<"Whether messages of web push need a TTL.">>),
            Option(open_prefixes, "[Prefix]", <<"Longer names that begin with one of these are free to all.">>),
            Option(max_kept, "Number", <<"How many copies of items are kept for a device.">>),
            Option(max_kept_node, "Number", <<"How many of them may be of one node.">>),

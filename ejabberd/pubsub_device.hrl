@@ -8,7 +8,7 @@
 -record(pubsub_device_session, {jid, pid}).
 
 %% In memory: id = {Node, Device}; `pid` is the session in which the device activated the node, {limited, Pid} if it wants
-%% one open item at a time, or {closed, Pid} after it deactivated a node with a limit. The fields have their old names,
+%% one open item at a time, {{limited, Least}, Pid} if these have to be at least so urgent, or {closed, Pid} after it deactivated a node with a limit. The fields have their old names,
 %% since members of different versions share the table.
 -record(pubsub_device_active, {id, pid}).
 

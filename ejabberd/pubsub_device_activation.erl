@@ -29,20 +29,20 @@ activate(unlimited, Session, Node, Device, Since, IQ) ->
     mark([Node], Device),
     attach(Session, Device),
     ask(Node, Device, {activate, Node, Device, Since, xmpp:make_iq_result(IQ)}, IQ);
-activate(limited, {ok, Pid}, Node, Device, Since, IQ) when Pid == self() ->
+activate({limited, Least}, {ok, Pid}, Node, Device, Since, IQ) when Pid == self() ->
     case pubsub_device_limits:refused([Node], Device) of
         [] ->
             mark([Node], Device),
             case pubsub_device_store:attached(Device) of
-                Pid -> ask(Node, Device, {limit, Node, Device, Pid, Since, xmpp:make_iq_result(IQ)}, IQ);
-                _ -> pubsub_device_limits:set(Node, Device, Since), xmpp:make_iq_result(IQ)
+                Pid -> ask(Node, Device, {limit, Node, Device, Pid, Least, Since, xmpp:make_iq_result(IQ)}, IQ);
+                _ -> pubsub_device_limits:set(Node, Device, Since, Least), xmpp:make_iq_result(IQ)
             end;
         _ ->
             Text = <<"The session has as many limits as it may; activate further nodes without one, or ask the "
                      "server's operator to raise max_nodes">>,
             answer(IQ, {error, xmpp:err_resource_constraint(Text, <<"en">>)})
     end;
-activate(limited, _, _, _, _, IQ) ->
+activate({limited, _}, _, _, _, _, IQ) ->
     xmpp:make_iq_result(IQ).
 
 ask(Node, Device, Request, IQ) ->
@@ -54,7 +54,7 @@ ask(Node, Device, Request, IQ) ->
 attach({ok, Pid}, Device) -> pubsub_device_presence:attach(Device, Pid);
 attach(stranger, _) -> ok.
 
-%% Of [{NodeId, unlimited | limited | invalid}]. Limits come first: what is attached then is sent according to them.
+%% Of [{NodeId, unlimited | {limited, Least} | invalid}]. Limits come first: what is attached then is sent according to them.
 activate_nodes(Asked, #iq{from = From} = IQ) ->
     case pubsub_device_presence:admit(From) of
         {error, _} = Refused -> answer(IQ, Refused);
@@ -65,14 +65,15 @@ activate_nodes(Session, Asked, #iq{from = From, to = #jid{lserver = Service}} = 
     Device = jid:tolower(From),
     Verdicts = [{NodeId, Limit, verdict({Service, NodeId}, Limit, From)} || {NodeId, Limit} <- Asked],
     Unlimited = [{Service, NodeId} || {NodeId, unlimited, ok} <- Verdicts],
-    {Limited, Refused} = admitted(Session, [{Service, NodeId} || {NodeId, limited, ok} <- Verdicts], Device),
+    {Limited, Refused} = admitted(Session, [{Service, NodeId} || {NodeId, {limited, _}, ok} <- Verdicts], Device),
+    Least = maps:from_list([{{Service, NodeId}, Each} || {NodeId, {limited, Each}} <- Asked]),
     mark(Unlimited ++ Limited, Device),
-    Changed = limit(pubsub_device_store:attached(Device), Limited, Device),
-    Asked /= [] andalso lists:all(fun({_, Limit}) -> Limit == limited end, Asked) orelse attach(Session, Device),
+    Changed = limit(pubsub_device_store:attached(Device), [{Node, maps:get(Node, Least)} || Node <- Limited], Device),
+    Asked /= [] andalso lists:all(fun({_, Limit}) -> is_tuple(Limit) end, Asked) orelse attach(Session, Device),
     Failed = lists:sort([{NodeId, Reason} || {NodeId, _, {error, #stanza_error{reason = Reason}}} <- Verdicts]
                         ++ [{NodeId, 'resource-constraint'} || {_, NodeId} <- Refused]),
     ejabberd_router:route(xmpp:make_iq_result(IQ, pubsub_device_stanza:nodes(<<"activate-nodes">>, Failed))),
-    News = [{limit, Node, Device, self()} || Node <- Changed, pubsub_device_store:attached(Device) == self()]
+    News = [{limit, Node, Device, self(), Each} || {Node, Each} <- Changed, pubsub_device_store:attached(Device) == self()]
         ++ [{activate, Node, Device} || Node <- Unlimited, pubsub_device_session:may_wait(Node, Device)],
     [pubsub_device_session:tell(element(2, Request), Device, Request) || Request <- News],
     News == [] andalso pubsub_device_session:spare(1 + length(Verdicts)),
@@ -88,12 +89,14 @@ admitted({ok, Pid}, Nodes, Device) when Pid == self() ->
 admitted(_, _, _) ->
     {[], []}.
 
-%% Returns the nodes that change, of which the senders have to be told when the device has announced itself.
-limit(Pid, Nodes, Device) when Pid == self() ->
-    [Node || Node <- Nodes, pubsub_device_store:activation(Node, Device, Pid) /= limited];
-limit(_, Nodes, Device) ->
-    [pubsub_device_limits:set(Node, Device, 0) || Node <- Nodes],
-    Nodes.
+%% Of [{Node, Least}], returns those that change, of which the senders have to be told when the device has announced
+%% itself.
+limit(Pid, Limits, Device) when Pid == self() ->
+    [Each || {Node, Least} = Each <- Limits, pubsub_device_store:activation(Node, Device, Pid) /= limited
+                                                 orelse pubsub_device_store:least(Node, Device, Pid) /= Least];
+limit(_, Limits, Device) ->
+    [pubsub_device_limits:set(Node, Device, 0, Least) || {Node, Least} <- Limits],
+    Limits.
 
 deactivate(Node, #iq{from = From} = IQ) ->
     Device = jid:tolower(From),

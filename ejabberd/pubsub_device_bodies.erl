@@ -77,7 +77,8 @@ release(NodeId, Number, DeviceId) ->
             case mnesia:is_transaction() of
                 true -> mnesia:delete({pubsub_device_body, Id});
                 false -> mnesia:dirty_delete(pubsub_device_body, Id)
-            end;
+            end,
+            pubsub_device_traits:forget(NodeId, Number);
         _ -> lag({NodeId, DeviceId}, Number)
     end.
 

@@ -58,7 +58,7 @@ again(Node, Device, #flow{pid = Pid} = Flow) ->
 %% nothing twice. `Before` is what the node's activation was before. The device of a key node that was not active, and
 %% one that sets a limit or lifts it, want to begin with the oldest kept item, whatever was sent before.
 activated(Node, Device, Since, Before, #flow{pid = Pid} = Flow) ->
-    is_integer(Since) andalso forget_until(Node, Device, Since),
+    Since == bulk orelse forget_until(Node, Device, Since),
     case gate(Node, Device, Pid) of
         limited when Since == bulk, Before == limited -> pump(limited, Node, Device, Flow);
         Gate when Gate == limited; Before == limited; Before == closed; Gate == single, Before == none ->
@@ -109,19 +109,34 @@ portion(Gate, Node, Device, Flow, Left) ->
     end.
 
 due(open, Node, Device, #flow{sent = Sent, twice = Twice, until = Until}) ->
-    case Twice < Until andalso pubsub_device_store:next(Node, Device, Twice) of
+    case Twice < Until andalso next(Node, Device, Twice, 1) of
         #pubsub_device_copy{id = {_, _, Number}} = Copy when Number =< Until -> Copy;
-        _ -> pubsub_device_store:next(Node, Device, Sent)
+        _ -> next(Node, Device, Sent, 1)
     end;
 due(single, Node, Device, #flow{sent = Sent, twice = Twice, until = Until}) ->
-    case pubsub_device_store:next(Node, Device, 0) of
+    case next(Node, Device, 0, 1) of
         #pubsub_device_copy{id = {_, _, Number}} = Copy when Number > Sent; Number > Twice, Number =< Until -> Copy;
         _ -> none
     end;
-due(limited, Node, Device, #flow{open = none}) -> pubsub_device_store:next(Node, Device, 0);
+due(limited, Node, Device, #flow{open = none, pid = Pid}) ->
+    next(Node, Device, 0, pubsub_device_store:least(Node, Device, Pid));
 due(limited, _, _, _) -> none.
 
-%% Drops the copies that the device already has, according to the number it gave.
+%% What has expired is passed over, and dropped by the storage.
+next(Node, Device, Above, Least) ->
+    case pubsub_device_store:next(Node, Device, Above, Least) of
+        #pubsub_device_copy{id = {_, _, Number}, item = Item} = Copy ->
+            case pubsub_device_push:is_late(Item) of
+                true -> next(Node, Device, Number, Least);
+                false -> Copy
+            end;
+        none -> none
+    end.
+
+%% Drops the copies that the device already has, according to the number it gave, or {only, Number} if items may have come
+%% to it in another order.
+forget_until(Node, Device, {only, Number}) ->
+    pubsub_device_store:drop(Node, Device, Number);
 forget_until(Node, Device, Since) ->
     case pubsub_device_store:next(Node, Device, 0) of
         #pubsub_device_copy{id = {_, _, Number}} when Number =< Since ->

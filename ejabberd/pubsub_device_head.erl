@@ -54,7 +54,7 @@ parse([First | Fields]) ->
 request_line([Method, Target, <<"HTTP/", Version/binary>>]) when Target /= <<>> ->
     is_token(Method) andalso is_visible(Target) orelse refuse(400, <<"This is no HTTP">>),
     #{method => method(Method), target => Target, version => version(Version), hosts => 0, length => none,
-      coded => false, connection => [], expects => false};
+      coded => false, connection => [], expects => false, fields => []};
 request_line(_) ->
     refuse(400, <<"This is no HTTP">>).
 
@@ -84,6 +84,9 @@ field(<<"transfer-encoding">>, _, Head) -> Head#{coded := true};
 field(<<"host">>, _, #{hosts := Hosts} = Head) -> Head#{hosts := Hosts + 1};
 field(<<"connection">>, Value, #{connection := Words} = Head) -> Head#{connection := words(Value) ++ Words};
 field(<<"expect">>, Value, Head) -> Head#{expects := string:lowercase(Value) == <<"100-continue">>};
+field(Name, Value, #{fields := Fields} = Head)
+  when Name == <<"ttl">>; Name == <<"topic">>; Name == <<"urgency">>; Name == <<"authorization">> ->
+    Head#{fields := [{Name, Value} | Fields]};
 field(_, _, Head) -> Head.
 
 number(Value) ->
@@ -105,7 +108,7 @@ framed(#{hosts := Hosts, version := Version}) when Hosts > 1; Hosts == 0, Versio
 framed(#{method := Method, target := Target, version := Version, length := Length, connection := Words} = Head) ->
     Keep = not lists:member(<<"close">>, Words)
         andalso (Version == {1, 1} orelse lists:member(<<"keep-alive">>, Words)),
-    #{method => Method, target => Target, version => Version, keep => Keep,
+    #{method => Method, target => Target, version => Version, keep => Keep, fields => maps:get(fields, Head),
       length => case Length of none -> 0; _ -> Length end,
       expects => maps:get(expects, Head) andalso Version == {1, 1}}.
 

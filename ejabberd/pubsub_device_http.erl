@@ -1,106 +1,192 @@
 %% SPDX-License-Identifier: GPL-3.0-only
-%% Publishing with a key over HTTP: POST /push/KEY with the item's text as the body. Keeps no state.
+%% Publishing with a key over HTTP (RFC 8030): POST /push/KEY with the message as the body, and the messages themselves,
+%% /push/KEY/MESSAGE. Keeps no state.
 -module(pubsub_device_http).
 
--export([process/2, refuse/2, crowded/0]).
+-export([process/2, publish/5]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include_lib("ejabberd/include/ejabberd_http.hrl").
 
--define(RETRY_SECONDS, 5).
+%% The largest body of an endpoint of web push: no service of web push may take less (RFC 8030, section 7.2), and what
+%% senders encrypt has this size at most.
+-define(WEB_PUSH_BYTES, 4096).
+
+-define(CORS_SECONDS, <<"86400">>).
 
 %% A listener that knows from `length` that the body is too large does not have to read it.
-process([Key], #request{method = 'POST', data = Body, length = Length, path = Path}) ->
-    Limit = mod_pubsub_device:option(max_payload),
-    case check(Body, max(Length, byte_size(Body)), Limit) of
-        ok -> publish(Key, Body, Path);
-        Fault ->
-            pubsub_device_metrics:with_key(http, Fault),
-            refused(Fault, Limit)
-    end;
-process([_], #request{method = Method}) when Method == 'GET'; Method == 'HEAD' ->
-    answer(200, [], {[{about, <<"Publishes to the endpoint of this key: POST the item's text as the body">>}]});
-process([_], _) ->
-    answer(405, [{<<"Allow">>, <<"GET, HEAD, POST">>}], {[{error, <<"POST the item's text, or GET">>}]});
-process(_, _) ->
-    refuse(404, <<"There is nothing here; an endpoint is /push/KEY">>).
-
-refused(empty, _) -> refuse(400, <<"The body is empty; it is the text of the item">>);
-refused(text, _) -> refuse(400, <<"The body is no UTF-8 text, or has characters that XML 1.0 does not carry">>);
-refused(size, Limit) -> refuse(413, iolist_to_binary(io_lib:format("The body has more than ~b bytes", [Limit]))).
-
-check(_, Length, Limit) when Length > Limit -> size;
-check(<<>>, _, _) -> empty;
-check(Body, _, _) ->
-    case is_xml_text(Body) of
-        true -> ok;
-        false -> text
+process(Path, #request{method = Method} = Request) ->
+    case methods(Path) of
+        none -> pubsub_device_refusal:answer(nothing, []);
+        Methods ->
+            case lists:member(method(Method), Methods) of
+                true -> handle(method(Method), Path, Request, Methods);
+                false when Method == 'POST' -> pubsub_device_refusal:answer(nothing, []);
+                false -> pubsub_device_refusal:answer(method, [], [{<<"Allow">>, names(Methods)}])
+            end
     end.
 
-is_xml_text(<<Char/utf8, Rest/binary>>)
-  when Char >= 16#20, Char =< 16#FFFD; Char == $\t; Char == $\n; Char == $\r; Char >= 16#10000 ->
-    is_xml_text(Rest);
-is_xml_text(Rest) ->
-    Rest == <<>>.
+%% The address of all endpoints only says what they are.
+methods([]) -> ['GET', 'HEAD', 'OPTIONS'];
+methods([_]) -> ['GET', 'HEAD', 'OPTIONS', 'POST'];
+methods([_, _]) -> ['DELETE', 'GET', 'HEAD', 'OPTIONS'];
+methods(_) -> none.
 
-publish(Key, Body, Path) ->
+method(<<"OPTIONS">>) -> 'OPTIONS';
+method(<<"DELETE">>) -> 'DELETE';
+method(Other) -> Other.
+
+names(Methods) -> iolist_to_binary(lists:join(", ", [atom_to_binary(Each) || Each <- Methods])).
+
+handle('OPTIONS', _, _, Methods) ->
+    pubsub_device_refusal:empty(204, [{<<"Allow">>, names(Methods)},
+                                      {<<"Access-Control-Allow-Methods">>, names(Methods)},
+                                      {<<"Access-Control-Allow-Headers">>,
+                                       <<"Authorization, Content-Encoding, Content-Type, TTL, Topic, Urgency">>},
+                                      {<<"Access-Control-Max-Age">>, ?CORS_SECONDS}]);
+handle('POST', [Key], #request{data = Body, length = Length, path = Path, headers = Headers}, _) ->
+    case pubsub_device_push:asked(Headers) of
+        {ok, Asked} -> posted(publish(Key, Body, max(Length, byte_size(Body)), Headers, Asked), Path);
+        Malformed ->
+            pubsub_device_metrics:with_key(http, Malformed),
+            pubsub_device_refusal:answer(Malformed, [])
+    end;
+handle('DELETE', [Key, Message], #request{headers = Headers}, _) ->
+    with_message(Key, Message, Headers, fun take_back/3);
+handle(_, [Key, Message], #request{headers = Headers}, _) ->
+    with_message(Key, Message, Headers, fun state/3);
+handle(_, _, _, _) ->
+    %% Whether a key is in use is not said to those who only try.
+    About = <<"Publishes to the endpoint of this key: POST the message as the body">>,
+    pubsub_device_refusal:json(200, [], {[{unifiedpush, {[{version, 1}]}}, {about, About}]}).
+
+%%% publishing
+
+%% {ok, ItemId, Number, Granted}, or the reason of the refusal, which is counted.
+publish(Key, Body, Length, Headers, Asked) ->
+    pubsub_device_metrics:with_key(http, reached(fun() -> outcome(Key, Body, Length, Headers, Asked) end)).
+
+%% What Fun returns, unless the database does not answer.
+reached(Fun) ->
     Away = fun() -> {error, pubsub_device_database:unavailable()} end,
-    Outcome = case pubsub_device_database:is_away() of
-                  true -> Away();
-                  false -> pubsub_device_database:attempt(fun() -> outcome(Key, Body) end, Away)
-              end,
-    published(pubsub_device_metrics:with_key(http, Outcome), Path).
+    case pubsub_device_database:is_away() of
+        true -> Away();
+        false -> pubsub_device_database:attempt(Fun, Away)
+    end.
 
-outcome(Key, Body) ->
+%% The rate of a key is for those who may publish with it.
+outcome(Key, Body, Length, Headers, Asked) ->
+    Limit = mod_pubsub_device:option(max_payload),
+    case pubsub_device_store:node_of(Key) of
+        none when Length > Limit -> {size, Limit};
+        none when Length == 0 -> empty;
+        none -> {error, xmpp:err_item_not_found()};
+        {Node, _} ->
+            {WebPush, Vapid} = pubsub_device_store:push_of(Node),
+            case acceptable(WebPush, Length, Limit, Asked) of
+                ok ->
+                    case permitted(Vapid, Headers) of
+                        ok -> admitted(Key, Body, pubsub_device_push:terms(Asked, WebPush));
+                        Refused -> Refused
+                    end;
+                Refused -> Refused
+            end
+    end.
+
+%% A message of web push without content says that there is something to fetch.
+acceptable(true, Length, _, _) when Length > ?WEB_PUSH_BYTES -> {size, ?WEB_PUSH_BYTES};
+acceptable(true, _, _, #{ttl := none}) ->
+    case mod_pubsub_device:option(require_ttl) of
+        true -> no_ttl;
+        false -> ok
+    end;
+acceptable(false, Length, Limit, _) when Length > Limit -> {size, Limit};
+acceptable(false, 0, _, _) -> empty;
+acceptable(_, _, _, _) -> ok.
+
+permitted(none, _) -> ok;
+permitted(Vapid, Headers) ->
+    pubsub_device_vapid:verdict(pubsub_device_push:field(<<"authorization">>, Headers), Vapid,
+                                [pubsub_device_vapid:origin(mod_pubsub_device:option(push_url))]).
+
+admitted(Key, Body, #{granted := Granted} = Terms) ->
     case pubsub_device_bounds:admits(Key) of
         ok ->
-            Payload = #xmlel{name = <<"payload">>, children = [{xmlcdata, Body}]},
-            pubsub_device_publish:by_key(Key, <<>>, [Payload]);
+            case pubsub_device_publish:by_key(Key, <<>>, [pubsub_device_push:payload(Body)], Terms) of
+                {ok, ItemId, Number} -> {ok, ItemId, Number, Granted};
+                Error -> Error
+            end;
         Refused -> Refused
     end.
 
-published({ok, ItemId, Number}, Path) ->
-    Location = iolist_to_binary([[$/, uri_string:quote(Part)] || Part <- Path ++ [ItemId]]),
-    answer(201, [{<<"Location">>, Location}], {[{id, ItemId}, {seqNo, integer_to_binary(Number)}]});
-published({error, #stanza_error{reason = 'item-not-found'}}, _) ->
-    refuse(404, <<"No endpoint has this key; its owner may have deleted it">>);
-published({error, #stanza_error{reason = 'not-acceptable'}}, _) ->
-    refuse(413, <<"The body is larger than the endpoint takes">>);
-published({error, #stanza_error{reason = 'resource-constraint'}}, _) ->
-    retry(503, ?RETRY_SECONDS, <<"The service is busy; try again later">>);
-published({error, #stanza_error{reason = Reason}}, _) ->
-    refuse(500, misc:atom_to_binary(Reason));
-published({wait, Seconds}, _) ->
-    retry(429, Seconds, <<"Too many items for this key">>);
-published(full, _) ->
-    retry(503, ?RETRY_SECONDS, <<"The service is full; try again later">>).
+posted({ok, ItemId, Number, Granted}, Path) ->
+    Message = iolist_to_binary([integer_to_binary(Number), $-, ItemId]),
+    Location = iolist_to_binary([[$/, uri_string:quote(Part)] || Part <- Path ++ [Message]]),
+    pubsub_device_refusal:json(201, [{<<"Location">>, Location}, {<<"TTL">>, integer_to_binary(Granted)}],
+                               {[{id, ItemId}, {seqNo, integer_to_binary(Number)}]});
+posted(Refused, _) ->
+    refused(Refused).
 
-retry(Code, Seconds, Text) ->
-    answer(Code, [{<<"Retry-After">>, integer_to_binary(Seconds)}], {[{error, Text}]}).
+refused({error, #stanza_error{reason = 'item-not-found'}}) -> pubsub_device_refusal:answer(endpoint, []);
+refused({error, #stanza_error{reason = 'not-acceptable'}}) -> pubsub_device_refusal:answer(too_large, []);
+refused({error, #stanza_error{reason = 'resource-constraint'}}) -> pubsub_device_refusal:answer(busy, []);
+refused({error, #stanza_error{reason = Reason}}) -> pubsub_device_refusal:answer(engine, [Reason]);
+refused({size, Limit}) -> pubsub_device_refusal:answer(size, [Limit]);
+refused({wait, Seconds}) -> pubsub_device_refusal:answer(rate, [Seconds]);
+refused({Name, Arguments}) when Name == vapid_missing; Name == vapid_malformed ->
+    pubsub_device_refusal:answer(Name, Arguments, [{<<"WWW-Authenticate">>, <<"vapid">>}]);
+refused({Name, Arguments}) -> pubsub_device_refusal:answer(Name, Arguments);
+refused(Name) -> pubsub_device_refusal:answer(Name, []).
 
-%% The answer to a connection above a bound.
-crowded() ->
-    retry(503, ?RETRY_SECONDS, <<"Too many connections; close some, or try again later">>).
+%%% messages
 
-%% The form of every refusal, also those of the listener.
-refuse(Code, Text) ->
-    answer(Code, [], {[{error, Text}]}).
+%% An endpoint of one application server answers to that server alone here too.
+with_message(Key, Message, Headers, Answer) ->
+    Outcome = fun() ->
+                      case {numbered(Message), pubsub_device_store:node_of(Key)} of
+                          {_, none} -> {error, xmpp:err_item_not_found()};
+                          {none, _} -> message;
+                          {{Number, ItemId}, {Node, _}} ->
+                              case permitted(element(2, pubsub_device_store:push_of(Node)), Headers) of
+                                  ok ->
+                                      case pubsub_device_bounds:admits(Key) of
+                                          {wait, _} = Wait -> Wait;
+                                          _ -> {found, Node, Number, ItemId}
+                                      end;
+                                  Refused -> Refused
+                              end
+                      end
+              end,
+    case reached(Outcome) of
+        {found, Node, Number, ItemId} -> Answer(Node, Number, ItemId);
+        Refused -> refused(Refused)
+    end.
 
-%% The server does not have a reason phrase for every status.
-answer(Code, Headers, Object) ->
-    {Code, phrase(Code), [{<<"Content-Type">>, <<"application/json">>} | Headers],
-     iolist_to_binary(jiffy:encode(Object))}.
+numbered(Message) ->
+    case binary:split(Message, <<"-">>) of
+        [Digits, ItemId] ->
+            case pubsub_device_stanza:number(Digits) of
+                {ok, Number} when Number > 0 -> {Number, ItemId};
+                _ -> none
+            end;
+        _ -> none
+    end.
 
-phrase(200) -> <<"OK">>;
-phrase(201) -> <<"Created">>;
-phrase(400) -> <<"Bad Request">>;
-phrase(404) -> <<"Not Found">>;
-phrase(405) -> <<"Method Not Allowed">>;
-phrase(408) -> <<"Request Timeout">>;
-phrase(411) -> <<"Length Required">>;
-phrase(413) -> <<"Content Too Large">>;
-phrase(429) -> <<"Too Many Requests">>;
-phrase(431) -> <<"Request Header Fields Too Large">>;
-phrase(500) -> <<"Internal Server Error">>;
-phrase(503) -> <<"Service Unavailable">>;
-phrase(505) -> <<"HTTP Version Not Supported">>.
+%% The change is on disk when it is confirmed.
+take_back(Node, Number, ItemId) ->
+    case reached(fun() -> pubsub_device_store:take_back(Node, Number, ItemId) end) of
+        true -> pubsub_device_commit:sync(), pubsub_device_refusal:empty(204, []);
+        false -> pubsub_device_refusal:answer(gone, []);
+        Refused -> refused(Refused)
+    end.
+
+state(Node, Number, ItemId) ->
+    case reached(fun() -> pubsub_device_store:waits(Node, Number, ItemId) end) of
+        Waits when is_boolean(Waits) ->
+            State = case Waits of
+                        true -> waiting;
+                        false -> taken
+                    end,
+            pubsub_device_refusal:json(200, [], {[{id, ItemId}, {seqNo, integer_to_binary(Number)}, {state, State}]});
+        Refused -> refused(Refused)
+    end.

@@ -29,14 +29,20 @@ request({set, <<"create-key-node">>}, Element, IQ) -> create_key_node(node_of(El
 request({get, <<"key">>}, Element, #iq{from = From} = IQ) ->
     {Service, NodeId} = Node = node_of(Element, IQ),
     answer(IQ, case pubsub_device_keys:get(Node, account(From)) of
-                   {ok, Key} -> {ok, pubsub_device_stanza:key(NodeId, Key, <<>>)};
+                   {ok, Key} -> {ok, pubsub_device_stanza:key(NodeId, Key, pubsub_device_keys:url(Key), <<>>)};
                    {error, Error} -> {error, unnamed(Service, NodeId, From, Error)}
                end);
 request({set, <<"activate">>}, Element, IQ) ->
     case {pubsub_device_stanza:number(fxml:get_tag_attr_s(<<"seqNo">>, Element)), pubsub_device_stanza:limit(Element)} of
         {error, _} -> answer(IQ, {error, xmpp:err_bad_request(<<"seqNo is a number of at most 20 digits">>, <<"en">>)});
-        {_, invalid} -> answer(IQ, {error, xmpp:err_bad_request(<<"limit is 1 or absent">>, <<"en">>)});
-        {{ok, Since}, Limit} -> pubsub_device_activation:activate(node_of(Element, IQ), Since, Limit, IQ)
+        {_, invalid} -> answer(IQ, {error, xmpp:err_bad_request(<<"limit is 1 or absent, and urgency, with it, very-low, low, normal or high">>, <<"en">>)});
+        {{ok, Since}, Limit} ->
+            %% With an urgency items come in another order, so the number does not stand for all before it.
+            Had = case fxml:get_tag_attr(<<"urgency">>, Element) of
+                      false -> Since;
+                      _ -> {only, Since}
+                  end,
+            pubsub_device_activation:activate(node_of(Element, IQ), Had, Limit, IQ)
     end;
 request({set, <<"activate-nodes">>}, Element, IQ) ->
     pubsub_device_activation:activate_nodes(pubsub_device_stanza:activations(Element), IQ);
@@ -92,24 +98,27 @@ create_key_node({Service, NodeId} = Node, Element, #iq{from = From} = IQ) ->
                          #iq{type = error} = Refused -> {error, xmpp:get_error(Refused)}
                      end
              end,
-    case NodeId of
-        <<>> -> answer(IQ, {error, xmpp:err_bad_request(<<"A key node has a name">>, <<"en">>)});
-        _ ->
+    case {NodeId, pubsub_device_keys:push(Element)} of
+        {<<>>, _} -> answer(IQ, {error, xmpp:err_bad_request(<<"A key node has a name">>, <<"en">>)});
+        {_, {error, _} = Error} -> answer(IQ, Error);
+        {_, Push} ->
             Room = pubsub_device_presence:attach(From),
-            case is_tuple(Room) orelse created(may_create(Service, NodeId, account(From)), Node, account(From), Create) of
+            case is_tuple(Room)
+                orelse created(may_create(Service, NodeId, account(From)), Node, account(From), Push, Create) of
                 true -> answer(IQ, Room);
                 {ok, Key, Status} ->
                     pubsub_device_presence:announce(From),
                     pubsub_device_targets:mark(Node, jid:tolower(From)),
-                    pubsub_device_session:answer(answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, Status)})),
+                    pubsub_device_session:answer(answer(IQ, {ok, pubsub_device_stanza:key(NodeId, Key, pubsub_device_keys:url(Key),
+                                                                                           Status)})),
                     ignore;
                 Error -> answer(IQ, Error)
             end
     end.
 
-created(true, Node, Account, Create) ->
-    pubsub_device_lock:with(Node, fun() -> pubsub_device_keys:create(Node, Account, Create) end);
-created(Refused, _, _, _) ->
+created(true, Node, Account, Push, Create) ->
+    pubsub_device_lock:with(Node, fun() -> pubsub_device_keys:create(Node, Account, Push, Create) end);
+created(Refused, _, _, _, _) ->
     Refused.
 
 %% The name is checked first, so that the refusal is the same whether it is in use or not. A key node of the account

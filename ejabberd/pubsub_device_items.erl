@@ -18,6 +18,7 @@ init() ->
     pubsub_device_bodies:init(),
     pubsub_device_numbers:init(),
     pubsub_device_waiting:init(),
+    pubsub_device_traits:init(),
     pubsub_device_old:convert(),
     global:trans({?MODULE, self()}, fun load_copies/0, pubsub_device_commit:members()).
 
@@ -39,6 +40,7 @@ load_bodies({NodeId, Number} = Id, Nodes, Devices) ->
     case Waiting of
         [] -> pubsub_device_tables:delete(pubsub_device_body, Id);
         _ -> together(fun() ->
+                              pubsub_device_traits:came(NodeId, Number, Item, Waiting),
                               pubsub_device_waiting:wait(maps:get(NodeId, Nodes), NodeId, Number, bytes(Item), Waiting)
                       end)
     end,
@@ -101,9 +103,10 @@ must_sync({_, Sync}) -> Sync.
 complete({Written, _}) ->
     lists:foreach(fun finish/1, Written).
 
-finish({#publication{node = Node, item = Item}, Number, NodeId, [_ | _] = Devices}) ->
-    pubsub_device_waiting:wait(Node, NodeId, Number, bytes(Item), Devices);
-finish(_) ->
+finish({#publication{node = Node, item = Item}, Number, NodeId, Devices}) ->
+    pubsub_device_traits:came(NodeId, Number, Item, Devices),
+    Devices == [] orelse pubsub_device_waiting:wait(Node, NodeId, Number, bytes(Item), Devices);
+finish(gone) ->
     ok.
 
 keep_last(Node, Device, Number, ItemId, Item) ->
@@ -141,6 +144,7 @@ forget_bodies(NodeId, {NodeId, Number} = Id) ->
     [together(fun() -> pubsub_device_waiting:drop_id(DeviceId, NodeId, Number) end)
      || #pubsub_device_body{devices = Devices} <- ets:lookup(pubsub_device_body, Id), {DeviceId, _} <- Devices],
     ets:member(pubsub_device_body, Id) andalso pubsub_device_tables:delete(pubsub_device_body, Id),
+    pubsub_device_traits:forget(NodeId, Number),
     forget_bodies(NodeId, ets:next(pubsub_device_body, Id));
 forget_bodies(_, _) ->
     ok.

@@ -26,6 +26,16 @@
 %% In memory: id = {NodeId, Number}; for how many devices a body is, if it is for several.
 -record(pubsub_device_share, {id, count}).
 
+%% In memory: id = {NodeId, Number}; what the sender of an item asked: when it expires (seconds, or `never`), its urgency
+%% as a number, and its topic or `none`. Only for items of which one of these is not as usual.
+-record(pubsub_device_trait, {id, expires, urgency, topic}).
+
+%% In memory: id = {NodeId, Topic}; the waiting item of the topic.
+-record(pubsub_device_topic, {id, number}).
+
+%% In memory: id = {Expires, NodeId, Number}, for each waiting item that expires by itself.
+-record(pubsub_device_expiry, {id, none}).
+
 %% In memory, each member its own: id = {NodeId, DeviceId}; the device has taken an item of the number `taken`, and its
 %% cursor has not followed yet.
 -record(pubsub_device_lagging, {id, taken}).

@@ -4,7 +4,7 @@
 %% are in the store, where the senders read them.
 -module(pubsub_device_limits).
 
--export([refused/2, set/3, forget/1]).
+-export([refused/2, set/4, forget/1]).
 
 -define(LIMITED, '$pubsub_device_limited').
 
@@ -39,9 +39,9 @@ is_limited(Node, Device) ->
     lists:member(pubsub_device_store:activation(Node, Device, self()), [limited, closed]).
 
 %% The session has not announced itself, so no sender has to know. `Since` is the last number that the device has.
-set(Node, Device, Since) ->
+set(Node, Device, Since, Least) ->
     Since > 0 andalso pubsub_device_flow:forget_until(Node, Device, Since),
-    pubsub_device_store:activate(Node, Device, self(), limited).
+    pubsub_device_store:activate(Node, Device, self(), {limited, Least}).
 
 %% The session ends, or is the device's no more.
 forget(Device) ->

@@ -18,6 +18,9 @@
 %% A refused body of up to this many bytes is read and discarded, so that the connection stays open.
 -define(MAX_SKIPPED, 1000000).
 
+%% A body of up to this many bytes is read whatever the option max_payload says: endpoints of web push take it.
+-define(MIN_BODY, 4096).
+
 %% How long, and how many bytes, are still read from a connection that is being closed: otherwise a client that is
 %% still sending would lose the answer.
 -define(LINGER_MS, 2000).
@@ -69,7 +72,7 @@ serve(Socket, Opts) ->
 converse(Link) ->
     try next(Link, <<>>, request_timeout(Link))
     catch
-        throw:{refused, Status, Text} -> refuse(Link, Status, Text)
+        throw:{refused, Status, Text} -> turn_off(Link, pubsub_device_refusal:unreadable(Status, Text))
     end.
 
 %%% bounds
@@ -111,8 +114,7 @@ is_within(Address, {Net, Length}) ->
 %% A client that sends a request is told why; others are not waited for.
 turn_away(Link) ->
     receive_quietly(Link, now_ms() + ?LINGER_MS),
-    answer(Link, #{method => none, version => {1, 1}, keep => false}, pubsub_device_http:crowded()),
-    linger(Link).
+    turn_off(Link, pubsub_device_refusal:answer(crowded, [])).
 
 %%% requests
 
@@ -134,7 +136,7 @@ head(_, {refused, _, _} = Refusal, _) ->
     throw(Refusal).
 
 request(Link, #{length := Length, expects := Expects, keep := Keep} = Head, Rest) ->
-    case Length =< mod_pubsub_device:option(max_payload) of
+    case Length =< max(?MIN_BODY, mod_pubsub_device:option(max_payload)) of
         true ->
             Expects andalso Length > 0 andalso send(Link, <<"HTTP/1.1 100 Continue\r\n\r\n">>),
             {Body, After} = body(Link, Length, Rest, deadline(Link)),
@@ -167,17 +169,27 @@ skip(_, Length, Rest, _) when byte_size(Rest) >= Length ->
 skip(Link, Length, Rest, Deadline) ->
     skip(Link, Length - byte_size(Rest), receive_quietly(Link, Deadline), Deadline).
 
-handle(#link{opts = Opts}, #{method := Method, target := Target, length := Length}, Body) ->
+handle(#link{opts = Opts}, #{method := Method, target := Target, length := Length, fields := Fields}, Body) ->
     try
         Path = segments(Target),
-        Request = #request{method = Method, path = Path, raw_path = Target, data = Body, length = Length},
-        Local = local(Path, proplists:get_value(path, Opts, default_path())),
-        pubsub_device_metrics:timed(request, fun() -> pubsub_device_http:process(Local, Request) end)
+        Request = #request{method = Method, path = Path, raw_path = Target, data = Body, length = Length,
+                           headers = Fields},
+        Prefix = proplists:get_value(path, Opts, default_path()),
+        pubsub_device_metrics:timed(request, fun() -> routed(Path, Prefix, Request) end)
     catch
-        throw:malformed -> pubsub_device_http:refuse(400, <<"The address is malformed">>);
+        throw:malformed -> pubsub_device_refusal:answer(address, []);
         Class:Reason:Stack ->
             report(Class, Reason, Stack),
-            pubsub_device_http:refuse(500, <<"The service failed; try again later">>)
+            pubsub_device_refusal:answer(failed, [])
+    end.
+
+%% The gateway's path is fixed by its specification.
+routed([<<"_matrix">>, <<"push">>, <<"v1">>, <<"notify">>], Prefix, Request) ->
+    pubsub_device_matrix:notify(Prefix, Request);
+routed(Path, Prefix, Request) ->
+    case lists:prefix(Prefix, Path) of
+        true -> pubsub_device_http:process(lists:nthtail(length(Prefix), Path), Request);
+        false -> pubsub_device_refusal:answer(nothing, [])
     end.
 
 %% Logged without the arguments of the functions, which may contain a key or an item.
@@ -207,16 +219,10 @@ decoded(Segment) ->
         _ -> throw(malformed)
     end.
 
-local(Path, Prefix) ->
-    case lists:prefix(Prefix, Path) of
-        true -> lists:nthtail(length(Prefix), Path);
-        false -> []
-    end.
-
 %%% answers
 
-refuse(Link, Status, Text) ->
-    answer(Link, #{method => none, version => {1, 1}, keep => false}, pubsub_device_http:refuse(Status, Text)),
+turn_off(Link, Answer) ->
+    answer(Link, #{method => none, version => {1, 1}, keep => false}, Answer),
     linger(Link).
 
 answer(#link{opts = Opts} = Link, #{method := Method, version := Version, keep := Keep},
@@ -224,7 +230,7 @@ answer(#link{opts = Opts} = Link, #{method := Method, version := Version, keep :
     pubsub_device_metrics:count({answered, Status}),
     Custom = maps:merge(maps:from_list(Headers), maps:from_list(proplists:get_value(custom_headers, Opts, []))),
     Fields = connection(Version, Keep)
-        ++ [{<<"Content-Length">>, integer_to_binary(byte_size(Body))} | maps:to_list(Custom)],
+        ++ [{<<"Content-Length">>, integer_to_binary(byte_size(Body))} || Status /= 204] ++ maps:to_list(Custom),
     send(Link, [protocol(Version), integer_to_binary(Status), $\s, Phrase, <<"\r\n">>,
                 [[Name, <<": ">>, Value, <<"\r\n">>] || {Name, Value} <- Fields], <<"\r\n">>,
                 case Method of
@@ -266,9 +272,16 @@ secured(#link{tcp = Socket, opts = Opts} = Link) ->
     end.
 
 tls_options(Opts) ->
-    [verify_none | certificate()]
+    [verify_none | certificate(Opts)]
         ++ [compression_none || not proplists:get_bool(tls_compression, Opts)]
         ++ [Option || {Name, _} = Option <- Opts, lists:member(Name, [ciphers, dhfile, cafile, protocol_options])].
+
+%% The listener's own, or that of the server's first host.
+certificate(Opts) ->
+    case [{certfile, File} || File <- [proplists:get_value(certfile, Opts)], File /= undefined] of
+        [] -> certificate();
+        Own -> Own ++ [{keyfile, File} || File <- [proplists:get_value(keyfile, Opts)], File /= undefined]
+    end.
 
 certificate() ->
     case ejabberd_pkix:get_certfile(ejabberd_config:get_myname()) of
@@ -318,6 +331,8 @@ default_path() -> [<<"push">>].
 listen_opt_type(path) ->
     econf:and_then(econf:binary(), fun(Path) -> binary:split(Path, <<"/">>, [global, trim_all]) end);
 listen_opt_type(request_timeout) -> econf:timeout(second);
+listen_opt_type(certfile) -> econf:file();
+listen_opt_type(keyfile) -> econf:file();
 listen_opt_type(max_connections) -> econf:pos_int();
 listen_opt_type(max_connections_address) -> econf:pos_int(infinity);
 listen_opt_type(proxies) -> econf:list(econf:ip_mask());
@@ -333,6 +348,8 @@ listen_options() ->
      {backlog, 1024},
      {tls, false},
      {tls_compression, false},
+     {certfile, undefined},
+     {keyfile, undefined},
      {ciphers, undefined},
      {dhfile, undefined},
      {cafile, undefined},

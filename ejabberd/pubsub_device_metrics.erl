@@ -25,7 +25,7 @@ families() ->
              help = "Publications that were confirmed, by the way that they came: a request over XMPP, one with a key "
                     "over XMPP, one over HTTP, or another part of the server."},
      #family{key = refused, name = "refusals_total", kind = counter, label = "reason",
-             values = [full, database, key_rate, unknown_key, payload, max_payload, engine, max_nodes, max_keys,
+             values = [full, database, key_rate, unknown_key, payload, max_payload, vapid, engine, max_nodes, max_keys,
                        max_devices, foreign, stream_element, depth],
              help = "Requests that were refused, by reason."},
      #family{key = sent, name = "sent_total", kind = counter, label = "transmission", values = [first, repeated],
@@ -33,10 +33,10 @@ families() ->
      #family{key = acknowledged, name = "acknowledged_total", kind = counter,
              help = "Items that a device acknowledged."},
      #family{key = dropped, name = "dropped_total", kind = counter, label = "reason",
-             values = [node, device, account, store, size, age, forgotten],
+             values = [node, device, account, store, size, age, forgotten, expired, replaced, taken_back],
              help = "Copies of items that were dropped before their device acknowledged them, by reason."},
      #family{key = answered, name = "http_responses_total", kind = counter, label = "status",
-             values = [200, 201, 400, 404, 405, 408, 411, 413, 429, 431, 500, 503, 505],
+             values = [200, 201, 204, 400, 401, 403, 404, 405, 408, 410, 411, 413, 429, 431, 500, 503, 505],
              help = "Answers of the listener for publishers, by HTTP status."},
      #family{key = connected, name = "http_connections_total", kind = counter, label = "result",
              values = [served, refused, closed],
@@ -139,11 +139,13 @@ with_key(Way, Outcome) ->
     Outcome.
 
 outcome(Way, {ok, _, _}) -> {published, Way};
+outcome(Way, {ok, _, _, _}) -> {published, Way};
 outcome(_, {error, #stanza_error{reason = 'item-not-found'}}) -> {refused, unknown_key};
 outcome(_, {error, _}) -> {refused, engine};
 outcome(_, {wait, _}) -> {refused, key_rate};
 outcome(_, full) -> {refused, full};
-outcome(_, size) -> {refused, max_payload};
+outcome(_, {size, _}) -> {refused, max_payload};
+outcome(_, {_, _}) -> {refused, vapid};
 outcome(_, _) -> {refused, payload}.
 
 bucket(Spent, [Bound | Rest], Index) when Spent > Bound -> bucket(Spent, Rest, Index + 1);

@@ -6,9 +6,9 @@
 
 -export([init/0, workers/0, sync/0, flush/0, tick/0, sweep/0]).
 -export([saw_device/1, is_device/1, devices/1, all_devices/0, seen/1, forget_device/1]).
--export([key_of/1, node_of/1, put_key/3, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
+-export([key_of/1, node_of/1, push_of/1, put_key/4, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
 -export([numbers/1, write/2, must_sync/1, complete/1, keep_last/5, last_item/1, forget_node/2]).
--export([acknowledged/4, drop/3, next/3, newest/2, nodes_for/1, each_queue/1]).
+-export([acknowledged/4, drop/3, waits/3, take_back/3, next/4, newest/2, nodes_for/1, each_queue/1]).
 -export([count/2, counts/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
 -export([device_id/1, some_device_id/1, devices_by_id/0, account_ids/0]).
 
@@ -24,6 +24,7 @@ init() ->
     Create(pubsub_device, disc_copies, ordered_set, record_info(fields, pubsub_device), []),
     Create(pubsub_device_serial, disc_copies, set, record_info(fields, pubsub_device_serial), []),
     Create(pubsub_device_key, disc_copies, set, record_info(fields, pubsub_device_key), [{index, [key, owner]}]),
+    Create(pubsub_device_push, disc_copies, set, record_info(fields, pubsub_device_push), []),
     Create(pubsub_device_mark, disc_copies, ordered_set, record_info(fields, pubsub_device_mark), []),
     Create(pubsub_device_node, disc_copies, set, record_info(fields, pubsub_device_node), []),
     Create(pubsub_device_load, ram_copies, set, record_info(fields, pubsub_device_load), []),
@@ -75,7 +76,9 @@ sync() ->
     mnesia_recover:sync(),
     mnesia:sync_log().
 flush() -> tick().
-tick() -> pubsub_device_bodies:tick().
+tick() ->
+    pubsub_device_traits:tick(),
+    pubsub_device_bodies:tick().
 sweep() -> pubsub_device_items:sweep().
 
 %%% devices
@@ -193,9 +196,17 @@ node_of(Key) ->
         _ -> none
     end.
 
-put_key(Node, Key, Owner) ->
+push_of(Node) ->
+    case ets:lookup(pubsub_device_push, Node) of
+        [#pubsub_device_push{web_push = WebPush, vapid = Vapid}] -> {WebPush, Vapid};
+        [] -> {false, none}
+    end.
+
+put_key(Node, Key, Owner, {WebPush, Vapid} = Push) ->
     delete_key(Node),
     together(fun() ->
+                     Push == {false, none}
+                         orelse write(#pubsub_device_push{node = Node, web_push = WebPush, vapid = Vapid}),
                      write(#pubsub_device_key{node = Node, key = Key, owner = Owner}),
                      sum({keys, Owner}, 1)
              end).
@@ -204,6 +215,7 @@ delete_key(Node) ->
     together(fun() ->
                      [sum({keys, Owner}, -1) || {_, Owner} <- [key_of(Node)]],
                      delete(pubsub_device_key, Node),
+                     ets:member(pubsub_device_push, Node) andalso delete(pubsub_device_push, Node),
                      [delete(pubsub_device_mark, {Node, Device}) || Device <- marks(Node)]
              end),
     ok.
@@ -252,8 +264,10 @@ acknowledged(Node, Device, Number, Done) ->
     Done(newest(Node, Device) /= none).
 
 drop(Node, Device, Number) -> pubsub_device_waiting:drop(Node, Device, Number).
+waits(Node, Number, ItemId) -> pubsub_device_traits:waits(pubsub_device_tree:known(Node), Number, ItemId).
+take_back(Node, Number, ItemId) -> pubsub_device_traits:take_back(pubsub_device_tree:known(Node), Number, ItemId).
 relieve(Room) -> pubsub_device_waiting:relieve(Room).
-next(Node, Device, Above) -> pubsub_device_reading:next(Node, Device, Above).
+next(Node, Device, Above, Least) -> pubsub_device_reading:next(Node, Device, Above, Least).
 newest(Node, Device) -> pubsub_device_reading:newest(Node, Device).
 nodes_for(Device) -> pubsub_device_reading:nodes_for(Device).
 each_queue(Fun) -> pubsub_device_reading:each_queue(Fun).

@@ -12,6 +12,10 @@
 %% On disk: key nodes. `key` is indexed; `owner` is the bare {User, Server, <<>>} that created the node.
 -record(pubsub_device_key, {node, key, owner}).
 
+%% On disk: what a key node was made for, if it is not the usual: web push, and the key of the only application server that
+%% may publish, or `none`.
+-record(pubsub_device_push, {node, web_push, vapid}).
+
 %% On disk: id = {Node, Device}; the device created or activated the key node, so its items are kept for it. {Node,
 %% none} means that such devices were once recorded; without any record nothing is known about the node's devices.
 -record(pubsub_device_mark, {id, since}).

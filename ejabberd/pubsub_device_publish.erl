@@ -10,7 +10,7 @@
 -module(pubsub_device_publish).
 
 -export([publish/2, end_publish/0, is_publishing/0, found/1, catch_message/1, hand_over/1, on_publish/6]).
--export([by_key/3]).
+-export([by_key/3, by_key/4]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -28,7 +28,7 @@ publish(Service, #iq{from = From, sub_els = [#xmlel{children = Children}]} = IQ)
             Node = {Service, fxml:get_tag_attr_s(<<"node">>, Publish)},
             case fast(Node, From, [Item || #xmlel{} = Item <- Items]) of
                 {ok, #publication{item_id = ItemId} = Publication, Payload} ->
-                    through_hook(ahead, Publication, From, Payload),
+                    through_hook(ahead, none, Publication, From, Payload),
                     hand_over(xmpp:make_iq_result(IQ, pubsub_device_stanza:done(element(2, Node), ItemId))),
                     end_publish(),
                     drop;
@@ -51,14 +51,17 @@ fast(Node, Publisher, ItemId, Payload) ->
     end.
 
 %% The handler among the hook's that passes it to the writer is on_publish/6.
-through_hook(How, #publication{node = {Service, NodeId}, item_id = ItemId} = Publication, Publisher, Payload) ->
-    begin_publish(How),
+through_hook(How, Terms, #publication{node = {Service, NodeId}, item_id = ItemId} = Publication, Publisher, Payload) ->
+    begin_publish(How, Terms),
     put(?CONTEXT, (get(?CONTEXT))#{ready => Publication}),
     Host = ejabberd_router:host_of_route(Service),
     ejabberd_hooks:run(pubsub_publish_item, Host, [Host, NodeId, Publisher, jid:make(Service), ItemId, Payload]).
 
 %% How: `ahead`, or `waiting` for the result.
-begin_publish(How) -> put(?CONTEXT, #{how => How, messages => [], ids => #{}}), ok.
+begin_publish(How) -> begin_publish(How, none).
+
+%% On the terms of pubsub_device_push.
+begin_publish(How, Terms) -> put(?CONTEXT, #{how => How, terms => Terms, messages => [], ids => #{}}), ok.
 is_publishing() -> get(?CONTEXT) /= undefined.
 
 %% A waiter without an answer to send has nothing to wait for.
@@ -134,8 +137,8 @@ written(#{how := ahead} = Context, #publication{node = Node} = Publication) ->
     pubsub_device_session:began(Waiter),
     put(?CONTEXT, Context#{messages := [], waiter => Waiter}),
     ok;
-written(#{how := waiting} = Context, #publication{node = Node} = Publication) ->
-    Outcome = pubsub_device_writer:call(Node, {publish, Node, Publication}),
+written(#{how := waiting, terms := Terms} = Context, #publication{node = Node} = Publication) ->
+    Outcome = pubsub_device_writer:call(Node, {publish, Node, pubsub_device_push:on_terms(Terms, Publication)}),
     put(?CONTEXT, Context#{messages := [], outcome => Outcome}),
     ok.
 
@@ -175,11 +178,13 @@ has_id(Message, ItemId) ->
     (pubsub_device_stanza:item_of(Message))#ps_item.id == ItemId.
 
 %% Publishes as the owner of the key's node. The key must not be logged: failures are reported without it.
-by_key(Key, ItemId, Payload) ->
+by_key(Key, ItemId, Payload) -> by_key(Key, ItemId, Payload, none).
+
+by_key(Key, ItemId, Payload, Terms) ->
     case pubsub_device_store:node_of(Key) of
         none -> {error, xmpp:err_item_not_found()};
         {{_, NodeId} = Node, Owner} ->
-            try by_owner(Node, Owner, ItemId, Payload)
+            try by_owner(Node, Owner, ItemId, Payload, Terms)
             catch
                 error:{database, _} -> {error, pubsub_device_database:unavailable()};
                 Class:Reason:Stack ->
@@ -189,13 +194,13 @@ by_key(Key, ItemId, Payload) ->
             end
     end.
 
-by_owner({Service, NodeId} = Node, Owner, ItemId, Payload) ->
+by_owner({Service, NodeId} = Node, Owner, ItemId, Payload, Terms) ->
     case fast(Node, jid:make(Owner), ItemId, Payload) of
         {ok, #publication{item_id = Id} = Publication, _} ->
-            through_hook(waiting, Publication, jid:make(Owner), Payload),
+            through_hook(waiting, Terms, Publication, jid:make(Owner), Payload),
             outcome(Id);
         engine ->
-            begin_publish(waiting),
+            begin_publish(waiting, Terms),
             through_engine(Service, NodeId, Owner, ItemId, Payload)
     end.
 

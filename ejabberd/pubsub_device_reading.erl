@@ -3,7 +3,7 @@
 %% from its body. Other processes drop copies meanwhile, so what one table has may be gone from the next.
 -module(pubsub_device_reading).
 
--export([next/3, newest/2, nodes_for/1, each_queue/1, count/2, oldest_of/1]).
+-export([next/4, newest/2, nodes_for/1, each_queue/1, count/2, oldest_of/1]).
 -export([ids/2, first/2, oldest/1]).
 
 -include("pubsub_device.hrl").
@@ -15,21 +15,22 @@ ids(Node, Device) ->
         _ -> none
     end.
 
-next(Node, Device, Above) ->
+next(Node, Device, Above, Least) ->
     case ids(Node, Device) of
-        {NodeId, DeviceId} -> next(Node, Device, NodeId, DeviceId, Above);
+        {NodeId, DeviceId} -> next(Node, Device, NodeId, DeviceId, Above, Least);
         none -> none
     end.
 
 %% The body of a copy that is being dropped may be gone already.
-next(Node, Device, NodeId, DeviceId, Above) ->
+next(Node, Device, NodeId, DeviceId, Above, Least) ->
     case ets:next(pubsub_device_waiting, {DeviceId, NodeId, Above}) of
         {DeviceId, NodeId, Number} ->
-            case ets:lookup(pubsub_device_body, {NodeId, Number}) of
+            case (Least == 1 orelse pubsub_device_traits:urgency(NodeId, Number) >= Least)
+                andalso ets:lookup(pubsub_device_body, {NodeId, Number}) of
                 [#pubsub_device_body{item_id = ItemId, item = Item, at = At}] ->
                     #pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId,
                                         item = pubsub_device_stanza:numbered(Item, Number), at = At};
-                [] -> next(Node, Device, NodeId, DeviceId, Number)
+                _ -> next(Node, Device, NodeId, DeviceId, Number, Least)
             end;
         _ -> none
     end.

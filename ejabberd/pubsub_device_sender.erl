@@ -98,10 +98,10 @@ asked({activate, Node, Device, Since, Answer}, From, State) ->
     ejabberd_router:route(Answer),
     gen_server:reply(From, ok),
     {noreply, activate(Node, Device, Since, State)};
-asked({limit, Node, Device, Pid, Since, Answer}, From, State) ->
+asked({limit, Node, Device, Pid, Least, Since, Answer}, From, State) ->
     ejabberd_router:route(Answer),
     gen_server:reply(From, ok),
-    {noreply, limit(Node, Device, Pid, Since, State)};
+    {noreply, limit(Node, Device, Pid, Since, Least, State)};
 asked({deactivate, Node, Device}, _, State) ->
     pubsub_device_store:deactivate(Node, Device),
     {reply, ok, State}.
@@ -118,8 +118,8 @@ handle_cast({announce, Node, Device, Again}, State) ->
     {noreply, with_flow(Node, Device, fun pubsub_device_flow:pump/3, Known, State)};
 handle_cast({activate, Node, Device}, State) ->
     {noreply, activate(Node, Device, bulk, State)};
-handle_cast({limit, Node, Device, Pid}, State) ->
-    {noreply, limit(Node, Device, Pid, bulk, State)};
+handle_cast({limit, Node, Device, Pid, Least}, State) ->
+    {noreply, limit(Node, Device, Pid, bulk, Least, State)};
 handle_cast({acked, Node, Device, Pid, Number}, State) ->
     case pubsub_device_store:attached(Device) of
         Pid ->
@@ -148,9 +148,9 @@ activate(Node, Device, Since, State) ->
     end.
 
 %% Another session may be the device's by now; it has not asked for the limit.
-limit(Node, Device, Pid, Since, State) ->
+limit(Node, Device, Pid, Since, Least, State) ->
     case pubsub_device_store:session(Device) of
-        Pid -> activate(Node, Device, Pid, Since, limited, State);
+        Pid -> activate(Node, Device, Pid, Since, {limited, Least}, State);
         _ -> State
     end.
 

@@ -10,9 +10,9 @@
 
 -export([init/0, workers/0, sync/0, flush/0, tick/0, sweep/0]).
 -export([saw_device/1, is_device/1, devices/1, all_devices/0, seen/1, forget_device/1]).
--export([key_of/1, node_of/1, put_key/3, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
+-export([key_of/1, node_of/1, push_of/1, put_key/4, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
 -export([numbers/1, write/2, must_sync/1, complete/1, keep_last/5, last_item/1, forget_node/2]).
--export([acknowledged/4, drop/3, next/3, newest/2, nodes_for/1, each_queue/1]).
+-export([acknowledged/4, drop/3, waits/3, take_back/3, next/4, newest/2, nodes_for/1, each_queue/1]).
 -export([count/2, counts/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
 -export([jid/1, device/2, change/1]).
 
@@ -31,7 +31,9 @@ workers() -> [pubsub_device_database, pubsub_device_sql_acks].
 sync() -> ok.
 
 flush() -> ok.
-tick() -> pubsub_device_sql_sums:tick().
+tick() ->
+    pubsub_device_sql_push:tick(),
+    pubsub_device_sql_sums:tick().
 sweep() -> pubsub_device_sql_items:sweep().
 
 %%% names
@@ -150,13 +152,28 @@ node_of(Key) ->
            end,
     pubsub_device_sql_cache:read({node, Key}, Read).
 
-put_key({Service, NodeId} = Node, Key, Owner) ->
+push_of({Service, NodeId} = Node) ->
+    Read = fun() ->
+                   case ask(?SQL("select @(web_push)b, @(coalesce(vapid, ''))s from pubsub_device_key "
+                                 "where service=%(Service)s and node=%(NodeId)s")) of
+                       {selected, [{WebPush, <<>>}]} -> {WebPush, none};
+                       {selected, [Push]} -> Push;
+                       {selected, []} -> {false, none}
+                   end
+           end,
+    pubsub_device_sql_cache:read({push, Node}, Read).
+
+put_key({Service, NodeId} = Node, Key, Owner, {WebPush, Vapid}) ->
     JID = jid(Owner),
+    Only = case Vapid of
+               none -> <<>>;
+               _ -> Vapid
+           end,
     Put = fun() ->
                   Former = delete_key_now(Node),
                   Account = lock_account(JID),
-                  ask(?SQL("insert into pubsub_device_key (service, node, key, account) values (%(Service)s, "
-                           "%(NodeId)s, %(Key)s, %(Account)d)")),
+                  ask(?SQL("insert into pubsub_device_key (service, node, key, account, web_push, vapid) values "
+                           "(%(Service)s, %(NodeId)s, %(Key)s, %(Account)d, %(WebPush)b, nullif(%(Only)s, ''))")),
                   ask(?SQL("update pubsub_device_account set keys=keys+1 where id=%(Account)d")),
                   [Key | Former]
           end,
@@ -166,7 +183,7 @@ delete_key(Node) ->
     forget_keys(Node, change(fun() -> delete_key_now(Node) end)).
 
 forget_keys(Node, Keys) ->
-    pubsub_device_sql_cache:forget([{key, Node}, {marks, Node} | [{node, Key} || Key <- Keys]]).
+    pubsub_device_sql_cache:forget([{key, Node}, {push, Node}, {marks, Node} | [{node, Key} || Key <- Keys]]).
 
 %% Returns the key, if there was one.
 delete_key_now({Service, NodeId}) ->
@@ -241,8 +258,10 @@ last_item(Node) -> pubsub_device_sql_numbers:last_item(Node).
 forget_node(Node, Id) -> pubsub_device_sql_items:forget_node(Node, Id).
 acknowledged(Node, Device, Number, Done) -> pubsub_device_sql_acks:add(Node, Device, Number, Done).
 drop(Node, Device, Number) -> pubsub_device_sql_waiting:drop({Node, Device, Number}).
+waits(Node, Number, ItemId) -> pubsub_device_sql_push:waits(Node, Number, ItemId).
+take_back(Node, Number, ItemId) -> pubsub_device_sql_push:take_back(Node, Number, ItemId).
 relieve(Room) -> pubsub_device_sql_waiting:relieve(Room).
-next(Node, Device, Above) -> pubsub_device_sql_reading:next(Node, Device, Above).
+next(Node, Device, Above, Least) -> pubsub_device_sql_reading:next(Node, Device, Above, Least).
 newest(Node, Device) -> pubsub_device_sql_reading:newest(Node, Device).
 nodes_for(Device) -> pubsub_device_sql_reading:nodes_for(Device).
 each_queue(Fun) -> pubsub_device_sql_reading:each_queue(Fun).

@@ -34,7 +34,8 @@ write_all(Publications) ->
                                            Number = maps:get(Id, Next),
                                            {{Id, Number, Publication}, Next#{Id := Number + 1}}
                                    end, First, Known),
-    Kept = [Each || {Id, _, #publication{keep = [_ | _]}} = Each <- Numbered, Id /= gone],
+    Last = pubsub_device_sql_push:replace([Each || {Id, _, _} = Each <- Numbered, Id /= gone]),
+    Kept = [Each || {_, _, #publication{keep = [_ | _]}} = Each <- Last],
     Dropped = pubsub_device_sql_waiting:keep(Kept),
     {[case Number of
           gone -> gone;

@@ -2,7 +2,7 @@
 %% Looks up the waiting items in PostgreSQL.
 -module(pubsub_device_sql_reading).
 
--export([next/3, newest/2, nodes_for/1, each_queue/1, count/2, counts/2, oldest/1]).
+-export([next/4, newest/2, nodes_for/1, each_queue/1, count/2, counts/2, oldest/1]).
 
 -include_lib("ejabberd/include/ejabberd_sql_pt.hrl").
 -include("pubsub_device.hrl").
@@ -13,7 +13,7 @@
 %% Read at once by each_queue/1.
 -define(PORTION, 1000).
 
-next({Service, NodeId} = Node, {_, _, Resource} = Device, Above) ->
+next({Service, NodeId} = Node, {_, _, Resource} = Device, Above, Least) ->
     JID = jid(Device),
     case ask(?SQL("select @(c.number)d, @(b.item_id)s, @(b.item)s, @(b.at)d from pubsub_node n "
                   "join pubsub_device_account a on a.jid=%(JID)s "
@@ -21,6 +21,7 @@ next({Service, NodeId} = Node, {_, _, Resource} = Device, Above) ->
                   "join pubsub_device_copy c on c.device=d.id and c.node=n.nodeid "
                   "join pubsub_device_body b on b.node=c.node and b.number=c.number "
                   "where n.host=%(Service)s and n.node=%(NodeId)s and c.number>%(Above)d "
+                  "and b.urgency>=%(Least)d "
                   "order by c.number limit 1")) of
         {selected, [{Number, ItemId, Text, At}]} ->
             #pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, at = At,

@@ -3,7 +3,7 @@
 %% one. The counters of queues, devices and accounts change in the transaction that adds or drops the copies.
 -module(pubsub_device_sql_waiting).
 
--export([keep/1, put_body/4, complete/1, drop/1, acknowledge/1, drop_device/1, drop_node/1, relieve/1]).
+-export([keep/1, put_body/4, deleting/2, complete/1, drop/1, acknowledge/1, drop_device/1, drop_node/1, relieve/1]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("ejabberd/include/ejabberd_sql_pt.hrl").
@@ -71,11 +71,13 @@ lock_devices(Devices) ->
 %% One row for each item, each copy, each queue, each device and each account. Returns the queues as they are now.
 insert(Copies) ->
     Now = integer_to_binary(erlang:system_time(second)),
-    Bodies = [[integer_to_binary(Id), ",", integer_to_binary(Number), ",", text(ItemId), ",", text(encoded(Item)), ",", Now]
+    Bodies = [[integer_to_binary(Id), ",", integer_to_binary(Number), ",", text(ItemId), ",", text(encoded(Item)), ",", Now,
+               ",", pubsub_device_sql_push:traits(Item)]
               || {Id, Number, ItemId, Item}
                      <- lists:usort([{Id, Number, ItemId, Item}
                                      || {_, Id, Number, _, _, #publication{item_id = ItemId, item = Item}} <- Copies])],
-    rows(["WITH bodies AS (INSERT INTO pubsub_device_body (node, number, item_id, item, at) VALUES ", tuples(Bodies),
+    rows(["WITH bodies AS (INSERT INTO pubsub_device_body (node, number, item_id, item, at, expires, urgency, "
+          "topic) VALUES ", tuples(Bodies),
           " ON CONFLICT DO NOTHING), accounts AS (",
           counters("pubsub_device_account",
                    sums([{Account, Bytes} || {{_, Account, _, _, _, _}, _, _, _, Bytes, _} <- Copies])),

@@ -4,7 +4,7 @@
 -module(pubsub_device_stanza).
 
 -export([item/1, numbered/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
--export([key/3, nodes/2, named/1, node_ids/1, activations/1, limit/1, waiting/1, published/2, done/2, number/1]).
+-export([key/4, nodes/2, named/1, node_ids/1, activations/1, limit/1, waiting/1, published/2, done/2, number/1]).
 -export([sign/1, is_signed/1, sending/2, sending/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -16,8 +16,9 @@ item(#ps_item{id = Id, publisher = Publisher, sub_els = Payload}) ->
            attrs = [{<<"id">>, Id} | [{<<"publisher">>, Publisher} || Publisher /= <<>>]]}.
 
 %% The encoded item with its number.
-numbered(#xmlel{attrs = Attributes} = Item, Number) ->
-    Item#xmlel{attrs = Attributes ++ [seq_no(Number)]}.
+numbered(Item, Number) ->
+    #xmlel{attrs = Attributes} = Told = pubsub_device_push:without_topic(Item),
+    Told#xmlel{attrs = Attributes ++ [seq_no(Number)]}.
 
 seq_no(Number) ->
     {<<"seqNo">>, integer_to_binary(Number)}.
@@ -43,9 +44,10 @@ has_payload(#ps_item{sub_els = Elements}) ->
 has_payload(Elements) ->
     lists:any(fun(#xmlel{name = Name}) -> Name == <<"payload">>; (_) -> false end, Elements).
 
-key(NodeId, Key, Status) ->
+key(NodeId, Key, URL, Status) ->
     #xmlel{name = <<"key">>, children = [{xmlcdata, Key}],
-           attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"node">>, NodeId} | [{<<"status">>, S} || S <- [Status], S /= <<>>]]}.
+           attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"node">>, NodeId}
+                    | [Each || {_, Value} = Each <- [{<<"url">>, URL}, {<<"status">>, Status}], Value /= <<>>]]}.
 
 %% The answer to a bulk request: the nodes that failed, each with the condition.
 nodes(Name, Failed) ->
@@ -62,18 +64,29 @@ entries(#xmlel{children = Children}) ->
     [{NodeId, Child} || #xmlel{name = <<"node">>} = Child <- Children,
                         NodeId <- [fxml:get_tag_attr_s(<<"id">>, Child)], NodeId /= <<>>].
 
-%% What a bulk activation asks for each node, named once: [{NodeId, unlimited | limited | invalid}]. Where a name is
-%% repeated, what restricts more counts.
+%% What a bulk activation asks for each node, named once: [{NodeId, unlimited | {limited, Least} | invalid}]. Where a name
+%% is repeated, what restricts more counts.
 activations(Element) ->
-    lists:ukeysort(1, lists:sort([{NodeId, limit(Child)} || {NodeId, Child} <- entries(Element)])).
+    Asked = lists:sort([{NodeId, strictness(Limit), Limit} || {NodeId, Child} <- entries(Element), Limit <- [limit(Child)]]),
+    [{NodeId, Limit} || {NodeId, _, Limit} <- lists:ukeysort(1, Asked)].
 
-%% How many items of a node may be open: `unlimited`, `limited` to one, or `invalid`.
+%% How many items of a node may be open: `unlimited`, {limited, Least} for one that is at least so urgent, or `invalid`.
 limit(Element) ->
-    case fxml:get_tag_attr(<<"limit">>, Element) of
-        false -> unlimited;
-        {value, <<"1">>} -> limited;
+    case {fxml:get_tag_attr(<<"limit">>, Element), fxml:get_tag_attr(<<"urgency">>, Element)} of
+        {false, false} -> unlimited;
+        {{value, <<"1">>}, false} -> {limited, 1};
+        {{value, <<"1">>}, {value, Urgency}} ->
+            case pubsub_device_push:level(Urgency) of
+                none -> invalid;
+                Least -> {limited, Least}
+            end;
         _ -> invalid
     end.
+
+%% What restricts more, first.
+strictness(invalid) -> -5;
+strictness({limited, Least}) -> -Least;
+strictness(unlimited) -> 1.
 
 %% The answer to a request for the numbers of waiting items.
 waiting(Counts) ->

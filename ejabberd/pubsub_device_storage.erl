@@ -46,7 +46,9 @@
 
 -callback key_of(node_name()) -> {Key :: binary(), account()} | none.
 -callback node_of(Key :: binary()) -> {node_name(), account()} | none.
--callback put_key(node_name(), Key :: binary(), account()) -> ok.
+%% What the key node was made for: web push, and the key of the only application server that may publish.
+-callback push_of(node_name()) -> {boolean(), binary() | none}.
+-callback put_key(node_name(), Key :: binary(), account(), {boolean(), binary() | none}) -> ok.
 %% Deletes the key and the marks of the node.
 -callback delete_key(node_name()) -> ok.
 %% The devices that created or activated the key node, and `none` when one of them was forgotten.
@@ -85,8 +87,12 @@
 -callback acknowledged(node_name(), device(), number_of_item(), Done :: fun((boolean()) -> term())) -> term().
 %% Drops the copy: whether it was there.
 -callback drop(node_name(), device(), number_of_item()) -> boolean().
-%% The oldest copy above the number.
--callback next(node_name(), device(), number_of_item()) -> copy() | none.
+%% Whether the item of this number and id waits for a device.
+-callback waits(node_name(), number_of_item(), ItemId :: binary()) -> boolean().
+%% Drops the item for all devices: whether it waited for one.
+-callback take_back(node_name(), number_of_item(), ItemId :: binary()) -> boolean().
+%% The oldest copy above the number that is at least so urgent, as pubsub_device_push has it: 1 for all.
+-callback next(node_name(), device(), number_of_item(), Least :: 1..4) -> copy() | none.
 %% The newest copy.
 -callback newest(node_name(), device()) -> {number_of_item(), via()} | none.
 %% The nodes of which items wait for the device.

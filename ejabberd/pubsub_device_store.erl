@@ -5,12 +5,12 @@
 
 -export([init/1, workers/0, sync/0, flush/0, tick/0, sweep/0]).
 -export([attach/2, detach/2, session/1, attached/1, sessions/0, forget_session/1]).
--export([activate/4, deactivate/2, activation/3, is_active/3]).
+-export([activate/4, deactivate/2, activation/3, least/3, is_active/3]).
 -export([forget_activation/3, forget_limits/1, forget_stale_activations/0]).
 -export([saw_device/1, is_device/1, devices/1, all_devices/0, seen/1, forget_device/1]).
--export([key_of/1, node_of/1, put_key/3, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
+-export([key_of/1, node_of/1, push_of/1, put_key/4, delete_key/1, marks/1, mark/2, made/2, unmade/1, counted/1]).
 -export([numbers/1, write/2, must_sync/1, complete/1, keep_last/5, last_item/1, forget_node/2]).
--export([acknowledged/4, drop/3, next/3, newest/2, nodes_for/1, each_queue/1]).
+-export([acknowledged/4, drop/3, waits/3, take_back/3, next/3, next/4, newest/2, nodes_for/1, each_queue/1]).
 -export([count/2, counts/2, oldest/1, load/1, total/0, totals/0, next_device/1, relieve/1]).
 
 -include("pubsub_device.hrl").
@@ -67,12 +67,16 @@ sessions() ->
 forget_session(Device) ->
     pubsub_device_tables:delete(pubsub_device_session, Device).
 
-%% How: `active`, or `limited` to one open item.
+%% How: `active`, or {limited, Least} to one open item that is at least so urgent.
 activate(Node, Device, Pid, How) ->
-    case activation(Node, Device, Pid) of
-        How -> ok;
-        _ when How == active -> put_activation(Node, Device, Pid);
-        _ -> put_activation(Node, Device, {How, Pid})
+    Session = case How of
+                  active -> Pid;
+                  {limited, 1} -> {limited, Pid};
+                  _ -> {How, Pid}
+              end,
+    case ets:lookup(pubsub_device_active, {Node, Device}) of
+        [#pubsub_device_active{pid = Session}] -> ok;
+        _ -> put_activation(Node, Device, Session)
     end.
 
 %% A node with a limit stays closed until its next activation; others are as if they had never been activated.
@@ -89,8 +93,16 @@ put_activation(Node, Device, Session) ->
 activation(Node, Device, Pid) ->
     case ets:lookup(pubsub_device_active, {Node, Device}) of
         [#pubsub_device_active{pid = Pid}] -> active;
+        [#pubsub_device_active{pid = {{limited, _}, Pid}}] -> limited;
         [#pubsub_device_active{pid = {How, Pid}}] -> How;
         _ -> none
+    end.
+
+%% How urgent an item has to be for the session to be sent it.
+least(Node, Device, Pid) ->
+    case ets:lookup(pubsub_device_active, {Node, Device}) of
+        [#pubsub_device_active{pid = {{limited, Least}, Pid}}] -> Least;
+        _ -> 1
     end.
 
 is_active(Node, Device, Pid) ->
@@ -143,7 +155,8 @@ seen(Device) -> ?STORAGE:seen(Device).
 forget_device(Device) -> ?STORAGE:forget_device(Device).
 key_of(Node) -> ?STORAGE:key_of(Node).
 node_of(Key) -> ?STORAGE:node_of(Key).
-put_key(Node, Key, Owner) -> ?STORAGE:put_key(Node, Key, Owner).
+push_of(Node) -> ?STORAGE:push_of(Node).
+put_key(Node, Key, Owner, Push) -> ?STORAGE:put_key(Node, Key, Owner, Push).
 delete_key(Node) -> ?STORAGE:delete_key(Node).
 marks(Node) -> ?STORAGE:marks(Node).
 mark(Node, Device) -> ?STORAGE:mark(Node, Device).
@@ -159,7 +172,10 @@ last_item(Node) -> ?STORAGE:last_item(Node).
 forget_node(Node, Id) -> ?STORAGE:forget_node(Node, Id).
 acknowledged(Node, Device, Number, Done) -> ?STORAGE:acknowledged(Node, Device, Number, Done).
 drop(Node, Device, Number) -> ?STORAGE:drop(Node, Device, Number).
-next(Node, Device, Above) -> ?STORAGE:next(Node, Device, Above).
+waits(Node, Number, ItemId) -> ?STORAGE:waits(Node, Number, ItemId).
+take_back(Node, Number, ItemId) -> ?STORAGE:take_back(Node, Number, ItemId).
+next(Node, Device, Above) -> next(Node, Device, Above, 1).
+next(Node, Device, Above, Least) -> ?STORAGE:next(Node, Device, Above, Least).
 newest(Node, Device) -> ?STORAGE:newest(Node, Device).
 nodes_for(Device) -> ?STORAGE:nodes_for(Device).
 each_queue(Fun) -> ?STORAGE:each_queue(Fun).

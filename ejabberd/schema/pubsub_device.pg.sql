@@ -103,3 +103,16 @@ CREATE INDEX pubsub_device_queue_node ON pubsub_device_queue (node);
 
 -- Expired items are found without reading all.
 CREATE INDEX pubsub_device_body_at ON pubsub_device_body USING brin (at);
+
+-- version 3
+
+-- What senders over HTTP ask for an item: until when it is kept (seconds), how urgent it is (1 to 4), and its topic.
+ALTER TABLE pubsub_device_body ADD COLUMN expires bigint;
+ALTER TABLE pubsub_device_body ADD COLUMN urgency smallint NOT NULL DEFAULT 3;
+ALTER TABLE pubsub_device_body ADD COLUMN topic text;
+CREATE INDEX pubsub_device_body_expires ON pubsub_device_body (expires) WHERE expires IS NOT NULL;
+CREATE INDEX pubsub_device_body_topic ON pubsub_device_body (node, topic) WHERE topic IS NOT NULL;
+
+-- What a key node was made for: web push, and the key of the only application server that may publish.
+ALTER TABLE pubsub_device_key ADD COLUMN web_push boolean NOT NULL DEFAULT false;
+ALTER TABLE pubsub_device_key ADD COLUMN vapid text;

@@ -16,8 +16,9 @@ class Keys(ServerTest):
         first = self.succeed(self.ext(owner, "<create-key-node node='%s'/>" % self.node)).find("{%s}key" % DEVICE)
         again = self.succeed(self.ext(self.client("owner"), "<create-key-node node='%s'/>" % self.node))
         again = again.find("{%s}key" % DEVICE)
-        self.assertEqual(first.attrib, {"node": self.node})
-        self.assertEqual(again.attrib, {"node": self.node, "status": "exists"})
+        url = "%s/%s" % (self.server.env["HTTPS_URL"], first.text)
+        self.assertEqual(first.attrib, {"node": self.node, "url": url})
+        self.assertEqual(again.attrib, {"node": self.node, "url": url, "status": "exists"})
         self.assertEqual(first.text, again.text)
         self.assertGreaterEqual(len(first.text) * 6, 160)
 
