@@ -152,7 +152,7 @@ class Sender:
         self.key = b64(point(self.private))
 
     def token(self, claims, header=None):
-        signed = signing_input(header or self.header, claims)
+        signed = signing_input(self.header if header is None else header, claims)
         r, s = decode_dss_signature(self.private.sign(signed.encode(), ec.ECDSA(hashes.SHA256())))
         return "%s.%s" % (signed, b64(r.to_bytes(32, "big") + s.to_bytes(32, "big")))
 
