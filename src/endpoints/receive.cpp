@@ -43,6 +43,11 @@ std::string prefixOf(const PubSubSession& session, const std::string& appId) {
     return "/" + session.m_username + "/" + session.m_resource + "/" + appId + "/";
 }
 
+// `prefix` is that of the receiver's application.
+bool asksFor(const _receiverStruct& receiver, const std::string& node, const std::string& prefix) {
+    return receiver.all || (node.starts_with(prefix) && receiver.named.contains(endpointOf(node, prefix)));
+}
+
 // The endpoints of the request, each once; false when one of them is no name or is not the application's.
 bool readEndpoints(Request& request, const std::vector<std::string>& owned, std::vector<std::string>& nodes) {
     json_object* list = jsonMember(request.json(), "endpoints");
@@ -105,11 +110,13 @@ bool receive(QSHandle* handle, QSMessage* message, void*) {
     receiver->client = QSMessageGetSender(message);
     receiver->message = KeptMessage(message);
     receiver->all = all;
-    if (!all)
-        receiver->named.insert(nodes.begin(), nodes.end());
     JsonArray endpoints;
-    for (const std::string& node : nodes)
-        endpoints.add(endpointOf(node, request.node));
+    for (const std::string& node : nodes) {
+        const std::string endpoint = endpointOf(node, request.node);
+        endpoints.add(endpoint);
+        if (!all)
+            receiver->named.insert(endpoint);
+    }
     Reply reply(true);
     reply.set("endpoints", endpoints.release());
     request.reply(reply);
@@ -129,7 +136,7 @@ void PubSubSession::endReceiver(QSMessage* message) {
         return;
     const std::shared_ptr<_receiverStruct> receiver = *found;
     m_receivers.erase(found);
-    dropReceiver(receiver);
+    dropReceiver(nodesOf(receiver));
 }
 
 void PubSubSession::joinReceiver(const std::string& node, const std::string& appId) {
@@ -137,8 +144,9 @@ void PubSubSession::joinReceiver(const std::string& node, const std::string& app
         setReceiver({node}, receiver);
         return;
     }
+    const std::string prefix = prefixOf(*this, appId);
     for (const auto& receiver : m_receivers)
-        if (receiver->appId == appId && (receiver->all || receiver->named.contains(node))) {
+        if (receiver->appId == appId && asksFor(*receiver, node, prefix)) {
             setReceiver({node}, receiver);
             return;
         }
@@ -146,11 +154,13 @@ void PubSubSession::joinReceiver(const std::string& node, const std::string& app
 
 void PubSubSession::rejoinReceivers() {
     for (const auto& receiver : m_receivers) {
-        if (!receiver->all)
-            continue;
+        const std::string prefix = prefixOf(*this, receiver->appId);
+        std::vector<std::string> others = nodesOf(receiver);  // an earlier account's
+        std::erase_if(others, [&](const std::string& node) { return node.starts_with(prefix); });
+        dropReceiver(others);
         std::vector<std::string> nodes;
-        for (const std::string& node : ownedNodes(receiver->appId, prefixOf(*this, receiver->appId)))
-            if (!receiverOf(node))
+        for (const std::string& node : ownedNodes(receiver->appId, prefix))
+            if (!receiverOf(node) && asksFor(*receiver, node, prefix))
                 nodes.push_back(node);
         setReceiver(nodes, receiver);
     }

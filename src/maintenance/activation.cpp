@@ -152,7 +152,8 @@ void PubSubSession::handleActivateSysNodes(const std::string&, const gloox::JID&
     printerror(error);
 }
 
-void PubSubSession::handleBulkActivate(const std::string& id, const gloox::JID&, const gloox::Error* error) {
+void PubSubSession::handleBulkActivate(const std::string& id, const gloox::JID&,
+                                       const xmpp::NodeErrors& failed, const gloox::Error* error) {
     printerror(error);
-    openNodesAnswered(id, error);
+    openNodesAnswered(id, failed);
 }

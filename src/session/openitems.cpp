@@ -6,11 +6,10 @@
 // acknowledged, then whoever took it is answered. Items that are taken at the same time share a commit
 // (m_takenItems). A node has at most one further item here; what else arrives is dropped, and the server is
 // asked for it again. The receivers are those of endpoints/receive.cpp, the handlers those of
-// delivery/confirm.cpp.
+// delivery/confirm.cpp. What the server is told of these nodes is in openlinks.cpp.
 #include "session/openitems.h"
 
 #include <glib.h>
-#include <gloox/error.h>
 
 #include <algorithm>
 #include <utility>
@@ -18,18 +17,12 @@
 #include "session/pubsubsession.h"
 #include "util/jsonref.h"
 #include "util/log.h"
-#include "xmpp/manager.h"
 
 namespace {
 
-constexpr std::size_t kMostTaken = 64;   // that share a commit: a client may wait for so many answers
-constexpr int64_t kMicroseconds = 1000;  // of a millisecond
-constexpr int64_t kFirstPause = 1000;    // milliseconds until handlers are asked again; doubled
-constexpr int64_t kLongestPause = 60'000;
-
-int64_t pauseAfter(unsigned failures) {
-    return failures > 6 ? kLongestPause : std::min(kLongestPause, kFirstPause << (failures - 1));
-}
+constexpr std::size_t kMostTaken = 64;    // that share a commit: a client may wait for so many answers
+constexpr int64_t kMicroseconds = 1000;   // of a millisecond
+constexpr int64_t kHandlerTime = 60'000;  // milliseconds for the answers to a call
 
 guint attach(GSource* source, GSourceFunc callback, PubSubSession* session) {
     g_source_set_callback(source, callback, session, nullptr);
@@ -106,12 +99,16 @@ void PubSubSession::setReceiver(const std::vector<std::string>& nodes,
     openNodes(fresh);
 }
 
-void PubSubSession::dropReceiver(const std::shared_ptr<_receiverStruct>& receiver) {
-    settleItems();
+std::vector<std::string> PubSubSession::nodesOf(const std::shared_ptr<_receiverStruct>& receiver) const {
     std::vector<std::string> nodes;
     for (const auto& [node, entry] : m_openNodes)
         if (entry.receiver == receiver)
             nodes.push_back(node);
+    return nodes;
+}
+
+void PubSubSession::dropReceiver(const std::vector<std::string>& nodes) {
+    settleItems();
     for (const std::string& node : nodes) {
         _openNodeStruct& entry = m_openNodes[node];
         forgetItems(node, entry);
@@ -135,15 +132,6 @@ void PubSubSession::handlersChanged(const std::string& node) {
     releaseNode(node);
 }
 
-// The server is told also when the node stays wanted: what was open is given back and handed out anew.
-void PubSubSession::releaseNode(const std::string& node) {
-    _openNodeStruct& entry = m_openNodes[node];
-    if (m_connected && entry.link != NodeLink::Off)
-        closeNode(node, entry);
-    else if (!isWanted(node, entry))
-        m_openNodes.erase(node);
-}
-
 void PubSubSession::forgetOpenNode(const std::string& node) {
     const auto found = m_openNodes.find(node);
     if (found == m_openNodes.end())
@@ -164,7 +152,7 @@ void PubSubSession::forgetItems(const std::string& node, _openNodeStruct& entry)
     if (entry.receiver && entry.receiver->unsent.erase(node) != 0 && !entry.receiver->unsent.empty()) {
         // It may have been the one that is due to be tried again.
         const std::string& other = *entry.receiver->unsent.begin();
-        setDue(other, m_openNodes[other], kFirstPause);
+        setDue(other, m_openNodes[other], retryPause(1));
     }
     entry.open.reset();
     entry.next.reset();
@@ -173,109 +161,6 @@ void PubSubSession::forgetItems(const std::string& node, _openNodeStruct& entry)
     entry.told = false;
     entry.confirmed.clear();
     entry.failures = 0;
-}
-
-// --- the server
-
-void PubSubSession::openWantedNodes() {
-    rejoinReceivers();
-    for (const auto& [node, handlers] : m_confirming)
-        m_openNodes[node];
-    std::vector<std::string> nodes;
-    for (const auto& [node, entry] : m_openNodes)
-        if (entry.link == NodeLink::Off)
-            nodes.push_back(node);
-    openNodes(nodes);
-}
-
-// What is open stays with whoever has it: the server sends the same item again, which is not handed out twice.
-void PubSubSession::forgetOpenLinks() {
-    for (auto& [node, entry] : m_openNodes) {
-        entry.link = NodeLink::Off;
-        entry.request.clear();
-        entry.missed = false;
-        entry.next.reset();
-    }
-    std::erase_if(m_openNodes, [this](const auto& each) { return !isWanted(each.first, each.second); });
-}
-
-void PubSubSession::openNode(const std::string& node, _openNodeStruct& entry) {
-    // The server is told no number that is not on disk.
-    commitSeqNos();
-    std::string seqNo;
-    getSeqNo(node, seqNo);
-    entry.missed = false;
-    entry.request = m_pubsub ? m_pubsub->activateNode(pubsubService(), node, seqNo, this, true) : "";
-    entry.link = entry.request.empty() ? NodeLink::Off : NodeLink::Opening;
-}
-
-void PubSubSession::openNodes(const std::vector<std::string>& nodes) {
-    if (nodes.size() == 1)
-        return openNode(nodes.front(), m_openNodes[nodes.front()]);
-    if (nodes.empty())
-        return;
-    const gloox::StringList names(nodes.begin(), nodes.end());
-    const std::string id = m_pubsub ? m_pubsub->bulkActivate(pubsubService(), names, this, true) : "";
-    for (const std::string& node : nodes) {
-        _openNodeStruct& entry = m_openNodes[node];
-        entry.missed = false;
-        entry.request = id;
-        entry.link = id.empty() ? NodeLink::Off : NodeLink::Opening;
-    }
-}
-
-void PubSubSession::closeNode(const std::string& node, _openNodeStruct& entry) {
-    entry.request = m_pubsub ? m_pubsub->deActivateNode(pubsubService(), node, this) : "";
-    entry.link = entry.request.empty() ? NodeLink::Off : NodeLink::Closing;
-}
-
-void PubSubSession::reopenNode(const std::string& node) {
-    const auto found = m_openNodes.find(node);
-    if (found != m_openNodes.end() && found->second.link != NodeLink::Closing &&
-        isWanted(node, found->second))
-        openNode(node, found->second);
-}
-
-bool PubSubSession::openNodeAnswered(const std::string& id, const std::string& node,
-                                     const gloox::Error* error) {
-    const auto found = m_openNodes.find(node);
-    if (found == m_openNodes.end() || found->second.request != id)
-        return false;
-    _openNodeStruct& entry = found->second;
-    entry.request.clear();
-    if (entry.link == NodeLink::Opening) {
-        entry.link = error ? NodeLink::Off : NodeLink::On;
-        if (error && error->type() == gloox::StanzaErrorTypeWait && entry.due == 0)
-            setDue(node, entry, pauseAfter(++entry.failures));
-        else if (entry.missed && !error)
-            closeNode(node, entry);
-        return true;
-    }
-    entry.link = NodeLink::Off;
-    removeActivateMap(node);
-    if (isWanted(node, entry)) {
-        openNode(node, entry);
-        return true;
-    }
-    m_openNodes.erase(found);
-    activateForOthers(node);
-    return true;
-}
-
-// An error that passes is that of all nodes, any other may be of one of them. Which of them failed is only
-// logged: those that do not exist get no items, so nothing depends on it.
-void PubSubSession::openNodesAnswered(const std::string& bulkId, const gloox::Error* error) {
-    const bool refused = error && error->type() == gloox::StanzaErrorTypeWait;
-    for (auto& [node, entry] : m_openNodes) {
-        if (entry.request != bulkId)
-            continue;
-        entry.request.clear();
-        entry.link = refused ? NodeLink::Off : NodeLink::On;
-        if (refused && entry.due == 0)
-            setDue(node, entry, pauseAfter(++entry.failures));
-        else if (!refused && entry.missed)
-            closeNode(node, entry);
-    }
 }
 
 // --- items
@@ -317,7 +202,7 @@ bool PubSubSession::handOut(const std::string& node) {
     if (entry.receiver)
         return giveToReceiver(node, entry);
     if (askHandlers(node, entry))
-        setDue(node, entry, kLongestPause);
+        setDue(node, entry, kHandlerTime);
     else
         handlersDone(node, entry);
     return true;
@@ -375,6 +260,9 @@ void PubSubSession::advance(const std::string& node) {
         handOut(node);
     } else if (entry.missed && entry.link == NodeLink::On) {
         closeNode(node, entry);
+    } else if (entry.link == NodeLink::Off && m_connected) {
+        // Its activation was refused while the item had a time of its own.
+        setDue(node, entry, retryPause(++entry.failures));
     }
 }
 
@@ -408,7 +296,7 @@ void PubSubSession::handlersDone(const std::string& node, _openNodeStruct& entry
     if (handlers != m_confirming.end() && includesAll(entry.confirmed, handlers->second))
         takeOpenItem(node, "", nullptr);
     else
-        setDue(node, entry, pauseAfter(++entry.failures));
+        setDue(node, entry, retryPause(++entry.failures));
 }
 
 void PubSubSession::retryHandlers(const std::string& service) {

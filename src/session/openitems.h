@@ -29,7 +29,7 @@ struct _receiverStruct {
     std::string client;           // unique name on the bus
     KeptMessage message;          // the request, answered with every item
     bool all = false;             // it also receives the endpoints that the application creates later
-    std::set<std::string> named;  // nodes that it asked for by name, also while they do not exist
+    std::set<std::string> named;  // endpoints that it asked for by name, also while they do not exist
     // Nodes whose open item could not be written to the client; the first of them is due to be tried again.
     std::set<std::string> unsent;
     unsigned failures = 0;  // to write, since the last success
@@ -42,6 +42,12 @@ struct _confirmCallStruct {
     std::string endpoint;
     QSToken token = 0;
 };
+
+// Milliseconds until something is tried again that has failed so many times in a row: 1, 2, 4 ... 60 s.
+constexpr int64_t kLongestRetryPause = 60'000;
+constexpr int64_t retryPause(unsigned failures) {
+    return failures > 6 ? kLongestRetryPause : int64_t{1'000} << (failures - 1);
+}
 
 // What the server was told about a node in this connection: nothing, or the last request and whether it has
 // been answered. Items that arrive in any state but On are neither handed out nor acknowledged: the server

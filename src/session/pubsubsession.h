@@ -119,7 +119,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // maintenance/activation.cpp
     void handleActivateSysNodes(const std::string& id, const gloox::JID& service,
                                 const gloox::Error* error) override;
-    void handleBulkActivate(const std::string& id, const gloox::JID& service,
+    void handleBulkActivate(const std::string& id, const gloox::JID& service, const xmpp::NodeErrors& failed,
                             const gloox::Error* error) override;
     // endpoints/listendpoints.cpp
     void handleWaiting(const std::string& id, const gloox::JID& service,
@@ -198,12 +198,11 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     bool keepsOpenItem(const std::string& node) const;
     std::shared_ptr<_receiverStruct> receiverOf(const std::string& node) const;  // null when there is none
     void setReceiver(const std::vector<std::string>& nodes, const std::shared_ptr<_receiverStruct>& receiver);
-    void dropReceiver(const std::shared_ptr<_receiverStruct>& receiver);
+    std::vector<std::string> nodesOf(const std::shared_ptr<_receiverStruct>& receiver) const;
+    void dropReceiver(const std::vector<std::string>& nodes);
     // The confirming handlers of the node have changed.
     void handlersChanged(const std::string& node);
     void forgetOpenNode(const std::string& node);  // it was deleted
-    void openWantedNodes();                        // at a connect, before the device announces itself
-    void forgetOpenLinks();                        // the server keeps none across a disconnect
     void acceptItem(const std::string& node, _itemStruct item);
     // Hands the open item out, unless somebody has it already; false when its receiver could not be reached.
     bool handOut(const std::string& node);
@@ -217,16 +216,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // Asks the handlers again that wait for their next try and belong to this service.
     void retryHandlers(const std::string& service);
     void finishTaken();  // after the commit
-    // Results of the node's activations and deactivations; false for one that others asked for.
-    bool openNodeAnswered(const std::string& id, const std::string& node, const gloox::Error* error);
-    void openNodesAnswered(const std::string& bulkId, const gloox::Error* error);
-    // Others have had the node deactivated, which ended the activation for its receiver too.
-    void reopenNode(const std::string& node);
     bool isWanted(const std::string& node, const _openNodeStruct& entry) const;
-    void openNode(const std::string& node, _openNodeStruct& entry);
-    void openNodes(const std::vector<std::string>& nodes);
-    void closeNode(const std::string& node, _openNodeStruct& entry);
-    void releaseNode(const std::string& node);  // unless it is still wanted
     void forgetItems(const std::string& node, _openNodeStruct& entry);
     void advance(const std::string& node);  // after the open item was taken
     void handlersDone(const std::string& node, _openNodeStruct& entry);
@@ -236,6 +226,20 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void dropTimers();
     static gboolean settleTaken(gpointer session);
     static gboolean handleDueNodes(gpointer session);
+
+    // session/openlinks.cpp: what the server is told of these nodes
+    void openWantedNodes();  // at a connect, before the device announces itself
+    void forgetOpenLinks();  // the server keeps none across a disconnect
+    // Results of the node's activations and deactivations; false for one that others asked for.
+    bool openNodeAnswered(const std::string& id, const std::string& node, const gloox::Error* error);
+    void openNodesAnswered(const std::string& bulkId, const xmpp::NodeErrors& failed);
+    // Others have had the node deactivated, which ended the activation for its receiver too.
+    void reopenNode(const std::string& node);
+    void openNode(const std::string& node, _openNodeStruct& entry);
+    void openNodes(const std::vector<std::string>& nodes);
+    void closeNode(const std::string& node, _openNodeStruct& entry);
+    void releaseNode(const std::string& node);  // unless it is still wanted
+    void activationAnswered(const std::string& node, _openNodeStruct& entry, const gloox::Error* error);
 
     // delivery/seqno.cpp
     bool getSeqNo(const std::string& node, std::string& seqNo);

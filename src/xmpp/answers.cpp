@@ -8,6 +8,7 @@
 #include <gloox/pubsubitem.h>
 
 #include <algorithm>
+#include <list>
 #include <optional>
 #include <utility>
 
@@ -20,8 +21,10 @@ namespace {
 
 using gloox::Tag;
 
+// With the type that the standard recommends for the conditions that may be over later.
 std::unique_ptr<Tag> stanzaError(const std::string& condition) {
-    auto error = std::make_unique<Tag>("error", "type", "cancel");
+    const bool passes = condition == "resource-constraint" || condition == "internal-server-error";
+    auto error = std::make_unique<Tag>("error", "type", passes ? "wait" : "cancel");
     auto* child = new Tag(error.get(), condition);
     child->setXmlns(gloox::XMLNS_XMPP_STANZAS);
     return error;
@@ -104,6 +107,16 @@ void deliverPending(ResultHandler& handler, const std::string& id, const Tag& iq
     handler.handlePendingRequest(id, attributeOf(command, "sessionid"), nodes ? &*nodes : nullptr, error);
 }
 
+void deliverBulkActivation(ResultHandler& handler, const std::string& id, const gloox::JID& service,
+                           const std::map<std::string, std::unique_ptr<Tag>>& elements,
+                           const gloox::Error* first) {
+    std::list<RawError> errors;
+    NodeErrors failed;
+    for (const auto& [node, element] : elements)
+        failed[node] = &errors.emplace_back(*element);
+    handler.handleBulkActivate(id, service, failed, first);
+}
+
 std::unique_ptr<Tag> errorOfNode(const Tag& node) {
     if (const Tag* error = node.findChild("error"))
         return std::unique_ptr<Tag>(error->clone());
@@ -146,26 +159,33 @@ void Manager::handleBulkAnswer(const Request& request, const gloox::Tag& iq, con
         return;
     }
     const bool activates = request.operation == Operation::BulkActivate;
-    const auto fail = [&bulk](std::unique_ptr<Tag> element) {
+    const auto fail = [&bulk](const Tag& element) {
         ++bulk.failed;
         if (!bulk.error)
-            bulk.error = std::move(element);
+            bulk.error.reset(element.clone());
     };
-    if (error)
-        fail(std::unique_ptr<Tag>(error->clone()));
+    if (error) {
+        fail(*error);
+        for (const std::string& node : request.part)
+            bulk.errors[node].reset(error->clone());
+    }
     const Tag* list = error ? nullptr : iq.findChild(activates ? "activate-nodes" : "delete-nodes");
-    for (const Tag* node : list ? list->findChildren("node") : gloox::TagList())
-        fail(errorOfNode(*node));
+    for (const Tag* node : list ? list->findChildren("node") : gloox::TagList()) {
+        std::unique_ptr<Tag> element = errorOfNode(*node);
+        fail(*element);
+        if (activates)
+            bulk.errors[node->findAttribute("id")] = std::move(element);
+    }
     if (--bulk.unanswered > 0)
         return;
-    if (!bulk.error) {
-        deliver(request, bulk.id, iq, nullptr);
-        return;
-    }
-    PrvPrintErr({}, "%s failed for %zu of its nodes, first: %s",
-                activates ? "Bulk activation" : "Bulk deletion", bulk.failed, bulk.error->xml().c_str());
-    const RawError first(*bulk.error);
-    deliver(request, bulk.id, iq, &first);
+    if (bulk.error)
+        PrvPrintErr({}, "%s failed for %zu of its nodes, first: %s",
+                    activates ? "Bulk activation" : "Bulk deletion", bulk.failed, bulk.error->xml().c_str());
+    const std::unique_ptr<RawError> first(bulk.error ? new RawError(*bulk.error) : nullptr);
+    if (activates)
+        deliverBulkActivation(*request.handler, bulk.id, request.service, bulk.errors, first.get());
+    else
+        request.handler->handleBulkDelete(bulk.id, request.service, first.get());
 }
 
 // The parts that the server answered count, also when it refused others.
@@ -213,11 +233,9 @@ void Manager::deliver(const Request& request, const std::string& id, const gloox
             return handler.handleActivateNode(id, service, node, error);
         case Operation::DeActivateNode:
             return handler.handleDeActivateNode(id, service, node, error);
-        case Operation::BulkActivate:
-            return handler.handleBulkActivate(id, service, error);
+        case Operation::BulkActivate:  // these three always in parts, see above
         case Operation::BulkDelete:
-            return handler.handleBulkDelete(id, service, error);
-        case Operation::Waiting:  // always in parts, see above
+        case Operation::Waiting:
             return;
         case Operation::PendingRequest:
             return deliverPending(handler, id, iq, error);

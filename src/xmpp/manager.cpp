@@ -343,10 +343,16 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
     if (!m_client || !service || !handler)
         return {};
     const char* type = operation == Operation::Waiting ? "get" : "set";
-    std::vector<std::pair<std::string, std::string>> parts;  // stanza id and stanza
+    struct Part {
+        std::string id;
+        std::string stanza;
+        gloox::StringList nodes;
+    };
+    std::vector<Part> parts;
     auto node = nodes.begin();
     do {
         const std::string id = nextId();
+        const auto first = node;
         StanzaWriter part = beginIq(type, service, id);
         part.open(element, kDeviceXmlns);
         for (; node != nodes.end() && part.size() < kListPart; ++node) {
@@ -361,21 +367,26 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
                             element);
             }
         }
-        parts.emplace_back(id, part.finish());
+        parts.push_back({.id = id, .stanza = part.finish(), .nodes = {}});
+        if (operation == Operation::BulkActivate)
+            parts.back().nodes.assign(first, node);
     } while (node != nodes.end());
 
     if (!mayHold(parts.size())) {
         PrvPrintErr({}, "Too many operations wait for the connection, refused %s", element);
         return {};
     }
-    const std::string id = parts.front().first;
+    const std::string id = parts.front().id;
     const auto bulk = std::make_shared<Bulk>();
     bulk->id = id;
     bulk->unanswered = parts.size();
-    for (auto& [partId, stanza] : parts) {
-        m_requests.emplace(
-            partId, Request{.operation = operation, .handler = handler, .service = service, .bulk = bulk});
-        sendOrHold(partId, std::move(stanza));
+    for (Part& part : parts) {
+        m_requests.emplace(part.id, Request{.operation = operation,
+                                            .handler = handler,
+                                            .service = service,
+                                            .bulk = bulk,
+                                            .part = std::move(part.nodes)});
+        sendOrHold(part.id, std::move(part.stanza));
     }
     return id;
 }

@@ -127,8 +127,9 @@ class Manager : public gloox::PubSub::Manager {
         std::string id;
         std::size_t unanswered = 0;
         std::size_t failed = 0;
-        std::unique_ptr<gloox::Tag> error;  // the first one
-        StringMap counts;                   // of Waiting
+        std::unique_ptr<gloox::Tag> error;                          // the first one
+        StringMap counts;                                           // of Waiting
+        std::map<std::string, std::unique_ptr<gloox::Tag>> errors;  // of BulkActivate, by node
     };
     struct Request {
         Operation operation;
@@ -138,6 +139,7 @@ class Manager : public gloox::PubSub::Manager {
         std::string subid;
         gloox::JID subscriber;
         std::shared_ptr<Bulk> bulk;
+        gloox::StringList part;  // the nodes of this stanza of a BulkActivate
     };
 
     struct Held {

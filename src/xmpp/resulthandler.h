@@ -9,6 +9,8 @@
 
 namespace xmpp {
 
+using NodeErrors = std::map<std::string, const gloox::Error*>;
+
 // Every handler gets the id that the operation returned. `error` is null on success; its tag() is the error
 // element as the server sent it. Pointers are borrowed for the duration of the call.
 class ResultHandler : public gloox::PubSub::ResultHandler {
@@ -38,8 +40,9 @@ class ResultHandler : public gloox::PubSub::ResultHandler {
                                   const gloox::Error* error) = 0;
     virtual void handleActivateSysNodes(const std::string& id, const gloox::JID& service,
                                         const gloox::Error* error) = 0;
+    // `error` is the first failure, `failed` has all, by node.
     virtual void handleBulkActivate(const std::string& id, const gloox::JID& service,
-                                    const gloox::Error* error) = 0;
+                                    const NodeErrors& failed, const gloox::Error* error) = 0;
     // How many items the server keeps, in decimal, for each node that it told.
     virtual void handleWaiting(const std::string& id, const gloox::JID& service,
                                const std::map<std::string, std::string>& counts,

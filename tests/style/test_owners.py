@@ -36,7 +36,7 @@ WRITERS = {
     "m_receivers": {"endpoints/receive.cpp"},
     "m_awakeSince": {"endpoints/receive.cpp"},
     # Items that somebody has and the server keeps
-    "m_openNodes": {"session/openitems.cpp"},
+    "m_openNodes": {"session/openitems.cpp", "session/openlinks.cpp"},
     "m_takenItems": {"session/openitems.cpp"},
     "m_settleSource": {"session/openitems.cpp"},
     "m_dueNodes": {"session/openitems.cpp"},

@@ -180,6 +180,24 @@ TEST_F(Confirm, AnActivationThatFailedIsTriedAgainWithTheNextItem) {
     EXPECT_EQ(callsOf(kOne), 0u);
 }
 
+TEST_F(Confirm, AnActivationThatWasRefusedWhileAnItemWaitedForItsHandlerIsAskedForAgainAfterTheItem) {
+    confirmWith(kOne);
+    pushItem(kNode, "7", "i1", "hello");
+    fakeServer().closesWith(gloox::ConnStreamError);
+    pump();
+    fakeServer().forgetStanzas();
+    ASSERT_TRUE(session().connectToService());
+    pump();
+    answerError(fakeServer().stanzas()[0].id(), "wait", "resource-constraint");
+    fakeServer().forgetStanzas();
+    confirmed(kOne);
+    EXPECT_TRUE(isStored());
+    waitFor([&] { return stanzaCount() == 2; });
+    answer(expectStanza(limited("7")));
+    pushItem(kNode, "8", "i2", "second");
+    EXPECT_EQ(callsOf(kOne), 2u);
+}
+
 // --- the registration
 
 TEST_F(Confirm, IsKeptInTheRecordOverEveryRewriteAndRestart) {
@@ -222,7 +240,7 @@ TEST_F(Confirm, AReceiverComesBeforeTheHandlers) {
     session().setReceiver({kNode}, std::make_shared<_receiverStruct>());
     answer(expectStanza(kDeactivate));
     EXPECT_FALSE(fakeBus().replyTo(kOne, R"({"returnValue":true})")) << "the call was cancelled";
-    session().dropReceiver(session().receiverOf(kNode));
+    session().dropReceiver({kNode});
     answer(expectStanza(kDeactivate));
     answer(expectStanza(limited("0")));
     pushItem(kNode, "7", "i1", "hello");

@@ -25,6 +25,28 @@ TEST_F(Receive, ABulkActivationThatTheServerRefusesForNowIsAskedForAgain) {
     EXPECT_EQ(session().m_dueTimer, 0u);
 }
 
+TEST_F(Receive, OfTheNodesOfABulkActivationOnlyThoseThatTheServerRefusesForNowAreAskedForAgain) {
+    own({"gone", "inbox", "news"});
+    const Answer receiver = askReceive();
+    takeLogLines();
+    answer(lastId(), "<activate-nodes xmlns='urn:zelt:pubsub:device:0'><node id='" + nodeOf("gone") +
+                         "' error='item-not-found'/><node id='" + kNode +
+                         "' error='resource-constraint'/></activate-nodes>");
+    pushItem(nodeOf("news"), "7", "i1", "hello");
+    EXPECT_EQ(receiver.all().size(), 2u);
+    EXPECT_EQ(takeLogLines().back(),
+              "activationAnswered: No items of " + nodeOf("gone") +
+                  " are received, the server refused its activation: <error type='cancel'><item-not-found "
+                  "xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>");
+    waitFor([&] { return stanzaCount() == 2; });
+    answer(expectStanza(limitedStanza()));
+    EXPECT_EQ(session().m_dueTimer, 0u);
+    createEndpointOf("gone");
+    answer(expectStanza(limitedStanza("0", nodeOf("gone"))));
+    pushItem(nodeOf("gone"), "8", "i2", "hello");
+    EXPECT_EQ(receiver.all().size(), 3u);
+}
+
 TEST_F(Receive, AnActivationThatTheServerRefusesForGoodIsNot) {
     own({"inbox"});
     askReceive();
@@ -121,6 +143,55 @@ TEST_F(Receive, OfNamedEndpointsIsActivatedAtTheNextConnect) {
     fakeServer().forgetStanzas();
     reconnect();
     EXPECT_EQ(fakeServer().stanzas()[0].textWithoutId(), limitedStanza());
+}
+
+// Each account has nodes of its own, and a node of another one is not this device's to activate.
+TEST_F(Receive, AfterAChangeOfTheAccountTakesTheEndpointsOfTheNewOneAlone) {
+    own({"inbox", "news"});
+    const Answer named = askReceive(R"({"subscribe":true,"endpoints":["inbox"]})");
+    answer(lastId());
+    const Answer all = ask(receive, "receive", R"({"subscribe":true})", "com.example.other 7");
+    ask(createEndpoint, "createEndpoint", kInbox, "com.example.other 7");
+    answer(lastId(),
+           "<key xmlns='urn:zelt:pubsub:device:0' node='/u1234/dev42/com.example.other/inbox'>K</key>");
+    pushItem(kNode, "7", "i1", "hello");
+    loseConnection();
+    session().m_username = "other";
+    fakePrefs().store(kPrefs, "deletecom.example.app",
+                      R"({"nodes":[")" + kNode + R"(","/other/dev42/com.example.app/inbox",)" +
+                          R"("/other/dev42/com.example.app/news"]})");
+    reconnect();
+    EXPECT_EQ(fakeServer().stanzas()[0].textWithoutId(),
+              limitedStanza("0", "/other/dev42/com.example.app/inbox"));
+    EXPECT_EQ(fakeServer().stanzas()[1].tag().name(), "presence");
+    EXPECT_FALSE(session().keepsOpenItem(kNode));
+    EXPECT_FALSE(session().keepsOpenItem("/u1234/dev42/com.example.other/inbox"));
+    EXPECT_EQ(acknowledged(receipt(named)), refusal("inbox", "appErr", kUnknownReceipt));
+    answer(fakeServer().stanzas()[0].id());
+    pushItem("/other/dev42/com.example.app/inbox", "3", "i2", "of the other");
+    EXPECT_EQ(named.all().back(), itemOf("of the other", "i2", receipt(named)));
+
+    loseConnection();
+    session().m_username = "u1234";
+    reconnect();
+    EXPECT_TRUE(session().keepsOpenItem(kNode));
+    EXPECT_FALSE(session().keepsOpenItem(nodeOf("news")));
+    EXPECT_TRUE(session().keepsOpenItem("/u1234/dev42/com.example.other/inbox"));
+    EXPECT_FALSE(session().keepsOpenItem("/other/dev42/com.example.app/inbox"));
+}
+
+TEST_F(Receive, ANamedEndpointThatIsMissingAfterAChangeOfTheAccountIsTakenWhenItIsCreated) {
+    own({"inbox"});
+    askReceive(R"({"subscribe":true,"endpoints":["inbox"]})");
+    answer(lastId());
+    loseConnection();
+    session().m_username = "other";
+    reconnect();
+    const std::string node = "/other/dev42/com.example.app/inbox";
+    EXPECT_FALSE(session().keepsOpenItem(node));
+    ask(createEndpoint, "createEndpoint");
+    answer(lastId(), "<key xmlns='urn:zelt:pubsub:device:0' node='" + node + "'>KEY</key>");
+    expectStanza(limitedStanza("0", node));
 }
 
 TEST_F(Receive, OfAllEndpointsHasThoseThatAreStoredApart) {

@@ -271,6 +271,17 @@ TEST_F(Answers, OfABulkListGiveTheFirstNamedFailure) {
                   "handleBulkAnswer: Bulk activation failed for 2 of its nodes, first: " + kForbidden}));
 }
 
+TEST_F(Answers, OfABulkActivationTellWhichNodesFailedAndWhetherForNow) {
+    const std::string id = manager->bulkActivate(service, {"/a", "/b", "/c"}, &handler);
+    answer(id, "result",
+           "<activate-nodes xmlns='urn:zelt:pubsub:device:0'><node id='/b' error='item-not-found'/>"
+           "<node id='/c' error='resource-constraint'/></activate-nodes>");
+    const std::string xmlns = " xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>";
+    EXPECT_EQ(handler.failures,
+              (std::vector<std::string>{"/b for good: <error type='cancel'><item-not-found" + xmlns,
+                                        "/c for now: <error type='wait'><resource-constraint" + xmlns}));
+}
+
 TEST_F(Answers, OfABulkListTakeAConditionForAnError) {
     const std::string id = manager->bulkDelete(service, {"/a"}, &handler);
     answer(id, "result",
@@ -362,6 +373,13 @@ TEST_F(LongLists, FailWhenAnyPartFails) {
         answer(idOf(part), "result");
     EXPECT_EQ(handler.calls,
               std::vector<std::string>{"bulkActivate " + id + " pubsub.example.org error " + kForbidden});
+    ASSERT_FALSE(handler.failures.empty());
+    EXPECT_LT(handler.failures.size(), 10'000u);
+    for (const std::string& failure : handler.failures) {
+        const std::string node = failure.substr(0, failure.find(' '));
+        EXPECT_EQ(failure, node + " for good: " + kForbidden);
+        EXPECT_NE(parts[1].find("<node id='" + node + "'/>"), std::string::npos) << node;
+    }
 }
 
 }  // namespace

@@ -115,7 +115,11 @@ void RecordingHandler::handleActivateSysNodes(const std::string& id, const gloox
     record("activateSysNodes " + id + " " + service.full(), error);
 }
 void RecordingHandler::handleBulkActivate(const std::string& id, const gloox::JID& service,
-                                          const gloox::Error* error) {
+                                          const xmpp::NodeErrors& failed, const gloox::Error* error) {
+    for (const auto& [node, reason] : failed)
+        failures.push_back(node +
+                           (reason->type() == gloox::StanzaErrorTypeWait ? " for now: " : " for good: ") +
+                           std::unique_ptr<gloox::Tag>(reason->tag())->xml());
     record("bulkActivate " + id + " " + service.full(), error);
 }
 void RecordingHandler::handleWaiting(const std::string& id, const gloox::JID& service,

@@ -50,7 +50,8 @@ void settle();
 class RecordingHandler : public xmpp::UnaskedResults {
   public:
     std::vector<std::string> calls;
-    std::function<void()> then;  // runs inside every call
+    std::vector<std::string> failures;  // of the nodes of bulk activations
+    std::function<void()> then;         // runs inside every call
 
     void handlePendingRequest(const std::string& id, const std::string& node, const gloox::StringList* nodes,
                               const gloox::Error* error) override;
@@ -76,7 +77,7 @@ class RecordingHandler : public xmpp::UnaskedResults {
                           const gloox::Error* error) override;
     void handleActivateSysNodes(const std::string& id, const gloox::JID& service,
                                 const gloox::Error* error) override;
-    void handleBulkActivate(const std::string& id, const gloox::JID& service,
+    void handleBulkActivate(const std::string& id, const gloox::JID& service, const xmpp::NodeErrors& failed,
                             const gloox::Error* error) override;
     void handleWaiting(const std::string& id, const gloox::JID& service,
                        const std::map<std::string, std::string>& counts, const gloox::Error* error) override;
