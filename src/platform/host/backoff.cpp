@@ -11,7 +11,6 @@ namespace {
 
 constexpr int64_t kShortest = 100;
 constexpr int64_t kLongest = 24 * 3'600'000;
-constexpr int64_t kLasting = 60'000'000;
 constexpr unsigned kMostDoublings = 30;  // more would overflow; the longest delay is reached long before
 
 struct Unit {
@@ -65,6 +64,6 @@ int64_t drawDelay(const DelayRange& range, unsigned failed) {
 }
 
 void Backoff::lost(int64_t now) {
-    if (now - m_connectedAt >= kLasting)
+    if (now - m_connectedAt >= m_range.lasting * 1'000)
         m_failed = 0;
 }

@@ -9,6 +9,7 @@
 struct DelayRange {
     int64_t first = 5'000;
     int64_t longest = 300'000;
+    int64_t lasting = 60'000;  // a connection that lasted so long begins the delays again
     bool operator==(const DelayRange&) const = default;
 };
 
@@ -27,9 +28,8 @@ class Backoff {
     int64_t draw() const { return drawDelay(m_range, m_failed); }
     // An attempt is made; it counts as failed until a connection has lasted.
     void attempted() { ++m_failed; }
-    // Times are microseconds of the boot-time clock. A connection that lasted a minute begins the delays again;
-    // one that is lost sooner counts as a failed attempt, so that two devices that end each other's session
-    // slow down.
+    // Times are microseconds of the boot-time clock. A connection that is lost before it lasted counts as a
+    // failed attempt, so that two devices that end each other's session slow down.
     void connected(int64_t now) { m_connectedAt = now; }
     void lost(int64_t now);
 

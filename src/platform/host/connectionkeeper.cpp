@@ -82,13 +82,17 @@ void ConnectionKeeper::askLater() {
     stop();
     if (!mayAsk())
         return;
-    if (m_onBattery || m_supply.onMains())
-        arm(Timer::Delay, m_backoff.draw());
-    else
+    if (!m_onBattery && !m_supply.onMains()) {
         m_supply.watch([this] {
             if (m_supply.onMains())
                 askLater();
         });
+        // It may have been plugged in before the watch was there.
+        if (!m_supply.onMains())
+            return;
+        m_supply.unwatch();
+    }
+    arm(Timer::Delay, m_backoff.draw());
 }
 
 void ConnectionKeeper::stop() {
@@ -157,6 +161,9 @@ bool ConnectionKeeper::onService(QSHandle*, QSMessage* message, void* context) {
     auto* self = static_cast<ConnectionKeeper*>(context);
     self->stop();
     self->cancel(self->m_statusCall);
+    // Its end is the end of its connection.
+    if (std::exchange(self->m_connected, false))
+        self->m_backoff.lost(bootTime());
     self->m_statusKnown = false;
     if (isThere(message))
         self->followService();

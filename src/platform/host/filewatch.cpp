@@ -46,7 +46,9 @@ gboolean FileWatch::onEvent(gint descriptor, GIOCondition, gpointer data) {
     while ((count = read(descriptor, buffer, sizeof buffer)) > 0) {
         for (char* at = buffer; at < buffer + count;) {
             const auto* event = reinterpret_cast<inotify_event*>(at);
-            changed = changed || (event->len > 0 && name == event->name);
+            // After an overflow nobody knows which notices are missing.
+            changed =
+                changed || (event->mask & IN_Q_OVERFLOW) != 0 || (event->len > 0 && name == event->name);
             at += sizeof(inotify_event) + event->len;
         }
     }

@@ -64,9 +64,9 @@ bool PowerSupply::onMains() const {
         if (attribute(supply, "scope") == "Device")
             continue;
         const std::string type = attribute(supply, "type");
-        if (type == "Battery") {
+        if (type == "Battery" || type == "UPS") {
             unplugged = unplugged || attribute(supply, "status") == "Discharging";
-        } else if (type == "Mains" || type == "USB") {
+        } else if (type == "Mains" || type == "BrickID" || type == "Wireless" || type.starts_with("USB")) {
             const std::string online = attribute(supply, "online");
             if (!online.empty() && online != "0")
                 return true;

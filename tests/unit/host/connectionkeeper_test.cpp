@@ -72,8 +72,11 @@ class Provider {
 };
 
 int noticesEnd = -1;
+std::function<void()> atOpening;  // what happens just before the kernel's notices are there
 
 int openNotices() {
+    if (atOpening)
+        atOpening();
     int ends[2] = {-1, -1};
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
     noticesEnd = ends[1];
@@ -94,6 +97,7 @@ class Keeper : public testing::Test {
         if (noticesEnd >= 0)
             close(noticesEnd);
         noticesEnd = -1;
+        atOpening = nullptr;
     }
     void start() {
         keeper.reset();
@@ -311,6 +315,24 @@ TEST_F(Keeper, FollowsAServiceThatIsStartedAgain) {
     EXPECT_THAT(asked(), ElementsAre(kLogIn));
 }
 
+// The bound of the delay is 2.56 s after seven attempts, so a draw below 20 ms would be luck.
+TEST_F(Keeper, BeginsTheDelaysAgainWhenAServiceEndsWhoseConnectionLasted) {
+    config.reconnectDelays = {.first = 20, .longest = 3'600'000, .lasting = 0};
+    start();
+    for (size_t attempt = 1; attempt <= 7; ++attempt) {
+        EXPECT_TRUE(isAsked(attempt));
+        become(kDown);
+    }
+    becomeAndSettle(kUp);
+    service = nullptr;
+    service = std::make_unique<FakeService>();
+    status(kDown);
+    EXPECT_TRUE(Caller::waitFor([&] { return !service->calls.empty(); }));
+    caller.call(kKept, "{}");
+    EXPECT_LE(nextTimer(), asked().empty() ? 20 : 65'000);
+    EXPECT_TRUE(Caller::waitFor([&] { return !asked().empty(); }, 100));
+}
+
 TEST_F(Keeper, LeavesAConnectionAloneThatTheServicesOwnMethodEnded) {
     status(kUp);
     startAndFollow();
@@ -402,6 +424,13 @@ TEST_F(Keeper, LeavesTheDelaysOnBatteryToTheService) {
     onBattery(false);
     EXPECT_GT(send(noticesEnd, "SUBSYSTEM=power_supply", 22, MSG_NOSIGNAL), 0);
     EXPECT_TRUE(isAsked(2)) << "back on mains";
+}
+
+TEST_F(Keeper, SeesAChargerThatIsPluggedInWhileItBeginsToWatch) {
+    onBattery(true);
+    atOpening = [this] { onBattery(false); };
+    start();
+    EXPECT_TRUE(isAsked()) << "the kernel's notice came before anybody listened";
 }
 
 TEST_F(Keeper, StopsTheDelaysWhenTheMachineIsUnplugged) {

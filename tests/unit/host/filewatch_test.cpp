@@ -36,6 +36,17 @@ TEST_F(WatchedFile, IsReportedWhenItIsWrittenReplacedOrRemoved) {
     expectReport();
 }
 
+TEST_F(WatchedFile, IsReportedWhenTheKernelHasDroppedNotices) {
+    int longest = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> longest;
+    ASSERT_GT(longest, 0);
+    // Two files in turn, since the kernel drops a notice that is the same as the one before.
+    for (int i = 0; i <= longest; ++i)
+        std::ofstream(folder / (i % 2 == 0 ? "a" : "b")) << "";
+    std::ofstream(folder / "account.json") << "{}";
+    expectReport();
+}
+
 TEST(WatchedFolder, ThatIsMissingIsLoggedOnly) {
     int reports = 0;
     FileWatch watch("/nowhere/account.json", [&] { reports++; });

@@ -59,6 +59,30 @@ TEST_F(Supplies, AChargerCountsWhateverTheBatterySays) {
     EXPECT_TRUE(supply.onMains());
 }
 
+class Chargers : public Supplies, public testing::WithParamInterface<const char*> {};
+
+TEST_P(Chargers, OfEachKindOfTheKernelCountWhenTheyArePluggedIn) {
+    put("charger", "type", GetParam());
+    put("charger", "online", "1");
+    put("BAT0", "type", "Battery");
+    put("BAT0", "status", "Discharging");
+    EXPECT_TRUE(supply.onMains());
+    put("charger", "online", "0");
+    EXPECT_FALSE(supply.onMains());
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, Chargers,
+                         testing::Values("Mains", "USB", "USB_DCP", "USB_CDP", "USB_ACA", "USB_C", "USB_PD",
+                                         "USB_PD_DRP", "BrickID", "Wireless"));
+
+TEST_F(Supplies, AnUninterruptibleSupplyCountsLikeABattery) {
+    put("ups", "type", "UPS");
+    put("ups", "status", "Charging");
+    EXPECT_TRUE(supply.onMains());
+    put("ups", "status", "Discharging");
+    EXPECT_FALSE(supply.onMains());
+}
+
 TEST_F(Supplies, ABatteryAloneCountsByItsState) {
     put("battery", "type", "Battery");
     put("battery", "status", "Discharging");
