@@ -15,8 +15,10 @@ class ReceiverFaults(unittest.TestCase):
         print(json.dumps(counts), flush=True)
         self.assertEqual(counts["broken"], [])
         self.assertEqual(counts["kills"], dict.fromkeys(KINDS, 1))
-        self.assertGreater(counts["told"], 0)
-        self.assertEqual(counts["acknowledged"], counts["told"] + counts["acknowledged_untold"])
+        for whose in ("", "handler: "):
+            self.assertGreater(counts[whose + "told"], 0)
+            self.assertEqual(counts[whose + "acknowledged"],
+                             counts[whose + "told"] + counts[whose + "acknowledged_untold"])
 
 
 if __name__ == "__main__":
