@@ -20,11 +20,7 @@ namespace {
 
 // The limit of the server, which counts every byte of a stanza and ends the stream beyond it.
 constexpr std::size_t kStanzaLimit = 262'144;
-// Bulk operations are split well below that: the server also counts what it has read of the next stanza.
-constexpr std::size_t kListPart = 65'536;
 constexpr std::size_t kMaxHeld = 1'000;
-constexpr char kLimit[] = "limit";
-constexpr char kOneItem[] = "1";
 
 const std::string& idPrefix() {
     static const std::string prefix = [] {
@@ -34,14 +30,6 @@ const std::string& idPrefix() {
         return text;
     }();
     return prefix;
-}
-
-// A refused name can contain anything, so it is escaped for the log.
-std::string printable(const std::string& name) {
-    gchar* escaped = g_strescape(name.substr(0, 120).c_str(), nullptr);
-    std::string text(escaped);
-    g_free(escaped);
-    return text;
 }
 
 StanzaWriter& openForm(StanzaWriter& stanza, const char* formType) {
@@ -281,21 +269,6 @@ std::string Manager::deviceRequest(Operation operation, const char* type, const 
                        stanza);
 }
 
-std::string Manager::bulkActivate(const gloox::JID& service, const gloox::StringList& nodes,
-                                  ResultHandler* handler, bool limit) {
-    return bulk(Operation::BulkActivate, "activate-nodes", service, nodes, handler, limit);
-}
-
-std::string Manager::waitingItems(const gloox::JID& service, const gloox::StringList& nodes,
-                                  ResultHandler* handler) {
-    return bulk(Operation::Waiting, "waiting", service, nodes, handler);
-}
-
-std::string Manager::bulkDelete(const gloox::JID& service, const gloox::StringList& nodes,
-                                ResultHandler* handler) {
-    return bulk(Operation::BulkDelete, "delete-nodes", service, nodes, handler);
-}
-
 std::string Manager::getPendingRequest(const gloox::JID& service, ResultHandler* handler) {
     const std::string id = nextId();
     StanzaWriter stanza = beginIq("set", service, id);
@@ -336,59 +309,6 @@ std::string Manager::ackItem(const gloox::JID& service, const std::string& node,
     if (!seqNo.empty())
         stanza.foreignAttribute("seqNo", seqNo);
     return sendMessage(service, id, stanza);
-}
-
-std::string Manager::bulk(Operation operation, const char* element, const gloox::JID& service,
-                          const gloox::StringList& nodes, ResultHandler* handler, bool limit) {
-    if (!m_client || !service || !handler)
-        return {};
-    const char* type = operation == Operation::Waiting ? "get" : "set";
-    struct Part {
-        std::string id;
-        std::string stanza;
-        gloox::StringList nodes;
-    };
-    std::vector<Part> parts;
-    auto node = nodes.begin();
-    do {
-        const std::string id = nextId();
-        const auto first = node;
-        StanzaWriter part = beginIq(type, service, id);
-        part.open(element, kDeviceXmlns);
-        for (; node != nodes.end() && part.size() < kListPart; ++node) {
-            // No node of the server has so long a name.
-            if (isXmlAttribute(*node) && node->size() < kListPart / 2) {
-                part.open("node").attribute("id", *node);
-                if (limit)
-                    part.attribute(kLimit, kOneItem);
-                part.close();
-            } else {
-                PrvPrintErr({}, "Left node %s out of %s: its name cannot be sent", printable(*node).c_str(),
-                            element);
-            }
-        }
-        parts.push_back({.id = id, .stanza = part.finish(), .nodes = {}});
-        if (operation == Operation::BulkActivate)
-            parts.back().nodes.assign(first, node);
-    } while (node != nodes.end());
-
-    if (!mayHold(parts.size())) {
-        PrvPrintErr({}, "Too many operations wait for the connection, refused %s", element);
-        return {};
-    }
-    const std::string id = parts.front().id;
-    const auto bulk = std::make_shared<Bulk>();
-    bulk->id = id;
-    bulk->unanswered = parts.size();
-    for (Part& part : parts) {
-        m_requests.emplace(part.id, Request{.operation = operation,
-                                            .handler = handler,
-                                            .service = service,
-                                            .bulk = bulk,
-                                            .part = std::move(part.nodes)});
-        sendOrHold(part.id, std::move(part.stanza));
-    }
-    return id;
 }
 
 bool Manager::isOurs(const std::string& id) {

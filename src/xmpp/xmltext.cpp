@@ -5,6 +5,8 @@
 // invalid character does.
 #include "xmpp/xmltext.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <set>
@@ -215,6 +217,13 @@ bool isXmlText(std::string_view text) {
 
 bool isXmlAttribute(std::string_view value) {
     return everyCodePoint(skipPlain(value), [](char32_t c) { return c >= 0x20 && isChar(c); });
+}
+
+std::string printable(const std::string& name) {
+    gchar* escaped = g_strescape(name.substr(0, 120).c_str(), nullptr);
+    std::string text(escaped);
+    g_free(escaped);
+    return text;
 }
 
 bool isXmlName(std::string_view name) {

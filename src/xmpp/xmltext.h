@@ -17,6 +17,8 @@ namespace xmpp {
 bool isXmlText(std::string_view text);
 // The same without tabs and line breaks, which no name of this service has.
 bool isXmlAttribute(std::string_view value);
+// A name that is refused may contain anything: its beginning, escaped for the log.
+std::string printable(const std::string& name);
 // A name without a colon (Namespaces in XML 1.0, production NCName) that every parser accepts.
 bool isXmlName(std::string_view name);
 // Whether the element and everything below it can be written unchanged: names, declared prefixes, texts.
