@@ -21,6 +21,7 @@ import processes  # noqa: E402
 import report  # noqa: E402
 from builds import Build, Missing, Turns  # noqa: E402
 from item_server import ItemServer  # noqa: E402
+from kept import measure_kept  # noqa: E402
 from results import Results, Unreadable  # noqa: E402
 from server_load import server_load  # noqa: E402
 
@@ -30,7 +31,7 @@ SYNC_DELAY = 1000  # microseconds; a sync of the flash of a small device takes a
 BIN = ROOT / "build" / "release" / "bin"  # of the load generators and references
 
 PROGRAMS = ("pubsubservice", "zelt-host", "pubsubctl", "bench_echo", "bench_load", "bench_sink", "bench_parts",
-            "bench_server", "bench_latency")
+            "bench_server", "bench_latency", "bench_receiver", "bench_kept_parts")
 
 
 def wait_until(condition, what, seconds=20):
@@ -75,7 +76,7 @@ class Device:
 
     def connect_service(self, sync_delay=0):
         """Starts the service; each of its syncs takes `sync_delay` microseconds longer."""
-        environment = {}
+        environment = {"ZELT_APP_ID_FROM_ENVIRONMENT": "1"}
         if sync_delay:
             shim = str(self.folder / "slowdisk.so")
             subprocess.run(["cc", "-shared", "-fPIC", f"-DDELAY_US={sync_delay}", "-o", shim,
@@ -263,6 +264,7 @@ def measure_device(arguments, builds, results):
             measure_requests(turns, scale)
             print("items, store on tmpfs", flush=True)
             measure_items(turns, "tmpfs", 20000 // scale)
+            measure_kept(turns, "tmpfs", PAYLOAD, 5000 // scale)
         print("at rest", flush=True)
         measure_idle(turns, 10)
     if arguments.counts:
@@ -271,6 +273,8 @@ def measure_device(arguments, builds, results):
         print(f"items, store on {where}", flush=True)
         with connected(arguments.disk, builds, results, delay) as turns:
             measure_items(turns, where, 5000 // scale, arguments.tmpfs, delay)
+            if not delay:
+                measure_kept(turns, where, PAYLOAD, 2000 // scale)
 
 
 def measure(arguments):

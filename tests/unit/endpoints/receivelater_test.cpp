@@ -55,6 +55,25 @@ TEST_F(Receive, AnActivationThatTheServerRefusesForGoodIsNot) {
     EXPECT_EQ(stanzaCount(), 1u);
 }
 
+TEST_F(Receive, AnItemThatIsTakenIsNotHandedOutAgainBeforeItsCommit) {
+    const Answer receiver = receiveInbox();
+    pushItem(kNode, "7", "i1", "hello");
+    askAcknowledge(receipt(receiver));
+    session().handOut(kNode);
+    EXPECT_EQ(receiver.all().size(), 2u);
+    pump();
+}
+
+// It may be gone from the server by the next connect, or come after one that is older.
+TEST_F(Receive, AFurtherItemIsNotHandedOutAfterADisconnect) {
+    const Answer receiver = receiveInbox();
+    pushItem(kNode, "7", "i1", "first");
+    pushItem(kNode, "8", "i2", "second");
+    loseConnection();
+    EXPECT_EQ(acknowledged(receipt(receiver)), kSuccess);
+    EXPECT_EQ(receiver.all().size(), 2u);
+}
+
 TEST_F(Receive, AClientThatDiesWithoutAConnectionLeavesNothing) {
     const Answer receiver = receiveInbox();
     loseConnection();
