@@ -169,7 +169,7 @@ TEST_F(Receive, AfterAChangeOfTheAccountTakesTheEndpointsOfTheNewOneAlone) {
     own({"inbox", "news"});
     const Answer named = askReceive(R"({"subscribe":true,"endpoints":["inbox"]})");
     answer(lastId());
-    const Answer all = ask(receive, "receive", R"({"subscribe":true})", "com.example.other 7");
+    ask(receive, "receive", R"({"subscribe":true})", "com.example.other 7");
     ask(createEndpoint, "createEndpoint", kInbox, "com.example.other 7");
     answer(lastId(),
            "<key xmlns='urn:zelt:pubsub:device:0' node='/u1234/dev42/com.example.other/inbox'>K</key>");
