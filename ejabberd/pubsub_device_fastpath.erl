@@ -10,6 +10,8 @@
 -include_lib("ejabberd/include/pubsub.hrl").
 -include("pubsub_device.hrl").
 
+-import(pubsub_device_stanza, [prepared/1]).
+
 %% {ok, Publication}, or `engine`.
 publication(Node, Publisher, ItemId, [#xmlel{}] = Payload) ->
     case pubsub_device_tree:found(Node) of
@@ -32,9 +34,9 @@ publication(#pubsub_node{nodeid = {Service, NodeId} = Node, id = Id, options = O
                 _ -> <<>>
             end,
     Item = #ps_item{id = ItemId, publisher = Named, sub_els = Payload},
-    Message = #message{type = proplists:get_value(notification_type, Options, headline), from = jid:make(Service),
+    Message = #message{type = proplists:get_value(notification_type, Options, headline), from = prepared(Service),
                        sub_els = [#ps_event{items = #ps_items{node = NodeId, items = [Item]}}]},
-    {Keep, Live} = pubsub_device_targets:find(Node, Item, [Message#message{to = jid:make(To)} || To <- Subscribers]),
+    {Keep, Live} = pubsub_device_targets:find(Node, Item, [Message#message{to = prepared(To)} || To <- Subscribers]),
     #publication{node = Node, id = Id, item_id = ItemId, item = pubsub_device_stanza:item(Item), keep = Keep,
                  live = Live}.
 

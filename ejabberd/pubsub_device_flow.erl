@@ -16,6 +16,8 @@
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
 
+-import(pubsub_device_stanza, [prepared/1]).
+
 -record(flow, {pid, sent = 0, twice = 0, until = 0, busy = false, level = false, open = none}).
 
 -define(PORTION, 16).
@@ -149,7 +151,7 @@ forget_until(Node, Device, Since) ->
 %% announced itself yet, would take a live item for the newest and every kept one after it for stale.
 send_copy(#pubsub_device_copy{id = {Node, Device, Number}, item_id = ItemId, item = Item},
           #flow{pid = Pid, sent = Sent, twice = Twice} = Flow) ->
-    Message = pubsub_device_stanza:item_message(Node, jid:make(Device), Item),
+    Message = pubsub_device_stanza:item_message(Node, prepared(Device), Item),
     ejabberd_c2s:route(Pid, {route, pubsub_device_stanza:sending(Message, {Pid, Node, ItemId, Number})}),
     case Number > Sent of
         true -> Flow#flow{sent = Number, open = Number};

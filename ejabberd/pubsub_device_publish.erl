@@ -17,6 +17,8 @@
 -include_lib("ejabberd/include/pubsub.hrl").
 -include("pubsub_device.hrl").
 
+-import(pubsub_device_stanza, [prepared/1]).
+
 -define(CONTEXT, '$pubsub_device_publish').
 -define(TIMEOUT, 60000).
 
@@ -55,7 +57,7 @@ through_hook(How, Terms, #publication{node = {Service, NodeId}, item_id = ItemId
     begin_publish(How, Terms),
     put(?CONTEXT, (get(?CONTEXT))#{ready => Publication}),
     Host = ejabberd_router:host_of_route(Service),
-    ejabberd_hooks:run(pubsub_publish_item, Host, [Host, NodeId, Publisher, jid:make(Service), ItemId, Payload]).
+    ejabberd_hooks:run(pubsub_publish_item, Host, [Host, NodeId, Publisher, prepared(Service), ItemId, Payload]).
 
 %% How: `ahead`, or `waiting` for the result.
 begin_publish(How) -> begin_publish(How, none).
@@ -195,9 +197,9 @@ by_key(Key, ItemId, Payload, Terms) ->
     end.
 
 by_owner({Service, NodeId} = Node, Owner, ItemId, Payload, Terms) ->
-    case fast(Node, jid:make(Owner), ItemId, Payload) of
+    case fast(Node, prepared(Owner), ItemId, Payload) of
         {ok, #publication{item_id = Id} = Publication, _} ->
-            through_hook(waiting, Terms, Publication, jid:make(Owner), Payload),
+            through_hook(waiting, Terms, Publication, prepared(Owner), Payload),
             outcome(Id);
         engine ->
             begin_publish(waiting, Terms),
@@ -206,7 +208,7 @@ by_owner({Service, NodeId} = Node, Owner, ItemId, Payload, Terms) ->
 
 through_engine(Service, NodeId, Owner, ItemId, Payload) ->
     ServerHost = ejabberd_router:host_of_route(Service),
-    Publish = fun() -> mod_pubsub:publish_item(Service, ServerHost, NodeId, jid:make(Owner), ItemId, Payload) end,
+    Publish = fun() -> mod_pubsub:publish_item(Service, ServerHost, NodeId, prepared(Owner), ItemId, Payload) end,
     case pubsub_device_engine:run(Service, Publish) of
         {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} -> outcome(Published);
         {error, Error} -> {error, pubsub_device_engine:told(Error)}

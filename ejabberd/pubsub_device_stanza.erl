@@ -3,12 +3,18 @@
 %% field for them.
 -module(pubsub_device_stanza).
 
--export([item/1, numbered/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
+-export([prepared/1, item/1, numbered/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
 -export([key/4, nodes/2, named/1, node_ids/1, activations/1, limit/1, waiting/1, published/2, done/2, number/1]).
 -export([sign/1, is_signed/1, sending/2, sending/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 -include("pubsub_device.hrl").
+
+%% The JID of parts that are prepared, since they were taken from one; jid:make/1 would prepare them for each item.
+prepared({User, Server, Resource}) ->
+    #jid{user = User, server = Server, resource = Resource, luser = User, lserver = Server, lresource = Resource};
+prepared(Server) ->
+    prepared({<<>>, Server, <<>>}).
 
 %% The encoded item of a notification. The payload is encoded already, as it came.
 item(#ps_item{id = Id, publisher = Publisher, sub_els = Payload}) ->
@@ -27,7 +33,7 @@ seq_no(Number) ->
 item_message({Service, NodeId}, To, Item) ->
     Items = #xmlel{name = <<"items">>, attrs = [{<<"node">>, NodeId}], children = [Item]},
     Event = #xmlel{name = <<"event">>, attrs = [{<<"xmlns">>, ?NS_PUBSUB_EVENT}], children = [Items]},
-    sign(#message{type = headline, from = jid:make(Service), to = To, sub_els = [Event]}).
+    sign(#message{type = headline, from = prepared(Service), to = To, sub_els = [Event]}).
 
 %% An ordinary notification with the number in its item, otherwise unchanged.
 stamp(#message{sub_els = [#ps_event{items = #ps_items{node = NodeId, items = [Item]}} | Rest]} = Message, Number) ->

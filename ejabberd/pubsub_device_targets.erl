@@ -9,6 +9,8 @@
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
 
+-import(pubsub_device_stanza, [prepared/1]).
+
 %% The receivers of one item: {[{Device, Via}], [Message]}. `Messages` are the notifications for the node's subscribers.
 %% A device that receives it for several reasons (by its full JID, by the bare one, through a collection, as the
 %% owner's) gets one copy.
@@ -73,7 +75,7 @@ devices(Full) ->
 
 ordinary(Messages) ->
     Wanted = [{LJID, Message} || #message{to = To} = Message <- Messages, LJID <- others(jid:tolower(To))],
-    [Message#message{to = jid:make(LJID)} || {LJID, Message} <- lists:ukeysort(1, Wanted)].
+    [Message#message{to = prepared(LJID)} || {LJID, Message} <- lists:ukeysort(1, Wanted)].
 
 others({_, _, <<>>} = Account) ->
     case pubsub_device_store:devices(Account) of
@@ -91,8 +93,8 @@ live({Service, _} = Node, #ps_item{} = Item, Messages) ->
     Sent = [LJID || {LJID, _} <- Subscribers],
     Owned = [Device || Device <- owned(Node), not lists:member(Device, Sent),
                        pubsub_device_store:is_active(Node, Device, pubsub_device_store:session(Device))],
-    [Message#message{to = jid:make(LJID)} || {LJID, Message} <- lists:ukeysort(1, Subscribers)]
-        ++ [#message{type = headline, from = jid:make(Service), to = jid:make(Device),
+    [Message#message{to = prepared(LJID)} || {LJID, Message} <- lists:ukeysort(1, Subscribers)]
+        ++ [#message{type = headline, from = prepared(Service), to = prepared(Device),
                      sub_els = [#ps_event{items = #ps_items{node = element(2, Node), items = [Item]}}]}
             || Device <- Owned].
 

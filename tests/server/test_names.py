@@ -93,8 +93,8 @@ class Names(Inside):
 
     def test_a_key_whose_node_was_never_made_is_no_key_of_a_later_node(self):
         owner = self.client("owner")
-        self.instance.evaluate("pubsub_device_store:put_key(%s, <<\"left\">>, {<<\"bob\">>, <<\"localhost\">>, <<>>})"
-                               % self.term())
+        self.instance.evaluate("pubsub_device_store:put_key(%s, <<\"left\">>, {<<\"bob\">>, <<\"localhost\">>, <<>>}, "
+                               "{false, none})" % self.term())
         self.succeed(self.create(owner))
         self.assertEqual(self.post("left", "x")[0], 404)
         self.refused(self.ext(owner, "<key node='%s'/>" % self.node, "get"), "item-not-found")
