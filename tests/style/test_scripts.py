@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Shell scripts have no findings, and the files of unit tests are named for what they are."""
+"""Shell scripts have no findings, the benchmarks start, and the files of unit tests are named for what they are."""
 
 import pathlib
 import re
@@ -31,6 +31,17 @@ class Scripts(unittest.TestCase):
         done = subprocess.run(["shellcheck", *scripts], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                               check=False)
         self.assertEqual(done.returncode, 0, done.stdout)
+
+
+class Benchmarks(unittest.TestCase):
+    def test_each_program_answers_a_request_for_help(self):
+        programs = [path for path in tracked("bench/*.py") if b"ArgumentParser" in path.read_bytes()]
+        self.assertIn(ROOT / "bench/server_growth.py", programs)
+        for program in programs:
+            done = subprocess.run(["/usr/bin/python3", str(program), "--help"], stdout=subprocess.PIPE,
+                                  stderr=subprocess.STDOUT, text=True, check=False)
+            self.assertEqual(done.returncode, 0, done.stdout)
+            self.assertTrue(done.stdout.startswith("usage:"), done.stdout)
 
 
 class UnitTests(unittest.TestCase):
