@@ -98,14 +98,12 @@ urgency(Notification) ->
 
 %% The key in the address of an endpoint.
 key(Address, Prefix) ->
-    try uri_string:parse(Address) of
-        #{scheme := Scheme, path := Path} ->
-            Segments = [uri_string:percent_decode(Each) || Each <- binary:split(Path, <<"/">>, [global, trim_all])],
-            case lists:member(string:lowercase(Scheme), [<<"https">>, <<"http">>]) andalso lists:prefix(Prefix, Segments)
-                andalso lists:nthtail(length(Prefix), Segments) of
-                [Key] when is_binary(Key) -> Key;
-                _ -> none
-            end;
-        _ -> none
-    catch _:_ -> none
+    try
+        #{scheme := Scheme, path := Path} = uri_string:parse(Address),
+        true = lists:member(string:lowercase(Scheme), [<<"https">>, <<"http">>]),
+        Segments = [uri_string:percent_decode(Each) || Each <- binary:split(Path, <<"/">>, [global, trim_all])],
+        true = lists:prefix(Prefix, Segments),
+        [Key] = lists:nthtail(length(Prefix), Segments),
+        Key
+    catch error:_ -> none
     end.

@@ -70,7 +70,7 @@ refusal(vapid_key) ->
 refusal(vapid_refused) ->
     {403, 122, "The token is refused: ~ts", <<"Sign a new token with ES256, for the origin of this address">>};
 refusal(rate) ->
-    {429, 123, "Too many items for this key", <<"Try again after the time in Retry-After, and send fewer">>};
+    {429, 123, "Too many requests for this key; wait ~b s", <<"Try again after the time in Retry-After, and send fewer">>};
 refusal(full) ->
     {503, 124, "The service is full; try again later", <<"Try again after the time in Retry-After">>};
 refusal(busy) ->

@@ -1,15 +1,18 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""The data of the version before: a copy of each item for each device, and what the engine stored besides.
+"""The data of earlier versions. spool-2 is of 0.1.0: a copy of each item for each device, and what the engine stored
+besides. spool-3 is of the version before web push, with one body of each item.
 
-The spool has an ordinary node /shared, subscribed by bob's phone and carol's tablet, with four items, of which the phone
+Each spool has an ordinary node /shared, subscribed by bob's phone and carol's tablet, with four items, of which the phone
 has acknowledged two, and a key node of the owner's device dev1 with two items."""
 import os
 import subprocess
 
 from harness import ServerTest
-from xmppclient import PUBSUB
+from pushtest import PushTest
+from xmppclient import DEVICE, PUBSUB
 
 KEY = "6alQD0rG2jpXruoa-CXLwIXyscnDpjwO"
+KEY_3 = "2lOAMih6Jr496bapNSEOEkJU90dFht0U"
 INBOX = "/owner/dev1/com.example.app/inbox"
 LAST = 1795323539049678  # the number of the last item of /shared
 
@@ -73,3 +76,29 @@ class Earlier(ServerTest):
         tablet = self.device("carol", "tablet")
         self.publish(self.client("owner"), "again", node="/shared")
         self.assertEqual([each.text for each in self.received(tablet, 1)], ["again"])
+
+
+class BeforeWebPush(PushTest):
+    spool = "spool-3"
+
+    def test_its_items_and_keys_are_there_and_its_endpoints_take_what_web_push_brings(self):
+        phone, tablet = self.device("bob", "phone"), self.device("carol", "tablet")
+        self.assertEqual(self.contents(phone, 2, "/shared"), [b"shared2", b"shared3"])
+        self.assertEqual(self.contents(tablet, 4, "/shared"), [b"shared%d" % each for each in range(4)])
+
+        self.publish_http(KEY_3, b"\xff third", {"TTL": "600", "Topic": "a", "Urgency": "high"})
+        inbox = self.device("owner", "dev1")
+        self.succeed(self.activate(inbox, node=INBOX))
+        self.assertEqual(self.contents(inbox, 3, INBOX), [b"first", b"second", b"\xff third"])
+        got = self.succeed(self.ext(inbox, "<create-key-node node='%s'/>" % INBOX)).find("{%s}key" % DEVICE)
+        self.assertEqual((got.text, got.get("status")), (KEY_3, "exists"))
+        self.refused(self.make(inbox, "web-push='true'", INBOX), "conflict")
+        self.succeed(self.make(inbox, "web-push='true'", INBOX + "/new"))
+
+        self.instance.kill()
+        self.instance.start()
+        inbox = self.device("owner", "dev1")
+        self.refused(self.make(inbox, "", INBOX + "/new"), "conflict")
+        self.publish_http(KEY_3, "after")
+        self.succeed(self.activate(inbox, node=INBOX))
+        self.assertEqual(self.contents(inbox, 1, INBOX), [b"after"])

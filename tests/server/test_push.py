@@ -2,8 +2,7 @@
 """Messages of web push: their bytes, how long they are kept, and their topics."""
 import os
 
-import webpush
-from pushtest import PushTest
+from pushtest import PushTest, webpush
 from xmppclient import DEVICE
 
 MONTH = 30 * 86400

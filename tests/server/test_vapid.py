@@ -4,8 +4,7 @@ import base64
 import socket
 import time
 
-import webpush
-from pushtest import PushTest
+from pushtest import PushTest, webpush
 from webpush import Sender, b64
 from xmppclient import DEVICE
 
