@@ -105,5 +105,5 @@ key(Address, Prefix) ->
         true = lists:prefix(Prefix, Segments),
         [Key] = lists:nthtail(length(Prefix), Segments),
         Key
-    catch error:_ -> none
+    catch _:_ -> none
     end.
