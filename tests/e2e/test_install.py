@@ -14,12 +14,14 @@ from stage import BIN, ROOT
 
 BUILD = BIN.parent
 SERVICES = ("accountservices", "appinstaller", "connectionmanager", "host", "power", "systemmanager")
-PROGRAMS = ["bin/pubsubctl", "bin/pubsubservice", "bin/zelt-host"]
+PROGRAMS = ["bin/pubsubctl", "bin/pubsubservice", "bin/zelt-host", "bin/zelt-unifiedpush"]
 DATA = sorted([
     "lib/systemd/system/pubsubservice.service",
     "lib/systemd/system/zelt-host.service",
     "lib/systemd/system/zelt-private-bus.service",
+    "lib/systemd/user/zelt-unifiedpush.service",
     "lib/tmpfiles.d/zelt.conf",
+    "share/dbus-1/services/org.unifiedpush.Distributor.pubsubservice.service",
     "share/dbus-1/system.d/com.zelt.pubsubservice.conf",
     "share/zelt/private-bus.conf",
     *(f"share/zelt/private-services/com.zelt.{service}.service" for service in SERVICES),
@@ -41,7 +43,9 @@ class Install(unittest.TestCase):
     @staticmethod
     def commands(root):
         """Each file that starts a program of ours, with that program."""
-        for folder, key in (("lib/systemd/system", "Service"), ("share/zelt/private-services", "D-BUS Service")):
+        for folder, key in (("lib/systemd/system", "Service"), ("lib/systemd/user", "Service"),
+                            ("share/zelt/private-services", "D-BUS Service"),
+                            ("share/dbus-1/services", "D-BUS Service")):
             for path in sorted((root / folder).iterdir()):
                 entry = configparser.ConfigParser(interpolation=None)
                 entry.read(path, encoding="utf-8")
@@ -65,6 +69,8 @@ class Install(unittest.TestCase):
             self.assertEqual(found, {
                 "pubsubservice.service": f"{prefix}/bin/pubsubservice",
                 "zelt-host.service": f"{prefix}/bin/zelt-host",
+                "zelt-unifiedpush.service": f"{prefix}/bin/zelt-unifiedpush",
+                "org.unifiedpush.Distributor.pubsubservice.service": f"{prefix}/bin/zelt-unifiedpush",
                 **{f"com.zelt.{service}.service": f"{prefix}/bin/zelt-host" for service in SERVICES}})
 
     def test_no_placeholder_is_left(self):

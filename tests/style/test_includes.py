@@ -26,11 +26,12 @@ MAY_INCLUDE = {
     "platform": {"util"},
     "util": set(),
     "tools": {"platform/bus", "util"},
+    "unifiedpush": {"platform/bus", "util"},
 }
 
 # Outside headers that only some folders may see.
 ENGINES = {
-    r"systemd/sd-bus": {"platform"},
+    r"systemd/sd-bus": {"platform", "unifiedpush"},
     r"sqlite3\.h": {"platform"},
     r"gnutls/": {"xmpp", "tools"},
     r"gloox/": {"xmpp", "session", "request", "nodes", "delivery", "endpoints", "maintenance", "service", "util"},

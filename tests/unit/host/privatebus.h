@@ -34,6 +34,11 @@ class PrivateBus {
   public:
     explicit PrivateBus(const char* variable = "ZELT_PRIVATE_BUS") : m_variable(variable) {
         std::ofstream(m_folder / "bus.conf") << configuration();
+        start();
+    }
+    // The same address again after `stop`.
+    void start() {
+        std::filesystem::remove(m_folder / "bus");
         int ends[2];
         if (pipe(ends) != 0)
             return;
@@ -41,7 +46,7 @@ class PrivateBus {
         if (m_daemon == 0)
             runDaemon(ends);
         ::close(ends[1]);
-        setenv(variable, readLine(ends[0]).c_str(), 1);
+        setenv(m_variable, readLine(ends[0]).c_str(), 1);
         ::close(ends[0]);
     }
     ~PrivateBus() {

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: GPL-3.0-only
+// The session bus of the user: a connection on the main loop, and calls whose answers are awaited.
+#pragma once
+
+#include <glib.h>
+#include <systemd/sd-bus.h>
+
+#include <functional>
+#include <string>
+
+#include "platform/bus/slot.h"
+
+class SessionBus {
+  public:
+    SessionBus() = default;
+    ~SessionBus();
+    SessionBus(const SessionBus&) = delete;
+    SessionBus& operator=(const SessionBus&) = delete;
+
+    // DBUS_SESSION_BUS_ADDRESS, or the bus in XDG_RUNTIME_DIR. On failure `problem` says what to do.
+    bool open(std::string& problem);
+    sd_bus* get() const { return m_bus; }
+    // Called once from the main loop, when the connection is lost.
+    std::function<void()> onLost;
+
+    // Sends a call. `answered` gets the method return or the error, also the one for a time limit that was
+    // exceeded; it is not called any more once the slot is reset, which it may do itself. False when nothing
+    // was sent.
+    using Answered = std::function<void(sd_bus_message* answer)>;
+    bool call(sd_bus_message* message, unsigned seconds, Slot& slot, Answered answered);
+    // The same for a method of the bus daemon with one text as its argument, or with none.
+    bool askDaemon(const char* method, const char* argument, Slot& slot, Answered answered);
+
+  private:
+    struct Source;
+    static gboolean prepare(GSource* source, gint* timeout);
+    static gboolean check(GSource* source);
+    static gboolean dispatch(GSource* source, GSourceFunc callback, gpointer data);
+    void attach();
+
+    sd_bus* m_bus = nullptr;
+    GSource* m_source = nullptr;
+};
