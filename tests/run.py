@@ -21,7 +21,7 @@ PRESET = os.environ.get("PUBSUB_TEST_PRESET", "asan")
 BIN = ROOT / "build" / PRESET / "bin"
 TESTS = ("style", "unit", "contract", "server", "e2e")
 BUILT = {"unit", "contract", "e2e"}  # need the programs of PRESET
-GATES = ("clang", "tidy", "coverage", "database")
+GATES = ("peers", "clang", "tidy", "coverage", "database")
 PROGRAM_DEADLINE = 600  # seconds for one test program
 
 ENVIRONMENT = dict(
