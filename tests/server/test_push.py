@@ -263,3 +263,15 @@ class Topics(PushTest):
         for each in range(300):
             self.publish_http(key, "again %d" % each, {"Topic": "t%d" % each})
         self.assertEqual(self.contents(self.again(), 300), [b"again %d" % each for each in range(300)])
+
+
+class Small(PushTest):
+    options = ["max_payload=100"]
+
+    def test_an_endpoint_of_web_push_takes_4096_bytes_whatever_the_option_says(self):
+        owner, key = self.endpoint()
+        self.publish_http(key, b"\xff" * 4096)
+        self.assertEqual(len(self.next_item(owner).content), 4096)
+        plain = self.key_node(owner, self.node + "/other")
+        for size in (101, 4096, 5000):
+            self.refusal(self.publish_http(plain, b"x" * size, expected=413), 413, 111)

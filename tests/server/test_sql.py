@@ -17,28 +17,45 @@ class DatabaseTest(ServerTest):
         return self.instance.query("SELECT max(version) FROM pubsub_device_schema")
 
     def indexes(self):
-        return self.instance.query("SELECT indexname FROM pg_indexes WHERE indexname='pubsub_device_body_at'")
+        return self.instance.query("SELECT indexname FROM pg_indexes WHERE indexname LIKE 'pubsub_device_body_%' "
+                                   "AND indexname NOT LIKE '%_pkey' ORDER BY 1").split()
 
 
 class Schema(DatabaseTest):
-    """The newest version of the schema is 2; what it adds to version 1 is an index."""
+    """The newest version of the schema is 3; what it adds to version 2 is for web push, and 2 added an index."""
+
+    all_indexes = ["pubsub_device_body_at", "pubsub_device_body_expires", "pubsub_device_body_topic"]
 
     def test_an_empty_database_gets_all_tables(self):
-        self.assertEqual(self.version(), "2")
-        self.assertEqual(self.indexes(), "pubsub_device_body_at")
+        self.assertEqual(self.version(), "3")
+        self.assertEqual(self.indexes(), self.all_indexes)
 
     def test_the_version_before_gets_what_it_lacks_and_keeps_its_data(self):
         owner, bob = self.client("owner"), self.device("bob", "away")
+        inbox = self.node + "/inbox"
+        key = self.key_node(bob, inbox)
         self.succeed(self.create(owner))
         self.succeed(self.subscribe(bob))
         bob.kill()
+        self.settle()
         self.publish(owner, "before")
-        self.instance.query("DROP INDEX pubsub_device_body_at; DELETE FROM pubsub_device_schema WHERE version > 1")
-        self.instance.stop()
-        self.instance.start()
-        self.assertEqual(self.version(), "2")
-        self.assertEqual(self.indexes(), "pubsub_device_body_at")
-        self.assertEqual(self.texts(self.device("bob", "away"), 1), ["before"])
+        self.assertEqual(self.post(key, "before")[0], 201)
+        older = ("ALTER TABLE pubsub_device_body DROP COLUMN expires, DROP COLUMN urgency, DROP COLUMN topic; "
+                 "ALTER TABLE pubsub_device_key DROP COLUMN web_push, DROP COLUMN vapid; "
+                 "DELETE FROM pubsub_device_schema WHERE version > 2;")
+        for before in (older, older + "DROP INDEX pubsub_device_body_at; DELETE FROM pubsub_device_schema WHERE version > 1"):
+            self.instance.query(before)
+            self.instance.stop()
+            self.instance.start()
+            self.assertEqual(self.version(), "3")
+            self.assertEqual(self.indexes(), self.all_indexes)
+        self.assertEqual(self.post(key, "after", headers={"Topic": "a", "TTL": "60"})[0], 201)
+        bob = self.device("bob", "away")
+        self.assertEqual(self.texts(bob, 1), ["before"])
+        self.succeed(self.activate(bob, node=inbox))
+        found = self.take(bob, 1, inbox)[0]
+        self.ack(bob, found.id, inbox)
+        self.assertEqual([found.text] + self.texts(bob, 1, inbox), ["before", "after"])
 
     def test_a_database_of_a_later_version_is_left_alone(self):
         self.instance.query("INSERT INTO pubsub_device_schema (version) VALUES (99)")
