@@ -178,6 +178,21 @@ class Times(PushTest):
         self.assertEqual(self.contents(self.again(), 1), [b"stays"])
 
 
+class Passed(PushTest):
+    member = "127.0.0.9"
+
+    def test_a_late_message_is_passed_over_before_it_is_dropped(self):
+        owner, key = self.endpoint()
+        owner.kill()
+        self.settle()
+        self.instance.evaluate("sys:suspend(pubsub_device_sweep)")
+        location = self.publish_http(key, "late", {"TTL": "1"}).headers["Location"]
+        self.publish_http(key, "in time", {"TTL": "600"})
+        self.wait_for(lambda: self.message(location).body["state"] == "taken")
+        self.assertEqual(self.contents(self.again(), 1), [b"in time"])
+        self.instance.evaluate("sys:resume(pubsub_device_sweep)")
+
+
 class Demanded(PushTest):
     options = ["require_ttl=true", "push_url=https://push.example.org:8443"]
 
