@@ -1,0 +1,273 @@
+# SPDX-License-Identifier: GPL-3.0-only
+"""Push messages for the applications of a session: from an HTTP request to a call of the application, over everything
+that can end in between."""
+
+import http.client
+import json
+import os
+import time
+import unittest
+import urllib.parse
+
+from app import App
+from session import DESKTOP, DISTRIBUTOR, HERE, Session
+from stage import StageTest, wait_until
+
+NO_TEXT = bytes(range(256))  # no text at all
+
+
+def post(address, body):
+    """Sends a message to an address, as any sender does."""
+    url = urllib.parse.urlsplit(address)
+    connection = http.client.HTTPConnection(url.hostname, url.port, timeout=20)
+    connection.request("POST", url.path, body, {"TTL": "3600"})
+    answer = connection.getresponse()
+    text = answer.read()
+    connection.close()
+    if answer.status != 201:
+        raise AssertionError(f"the message was refused with {answer.status}: {text}")
+
+
+class UnifiedPush(StageTest):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        try:
+            cls.session = Session(cls.stage)
+            cls.session.start_bridge()
+            cls.names = 0
+        except BaseException:
+            super().tearDownClass()
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.session.close()
+        super().tearDownClass()
+
+    def setUp(self):
+        type(self).names += 1
+        self.name = f"org.example.app{self.names}"
+
+    def tearDown(self):
+        self.session.end_applications()
+        wait_until(self.stage.connected, "the connection", 40)
+
+    def waiting(self):
+        """How many items wait for the endpoints of the user."""
+        app = App(self.stage.env["ZELT_PUBLIC_BUS"], DESKTOP)
+        try:
+            endpoints = app.call("listEndpoints", {})["endpoints"]
+        finally:
+            app.close()
+        return sum(endpoint.get("waiting", 1) for endpoint in endpoints)
+
+    def wait_acknowledged(self):
+        wait_until(lambda: self.waiting() == 0, "the server to keep nothing")
+
+    def test_an_application_on_dbus_next_registers_and_gets_messages_of_any_bytes(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        self.assertEqual(app.wait("register t1")[2:], ["REGISTRATION_SUCCEEDED"])
+        address = app.address("t1")
+        for body in (b"text", NO_TEXT, b"\n <a> \xc3\xa9 "):
+            post(address, body)
+        app.wait("message t1 ", 3)
+        self.assertEqual(app.messages(), [b"text", NO_TEXT, b"\n <a> \xc3\xa9 "])
+        self.wait_acknowledged()
+
+    def test_an_application_of_version_1_registers_gets_messages_and_leaves(self):
+        app = self.session.connector(self.name)
+        app.start("register1", "t1")
+        self.assertEqual(app.wait("register t1")[2:], ["REGISTRATION_SUCCEEDED", ""])
+        post(app.address("t1"), NO_TEXT)
+        app.wait("message t1 ")
+        self.assertEqual(app.messages(), [NO_TEXT])
+        app.kill()
+        app.start("unregister1", "t1")
+        self.assertEqual(app.wait("Unregistered")[1], "-")
+
+    def test_an_application_leaves_and_its_address_is_gone(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        address = app.address("t1")
+        app.kill()
+        app.start("unregister2", "t1")
+        app.wait("Unregistered t1")
+        def refused():
+            try:
+                post(address, b"late")
+            except AssertionError as error:
+                return "404" in str(error) or "410" in str(error)
+            return False
+        wait_until(refused, "the address to be gone")
+
+    def test_an_application_on_sd_bus_of_each_version_is_started_by_a_message(self):
+        for version in ("1", "2"):
+            with self.subTest(version=version):
+                app = self.session.connector(f"{self.name}.sd{version}", self.session.sd_bus_program())
+                app.start(version, "t1")
+                address = app.address("t1")
+                app.kill()
+                app.can_be_started()
+                post(address, NO_TEXT)
+                app.wait("message t1 ")
+                self.assertEqual(app.messages(), [NO_TEXT])
+        self.wait_acknowledged()
+
+    def test_a_gapplication_that_has_its_object_late_is_started_by_a_message(self):
+        app = self.session.connector(self.name, ["/usr/bin/python3", HERE / "connectorgi.py"])
+        app.start("t1")
+        address = app.address("t1")
+        app.kill()
+        app.can_be_started()
+        post(address, NO_TEXT)
+        app.wait("message t1 ")
+        self.assertEqual([line.split(" ")[0] for line in app.lines()][-3:], ["started", "exported", "message"])
+        self.assertEqual(app.messages(), [NO_TEXT])
+        self.wait_acknowledged()
+
+    def test_an_application_that_ends_with_each_message_gets_it_again(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        address = app.address("t1")
+        app.kill()
+        app.can_be_started("crash")
+        post(address, b"one")
+        post(address, b"two")
+        app.wait("message t1 ", 2)
+        app.can_be_started()
+        wait_until(lambda: app.messages()[-1:] == [b"two"], "the next message")
+        self.assertEqual(set(app.messages()[:-1]), {b"one"})
+        self.wait_acknowledged()
+
+    def test_an_application_that_does_not_answer_delays_no_other(self):
+        silent, other = self.session.connector(self.name + ".silent"), self.session.connector(self.name + ".other")
+        silent.start("register2", "t1", "silent")
+        other.start("register2", "t2")
+        post(silent.address("t1"), b"unheard")
+        silent.wait("message t1 ")
+        for index in range(20):
+            post(other.address("t2"), b"%d" % index)
+        other.wait("message t2 ", 20)
+        self.assertEqual(other.messages(), [b"%d" % index for index in range(20)])
+        silent.kill()
+        silent.start("unregister2", "t1")
+        silent.wait("Unregistered t1")
+
+    def test_an_application_that_is_nowhere_gets_its_messages_when_it_comes(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        address = app.address("t1")
+        app.kill()
+        for index in range(3):
+            post(address, b"%d" % index)
+        app.start()
+        app.wait("message t1 ", 3)
+        self.assertEqual(app.messages(), [b"0", b"1", b"2"])
+
+    def test_an_application_that_is_nowhere_is_started_once_it_can_be(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        address = app.address("t1")
+        app.kill()
+        post(address, b"one")
+        wait_until(lambda: self.waiting() == 1, "the message to wait")
+        app.can_be_started()
+        app.wait("message t1 ")
+        self.wait_acknowledged()
+
+    def test_ten_messages_survive_the_end_of_everything(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        address = app.address("t1")
+        app.kill()
+        self.session.kill_bridge()
+        bodies = [b"%d " % index + NO_TEXT for index in range(10)]
+        for body in bodies:
+            post(address, body)
+        self.stage.kill_server()
+        self.stage.kill_service()
+        self.stage.start_server()
+        self.stage.start_service()
+        app.can_be_started()
+        self.session.start_bridge()
+        app.wait("message t1 ", 10, 60)
+        self.assertEqual(app.messages(), bodies)
+        self.wait_acknowledged()
+
+    def test_a_bridge_that_is_killed_between_messages_loses_none(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        address = app.address("t1")
+        bodies = [b"%d" % index for index in range(30)]
+        for index, body in enumerate(bodies):
+            post(address, body)
+            if index % 10 == 5:
+                self.session.kill_bridge()
+                self.session.start_bridge()
+        wait_until(lambda: app.messages()[-1:] == bodies[-1:], "the last message")
+        got = app.messages()
+        once = [body for index, body in enumerate(got) if body not in got[:index]]
+        self.assertEqual(once, bodies)
+        self.assertLess(len(got), len(bodies) + 4)  # again only what was under way when the bridge ended
+        self.wait_acknowledged()
+
+    def test_registering_without_a_connection_fails_before_applications_give_up_and_the_address_follows(self):
+        with self.stage.server_held():
+            self.stage.kill_service()
+            self.stage.start_service()
+            app = self.session.connector(self.name)
+            begun = time.monotonic()
+            app.start("register2", "t1")
+            self.assertEqual(app.wait("register t1")[2:], ["REGISTRATION_FAILED", "NETWORK"])
+            self.assertTrue(19 < time.monotonic() - begun < 25, time.monotonic() - begun)
+        self.stage.ctl("call", "connectStatus", "{}")
+        post(app.address("t1"), b"at last")
+        app.wait("message t1 ")
+
+    def test_a_known_token_succeeds_without_a_connection(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        app.address("t1")
+        app.kill()
+        with self.stage.server_held():
+            self.stage.kill_service()
+            self.stage.start_service()
+            app.start("register2", "t1")
+            self.assertEqual(app.wait("register t1", 2)[2:], ["REGISTRATION_SUCCEEDED"])
+            self.assertEqual(app.address("t1", 2), app.address("t1"))
+        self.stage.ctl("call", "connectStatus", "{}")
+
+    def test_a_registration_survives_a_damaged_state_file(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        address = app.address("t1")
+        self.session.kill_bridge()
+        state = self.session.path("state", "zelt-unifiedpush", "registrations.json")
+        self.assertEqual(state.stat().st_mode & 0o777, 0o600)
+        self.assertEqual([entry["token"] for entry in json.loads(state.read_text(encoding="utf-8"))["registrations"]
+                          if entry["service"] == self.name], ["t1"])
+        state.write_bytes(os.urandom(200))
+        post(address, b"meanwhile")
+        self.session.start_bridge()
+        app.kill()
+        app.start("register2", "t1")
+        self.assertEqual(app.address("t1", 2), address)
+        app.wait("message t1 ")
+        self.assertEqual(app.messages(), [b"meanwhile"])
+
+    def test_the_object_describes_itself_as_soon_as_its_name_is_there(self):
+        self.session.kill_bridge()
+        self.session.launch_bridge()
+        deadline = time.monotonic() + 20
+        while not self.session.has_name(DISTRIBUTOR):  # without a pause in between, as applications that follow names
+            self.assertLess(time.monotonic(), deadline)
+        text = self.session.bus.call_blocking(DISTRIBUTOR, "/org/unifiedpush/Distributor",
+                                              "org.freedesktop.DBus.Introspectable", "Introspect", "", (), timeout=2)
+        for version in ("1", "2"):
+            self.assertIn(f'<interface name="org.unifiedpush.Distributor{version}">', text)
+
+
+if __name__ == "__main__":
+    unittest.main()
