@@ -154,11 +154,11 @@ lags(Shard) ->
     end.
 
 %% Whether an item may be published with the key now: ok, `full`, or {wait, Seconds}.
+%% The key is one of a node: others need no bucket.
 admits(Key) ->
-    case {is_full(), pubsub_device_store:node_of(Key)} of
-        {true, _} -> full;
-        {false, none} -> ok;  % the publication will be refused, and needs no bucket
-        {false, _} -> take(Key)
+    case is_full() of
+        true -> full;
+        false -> take(Key)
     end.
 
 %% Takes one publication from the key's token bucket: ok, or the seconds to wait. Two processes at once may both take

@@ -81,12 +81,12 @@ outcome(Key, Body, Length, Headers, Asked) ->
         none when Length > Limit -> {size, Limit};
         none when Length == 0 -> empty;
         none -> {error, xmpp:err_item_not_found()};
-        {Node, _} ->
+        {Node, _} = Found ->
             {WebPush, Vapid} = pubsub_device_store:push_of(Node),
             case acceptable(WebPush, Length, Limit, Asked) of
                 ok ->
                     case permitted(Vapid, Headers) of
-                        ok -> admitted(Key, Body, pubsub_device_push:terms(Asked, WebPush));
+                        ok -> admitted(Key, Found, Body, pubsub_device_push:terms(Asked, WebPush));
                         Refused -> Refused
                     end;
                 Refused -> Refused
@@ -109,10 +109,10 @@ permitted(Vapid, Headers) ->
     pubsub_device_vapid:verdict(pubsub_device_push:field(<<"authorization">>, Headers), Vapid,
                                 [pubsub_device_vapid:origin(mod_pubsub_device:option(push_url))]).
 
-admitted(Key, Body, #{granted := Granted} = Terms) ->
+admitted(Key, Found, Body, #{granted := Granted} = Terms) ->
     case pubsub_device_bounds:admits(Key) of
         ok ->
-            case pubsub_device_publish:by_key(Key, <<>>, [pubsub_device_push:payload(Body)], Terms) of
+            case pubsub_device_publish:to_key_node(Found, <<>>, [pubsub_device_push:payload(Body)], Terms) of
                 {ok, ItemId, Number} -> {ok, ItemId, Number, Granted};
                 Error -> Error
             end;

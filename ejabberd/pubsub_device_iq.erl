@@ -140,11 +140,22 @@ publish(Element, IQ) ->
     end.
 
 publish(Key, ItemId, Payload) ->
-    Outcome = case pubsub_device_stanza:has_payload(Payload) andalso pubsub_device_bounds:admits(Key) of
-                  ok -> pubsub_device_publish:by_key(Key, ItemId, Payload);
-                  Refused -> Refused
-              end,
+    Outcome = pubsub_device_stanza:has_payload(Payload) andalso by_key(Key, ItemId, Payload),
     published(pubsub_device_metrics:with_key(key, Outcome)).
+
+%% An application server shows by the signature of its request who it is, which a stanza does not have.
+by_key(Key, ItemId, Payload) ->
+    case pubsub_device_store:node_of(Key) of
+        none -> {error, xmpp:err_item_not_found()};
+        {Node, _} = Found ->
+            case pubsub_device_store:push_of(Node) of
+                {_, none} -> admitted(pubsub_device_bounds:admits(Key), Found, ItemId, Payload);
+                _ -> {error, xmpp:err_forbidden(<<"One application server alone publishes here, over HTTP">>, <<"en">>)}
+            end
+    end.
+
+admitted(ok, Found, ItemId, Payload) -> pubsub_device_publish:to_key_node(Found, ItemId, Payload, none);
+admitted(Refused, _, _, _) -> Refused.
 
 published({ok, Published, Number}) ->
     {ok, pubsub_device_stanza:published(Published, Number)};

@@ -10,7 +10,7 @@
 -module(pubsub_device_publish).
 
 -export([publish/2, end_publish/0, is_publishing/0, found/1, catch_message/1, hand_over/1, on_publish/6]).
--export([by_key/3, by_key/4]).
+-export([to_key_node/4]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -179,21 +179,15 @@ caught() ->
 has_id(Message, ItemId) ->
     (pubsub_device_stanza:item_of(Message))#ps_item.id == ItemId.
 
-%% Publishes as the owner of the key's node. The key must not be logged: failures are reported without it.
-by_key(Key, ItemId, Payload) -> by_key(Key, ItemId, Payload, none).
-
-by_key(Key, ItemId, Payload, Terms) ->
-    case pubsub_device_store:node_of(Key) of
-        none -> {error, xmpp:err_item_not_found()};
-        {{_, NodeId} = Node, Owner} ->
-            try by_owner(Node, Owner, ItemId, Payload, Terms)
-            catch
-                error:{database, _} -> {error, pubsub_device_database:unavailable()};
-                Class:Reason:Stack ->
-                    ?LOG_ERROR("Publishing to node ~ts with its key failed: ~p:~p ~p", [NodeId, Class, Reason, Stack]),
-                    {error, xmpp:err_internal_server_error()}
-            after end_publish()
-            end
+%% Publishes as the owner of the key node, {Node, Owner}, for somebody who has its key.
+to_key_node({{_, NodeId} = Node, Owner}, ItemId, Payload, Terms) ->
+    try by_owner(Node, Owner, ItemId, Payload, Terms)
+    catch
+        error:{database, _} -> {error, pubsub_device_database:unavailable()};
+        Class:Reason:Stack ->
+            ?LOG_ERROR("Publishing to node ~ts with its key failed: ~p:~p ~p", [NodeId, Class, Reason, Stack]),
+            {error, xmpp:err_internal_server_error()}
+    after end_publish()
     end.
 
 by_owner({Service, NodeId} = Node, Owner, ItemId, Payload, Terms) ->

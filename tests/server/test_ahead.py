@@ -4,7 +4,8 @@ from harness import ServerTest
 
 # In the server: a process that publishes the text, and is known by the name `publisher` until it was answered.
 PUBLISH = ("spawn(fun() -> register(publisher, self()), {ok, _, _} = "
-           "pubsub_device_publish:by_key(<<\"%s\">>, <<\"%s\">>, [{xmlel, <<\"payload\">>, [], []}]) end)")
+           "pubsub_device_publish:to_key_node("
+           "pubsub_device_store:node_of(<<\"%s\">>), <<\"%s\">>, [{xmlel, <<\"payload\">>, [], []}], none) end)")
 SUSPEND = "sys:suspend(pubsub_device_commit)"
 
 
@@ -25,7 +26,8 @@ class Ahead(ServerTest):
     def publish_unsynced(self, key, item_id):
         """Publishes `fresh`, which brings a floor for the numbers to the disk, and the item while no sync returns."""
         self.instance.evaluate(
-            "{ok, _, _} = pubsub_device_publish:by_key(<<\"%s\">>, <<\"fresh\">>, [{xmlel, <<\"payload\">>, [], []}]), "
+            "{ok, _, _} = pubsub_device_publish:to_key_node(pubsub_device_store:node_of(<<\"%s\">>), <<\"fresh\">>, "
+            "[{xmlel, <<\"payload\">>, [], []}], none), "
             % key + SUSPEND + ", " + PUBLISH % (key, item_id))
 
     def is_unanswered(self):

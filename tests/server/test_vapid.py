@@ -89,6 +89,12 @@ class Tokens(VapidTest):
         self.refusal(self.push_with(key, self.vapid(forged)), 403, 122)
         self.assert_quiet(owner)
 
+    def test_over_xmpp_nobody_publishes_who_cannot_sign(self):
+        owner, key, _ = self.ready()
+        stanza = "<publish key='%s'><item><payload>x</payload></item></publish>" % key
+        self.refused(self.ext(self.client("bob"), stanza), "forbidden")
+        self.assert_quiet(owner)
+
     def test_an_endpoint_for_all_does_not_look_at_tokens(self):
         owner, key = self.endpoint()
         for authorization in ("vapid nonsense", "Basic eDp5", Sender().authorization(self.url(key))):
