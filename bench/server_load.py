@@ -57,6 +57,7 @@ class BenchServer:
             text = path.read_text(encoding="utf-8")
             text = re.sub(r"  mod_pubsub:.*", ENGINE, text, flags=re.DOTALL)
             text = re.sub(r"(?m)^    module: pubsub_device(_metrics)?_listener$", "    module: ejabberd_http", text)
+            text = re.sub(r"(?m)^    (certfile|keyfile): .*\n", "", text)
             path.write_text(text, encoding="utf-8")
             self._run("start", self.folder)
         self.where = Server.from_env(self.folder + "/server.env")
