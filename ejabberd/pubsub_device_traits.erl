@@ -99,6 +99,9 @@ drop(NodeId, Number, Why) ->
                      Dropped = [pubsub_device_waiting:drop_id(DeviceId, NodeId, Number)
                                 || #pubsub_device_body{devices = Devices} <- read(pubsub_device_body, {NodeId, Number}),
                                    {DeviceId, _} <- Devices],
+                     %% In a transaction the body may be of the transaction itself.
+                     mnesia:is_transaction()
+                         andalso [forget_found(Each) || Each <- read(pubsub_device_trait, {NodeId, Number})],
                      [pubsub_device_metrics:count({dropped, Why}) || true <- Dropped],
                      lists:member(true, Dropped)
              end).

@@ -11,6 +11,7 @@ import test_limits
 import test_messages
 import test_names
 import test_push
+import test_push_cluster
 import test_restart
 import test_sharing
 import test_strangers
@@ -21,7 +22,7 @@ CONTRACT = (test_delivery.Delivery, test_keys.Keys, test_keys.Activation, test_d
             test_forms.StandardRequests, test_kept.Full, test_kept.Exact, test_kept.Bytes, test_limited.Limited,
             test_limited.Numbers, test_limited.Waiting, test_limited.Dropped, test_limits.Bounds, test_limits.Ages,
             test_messages.Messages, test_names.Names, test_names.Writers, test_push.Bodies, test_push.Times,
-            test_push.Topics, test_restart.Restart, test_sharing.Authorisation, test_sharing.Collections,
+            test_push.Topics, test_push_cluster.PushCluster, test_restart.Restart, test_sharing.Authorisation, test_sharing.Collections,
             test_strangers.Names, test_strangers.Subscriptions, test_strangers.Hidden, test_urgency.Urgency,
             test_vapid.Nodes, test_cluster.Cluster)
 
