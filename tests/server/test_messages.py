@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import socket
 
 from pushtest import PushTest, webpush
 
@@ -116,6 +117,19 @@ class Discovery(PushTest):
             listed = {int(each) for each in re.findall(r"^### (\d+) ", file.read(), re.MULTILINE)}
         self.assertGreater(len(numbers), 25)
         self.assertEqual(listed, numbers)
+
+    def test_a_field_that_comes_a_thousand_times_is_refused(self):
+        owner, key = self.endpoint()
+        host, port = self.server.env["HTTP_URL"].split("/")[2].split(":")
+        for field, errno in ((b"TTL:1\r\n", 112), (b"Topic:a\r\n", 114), (b"Urgency:low\r\n", 115)):
+            with socket.create_connection((host, int(port)), 15) as link:
+                link.sendall(b"POST /push/%s HTTP/1.1\r\nHost: x\r\nContent-Length: 1\r\nConnection: close\r\n%s\r\nx"
+                             % (key.encode(), field * 1000))
+                data = b""
+                while piece := link.recv(65536):
+                    data += piece
+            self.assertEqual((data.split(b" ")[1], json.loads(data.split(b"\r\n\r\n")[1])["errno"]), (b"400", errno))
+        self.assert_quiet(owner)
 
     def test_what_helps_to_wait_for_says_how_long(self):
         _, key = self.endpoint()

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """Messages of web push: their bytes, how long they are kept, and their topics."""
 import os
+import socket
 
 from pushtest import PushTest, webpush
 from xmppclient import DEVICE
@@ -178,8 +179,30 @@ class Times(PushTest):
         self.assertEqual(self.contents(self.again(), 1), [b"stays"])
 
 
-class Passed(PushTest):
+class Listening(PushTest):
+    """A server that lets the tests change what runs in it."""
+
     member = "127.0.0.9"
+
+    def test_a_handler_of_the_servers_own_listener_reads_the_same_fields(self):
+        owner, key = self.endpoint(more="web-push='true' vapid='%s'" % (sender := webpush.Sender()).key)
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            port = free.getsockname()[1]
+        self.instance.evaluate("ok = ejabberd_listener:add_listener({%d, {127,0,0,1}, tcp}, ejabberd_http, #{request_handlers "
+                               "=> [{[<<\"push\">>], pubsub_device_http}]})" % port)
+        url = "http://127.0.0.1:%d/push/%s" % (port, key)
+        fields = {"TTL": "60", "Topic": "a", "Urgency": "high", "Authorization": sender.authorization(self.url(key))}
+        answer = webpush.request(url, "POST", b"\xff", fields)
+        self.assertEqual((answer.status, answer.headers["TTL"]), (201, "60"))
+        found = self.next_item(owner)
+        self.assertEqual((found.content, found.attributes["urgency"]), (b"\xff", "high"))
+        for changed, status in ((dict(fields, TTL="x"), 400), (dict(fields, Topic="."), 400), (dict(fields, Urgency="x"), 400),
+                                (dict(fields, Authorization="vapid x"), 401)):
+            self.assertEqual(webpush.request(url, "POST", b"x", changed).status, status)
+        location = "http://127.0.0.1:%d%s" % (port, answer.headers["Location"])
+        self.assertEqual(webpush.request(location, "DELETE", headers=fields).status, 204)
+        self.assertEqual(webpush.request(url, "OPTIONS").status, 204)
 
     def test_a_late_message_is_passed_over_before_it_is_dropped(self):
         owner, key = self.endpoint()
