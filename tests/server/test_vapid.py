@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """Endpoints for one application server: how they are made, and whose messages they take."""
 import base64
+import random
 import socket
 import time
 
@@ -190,6 +191,26 @@ class Tokens(VapidTest):
         small, large = (self.sender.authorization(url, sub="mailto:" + "x" * size) for size in (500, 3000))
         self.assertEqual(self.push_with(key, small).status, 201)
         self.refusal(self.push_with(key, large), 401, 120)
+
+    def test_no_change_of_a_token_is_taken(self):
+        owner, key, url = self.ready()
+        token = self.sender.token(self.sender.claims(url))
+        chance = random.Random(8292)
+        for _ in range(400):
+            changed = bytearray(token.encode())
+            for _ in range(chance.choice((1, 1, 2, 10))):
+                place = chance.randrange(len(changed))
+                kind = chance.randrange(3)
+                if kind == 0:
+                    changed[place] = chance.choice(b"ABCxyz0189-_.=\",\x80 ")
+                elif kind == 1:
+                    del changed[place]
+                else:
+                    changed.insert(place, chance.choice(b"Aa0-_.=\xff"))
+            if changed != token.encode():
+                answer = self.push_with(key, self.vapid(changed.decode("latin-1")))
+                self.assertIn(answer.status, (401, 403), changed)
+        self.assert_quiet(owner)
 
     def test_a_message_is_its_senders_alone(self):
         owner, key, url = self.ready()
