@@ -65,6 +65,9 @@ Exit runOnCloseRemove(const Invocation& invocation, Console& console);
 Exit runEndpointList(const Invocation& invocation, Console& console);
 // `subscribe` without --newest.
 Exit runReceive(const Invocation& invocation, Console& console);
+Exit runPushList(const Invocation& invocation, Console& console);
+Exit runPushRemove(const Invocation& invocation, Console& console);
+Exit runPushTest(const Invocation& invocation, Console& console);
 Exit runHandler(const Invocation& invocation, Console& console);
 Exit runCall(const Invocation& invocation, Console& console);
 
@@ -95,6 +98,8 @@ std::string endpointItem(const std::string& payload, bool json);
 std::string receivedItem(const std::string& payload, bool json);
 // What is known of an application's endpoints, one a line.
 std::string endpointLines(const std::string& payload);
+// What the applications of the session have registered, one a line.
+std::string pushLines(const std::string& payload);
 // A request for approval: "NODE  id: ...", or its four members under --json.
 std::string pendingLine(const std::string& payload, bool json);
 // A notice for a closed application: that it waits again, or that there is an item for it.

@@ -68,6 +68,8 @@ bool Bridge::start(std::string& problem) {
 bool Bridge::takeName(std::string& problem) {
     int result = m_distributor.serve(m_bus.get());
     if (result >= 0)
+        result = serveManagement();
+    if (result >= 0)
         result = sd_bus_request_name(m_bus.get(), kDistributorName, 0);
     if (result >= 0)
         return true;

@@ -30,6 +30,7 @@ class Bridge {
         900;  // an application of the device may have 1,000 endpoints
 
     explicit Bridge(std::string folder);
+    ~Bridge() = default;
     Bridge(const Bridge&) = delete;
     Bridge& operator=(const Bridge&) = delete;
 
@@ -61,6 +62,11 @@ class Bridge {
     void announce(const std::string& endpoint, const std::string& to);
     void announced(const std::string& endpoint);
     void nameChanged(const std::string& service);
+
+    // managing.cpp
+    int serveManagement();
+    static int onList(sd_bus_message* call, void* data, sd_bus_error*);
+    static int onRemove(sd_bus_message* call, void* data, sd_bus_error*);
 
     // registering.cpp
     using RegisterRef = std::shared_ptr<RegisterCall>;
@@ -105,6 +111,7 @@ class Bridge {
     Names m_names;
     Delivery m_delivery;
     Distributor m_distributor;
+    Slot m_management;
     Device m_device;
     std::list<Slot> m_asking;                     // questions for the owners of names
     std::map<std::string, unsigned> m_questions;  // how many of them Register calls wait for, by caller

@@ -14,8 +14,7 @@
 namespace {
 
 constexpr unsigned kCallsOfApplication = 16;  // at once
-constexpr std::size_t kStartsAtOnce = 4;
-constexpr unsigned kLongestPause = 60;  // seconds
+constexpr unsigned kLongestPause = 60;        // seconds
 constexpr unsigned kMostRefusals = 10;
 constexpr int64_t kSecond = 1000;        // milliseconds
 constexpr int64_t kLongestTimer = 3600;  // seconds; the wall clock may be set in the meantime
@@ -25,7 +24,7 @@ int64_t unixTime() {
 }
 
 unsigned pauseAfter(unsigned failures) {
-    return failures > 6 ? kLongestPause : 1U << (failures - 1);
+    return failures > 6 ? kLongestPause : 1U << (failures > 0 ? failures - 1 : 0);
 }
 
 bool isExpired(const Item& item) {
@@ -153,7 +152,7 @@ void Delivery::forget(const std::string& endpoint) {
     if (!application.endpoints.empty())
         return;
     m_applications.erase(service);
-    m_starts.free(service);
+    m_starts.release(service);
 }
 
 void Delivery::nameChanged(const std::string& service) {
@@ -167,7 +166,7 @@ void Delivery::nameChanged(const std::string& service) {
                 job->failures = 0;
                 job->pause.stop();
             }
-        m_starts.free(service);
+        m_starts.release(service);
     }
     pump(service);
 }
@@ -265,7 +264,7 @@ void Delivery::answered(const std::string& endpoint, Job& job, Outcome outcome, 
     application.unstartable = outcome == Outcome::Unstartable;
     if (outcome == Outcome::Absent)
         m_names.refresh();
-    m_starts.free(service);
+    m_starts.release(service);
     if (isOver(job, outcome, service)) {
         job.end();
         (this->*finish)(endpoint);

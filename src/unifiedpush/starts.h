@@ -28,11 +28,11 @@ class Starts {
             return false;
         }
         m_waiting.erase(service);
-        m_places[service].start(kPatience, [this, service] { free(service); });
+        m_places[service].start(kPatience, [this, service] { release(service); });
         return true;
     }
     // It has started, has failed to, or is not wanted any longer.
-    void free(const std::string& service) {
+    void release(const std::string& service) {
         m_waiting.erase(service);
         if (m_places.erase(service) == 0)
             return;

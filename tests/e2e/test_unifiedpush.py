@@ -5,13 +5,14 @@ that can end in between."""
 import http.client
 import json
 import os
+import subprocess
 import time
 import unittest
 import urllib.parse
 
 from app import App
 from session import DESKTOP, DISTRIBUTOR, HERE, Session
-from stage import StageTest, wait_until
+from stage import BIN, StageTest, wait_until
 
 NO_TEXT = bytes(range(256))  # no text at all
 
@@ -256,6 +257,43 @@ class UnifiedPush(StageTest):
         self.assertEqual(app.address("t1", 2), address)
         app.wait("message t1 ")
         self.assertEqual(app.messages(), [b"meanwhile"])
+
+    def ctl(self, *arguments):
+        """Runs pubsubctl in the session; returns (exit status, output)."""
+        done = subprocess.run([str(BIN / "pubsubctl"), *arguments], env=self.session.environment(),
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False, timeout=60)
+        return done.returncode, done.stdout + done.stderr
+
+    def test_the_command_line_lists_and_removes_a_registration_and_its_application_is_told(self):
+        app = self.session.connector(self.name)
+        app.start("register2", "t1")
+        app.address("t1")
+        status, output = self.ctl("push", "list")
+        self.assertEqual(status, 0, output)
+        endpoint = [line.split(" ")[0] for line in output.splitlines() if self.name + " " in line]
+        self.assertEqual(len(endpoint), 1, output)
+        self.assertNotIn("t1", output)
+        self.assertEqual(self.ctl("push", "remove", endpoint[0]), (0, f"removed {endpoint[0]}\n"))
+        app.wait("Unregistered t1")
+        self.assertEqual(self.ctl("push", "remove", endpoint[0])[0], 3)
+        self.assertNotIn(endpoint[0], self.ctl("push", "list")[1])
+
+    def test_the_command_line_sends_a_message_the_whole_way(self):
+        status, output = self.ctl("--json", "push", "test")
+        self.assertEqual(status, 0, output)
+        self.assertEqual(list(json.loads(output)["milliseconds"]),
+                         ["registered", "accepted by the server", "arrived", "unregistered"])
+        self.assertNotIn("com.zelt.pubsubctl", self.ctl("push", "list")[1])
+
+    def test_the_command_line_says_that_the_bridge_is_not_there(self):
+        self.session.kill_bridge()
+        try:
+            for verb in ("list", "test"):
+                status, output = self.ctl("push", verb)
+                self.assertNotEqual(status, 0)
+                self.assertIn("start zelt-unifiedpush", output)
+        finally:
+            self.session.start_bridge()
 
     def test_the_object_describes_itself_as_soon_as_its_name_is_there(self):
         self.session.kill_bridge()

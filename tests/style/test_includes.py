@@ -25,7 +25,7 @@ MAY_INCLUDE = {
     "xmpp": {"util"},
     "platform": {"util"},
     "util": set(),
-    "tools": {"platform/bus", "util"},
+    "tools": {"platform/bus", "unifiedpush", "util"},
     "unifiedpush": {"platform/bus", "util"},
 }
 

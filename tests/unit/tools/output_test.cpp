@@ -280,4 +280,13 @@ TEST(Terminal, AloneGetsEscapes) {
     EXPECT_EQ(err.str(), std::string("pubsubctl: ") + kHostile + "\n");
 }
 
+TEST(PushLines, NameEndpointApplicationDescriptionAndState) {
+    EXPECT_EQ(pushLines(R"({"registrations":[{"endpoint":"up-1","service":"org.example.mail","description":"inbox",)"
+                        R"("state":"registered"},{"endpoint":"up-2","service":"org.example.chat","description":"",)"
+                        R"("state":"waits for the server"}]})"),
+              "up-1  org.example.mail  \"inbox\"  registered\nup-2  org.example.chat  waits for the server");
+    EXPECT_EQ(pushLines(R"({"registrations":[]})"), "");
+    EXPECT_EQ(pushLines("{}"), "");
+}
+
 }  // namespace
