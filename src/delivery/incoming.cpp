@@ -126,7 +126,8 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     }
     if (keepsOpenItem(node)) {
         acceptItem(node, {seqNo, itemId, payload->cdata(), payload->findAttribute("encoding"),
-                          item->findAttribute("expires"), item->findAttribute("published")});
+                          item->findAttribute("expires"), item->findAttribute("published"),
+                          item->findAttribute("urgency")});
         return;
     }
     activated(node, false);

@@ -19,6 +19,7 @@
 namespace {
 
 constexpr char kSubscriptionFailed[] = "Processing subscription failed";
+constexpr char kWrongUrgency[] = "urgency takes very-low, low, normal or high";
 constexpr char kWrongEndpoints[] = "Malformed json - endpoints takes an array of endpoints";
 constexpr int64_t kAwake = G_USEC_PER_SEC;  // an activity of the power service lasts twice as long
 constexpr int64_t kFirstPause = 100;        // milliseconds until an item is written again; doubled
@@ -68,6 +69,18 @@ bool readEndpoints(Request& request, const std::vector<std::string>& owned, std:
     return !nodes.empty() || request.fail("Empty endpoints provided");
 }
 
+bool readUrgency(Request& request, std::string& urgency) {
+    json_object* given = jsonMember(request.json(), "urgency");
+    if (!given)
+        return true;
+    if (json_object_is_type(given, json_type_string))
+        urgency = json_object_get_string(given);
+    for (const char* known : {kLeastUrgency, "low", "normal", "high"})
+        if (urgency == known)
+            return true;
+    return request.fail(kWrongUrgency);
+}
+
 // The nodes that the request asks for.
 bool chooseNodes(PubSubSession& session, Request& request, std::vector<std::string>& nodes, bool& all) {
     const std::vector<std::string> owned = session.ownedNodes(request.appId, request.node);
@@ -99,9 +112,11 @@ bool receive(QSHandle* handle, QSMessage* message, void*) {
     PubSubSession& session = gCurrentSession;
     Request request(handle, message, kParameterRefusal);
     std::vector<std::string> nodes;
+    std::string urgency;
     bool all = false;
     if (!request.isReady(false) || !request.requireSubscribe() || !request.formNode() ||
-        !chooseNodes(session, request, nodes, all) || !areFree(session, request, nodes))
+        !readUrgency(request, urgency) || !chooseNodes(session, request, nodes, all) ||
+        !areFree(session, request, nodes))
         return request.refuse();
     if (!request.processSubscription())
         return request.refuse("libErr", kSubscriptionFailed);
@@ -109,6 +124,7 @@ bool receive(QSHandle* handle, QSMessage* message, void*) {
     receiver->appId = request.appId;
     receiver->client = QSMessageGetSender(message);
     receiver->message = KeptMessage(message);
+    receiver->urgency = urgency;
     receiver->all = all;
     JsonArray endpoints;
     for (const std::string& node : nodes) {

@@ -22,4 +22,6 @@ void addItemMembers(JsonObject& object, const _itemStruct& item) {
         object.set("encoding", item.encoding);
     addNumber(object, "expires", item.expires);
     addNumber(object, "published", item.published);
+    if (!item.urgency.empty())
+        object.set("urgency", item.urgency);
 }

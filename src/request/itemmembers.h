@@ -5,5 +5,5 @@
 #include "session/openitems.h"
 #include "util/jsonref.h"
 
-// "encoding", "expires" and "published", each if the server sent it.
+// "encoding", "expires", "published" and "urgency", each if the server sent it.
 void addItemMembers(JsonObject& object, const _itemStruct& item);

@@ -52,6 +52,12 @@ bool hasHandlerOf(const std::string& service, const std::set<std::string>& handl
     });
 }
 
+// Its sender wants nobody to have it any more.
+bool isLate(const _itemStruct& item) {
+    const int64_t expires = g_ascii_strtoll(item.expires.c_str(), nullptr, 10);
+    return expires > 0 && expires <= g_get_real_time() / G_USEC_PER_SEC;
+}
+
 void answerTaken(const _takenItemStruct& taken, CallSite site = {}) {
     JsonObject answer;
     answer.set("returnValue", true).set("endpoint", taken.endpoint);
@@ -167,7 +173,7 @@ void PubSubSession::forgetItems(const std::string& node, _openNodeStruct& entry)
 
 void PubSubSession::acceptItem(const std::string& node, _itemStruct item) {
     _openNodeStruct& entry = m_openNodes[node];
-    if (isStalePacket(node, item.seqNo)) {
+    if (isStalePacket(node, item.seqNo) || isLate(item)) {
         acknowledge(node, item.id, item.seqNo);
         return;
     }
@@ -183,11 +189,12 @@ void PubSubSession::acceptItem(const std::string& node, _itemStruct item) {
         return;
     }
     const uint64_t number = numberOf(item.seqNo);
-    if (number <= numberOf(entry.open->seqNo))
+    const uint64_t open = numberOf(entry.open->seqNo);
+    if (number == open)
         return;
-    if (!entry.next)
+    if (!entry.next && number > open)
         entry.next = std::move(item);
-    else if (number != numberOf(entry.next->seqNo))
+    else if (!entry.next || number != numberOf(entry.next->seqNo))
         entry.missed = true;
 }
 
@@ -199,6 +206,10 @@ bool PubSubSession::handOut(const std::string& node) {
     if (!entry.open || entry.taken || !entry.receipt.empty() || !entry.calls.empty())
         return true;
     clearDue(node, entry);
+    if (isLate(*entry.open)) {
+        takeOpenItem(node, entry.endpoint, nullptr);
+        return true;
+    }
     if (entry.receiver)
         return giveToReceiver(node, entry);
     if (askHandlers(node, entry))
@@ -218,7 +229,8 @@ void PubSubSession::takeOpenItem(const std::string& node, const std::string& end
     entry.taken = true;
     entry.receipt.clear();
     clearDue(node, entry);
-    writeSeqNo(node, entry.open->seqNo);
+    const std::string urgency = urgencyOf(entry);
+    writeTakenSeqNo(node, entry.open->seqNo, urgency.empty() || urgency == kLeastUrgency);
     // Without a stream it is acknowledged when the server sends it again.
     if (m_connected)
         acknowledgeWhenSettled(node, entry.open->id, entry.open->seqNo);

@@ -13,7 +13,7 @@
 
 class PubSubSession;
 
-// An item as the server sent it. The last three are "" when it did not send them.
+// An item as the server sent it. The last four are "" when it did not send them.
 struct _itemStruct {
     std::string seqNo;
     std::string id;
@@ -21,13 +21,17 @@ struct _itemStruct {
     std::string encoding;   // of the text: "base64"
     std::string expires;    // Unix seconds
     std::string published;  // Unix seconds
+    std::string urgency;
 };
+
+constexpr char kLeastUrgency[] = "very-low";
 
 // A request `receive`: one subscription for several endpoints of an application.
 struct _receiverStruct {
     std::string appId;
     std::string client;           // unique name on the bus
     KeptMessage message;          // the request, answered with every item
+    std::string urgency;          // the least that it wants; "": any
     bool all = false;             // it also receives the endpoints that the application creates later
     std::set<std::string> named;  // endpoints that it asked for by name, also while they do not exist
     // Nodes whose open item could not be written to the client; the first of them is due to be tried again.

@@ -13,6 +13,10 @@
 #include "util/log.h"
 #include "xmpp/manager.h"
 
+std::string PubSubSession::urgencyOf(const _openNodeStruct& entry) {
+    return entry.receiver ? entry.receiver->urgency : std::string();
+}
+
 void PubSubSession::openWantedNodes() {
     rejoinReceivers();
     for (const auto& [node, handlers] : m_confirming)
@@ -41,22 +45,26 @@ void PubSubSession::openNode(const std::string& node, _openNodeStruct& entry) {
     std::string seqNo;
     getSeqNo(node, seqNo);
     entry.missed = false;
-    entry.request = m_pubsub ? m_pubsub->activateNode(pubsubService(), node, seqNo, this, true) : "";
+    entry.request =
+        m_pubsub ? m_pubsub->activateNode(pubsubService(), node, seqNo, this, true, urgencyOf(entry)) : "";
     entry.link = entry.request.empty() ? NodeLink::Off : NodeLink::Opening;
 }
 
 void PubSubSession::openNodes(const std::vector<std::string>& nodes) {
     if (nodes.size() == 1)
         return openNode(nodes.front(), m_openNodes[nodes.front()]);
-    if (nodes.empty())
-        return;
-    const gloox::StringList names(nodes.begin(), nodes.end());
-    const std::string id = m_pubsub ? m_pubsub->bulkActivate(pubsubService(), names, this, true) : "";
-    for (const std::string& node : nodes) {
-        _openNodeStruct& entry = m_openNodes[node];
-        entry.missed = false;
-        entry.request = id;
-        entry.link = id.empty() ? NodeLink::Off : NodeLink::Opening;
+    std::map<std::string, gloox::StringList> byUrgency;
+    for (const std::string& node : nodes)
+        byUrgency[urgencyOf(m_openNodes[node])].push_back(node);
+    for (const auto& [urgency, names] : byUrgency) {
+        const std::string id =
+            m_pubsub ? m_pubsub->bulkActivate(pubsubService(), names, this, true, urgency) : "";
+        for (const std::string& node : names) {
+            _openNodeStruct& entry = m_openNodes[node];
+            entry.missed = false;
+            entry.request = id;
+            entry.link = id.empty() ? NodeLink::Off : NodeLink::Opening;
+        }
     }
 }
 

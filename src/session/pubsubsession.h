@@ -105,9 +105,10 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
                          const gloox::Error* error) override;
     // endpoints/publishkeys.cpp
     void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
-                         const std::string& status, const gloox::Error* error) override;
+                         const std::string& url, const std::string& status,
+                         const gloox::Error* error) override;
     void handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
-                      const gloox::Error* error) override;
+                      const std::string& url, const gloox::Error* error) override;
     // maintenance/activation.cpp
     void handleActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
                             const gloox::Error* error) override;
@@ -238,7 +239,8 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void openNode(const std::string& node, _openNodeStruct& entry);
     void openNodes(const std::vector<std::string>& nodes);
     void closeNode(const std::string& node, _openNodeStruct& entry);
-    void releaseNode(const std::string& node);  // unless it is still wanted
+    void releaseNode(const std::string& node);                   // unless it is still wanted
+    static std::string urgencyOf(const _openNodeStruct& entry);  // the least that is wanted; "": any
     void activationAnswered(const std::string& node, _openNodeStruct& entry, const gloox::Error* error);
 
     // delivery/seqno.cpp
@@ -246,6 +248,9 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     bool getSeqNo(const std::string& node, uint64_t& seqNo);
     // Without a commit: the number counts already.
     void writeSeqNo(const std::string& node, const std::string& seqNo, CallSite site = {});
+    // The same for an item of a node with one open item. Not in order: lower ones may still come.
+    void writeTakenSeqNo(const std::string& node, const std::string& seqNo, bool inOrder);
+    void writeRecord(Preferences& store, const std::string& node, json_object* record, CallSite site = {});
     // Commits, unless a piece of the server's input is being handled: its numbers have one commit.
     void persistSeqNo(const std::string& node, const std::string& seqNo);
     void commitSeqNos();  // those that were written without
@@ -299,7 +304,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
 
     // endpoints/publishkeys.cpp
     void handleKeyCb(const std::string& id, const gloox::JID& service, const std::string& key,
-                     const gloox::Error* error, const std::string& what, bool flag);
+                     const std::string& url, const gloox::Error* error, const std::string& what);
 
     // endpoints/publicsubscribe.cpp: subscribers that arrived while there was no connection
     void activateDeferredSubscribers();

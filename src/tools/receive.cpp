@@ -2,6 +2,8 @@
 // `subscribe` without --newest: receiving an endpoint's items, each of which the server keeps until it has
 // been printed or its command has ended with 0. An item that could not be handled is not acknowledged, so that
 // the next receiver gets it. Keeps no state beyond the process.
+#include <glib.h>
+
 #include <algorithm>
 #include <charconv>
 #include <csignal>
@@ -12,12 +14,28 @@
 #include "tools/verbs.h"
 #include "util/jsonref.h"
 
+namespace {
+
+// What was published, which is no text where it is encoded.
+std::string contentOf(json_object* item) {
+    const std::string text = textMember(item, "item");
+    if (textMember(item, "encoding") != "base64")
+        return text;
+    gsize size = 0;
+    guchar* bytes = g_base64_decode(text.c_str(), &size);
+    std::string content(reinterpret_cast<const char*>(bytes), size);
+    g_free(bytes);
+    return content;
+}
+
+}  // namespace
+
 std::string receivedItem(const std::string& payload, bool json) {
     const JsonRef item = parseWholeJson(payload);
     if (!json)
-        return textMember(item.get(), "item");
+        return contentOf(item.get());
     JsonObject object;
-    for (const char* name : {"endpoint", "item", "itemid", "encoding", "expires", "published"}) {
+    for (const char* name : {"endpoint", "item", "itemid", "encoding", "expires", "published", "urgency"}) {
         if (json_object* member = jsonMember(item.get(), name))
             object.set(name, JsonRef(json_object_get(member)));
     }

@@ -213,7 +213,8 @@ void Manager::deliver(const Request& request, const std::string& id, const gloox
         case Operation::CreateNode:
             return handler.handleNodeCreation(id, service, node, error);
         case Operation::CreateKeyNode:
-            return handler.handleCreateKey(id, service, keyText, attributeOf(key, "status"), error);
+            return handler.handleCreateKey(id, service, keyText, attributeOf(key, "url"),
+                                           attributeOf(key, "status"), error);
         case Operation::DeleteNode:
             return handler.handleNodeDeletation(id, service, node, error);
         case Operation::PublishItem:
@@ -228,7 +229,7 @@ void Manager::deliver(const Request& request, const std::string& id, const gloox
             return handler.handleUnsubscriptionResult(id, service, node, request.subid, request.subscriber,
                                                       error);
         case Operation::GetKey:
-            return handler.handleGetKey(id, service, keyText, error);
+            return handler.handleGetKey(id, service, keyText, attributeOf(key, "url"), error);
         case Operation::ActivateNode:
             return handler.handleActivateNode(id, service, node, error);
         case Operation::DeActivateNode:

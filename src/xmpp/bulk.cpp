@@ -17,8 +17,9 @@ constexpr std::size_t kListPart = 65'536;
 }  // namespace
 
 std::string Manager::bulkActivate(const gloox::JID& service, const gloox::StringList& nodes,
-                                  ResultHandler* handler, bool limit) {
-    return bulk(Operation::BulkActivate, "activate-nodes", service, nodes, handler, limit);
+                                  ResultHandler* handler, bool limit, const std::string& urgency) {
+    return bulk(Operation::BulkActivate, "activate-nodes", service, nodes, handler,
+                {.oneItem = limit, .urgency = urgency});
 }
 
 std::string Manager::waitingItems(const gloox::JID& service, const gloox::StringList& nodes,
@@ -32,7 +33,8 @@ std::string Manager::bulkDelete(const gloox::JID& service, const gloox::StringLi
 }
 
 std::string Manager::bulk(Operation operation, const char* element, const gloox::JID& service,
-                          const gloox::StringList& nodes, ResultHandler* handler, bool limit) {
+                          const gloox::StringList& nodes, ResultHandler* handler,
+                          const ActivationLimit& limit) {
     if (!m_client || !service || !handler)
         return {};
     const char* type = operation == Operation::Waiting ? "get" : "set";
@@ -52,8 +54,7 @@ std::string Manager::bulk(Operation operation, const char* element, const gloox:
             // No node of the server has so long a name.
             if (isXmlAttribute(*node) && node->size() < kListPart / 2) {
                 part.open("node").attribute("id", *node);
-                if (limit)
-                    part.attribute(kLimit, kOneItem);
+                limit.writeTo(part);
                 part.close();
             } else {
                 PrvPrintErr({}, "Left node %s out of %s: its name cannot be sent", printable(*node).c_str(),

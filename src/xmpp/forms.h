@@ -5,8 +5,6 @@
 namespace xmpp {
 
 inline constexpr char kDeviceXmlns[] = "urn:zelt:pubsub:device:0";
-inline constexpr char kLimit[] = "limit";  // of an activation: so many items at a time
-inline constexpr char kOneItem[] = "1";
 inline constexpr char kCommandsXmlns[] = "http://jabber.org/protocol/commands";
 inline constexpr char kGetPending[] = "http://jabber.org/protocol/pubsub#get-pending";
 inline constexpr char kNodeConfigForm[] = "http://jabber.org/protocol/pubsub#node_config";

@@ -149,10 +149,14 @@ std::string Manager::createNode(gloox::PubSub::NodeType type, const gloox::JID& 
 std::string Manager::createKeyNode(gloox::PubSub::NodeType type, const gloox::JID& service,
                                    const std::string& node, ResultHandler* handler, const std::string& title,
                                    const std::string& parent, gloox::PubSub::AccessModel access,
-                                   const StringMap* config) {
+                                   const StringMap* config, const WebPush& webPush) {
     const std::string id = nextId();
     StanzaWriter stanza = beginIq("set", service, id);
     stanza.open("create-key-node", kDeviceXmlns).attribute("node", node);
+    if (webPush.wanted)
+        stanza.attribute("web-push", "true");
+    if (!webPush.vapid.empty())
+        stanza.attribute("vapid", webPush.vapid);
     writeNodeConfig(stanza, type, title, parent, access, config);
     return sendRequest(
         {.operation = Operation::CreateKeyNode, .handler = handler, .service = service, .node = node}, id,
@@ -246,8 +250,10 @@ std::string Manager::getKey(const gloox::JID& service, const std::string& node, 
 }
 
 std::string Manager::activateNode(const gloox::JID& service, const std::string& node,
-                                  const std::string& seqNo, ResultHandler* handler, bool limit) {
-    return deviceRequest(Operation::ActivateNode, "set", "activate", service, node, seqNo, handler, limit);
+                                  const std::string& seqNo, ResultHandler* handler, bool limit,
+                                  const std::string& urgency) {
+    return deviceRequest(Operation::ActivateNode, "set", "activate", service, node, seqNo, handler,
+                         {.oneItem = limit, .urgency = urgency});
 }
 
 std::string Manager::deActivateNode(const gloox::JID& service, const std::string& node,
@@ -255,16 +261,24 @@ std::string Manager::deActivateNode(const gloox::JID& service, const std::string
     return deviceRequest(Operation::DeActivateNode, "set", "deactivate", service, node, {}, handler);
 }
 
+void ActivationLimit::writeTo(StanzaWriter& element) const {
+    if (!oneItem)
+        return;
+    element.attribute("limit", "1");
+    if (!urgency.empty())
+        element.attribute("urgency", urgency);
+}
+
 std::string Manager::deviceRequest(Operation operation, const char* type, const char* element,
                                    const gloox::JID& service, const std::string& node,
-                                   const std::string& seqNo, ResultHandler* handler, bool limit) {
+                                   const std::string& seqNo, ResultHandler* handler,
+                                   const ActivationLimit& limit) {
     const std::string id = nextId();
     StanzaWriter stanza = beginIq(type, service, id);
     stanza.open(element, kDeviceXmlns).attribute("node", node);
     if (!seqNo.empty())
         stanza.foreignAttribute("seqNo", seqNo);
-    if (limit)
-        stanza.attribute(kLimit, kOneItem);
+    limit.writeTo(stanza);
     return sendRequest({.operation = operation, .handler = handler, .service = service, .node = node}, id,
                        stanza);
 }

@@ -28,6 +28,19 @@ class Client;
 class StanzaWriter;
 using StringMap = std::map<std::string, std::string>;
 
+// How the server sends an activated node's items.
+struct ActivationLimit {
+    bool oneItem = false;  // at a time
+    std::string urgency;   // the least that is wanted; "": any
+    void writeTo(StanzaWriter& element) const;
+};
+
+// What makes a key node one for web push.
+struct WebPush {
+    bool wanted = false;
+    std::string vapid;  // the only sender's key; "": any sender
+};
+
 class Manager : public gloox::PubSub::Manager {
   public:
     explicit Manager(Client* client);
@@ -52,7 +65,7 @@ class Manager : public gloox::PubSub::Manager {
     std::string createKeyNode(gloox::PubSub::NodeType type, const gloox::JID& service,
                               const std::string& node, ResultHandler* handler, const std::string& title,
                               const std::string& parent, gloox::PubSub::AccessModel access,
-                              const StringMap* config);
+                              const StringMap* config, const WebPush& webPush = {});
     std::string deleteNode(const gloox::JID& service, const std::string& node, ResultHandler* handler);
     // Takes ownership of `item`, which may be null.
     std::string publishItem(const gloox::JID& service, const std::string& node, gloox::Tag* item,
@@ -66,13 +79,13 @@ class Manager : public gloox::PubSub::Manager {
                             const std::string& subid, const gloox::JID& subscriber);
     std::string getKey(const gloox::JID& service, const std::string& node, ResultHandler* handler);
     // `limit`: the server sends one item of the node at a time, the next after its acknowledgement, and begins
-    // with the oldest.
+    // with the oldest. `urgency`: the least that is wanted, "" for any.
     std::string activateNode(const gloox::JID& service, const std::string& node, const std::string& seqNo,
-                             ResultHandler* handler, bool limit = false);
+                             ResultHandler* handler, bool limit = false, const std::string& urgency = {});
     std::string deActivateNode(const gloox::JID& service, const std::string& node, ResultHandler* handler);
     // In these three, names that XML cannot carry are left out and logged.
     std::string bulkActivate(const gloox::JID& service, const gloox::StringList& nodes,
-                             ResultHandler* handler, bool limit = false);
+                             ResultHandler* handler, bool limit = false, const std::string& urgency = {});
     // How many items the server keeps of each node for this device.
     std::string waitingItems(const gloox::JID& service, const gloox::StringList& nodes,
                              ResultHandler* handler);
@@ -151,9 +164,10 @@ class Manager : public gloox::PubSub::Manager {
     static StanzaWriter beginIq(const char* type, const gloox::JID& service, const std::string& id);
     std::string deviceRequest(Operation operation, const char* type, const char* element,
                               const gloox::JID& service, const std::string& node, const std::string& seqNo,
-                              ResultHandler* handler, bool limit = false);
+                              ResultHandler* handler, const ActivationLimit& limit = {});
     std::string bulk(Operation operation, const char* element, const gloox::JID& service,
-                     const gloox::StringList& nodes, ResultHandler* handler, bool limit = false);
+                     const gloox::StringList& nodes, ResultHandler* handler,
+                     const ActivationLimit& limit = {});
     bool isUsable(const Request& request) const;
     std::string sendRequest(Request request, const std::string& id, StanzaWriter& stanza);
     std::string sendMessage(const gloox::JID& service, const std::string& id, StanzaWriter& stanza);

@@ -28,10 +28,12 @@ class ResultHandler : public gloox::PubSub::ResultHandler {
                                             const gloox::JID& subscriber, const gloox::Error* error) = 0;
     virtual void handleNodeDeletation(const std::string& id, const gloox::JID& service,
                                       const std::string& node, const gloox::Error* error) = 0;
+    // `url` is the address at which senders publish, "" when the server has told none.
     virtual void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
-                                 const std::string& status, const gloox::Error* error) = 0;
+                                 const std::string& url, const std::string& status,
+                                 const gloox::Error* error) = 0;
     virtual void handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
-                              const gloox::Error* error) = 0;
+                              const std::string& url, const gloox::Error* error) = 0;
     virtual void handleActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
                                     const gloox::Error* error) = 0;
     virtual void handleDeActivateNode(const std::string& id, const gloox::JID& service,

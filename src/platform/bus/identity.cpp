@@ -24,6 +24,8 @@
 namespace {
 
 constexpr unsigned kUnknownUser = static_cast<unsigned>(-1);
+constexpr unsigned kFirstLoginUser = 1000;  // below are the system's
+constexpr unsigned kNobody = 65534;
 
 bool isSwitchedOn(const char* variable) {
     const char* value = std::getenv(variable);
@@ -108,6 +110,13 @@ std::string idFromUnit(const BusCredentials& who) {
     return ofOneProcess(who, idInUnit);
 }
 
+// No other source gives an id with "@", so a user cannot be taken for an application.
+std::string idOfLoginUser(const BusCredentials& who) {
+    const bool isLoginUser = who.user >= kFirstLoginUser && who.user != kNobody && who.user != kUnknownUser;
+    return isLoginUser && isSwitchedOn("ZELT_APP_ID_OF_USERS") ? "@" + std::to_string(who.user)
+                                                               : std::string();
+}
+
 void readField(sd_bus_message* reply, BusCredentials& who) {
     const char* key = nullptr;
     const void* bytes = nullptr;
@@ -160,7 +169,7 @@ BusCredentials busReadCredentials(sd_bus_message* reply) {
 std::string busApplicationId(const BusCredentials& who) {
     if (!who.pid)
         return {};
-    for (auto rule : {idFromEnvironment, idFromLabel, idFromUser, idFromUnit}) {
+    for (auto rule : {idFromEnvironment, idFromLabel, idFromUser, idFromUnit, idOfLoginUser}) {
         const std::string id = rule(who);
         if (!id.empty())
             return id + " " + std::to_string(who.pid);

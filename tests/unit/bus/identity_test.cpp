@@ -28,8 +28,9 @@ BusCredentials ownCredentials() {
 class Identity : public testing::Test {
   protected:
     void TearDown() override {
-        for (const char* variable : {"ZELT_APP_ID_FROM_ENVIRONMENT", "ZELT_APP_ID_USERS",
-                                     "ZELT_APP_ID_TRUST_USER_UNITS", "ZELT_APP_ID_LABEL_PREFIX"})
+        for (const char* variable :
+             {"ZELT_APP_ID_FROM_ENVIRONMENT", "ZELT_APP_ID_USERS", "ZELT_APP_ID_TRUST_USER_UNITS",
+              "ZELT_APP_ID_LABEL_PREFIX", "ZELT_APP_ID_OF_USERS"})
             unsetenv(variable);
     }
 };
@@ -124,6 +125,35 @@ TEST_F(Identity, MarkOfAProcessIsTheSameUntilItEndsAndAnothersDiffers) {
     EXPECT_NE(busProcessMark(static_cast<unsigned>(third)), mark);
     for (pid_t pid : {first, third})
         endAndReap(pid);
+}
+
+TEST_F(Identity, IsTheUserForAProcessOfALoginUserWhereThatIsSwitchedOn) {
+    BusCredentials who = ownCredentials();
+    const std::string pid = " " + std::to_string(who.pid);
+    for (const auto& [user, id] : {std::pair{1000u, "@1000" + pid},
+                                   {60'001u, "@60001" + pid},
+                                   {999u, std::string()},
+                                   {0u, std::string()},
+                                   {65'534u, std::string()},
+                                   {static_cast<unsigned>(-1), std::string()}}) {
+        who.user = user;
+        EXPECT_EQ(busApplicationId(who), "");
+        setenv("ZELT_APP_ID_OF_USERS", "1", 1);
+        EXPECT_EQ(busApplicationId(who), id) << user;
+        setenv("ZELT_APP_ID_OF_USERS", "yes", 1);
+        EXPECT_EQ(busApplicationId(who), "");
+    }
+}
+
+TEST_F(Identity, OfAnApplicationComesBeforeThatOfItsUser) {
+    setenv("ZELT_APP_ID_OF_USERS", "1", 1);
+    setenv("ZELT_APP_ID_LABEL_PREFIX", "zelt::", 1);
+    BusCredentials who = ownCredentials();
+    who.user = 1000;
+    who.label = "zelt::com.example.app";
+    EXPECT_EQ(busApplicationId(who), "com.example.app " + std::to_string(who.pid));
+    who.label = "zelt::@1001";
+    EXPECT_EQ(busApplicationId(who), "@1000 " + std::to_string(who.pid)) << "\"@\" is legal in no other id";
 }
 
 TEST_F(Identity, IsNoneWhenTheTableOfUsersCannotBeRead) {

@@ -140,7 +140,7 @@ TEST_F(PublishKeys, CreationIsAnsweredAlsoWhenTheDeleteStoreFails) {
 TEST_F(PublishKeys, CreationThatIsRefusedNamesNoKeyAndNoStatus) {
     const Answer reply = create();
     const gloox::Error forbidden(gloox::StanzaErrorTypeAuth, gloox::StanzaErrorForbidden);
-    session().handleCreateKey(lastId(), gloox::JID(kService), "k-1", "exists", &forbidden);
+    session().handleCreateKey(lastId(), gloox::JID(kService), "k-1", "https://x", "exists", &forbidden);
     EXPECT_EQ(reply, kServerRefused);
 }
 
@@ -156,7 +156,7 @@ TEST_F(PublishKeys, CreationLogsAnAnswerThatCannotBeSent) {
 }
 
 TEST_F(PublishKeys, CreationResultThatNobodyWaitsForIsLogged) {
-    session().handleCreateKey("unknown", gloox::JID(kService), "k-1", "", nullptr);
+    session().handleCreateKey("unknown", gloox::JID(kService), "k-1", "", "", nullptr);
     EXPECT_EQ(takeEvents(), Texts{kPing});
     EXPECT_EQ(takeLogLines(), Texts{"handleCreateKey: We got a create key with no endpointmap unknown"});
 }
@@ -338,7 +338,7 @@ TEST_F(PublishKeys, KeyRequestLogsAnAnswerThatCannotBeSent) {
 }
 
 TEST_F(PublishKeys, KeyResultThatNobodyWaitsForIsLogged) {
-    session().handleGetKey("unknown", gloox::JID(kService), "k-1", nullptr);
+    session().handleGetKey("unknown", gloox::JID(kService), "k-1", "", nullptr);
     EXPECT_EQ(takeEvents(), Texts{});
     EXPECT_EQ(takeLogLines(), Texts{"handleKeyCb: We got a get key with no endpointmap unknown"});
 }

@@ -145,13 +145,13 @@ TEST_F(Receive, NamesWhatTheServerSaysOfAnItem) {
         "<message from='pubsub.example.org' to='u1234@example.org/dev42' id='m1'>"
         "<event xmlns='http://jabber.org/protocol/pubsub#event'><items node='" +
         kNode +
-        "'><item id='i1' seqNo='7' expires='1795252848' published='1795252840'>"
+        "'><item id='i1' seqNo='7' expires='4102444800' published='1795252840'>"
         "<payload encoding='base64'>aGVsbG8=</payload></item></items></event></message>");
     EXPECT_EQ(
         receiver.all().back(),
         R"({ "returnValue": true, "endpoint": "inbox", "item": "aGVsbG8=", "itemid": "i1", "receipt": ")" +
             receipt(receiver) +
-            R"(", "encoding": "base64", "expires": 1795252848, "published": 1795252840 })");
+            R"(", "encoding": "base64", "expires": 4102444800, "published": 1795252840 })");
 }
 
 TEST_F(Receive, BypassesHandlerSubscriberAndCache) {

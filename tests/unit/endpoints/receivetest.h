@@ -26,9 +26,10 @@ inline std::string success(const std::string& endpoint) {
     return R"({ "returnValue": true, "endpoint": ")" + endpoint + R"(" })";
 }
 
-inline std::string limitedStanza(const std::string& seqNo = "0", const std::string& node = kNode) {
+inline std::string limitedStanza(const std::string& seqNo = "0", const std::string& node = kNode,
+                                 const std::string& urgency = "") {
     return deviceIq("set", "<activate xmlns='urn:zelt:pubsub:device:0' node='" + node + "' seqNo='" + seqNo +
-                               "' limit='1'/>");
+                               "' limit='1'" + (urgency.empty() ? "" : " urgency='" + urgency + "'") + "/>");
 }
 
 inline std::string ackOf(const std::string& id, const std::string& seqNo, const std::string& node = kNode) {

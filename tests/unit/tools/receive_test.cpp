@@ -94,6 +94,17 @@ TEST_F(Receive, PrintsWhatIsKnownOfAnItemUnderJson) {
         "\"published\":5}\n");
 }
 
+TEST_F(Receive, GivesTheBytesOfAnItemThatIsNoText) {
+    handOut({itemText("AAH/Cg==", "1", "r1", R"(,"encoding":"base64","urgency":"high")")});
+    EXPECT_EQ(runWith({"subscribe", "box", "-C", "1"}, "od -An -tx1 >>$f"), Exit::Ok);
+    EXPECT_EQ(written(), " 00 01 ff 0a\n");
+    handOut({itemText("AAH/Cg==", "1", "r1", R"(,"encoding":"base64","urgency":"high")")});
+    EXPECT_EQ(run({"--json", "subscribe", "box", "-C", "1"}), Exit::Ok);
+    EXPECT_EQ(out.str(),
+              "{\"endpoint\":\"box\",\"item\":\"AAH/Cg==\",\"itemid\":\"1\","
+              "\"encoding\":\"base64\",\"urgency\":\"high\"}\n");
+}
+
 TEST_F(Receive, AcknowledgesNothingThatItCouldNotPrint) {
     handOut({itemText("one", "1", "r1")});
     out.setstate(std::ios::badbit);

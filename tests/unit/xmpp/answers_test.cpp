@@ -206,6 +206,19 @@ TEST_F(Answers, OfCreateKeyNodeGiveKeyAndStatus) {
     EXPECT_EQ(call(), "createKey " + id + " pubsub.example.org key K-1_x status exists");
 }
 
+TEST_F(Answers, OfAKeyGiveItsAddress) {
+    const std::string key =
+        "<key xmlns='urn:zelt:pubsub:device:0' node='/a' url='https://push.example.org/push/K'>K</key>";
+    std::string id =
+        manager->createKeyNode(NodeLeaf, service, "/a", &handler, "", "", AccessDefault, nullptr);
+    answer(id, "result", key);
+    EXPECT_EQ(call(),
+              "createKey " + id + " pubsub.example.org key K status  url https://push.example.org/push/K");
+    id = manager->getKey(service, "/a", &handler);
+    answer(id, "result", key);
+    EXPECT_EQ(call(), "getKey " + id + " pubsub.example.org key K url https://push.example.org/push/K");
+}
+
 struct State {
     const char* attribute;
     int type;

@@ -90,13 +90,15 @@ void RecordingHandler::handleNodeDeletation(const std::string& id, const gloox::
     record("nodeDeletation " + id + " " + service.full() + " " + node, error);
 }
 void RecordingHandler::handleCreateKey(const std::string& id, const gloox::JID& service,
-                                       const std::string& key, const std::string& status,
-                                       const gloox::Error* error) {
-    record("createKey " + id + " " + service.full() + " key " + key + " status " + status, error);
+                                       const std::string& key, const std::string& url,
+                                       const std::string& status, const gloox::Error* error) {
+    record("createKey " + id + " " + service.full() + " key " + key + " status " + status +
+               (url.empty() ? "" : " url " + url),
+           error);
 }
 void RecordingHandler::handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
-                                    const gloox::Error* error) {
-    record("getKey " + id + " " + service.full() + " key " + key, error);
+                                    const std::string& url, const gloox::Error* error) {
+    record("getKey " + id + " " + service.full() + " key " + key + (url.empty() ? "" : " url " + url), error);
 }
 void RecordingHandler::handleActivateNode(const std::string& id, const gloox::JID& service,
                                           const std::string& node, const gloox::Error* error) {

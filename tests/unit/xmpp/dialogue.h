@@ -66,9 +66,10 @@ class RecordingHandler : public xmpp::UnaskedResults {
     void handleNodeDeletation(const std::string& id, const gloox::JID& service, const std::string& node,
                               const gloox::Error* error) override;
     void handleCreateKey(const std::string& id, const gloox::JID& service, const std::string& key,
-                         const std::string& status, const gloox::Error* error) override;
+                         const std::string& url, const std::string& status,
+                         const gloox::Error* error) override;
     void handleGetKey(const std::string& id, const gloox::JID& service, const std::string& key,
-                      const gloox::Error* error) override;
+                      const std::string& url, const gloox::Error* error) override;
     void handleActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,
                             const gloox::Error* error) override;
     void handleDeActivateNode(const std::string& id, const gloox::JID& service, const std::string& node,

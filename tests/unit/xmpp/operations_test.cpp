@@ -89,6 +89,14 @@ TEST_F(Operations, CreateKeyNodeCarriesTheNodeConfiguration) {
                              field("pubsub#access_model", "whitelist") + "</x></create-key-node>"));
 }
 
+TEST_F(Operations, CreateKeyNodeMayAskForWebPushAndNameTheSender) {
+    manager->createKeyNode(NodeLeaf, service, "/a", &handler, "", "", AccessDefault, nullptr,
+                           {.wanted = true, .vapid = "BKEY"});
+    EXPECT_NE(last().find("<create-key-node xmlns='urn:zelt:pubsub:device:0' node='/a' web-push='true' "
+                          "vapid='BKEY'>"),
+              std::string::npos);
+}
+
 TEST_F(Operations, DeleteNodeIsTheOwners) {
     expectSent(
         manager->deleteNode(service, "/a", &handler),
@@ -215,6 +223,17 @@ TEST_F(Operations, ActivationsMayLimitTheNodeToOneItem) {
                iq("set",
                   "<activate-nodes xmlns='urn:zelt:pubsub:device:0'><node id='/a' limit='1'/>"
                   "<node id='/b' limit='1'/></activate-nodes>"));
+}
+
+TEST_F(Operations, ActivationsWithALimitMaySayTheLeastUrgency) {
+    expectSent(manager->activateNode(service, "/a", "", &handler, true, "high"),
+               iq("set", "<activate xmlns='urn:zelt:pubsub:device:0' node='/a' limit='1' urgency='high'/>"));
+    expectSent(manager->bulkActivate(service, {"/a", "/b"}, &handler, true, "low"),
+               iq("set",
+                  "<activate-nodes xmlns='urn:zelt:pubsub:device:0'><node id='/a' limit='1' urgency='low'/>"
+                  "<node id='/b' limit='1' urgency='low'/></activate-nodes>"));
+    expectSent(manager->activateNode(service, "/a", "", &handler, false, "high"),
+               iq("set", "<activate xmlns='urn:zelt:pubsub:device:0' node='/a'/>"));
 }
 
 TEST_F(Operations, AckItemMayNameTheNumber) {
