@@ -64,6 +64,16 @@ TEST_F(Receive, AnItemThatIsTakenIsNotHandedOutAgainBeforeItsCommit) {
     pump();
 }
 
+TEST_F(Receive, TheServerIsToldNoNumberThatIsNotOnDisk) {
+    const Answer receiver = receiveInbox();
+    pushItem(kNode, "7", "i1", "hello");
+    askAcknowledge(receipt(receiver));
+    takeEvents();
+    session().reopenNode(kNode);
+    EXPECT_EQ(takeEvents(), (Texts{"prefs.commit " + kPrefs, "xmpp.send " + limitedStanza("7")}));
+    pump();
+}
+
 // It may be gone from the server by the next connect, or come after one that is older.
 TEST_F(Receive, AFurtherItemIsNotHandedOutAfterADisconnect) {
     const Answer receiver = receiveInbox();
