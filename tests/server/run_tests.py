@@ -35,6 +35,12 @@ class Printed(unittest.TestResult):
         super().addError(test, err)
         self.tell(test, self.errors[-1][1])
 
+    def addSubTest(self, test, subtest, err):
+        super().addSubTest(test, subtest, err)
+        if err is not None:
+            found = self.failures if issubclass(err[0], test.failureException) else self.errors
+            self.tell(subtest, found[-1][1])
+
     @staticmethod
     def tell(test, text):
         print("FAILED  %s\n%s" % (name_of(test), text), flush=True)

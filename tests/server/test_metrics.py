@@ -10,7 +10,8 @@ import urllib.request
 import yaml
 from exposition import PREFIX, MetricsTest, fetch
 from harness import PASSWORD, Instance
-from xmppclient import PUBSUB, connect
+from pushtest import webpush
+from xmppclient import DEVICE, PUBSUB, connect
 
 HOSTILE = 'a"b}\\{c="d"\n# TYPE evil counter\nevil{x="y"} 1'
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
@@ -170,11 +171,16 @@ class Counters(MetricsTest):
         self.succeed(self.create(owner))
         key = self.key_node(owner, self.node + "/key")
         by_key = "<publish key='%s'><item>%s</item></publish>"
+        sender = webpush.Sender()
+        signed = self.succeed(self.ext(owner, "<create-key-node node='%s/signed' vapid='%s'/>" % (self.node, sender.key)))
+        signed = signed.findtext("{%s}key" % DEVICE)
         stranger = "<affiliations node='%s'><affiliation jid='bob@localhost' affiliation='owner'/></affiliations>"
         acts = [
             ("unknown_key", lambda: self.post("nothing", "x")),
             ("unknown_key", lambda: self.ext(owner, by_key % ("nothing", "<payload/>"))),
-            ("payload", lambda: self.post(key, b"\xff")),
+            ("payload", lambda: self.post(key, "x", headers={"TTL": "x"})),
+            ("vapid", lambda: self.post(signed, "x")),
+            ("vapid", lambda: self.post(signed, "x", headers={"Authorization": "vapid t=x, k=" + sender.key})),
             ("payload", lambda: self.post(key, b"")),
             ("payload", lambda: self.ext(owner, by_key % (key, "<other/>"))),
             ("max_payload", lambda: self.post(key, "x" * 65537)),
