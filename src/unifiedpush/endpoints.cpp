@@ -7,7 +7,6 @@
 #include <glib.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string_view>
 #include <utility>
 
@@ -31,13 +30,6 @@ std::string decoded(const std::string& text) {
     std::string result(reinterpret_cast<const char*>(bytes), length);
     g_free(bytes);
     return result;
-}
-
-// The address for senders, of a server that does not name its own from the settings.
-std::string addressIn(json_object* answer) {
-    const std::string url = textMember(answer, "url"), key = textMember(answer, "publishKey");
-    const char* base = std::getenv("ZELT_PUSH_URL");
-    return url.empty() && base && !key.empty() ? std::string(base) + "/" + key : url;
 }
 
 // What an application is told of a refusal: some need somebody to do something first.
@@ -118,14 +110,12 @@ void Bridge::created(const std::string& endpoint, const DeviceAnswer& answer) {
 
 void Bridge::takeAnswer(const std::string& endpoint, const DeviceAnswer& answer) {
     Registration& registration = m_state.registrations.at(endpoint);
-    const std::string url = addressIn(answer.json.get());
+    const std::string url = textMember(answer.json.get(), "url");
     if (!answer.ok) {
         refused(endpoint, answer, reasonOf(answer));
     } else if (url.empty() || !isUrl(url)) {
         DeviceAnswer nowhere;
-        nowhere.text =
-            "the server names no address for senders; its option push_url has to be set, or "
-            "ZELT_PUSH_URL here";
+        nowhere.text = "the server names no address for senders; its option push_url has to be set";
         refused(endpoint, nowhere, kActionRequired);
     } else {
         m_confirmed.insert(endpoint);

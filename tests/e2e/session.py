@@ -84,7 +84,7 @@ class Session:
     def environment(self, **extra):
         return dict(self.device.environment(), DBUS_SESSION_BUS_ADDRESS=self.address,
                     XDG_STATE_HOME=str(self.path("state")), ZELT_APP_ID=DESKTOP,
-                    ZELT_PUSH_URL=self.stage.env["HTTP_URL"], PYTHONDONTWRITEBYTECODE="1", **extra)
+                    PYTHONDONTWRITEBYTECODE="1", **extra)
 
     def has_name(self, name):
         return bool(self.bus.call_blocking("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",

@@ -5,6 +5,7 @@ that can end in between."""
 import http.client
 import json
 import os
+import ssl
 import subprocess
 import time
 import unittest
@@ -17,10 +18,11 @@ from stage import BIN, StageTest, wait_until
 NO_TEXT = bytes(range(256))  # no text at all
 
 
-def post(address, body):
-    """Sends a message to an address, as any sender does."""
+def post(stage, address, body):
+    """Sends a message to an address over HTTPS, as any sender does."""
     url = urllib.parse.urlsplit(address)
-    connection = http.client.HTTPConnection(url.hostname, url.port, timeout=20)
+    trusted = ssl.create_default_context(cafile=stage.env["CA_FILE"])
+    connection = http.client.HTTPSConnection(url.hostname, url.port, timeout=20, context=trusted)
     connection.request("POST", url.path, body, {"TTL": "3600"})
     answer = connection.getresponse()
     text = answer.read()
@@ -54,6 +56,9 @@ class UnifiedPush(StageTest):
         self.session.end_applications()
         wait_until(self.stage.connected, "the connection", 40)
 
+    def post(self, address, body):
+        post(self.stage, address, body)
+
     def waiting(self):
         """How many items wait for the endpoints of the user."""
         app = App(self.stage.env["ZELT_PUBLIC_BUS"], DESKTOP)
@@ -72,7 +77,7 @@ class UnifiedPush(StageTest):
         self.assertEqual(app.wait("register t1")[2:], ["REGISTRATION_SUCCEEDED"])
         address = app.address("t1")
         for body in (b"text", NO_TEXT, b"\n <a> \xc3\xa9 "):
-            post(address, body)
+            self.post(address, body)
         app.wait("message t1 ", 3)
         self.assertEqual(app.messages(), [b"text", NO_TEXT, b"\n <a> \xc3\xa9 "])
         self.wait_acknowledged()
@@ -81,7 +86,7 @@ class UnifiedPush(StageTest):
         app = self.session.connector(self.name)
         app.start("register1", "t1")
         self.assertEqual(app.wait("register t1")[2:], ["REGISTRATION_SUCCEEDED", ""])
-        post(app.address("t1"), NO_TEXT)
+        self.post(app.address("t1"), NO_TEXT)
         app.wait("message t1 ")
         self.assertEqual(app.messages(), [NO_TEXT])
         app.kill()
@@ -97,7 +102,7 @@ class UnifiedPush(StageTest):
         app.wait("Unregistered t1")
         def refused():
             try:
-                post(address, b"late")
+                self.post(address, b"late")
             except AssertionError as error:
                 return "404" in str(error) or "410" in str(error)
             return False
@@ -111,7 +116,7 @@ class UnifiedPush(StageTest):
                 address = app.address("t1")
                 app.kill()
                 app.can_be_started()
-                post(address, NO_TEXT)
+                self.post(address, NO_TEXT)
                 app.wait("message t1 ")
                 self.assertEqual(app.messages(), [NO_TEXT])
         self.wait_acknowledged()
@@ -122,7 +127,7 @@ class UnifiedPush(StageTest):
         address = app.address("t1")
         app.kill()
         app.can_be_started()
-        post(address, NO_TEXT)
+        self.post(address, NO_TEXT)
         app.wait("message t1 ")
         self.assertEqual([line.split(" ")[0] for line in app.lines()][-3:], ["started", "exported", "message"])
         self.assertEqual(app.messages(), [NO_TEXT])
@@ -134,8 +139,8 @@ class UnifiedPush(StageTest):
         address = app.address("t1")
         app.kill()
         app.can_be_started("crash")
-        post(address, b"one")
-        post(address, b"two")
+        self.post(address, b"one")
+        self.post(address, b"two")
         app.wait("message t1 ", 2)
         app.can_be_started()
         wait_until(lambda: app.messages()[-1:] == [b"two"], "the next message")
@@ -146,10 +151,10 @@ class UnifiedPush(StageTest):
         silent, other = self.session.connector(self.name + ".silent"), self.session.connector(self.name + ".other")
         silent.start("register2", "t1", "silent")
         other.start("register2", "t2")
-        post(silent.address("t1"), b"unheard")
+        self.post(silent.address("t1"), b"unheard")
         silent.wait("message t1 ")
         for index in range(20):
-            post(other.address("t2"), b"%d" % index)
+            self.post(other.address("t2"), b"%d" % index)
         other.wait("message t2 ", 20)
         self.assertEqual(other.messages(), [b"%d" % index for index in range(20)])
         silent.kill()
@@ -162,7 +167,7 @@ class UnifiedPush(StageTest):
         address = app.address("t1")
         app.kill()
         for index in range(3):
-            post(address, b"%d" % index)
+            self.post(address, b"%d" % index)
         app.start()
         app.wait("message t1 ", 3)
         self.assertEqual(app.messages(), [b"0", b"1", b"2"])
@@ -172,7 +177,7 @@ class UnifiedPush(StageTest):
         app.start("register2", "t1")
         address = app.address("t1")
         app.kill()
-        post(address, b"one")
+        self.post(address, b"one")
         wait_until(lambda: self.waiting() == 1, "the message to wait")
         app.can_be_started()
         app.wait("message t1 ")
@@ -186,7 +191,7 @@ class UnifiedPush(StageTest):
         self.session.kill_bridge()
         bodies = [b"%d " % index + NO_TEXT for index in range(10)]
         for body in bodies:
-            post(address, body)
+            self.post(address, body)
         self.stage.kill_server()
         self.stage.kill_service()
         self.stage.start_server()
@@ -203,7 +208,7 @@ class UnifiedPush(StageTest):
         address = app.address("t1")
         bodies = [b"%d" % index for index in range(30)]
         for index, body in enumerate(bodies):
-            post(address, body)
+            self.post(address, body)
             if index % 10 == 5:
                 self.session.kill_bridge()
                 self.session.start_bridge()
@@ -224,7 +229,7 @@ class UnifiedPush(StageTest):
             self.assertEqual(app.wait("register t1")[2:], ["REGISTRATION_FAILED", "NETWORK"])
             self.assertTrue(19 < time.monotonic() - begun < 25, time.monotonic() - begun)
         self.stage.ctl("call", "connectStatus", "{}")
-        post(app.address("t1"), b"at last")
+        self.post(app.address("t1"), b"at last")
         app.wait("message t1 ")
 
     def test_a_known_token_succeeds_without_a_connection(self):
@@ -250,7 +255,7 @@ class UnifiedPush(StageTest):
         self.assertEqual([entry["token"] for entry in json.loads(state.read_text(encoding="utf-8"))["registrations"]
                           if entry["service"] == self.name], ["t1"])
         state.write_bytes(os.urandom(200))
-        post(address, b"meanwhile")
+        self.post(address, b"meanwhile")
         self.session.start_bridge()
         app.kill()
         app.start("register2", "t1")
