@@ -95,11 +95,13 @@ void Bridge::askOwner(const std::string& service, Owned owned) {
     owned(false, "");
 }
 
-// What changes within a turn of the loop is written at once.
+// What changes within a turn of the loop is written at once. The timer is not started anew, or it would not be
+// due while further calls come in.
 void Bridge::save(std::function<void(bool stored)> then) {
     if (then)
         m_written.push_back(std::move(then));
-    m_write.start(0, [this] { writeState(); });
+    if (!m_write.isRunning())
+        m_write.start(0, [this] { writeState(); });
 }
 
 void Bridge::writeState() {
@@ -107,8 +109,10 @@ void Bridge::writeState() {
     for (const auto& then : std::exchange(m_written, {}))
         then(stored);
     // What is told to nobody, such as a removal, has to reach the disk at some time.
-    if (!stored && !m_write.isRunning())
-        m_write.start(kWriteAgain, [this] { writeState(); });
+    if (!stored)
+        m_writeAgain.start(kWriteAgain, [this] { writeState(); });
+    else
+        m_writeAgain.stop();
 }
 
 void Bridge::remove(const std::string& endpoint) {

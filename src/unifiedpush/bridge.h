@@ -127,5 +127,6 @@ class Bridge {
     Timer m_housekeeping;
     Timer m_open;
     Timer m_write;
+    Timer m_writeAgain;
     std::vector<std::function<void(bool stored)>> m_written;
 };

@@ -103,7 +103,8 @@ void Bridge::stored(const RegisterRef& call, bool ownerless, bool isNew, bool ok
     } else if (!ok && isNew) {  // one that was there before is on disk already
         remove(endpoint);
         Distributor::fail(*call, kInternalError);
-    } else if (found->second.url.empty()) {
+    } else if (found->second.url.empty() || isNew) {
+        // The address of a new one may be there already, on its way to the disk.
         waitForServer(call, ownerless);
     } else {
         succeed(*call, ownerless);

@@ -7,6 +7,7 @@ import json
 import os
 import ssl
 import subprocess
+import sys
 import time
 import unittest
 import urllib.parse
@@ -14,6 +15,9 @@ import urllib.parse
 from app import App
 from session import DESKTOP, DISTRIBUTOR, HERE, Session
 from stage import BIN, StageTest, wait_until
+
+sys.path.insert(0, str(HERE.parent))
+import webpush  # noqa: E402
 
 NO_TEXT = bytes(range(256))  # no text at all
 
@@ -183,15 +187,18 @@ class UnifiedPush(StageTest):
         app.wait("message t1 ")
         self.wait_acknowledged()
 
-    def test_ten_messages_survive_the_end_of_everything(self):
+    def test_ten_encrypted_messages_survive_the_end_of_everything(self):
+        sender, receiver = webpush.Sender(), webpush.Receiver()
+        trusted = ssl.create_default_context(cafile=self.stage.env["CA_FILE"])
         app = self.session.connector(self.name)
-        app.start("register2", "t1")
+        app.start("register2", "t1", sender.key)
         address = app.address("t1")
         app.kill()
         self.session.kill_bridge()
-        bodies = [b"%d " % index + NO_TEXT for index in range(10)]
-        for body in bodies:
-            self.post(address, body)
+        texts = [b"%d " % index + NO_TEXT for index in range(10)]
+        for text in texts:
+            self.assertEqual(sender.push(address, receiver.subscription, text, ttl=3600, context=trusted).status, 201)
+        self.assertEqual(webpush.Sender().push(address, receiver.subscription, b"forged", context=trusted).status, 403)
         self.stage.kill_server()
         self.stage.kill_service()
         self.stage.start_server()
@@ -199,7 +206,7 @@ class UnifiedPush(StageTest):
         app.can_be_started()
         self.session.start_bridge()
         app.wait("message t1 ", 10, 60)
-        self.assertEqual(app.messages(), bodies)
+        self.assertEqual([receiver.decrypt(body) for body in app.messages()], texts)
         self.wait_acknowledged()
 
     def test_a_bridge_that_is_killed_between_messages_loses_none(self):

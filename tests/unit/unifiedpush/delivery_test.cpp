@@ -92,6 +92,21 @@ TEST_F(Messages, ThatAnApplicationRefusesAgainAndAgainLetTheNextOnesThrough) {
     EXPECT_EQ(std::count(app.calls.begin(), app.calls.end(), "Message t1 poison i1"), 10);
 }
 
+TEST_F(Messages, ThatAnApplicationCannotTakeYetAreNeverDropped) {
+    Application app;
+    begin(app);
+    app.error = "org.freedesktop.DBus.Error.NoReply";
+    device->publish(endpoint, "i1", "one");
+    for (std::size_t count = 1; count <= 12; ++count) {
+        ASSERT_TRUE(until([&] { return app.calls.size() >= count; }));
+        app.disown("org.example.app");
+        app.own("org.example.app");
+    }
+    EXPECT_THAT(device->acknowledged, IsEmpty());
+    app.error.clear();
+    EXPECT_TRUE(isTaken("i1"));
+}
+
 TEST_F(Messages, WaitForANameThatNobodyHas) {
     Application app;
     begin(app);
@@ -250,7 +265,8 @@ TEST_F(Messages, ToManyRegistrationsOfOneApplicationAllArrive) {
     start();
     for (int i = 0; i < 100; ++i)
         app.enroll("t" + std::to_string(i));
-    ASSERT_TRUE(until([&] { return app.answers.size() == 100 && app.calls.size() == 100; }));
+    ASSERT_TRUE(until([&] { return app.answers.size() == 100 && app.calls.size() == 100; }))
+        << app.answers.size() << " answers, " << app.calls.size() << " calls";
     for (int i = 0; i < 100; ++i)
         device->publish(nameOf("t" + std::to_string(i)), "i" + std::to_string(i), "text");
     EXPECT_TRUE(until([&] { return device->acknowledged.size() == 100; }));
