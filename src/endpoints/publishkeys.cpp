@@ -63,14 +63,14 @@ std::string adviceOf(const gloox::Error& error) {
 Reply keyReply(const _endpointStruct& request, const std::string& key, const gloox::JID& service,
                const gloox::Error* error, const std::string& logged, CallSite site = {}) {
     Reply reply = endpointReply(!error, request.endpoint);
-    if (error) {
-        std::string text = serverError(*error, logged, service, site).text;
-        if (asksForWebPush(request))
-            text += adviceOf(*error);
-        reply.addError({kServerRefused, text});
-    } else {
+    if (!error) {
         reply.set("publishKey", key);
+        return reply;
     }
+    std::string text = serverError(*error, logged, service, site).text;
+    if (asksForWebPush(request))
+        text += adviceOf(*error);
+    reply.addError({kServerRefused, text});
     return reply;
 }
 
