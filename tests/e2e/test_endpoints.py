@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """Whose an endpoint is, and which names and texts it may have, over real buses, a real server and HTTP."""
 
+import base64
 import json
 import unittest
 
@@ -198,17 +199,20 @@ class Endpoints(EndpointsTest):
                     payload = json.dumps(dict(members, node="NAME")).replace("NAME", "/x" + name)
                     self.assertFalse(self.private.call(method, payload)["returnValue"])
 
-    def test_http_refuses_what_xml_cannot_carry_and_takes_the_rest_as_it_is(self):
+    def test_http_takes_any_bytes_and_what_is_no_text_comes_in_base64(self):
         app = self.app()
         key = self.create(app, self.endpoint)
-        for body in (b"", b"\x00", b"\x01", b"a\x0bb", b"\x1f", b"\xff", b"\xc3", b"\xc0\x80", b"\xed\xa0\x80",
-                     "\ufffe".encode(), "\uffff".encode(), b"fine\xfenot"):
-            with self.subTest(body):
-                self.assertEqual(self.publisher.request(key, body)[0], 400)
+        self.assertEqual(self.publisher.request(key, b"")[0], 400)
         self.assertEqual(self.publisher.request(key, b"x" * 65537)[0], 413)
         for strange in ("no-such-key", "%00", "%ff", "%3Ckey%3E", "a/b", "x" * 5000):
             with self.subTest(strange):
                 self.assertIn(self.publisher.request(strange, b"x")[0], (400, 404))
+        for body in (b"\x00", b"\x01", b"a\x0bb", b"\x1f", b"\xff", b"\xc3", b"\xc0\x80", b"\xed\xa0\x80",
+                     "\ufffe".encode(), "\uffff".encode(), b"fine\xfenot"):
+            with self.subTest(body):
+                call = self.subscribe(app, self.endpoint)
+                self.assertEqual(self.publisher.request(key, body)[0], 201)
+                self.expect_item(call, self.endpoint, base64.b64encode(body).decode(), 2)
         for text in ("<item/>", "]]>", "&amp;&#1;", "\u00a0\u2028\ufdd0\U0001fffe", "\U0001f600", " \t\n spaces \n",
                      "</stream:stream>", "{\"json\": \"\\u0001\"}", "x" * 60000):
             with self.subTest(text[:20]):
