@@ -20,7 +20,7 @@ std::string gService;
 
 void call(sd_bus* bus, const std::string& service, const char* method, const std::string& payload) {
     sd_bus_message* reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error = {};
     bench::check(sd_bus_call_method(bus, service.c_str(), "/", service.c_str(), method, &error, &reply, "s",
                                     payload.c_str()),
                  method);
