@@ -183,7 +183,7 @@ handle(#link{opts = Opts}, #{method := Method, target := Target, length := Lengt
             pubsub_device_refusal:answer(failed, [])
     end.
 
-%% The gateway's path is fixed by its specification.
+%% Matrix fixes the gateway's path.
 routed([<<"_matrix">>, <<"push">>, <<"v1">>, <<"notify">>], Prefix, Request) ->
     pubsub_device_matrix:notify(Prefix, Request);
 routed(Path, Prefix, Request) ->

@@ -185,7 +185,7 @@ void Age::count(int64_t now) {
 
 std::string stateFolder() {
     const char* home = std::getenv("XDG_STATE_HOME");
-    // A relative path is to be ignored, by the base directory specification.
+    // The XDG base directories are absolute; a relative path is to be ignored.
     if (home && home[0] == '/')
         return std::string(home) + "/zelt-unifiedpush";
     return std::string(g_get_home_dir()) + "/.local/state/zelt-unifiedpush";

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-3.0-only
-"""Every test that the page of web push names beside a sentence of a specification exists."""
+"""Every test that the page of web push names beside a sentence of a standard exists."""
 
 import pathlib
 import unittest

@@ -133,7 +133,7 @@ struct Limit {
 
 class Limits : public Registering, public testing::WithParamInterface<Limit> {};
 
-TEST_P(Limits, AreThoseOfTheSpecification) {
+TEST_P(Limits, AreThoseOfUnifiedPush) {
     start();
     Application app;
     app.enrollAs(GetParam().service, GetParam().token, GetParam().vapid, GetParam().description);

@@ -143,7 +143,7 @@ TEST_F(OnDisk, ALinkInItsPlaceIsNotFollowed) {
     EXPECT_EQ(text(folder / "victim"), "precious");
 }
 
-TEST(StateFolder, IsWhereTheBaseDirectorySpecificationSays) {
+TEST(StateFolder, IsBelowTheBaseDirectoryForState) {
     setenv("XDG_STATE_HOME", "/somewhere", 1);
     EXPECT_EQ(stateFolder(), "/somewhere/zelt-unifiedpush");
     setenv("XDG_STATE_HOME", "relative", 1);
