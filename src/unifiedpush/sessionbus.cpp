@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
-// sd-bus on the main loop. A turn handles a bounded number of messages, so that a flood of calls does not
-// keep the device's items waiting.
 #include "unifiedpush/sessionbus.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -13,15 +9,8 @@
 #include "platform/bus/daemon.h"
 #include "platform/bus/guard.h"
 
-struct SessionBus::Source {
-    GSource base;
-    GPollFD descriptor;
-    SessionBus* owner;
-};
-
 namespace {
 
-constexpr int kMessagesPerTurn = 32;
 constexpr unsigned kDaemonSeconds = 25;
 constexpr uint64_t kMicroseconds = 1'000'000;
 
@@ -31,14 +20,6 @@ std::string address() {
         return chosen;
     const char* folder = std::getenv("XDG_RUNTIME_DIR");
     return folder && *folder ? std::string("unix:path=") + folder + "/bus" : "";
-}
-
-int millisecondsLeft(sd_bus* bus) {
-    uint64_t due = UINT64_MAX;
-    if (sd_bus_get_timeout(bus, &due) < 0 || due == UINT64_MAX)
-        return -1;
-    const auto now = static_cast<uint64_t>(g_get_monotonic_time());
-    return due <= now ? 0 : static_cast<int>(std::min<uint64_t>((due - now + 999) / 1000, G_MAXINT));
 }
 
 int connectTo(const std::string& where, sd_bus** bus) {
@@ -69,32 +50,6 @@ void forget(void* data) {
 
 }  // namespace
 
-gboolean SessionBus::prepare(GSource* source, gint* timeout) {
-    auto* self = reinterpret_cast<Source*>(source);
-    const int events = sd_bus_get_events(self->owner->m_bus);
-    self->descriptor.events = static_cast<gushort>(std::max(events, 0));
-    *timeout = events < 0 ? 0 : millisecondsLeft(self->owner->m_bus);
-    return *timeout == 0;
-}
-
-gboolean SessionBus::check(GSource* source) {
-    auto* self = reinterpret_cast<Source*>(source);
-    return self->descriptor.revents != 0 || millisecondsLeft(self->owner->m_bus) == 0;
-}
-
-gboolean SessionBus::dispatch(GSource* source, GSourceFunc, gpointer) {
-    SessionBus* owner = reinterpret_cast<Source*>(source)->owner;
-    int result = 1;
-    for (int i = 0; i < kMessagesPerTurn && result > 0; ++i)
-        result = sd_bus_process(owner->m_bus, nullptr);
-    // A message for which memory or the queue did not suffice is lost, the connection is not.
-    if (result >= 0 || ((result == -ENOBUFS || result == -ENOMEM) && sd_bus_is_open(owner->m_bus) > 0))
-        return G_SOURCE_CONTINUE;
-    if (owner->onLost)
-        owner->onLost();
-    return G_SOURCE_REMOVE;
-}
-
 bool SessionBus::open(std::string& problem) {
     const std::string where = address();
     if (where.empty()) {
@@ -107,26 +62,15 @@ bool SessionBus::open(std::string& problem) {
         m_bus = sd_bus_unref(m_bus);
         return false;
     }
-    attach();
+    m_source = std::make_unique<SdBusSource>(m_bus, [this](int) {
+        if (onLost)
+            onLost();
+    });
     return true;
 }
 
-void SessionBus::attach() {
-    static GSourceFuncs functions = {prepare, check, dispatch, nullptr, nullptr, nullptr};
-    m_source = g_source_new(&functions, sizeof(Source));
-    auto* self = reinterpret_cast<Source*>(m_source);
-    self->owner = this;
-    self->descriptor = {sd_bus_get_fd(m_bus), 0, 0};
-    g_source_add_poll(m_source, &self->descriptor);
-    g_source_set_name(m_source, "session bus");
-    g_source_attach(m_source, nullptr);
-}
-
 SessionBus::~SessionBus() {
-    if (m_source) {
-        g_source_destroy(m_source);
-        g_source_unref(m_source);
-    }
+    m_source.reset();
     sd_bus_flush_close_unref(m_bus);
 }
 

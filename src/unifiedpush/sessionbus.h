@@ -2,12 +2,13 @@
 // The session bus of the user: a connection on the main loop, and calls whose answers are awaited.
 #pragma once
 
-#include <glib.h>
 #include <systemd/sd-bus.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "platform/bus/sdbussource.h"
 #include "platform/bus/slot.h"
 
 class SessionBus {
@@ -32,12 +33,6 @@ class SessionBus {
     bool askDaemon(const char* method, const char* argument, Slot& slot, Answered answered);
 
   private:
-    struct Source;
-    static gboolean prepare(GSource* source, gint* timeout);
-    static gboolean check(GSource* source);
-    static gboolean dispatch(GSource* source, GSourceFunc callback, gpointer data);
-    void attach();
-
     sd_bus* m_bus = nullptr;
-    GSource* m_source = nullptr;
+    std::unique_ptr<SdBusSource> m_source;
 };

@@ -3,10 +3,11 @@
 // a machine without that bus, or without one of these services, is supported too.
 #pragma once
 
-#include <glib.h>
 #include <systemd/sd-bus.h>
 
-#include <functional>
+#include <memory>
+
+#include "platform/bus/sdbussource.h"
 
 class SystemBus {
   public:
@@ -21,12 +22,8 @@ class SystemBus {
     sd_bus* get() const { return m_bus; }
 
   private:
-    struct Source;
-    static gboolean prepare(GSource* source, gint* timeout);
-    static gboolean check(GSource* source);
-    static gboolean dispatch(GSource* source, GSourceFunc callback, gpointer data);
     void close();
 
     sd_bus* m_bus = nullptr;
-    GSource* m_source = nullptr;
+    std::unique_ptr<SdBusSource> m_source;
 };
