@@ -37,7 +37,9 @@ class PlatformService:
         self._connection.request_name(self._name)
 
     def leave(self):
+        """When this returns, the bus has told everybody who watches the name."""
         if self._connection:
+            self._connection.release_name(self._name)
             self._connection.close()
         self._connection, self._subscribers, self._held = None, [], []
 

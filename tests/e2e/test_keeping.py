@@ -223,6 +223,7 @@ class Stuck(PlatformTest):
         self.account.leave()
         self.wait_log("Account services went down!!")
         self.power.leave()
+        self.settle()
         self.lose()
         self.wait_log("Setting timer to reconnect failed")
         self.network.report(wifi="127.0.0.1")
