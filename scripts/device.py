@@ -3,12 +3,15 @@
 """A whole device in a folder: two buses, an XMPP server, the host services and the service.
 
     scripts/device.py up DIR         starts everything; returns when the service is connected
+    scripts/device.py session DIR    starts the session of a user on it: a session bus, and push messages for its
+                                     applications
     scripts/device.py running DIR    whether a process of the folder runs, as an exit status
     scripts/device.py down DIR       stops everything
     scripts/device.py host DIR       becomes the host daemon; the private bus runs this for a service that is not there
 
 The folder holds run/ (sockets and process records), log/NAME.log, state/ (the service's files), prefs/, host/,
-applications/, server/ (the XMPP server), machine-id, and env with shell assignments for scripts.
+applications/, server/ (the XMPP server), session/ (state/ and data/ of the user's applications), machine-id, and env
+with shell assignments for scripts.
 
 PUBSUB_PRESET names the build; STAGE_LOGIN=file has the service log in by its file instead of the device's account;
 STAGE_OPEN_PREFIXES ('["/a", ...]') opens the names below them to all accounts; STAGE_DEADLINE is the time for the
@@ -37,6 +40,8 @@ PRESET = os.environ.get("PUBSUB_PRESET", "release")
 BIN = ROOT / "build" / PRESET / "bin"
 SERVER = ROOT / "ejabberd" / "run"
 USER = "device"
+DESKTOP = "com.example.desktop"  # the application id of the processes of the session
+DISTRIBUTOR = "org.unifiedpush.Distributor.pubsubservice"
 # A socket's path holds at most 107 bytes; a deeper folder gets its sockets in a temporary folder.
 LONGEST_SOCKET_FOLDER = 90
 
@@ -51,6 +56,11 @@ def parse_assignments(text):
     return {name: "".join(shlex.split(value)) for name, _, value in pairs}
 
 
+def assignments(values):
+    """Lines NAME=VALUE for a shell."""
+    return "".join(f"{name}={shlex.quote(str(value or ''))}\n" for name, value in values.items())
+
+
 def private_text(path, text):
     """A file that only its owner reads."""
     with open(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600), "w", encoding="utf-8") as file:
@@ -60,7 +70,8 @@ def private_text(path, text):
 class Device:
     """The processes of one folder. `log` is called with each step that is begun."""
 
-    PROCESSES = ("service", "host", "public-bus", "private-bus")  # in the order of their end
+    # In the order of their end.
+    PROCESSES = ("unifiedpush", "session-bus", "service", "host", "public-bus", "private-bus")
 
     def __init__(self, folder, log=no_log):
         self.folder = pathlib.Path(os.path.abspath(folder))
@@ -101,6 +112,10 @@ class Device:
         """On a developer's machine applications name themselves."""
         return dict(self.environment(), ZELT_APP_ID_FROM_ENVIRONMENT="1")
 
+    def session_folders(self):
+        """Where the applications of the session keep their files."""
+        return {"XDG_STATE_HOME": str(self.path("session", "state")), "XDG_DATA_HOME": str(self.path("session", "data"))}
+
     def server_assignments(self):
         return parse_assignments(self.path("server", "server.env").read_text(encoding="utf-8"))
 
@@ -110,8 +125,7 @@ class Device:
             **self.places(), "STATE_DIR": self.path("state"), **self.server_assignments(), "DEVICE_USER": USER,
             "DEVICE_RESOURCE": self._ctl("call", "getResource")["resource"],
             "SERVICE_PID": self.pid("service"), "HOST_PID": self.pid("host")}
-        self.path("env").write_text(
-            "".join(f"{name}={shlex.quote(str(value or ''))}\n" for name, value in values.items()), encoding="utf-8")
+        self.path("env").write_text(assignments(values), encoding="utf-8")
 
     # ---- the processes
 
@@ -121,8 +135,8 @@ class Device:
             self.path(folder).mkdir(parents=True, exist_ok=True)
         return processes.start(self.record(name), self.log_file(name), command, env=environment)
 
-    def start_bus(self, bus, activation_files=None):
-        """Starts the private or the public bus; a folder of activation files lets it start services."""
+    def start_bus(self, bus, activation_files=None, environment=None):
+        """Starts a bus; a folder of activation files lets it start services, in its own environment."""
         sockets = self._socket_folder()
         extra = f"<servicedir>{escape(str(activation_files))}</servicedir>" if activation_files else ""
         template = (ROOT / "packaging" / "dbus" / "zelt-dev.conf.in").read_text(encoding="utf-8")
@@ -132,7 +146,7 @@ class Device:
             .replace("@EXTRA@", extra), encoding="utf-8")
         socket.unlink(missing_ok=True)
         process = self.start(bus + "-bus", ["dbus-daemon", f"--config-file={configuration}", "--nofork",
-                                            "--nopidfile", "--nosyslog"])
+                                            "--nopidfile", "--nosyslog"], environment)
         self._wait(10, f"the {bus} bus to listen", socket.is_socket, bus + "-bus")
         self.path("run", bus + ".address").write_text(f"unix:path={address_escaped(socket)}\n", encoding="utf-8")
         return process
@@ -140,7 +154,24 @@ class Device:
     def start_host(self):
         """The service must not find its neighbours missing, or the bus would start a second host daemon."""
         self.start("host", [BIN / "zelt-host"], self.environment())
-        self._wait(20, "the host services to be on the bus", self._host_is_ready, "host")
+        self._wait(20, "the host services to be on the bus", lambda: self._has_name("private", "com.zelt.host"), "host")
+
+    def start_session(self):
+        """A user who has logged in. Called after `up`."""
+        if self.pid("unifiedpush"):
+            return
+        for name in ("state", "data/dbus-1/services"):
+            self.path("session", name).mkdir(parents=True, exist_ok=True)
+        self._log("A user logs in: a session bus, and the bridge that brings push messages to desktop applications")
+        # The bus gives its environment and its address to the applications that it starts.
+        self.start_bus("session", self.path("session", "data", "dbus-1", "services"),
+                       dict(os.environ, PYTHONDONTWRITEBYTECODE="1", **self.session_folders()))
+        session = dict(self.session_folders(), DBUS_SESSION_BUS_ADDRESS=self._address("session"))
+        self.start("unifiedpush", [BIN / "zelt-unifiedpush"], dict(self.environment(), ZELT_APP_ID=DESKTOP, **session))
+        self._wait(20, "zelt-unifiedpush to be on the session bus", lambda: self._has_name("session", DISTRIBUTOR),
+                   "unifiedpush")
+        with open(self.path("env"), "a", encoding="utf-8") as env:
+            env.write(assignments({**session, "BRIDGE_PID": self.pid("unifiedpush")}))
 
     def start_service(self, **extra):
         return self.start("service", [BIN / "pubsubservice"], dict(self.service_environment(), **extra))
@@ -274,11 +305,10 @@ class Device:
     def _is_connected(self):
         return self._ctl("status").get("connected") is True
 
-    def _host_is_ready(self):
-        """Whether the last of the host's names is taken."""
+    def _has_name(self, bus, name):
         done = subprocess.run(
-            ["dbus-send", "--bus=" + self._address("private"), "--print-reply=literal", "--dest=org.freedesktop.DBus",
-             "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:com.zelt.host"],
+            ["dbus-send", "--bus=" + self._address(bus), "--print-reply=literal", "--dest=org.freedesktop.DBus",
+             "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:" + name],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False)
         return "true" in done.stdout
 
@@ -311,7 +341,7 @@ def print_step(text):
 
 
 def main(arguments):
-    if len(arguments) != 2 or arguments[0] not in ("up", "running", "down", "host"):
+    if len(arguments) != 2 or arguments[0] not in ("up", "session", "running", "down", "host"):
         sys.stderr.write(__doc__)
         return 2
     verb, device = arguments[0], Device(arguments[1], print_step)
@@ -319,7 +349,7 @@ def main(arguments):
         return 0 if any(map(device.pid, device.PROCESSES)) else 1
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     try:
-        {"up": device.up, "down": device.down, "host": device.become_host}[verb]()
+        {"up": device.up, "session": device.start_session, "down": device.down, "host": device.become_host}[verb]()
     except Failed as error:
         sys.stderr.write(f"{error}\n")
         return 1

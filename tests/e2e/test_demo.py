@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """The demo as a newcomer runs it: to its end, as an ordinary user, side by side, with a failing step, interrupted."""
 
+import json
 import os
 import pathlib
 import pwd
@@ -13,7 +14,8 @@ from unittest import mock
 
 from stage import BIN, PRESET, ROOT, Stage, is_running, parse_assignments, wait_until
 
-STORY = ("the handler printed: Hello from the server", "Done: every step worked")
+STORY = ("the handler printed: Hello from the server", "\na message has arrived: Lunch at ",
+         "Done: every step worked")
 
 
 def run_demo(*arguments, root=ROOT, before=(), **environment):
@@ -47,6 +49,7 @@ class Demo(unittest.TestCase):
         before = set(pathlib.Path(ROOT, "build").glob("demo-*"))
         self.assert_story(*run_demo("--once"))
         self.assertEqual(set(pathlib.Path(ROOT, "build").glob("demo-*")) - before, set())
+        self.assertEqual(processes_of(ROOT / "build" / "demo-"), [])
 
     def test_an_ordinary_user_sees_the_same_story(self):
         if os.geteuid() != 0:
@@ -54,12 +57,12 @@ class Demo(unittest.TestCase):
         user = pwd.getpwnam("nobody")
         with tempfile.TemporaryDirectory(prefix="demo-") as folder:
             tree = pathlib.Path(folder, "tree")
-            for part in ("scripts", "ejabberd", "packaging"):
+            for part in ("scripts", "ejabberd", "packaging", "tools"):
                 shutil.copytree(ROOT / part, tree / part)
             shutil.copy2(ROOT / "demo", tree)
             binaries = tree / "build" / PRESET / "bin"
             binaries.mkdir(parents=True)
-            for name in ("pubsubservice", "pubsubctl", "zelt-host"):
+            for name in ("pubsubservice", "pubsubctl", "zelt-host", "zelt-unifiedpush"):
                 shutil.copy2(BIN / name, binaries)
             os.chmod(folder, 0o755)
             for path in (tree, *tree.rglob("*")):
@@ -127,6 +130,20 @@ class Contract(unittest.TestCase):
         subprocess.run(["dbus-send", "--bus=" + env["ZELT_PRIVATE_BUS"], "--print-reply", "--dest=com.zelt.power", "/",
                         "org.freedesktop.DBus.Peer.Ping"], check=True, capture_output=True)
         self.assertEqual(run_demo("--down", str(folder)), (0, ""))
+        self.assertEqual(processes_of(self.top), [])
+
+    def test_a_session_is_told_in_the_environment_and_ends_with_the_rest(self):
+        self.assertEqual(self.up(self.top)[0], 0)
+        session = ["/usr/bin/python3", str(ROOT / "scripts/device.py"), "session", self.top]
+        for _ in range(2):  # the second one finds it there
+            subprocess.run(session, check=True, stdin=subprocess.DEVNULL, capture_output=True)
+        env = parse_assignments(pathlib.Path(self.top, "env").read_text(encoding="utf-8"))
+        listed = subprocess.run([str(BIN / "pubsubctl"), "--json", "push", "list"], env=dict(os.environ, **env),
+                                capture_output=True, text=True, check=True, stdin=subprocess.DEVNULL)
+        self.assertEqual(json.loads(listed.stdout)["registrations"], [])
+        self.assertTrue(env["XDG_STATE_HOME"].startswith(self.top + "/"))
+        self.assertTrue(is_running(env["BRIDGE_PID"]))
+        self.assertEqual(run_demo("--down", self.top), (0, ""))
         self.assertEqual(processes_of(self.top), [])
 
     def test_a_folder_in_use_is_refused_and_goes_on(self):

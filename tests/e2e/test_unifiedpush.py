@@ -16,7 +16,7 @@ from app import App
 from session import DESKTOP, DISTRIBUTOR, HERE, Session
 from stage import BIN, StageTest, wait_until
 
-sys.path.insert(0, str(HERE.parent))
+sys.path.insert(0, str(HERE.parent.parent / "tools"))
 import webpush  # noqa: E402
 
 NO_TEXT = bytes(range(256))  # no text at all

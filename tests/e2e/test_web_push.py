@@ -11,7 +11,7 @@ from endpoints import EndpointsTest
 from stage import wait_until
 from test_receive import Receiver
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "tools"))
 import webpush  # noqa: E402
 
 

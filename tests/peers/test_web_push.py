@@ -9,7 +9,7 @@ import sys
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-sys.path[:0] = [str(ROOT / "tests"), str(ROOT / "tests/server")]
+sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "tests/server")]
 import webpush  # noqa: E402
 from pushtest import PushTest  # noqa: E402
 

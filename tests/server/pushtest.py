@@ -8,7 +8,7 @@ import sys
 import time
 from xml.sax.saxutils import quoteattr
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
 import webpush  # noqa: E402
 from harness import ServerTest
 from xmppclient import DEVICE, EVENT, item
