@@ -40,14 +40,15 @@ class AppCall:
 
 
 class App:
-    """Starts the process; `address` is the bus that it talks to."""
+    """Starts the process; `address` is the bus that it talks to. `command` is another way to run this file, in the
+    environment then."""
 
-    def __init__(self, address, app_id):
+    def __init__(self, address, app_id, command=("/usr/bin/python3", os.path.abspath(__file__)), environment=None):
         self.app_id = app_id
         self._process = subprocess.Popen(
-            ["/usr/bin/python3", os.path.abspath(__file__), address],
-            env=dict(os.environ, ZELT_APP_ID=app_id, PYTHONDONTWRITEBYTECODE="1"), stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE, text=True, bufsize=1)
+            [*command, address],
+            env=environment or dict(os.environ, ZELT_APP_ID=app_id, PYTHONDONTWRITEBYTECODE="1"),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
         self._lines = queue.Queue()
         self._calls = {}
         threading.Thread(target=self._read, daemon=True).start()
