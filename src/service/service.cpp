@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "platform/bus/qsraii.h"
+#include "platform/manager/readiness.h"
 #include "service/cancel.h"
 #include "service/methods.h"
 #include "service/watchers.h"
@@ -119,7 +120,10 @@ int runService(CallSite entry) {
     Bus bus;
     if (start(bus, error, entry)) {
         PrintDbgRelease(entry, "Calling mainloop");
+        const guint watchdog = reportReady();
         g_main_loop_run(gpMainLoop);
+        if (watchdog)
+            g_source_remove(watchdog);
     }
     shutDown(bus, error, entry);
     return 0;

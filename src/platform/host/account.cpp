@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 
 #include "util/jsonref.h"
@@ -78,6 +79,27 @@ JsonObject withMembers(const Account& account) {
     return object;
 }
 
+// Root writes the file for a daemon that has a user of its own. As that user, who owns the folder: what the
+// daemon puts there leads root nowhere else.
+class AsOwnerOf {
+  public:
+    explicit AsOwnerOf(const char* folder) {
+        struct stat status = {};
+        m_changed = geteuid() == 0 && stat(folder, &status) == 0 && status.st_uid != 0;
+        if (m_changed && (setegid(status.st_gid) != 0 || seteuid(status.st_uid) != 0))
+            std::abort();  // root may become anybody
+    }
+    ~AsOwnerOf() {
+        if (m_changed && (seteuid(0) != 0 || setegid(getgid()) != 0))
+            std::abort();  // and with a saved id of root itself again
+    }
+    AsOwnerOf(const AsOwnerOf&) = delete;
+    AsOwnerOf& operator=(const AsOwnerOf&) = delete;
+
+  private:
+    bool m_changed = false;
+};
+
 }  // namespace
 
 bool checkAccount(const Account& account, std::string& problem) {
@@ -124,12 +146,13 @@ bool writeAccount(const std::string& path, const Account& account, std::string& 
     const std::string text = withMembers(account).set("token", account.token).line() + "\n";
     gchar* folder = g_path_get_dirname(path.c_str());
     g_mkdir_with_parents(folder, 0750);
+    // The new file gets the mode of the old one; the token must not be readable even for a moment.
+    g_chmod(path.c_str(), 0600);
+    const AsOwnerOf owner(folder);
     g_free(folder);
     GError* error = nullptr;
     auto flags =
         static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
-    // The new file gets the mode of the old one; the token must not be readable even for a moment.
-    g_chmod(path.c_str(), 0600);
     if (g_file_set_contents_full(path.c_str(), text.c_str(), static_cast<gssize>(text.size()), flags, 0600,
                                  &error))
         return true;

@@ -25,6 +25,7 @@
 #include "platform/host/portalwatch.h"
 #include "platform/host/power.h"
 #include "platform/host/systemmanager.h"
+#include "platform/manager/readiness.h"
 
 namespace {
 
@@ -119,8 +120,10 @@ bool serve(const HostConfig& config, const Shutdown& shutdown) {
     portal.start();
     accountFile.open();
     resume.open();
-    sd_notify(0, "READY=1");
+    const guint watchdog = reportReady();
     g_main_loop_run(loop);
+    if (watchdog)
+        g_source_remove(watchdog);
     if (!shutdown.requested)
         logLine("the private bus connection is lost; restart zelt-host when the bus is back");
     return shutdown.requested;

@@ -125,6 +125,24 @@ TEST_F(AccountFile, IsWrittenByTheCommandForItsOwnerAlone) {
     EXPECT_EQ(err.str(), "zelt-host: no account is set; set the account with `zelt-host account set`\n");
 }
 
+// Run by root, the other user is one that cannot read what root owns; otherwise it is this one.
+TEST_F(AccountFile, BelongsToTheOwnerOfItsFolderWhoeverWritesIt) {
+    const uid_t user = geteuid() == 0 ? 65534 : geteuid();
+    const gid_t group = geteuid() == 0 ? 65534 : getegid();
+    ASSERT_EQ(chown(folder.path().c_str(), user, group), 0);
+    const std::vector<std::string> words = {"set", "--user", "device1", "--service", "example.com"};
+    for (const char* token : {"first", "second"}) {
+        ASSERT_EQ(command(words, token), 0) << err.str();
+        struct stat status = {};
+        ASSERT_EQ(stat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, user);
+        EXPECT_EQ(status.st_gid, group);
+        EXPECT_EQ(status.st_mode & 0777, 0600u);
+        EXPECT_EQ(geteuid(), getuid());
+        EXPECT_EQ(getegid(), getgid());
+    }
+}
+
 TEST_F(AccountFile, TakesTheServerAndThePortFromTheServiceUnlessGiven) {
     EXPECT_EQ(command({"set", "--user", "u", "--service", "example.com"}, "t"), 0);
     EXPECT_EQ(read(), "read");
