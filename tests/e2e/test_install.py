@@ -5,26 +5,30 @@ import configparser
 import os
 import pathlib
 import re
+import shlex
 import shutil
 import subprocess
 import tempfile
 import unittest
 
-from stage import BIN, ROOT
+from bus import BusClient
+from stage import BIN, PRESET, ROOT, Device, processes, wait_until
 
 BUILD = BIN.parent
-SERVICES = ("accountservices", "appinstaller", "connectionmanager", "host", "power", "systemmanager")
+SANITIZE = ("-fsanitize=address,undefined",) if PRESET == "asan" else ()
 PROGRAMS = ["bin/pubsubctl", "bin/pubsubservice", "bin/zelt-host", "bin/zelt-unifiedpush"]
 DATA = sorted([
     "lib/systemd/system/pubsubservice.service",
     "lib/systemd/system/zelt-host.service",
     "lib/systemd/system/zelt-private-bus.service",
+    "lib/systemd/system/zelt-private-bus.socket",
     "lib/systemd/user/zelt-unifiedpush.service",
+    "lib/sysusers.d/zelt-host.conf",
+    "lib/sysusers.d/zelt.conf",
     "lib/tmpfiles.d/zelt.conf",
     "share/dbus-1/services/org.unifiedpush.Distributor.pubsubservice.service",
     "share/dbus-1/system.d/com.zelt.pubsubservice.conf",
     "share/zelt/private-bus.conf",
-    *(f"share/zelt/private-services/com.zelt.{service}.service" for service in SERVICES),
 ])
 
 
@@ -44,10 +48,9 @@ class Install(unittest.TestCase):
     def commands(root):
         """Each file that starts a program of ours, with that program."""
         for folder, key in (("lib/systemd/system", "Service"), ("lib/systemd/user", "Service"),
-                            ("share/zelt/private-services", "D-BUS Service"),
                             ("share/dbus-1/services", "D-BUS Service")):
             for path in sorted((root / folder).iterdir()):
-                entry = configparser.ConfigParser(interpolation=None)
+                entry = configparser.ConfigParser(interpolation=None, strict=False)
                 entry.read(path, encoding="utf-8")
                 for option in ("Exec", "ExecStart"):
                     if entry.has_option(key, option):
@@ -65,13 +68,13 @@ class Install(unittest.TestCase):
         for prefix in ("/usr", "/opt/zelt"):
             found = dict(self.commands(self.install(prefix)))
             bus = found.pop("zelt-private-bus.service")
-            self.assertEqual(bus, "/usr/bin/dbus-daemon --config-file=/usr/share/zelt/private-bus.conf --nofork")
+            self.assertEqual(bus, "/usr/bin/dbus-daemon --config-file=/usr/share/zelt/private-bus.conf "
+                             "--address=systemd: --nofork --nopidfile")
             self.assertEqual(found, {
                 "pubsubservice.service": f"{prefix}/bin/pubsubservice",
                 "zelt-host.service": f"{prefix}/bin/zelt-host",
                 "zelt-unifiedpush.service": f"{prefix}/bin/zelt-unifiedpush",
-                "org.unifiedpush.Distributor.pubsubservice.service": f"{prefix}/bin/zelt-unifiedpush",
-                **{f"com.zelt.{service}.service": f"{prefix}/bin/zelt-host" for service in SERVICES}})
+                "org.unifiedpush.Distributor.pubsubservice.service": f"{prefix}/bin/zelt-unifiedpush"})
 
     def test_no_placeholder_is_left(self):
         root = self.install("/usr")
@@ -81,9 +84,51 @@ class Install(unittest.TestCase):
         page = (ROOT / "docs/operations.md").read_text(encoding="utf-8")
         folders = {str(pathlib.PurePosixPath("/usr", path).parent) for path in DATA}
         self.assertEqual([folder for folder in sorted(folders) if folder + "/" not in page], [])
-        names = [pathlib.PurePosixPath(path).name for path in PROGRAMS + DATA if "private-services" not in path]
+        names = [pathlib.PurePosixPath(path).name for path in PROGRAMS + DATA]
         self.assertEqual([name for name in names if f"{name}`" not in page], [])
         self.assertIn("cmake --install build/product --prefix /usr", page)
+
+
+class Library(unittest.TestCase):
+    """The bus library as a program of somebody else finds it: with pkg-config, away from the tree."""
+
+    def setUp(self):
+        self.dir = pathlib.Path(tempfile.mkdtemp(prefix="library-", dir=ROOT / "build"))
+        self.addCleanup(shutil.rmtree, self.dir)
+
+    def check(self, command, **environment):
+        done = subprocess.run([str(word) for word in command], env=dict(os.environ, **environment), text=True,
+                              stdin=subprocess.DEVNULL, capture_output=True, check=False)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        return done.stdout
+
+    def build_example(self):
+        prefix = self.dir / "prefix"
+        self.check(["cmake", "--build", BUILD, "--target", "zelt-bus"])
+        self.check(["cmake", "--install", BUILD, "--prefix", prefix, "--component", "bus-library"])
+        folder = next(prefix.rglob("zelt-bus.pc")).parent
+        flags = shlex.split(self.check(["pkg-config", "--cflags", "--libs", "zelt-bus"], PKG_CONFIG_PATH=str(folder)))
+        self.assertEqual([flag for flag in flags if str(ROOT / "src") in flag], [])
+        self.check(["g++", "-std=c++20", *SANITIZE, ROOT / "packaging/library/example/greeter.cpp", "-o",
+                    self.dir / "greeter", *flags])
+        return self.dir / "greeter"
+
+    def test_the_example_is_built_with_it_and_answers_on_both_buses(self):
+        example = self.build_example()
+        device = Device(self.dir)
+        self.addCleanup(device.down)
+        for bus in ("private", "public"):
+            device.start_bus(bus)
+        device.start("greeter", [example], device.environment())
+        self.addCleanup(processes.stop, device.record("greeter"))
+        for bus in ("ZELT_PRIVATE_BUS", "ZELT_PUBLIC_BUS"):
+            client = BusClient(device.environment()[bus])
+            self.addCleanup(client.close)
+            wait_until(lambda client=client: client.connection.name_has_owner("com.example.greeter"), "the example")
+            where = {"service": "com.example.greeter"}
+            self.assertEqual(client.call("greet", {"name": "Ada"}, **where), {"returnValue": True, "text": "Hello Ada"})
+            self.assertEqual(client.call("greet", {}, **where),
+                             {"returnValue": False, "errorText": "name is missing"})
 
 
 if __name__ == "__main__":
