@@ -43,9 +43,10 @@ afterwards(Fun) ->
         false -> Fun(), ok
     end.
 
-%% This process outlives the writers, so it owns the table of counts.
+%% This process outlives the writers, so it owns the tables of counts and of traces.
 init([]) ->
     pubsub_device_bounds:init(),
+    pubsub_device_trace:init(),
     {ok, _} = pg:start_link(?GROUP),
     ok = pg:join(?GROUP, ?MODULE, self()),
     pg:monitor(?GROUP, ?MODULE),

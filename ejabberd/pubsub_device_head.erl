@@ -85,7 +85,7 @@ field(<<"host">>, _, #{hosts := Hosts} = Head) -> Head#{hosts := Hosts + 1};
 field(<<"connection">>, Value, #{connection := Words} = Head) -> Head#{connection := words(Value) ++ Words};
 field(<<"expect">>, Value, Head) -> Head#{expects := string:lowercase(Value) == <<"100-continue">>};
 field(Name, Value, #{fields := Fields} = Head)
-  when Name == <<"ttl">>; Name == <<"topic">>; Name == <<"urgency">>; Name == <<"authorization">> ->
+  when Name == <<"ttl">>; Name == <<"topic">>; Name == <<"trace">>; Name == <<"urgency">>; Name == <<"authorization">> ->
     Head#{fields := [{Name, Value} | Fields]};
 field(_, _, Head) -> Head.
 

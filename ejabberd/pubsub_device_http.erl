@@ -42,7 +42,7 @@ handle('OPTIONS', _, _, Methods) ->
     pubsub_device_refusal:empty(204, [{<<"Allow">>, names(Methods)},
                                       {<<"Access-Control-Allow-Methods">>, names(Methods)},
                                       {<<"Access-Control-Allow-Headers">>,
-                                       <<"Authorization, Content-Encoding, Content-Type, TTL, Topic, Urgency">>},
+                                       <<"Authorization, Content-Encoding, Content-Type, TTL, Topic, Trace, Urgency">>},
                                       {<<"Access-Control-Max-Age">>, ?CORS_SECONDS}]);
 handle('POST', [Key], #request{data = Body, length = Length, path = Path, headers = Headers}, _) ->
     case pubsub_device_push:asked(Headers) of
@@ -86,7 +86,7 @@ outcome(Key, Body, Length, Headers, Asked) ->
             case acceptable(WebPush, Length, Limit, Asked) of
                 ok ->
                     case permitted(Vapid, Headers) of
-                        ok -> admitted(Key, Found, Body, pubsub_device_push:terms(Asked, WebPush));
+                        ok -> admitted(Key, Found, item_id(Asked), Body, pubsub_device_push:terms(Asked, WebPush));
                         Refused -> Refused
                     end;
                 Refused -> Refused
@@ -109,11 +109,14 @@ permitted(Vapid, Headers) ->
     pubsub_device_vapid:verdict(pubsub_device_push:field(<<"authorization">>, Headers), Vapid,
                                 [pubsub_device_vapid:origin(mod_pubsub_device:option(push_url))]).
 
-admitted(Key, Found, Body, #{granted := Granted} = Terms) ->
+item_id(#{trace := none}) -> <<>>;
+item_id(#{trace := Mark}) -> pubsub_device_trace:id(Mark).
+
+admitted(Key, Found, ItemId, Body, #{granted := Granted} = Terms) ->
     case pubsub_device_bounds:admits(Key) of
         ok ->
-            case pubsub_device_publish:to_key_node(Found, <<>>, [pubsub_device_push:payload(Body)], Terms) of
-                {ok, ItemId, Number} -> {ok, ItemId, Number, Granted};
+            case pubsub_device_publish:to_key_node(Found, ItemId, [pubsub_device_push:payload(Body)], Terms) of
+                {ok, Published, Number} -> {ok, Published, Number, Granted};
                 Error -> Error
             end;
         Refused -> Refused

@@ -59,6 +59,10 @@ request({set, <<"delete-nodes">>}, Element, #iq{from = From, to = #jid{lserver =
                                   Reason /= 'item-not-found'],
     pubsub_device_session:answer(answer(IQ, {ok, pubsub_device_stanza:nodes(<<"delete-nodes">>, Failed)})),
     ignore;
+request({get, <<"trace">>}, Element, #iq{from = From} = IQ) ->
+    ItemId = fxml:get_tag_attr_s(<<"id">>, Element),
+    pubsub_device_session:spare(4),
+    answer(IQ, {ok, pubsub_device_stanza:trace(ItemId, pubsub_device_trace:stations(account(From), ItemId))});
 request({set, <<"publish">>}, Element, IQ) -> publish(Element, IQ);
 request(_, _, IQ) ->
     answer(IQ, {error, xmpp:err_bad_request(<<"No such request in this namespace">>, <<"en">>)}).

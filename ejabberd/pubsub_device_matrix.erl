@@ -66,7 +66,7 @@ answer(Outcomes) ->
 publish(none, _) ->
     rejected;
 publish(Key, Notification) ->
-    Asked = #{ttl => none, topic => none, urgency => urgency(Notification)},
+    Asked = #{ttl => none, topic => none, urgency => urgency(Notification), trace => none},
     case published(Key, Notification, Asked) of
         {size, _} -> judged(published(Key, essential(Notification), Asked));
         Outcome -> judged(Outcome)

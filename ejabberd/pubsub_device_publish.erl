@@ -27,6 +27,8 @@
 publish(Service, #iq{from = From, sub_els = [#xmlel{children = Children}]} = IQ) ->
     case [Child || #xmlel{} = Child <- Children] of
         [#xmlel{name = <<"publish">>, children = Items} = Publish] ->
+            [pubsub_device_trace:mark(jid:tolower(From), fxml:get_tag_attr_s(<<"id">>, Item), accepted)
+             || #xmlel{} = Item <- Items],
             Node = {Service, fxml:get_tag_attr_s(<<"node">>, Publish)},
             case fast(Node, From, [Item || #xmlel{} = Item <- Items]) of
                 {ok, #publication{item_id = ItemId} = Publication, Payload} ->
@@ -148,7 +150,7 @@ wait(Node, Publication, Session) ->
     Monitor = pubsub_device_writer:watch(Node),
     receive
         {answer, IQ} ->
-            Answer = judged(IQ, pubsub_device_writer:await(Node, Publication, Monitor)),
+            Answer = judged(IQ, Publication, pubsub_device_writer:await(Node, Publication, Monitor)),
             %% The session itself published, unless the request came from elsewhere.
             case xmpp:get_meta(IQ, ip, none) of
                 none -> ejabberd_router:route(Answer);
@@ -157,10 +159,11 @@ wait(Node, Publication, Session) ->
     after ?TIMEOUT -> ok  % the session is gone, and with it the receiver of the answer
     end.
 
-judged(IQ, {ok, _}) ->
+judged(#iq{to = Publisher} = IQ, #publication{item_id = ItemId}, {ok, _}) ->
+    pubsub_device_trace:mark(jid:tolower(Publisher), ItemId, committed),
     pubsub_device_metrics:count({published, xmpp}),
     IQ;
-judged(IQ, {error, Error}) ->
+judged(IQ, _, {error, Error}) ->
     pubsub_device_metrics:count({refused, engine}),
     IQ#iq{type = error, sub_els = [Error]}.
 
@@ -191,10 +194,11 @@ to_key_node({{_, NodeId} = Node, Owner}, ItemId, Payload, Terms) ->
     end.
 
 by_owner({Service, NodeId} = Node, Owner, ItemId, Payload, Terms) ->
+    pubsub_device_trace:mark(Owner, ItemId, accepted),
     case fast(Node, prepared(Owner), ItemId, Payload) of
         {ok, #publication{item_id = Id} = Publication, _} ->
             through_hook(waiting, Terms, Publication, prepared(Owner), Payload),
-            outcome(Id);
+            outcome(Owner, Id);
         engine ->
             begin_publish(waiting, Terms),
             through_engine(Service, NodeId, Owner, ItemId, Payload)
@@ -204,12 +208,12 @@ through_engine(Service, NodeId, Owner, ItemId, Payload) ->
     ServerHost = ejabberd_router:host_of_route(Service),
     Publish = fun() -> mod_pubsub:publish_item(Service, ServerHost, NodeId, prepared(Owner), ItemId, Payload) end,
     case pubsub_device_engine:run(Service, Publish) of
-        {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} -> outcome(Published);
+        {result, #pubsub{publish = #ps_publish{items = [#ps_item{id = Published}]}}} -> outcome(Owner, Published);
         {error, Error} -> {error, pubsub_device_engine:told(Error)}
     end.
 
-outcome(ItemId) ->
+outcome(Owner, ItemId) ->
     case get(?CONTEXT) of
-        #{outcome := {ok, Number}} -> {ok, ItemId, Number};
+        #{outcome := {ok, Number}} -> pubsub_device_trace:mark(Owner, ItemId, committed), {ok, ItemId, Number};
         #{outcome := {error, Error}} -> {error, Error}
     end.

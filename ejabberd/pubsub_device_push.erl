@@ -12,6 +12,9 @@
 
 -define(MAX_TOPIC, 32).
 
+%% A mark becomes the item's id, so it is long enough to be used once.
+-define(MIN_TRACE, 16).
+
 %% A number of more digits than this is longer than anything is kept.
 -define(MAX_DIGITS, 12).
 
@@ -20,9 +23,10 @@
 
 %%% requests
 
-%% {ok, #{ttl, topic, urgency}}, each a value or `none`, or the name of the refusal.
+%% {ok, #{ttl, topic, urgency, trace}}, each a value or `none`, or the name of the refusal.
 asked(Headers) ->
-    try {ok, maps:from_list([{Name, value(Name, field(atom_to_binary(Name), Headers))} || Name <- [ttl, topic, urgency]])}
+    try {ok, maps:from_list([{Name, value(Name, field(atom_to_binary(Name), Headers))}
+                             || Name <- [ttl, topic, urgency, trace]])}
     catch throw:{malformed, Name} -> Name
     end.
 
@@ -44,6 +48,7 @@ value(Name, _) -> throw({malformed, Name}).
 
 is_valid(ttl, Value) -> Value /= <<>> andalso all(fun(Char) -> Char >= $0 andalso Char =< $9 end, Value);
 is_valid(topic, Value) -> Value /= <<>> andalso byte_size(Value) =< ?MAX_TOPIC andalso all(fun is_base64url/1, Value);
+is_valid(trace, Value) -> byte_size(Value) >= ?MIN_TRACE andalso is_valid(topic, Value);
 is_valid(urgency, Value) -> level(Value) /= none.
 
 all(Fits, Value) -> lists:all(Fits, binary_to_list(Value)).

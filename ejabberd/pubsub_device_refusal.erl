@@ -53,6 +53,8 @@ refusal(topic) ->
     {400, 114, "Topic is not 1 to 32 characters of the base64url alphabet", <<"Send one Topic field of such a text">>};
 refusal(urgency) ->
     {400, 115, "Urgency is none of very-low, low, normal and high", <<"Send one Urgency field with one of these">>};
+refusal(trace) ->
+    {400, 131, "Trace is not 16 to 32 characters of the base64url alphabet", <<"Send one Trace field of such a text">>};
 refusal(endpoint) ->
     {404, 116, "No endpoint has this key; its owner may have deleted it", <<"Forget this address">>};
 refusal(gone) ->

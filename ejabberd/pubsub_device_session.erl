@@ -54,6 +54,7 @@ on_receive({#message{} = Message, State}) ->
     case pubsub_device_stanza:sending(Message) of
         none -> {Message, State};
         {Pid, Node, ItemId, Number} when Pid == self() ->
+            passed(Message#message.to, ItemId, sent),
             put(?SENDINGS, sent(Node, ItemId, Number, sendings())),
             tidy_later(),
             {Message, State};
@@ -61,6 +62,9 @@ on_receive({#message{} = Message, State}) ->
     end;
 on_receive(Other) ->
     Other.
+
+passed(#jid{} = To, ItemId, Station) -> passed(jid:tolower(To), ItemId, Station);
+passed({_, _, Resource} = Device, ItemId, Station) -> pubsub_device_trace:mark(Device, ItemId, Station, Resource).
 
 sendings() ->
     case get(?SENDINGS) of
@@ -145,6 +149,7 @@ acknowledge(Node, Device, ItemId, Wanted) ->
     case take(Node, ItemId, Wanted) of
         none -> spare(1);
         Number ->
+            passed(Device, ItemId, acknowledged),
             Pid = self(),
             pubsub_device_store:acknowledged(Node, Device, Number,
                                              fun(More) -> dropped(Node, Device, Pid, Number, More) end)

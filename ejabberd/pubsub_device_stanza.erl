@@ -4,7 +4,7 @@
 -module(pubsub_device_stanza).
 
 -export([prepared/1, item/1, numbered/2, item_message/3, stamp/2, has_payload/1, item_of/1]).
--export([key/4, nodes/2, named/1, node_ids/1, activations/1, limit/1, waiting/1, published/2, done/2, number/1]).
+-export([key/4, nodes/2, named/1, node_ids/1, activations/1, limit/1, waiting/1, trace/2, published/2, done/2, number/1]).
 -export([sign/1, is_signed/1, sending/2, sending/1]).
 
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -99,6 +99,16 @@ waiting(Counts) ->
     #xmlel{name = <<"waiting">>, attrs = [{<<"xmlns">>, ?NS_DEVICE}],
            children = [#xmlel{name = <<"node">>, attrs = [{<<"id">>, NodeId}, {<<"count">>, integer_to_binary(Count)}]}
                        || {NodeId, Count} <- Counts]}.
+
+%% The stations that an item has passed, and the time of this server, in microseconds.
+trace(ItemId, Stations) ->
+    #xmlel{name = <<"trace">>,
+           attrs = [{<<"xmlns">>, ?NS_DEVICE}, {<<"id">>, ItemId},
+                    {<<"now">>, integer_to_binary(erlang:system_time(microsecond))}],
+           children = [#xmlel{name = <<"station">>,
+                              attrs = [{<<"name">>, misc:atom_to_binary(Station)}, {<<"at">>, integer_to_binary(At)}
+                                       | [{<<"resource">>, Resource} || Resource /= <<>>]]}
+                       || {Station, Resource, At} <- Stations]}.
 
 %% The holder of a key must not learn the node or its owner, so the node is not named.
 published(ItemId, Number) ->

@@ -22,6 +22,7 @@ handle_info(sweep, State) ->
     pubsub_device_database:attempt(fun expire/0, fun() -> ok end),
     pubsub_device_bounds:forget_rates(),
     pubsub_device_bounds:forget_counts(),
+    pubsub_device_trace:sweep(),
     arm(),
     {noreply, State};
 handle_info(measure, State) ->
