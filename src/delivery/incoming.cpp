@@ -119,6 +119,7 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     }
     const std::string& seqNo = item->findAttribute("seqNo");
     const std::string& itemId = item->findAttribute("id");
+    m_traces.append(itemId, "received");
     if (isForeign(node, *this)) {
         PrvPrintErr({}, "Item dropped, its node %s belongs to another account", node.c_str());
         acknowledge(node, itemId);
@@ -132,6 +133,7 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     }
     activated(node, false);
     if (isStalePacket(node, seqNo)) {
+        m_traces.append(itemId, "known already");
         acknowledge(node, itemId);
         std::string ignored;
         if (subMap.contains(node))
@@ -140,12 +142,17 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     }
     const std::string text = payload->cdata();
     const JsonRef serviceObject(getResponseJsonObject(node, itemId, text));
+    const char* taker = "handlers";
     if (!sendMessageToServices(serviceObject.get(), node)) {
         const JsonRef appObject(getAppResponseJsonObj(node, text));
-        if (!sendMessageToApp(serviceObject.get(), appObject.get(), node) &&
-            !saveItemInCache(node, appObject.get()))
-            return;
+        taker = "subscriber";
+        if (!sendMessageToApp(serviceObject.get(), appObject.get(), node)) {
+            taker = "cache";
+            if (!saveItemInCache(node, appObject.get()))
+                return;
+        }
     }
+    m_traces.append(itemId, "handed on", taker);
     // The number is stored before the ack, so after a crash between them the repeated item is stale.
     persistSeqNo(node, seqNo);
     acknowledge(node, itemId);
@@ -172,8 +179,10 @@ void PubSubSession::acknowledgeWhenSettled(const std::string& node, const std::s
 void PubSubSession::settleItems() {
     commitSeqNos();
     for (const auto& [node, itemId, seqNo] : std::exchange(m_handledItems, {}))
-        if (m_pubsub)
+        if (m_pubsub) {
+            m_traces.append(itemId, "acknowledged");
             m_pubsub->ackItem(pubsubService(), node, itemId, seqNo);
+        }
     finishTaken();
 }
 

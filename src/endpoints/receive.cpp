@@ -193,6 +193,7 @@ bool PubSubSession::giveToReceiver(const std::string& node, _openNodeStruct& ent
     const std::string answer = itemAnswer(entry.endpoint, *entry.open, receipt);
     BusError error;
     if (QSMessageRespond(receiver.message.get(), answer.c_str(), error)) {
+        m_traces.append(entry.open->id, "handed on", "receiver " + receiver.appId);
         entry.receipt = receipt;
         receiver.unsent.erase(node);
         receiver.failures = 0;

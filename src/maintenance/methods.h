@@ -6,3 +6,6 @@
 
 // maintenance/activation.cpp
 bool activateNode(QSHandle* handle, QSMessage* message, void* context);
+
+// maintenance/trace.cpp
+bool getTrace(QSHandle* handle, QSMessage* message, void* context);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // publishItem: publishes one item to a node and returns the server's result.
 //
-// The item carries no id; the server assigns one, which the publisher is not told. The waiting request is in
-// m_msgMap under the manager's request id.
+// The item carries no id, unless the publisher marks it by the member "trace": the server assigns one, which
+// the publisher is not told. The waiting request is in m_msgMap under the manager's request id.
 #include <gloox/error.h>
 #include <gloox/tag.h>
 
@@ -48,6 +48,17 @@ bool itemFromText(Request& request, ItemTag& item) {
     return item != nullptr;
 }
 
+bool markItem(Request& request, ItemTag& item) {
+    json_object* mark = jsonMember(request.json(), "trace");
+    if (!mark)
+        return true;
+    const std::string text = textMember(request.json(), "trace");
+    if (!json_object_is_type(mark, json_type_string) || !Traces::isMark(text) || !item)
+        return request.fail("trace is not 16 to 32 letters, digits, - and _, or there is no item");
+    item->addAttribute("id", Traces::itemId(text));
+    return true;
+}
+
 }  // namespace
 
 bool publishItemToNode(QSHandle* handle, QSMessage* message, void*) {
@@ -59,7 +70,7 @@ bool publishItemToNode(QSHandle* handle, QSMessage* message, void*) {
     if (!request.readNode())
         return request.refuse();
     const bool xml = json_object_get_boolean(jsonMember(request.json(), "xml"));
-    if (!(xml ? itemFromObject(request, item) : itemFromText(request, item)))
+    if (!(xml ? itemFromObject(request, item) : itemFromText(request, item)) || !markItem(request, item))
         return request.refuse();
     return request.waitFor(session.m_pubsub->publishItem(gloox::JID(session.m_pubsubService), request.node,
                                                          item.release(), &session));

@@ -46,5 +46,6 @@ const QSMethod methods[] = {
     {.name = "keepAliveTimer", .handler = keepAliveTimer},
     {.name = "reconnectTimer", .handler = reconnectTimer},
     {.name = "activateNode", .handler = activateNode},
+    {.name = "getTrace", .handler = getTrace},
     {.name = nullptr},
 };

@@ -174,6 +174,7 @@ void PubSubSession::forgetItems(const std::string& node, _openNodeStruct& entry)
 void PubSubSession::acceptItem(const std::string& node, _itemStruct item) {
     _openNodeStruct& entry = m_openNodes[node];
     if (isStalePacket(node, item.seqNo) || isLate(item)) {
+        m_traces.append(item.id, isLate(item) ? "expired" : "known already");
         acknowledge(node, item.id, item.seqNo);
         return;
     }
@@ -212,10 +213,13 @@ bool PubSubSession::handOut(const std::string& node) {
     }
     if (entry.receiver)
         return giveToReceiver(node, entry);
-    if (askHandlers(node, entry))
+    const std::string itemId = entry.open->id;
+    if (askHandlers(node, entry)) {
+        m_traces.append(itemId, "handed on", "confirming handlers");
         setDue(node, entry, kHandlerTime);
-    else
+    } else {
         handlersDone(node, entry);
+    }
     return true;
 }
 

@@ -26,6 +26,7 @@
 #include "session/copiedempty.h"
 #include "session/endpointrequest.h"
 #include "session/openitems.h"
+#include "session/traces.h"
 #include "util/log.h"
 #include "xmpp/unaskedresults.h"
 
@@ -125,6 +126,14 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // endpoints/listendpoints.cpp
     void handleWaiting(const std::string& id, const gloox::JID& service,
                        const std::map<std::string, std::string>& counts, const gloox::Error* error) override;
+
+    // maintenance/trace.cpp
+    void handleTrace(const std::string& id, const gloox::JID& service, const std::string& itemId,
+                     const xmpp::ServerTrace& trace, const gloox::Error* error) override;
+    // `trace` is null when the server has told nothing, `problem` why; its clock is `ahead` by so many
+    // microseconds.
+    void answerTrace(QSMessage* message, const std::string& itemId, const xmpp::ServerTrace* trace,
+                     const std::string& problem, int64_t ahead);
 
     // session/requests.cpp: requests that wait for the server's result, by request id
     void keepRequest(const std::string& id, QSMessage* message);
@@ -422,6 +431,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     guint m_settleSource = 0;                              // commits them; 0 while there are none
     std::set<std::pair<int64_t, std::string>> m_dueNodes;  // when something happens with an open item
     guint m_dueTimer = 0;                                  // for the first of them; 0 while there are none
+    Traces m_traces;                                       // of marked items
     int64_t m_awakeSince = 0;  // monotonic microseconds: the last activity that a receiver caused
 
     // Watch on the XMPP socket, borrowed from the main context; null when there is none.

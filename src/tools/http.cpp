@@ -110,11 +110,14 @@ Reply judgeHttp(const HttpAnswer& answer) {
     return {Exit::Refused, object ? answer.body : "", errorText(answer)};
 }
 
-Reply postItem(const std::string& url, const std::string& text, unsigned timeoutSeconds) {
+Reply postItem(const std::string& url, const std::string& text, unsigned timeoutSeconds,
+               const std::vector<std::string>& fields) {
     const std::unique_ptr<CURL, CurlEnd> curl(curl_easy_init());
     // No waiting for "100 Continue" before the body, and no default content type.
     const std::unique_ptr<curl_slist, CurlEnd> headers(curl_slist_append(nullptr, "Expect:"));
     curl_slist_append(headers.get(), "Content-Type: text/plain; charset=utf-8");
+    for (const std::string& field : fields)
+        curl_slist_append(headers.get(), field.c_str());
     HttpAnswer answer;
     char details[CURL_ERROR_SIZE] = "";
     prepare(curl.get(), url, text, timeoutSeconds);

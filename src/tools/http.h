@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "tools/reply.h"
 
@@ -16,5 +17,6 @@ struct HttpAnswer {
 bool publishUrl(const std::string& target, const std::string& base, std::string& url, std::string& problem);
 // The reply for an answer; its text never contains the key.
 Reply judgeHttp(const HttpAnswer& answer);
-// Posts the text and judges the answer.
-Reply postItem(const std::string& url, const std::string& text, unsigned timeoutSeconds);
+// Posts the text and judges the answer. `fields` are further header fields, "Name: value".
+Reply postItem(const std::string& url, const std::string& text, unsigned timeoutSeconds,
+               const std::vector<std::string>& fields = {});

@@ -6,9 +6,7 @@
 #include "tools/verbs.h"
 #include "util/jsonref.h"
 
-namespace {
-
-std::string baseAddress(const Invocation& invocation) {
+std::string publishBase(const Invocation& invocation) {
     if (invocation.has("url"))
         return invocation.value("url");
     for (const char* name : {"PUBSUB_HTTP_URL", "HTTP_URL"}) {
@@ -18,15 +16,13 @@ std::string baseAddress(const Invocation& invocation) {
     return "";
 }
 
-}  // namespace
-
 Exit runPublish(const Invocation& invocation, Console& console) {
     if (invocation.arguments.size() > 1 && invocation.has("file"))
         return console.usage("give the item once: as TEXT or with --file");
     std::string url;
     std::string text;
     std::string problem;
-    if (!publishUrl(invocation.arguments[0], baseAddress(invocation), url, problem) ||
+    if (!publishUrl(invocation.arguments[0], publishBase(invocation), url, problem) ||
         !itemText(invocation, console, text, problem))
         return console.usage(problem);
     const Reply reply = postItem(url, text, invocation.timeoutSeconds);

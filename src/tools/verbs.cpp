@@ -18,6 +18,8 @@ constexpr OptionSpec kCountOfItems = {
     .name = "count", .letter = 'C', .value = "COUNT", .help = "exit after so many items"};
 constexpr OptionSpec kWait = {
     .name = "wait", .letter = 'W', .value = "SECONDS", .help = "exit after this time"};
+constexpr OptionSpec kUrl = {
+    .name = "url", .value = "URL", .help = "where to publish; PUBSUB_HTTP_URL or HTTP_URL by default"};
 const std::vector<OptionSpec> kRequestOptions = {
     {.name = "id", .value = "ID", .help = "the request's id, as `pending list` printed it"},
     {.name = "subid", .value = "SUBID", .help = "the subscription's id"},
@@ -159,10 +161,19 @@ const std::vector<Verb>& allVerbs() {
          .minArguments = 1,
          .maxArguments = 2,
          .options = {{.name = "file", .value = "FILE", .help = "read the text from a file, byte for byte"},
-                     {.name = "url",
-                      .value = "URL",
-                      .help = "where to publish; PUBSUB_HTTP_URL or HTTP_URL by default"}},
+                     kUrl},
          .run = runPublish},
+        {.words = {"trace"},
+         .usage = "NODE|KEY|URL [-W SECONDS] [--url URL]",
+         .help = "publish a marked item and print when it passed each station up to its acknowledgement",
+         .minArguments = 1,
+         .maxArguments = 1,
+         .options = {{.name = "wait",
+                      .letter = 'W',
+                      .value = "SECONDS",
+                      .help = "how long to wait for the acknowledgement (10)"},
+                     kUrl},
+         .run = runTrace},
         {.words = {"push", "list"},
          .help = "print what the applications of this session have registered for push messages",
          .run = runPushList},

@@ -2,6 +2,7 @@
 // The verbs of the command line; each group has its own file. Keeps no state.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,6 +37,9 @@ bool isSendable(const std::string& text, const std::string& place, std::string& 
 // Reads all of standard input ("-") or of a file; false with the reason.
 bool readWhole(Console& console, const std::string& place, std::string& text, std::string& problem);
 
+// The URL before a key, where items are published over HTTP; "" when nobody has told it.
+std::string publishBase(const Invocation& invocation);
+
 // The text to publish: the second argument, --file or standard input.
 bool itemText(const Invocation& invocation, Console& console, std::string& text, std::string& problem);
 
@@ -65,6 +69,7 @@ Exit runOnCloseRemove(const Invocation& invocation, Console& console);
 Exit runEndpointList(const Invocation& invocation, Console& console);
 // `subscribe` without --newest.
 Exit runReceive(const Invocation& invocation, Console& console);
+Exit runTrace(const Invocation& invocation, Console& console);
 Exit runPushList(const Invocation& invocation, Console& console);
 Exit runPushRemove(const Invocation& invocation, Console& console);
 Exit runPushTest(const Invocation& invocation, Console& console);
@@ -98,6 +103,13 @@ std::string endpointItem(const std::string& payload, bool json);
 std::string receivedItem(const std::string& payload, bool json);
 // What is known of an application's endpoints, one a line.
 std::string endpointLines(const std::string& payload);
+// Of an answer to getTrace {"itemid","acknowledged","stations"}, in the order of time, with the stations of the
+// sender: when it published and when that was answered, in microseconds since 1970.
+std::string traceReport(const std::string& answer, int64_t asked, int64_t answered);
+// The stations of a report, one a line, with the time since the first.
+std::string traceTable(const std::string& report);
+// What is missing to the acknowledgement of an item for this node or key, "" when it was acknowledged.
+std::string traceGap(const std::string& answer, const std::string& target);
 // What the applications of the session have registered, one a line.
 std::string pushLines(const std::string& payload);
 // A request for approval: "NODE  id: ...", or its four members under --json.

@@ -3,6 +3,7 @@
 //
 // The request is removed before its handler runs, because the handler may send requests, detach the manager
 // or delete it.
+#include <glib.h>
 #include <gloox/dataform.h>
 #include <gloox/gloox.h>
 #include <gloox/pubsubitem.h>
@@ -115,6 +116,20 @@ void deliverBulkActivation(ResultHandler& handler, const std::string& id, const 
     for (const auto& [node, element] : elements)
         failed[node] = &errors.emplace_back(*element);
     handler.handleBulkActivate(id, service, failed, first);
+}
+
+int64_t numberIn(const Tag* tag, const char* name) {
+    return g_ascii_strtoll(attributeOf(tag, name).c_str(), nullptr, 10);
+}
+
+void deliverTrace(ResultHandler& handler, const std::string& id, const gloox::JID& service,
+                  const std::string& itemId, const Tag& iq, const gloox::Error* error) {
+    const Tag* element = iq.findChild("trace");
+    ServerTrace trace{.now = numberIn(element, "now"), .stations = {}};
+    for (const Tag* station : element ? element->findChildren("station") : gloox::TagList())
+        trace.stations.push_back(
+            {attributeOf(station, "name"), numberIn(station, "at"), attributeOf(station, "resource")});
+    handler.handleTrace(id, service, itemId, trace, error);
 }
 
 std::unique_ptr<Tag> errorOfNode(const Tag& node) {
@@ -238,6 +253,8 @@ void Manager::deliver(const Request& request, const std::string& id, const gloox
         case Operation::BulkDelete:
         case Operation::Waiting:
             return;
+        case Operation::Trace:
+            return deliverTrace(handler, id, service, node, iq, error);
         case Operation::PendingRequest:
             return deliverPending(handler, id, iq, error);
         case Operation::PendingNodeRequest:

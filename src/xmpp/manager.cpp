@@ -325,6 +325,14 @@ std::string Manager::ackItem(const gloox::JID& service, const std::string& node,
     return sendMessage(service, id, stanza);
 }
 
+std::string Manager::trace(const gloox::JID& service, const std::string& itemId, ResultHandler* handler) {
+    const std::string id = nextId();
+    StanzaWriter stanza = beginIq("get", service, id);
+    stanza.open("trace", kDeviceXmlns).attribute("id", itemId);
+    return sendRequest(
+        {.operation = Operation::Trace, .handler = handler, .service = service, .node = itemId}, id, stanza);
+}
+
 bool Manager::isOurs(const std::string& id) {
     return id.starts_with(idPrefix());
 }

@@ -98,6 +98,8 @@ class Manager : public gloox::PubSub::Manager {
     std::string approvePending(const gloox::JID& service, const std::string& node, const std::string& id,
                                const std::string& subid, const std::string& approve,
                                const std::string& subscriber);
+    // The stations that a marked item has passed at the server.
+    std::string trace(const gloox::JID& service, const std::string& itemId, ResultHandler* handler);
     // Tells the server that the item was delivered. There is no answer. Without a number it is for the oldest
     // transmission under this id, with one for all transmissions of this item.
     std::string ackItem(const gloox::JID& service, const std::string& node, const std::string& item,
@@ -132,6 +134,7 @@ class Manager : public gloox::PubSub::Manager {
         BulkActivate,
         BulkDelete,
         Waiting,
+        Trace,
         PendingRequest,
         PendingNodeRequest
     };
@@ -148,7 +151,7 @@ class Manager : public gloox::PubSub::Manager {
         Operation operation;
         ResultHandler* handler;  // borrowed
         gloox::JID service;
-        std::string node;
+        std::string node;  // of Trace the item's id
         std::string subid;
         gloox::JID subscriber;
         std::shared_ptr<Bulk> bulk;

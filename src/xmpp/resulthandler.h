@@ -4,10 +4,23 @@
 
 #include <gloox/pubsubresulthandler.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace xmpp {
+
+// What the server has recorded of a marked item. Times are those of the server, in microseconds since 1970.
+struct ServerStation {
+    std::string name;
+    int64_t at;
+    std::string resource;  // of the device; "": none
+};
+struct ServerTrace {
+    int64_t now = 0;  // when it answered
+    std::vector<ServerStation> stations;
+};
 
 using NodeErrors = std::map<std::string, const gloox::Error*>;
 
@@ -49,6 +62,8 @@ class ResultHandler : public gloox::PubSub::ResultHandler {
     virtual void handleWaiting(const std::string& id, const gloox::JID& service,
                                const std::map<std::string, std::string>& counts,
                                const gloox::Error* error) = 0;
+    virtual void handleTrace(const std::string& id, const gloox::JID& service, const std::string& itemId,
+                             const ServerTrace& trace, const gloox::Error* error) = 0;
 
     // gloox's own spellings of three handlers; final, and forwarded.
     void handleItemDeletion(const std::string& id, const gloox::JID& service, const std::string& node,

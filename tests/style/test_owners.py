@@ -38,6 +38,8 @@ WRITERS = {
     # Items that somebody has and the server keeps
     "m_openNodes": {"session/openitems.cpp", "session/openlinks.cpp"},
     "m_takenItems": {"session/openitems.cpp"},
+    # Each marks the station that it is
+    "m_traces": {"delivery/incoming.cpp", "session/openitems.cpp", "endpoints/receive.cpp", "maintenance/trace.cpp"},
     "m_settleSource": {"session/openitems.cpp"},
     "m_dueNodes": {"session/openitems.cpp"},
     "m_dueTimer": {"session/openitems.cpp"},

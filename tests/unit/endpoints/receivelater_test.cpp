@@ -4,6 +4,17 @@
 
 using Receive = ReceiveTest;
 
+TEST_F(Receive, RecordsTheStationsOfAMarkedItem) {
+    const Answer receiver = receiveInbox();
+    pushItem(kNode, "7", "trace-1", "hello");
+    const auto stations = [this] { return session().m_traces.of("trace-1"); };
+    ASSERT_EQ(stations().size(), 2u);
+    EXPECT_EQ(stations()[1].name + '/' + stations()[1].to, "handed on/receiver com.example.app");
+    acknowledgeOpen(receiver);
+    ASSERT_EQ(stations().size(), 3u);
+    EXPECT_EQ(stations()[2].name, "acknowledged");
+}
+
 TEST_F(Receive, AnActivationThatTheServerRefusesForNowIsAskedForAgain) {
     own({"inbox"});
     const Answer receiver = askReceive();

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // publishItem: its refusals, the two forms of an item, and the server's answer.
+#include <list>
 #include <utility>
 
 #include "nodes/methods.h"
@@ -17,6 +18,18 @@ RefusalCase badArgument(const char* name, const char* payload) {
 }
 RefusalCase unparsable(const char* name, const char* payload, std::string log = "") {
     return given(name, Given::Ready, payload, errorReply(kQuotedCode, "Item parse error"), std::move(log));
+}
+RefusalCase unmarkable(const char* name, const char* payload) {
+    return given(
+        name, Given::Ready, payload,
+        errorReply(kQuotedCode, "trace is not 16 to 32 letters, digits, - and _, or there is no item"));
+}
+const char* marked(const char* mark) {
+    static std::list<std::string> payloads;
+    return payloads.emplace_back(R"({"node":"a","item":"x","trace":)" + std::string(mark) + "}").c_str();
+}
+RefusalCase badMark(const char* name, const char* mark) {
+    return unmarkable(name, marked(mark));
 }
 const std::string kNoService = errorReply("libErr", "Service not initialized");
 const std::string kNoLibrary = errorReply("libErr", "gloox library is not initialized");
@@ -56,6 +69,11 @@ INSTANTIATE_TEST_SUITE_P(
                     unparsable("TextThatXmlCannotCarry", R"({"node":"a","item":"x\u0001"})"),
                     unparsable("TextWithANul", R"({"node":"a","item":"x\u0000y"})"),
                     unparsable("TextWithANonCharacter", R"({"node":"a","item":"x\uFFFE"})"),
+                    badMark("MarkTooShort", R"("aaaaaaaaaaaaaaa")"),
+                    badMark("MarkTooLong", R"("aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa")"),
+                    badMark("MarkOfOtherCharacters", R"("aaaaaaaaaaaaaaa/")"), badMark("MarkEmpty", R"("")"),
+                    badMark("MarkThatIsNoText", "1234567890123456"),
+                    unmarkable("MarkWithoutAnItem", R"({"node":"a","xml":true,"trace":"aaaaaaaaaaaaaaaa"})"),
                     given("NoClient", Given::NoClient, R"({"node":"a","item":"x"})", kNoLibrary)),
     caseName);
 
@@ -98,6 +116,10 @@ INSTANTIATE_TEST_SUITE_P(
         Item{"EmptyObject", R"({"node":"/a/b","xml":true,"item":{}})", "<item/>"},
         Item{"ArrayInPlaceOfTheObject", R"({"node":"/a/b","xml":true,"item":[1]})", "<item/>"},
         Item{"StringInPlaceOfTheObject", R"({"node":"/a/b","xml":true,"item":"x"})", "<item/>"},
+        Item{"Marked", R"({"node":"/a/b","item":"x","trace":"aaaaaaaaaaaaaa-_"})",
+             "<item id='trace-aaaaaaaaaaaaaa-_'><payload>x</payload></item>"},
+        Item{"MarkNullCountsAsNone", R"({"node":"/a/b","item":"x","trace":null})",
+             "<item><payload>x</payload></item>"},
         Item{"NoItemWithXmlTrue", R"({"node":"/a/b","xml":true})", ""}),
     [](const auto& test) { return test.param.name; });
 

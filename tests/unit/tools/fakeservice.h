@@ -46,7 +46,8 @@ class FakeService {
                                       "subscribeNodeAuth",
                                       "approvePending",
                                       "getNodeConfig",
-                                      "setNodeConfig"};
+                                      "setNodeConfig",
+                                      "getTrace"};
         for (const char* name : names)
             m_methods.push_back({name, onCall, 0});
         m_methods.push_back({nullptr, nullptr, 0});

@@ -76,6 +76,8 @@ std::vector<Case> cases() {
          "bulkActivate ID pubsub.example.org", "bulkActivate ID pubsub.example.org"},
         {"waitingItems", [](M& m, const J& s, H h) { return m.waitingItems(s, {"/a"}, h); },
          "waiting ID pubsub.example.org", "waiting ID pubsub.example.org"},
+        {"trace", [](M& m, const J& s, H h) { return m.trace(s, "trace-1", h); },
+         "trace ID pubsub.example.org trace-1 now=0", "trace ID pubsub.example.org trace-1 now=0"},
         {"bulkDelete", [](M& m, const J& s, H h) { return m.bulkDelete(s, {"/a"}, h); },
          "bulkDelete ID pubsub.example.org", "bulkDelete ID pubsub.example.org"},
         {"getPendingRequest", [](M& m, const J& s, H h) { return m.getPendingRequest(s, h); },

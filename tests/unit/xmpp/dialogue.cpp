@@ -132,6 +132,14 @@ void RecordingHandler::handleWaiting(const std::string& id, const gloox::JID& se
         told += " " + node + "=" + count;
     record("waiting " + id + " " + service.full() + told, error);
 }
+void RecordingHandler::handleTrace(const std::string& id, const gloox::JID& service,
+                                   const std::string& itemId, const xmpp::ServerTrace& trace,
+                                   const gloox::Error* error) {
+    std::string told = " now=" + std::to_string(trace.now);
+    for (const xmpp::ServerStation& each : trace.stations)
+        told += " " + each.name + "@" + std::to_string(each.at) + "/" + each.resource;
+    record("trace " + id + " " + service.full() + " " + itemId + told, error);
+}
 void RecordingHandler::handleNodeCreation(const std::string& id, const gloox::JID& service,
                                           const std::string& node, const gloox::Error* error) {
     record("creation " + id + " " + service.full() + " " + node, error);

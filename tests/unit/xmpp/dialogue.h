@@ -82,6 +82,8 @@ class RecordingHandler : public xmpp::UnaskedResults {
                             const gloox::Error* error) override;
     void handleWaiting(const std::string& id, const gloox::JID& service,
                        const std::map<std::string, std::string>& counts, const gloox::Error* error) override;
+    void handleTrace(const std::string& id, const gloox::JID& service, const std::string& itemId,
+                     const xmpp::ServerTrace& trace, const gloox::Error* error) override;
     void handleNodeCreation(const std::string& id, const gloox::JID& service, const std::string& node,
                             const gloox::Error* error) override;
     void handleItemPublication(const std::string& id, const gloox::JID& service, const std::string& node,

@@ -249,6 +249,11 @@ TEST_F(Operations, WaitingItemsAsksForTheNodes) {
         iq("get", "<waiting xmlns='urn:zelt:pubsub:device:0'><node id='/a'/><node id='/b'/></waiting>"));
 }
 
+TEST_F(Operations, TraceAsksForOneItem) {
+    expectSent(manager->trace(service, "trace-'1'", &handler),
+               iq("get", "<trace xmlns='urn:zelt:pubsub:device:0' id='trace-&apos;1&apos;'/>"));
+}
+
 TEST_F(Operations, BulkDeleteOfNothingIsAnEmptyList) {
     expectSent(manager->bulkDelete(service, {}, &handler),
                iq("set", "<delete-nodes xmlns='urn:zelt:pubsub:device:0'/>"));
