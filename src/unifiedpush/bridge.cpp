@@ -91,6 +91,7 @@ void Bridge::askOwner(const std::string& service, Owned owned) {
     };
     if (m_bus.askDaemon("GetNameOwner", service.c_str(), *query, answered))
         return;
+    // uncovered: a call to the daemon is sent, or the bus is lost, which ends the bridge
     m_asking.erase(query);
     owned(false, "");
 }
@@ -143,10 +144,8 @@ void Bridge::announce(const std::string& endpoint, const std::string& to) {
 }
 
 void Bridge::announced(const std::string& endpoint) {
-    Registration& registration = m_state.registrations.at(endpoint);
-    if (std::exchange(registration.announced, true))
-        return;
-    save(nullptr);
+    if (!std::exchange(m_state.registrations.at(endpoint).announced, true))
+        save(nullptr);
 }
 
 void Bridge::nameChanged(const std::string& service) {

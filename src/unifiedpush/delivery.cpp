@@ -66,7 +66,7 @@ Delivery::Route& Delivery::routeOf(const std::string& endpoint) {
 
 void Delivery::deliver(const std::string& endpoint, Item item) {
     if (!registrationOf(endpoint))
-        return;
+        return;  // uncovered: items come only for what is registered
     Route& route = routeOf(endpoint);
     if (item.id == route.taken && !item.id.empty()) {
         take(endpoint, item);
@@ -100,7 +100,7 @@ void Delivery::watchExpiry(Route& route) {
         pump(service);
         const auto found = m_routes.find(endpoint);
         if (found != m_routes.end() && !isExpired(found->second.item))
-            watchExpiry(found->second);
+            watchExpiry(found->second);  // uncovered: the longest timer is one of days
     });
 }
 
@@ -125,7 +125,7 @@ void Delivery::withdraw(const std::string& endpoint) {
 
 void Delivery::announce(const std::string& endpoint, const std::string& to) {
     if (!registrationOf(endpoint))
-        return;
+        return;  // uncovered: announced is what is registered
     Route& route = routeOf(endpoint);
     // A call that is not answered yet has the address of before, or went to a connection that may be gone.
     if (route.announcement.call) {
@@ -188,13 +188,13 @@ bool Delivery::isBlocked(const std::string& service) const {
 void Delivery::pump(const std::string& service) {
     const auto found = m_applications.find(service);
     if (found == m_applications.end())
-        return;
+        return;  // uncovered: an application goes with its last call and its timers
     // What is reported may remove a registration.
     const std::vector<std::string> endpoints(found->second.endpoints.begin(), found->second.endpoints.end());
     for (const std::string& endpoint : endpoints) {
         const auto application = m_applications.find(service);
         if (application == m_applications.end())
-            return;
+            return;  // uncovered: nothing that is reported in between removes the last registration
         pumpRoute(endpoint, application->second);
     }
 }
@@ -251,6 +251,7 @@ void Delivery::place(const std::string& endpoint, Job& job, Wire call, Finish fi
         ++m_applications[m_routes[endpoint].service].calls;
         return;
     }
+    // uncovered: a call is sent, or the bus is lost, which ends the bridge
     PrvPrintErr({}, "A call to %s could not be sent", m_routes[endpoint].service.c_str());
     ++job.failures;
     job.pause.start(pauseAfter(job.failures) * kSecond,

@@ -163,7 +163,7 @@ void Device::gone() {
     if (m_handle)
         return;
     for (Request& request : m_sent)
-        fail(std::move(request));
+        fail(std::move(request));  // uncovered: the bus library has answered them when the bus was lost
     m_sent.clear();
 }
 
@@ -178,6 +178,7 @@ void Device::fail(Request request) {
 void Device::call(const std::string& method, const JsonObject& payload, Answered answered) {
     Request request{this, method, payload.line(), std::move(answered)};
     if (!m_there) {
+        // uncovered: the bridge calls a service that is there
         fail(std::move(request));
         return;
     }
@@ -191,6 +192,7 @@ void Device::sendWaiting() {
         m_waiting.pop_front();
         if (send(m_sent.back()))
             continue;
+        // uncovered: as in send()
         fail(std::move(m_sent.back()));
         m_sent.pop_back();
     }
@@ -201,6 +203,7 @@ bool Device::send(Request& request) {
     if (QSCall(m_handle, uriOf(request.method).c_str(), request.payload.c_str(), onAnswer, &request, nullptr,
                error))
         return true;
+    // uncovered: the bus library takes calls while the bus is there
     PrvPrintErr({}, "Calling %s failed: %s", request.method.c_str(), error.message());
     return false;
 }
@@ -219,9 +222,10 @@ bool Device::onAnswer(QSHandle*, QSMessage* message, void* context) {
 void Device::followConnection() {
     BusError error;
     if (m_connection || !m_there)
-        return;
+        return;  // uncovered: the service is asked once each time that it appears
     if (!QSCall(m_handle, uriOf("connectStatus").c_str(), R"({"subscribe":true})", onConnection, this,
                 &m_connection, error))
+        // uncovered: the bus library takes calls while the bus is there
         PrvPrintErr({}, "Asking for the connection's status failed: %s", error.message());
 }
 
@@ -264,7 +268,7 @@ void Device::place() {
         while (next != missing.end() && some.size() < kEndpointsOfReceive)
             some.push_back(*next++);
         if (!placeReceive(std::move(some)))
-            return;
+            return;  // uncovered: as below
     }
 }
 
@@ -280,6 +284,7 @@ bool Device::placeReceive(std::vector<std::string> endpoints) {
                &receive.token, error) &&
         QSCallSetEndFunction(m_handle, receive.token, onReceiveEnded, &receive, error))
         return true;
+    // uncovered: the bus library takes calls while the bus is there
     PrvPrintErr({}, "Receiving failed: %s", error.message());
     endReceive(&receive);
     placeSoon(kLongestPause);
@@ -329,7 +334,7 @@ void Device::endReceive(Receive* receive) {
     const auto found = std::find_if(m_receives.begin(), m_receives.end(),
                                     [receive](const Receive& each) { return &each == receive; });
     if (found == m_receives.end())
-        return;
+        return;  // uncovered: a receive is ended once
     const Receive ended = std::move(*found);
     m_receives.erase(found);
     BusError error;

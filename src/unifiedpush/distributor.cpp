@@ -33,12 +33,12 @@ bool readMember(sd_bus_message* message, const Members& members) {
     char type = 0;
     if (sd_bus_message_read(message, "s", &key) <= 0 ||
         sd_bus_message_peek_type(message, &type, &contents) <= 0)
-        return false;
+        return false;  // uncovered: sd-bus has compared the signature
     const auto member = members.find(key);
     if (member == members.end() || std::strcmp(contents, "s") != 0)
         return sd_bus_message_skip(message, "v") >= 0 && member == members.end();
     if (sd_bus_message_read(message, "v", "s", &text) <= 0)
-        return false;
+        return false;  // uncovered: sd-bus has compared the signature
     *member->second = text;
     return true;
 }
@@ -46,12 +46,12 @@ bool readMember(sd_bus_message* message, const Members& members) {
 // Reads an a{sv} into the texts; false when a member is not as it should be.
 bool readMembers(sd_bus_message* message, const Members& members) {
     if (sd_bus_message_enter_container(message, 'a', "{sv}") < 0)
-        return false;
+        return false;  // uncovered: sd-bus has compared the signature
     bool good = true;
     while (sd_bus_message_enter_container(message, 'e', "sv") > 0) {
         good = readMember(message, members) && good;
         if (sd_bus_message_exit_container(message) < 0)
-            return false;
+            return false;  // uncovered: sd-bus has compared the signature
     }
     return good;
 }
@@ -100,7 +100,7 @@ int Distributor::onRegister1(sd_bus_message* message, void* data, sd_bus_error*)
     const char *service = "", *token = "", *description = "";
     const int result = sd_bus_message_read(message, "sss", &service, &token, &description);
     if (result < 0)
-        return result;
+        return result;  // uncovered: sd-bus has compared the signature
     RegisterCall call{keep(message), 1, senderOf(message), service, token, description, ""};
     busRunGuarded("Register", [&] { static_cast<Distributor*>(data)->onRegister(std::move(call)); });
     return 1;
@@ -108,10 +108,11 @@ int Distributor::onRegister1(sd_bus_message* message, void* data, sd_bus_error*)
 
 int Distributor::onRegister2(sd_bus_message* message, void* data, sd_bus_error*) {
     RegisterCall call{keep(message), 2, senderOf(message), "", "", "", ""};
-    const Members members = {{"service", &call.service},
-                             {"token", &call.token},
-                             {"description", &call.description},
-                             {"vapid", &call.vapid}};
+    Members members;
+    members["service"] = &call.service;
+    members["token"] = &call.token;
+    members["description"] = &call.description;
+    members["vapid"] = &call.vapid;
     if (!readMembers(message, members)) {
         fail(call, kInternalError);
         return 1;
@@ -124,7 +125,7 @@ int Distributor::onUnregister1(sd_bus_message* message, void* data, sd_bus_error
     const char* token = "";
     const int result = sd_bus_message_read(message, "s", &token);
     if (result < 0)
-        return result;
+        return result;  // uncovered: sd-bus has compared the signature
     UnregisterCall call{keep(message), 1, senderOf(message), token};
     busRunGuarded("Unregister", [&] { static_cast<Distributor*>(data)->onUnregister(std::move(call)); });
     return 1;

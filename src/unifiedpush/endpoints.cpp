@@ -132,7 +132,7 @@ void Bridge::takeAddress(const std::string& endpoint, Registration& registration
         const bool told = m_waiters.contains(endpoint);
         const auto found = m_state.registrations.find(endpoint);
         if (found == m_state.registrations.end())
-            return;
+            return;  // uncovered: a registration that ends while its address is written
         if (!stored) {
             found->second.url = before;
             m_confirmed.erase(endpoint);
@@ -162,6 +162,7 @@ void Bridge::refused(const std::string& endpoint, const DeviceAnswer& answer, co
 void Bridge::attendAgain() {
     if (!m_refusedTimer.isRunning())
         m_refusedTimer.start(kRefusedPause, [this] {
+            // uncovered: after an hour
             m_refused.clear();
             attend();
         });
@@ -213,7 +214,7 @@ void Bridge::offline() {
 void Bridge::takeItem(const std::string& endpoint, json_object* json) {
     const auto found = m_state.registrations.find(endpoint);
     if (found == m_state.registrations.end())
-        return;
+        return;  // uncovered: an item that crosses the end of its registration
     Item item;
     item.id = textMember(json, "itemid");
     item.receipt = textMember(json, "receipt");

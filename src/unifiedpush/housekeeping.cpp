@@ -26,6 +26,7 @@ void Bridge::keepHouse() {
         blocked = blocked || !registration.newest || m_delivery.isBlocked(registration.service);
     if (blocked)
         m_housekeeping.start(kHour, [this] {
+            // uncovered: after an hour
             m_names.refresh();
             keepHouse();
         });
@@ -79,7 +80,7 @@ bool Bridge::countAges() {
 // lost. Their applications may still register them again.
 void Bridge::countUnclaimed(const DeviceAnswer& answer) {
     if (!answer.ok)
-        return;
+        return;  // uncovered: it is asked when the service has just answered
     std::set<std::string> listed;
     json_object* endpoints = jsonMember(answer.json.get(), "endpoints");
     for (std::size_t i = 0;

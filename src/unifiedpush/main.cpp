@@ -21,6 +21,7 @@ constexpr char kUsage[] =
     "this\n"
     "           user on the public bus (ZELT_PUBLIC_BUS); keeps its state below XDG_STATE_HOME\n";
 
+// uncovered: a test program has a main() of its own; the end-to-end tests run this one
 // Signals arrive by descriptor: the signal sources of GLib would start a second thread.
 int openSignals() {
     sigset_t signals;

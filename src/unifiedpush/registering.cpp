@@ -99,8 +99,8 @@ void Bridge::stored(const RegisterRef& call, bool ownerless, bool isNew, bool ok
     const std::string endpoint = endpointOf(*call);
     const auto found = m_state.registrations.find(endpoint);
     if (found == m_state.registrations.end()) {
-        Distributor::fail(*call, kInternalError);
-    } else if (!ok && isNew) {  // one that was there before is on disk already
+        Distributor::fail(*call, kInternalError);  // uncovered: a registration that ends while it is written
+    } else if (!ok && isNew) {                     // one that was there before is on disk already
         remove(endpoint);
         Distributor::fail(*call, kInternalError);
     } else if (found->second.url.empty() || isNew) {

@@ -78,7 +78,7 @@ bool SessionBus::call(sd_bus_message* message, unsigned seconds, Slot& slot, Ans
     auto kept = std::make_unique<Answered>(std::move(answered));
     sd_bus_slot* pending = nullptr;
     if (sd_bus_call_async(m_bus, &pending, message, onAnswer, kept.get(), seconds * kMicroseconds) < 0)
-        return false;
+        return false;  // uncovered: a call is sent, or the bus is lost
     sd_bus_slot_set_destroy_callback(pending, forget);
     kept.release();  // NOLINT(bugprone-unused-return-value): the slot owns it
     slot.reset(pending);
@@ -89,6 +89,6 @@ bool SessionBus::askDaemon(const char* method, const char* argument, Slot& slot,
     Wire message;
     sd_bus_message_new_method_call(m_bus, Receive(message), kBusDaemon, kBusDaemonPath, kBusDaemon, method);
     if (!message || (argument && sd_bus_message_append(message.get(), "s", argument) < 0))
-        return false;
+        return false;  // uncovered: a call of fixed texts
     return call(message.get(), kDaemonSeconds, slot, std::move(answered));
 }

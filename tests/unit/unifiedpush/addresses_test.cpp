@@ -10,7 +10,8 @@ using testing::IsEmpty;
 class Addresses : public BridgeTest {
   protected:
     bool isTaken(const std::string& id) {
-        return until([&] { return std::count(device->acknowledged.begin(), device->acknowledged.end(), id) > 0; });
+        return until(
+            [&] { return std::count(device->acknowledged.begin(), device->acknowledged.end(), id) > 0; });
     }
 };
 
@@ -108,6 +109,83 @@ TEST_F(Addresses, OfABusThatWasRestartedAreReceivedAgainAndTheNameStays) {
     EXPECT_FALSE(ended);
 }
 
+// More requests than go out at once; those that wait fail with those that were sent.
+TEST_F(Addresses, OfAServiceThatEndsWithRequestsOpenFollow) {
+    start();
+    Application app;
+    enroll(app, "t0");
+    device->silent = true;
+    for (int i = 1; i <= 40; ++i)
+        app.enroll("t" + std::to_string(i));
+    ASSERT_TRUE(until([&] { return device->count("createEndpoint") >= 32; }));
+    device.reset();
+    ASSERT_TRUE(until([&] { return app.answers.size() == 40; }));
+    EXPECT_THAT(app.answers, testing::Each("REGISTRATION_FAILED NETWORK"));
+    device = std::make_unique<FakeDevice>();
+    EXPECT_TRUE(until([&] { return app.calls.size() >= 40; }));  // t0 may have another address
+}
+
+TEST_F(Addresses, OfABusThatEndsWithRequestsOpenFollow) {
+    start();
+    Application app;
+    enroll(app, "t0");
+    device->silent = true;
+    app.enroll("t1");
+    ASSERT_TRUE(until([&] { return device->count("createEndpoint") >= 2; }));
+    publicBus.stop();
+    device.reset();
+    ASSERT_TRUE(until([&] { return !app.answers.empty(); }));
+    EXPECT_THAT(app.answers, ElementsAre("REGISTRATION_FAILED NETWORK"));
+    publicBus.start();
+    device = std::make_unique<FakeDevice>();
+    EXPECT_TRUE(until([&] { return !app.calls.empty(); }));
+}
+
+TEST_F(Addresses, OfAnEarlierKeyAreNotToldWhenTheyChange) {
+    start();
+    Application app;
+    enroll(app, "t1", kVapid);
+    enroll(app, "t1", kOtherVapid);
+    device->base = "https://elsewhere.example.org/push/";
+    device->setOnline(false);
+    device->setOnline(true);
+    ASSERT_TRUE(until([&] { return stateText().find("elsewhere.example.org/push/1") != std::string::npos; }));
+    app.enroll("t2");  // what is told for the others is told before
+    ASSERT_TRUE(until([&] { return !app.calls.empty() && app.calls.back().starts_with("NewEndpoint t2"); }));
+    EXPECT_THAT(app.calls, ElementsAre("NewEndpoint t1 https://elsewhere.example.org/push/2",
+                                       "NewEndpoint t2 https://elsewhere.example.org/push/3"));
+}
+
+TEST_F(Addresses, ThatTheServerRefusesLaterStayWithTheirApplications) {
+    start();
+    Application app;
+    enroll(app, "t1");
+    device->refusal = "xmppErr resource-constraint";
+    const int before = device->count("createEndpoint");
+    device->setOnline(false);
+    device->setOnline(true);
+    ASSERT_TRUE(until([&] { return device->count("createEndpoint") > before; }));
+    until([] { return false; }, 50);
+    EXPECT_EQ(device->count("createEndpoint"), before + 1);
+    EXPECT_THAT(stateText(), testing::HasSubstr("\"t1\""));
+    device->publish(nameOf("t1"), "i1", "one");
+    EXPECT_TRUE(isTaken("i1"));
+}
+
+TEST_F(Addresses, ThatCannotBeWrittenFailTheRegistrationThatWaits) {
+    device->online = false;
+    start();
+    bridge->networkPatience = 20'000;
+    Application app;
+    app.enroll("t1");
+    ASSERT_TRUE(until([&] { return device->count("createEndpoint") > 0; }));
+    std::filesystem::create_directories(folder / "state/registrations.json.new");
+    device->setOnline(true);
+    ASSERT_TRUE(until([&] { return !app.answers.empty(); }));
+    EXPECT_THAT(app.answers, ElementsAre("REGISTRATION_FAILED INTERNAL_ERROR"));
+    EXPECT_TRUE(app.calls.empty());
+}
+
 TEST_F(Addresses, OfABusThatIsNotThereYetFollow) {
     device.reset();
     publicBus.stop();
@@ -121,7 +199,8 @@ TEST_F(Addresses, OfABusThatIsNotThereYetFollow) {
 }
 
 TEST_F(Addresses, ThatTheServiceRefusesToReceiveAreAskedForAgain) {
-    device->receiveRefusal = "appErr Endpoint up- is received by :1.7. End that receive, or name other endpoints";
+    device->receiveRefusal =
+        "appErr Endpoint up- is received by :1.7. End that receive, or name other endpoints";
     start();
     Application app;
     enroll(app, "t1");
@@ -150,7 +229,8 @@ TEST_F(Addresses, OfManyApplicationsShareReceives) {
         for (int i = 0; i < 100; ++i) {
             apps.back()->enroll("t" + std::to_string(i));
             if (i % 10 == 0) {
-                ASSERT_TRUE(until([&] { return apps.back()->calls.size() > static_cast<std::size_t>(i); }, 60'000));
+                ASSERT_TRUE(
+                    until([&] { return apps.back()->calls.size() > static_cast<std::size_t>(i); }, 60'000));
             }
         }
         ASSERT_TRUE(until([&] { return apps.back()->calls.size() == 100; }, 60'000));

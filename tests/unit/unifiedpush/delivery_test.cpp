@@ -18,7 +18,16 @@ class Messages : public BridgeTest {
         ASSERT_TRUE(isReceived(endpoint));
     }
     bool isTaken(const std::string& id) {
-        return until([&] { return std::count(device->acknowledged.begin(), device->acknowledged.end(), id) > 0; });
+        return until(
+            [&] { return std::count(device->acknowledged.begin(), device->acknowledged.end(), id) > 0; });
+    }
+    // Whatever the device has sent for t1 by now is at the bridge, when what it sends for t2 then is at the application.
+    void waitForTheDevice(Application& app) {
+        const std::size_t before = app.calls.size();
+        device->publish(nameOf("t2"), "j1", "other");
+        ASSERT_TRUE(until([&] { return app.calls.size() > before; }));
+        ASSERT_EQ(app.calls.back(), "Message t2 other j1");
+        app.calls.pop_back();
     }
     const std::string endpoint = nameOf("t1");
 };
@@ -29,8 +38,9 @@ TEST_F(Messages, HaveTheBytesAndTheIdAndAnyReturnTakesThem) {
     device->publish(endpoint, "i1", "plain <text>");
     device->publish(endpoint, "i2", "AAEC//4=", 0, true);
     ASSERT_TRUE(isTaken("i2"));
-    EXPECT_THAT(app.calls, ElementsAre("Message t1 plain <text> i1",
-                                       std::string("Message t1 ") + std::string("\0\1\2\xff\xfe", 5) + " i2"));
+    EXPECT_THAT(app.calls,
+                ElementsAre("Message t1 plain <text> i1",
+                            std::string("Message t1 ") + std::string("\0\1\2\xff\xfe", 5) + " i2"));
     EXPECT_THAT(device->acknowledged, ElementsAre("i1", "i2"));
 }
 
@@ -69,7 +79,9 @@ TEST_P(NotYet, IsCalledAgain) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, NotYet,
-                         testing::Values("org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.UnknownMethod",
+                         testing::Values("org.freedesktop.DBus.Error.NoReply",
+                                         "org.freedesktop.DBus.Error.ServiceUnknown",
+                                         "org.freedesktop.DBus.Error.UnknownMethod",
                                          "org.freedesktop.DBus.Error.UnknownObject",
                                          "org.freedesktop.DBus.Error.TimedOut", "org.example.Error.Own"));
 
@@ -220,11 +232,13 @@ TEST_F(Messages, ThatComeAgainAfterTheyWereTakenAreOnlyAcknowledged) {
 TEST_F(Messages, ThatComeAgainWhileTheApplicationIsCalledGoOutOnce) {
     Application app;
     begin(app);
+    enroll(app, "t2");
     app.silent = true;
     device->publish(endpoint, "i1", "one");
     ASSERT_TRUE(until([&] { return !app.calls.empty(); }));
     device->endReceives();
-    ASSERT_TRUE(until([&] { return device->count("receive") == 2; }));
+    ASSERT_TRUE(until([&] { return device->count("receive") == 3; }));
+    waitForTheDevice(app);
     app.silent = false;
     app.answerWhatWaits();
     ASSERT_TRUE(isTaken("i1"));
@@ -248,16 +262,38 @@ TEST_F(Messages, ThatWereReplacedGiveWayToTheNewOne) {
 TEST_F(Messages, ThatWereReplacedWhileTheApplicationIsCalledComeAfterIt) {
     Application app;
     begin(app);
+    enroll(app, "t2");
     app.silent = true;
     device->publish(endpoint, "i1", "old");
     ASSERT_TRUE(until([&] { return !app.calls.empty(); }));
     device->replace(endpoint, "i2", "new");
     device->endReceives();
-    ASSERT_TRUE(until([&] { return device->count("receive") == 2; }));
+    ASSERT_TRUE(until([&] { return device->count("receive") == 3; }));
+    waitForTheDevice(app);
     app.silent = false;
     app.answerWhatWaits();
     ASSERT_TRUE(isTaken("i2"));
     EXPECT_THAT(app.calls, ElementsAre("Message t1 old i1", "Message t1 new i2"));
+}
+
+TEST_F(Messages, ThatWereReplacedWhileTheApplicationEndsGiveWayToTheNewOne) {
+    start();
+    {
+        Application app;
+        enroll(app, "t1");
+        enroll(app, "t2");
+        ASSERT_TRUE(isReceived(endpoint));
+        app.silent = true;
+        device->publish(endpoint, "i1", "old");
+        ASSERT_TRUE(until([&] { return !app.calls.empty(); }));
+        device->replace(endpoint, "i2", "new");
+        device->endReceives();
+        ASSERT_TRUE(until([&] { return device->count("receive") == 3; }));
+        waitForTheDevice(app);
+    }
+    Application next;
+    ASSERT_TRUE(isTaken("i2"));
+    EXPECT_THAT(next.calls, testing::UnorderedElementsAre("Message t1 new i2", "Message t2 other j1"));
 }
 
 TEST_F(Messages, ToManyRegistrationsOfOneApplicationAllArrive) {

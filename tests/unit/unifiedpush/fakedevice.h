@@ -41,6 +41,8 @@ class FakeDevice {
     std::string base = "https://push.example.org/push/";
     std::string refusal;                      // of createEndpoint: "CODE TEXT"
     std::string receiveRefusal;               // likewise
+    std::string deletionRefusal;              // likewise
+    bool silent = false;                      // true: no request is answered
     bool answersAcknowledgements = true;      // false: none is accepted
     std::map<std::string, int> endpoints;     // name to the number of its key
     std::map<std::string, std::string> keys;  // VAPID, by name
@@ -124,6 +126,10 @@ class FakeDevice {
         const std::string method = QSMessageGetMethod(message);
         const std::string endpoint = textMember(json.get(), "endpoint");
         self->calls.push_back(endpoint.empty() ? method : method + " " + endpoint);
+        if (self->silent) {
+            self->m_unanswered.emplace_back(message);
+            return true;
+        }
         BusError error;
         const std::string answer = self->answerTo(method, endpoint, json.get(), message);
         EXPECT_TRUE(QSMessageReply(handle, message, answer.c_str(), error)) << error.message();
@@ -165,6 +171,8 @@ class FakeDevice {
         return answer.line();
     }
     std::string destroy(const std::string& endpoint) {
+        if (!deletionRefusal.empty())
+            return failure(deletionRefusal);
         endpoints.erase(endpoint);
         m_items.erase(endpoint);
         m_open.erase(endpoint);
@@ -236,4 +244,5 @@ class FakeDevice {
     std::map<std::string, std::deque<Published>> m_items;
     std::map<std::string, std::string> m_open;  // endpoint to its receipt
     std::vector<Received> m_receives;
+    std::vector<KeptMessage> m_unanswered;
 };

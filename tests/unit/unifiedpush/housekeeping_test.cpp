@@ -115,6 +115,11 @@ TEST_F(Housekeeping, TheObjectDescribesBothVersionsAsSoonAsTheNameIsThere) {
     EXPECT_THAT(text, HasSubstr("org.freedesktop.DBus.Method.NoReply"));
 }
 
+TEST_F(Housekeeping, CountsDaysByTheClockOfTheMachine) {
+    const Bridge one(folder / "other");
+    EXPECT_NEAR(static_cast<double>(one.unixTime()), static_cast<double>(time(nullptr)), 2);
+}
+
 TEST_F(Housekeeping, ASecondBridgeOfTheSameUserDoesNothing) {
     start();
     Bridge second(folder / "other");

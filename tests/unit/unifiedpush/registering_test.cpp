@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // Register: who may, what is refused, and in which order disk, answer and address come.
+#include <algorithm>
 #include <filesystem>
 
 #include "tests/unit/unifiedpush/bridgetest.h"
@@ -101,6 +102,20 @@ TEST_F(Registering, WithoutThePushServiceFailsAndIsKeptOverARestart) {
     device = std::make_unique<FakeDevice>();
     ASSERT_TRUE(until([&] { return !app.calls.empty(); }));
     EXPECT_THAT(app.calls, ElementsAre(std::string("NewEndpoint t1 ") + kFirstUrl));
+}
+
+TEST_F(Registering, OfOneTokenAgainAndAgainWaitsEightTimesAtOnce) {
+    device->online = false;
+    start();
+    bridge->networkPatience = 20'000;
+    Application app;
+    for (int i = 0; i < 9; ++i)
+        app.enroll("t1");
+    ASSERT_TRUE(until([&] { return !app.answers.empty(); }));
+    EXPECT_THAT(app.answers, ElementsAre("REGISTRATION_FAILED INTERNAL_ERROR"));
+    device->setOnline(true);
+    ASSERT_TRUE(until([&] { return app.answers.size() == 9; }));
+    EXPECT_EQ(std::count(app.answers.begin(), app.answers.end(), "REGISTRATION_SUCCEEDED"), 8);
 }
 
 TEST_F(Registering, OfANameThatAnotherConnectionHasIsUnauthorized) {

@@ -3,12 +3,16 @@
 #include "unifiedpush/statefile.h"
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
+#include "tests/faults/failingreads.h"
 #include "tests/unit/host/privatebus.h"
 
 namespace {
@@ -133,6 +137,44 @@ TEST_F(OnDisk, WhatCannotBeWrittenLeavesWhatWasThere) {
     std::filesystem::create_directories(file.path() + ".new");
     EXPECT_FALSE(file.save(sample()));
     EXPECT_EQ(text(file.path()), before);
+}
+
+TEST_F(OnDisk, ADiskWithoutRoomLeavesWhatWasThere) {
+    ASSERT_TRUE(file.save(State()));
+    const std::string before = text(file.path());
+    const auto ignored = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit room = {};
+    getrlimit(RLIMIT_FSIZE, &room);
+    const rlimit little = {.rlim_cur = 10, .rlim_max = room.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &little);
+    const bool saved = file.save(sample());
+    setrlimit(RLIMIT_FSIZE, &room);
+    std::signal(SIGXFSZ, ignored);
+    EXPECT_FALSE(saved);
+    EXPECT_EQ(text(file.path()), before);
+}
+
+TEST_F(OnDisk, WhatCannotBeReadIsLeftAlone) {
+    ASSERT_TRUE(file.save(sample()));
+    const std::string before = text(file.path());
+    State state;
+    {
+        const FailingReads failing(file.path(), EIO);
+        EXPECT_FALSE(file.load(state, problem));
+        EXPECT_GT(failing.failures(), 0U);
+    }
+    EXPECT_THAT(problem, HasSubstr("cannot read"));
+    EXPECT_EQ(text(file.path()), before);
+}
+
+TEST_F(OnDisk, WhatIsDamagedAndCannotBeMovedAsideIsToldOf) {
+    write("garbage");
+    for (int number = 1; number < 1000; ++number)
+        std::filesystem::create_directories(file.path() + ".damaged-" + std::to_string(number));
+    State state;
+    EXPECT_FALSE(file.load(state, problem));
+    EXPECT_THAT(problem, HasSubstr("is damaged and cannot be moved away"));
+    EXPECT_EQ(text(file.path()), "garbage");
 }
 
 TEST_F(OnDisk, ALinkInItsPlaceIsNotFollowed) {

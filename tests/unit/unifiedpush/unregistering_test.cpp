@@ -60,6 +60,57 @@ TEST_F(Unregistering, WithoutAConnectionIsCarriedOutAtTheNextAlsoOverARestart) {
     EXPECT_TRUE(until([&] { return stateText().find("up-") == std::string::npos; }));
 }
 
+TEST_F(Unregistering, WithoutThePushServiceIsCarriedOutWhenItIsThere) {
+    start();
+    Application app;
+    enroll(app, "t1");
+    device.reset();
+    app.leave("t1");
+    ASSERT_TRUE(until([&] { return !app.calls.empty(); }));
+    EXPECT_THAT(app.calls, ElementsAre("Unregistered t1"));
+    device = std::make_unique<FakeDevice>();
+    EXPECT_TRUE(until([&] { return device->count("deleteEndpoint " + nameOf("t1")) > 0; }));
+}
+
+TEST_F(Unregistering, ThatTheServerRefusesIsConfirmedAndTriedAgain) {
+    start();
+    Application app;
+    enroll(app, "t1");
+    device->deletionRefusal = "xmppErr internal-server-error";
+    app.leave("t1");
+    ASSERT_TRUE(until([&] { return device->count("deleteEndpoint") == 1; }));
+    enroll(app, "t2");  // the refusal is there before this is answered
+    device->deletionRefusal.clear();
+    restart();
+    EXPECT_TRUE(until([&] { return !device->endpoints.contains(nameOf("t1")); }));
+}
+
+TEST_F(Unregistering, WhenTheConnectionWasLostUnnoticedIsCarriedOutAtTheNext) {
+    start();
+    Application app;
+    enroll(app, "t1");
+    device->online = false;
+    app.leave("t1");
+    ASSERT_TRUE(until([&] { return device->count("deleteEndpoint") == 1; }));
+    EXPECT_EQ(device->endpoints.size(), 1U);
+    device->setOnline(false);
+    device->setOnline(true);
+    EXPECT_TRUE(until([&] { return device->endpoints.empty(); }));
+}
+
+TEST_F(Unregistering, OfOneTokenLeavesTheOthersOfTheApplication) {
+    start();
+    Application app;
+    enroll(app, "t1");
+    enroll(app, "t2");
+    ASSERT_TRUE(isReceived(nameOf("t2")));
+    app.leave("t1");
+    ASSERT_TRUE(until([&] { return device->endpoints.size() == 1; }));
+    device->publish(nameOf("t2"), "i1", "one");
+    ASSERT_TRUE(until([&] { return app.calls.size() == 2; }));
+    EXPECT_THAT(app.calls, ElementsAre("Unregistered t1", "Message t2 one i1"));
+}
+
 TEST_F(Unregistering, IsConfirmedAlsoWhenTheDiskIsFull) {
     start();
     Application app;
