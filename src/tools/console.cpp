@@ -13,6 +13,11 @@ void Console::message(const std::string& text) {
     m_err << "pubsubctl: " << (m_terminals.err ? escapeForTerminal(text) : text) << std::endl;
 }
 
+bool Console::ask(const std::string& question, std::string& answer) {
+    m_err << question << std::flush;
+    return static_cast<bool>(std::getline(m_in, answer));
+}
+
 Exit Console::finish(const Reply& reply, const std::string& terse) {
     if (m_json && !reply.payload.empty())
         line(oneLine(reply.payload));

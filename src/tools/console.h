@@ -13,7 +13,7 @@ class Console {
   public:
     // Which of the two streams are terminals: control characters are escaped on these.
     struct Terminals {
-        bool out = false, err = false;
+        bool out = false, err = false, in = false;
     };
     Console(std::istream& in, std::ostream& out, std::ostream& err, bool json)
         : Console(in, out, err, json, Terminals()) {}
@@ -22,6 +22,10 @@ class Console {
 
     bool json() const { return m_json; }
     std::istream& in() { return m_in; }
+    // Whether a person can be asked.
+    bool isInteractive() const { return m_terminals.in && m_terminals.err; }
+    // Reads a line, after a question on the error stream; false at the end of the input.
+    bool ask(const std::string& question, std::string& answer);
     // Writes one line and flushes it; false when the reader has closed the stream.
     bool line(const std::string& text);
     // Prints a message for the user to the error stream.

@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
     std::string problem;
     const bool understood = parseArguments({argv + 1, argv + argc}, allVerbs(), invocation, problem);
     Console console(std::cin, std::cout, std::cerr, invocation.json,
-                    {isatty(STDOUT_FILENO) == 1, isatty(STDERR_FILENO) == 1});
+                    {isatty(STDOUT_FILENO) == 1, isatty(STDERR_FILENO) == 1, isatty(STDIN_FILENO) == 1});
     if (!understood)
         return static_cast<int>(console.usage(problem));
     if (!takeApplicationId(invocation.app, argv)) {

@@ -69,6 +69,7 @@ Exit runOnCloseRemove(const Invocation& invocation, Console& console);
 Exit runEndpointList(const Invocation& invocation, Console& console);
 // `subscribe` without --newest.
 Exit runReceive(const Invocation& invocation, Console& console);
+Exit runSetup(const Invocation& invocation, Console& console);
 Exit runTrace(const Invocation& invocation, Console& console);
 Exit runPushList(const Invocation& invocation, Console& console);
 Exit runPushRemove(const Invocation& invocation, Console& console);

@@ -25,7 +25,7 @@ MAY_INCLUDE = {
     "xmpp": {"util"},
     "platform": {"util"},
     "util": set(),
-    "tools": {"platform/bus", "unifiedpush", "util"},
+    "tools": {"platform/bus", "unifiedpush", "util", "xmpp"},
     "unifiedpush": {"platform/bus", "util"},
 }
 
@@ -34,7 +34,8 @@ ENGINES = {
     r"systemd/sd-bus": {"platform", "unifiedpush"},
     r"sqlite3\.h": {"platform"},
     r"gnutls/": {"xmpp", "tools"},
-    r"gloox/": {"xmpp", "session", "request", "nodes", "delivery", "endpoints", "maintenance", "service", "util"},
+    r"gloox/": {"xmpp", "session", "request", "nodes", "delivery", "endpoints", "maintenance", "service", "util",
+                "tools"},
 }
 
 

@@ -36,6 +36,30 @@ struct Screen {
     Console console;
 };
 
+TEST(ConsoleAsk, PutsAQuestionOnTheErrorStreamAndReadsALine) {
+    Screen screen(false, "one\ntwo");
+    std::string answer;
+    EXPECT_TRUE(screen.console.ask("First: ", answer));
+    EXPECT_EQ(answer, "one");
+    EXPECT_TRUE(screen.console.ask("Second: ", answer));
+    EXPECT_EQ(answer, "two");
+    EXPECT_FALSE(screen.console.ask("Third: ", answer));
+    EXPECT_EQ(screen.err.str(), "First: Second: Third: ");
+    EXPECT_EQ(screen.out.str(), "");
+}
+
+TEST(ConsoleAsk, IsForTwoTerminals) {
+    for (const Console::Terminals terminals : {Console::Terminals{.out = true, .err = true, .in = false},
+                                               Console::Terminals{.out = true, .err = false, .in = true}}) {
+        std::istringstream in;
+        std::ostringstream out, err;
+        EXPECT_FALSE(Console(in, out, err, false, terminals).isInteractive());
+    }
+    std::istringstream in;
+    std::ostringstream out, err;
+    EXPECT_TRUE(Console(in, out, err, false, {.out = false, .err = true, .in = true}).isInteractive());
+}
+
 TEST(CreateRequest, HoldsOnlyWhatWasAskedFor) {
     EXPECT_EQ(request(createPayload, {"node", "create", "/n"}), R"({"node":"/n"})");
     EXPECT_EQ(request(createPayload, {"node", "create", "/n", "--collection", "--parent", "/p", "--title",
@@ -281,10 +305,12 @@ TEST(Terminal, AloneGetsEscapes) {
 }
 
 TEST(PushLines, NameEndpointApplicationDescriptionAndState) {
-    EXPECT_EQ(pushLines(R"({"registrations":[{"endpoint":"up-1","service":"org.example.mail","description":"inbox",)"
-                        R"("state":"registered"},{"endpoint":"up-2","service":"org.example.chat","description":"",)"
-                        R"("state":"waits for the server"}]})"),
-              "up-1  org.example.mail  \"inbox\"  registered\nup-2  org.example.chat  waits for the server");
+    EXPECT_EQ(
+        pushLines(
+            R"({"registrations":[{"endpoint":"up-1","service":"org.example.mail","description":"inbox",)"
+            R"("state":"registered"},{"endpoint":"up-2","service":"org.example.chat","description":"",)"
+            R"("state":"waits for the server"}]})"),
+        "up-1  org.example.mail  \"inbox\"  registered\nup-2  org.example.chat  waits for the server");
     EXPECT_EQ(pushLines(R"({"registrations":[]})"), "");
     EXPECT_EQ(pushLines("{}"), "");
 }
