@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -57,6 +58,19 @@ class WebPush(PushTest):
 
     def received(self, count):
         return [self.application.decrypt(each).decode() for each in self.contents(self.owner, count)]
+
+    def test_the_program_of_the_page_for_senders_sends(self):
+        page = (ROOT / "docs/senders.md").read_text(encoding="utf-8")
+        program, = re.findall(r"^```js\n(.*?)^```$", page, re.MULTILINE | re.DOTALL)
+        subscription = {"endpoint": self.url(self.key), "keys": self.application.subscription._asdict()}
+        private = webpush.b64(self.sender.private.private_numbers().private_value.to_bytes(32, "big"))
+        script = "const [subscription, publicKey, privateKey] = %s;\n(async () => {%s})();" % (
+            json.dumps([subscription, self.sender.key, private]), program)
+        done = subprocess.run(["node", "-e", script], cwd=MODULES, text=True, capture_output=True, timeout=DEADLINE,
+                              check=False, env=dict(os.environ, NODE_EXTRA_CA_CERTS=self.server.env["CA_FILE"],
+                                                    NODE_PATH=str(MODULES / "node_modules"), NO_PROXY="*"))
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.assertEqual(self.received(1), ["Lunch at noon?"])
 
     def test_ten_messages_arrive_in_order_and_are_decrypted(self):
         texts = ["message %d, ünïcode" % each for each in range(10)]
