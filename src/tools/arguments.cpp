@@ -7,6 +7,7 @@
 #include <charconv>
 #include <span>
 
+#include "tools/suggestion.h"
 #include "util/applicationid.h"
 
 namespace {
@@ -26,6 +27,17 @@ std::string verbName(const Verb& verb) {
     for (const char* word : verb.words)
         name += (name.empty() ? "" : " ") + std::string(word);
     return name;
+}
+
+// All verbs, or those of a group.
+std::string verbLines(const std::vector<Verb>& verbs, const std::string& group = "") {
+    std::string text;
+    for (const Verb& verb : verbs) {
+        if (group.empty() || group == verb.words[0])
+            text +=
+                "  " + verbName(verb) + (*verb.usage ? " " : "") + verb.usage + "\n      " + verb.help + "\n";
+    }
+    return text;
 }
 
 // One pass over the words. Words before the verb may only be global options.
@@ -90,7 +102,11 @@ class Reader {
             if (verb.words.size() == m_verbWords.size())
                 m_result.verb = &verb;
         }
-        return some || fail("unknown verb \"" + m_verbWords.back() + "\"; `pubsubctl --help` lists them");
+        if (some)
+            return true;
+        const std::string meant = suggestion(m_verbWords, m_verbs);
+        return fail("unknown verb \"" + m_verbWords.back() + "\"; " +
+                    (meant.empty() ? "`pubsubctl --help` lists them" : meant));
     }
 
     bool readLong(const std::string& word) {
@@ -172,12 +188,14 @@ class Reader {
     }
 
     bool finish() {
+        if (!m_result.verb && !m_verbWords.empty())
+            m_result.group = m_verbWords[0];
         if (m_result.help || m_result.version)
             return true;
         if (!m_result.verb)
-            return m_verbWords.empty()
-                       ? fail("no verb given; `pubsubctl --help` lists them")
-                       : fail("\"" + m_verbWords[0] + "\" needs a second word; `pubsubctl --help`");
+            return m_verbWords.empty() ? fail("no verb given; `pubsubctl --help` lists them")
+                                       : fail("\"" + m_verbWords[0] + "\" needs a second word:\n" +
+                                              verbLines(m_verbs, m_verbWords[0]));
         const Verb& verb = *m_result.verb;
         const std::string usage = "usage: pubsubctl " + verbName(verb) + " " + verb.usage;
         if (m_result.arguments.size() < verb.minArguments)
@@ -247,9 +265,7 @@ bool parseArguments(const std::vector<std::string>& words, const std::vector<Ver
 }
 
 std::string overview(const std::vector<Verb>& verbs) {
-    std::string text = "usage: pubsubctl [OPTION...] VERB ...\n\nVerbs:\n";
-    for (const Verb& verb : verbs)
-        text += "  " + verbName(verb) + " " + verb.usage + "\n      " + verb.help + "\n";
+    std::string text = "usage: pubsubctl [OPTION...] VERB ...\n\nVerbs:\n" + verbLines(verbs);
     text += "\nOptions:\n" + optionLines(kGlobalOptions);
     text +=
         "\nExit codes: 0 done, 1 a command failed, 2 wrong usage, 3 refused by the service, 4 not connected, "
@@ -257,6 +273,11 @@ std::string overview(const std::vector<Verb>& verbs) {
         "ZELT_PRIVATE_BUS and ZELT_PUBLIC_BUS say where the buses are, PUBSUB_HTTP_URL or HTTP_URL where to\n"
         "publish with a key.\n";
     return text;
+}
+
+std::string groupText(const std::vector<Verb>& verbs, const std::string& group) {
+    return "usage: pubsubctl [OPTION...] " + group + " ...\n\nVerbs:\n" + verbLines(verbs, group) +
+           "\n`pubsubctl " + group + " VERB --help` explains one.\n";
 }
 
 std::string helpText(const Verb& verb) {

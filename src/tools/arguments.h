@@ -32,6 +32,7 @@ struct Verb {
 // A parsed command line. Option values are stored under the long name; a switch holds "".
 struct Invocation {
     const Verb* verb = nullptr;  // null for --help and --version alone
+    std::string group;           // the first word of several verbs, when no second one followed
     std::vector<std::string> arguments;
     std::map<std::string, std::string> options;
     std::vector<std::pair<std::string, std::string>> given;  // all options in order, repeated ones too
@@ -54,4 +55,6 @@ bool parseArguments(const std::vector<std::string>& words, const std::vector<Ver
 bool parseCount(const std::string& text, unsigned& value);
 
 std::string overview(const std::vector<Verb>& verbs);
+// The verbs that begin with a word.
+std::string groupText(const std::vector<Verb>& verbs, const std::string& group);
 std::string helpText(const Verb& verb);

@@ -212,7 +212,7 @@ Exit Doctor::run() {
     const Finding login = judgeLogin(ask(methodUri("subscribeConnStatus"), "{}"), m_keeper);
     report(login);
     if (login.state == Finding::State::Good)
-        report(judgeExtension(ask(methodUri("activateNode"), "{\"node\":\"/pubsubctl/doctor\"}").payload));
+        report(judgeExtension(ask(methodUri("getTrace"), "{\"itemid\":\"pubsubctl-doctor\"}").payload));
     else
         report({"server extension", Finding::State::Unknown, "requires a login", ""});
     checkFolders();
@@ -262,17 +262,15 @@ Finding checkFolder(const std::string& check, const std::string& folder) {
     return {check, Finding::State::Good, folder, ""};
 }
 
-// The node does not exist, so a server with the extension answers item-not-found.
+// Nothing is known of the item, which is no error: only a server without the extension refuses to look.
 Finding judgeExtension(const std::string& payload) {
     const JsonRef answer = parseWholeJson(payload);
-    const std::string text = textMember(answer.get(), "errorText");
-    const bool understood =
-        boolMember(answer.get(), "returnValue") || text.find("item-not-found") != std::string::npos;
-    if (understood)
+    if (boolMember(answer.get(), "server"))
         return {"server extension", Finding::State::Good, "the server supports device operations", ""};
-    if (payload.empty())
+    const std::string refusal = textMember(answer.get(), "serverError");
+    if (refusal.empty())
         return {"server extension", Finding::State::Unknown, "no answer from the server", ""};
-    return {"server extension", Finding::State::Bad, "the server answers device operations with: " + text,
+    return {"server extension", Finding::State::Bad, "the server answers device operations with: " + refusal,
             "load mod_pubsub_device on the server"};
 }
 

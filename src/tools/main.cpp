@@ -42,7 +42,9 @@ int main(int argc, char** argv) {
         return static_cast<int>(Exit::NotConnected);
     }
     if (invocation.help)
-        std::cout << (invocation.verb ? helpText(*invocation.verb) : overview(allVerbs()));
+        std::cout << (invocation.verb            ? helpText(*invocation.verb)
+                      : invocation.group.empty() ? overview(allVerbs())
+                                                 : groupText(allVerbs(), invocation.group));
     else if (invocation.version)
         std::cout << "pubsubctl " << PUBSUB_VERSION << "\n";
     else

@@ -143,8 +143,17 @@ class Device:
         watching.signal(signal.SIGTERM)
         self.assertEqual(watching.end()[0], 0)
 
+    def test_the_doctor_asks_without_an_error_in_the_services_log(self):
+        self.stage.wait_connected()
+        before = self.stage.log("service")
+        report = self.good("doctor")
+        self.assertIn("ok      server extension: the server supports device operations", report)
+        self.assertEqual(self.stage.log("service")[len(before):], "")
+
     def test_wrong_usage_sends_nothing(self):
         self.refused(2, "unknown verb", "frobnicate")
+        self.refused(2, 'did you mean "status"?', "stauts")
+        self.refused(2, "node publish NODE", "node")
         self.refused(2, "an argument is missing", "endpoint", "create")
         self.refused(2, "application id", "--app", "no id", "status")
         self.refused(2, "--subid is missing", "pending", "deny", "/n", "--id", "1")

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include "tools/suggestion.h"
 #include "tools/verbs.h"
 
 namespace {
@@ -136,7 +137,19 @@ INSTANTIATE_TEST_SUITE_P(
     Table, RefusedArguments,
     testing::Values(Refusal{{}, "no verb given; `pubsubctl --help` lists them"},
                     Refusal{{"frobnicate"}, "unknown verb \"frobnicate\"; `pubsubctl --help` lists them"},
-                    Refusal{{"node"}, "\"node\" needs a second word; `pubsubctl --help`"},
+                    Refusal{{"stauts"}, "unknown verb \"stauts\"; did you mean \"status\"?"},
+                    Refusal{{"nod", "create"}, "unknown verb \"nod\"; did you mean \"node\"?"},
+                    Refusal{{"node", "crate"}, "unknown verb \"crate\"; did you mean \"node create\"?"},
+                    Refusal{{"create"},
+                            "unknown verb \"create\"; did you mean \"node create\" or \"endpoint create\"?"},
+                    Refusal{{"onclose"},
+                            "\"onclose\" needs a second word:\n"
+                            "  onclose listen [-C COUNT] [-W SECONDS]\n"
+                            "      print notices of items for closed applications; one listener at a time\n"
+                            "  onclose add ENDPOINT\n"
+                            "      announce the endpoint's items while this application is closed\n"
+                            "  onclose remove ENDPOINT\n"
+                            "      end those announcements\n"},
                     Refusal{{"node", "paint"}, "unknown verb \"paint\"; `pubsubctl --help` lists them"},
                     Refusal{{"node", "delete"}, "an argument is missing; usage: pubsubctl node delete NODE"},
                     Refusal{{"node", "delete", "/a", "/b"},
@@ -170,6 +183,33 @@ TEST(Arguments, NameEveryVerbInTheOverviewAndEveryOptionInTheHelp) {
             EXPECT_THAT(helpText(verb), testing::HasSubstr(std::string("--") + option.name));
     }
     EXPECT_THAT(text, testing::HasSubstr("3 refused by the service"));
+}
+
+TEST(Arguments, ListTheVerbsOfAGroupAlone) {
+    Parsed parsed = parse({"push", "--help"});
+    ASSERT_TRUE(parsed.ok) << parsed.problem;
+    EXPECT_EQ(parsed.invocation.verb, nullptr);
+    EXPECT_EQ(parsed.invocation.group, "push");
+    const std::string text = groupText(allVerbs(), "push");
+    EXPECT_THAT(text, testing::HasSubstr("\n  push remove ENDPOINT\n"));
+    EXPECT_THAT(text, testing::Not(testing::HasSubstr("onclose")));
+}
+
+TEST(Suggestions, CountWhatWasMistyped) {
+    EXPECT_EQ(editDistance("status", "status"), 0U);
+    EXPECT_EQ(editDistance("stats", "status"), 1U);
+    EXPECT_EQ(editDistance("stauts", "status"), 1U);
+    EXPECT_EQ(editDistance("", "abc"), 3U);
+    EXPECT_EQ(editDistance("abc", ""), 3U);
+    EXPECT_EQ(editDistance("abcd", "axcy"), 2U);
+}
+
+TEST(Suggestions, AreFewOrNone) {
+    EXPECT_EQ(suggestion({"x"}, allVerbs()), "");
+    EXPECT_EQ(suggestion({"remove"}, allVerbs()), "did you mean \"push remove\" or \"onclose remove\"?");
+    EXPECT_EQ(suggestion({"list"}, allVerbs()),
+              "did you mean \"endpoint list\", \"push list\" or \"pending list\"?");
+    EXPECT_EQ(suggestion({"session", "logout"}, allVerbs()), "did you mean \"session login\"?");
 }
 
 TEST(Counts, AreWholeNumbersOfAtLeastOne) {

@@ -123,15 +123,14 @@ TEST(DoctorFolder, IsThereOrMissing) {
     EXPECT_EQ(missing.detail, (folder / "none") + ": No such file or directory");
 }
 
-TEST(DoctorExtension, IsKnownByTheErrorOfAnUnknownNode) {
-    EXPECT_EQ(
-        judgeExtension(R"({"returnValue":false,"errorCode":"xmppErr","errorText":"item-not-found"})").state,
-        State::Good);
-    EXPECT_EQ(judgeExtension(R"({"returnValue":true,"endpoint":"/n"})").state, State::Good);
-    Finding missing =
-        judgeExtension(R"({"returnValue":false,"errorCode":"xmppErr","errorText":"service-unavailable"})");
+TEST(DoctorExtension, IsKnownByTheAnswerToAQuestionThatIsNoError) {
+    EXPECT_EQ(judgeExtension(R"({"returnValue":true,"itemid":"i","server":true,"stations":[]})").state, State::Good);
+    Finding missing = judgeExtension(
+        R"({"returnValue":true,"itemid":"i","server":false,"serverError":"service-unavailable","stations":[]})");
     EXPECT_EQ(missing.state, State::Bad);
     EXPECT_EQ(missing.detail, "the server answers device operations with: service-unavailable");
+    EXPECT_EQ(judgeExtension(R"({"returnValue":true,"itemid":"i","server":false,"stations":[]})").state,
+              State::Unknown);
     EXPECT_EQ(judgeExtension("").state, State::Unknown);
 }
 
