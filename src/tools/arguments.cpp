@@ -20,14 +20,10 @@ constexpr OptionSpec kGlobalOptions[] = {
      .help = "call as this application; works where the service lets callers name themselves"},
     {.name = "help", .letter = 'h', .help = "show this help, or the help of a verb"},
     {.name = "version", .help = "show the version"},
+    {.name = "print",
+     .value = "bash|zsh|fish|man",
+     .help = "print a text made from the verbs: completions for a shell, or the parts of the manual page"},
 };
-
-std::string verbName(const Verb& verb) {
-    std::string name;
-    for (const char* word : verb.words)
-        name += (name.empty() ? "" : " ") + std::string(word);
-    return name;
-}
 
 // All verbs, or those of a group.
 std::string verbLines(const std::vector<Verb>& verbs, const std::string& group = "") {
@@ -169,9 +165,17 @@ class Reader {
             m_result.version = true;
         else if (name == "app")
             return takeApplication(value);
+        else if (name == "print")
+            return takePrint(value);
         else if (!parseCount(value, m_result.timeoutSeconds))
             return fail("--timeout takes a whole number of seconds from 1 to 1000000, not \"" + value + "\"");
         return true;
+    }
+
+    bool takePrint(const std::string& what) {
+        m_result.print = what;
+        return what == "bash" || what == "zsh" || what == "fish" || what == "man" ||
+               fail("--print takes bash, zsh, fish or man, not \"" + what + "\"");
     }
 
     bool takeApplication(const std::string& id) {
@@ -190,7 +194,7 @@ class Reader {
     bool finish() {
         if (!m_result.verb && !m_verbWords.empty())
             m_result.group = m_verbWords[0];
-        if (m_result.help || m_result.version)
+        if (m_result.help || m_result.version || !m_result.print.empty())
             return true;
         if (!m_result.verb)
             return m_verbWords.empty() ? fail("no verb given; `pubsubctl --help` lists them")
@@ -235,6 +239,17 @@ std::string optionLines(std::span<const OptionSpec> options) {
 }
 
 }  // namespace
+
+std::span<const OptionSpec> globalOptions() {
+    return kGlobalOptions;
+}
+
+std::string verbName(const Verb& verb) {
+    std::string name;
+    for (const char* word : verb.words)
+        name += (name.empty() ? "" : " ") + std::string(word);
+    return name;
+}
 
 std::string Invocation::value(const char* option) const {
     auto found = options.find(option);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,7 @@ struct Invocation {
     bool json = false;
     bool help = false;
     bool version = false;
+    std::string print;  // what --print names; "" without it
     unsigned timeoutSeconds = 30;
 
     bool has(const char* option) const { return options.contains(option); }
@@ -54,6 +56,10 @@ bool parseArguments(const std::vector<std::string>& words, const std::vector<Ver
 // A whole number of at least 1; false for anything else.
 bool parseCount(const std::string& text, unsigned& value);
 
+// Those that stand before a verb.
+std::span<const OptionSpec> globalOptions();
+// "node create"
+std::string verbName(const Verb& verb);
 std::string overview(const std::vector<Verb>& verbs);
 // The verbs that begin with a word.
 std::string groupText(const std::vector<Verb>& verbs, const std::string& group);

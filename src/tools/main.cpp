@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "tools/printed.h"
 #include "tools/verbs.h"
 
 namespace {
@@ -47,6 +48,8 @@ int main(int argc, char** argv) {
                                                  : groupText(allVerbs(), invocation.group));
     else if (invocation.version)
         std::cout << "pubsubctl " << PUBSUB_VERSION << "\n";
+    else if (!invocation.print.empty())
+        std::cout << printedText(invocation.print, allVerbs());
     else
         return static_cast<int>(invocation.verb->run(invocation, console));
     return 0;

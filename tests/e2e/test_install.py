@@ -28,6 +28,12 @@ DATA = sorted([
     "lib/tmpfiles.d/zelt.conf",
     "share/dbus-1/services/org.unifiedpush.Distributor.pubsubservice.service",
     "share/dbus-1/system.d/com.zelt.pubsubservice.conf",
+    "share/man/man1/pubsubctl.1",
+    "share/man/man1/zelt-unifiedpush.1",
+    "share/man/man5/host.conf.5",
+    "share/man/man5/pubsub.conf.5",
+    "share/man/man8/pubsubservice.8",
+    "share/man/man8/zelt-host.8",
     "share/zelt/private-bus.conf",
 ])
 
