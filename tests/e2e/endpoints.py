@@ -139,6 +139,7 @@ class EndpointsTest(StageTest):
         """Makes the endpoint and returns its key."""
         answer = app.call("createEndpoint", dict(members, endpoint=endpoint))
         self.assertEqual(set(answer), {"returnValue", "endpoint", "publishKey"}, answer)
+        self.stage.secrets.add(answer["publishKey"])
         return answer["publishKey"]
 
     def subscribe(self, app, endpoint):

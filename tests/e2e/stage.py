@@ -49,6 +49,7 @@ class Stage:
         self.device = Device(self.dir)
         self.env = {}
         self.service_pid = 0
+        self.secrets = set()  # tokens, keys and items that no log may hold
 
     def up(self):
         done = subprocess.run([str(ROOT / "demo"), "--up", str(self.dir)], stdin=subprocess.DEVNULL,
@@ -64,9 +65,25 @@ class Stage:
                        capture_output=True, check=False)
         reports = [word for word in SANITIZER_WORDS if word in self.logs()]
         logs = self.logs() if reports else ""
+        told = self.told_secrets()
         shutil.rmtree(self.dir, ignore_errors=True)
+        if told:
+            raise AssertionError("a log holds a secret:\n" + "\n".join(told))
         if reports:
             raise AssertionError(f"a sanitizer reported:\n{logs}")
+
+    def told_secrets(self):
+        """The lines of all logs, those of the server too, that hold the device's token or another secret."""
+        account = self.path("host", "account.json")
+        secrets = set(self.secrets)
+        if account.exists():
+            secrets.add(json.loads(account.read_text(encoding="utf-8"))["token"])
+        lines = []
+        for path in [*self.dir.glob("log/*.log"), *self.dir.glob("server/**/*.log")]:
+            for line in path.read_text(encoding="utf-8", errors="replace").splitlines():
+                if any(secret in line for secret in secrets):
+                    lines.append(f"{path.name}: {line}")
+        return lines
 
     def logs(self):
         texts = []
