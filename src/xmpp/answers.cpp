@@ -259,6 +259,10 @@ void Manager::deliver(const Request& request, const std::string& id, const gloox
             return deliverPending(handler, id, iq, error);
         case Operation::PendingNodeRequest:
             return handler.handlePendingNodeRequest(id, service, node, error);
+        case Operation::Features:
+        case Operation::Parts:
+        case Operation::RegisterPush:
+            return deliverPush(request, id, iq, error);
     }
 }
 

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "xmpp/pushprovider.h"
 #include "xmpp/streamparser.h"
 
 namespace xmpp {
@@ -81,6 +82,9 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     // Called when the messages of a piece of input, which is what one read of the socket returned, have been
     // handled, and before any other stanza of it is. What it sends goes out with the rest of the piece.
     void setMessagesDone(std::function<void()> done) { m_messagesDone = std::move(done); }
+    // Called with each message of a push provider, whoever sent it. Without it they are answered as unknown.
+    using PushHandler = std::function<void(const ReceivedPush& push)>;
+    void setPushHandler(PushHandler handler) { m_pushHandler = std::move(handler); }
     // Whether a piece of input is being handled.
     bool isHandlingInput() const { return m_handlingInput; }
     gloox::LogSink& logInstance();
@@ -117,6 +121,7 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     bool isService(const std::string& jid) const;
     bool isForeignEvent(const gloox::Tag& message);
     void passMessage(const gloox::Tag& message);
+    bool passPush(const gloox::Tag& stanza);
     void logIncoming(const gloox::Tag& tag);
     void parse(const std::string& data);
     void reportMessagesDone();
@@ -130,6 +135,7 @@ class Client : public gloox::Client, private gloox::ConnectionListener, private 
     std::vector<gloox::MessageHandler*> m_messageHandlers;
     Manager* m_manager = nullptr;  // borrowed; resets this itself
     std::function<void()> m_messagesDone;
+    PushHandler m_pushHandler;
     gloox::JID m_service;          // the one sender of events and forms
     std::deque<Sender> m_senders;  // the last ones: preparing a JID takes a tenth of an item's CPU time
     StreamParser m_streamParser{*this};

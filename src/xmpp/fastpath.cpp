@@ -81,6 +81,8 @@ void Client::handleTag(gloox::Tag* tag) {
         m_manager->handleAnswer(*tag);
         return;
     }
+    if (bound && passPush(*tag))
+        return;
     // Never requested; gloox would treat "enabled" as the end of the login.
     if (tag->xmlns() == kStreamManagement)
         return;
@@ -107,6 +109,17 @@ void Client::passMessage(const gloox::Tag& message) {
     const ReceivedMessage received(message);
     for (std::size_t i = 0; i < m_messageHandlers.size(); ++i)
         m_messageHandlers[i]->handleMessage(received);
+}
+
+bool Client::passPush(const gloox::Tag& stanza) {
+    if (!m_pushHandler || m_disposed)
+        return false;
+    const std::optional<ReceivedPush> push = readPush(stanza);
+    if (!push)
+        return false;
+    logIncoming(stanza);
+    m_pushHandler(*push);
+    return true;
 }
 
 bool Client::isForeignEvent(const gloox::Tag& message) {

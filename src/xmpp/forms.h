@@ -5,6 +5,7 @@
 namespace xmpp {
 
 inline constexpr char kDeviceXmlns[] = "urn:zelt:pubsub:device:0";
+inline constexpr char kPushXmlns[] = "http://gultsch.de/xmpp/drafts/unified-push";
 inline constexpr char kCommandsXmlns[] = "http://jabber.org/protocol/commands";
 inline constexpr char kGetPending[] = "http://jabber.org/protocol/pubsub#get-pending";
 inline constexpr char kNodeConfigForm[] = "http://jabber.org/protocol/pubsub#node_config";

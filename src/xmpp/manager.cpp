@@ -353,7 +353,9 @@ bool Manager::isUsable(const Request& request) const {
         return false;
     if (request.operation == Operation::Subscribe || request.operation == Operation::Unsubscribe)
         return !request.node.empty() && request.subscriber;
-    return request.operation == Operation::PendingRequest || !request.node.empty();
+    const bool ofNode =
+        request.operation != Operation::PendingRequest && request.operation < Operation::Features;
+    return !ofNode || !request.node.empty();
 }
 
 std::string Manager::sendRequest(Request request, const std::string& id, StanzaWriter& stanza) {

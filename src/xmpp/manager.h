@@ -20,6 +20,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "xmpp/pushprovider.h"
 #include "xmpp/resulthandler.h"
 
 namespace xmpp {
@@ -105,6 +106,15 @@ class Manager : public gloox::PubSub::Manager {
     std::string ackItem(const gloox::JID& service, const std::string& node, const std::string& item,
                         const std::string& seqNo = {});
 
+    // pushprovider.cpp: what a server offers (XEP-0030), and the push protocol of its provider
+    std::string askFeatures(const gloox::JID& entity, ResultHandler* handler);
+    std::string askParts(const gloox::JID& entity, ResultHandler* handler);
+    // `application` and `instance` are 32 bytes each, in base64.
+    std::string registerPush(const gloox::JID& provider, const std::string& application,
+                             const std::string& instance, ResultHandler* handler);
+    // Answers a push: null is success. Held without a stream, like every message.
+    void answerPush(const PushAnswer& answer);
+
     // --- for the client
     // The stream is up: operations are sent at once from now on, those of the connection listeners before
     // the held ones.
@@ -136,7 +146,10 @@ class Manager : public gloox::PubSub::Manager {
         Waiting,
         Trace,
         PendingRequest,
-        PendingNodeRequest
+        PendingNodeRequest,
+        Features,
+        Parts,
+        RegisterPush
     };
     // A bulk operation, sent in several stanzas and answered once.
     struct Bulk {
@@ -171,6 +184,8 @@ class Manager : public gloox::PubSub::Manager {
     std::string bulk(Operation operation, const char* element, const gloox::JID& service,
                      const gloox::StringList& nodes, ResultHandler* handler,
                      const ActivationLimit& limit = {});
+    std::string askDisco(Operation operation, const char* xmlns, const gloox::JID& entity,
+                         ResultHandler* handler);
     bool isUsable(const Request& request) const;
     std::string sendRequest(Request request, const std::string& id, StanzaWriter& stanza);
     std::string sendMessage(const gloox::JID& service, const std::string& id, StanzaWriter& stanza);
@@ -182,6 +197,10 @@ class Manager : public gloox::PubSub::Manager {
     // answers.cpp
     void handleBulkAnswer(const Request& request, const gloox::Tag& iq, const gloox::Tag* error);
     void handleWaitingAnswer(const Request& request, const gloox::Tag& iq, const gloox::Tag* error);
+    // pushprovider.cpp
+    static void deliverPush(const Request& request, const std::string& id, const gloox::Tag& iq,
+                            const gloox::Error* error);
+    // answers.cpp
     static void deliver(const Request& request, const std::string& id, const gloox::Tag& iq,
                         const gloox::Error* error);
 

@@ -65,6 +65,17 @@ class ResultHandler : public gloox::PubSub::ResultHandler {
     virtual void handleTrace(const std::string& id, const gloox::JID& service, const std::string& itemId,
                              const ServerTrace& trace, const gloox::Error* error) = 0;
 
+    // The features (XEP-0030) of an entity; none after an error.
+    virtual void handleFeatures(const std::string& id, const gloox::JID& entity,
+                                const gloox::StringList& features, const gloox::Error* error) = 0;
+    // The JIDs of an entity's items (XEP-0030); none after an error.
+    virtual void handleParts(const std::string& id, const gloox::JID& entity, const gloox::StringList& parts,
+                             const gloox::Error* error) = 0;
+    // The address that a push provider has given, and until when, in the form of XEP-0082.
+    virtual void handlePushRegistration(const std::string& id, const gloox::JID& provider,
+                                        const std::string& url, const std::string& expiration,
+                                        const gloox::Error* error) = 0;
+
     // gloox's own spellings of three handlers; final, and forwarded.
     void handleItemDeletion(const std::string& id, const gloox::JID& service, const std::string& node,
                             const gloox::PubSub::ItemList& items, const gloox::Error* error = nullptr) final {

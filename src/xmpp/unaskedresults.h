@@ -40,6 +40,12 @@ class UnaskedResults : public ResultHandler, public gloox::DiscoHandler {
                             const gloox::Error*) override {}
     void handleDefaultNodeConfig(const std::string&, const gloox::JID&, const gloox::DataForm*,
                                  const gloox::Error*) override {}
+    void handleFeatures(const std::string&, const gloox::JID&, const gloox::StringList&,
+                        const gloox::Error*) override {}
+    void handleParts(const std::string&, const gloox::JID&, const gloox::StringList&,
+                     const gloox::Error*) override {}
+    void handlePushRegistration(const std::string&, const gloox::JID&, const std::string&, const std::string&,
+                                const gloox::Error*) override {}
     void handleDiscoInfo(const gloox::JID&, const gloox::Disco::Info&, int) override {}
     void handleDiscoItems(const gloox::JID&, const gloox::Disco::Items&, int) override {}
     void handleDiscoError(const gloox::JID&, const gloox::Error*, int) override {}
