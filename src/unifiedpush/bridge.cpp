@@ -39,6 +39,9 @@ Bridge::Bridge(std::string folder)
     m_device.onAppeared = [this] { appeared(); };
     m_device.onConnected = [this] { connected(); };
     m_device.onItem = [this](const std::string& endpoint, json_object* json) { takeItem(endpoint, json); };
+    m_device.onAddress = [this](const std::string& endpoint, const std::string& url) {
+        addressChanged(endpoint, url);
+    };
     m_device.onWithdrawn = [this](const std::string& endpoint) { m_delivery.withdraw(endpoint); };
     m_device.onReceiveRefused = [this](const std::string& endpoint) {
         m_confirmed.erase(endpoint);

@@ -89,6 +89,7 @@ class Bridge {
     void created(const std::string& endpoint, const DeviceAnswer& answer);
     void takeAnswer(const std::string& endpoint, const DeviceAnswer& answer);
     void attendAgain();
+    void addressChanged(const std::string& endpoint, const std::string& url);
     void takeAddress(const std::string& endpoint, Registration& registration, const std::string& url);
     void refused(const std::string& endpoint, const DeviceAnswer& answer, const char* reason);
     void erase(const std::string& endpoint);

@@ -300,6 +300,8 @@ bool Device::onReceived(QSHandle*, QSMessage* message, void* context) {
         device->refused(receive, answer);
     else if (jsonMember(json, "receipt"))
         device->onItem(textMember(json, "endpoint"), json);
+    else if (jsonMember(json, "url"))
+        device->onAddress(textMember(json, "endpoint"), textMember(json, "url"));
     else
         device->m_refusals = 0;
     return true;

@@ -34,6 +34,8 @@ class Device {
     std::function<void()> onAppeared;   // nothing is received yet
     std::function<void()> onConnected;  // to the server, after a loss
     std::function<void(const std::string& endpoint, json_object* item)> onItem;
+    // The endpoint has another address from now on.
+    std::function<void(const std::string& endpoint, const std::string& url)> onAddress;
     std::function<void(const std::string& endpoint)> onWithdrawn;       // its receipts are void
     std::function<void(const std::string& endpoint)> onReceiveRefused;  // does not exist, says the service
 

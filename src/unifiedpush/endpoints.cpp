@@ -125,6 +125,13 @@ void Bridge::takeAnswer(const std::string& endpoint, const DeviceAnswer& answer)
     }
 }
 
+// The service has renewed it. One that it asks for itself comes with the answer.
+void Bridge::addressChanged(const std::string& endpoint, const std::string& url) {
+    const auto found = m_state.registrations.find(endpoint);
+    if (found != m_state.registrations.end() && isUrl(url) && found->second.url != url)
+        takeAddress(endpoint, found->second, url);
+}
+
 void Bridge::takeAddress(const std::string& endpoint, Registration& registration, const std::string& url) {
     const std::string before = std::exchange(registration.url, url);
     registration.announced = false;

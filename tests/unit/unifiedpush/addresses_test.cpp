@@ -29,6 +29,31 @@ TEST_F(Addresses, ThatChangeAreToldAfterTheNextConnection) {
     EXPECT_THAT(other.calls, ElementsAre("NewEndpoint t2 https://elsewhere.example.org/push/2"));
 }
 
+TEST_F(Addresses, ThatTheServiceHasRenewedAreStoredAndToldAndItemsGoOn) {
+    start();
+    Application app;
+    enroll(app, "t1");
+    ASSERT_TRUE(isReceived(nameOf("t1")));
+    device->tellAddress(nameOf("t1"), "https://push.example.org/push/renewed");
+    ASSERT_TRUE(until([&] { return !app.calls.empty(); }));
+    EXPECT_THAT(app.calls, ElementsAre("NewEndpoint t1 https://push.example.org/push/renewed"));
+    EXPECT_NE(stateText().find("https://push.example.org/push/renewed"), std::string::npos);
+    device->publish(nameOf("t1"), "i1", "one");
+    EXPECT_TRUE(isTaken("i1"));
+}
+
+TEST_F(Addresses, ThatNoSenderCanUseAreNotTaken) {
+    start();
+    Application app;
+    enroll(app, "t1");
+    ASSERT_TRUE(isReceived(nameOf("t1")));
+    device->tellAddress(nameOf("t1"), "ftp://push.example.org/1");
+    device->tellAddress(nameOf("t1"), "https://push.example.org/push/1");  // the one it has
+    device->publish(nameOf("t1"), "i1", "one");
+    ASSERT_TRUE(isTaken("i1"));
+    EXPECT_THAT(app.calls, ElementsAre("Message t1 one i1"));
+}
+
 TEST_F(Addresses, ThatDoNotChangeAreNotToldAgain) {
     start();
     Application app;

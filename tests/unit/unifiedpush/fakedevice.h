@@ -6,6 +6,7 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
 #include <map>
 #include <string>
@@ -57,6 +58,18 @@ class FakeDevice {
     // The oldest item is another one from now on; whoever has it finds out when it is sent again.
     void replace(const std::string& endpoint, const std::string& id, const std::string& text) {
         m_items[endpoint].front() = {id, text, 0, false};
+    }
+    // Tells whoever receives the endpoint another address.
+    void tellAddress(const std::string& endpoint, const std::string& url) {
+        JsonObject told;
+        told.set("returnValue", true).set("endpoint", endpoint).set("url", url);
+        BusError error;
+        for (const Received& receive : m_receives) {
+            const auto& names = receive.endpoints;
+            if (std::find(names.begin(), names.end(), endpoint) == names.end())
+                continue;
+            EXPECT_TRUE(QSMessageRespond(receive.message.get(), told.line().c_str(), error)) << error.message();
+        }
     }
     // The items that are not acknowledged.
     std::size_t waiting(const std::string& endpoint) { return m_items[endpoint].size(); }
