@@ -20,14 +20,17 @@ namespace {
 
 constexpr int kDecimal = 10;
 constexpr char kDelete[] = "delete";
+constexpr char kPush[] = "push:";
 constexpr char kSeqNo[] = "seqNo:";
 // More than a server that is killed forgets: it then sends again what was acknowledged a moment before.
 constexpr std::size_t kMostTaken = 64;
 
-// The key of a node's number: its name, unless a record of the deletion store may have that key. No two nodes
+// The key of a node's number: its name, unless a record of the deletion store or a push registration may have
+// that key. No two nodes
 // share a key.
 std::string keyOf(const std::string& node) {
-    return node.starts_with(kDelete) || node.starts_with(kSeqNo) ? kSeqNo + node : node;
+    const bool isReserved = node.starts_with(kDelete) || node.starts_with(kPush) || node.starts_with(kSeqNo);
+    return isReserved ? kSeqNo + node : node;
 }
 
 // Whether an earlier release stored the number of `node` under a key of the deletion store.

@@ -31,7 +31,8 @@ bool listEndpoints(QSHandle* handle, QSMessage* message, void*) {
     Request request(handle, message, kParameterRefusal);
     if (!request.isReady(false) || !request.formNode())
         return request.refuse();
-    const std::vector<std::string> nodes = session.ownedNodes(request.appId, request.node);
+    std::vector<std::string> nodes = session.ownedNodes(request.appId, request.node);
+    std::erase_if(nodes, [&](const std::string& node) { return session.isPushNode(node); });
     const bool asks = session.m_connected && !nodes.empty();
     const std::string id =
         asks ? session.m_pubsub->waitingItems(session.pubsubService(),
@@ -59,7 +60,10 @@ void PubSubSession::answerEndpoints(const _endpointStruct& request,
         endpoint.set("endpoint", node.substr(request.node.size()))
             .set("receiver", receiverOf(node) != nullptr)
             .set("subscriber", subMap.contains(node));
-        setCount(endpoint, counts, node);
+        if (isPushNode(node))
+            endpoint.set("waiting", 0);
+        else
+            setCount(endpoint, counts, node);
         endpoint.set("cached", isCached(node));
         endpoints.add(endpoint.release());
     }

@@ -9,6 +9,10 @@ bool createEndpoint(QSHandle* handle, QSMessage* message, void* context);
 bool deleteEndpoint(QSHandle* handle, QSMessage* message, void* context);
 bool getPublishKey(QSHandle* handle, QSMessage* message, void* context);
 
+// endpoints/pushbackend.cpp, pushendpoint.cpp; the second is the target of an alarm
+bool getPushBackend(QSHandle* handle, QSMessage* message, void* context);
+bool pushRenewalTimer(QSHandle* handle, QSMessage* message, void* context);
+
 // endpoints/publicsubscribe.cpp
 bool subscribe(QSHandle* handle, QSMessage* message, void* context);
 bool unsubscribe(QSHandle* handle, QSMessage* message, void* context);

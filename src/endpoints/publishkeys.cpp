@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "endpoints/methods.h"
+#include "endpoints/pushendpoint.h"
 #include "request/request.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
@@ -50,6 +51,10 @@ bool readWebPush(Request& request, xmpp::WebPush& webPush) {
 bool asksForWebPush(const _endpointStruct& request) {
     const JsonRef payload = parseJson(QSMessageGetPayload(request.message.get()));
     return jsonMember(payload.get(), "webPush") || jsonMember(payload.get(), "vapid");
+}
+
+bool wantsWebPush(const _endpointStruct& request) {
+    return boolMember(parseJson(QSMessageGetPayload(request.message.get())).get(), "webPush");
 }
 
 // What the server says beside the condition, for instance how the endpoint differs.
@@ -100,6 +105,10 @@ bool createEndpoint(QSHandle* handle, QSMessage* message, void*) {
     bool known = false;
     if (!session.mayOwnNode(request.node, request.appId, &known))
         return request.refuse("appErr", kTooMany);
+    if (webPush.wanted && lacksExtension(session)) {
+        createAtProvider(session, {request.endpoint, request.appId, request.node, KeptMessage(message)});
+        return true;
+    }
     const auto access =
         accessType == kAccessAuthorize ? gloox::PubSub::AccessAuthorize : gloox::PubSub::AccessWhitelist;
     const std::string id =
@@ -118,6 +127,8 @@ bool deleteEndpoint(QSHandle* handle, QSMessage* message, void*) {
     Request request(handle, message, kEndpointRefusal);
     if (!request.isReady(true) || !request.requireEndpoint() || !request.formNode())
         return request.refuse();
+    if (session.isPushNode(request.node))
+        return deletePushEndpoint(session, request);
     const std::string id =
         session.m_pubsub->deleteNode(gloox::JID(session.m_pubsubService), request.node, &session);
     if (!request.wasSent(id))
@@ -143,12 +154,13 @@ void PubSubSession::handleCreateKey(const std::string& id, const gloox::JID& ser
                                     const std::string& url, const std::string& status,
                                     const gloox::Error* error) {
     setPingTimer();
-    const auto request = takeEndpointRequest(id);
+    auto request = takeEndpointRequest(id);
     if (!request) {
         PrvPrintErr({}, "We got a create key with no endpointmap %s", id.c_str());
         return;
     }
     if (!error) {
+        forgetPush(request->node);  // the server has got the extension
         addNodeToDeleteStore(request->node, request->appId);
         joinReceiver(request->node, request->appId);
     }
@@ -156,6 +168,8 @@ void PubSubSession::handleCreateKey(const std::string& id, const gloox::JID& ser
     if (!error && !status.empty())
         reply.set("status", status);
     addUrl(reply, *request, url);
+    if (error && wantsWebPush(*request) && mayLackExtension(*this, *error))
+        return waitForBackend(*this, id, std::move(*request), reply.text());
     reply.respond(request->message.get(), id, kCreateFailed);
 }
 

@@ -282,11 +282,13 @@ bool PubSubSession::cleanupNodes(const std::string& appId, const std::string& st
         return true;
     if (!isSound(record, kCleanupErrors, key) || !listDeletion(store, key))
         return false;
+    gloox::StringList nodes = cleanedEntries(record.names);
+    nodes.insert(nodes.end(), further.begin(), further.end());
+    for (const std::string& node : nodes)
+        forgetPush(node);
     if (!m_connected)
         return true;
 
-    gloox::StringList nodes = cleanedEntries(record.names);
-    nodes.insert(nodes.end(), further.begin(), further.end());
     for (const std::string& node : nodes) {
         forgetOpenNode(node);
         removeOfflineMap(node);

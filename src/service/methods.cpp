@@ -47,5 +47,7 @@ const QSMethod methods[] = {
     {.name = "reconnectTimer", .handler = reconnectTimer},
     {.name = "activateNode", .handler = activateNode},
     {.name = "getTrace", .handler = getTrace},
+    {.name = "getPushBackend", .handler = getPushBackend},
+    {.name = "pushRenewalTimer", .handler = pushRenewalTimer},
     {.name = nullptr},
 };

@@ -108,6 +108,18 @@ void PubSubSession::setPingTimer() {
         PrvPrintErr({}, kPingAlarmFailed, error.message());
 }
 
+bool PubSubSession::setRenewalTimer(int64_t seconds) {
+    char in[32];
+    snprintf(in, sizeof in, "%02d:%02d:%02d", static_cast<int>(seconds / 3600),
+             static_cast<int>(seconds % 3600 / 60), static_cast<int>(seconds % 60));
+    BusError error;
+    if (QSCall(m_privateHandle, kTimeoutSet, alarm("pushRenewalTimer", in).c_str(), alarmResponse, nullptr,
+               nullptr, error))
+        return true;
+    PrvPrintErr({}, "Setting the alarm for push addresses failed. Error %s ", error.message());
+    return false;
+}
+
 void PubSubSession::removeReconnectTimer() {
     BusError error;
     if (!QSCall(m_privateHandle, kTimeoutClear, R"({"key":"reconnectTimer"})", nullptr, nullptr, nullptr,

@@ -121,6 +121,7 @@ bool PubSubSession::connectToServer(std::string ip) {
         m_client->logInstance().registerLogHandler(gloox::LogLevelDebug, kAllLogAreas, this);
     m_client->registerMessageHandler(this);
     m_client->setMessagesDone([this] { settleItems(); });
+    m_client->setPushHandler([this](const xmpp::ReceivedPush& push) { handlePush(push); });
     m_client->registerConnectionListener(this);
     m_client->disco()->registerDiscoHandler(this);
     if (!m_client->connect(ip, m_mainLoop ? g_main_loop_get_context(m_mainLoop) : nullptr))
@@ -194,6 +195,7 @@ void PubSubSession::onConnect() {
     openWantedNodes();
     if (m_client)
         m_client->setPresence(pubsubService(), gloox::Presence::Available, 0, "online");
+    beginPushes();
     activateDeferredSubscribers();
     if (m_bootFinished && !m_activationDone)
         activateNodes();
@@ -232,6 +234,7 @@ void PubSubSession::cleanUpOnDisconnect() {
     forgetBulkDeletions();
     forgetActivations();
     forgetOpenLinks();
+    endPushes();
 }
 
 void PubSubSession::disconnect() {

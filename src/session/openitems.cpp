@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "session/pubsubsession.h"
+#include "util/clock.h"
 #include "util/jsonref.h"
 #include "util/log.h"
 
@@ -23,6 +24,9 @@ namespace {
 constexpr std::size_t kMostTaken = 64;    // that share a commit: a client may wait for so many answers
 constexpr int64_t kMicroseconds = 1000;   // of a millisecond
 constexpr int64_t kHandlerTime = 60'000;  // milliseconds for the answers to a call
+// Milliseconds: what is given back for longer goes back to its push provider, which waits for two minutes.
+constexpr int64_t kLongestHeld = 60'000;
+constexpr int64_t kPatience = 110 * G_USEC_PER_SEC;  // how long a push waits behind another one
 
 guint attach(GSource* source, GSourceFunc callback, PubSubSession* session) {
     g_source_set_callback(source, callback, session, nullptr);
@@ -56,6 +60,17 @@ bool hasHandlerOf(const std::string& service, const std::set<std::string>& handl
 bool isLate(const _itemStruct& item) {
     const int64_t expires = g_ascii_strtoll(item.expires.c_str(), nullptr, 10);
     return expires > 0 && expires <= g_get_real_time() / G_USEC_PER_SEC;
+}
+
+// The sender of one that has waited for too long was told that it failed, and may have sent it again.
+std::optional<_itemStruct> nextPush(std::deque<_itemStruct>& pushed) {
+    while (!pushed.empty()) {
+        _itemStruct item = std::move(pushed.front());
+        pushed.pop_front();
+        if (bootTime() - item.push->since() < kPatience)
+            return item;
+    }
+    return std::nullopt;
 }
 
 void answerTaken(const _takenItemStruct& taken, CallSite site = {}) {
@@ -95,7 +110,8 @@ void PubSubSession::setReceiver(const std::vector<std::string>& nodes,
         forgetItems(node, entry);
         entry.receiver = receiver;
         entry.endpoint = node.starts_with(prefix) ? node.substr(prefix.size()) : node;
-        if (!m_connected || entry.link == NodeLink::Closing)
+        tellAddress(node);
+        if (!m_connected || entry.link == NodeLink::Closing || isPushNode(node))
             continue;
         if (entry.link == NodeLink::Off && !mayBeActive(node))
             fresh.push_back(node);
@@ -127,7 +143,7 @@ void PubSubSession::handlersChanged(const std::string& node) {
     settleItems();
     if (m_confirming.contains(node)) {
         _openNodeStruct& entry = m_openNodes[node];
-        if (m_connected && entry.link == NodeLink::Off)
+        if (m_connected && entry.link == NodeLink::Off && !isPushNode(node))
             mayBeActive(node) ? closeNode(node, entry) : openNode(node, entry);
         return;
     }
@@ -162,6 +178,7 @@ void PubSubSession::forgetItems(const std::string& node, _openNodeStruct& entry)
     }
     entry.open.reset();
     entry.next.reset();
+    entry.pushed.clear();
     entry.taken = false;
     entry.receipt.clear();
     entry.told = false;
@@ -233,6 +250,11 @@ void PubSubSession::takeOpenItem(const std::string& node, const std::string& end
     entry.taken = true;
     entry.receipt.clear();
     clearDue(node, entry);
+    if (entry.open->push) {
+        entry.open->push->take();
+        finish({node, endpoint, KeptMessage(message)});
+        return;
+    }
     const std::string urgency = urgencyOf(entry);
     writeTakenSeqNo(node, entry.open->seqNo, urgency.empty() || urgency == kLeastUrgency);
     // Without a stream it is acknowledged when the server sends it again.
@@ -257,11 +279,14 @@ gboolean PubSubSession::settleTaken(gpointer context) {
 }
 
 void PubSubSession::finishTaken() {
-    for (const _takenItemStruct& taken : std::exchange(m_takenItems, {})) {
-        if (taken.message)
-            answerTaken(taken);
-        advance(taken.node);
-    }
+    for (const _takenItemStruct& taken : std::exchange(m_takenItems, {}))
+        finish(taken);
+}
+
+void PubSubSession::finish(const _takenItemStruct& taken) {
+    if (taken.message)
+        answerTaken(taken);
+    advance(taken.node);
 }
 
 void PubSubSession::advance(const std::string& node) {
@@ -269,14 +294,16 @@ void PubSubSession::advance(const std::string& node) {
     if (found == m_openNodes.end() || !found->second.taken)
         return;  // uncovered: what ends a node or its items settles what was taken before
     _openNodeStruct& entry = found->second;
-    std::optional<_itemStruct> next = std::move(entry.next);
+    std::optional<_itemStruct> next = entry.next ? std::exchange(entry.next, {}) : nextPush(entry.pushed);
+    std::deque<_itemStruct> pushed = std::exchange(entry.pushed, {});
     forgetItems(node, entry);
+    entry.pushed = std::move(pushed);
     if (next) {
         entry.open = std::move(next);
         handOut(node);
     } else if (entry.missed && entry.link == NodeLink::On) {
         closeNode(node, entry);
-    } else if (entry.link == NodeLink::Off && m_connected) {
+    } else if (entry.link == NodeLink::Off && m_connected && !isPushNode(node)) {
         // Its activation was refused while the item had a time of its own.
         setDue(node, entry, retryPause(++entry.failures));
     }
@@ -285,6 +312,11 @@ void PubSubSession::advance(const std::string& node) {
 void PubSubSession::putBack(const std::string& node, int64_t milliseconds) {
     _openNodeStruct& entry = m_openNodes[node];
     entry.receipt.clear();
+    if (entry.open->push && milliseconds > kLongestHeld) {
+        entry.taken = true;  // by nobody, which its provider is told
+        advance(node);
+        return;
+    }
     setDue(node, entry, milliseconds);
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -10,10 +11,11 @@
 #include <string>
 
 #include "platform/bus/qsraii.h"
+#include "session/push.h"
 
 class PubSubSession;
 
-// An item as the server sent it. The last four are "" when it did not send them.
+// An item as the server sent it. The last four texts are "" when it did not send them.
 struct _itemStruct {
     std::string seqNo;
     std::string id;
@@ -22,6 +24,7 @@ struct _itemStruct {
     std::string expires;    // Unix seconds
     std::string published;  // Unix seconds
     std::string urgency;
+    std::shared_ptr<PushReply> push = nullptr;  // of a push provider; null: of the pub-sub service
 };
 
 constexpr char kLeastUrgency[] = "very-low";
@@ -66,6 +69,7 @@ struct _openNodeStruct {
     bool missed = false;  // an item was neither kept nor acknowledged: the server has to send it again
     std::optional<_itemStruct> open;
     std::optional<_itemStruct> next;  // arrived while one was open
+    std::deque<_itemStruct> pushed;   // likewise, from a push provider
     bool taken = false;               // the open item's number waits for its commit
     int64_t due = 0;  // monotonic microseconds: something happens with the open item; 0: nothing
 

@@ -40,6 +40,8 @@ void PubSubSession::forgetOpenLinks() {
 }
 
 void PubSubSession::openNode(const std::string& node, _openNodeStruct& entry) {
+    if (isPushNode(node))
+        return;
     // The server is told no number that is not on disk.
     commitSeqNos();
     std::string seqNo;
@@ -55,7 +57,8 @@ void PubSubSession::openNodes(const std::vector<std::string>& nodes) {
         return openNode(nodes.front(), m_openNodes[nodes.front()]);
     std::map<std::string, gloox::StringList> byUrgency;
     for (const std::string& node : nodes)
-        byUrgency[urgencyOf(m_openNodes[node])].push_back(node);
+        if (!isPushNode(node))
+            byUrgency[urgencyOf(m_openNodes[node])].push_back(node);
     for (const auto& [urgency, names] : byUrgency) {
         const std::string id =
             m_pubsub ? m_pubsub->bulkActivate(pubsubService(), names, this, true, urgency) : "";

@@ -26,8 +26,10 @@
 #include "session/copiedempty.h"
 #include "session/endpointrequest.h"
 #include "session/openitems.h"
+#include "session/push.h"
 #include "session/traces.h"
 #include "util/log.h"
+#include "xmpp/pushprovider.h"
 #include "xmpp/unaskedresults.h"
 
 class Preferences;
@@ -134,6 +136,14 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // microseconds.
     void answerTrace(QSMessage* message, const std::string& itemId, const xmpp::ServerTrace* trace,
                      const std::string& problem, int64_t ahead);
+    // endpoints/pushbackend.cpp
+    void handleFeatures(const std::string& id, const gloox::JID& entity, const gloox::StringList& features,
+                        const gloox::Error* error) override;
+    void handleParts(const std::string& id, const gloox::JID& entity, const gloox::StringList& parts,
+                     const gloox::Error* error) override;
+    // endpoints/pushendpoint.cpp
+    void handlePushRegistration(const std::string& id, const gloox::JID& provider, const std::string& url,
+                                const std::string& expiration, const gloox::Error* error) override;
 
     // session/requests.cpp: requests that wait for the server's result, by request id
     void keepRequest(const std::string& id, QSMessage* message);
@@ -141,6 +151,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     KeptMessage takeRequest(const std::string& id);       // empty when there is none
     void setEndpointMap(const std::string& id, QSMessage* message, const std::string& endpoint,
                         const std::string& node, const std::string& appId);
+    void keepEndpointRequest(const std::string& id, _endpointStruct request);
     void removeFromEndointMap(const std::string& id);
     std::optional<_endpointStruct> takeEndpointRequest(const std::string& id);
     std::map<std::string, _endpointStruct> takeEndpointRequests();
@@ -185,6 +196,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     static bool alarmResponse(QSHandle* handle, QSMessage* reply, void* context);
     static bool bootStatusResponse(QSHandle* handle, QSMessage* reply, void* session);
     static bool xmppPing(void* session);
+    bool setRenewalTimer(int64_t seconds);
 
     // delivery/submap.cpp: public subscribers
     void setSubMap(const std::string& node, const std::string& appId, QSHandle* handle);
@@ -226,6 +238,7 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // Asks the handlers again that wait for their next try and belong to this service.
     void retryHandlers(const std::string& service);
     void finishTaken();  // after the commit
+    void finish(const _takenItemStruct& taken);
     bool isWanted(const std::string& node, const _openNodeStruct& entry) const;
     void forgetItems(const std::string& node, _openNodeStruct& entry);
     void advance(const std::string& node);  // after the open item was taken
@@ -236,6 +249,19 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     void dropTimers();
     static gboolean settleTaken(gpointer session);
     static gboolean handleDueNodes(gpointer session);
+
+    // session/pushitems.cpp: messages of push providers
+    void handlePush(const xmpp::ReceivedPush& push);
+
+    // session/pushregistrations.cpp: endpoints of the account whose addresses come from a push provider
+    const std::map<std::string, _pushRegistrationStruct>& pushNodes();
+    const _pushRegistrationStruct* pushRegistration(const std::string& node);  // null for any other
+    bool isPushNode(const std::string& node) { return pushRegistration(node) != nullptr; }
+    bool storePush(const std::string& node, const _pushRegistrationStruct& registration);
+    void forgetPush(const std::string& node);
+    // What a provider knows the endpoint by: neither it nor its application can be told from that.
+    bool namesForProvider(const std::string& node, const std::string& appId,
+                          _pushRegistrationStruct& registration);
 
     // session/openlinks.cpp: what the server is told of these nodes
     void openWantedNodes();  // at a connect, before the device announces itself
@@ -314,6 +340,11 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     // endpoints/publishkeys.cpp
     void handleKeyCb(const std::string& id, const gloox::JID& service, const std::string& key,
                      const std::string& url, const gloox::Error* error, const std::string& what);
+
+    // endpoints/pushendpoint.cpp: addresses that come from a push provider
+    void tellAddress(const std::string& node);  // to its receiver, if it has changed
+    void beginPushes();                         // at a connect
+    void endPushes();                           // at a disconnect
 
     // endpoints/publicsubscribe.cpp: subscribers that arrived while there was no connection
     void activateDeferredSubscribers();
@@ -432,6 +463,10 @@ class PubSubSession : public CopiedEmpty<PubSubSession>,
     std::set<std::pair<int64_t, std::string>> m_dueNodes;  // when something happens with an open item
     guint m_dueTimer = 0;                                  // for the first of them; 0 while there are none
     Traces m_traces;                                       // of marked items
+    _pushSearchStruct m_pushSearch;                        // who gives addresses of web push
+    _pushRenewalStruct m_pushRenewal;                      // of such addresses
+    std::string m_pushAccount;                             // bare JID that m_pushNodes is of
+    std::map<std::string, _pushRegistrationStruct> m_pushNodes;  // node -> its address
     int64_t m_awakeSince = 0;  // monotonic microseconds: the last activity that a receiver caused
 
     // Watch on the XMPP socket, borrowed from the main context; null when there is none.

@@ -28,6 +28,10 @@ void PubSubSession::setEndpointMap(const std::string& id, QSMessage* message, co
     m_endpointMap[id] = {endpoint, appId, node, KeptMessage(message)};
 }
 
+void PubSubSession::keepEndpointRequest(const std::string& id, _endpointStruct request) {
+    m_endpointMap[id] = std::move(request);
+}
+
 void PubSubSession::removeFromEndointMap(const std::string& id) {
     if (m_endpointMap.erase(id) == 0)
         PrvPrintErr({}, "Did not find %s in endpoint map", id.c_str());

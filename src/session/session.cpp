@@ -5,6 +5,8 @@
 // change the details, which do not survive a restart.
 #include <glib.h>
 
+#include <utility>
+
 #include "session/pubsubsession.h"
 #include "util/paths.h"
 #include "xmpp/client.h"
@@ -22,7 +24,8 @@ PubSubSession::~PubSubSession() {
             m_pubsub->detach();
         xmpp::Client::dispose(m_client);
     }
-    delete m_pubsub;
+    // What is open may have to be answered, and finds no manager then.
+    delete std::exchange(m_pubsub, nullptr);
 }
 
 const gloox::JID& PubSubSession::pubsubService() {

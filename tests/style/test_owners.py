@@ -35,8 +35,13 @@ WRITERS = {
     "m_handlerWatches": {"delivery/confirm.cpp"},
     "m_receivers": {"endpoints/receive.cpp"},
     "m_awakeSince": {"endpoints/receive.cpp"},
+    # Addresses that come from a push provider
+    "m_pushSearch": {"endpoints/pushbackend.cpp"},
+    "m_pushRenewal": {"endpoints/pushendpoint.cpp"},
+    "m_pushAccount": {"session/pushregistrations.cpp"},
+    "m_pushNodes": {"session/pushregistrations.cpp"},
     # Items that somebody has and the server keeps
-    "m_openNodes": {"session/openitems.cpp", "session/openlinks.cpp"},
+    "m_openNodes": {"session/openitems.cpp", "session/openlinks.cpp", "session/pushitems.cpp"},
     "m_takenItems": {"session/openitems.cpp"},
     # Each marks the station that it is
     "m_traces": {"delivery/incoming.cpp", "session/openitems.cpp", "endpoints/receive.cpp", "maintenance/trace.cpp"},
@@ -100,7 +105,8 @@ WRITERS = {
 CLOSED = {"m_msgMap", "m_endpointMap", "m_deferredSubscribes", "m_writeRates", "m_writing", "appNodeMap", "m_deleteMap",
           "m_activateMap", "m_furtherNodes", "m_furtherNodesRead", "m_pendingList", "m_pendingCursor", "m_retryCount",
           "m_source", "m_socket", "m_preparedText", "m_preparedService", "m_handledItems", "m_seqNosWritten",
-          "m_handlerWatches", "m_receivers", "m_awakeSince", "m_openNodes", "m_takenItems", "m_dueNodes"}
+          "m_handlerWatches", "m_receivers", "m_awakeSince", "m_openNodes", "m_takenItems", "m_dueNodes",
+          "m_pushRenewal", "m_pushAccount", "m_pushNodes"}
 
 # Functions of the class that hand out a member to be written, and the files that may call them.
 DOORS = {"furtherNodes": {"maintenance/deletestore.cpp"}}
@@ -113,7 +119,7 @@ READING_CALLS = {
     "if", "while", "switch", "JID", "Client", "Manager", "dispose", "setServer", "setResource", "connectToServer",
     "addAttribute", "set", "add", "replyWith", "PrvPrintErr", "post", "pushSubscription", "pushAuthorisation", "QSCall",
     "QSCallCancel", "QSSubscriptionPost", "QSSubscriptionRespond", "QSZeltServiceReadReceived",
-    "g_main_loop_get_context", "g_io_channel_unix_new", "unixTimeOf", "lastHeard",
+    "g_main_loop_get_context", "g_io_channel_unix_new", "unixTimeOf", "lastHeard", "keyOf", "askWhetherProvider",
 }
 
 MUTATOR = (r"(?:erase|clear|insert\w*|emplace\w*|try_emplace|extract|push_\w+|pop_\w+|remove\w*|swap|merge|assign|"

@@ -64,7 +64,9 @@ TEST(MethodTables, HoldThePrivateMethods) {
                               {"registerOnClose", registerOnClose},
                               {"keepAliveTimer", keepAliveTimer},
                               {"reconnectTimer", reconnectTimer},
-                              {"activateNode", activateNode}};
+                              {"activateNode", activateNode},
+                              {"getPushBackend", getPushBackend},
+                              {"pushRenewalTimer", pushRenewalTimer}};
     EXPECT_EQ(listed(methods), expected);
 }
 
