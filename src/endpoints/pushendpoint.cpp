@@ -2,7 +2,8 @@
 // Endpoints of web push whose addresses come from a push provider: made, renewed when half of their time is over,
 // and told when they change.
 //
-// Keeps PubSubSession::m_pushRenewal, in memory: a disconnect empties it but for the alarm. What providers have given is stored by session/pushregistrations.cpp.
+// Keeps PubSubSession::m_pushRenewal, in memory: a disconnect empties it but for the alarm. What providers have
+// given is stored by session/pushregistrations.cpp.
 #include <glib.h>
 #include <gloox/error.h>
 #include <gloox/presence.h>

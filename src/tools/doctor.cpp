@@ -123,6 +123,7 @@ class Doctor {
     bool findPlace(ServerPlace& place);
     void checkPathToServer();
     void checkFolders();
+    void checkExtension();
     Reply ask(const std::string& uri, const std::string& payload);
 
     const Invocation& m_invocation;
@@ -204,6 +205,14 @@ void Doctor::checkFolders() {
     report(checkFolder("store", fromEnvironment("ZELT_PREFS_DIR", "/var/lib/zelt/prefs")));
 }
 
+void Doctor::checkExtension() {
+    const std::string payload = ask(methodUri("getTrace"), "{\"itemid\":\"pubsubctl-doctor\"}").payload;
+    Finding finding = judgeExtension(payload);
+    if (finding.state == Finding::State::Bad)
+        finding = judgeExtension(payload, ask(methodUri("getPushBackend"), "{}").payload);
+    report(finding);
+}
+
 Exit Doctor::run() {
     checkBuses();
     checkServices();
@@ -212,7 +221,7 @@ Exit Doctor::run() {
     const Finding login = judgeLogin(ask(methodUri("subscribeConnStatus"), "{}"), m_keeper);
     report(login);
     if (login.state == Finding::State::Good)
-        report(judgeExtension(ask(methodUri("getTrace"), "{\"itemid\":\"pubsubctl-doctor\"}").payload));
+        checkExtension();
     else
         report({"server extension", Finding::State::Unknown, "requires a login", ""});
     checkFolders();
@@ -263,13 +272,20 @@ Finding checkFolder(const std::string& check, const std::string& folder) {
 }
 
 // Nothing is known of the item, which is no error: only a server without the extension refuses to look.
-Finding judgeExtension(const std::string& payload) {
+Finding judgeExtension(const std::string& payload, const std::string& backend) {
     const JsonRef answer = parseWholeJson(payload);
     if (boolMember(answer.get(), "server"))
         return {"server extension", Finding::State::Good, "the server supports device operations", ""};
     const std::string refusal = textMember(answer.get(), "serverError");
     if (refusal.empty())
         return {"server extension", Finding::State::Unknown, "no answer from the server", ""};
+    const std::string provider = textMember(parseWholeJson(backend).get(), "provider");
+    if (!provider.empty())
+        return {
+            "server extension", Finding::State::Good,
+            "none, but " + provider + " gives endpoints of web push their addresses",
+            "your server keeps nothing: what is pushed while the device is away is lost, and no TTL applies; "
+            "for that, and for all other endpoints, load mod_pubsub_device on the server"};
     return {"server extension", Finding::State::Bad, "the server answers device operations with: " + refusal,
             "load mod_pubsub_device on the server"};
 }

@@ -30,7 +30,8 @@ bool placeFromCredentials(const std::string& text, ServerPlace& place);
 std::vector<Finding> checkServer(const ServerPlace& place, const std::string& caFile, unsigned seconds);
 // A folder in which the service or its store keeps files.
 Finding checkFolder(const std::string& check, const std::string& folder);
-// Judges the answer to an operation that only a server with the device extension supports.
-Finding judgeExtension(const std::string& payload);
+// Judges the answer to an operation that only a server with the device extension supports; `backend` is that of
+// getPushBackend, "" when it was not asked.
+Finding judgeExtension(const std::string& payload, const std::string& backend = {});
 
 std::string findingLine(const Finding& finding, bool json);

@@ -65,6 +65,7 @@ TEST(MethodTables, HoldThePrivateMethods) {
                               {"keepAliveTimer", keepAliveTimer},
                               {"reconnectTimer", reconnectTimer},
                               {"activateNode", activateNode},
+                              {"getTrace", getTrace},
                               {"getPushBackend", getPushBackend},
                               {"pushRenewalTimer", pushRenewalTimer}};
     EXPECT_EQ(listed(methods), expected);

@@ -134,6 +134,16 @@ TEST(DoctorExtension, IsKnownByTheAnswerToAQuestionThatIsNoError) {
     EXPECT_EQ(judgeExtension("").state, State::Unknown);
 }
 
+TEST(DoctorExtension, ThatIsMissingIsReplacedForWebPushByAProvider) {
+    const std::string refused = R"({"returnValue":true,"server":false,"serverError":"not-allowed"})";
+    const Finding found =
+        judgeExtension(refused, R"({"returnValue":true,"backend":"provider","provider":"push.example.org"})");
+    EXPECT_EQ(found.state, State::Good);
+    EXPECT_EQ(found.detail, "none, but push.example.org gives endpoints of web push their addresses");
+    EXPECT_THAT(found.advice, HasSubstr("your server keeps nothing: what is pushed while the device is away is lost"));
+    EXPECT_EQ(judgeExtension(refused, R"({"returnValue":true,"backend":"none"})").state, State::Bad);
+}
+
 TEST(DoctorOutput, IsALineWithItsAdviceOrAnObject) {
     Finding finding{"store", State::Bad, "why", "what to do"};
     EXPECT_EQ(findingLine(finding, false), "bad     store: why\n        -> what to do");
@@ -189,6 +199,13 @@ TEST_F(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
           "unknown certificate: requires an account\n", "bad     login: the service is not connected\n",
           "unknown server extension: requires a login\n", "ok      store: "})
         EXPECT_THAT(report, HasSubstr(line));
+}
+
+TEST_F(Doctor, NamesThePushProviderOfAServerWithoutTheExtension) {
+    service.script["subscribeConnStatus"] = R"({"returnValue":true,"connected":true})";
+    service.script["getTrace"] = R"({"returnValue":true,"server":false,"serverError":"not-allowed"})";
+    service.script["getPushBackend"] = R"({"returnValue":true,"backend":"provider","provider":"push.example.org"})";
+    EXPECT_THAT(examine(), HasSubstr("ok      server extension: none, but push.example.org gives endpoints"));
 }
 
 TEST_F(Doctor, SaysOfTheFileThatALossIsForGoodAndThatALoginIsNotTriedAgain) {

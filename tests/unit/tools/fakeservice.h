@@ -47,7 +47,8 @@ class FakeService {
                                       "approvePending",
                                       "getNodeConfig",
                                       "setNodeConfig",
-                                      "getTrace"};
+                                      "getTrace",
+                                      "getPushBackend"};
         for (const char* name : names)
             m_methods.push_back({name, onCall, 0});
         m_methods.push_back({nullptr, nullptr, 0});
