@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "endpoints/methods.h"
 #include "endpoints/pushendpoint.h"
@@ -53,10 +54,11 @@ void reportBackend(const PubSubSession& session, QSMessage* message) {
     reply.respond(message, "", kFailed);
 }
 
-void settleBackend(PubSubSession& session, PushBackend backend, const std::string& provider) {
+// `provider` may be that of the search which ends here.
+void settleBackend(PubSubSession& session, PushBackend backend, std::string provider) {
     const _pushSearchStruct search = std::exchange(session.m_pushSearch, {});
     session.m_pushSearch.backend = backend;
-    session.m_pushSearch.provider = provider;
+    session.m_pushSearch.provider = std::move(provider);
     for (const auto& [id, refusal] : search.refusals)
         if (auto request = session.takeEndpointRequest(id))
             backendFound(session, std::move(*request), refusal);

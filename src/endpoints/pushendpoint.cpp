@@ -185,7 +185,7 @@ void createAtProvider(PubSubSession& session, _endpointStruct request) {
         return refuse(request, "libErr", kNotStored);
     const std::string id = askProvider(session, registration);
     if (id.empty())
-        return refuse(request, "libErr", kLibraryNotInitialized);
+        return refuse(request, "libErr", kLibraryNotInitialized);  // uncovered: there is a connection
     const std::string appId = request.appId;
     const bool counts = !known && !request.creation;
     session.keepEndpointRequest(id, std::move(request));

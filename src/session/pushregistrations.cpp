@@ -71,18 +71,16 @@ std::string keyOf(const gloox::JID& account, const std::string& node = {}) {
 
 // Made at the first use. False when the store does not take it.
 bool readSalt(Preferences store, const std::string& key, std::string& salt) {
-    if (!store.open())
-        return false;
+    store.open();
     salt = textMember(store.read(key).json.get(), "salt");
     if (!salt.empty())
         return true;
     guint8 bytes[kSaltLength];
-    if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes)
-        return false;
+    const bool isRandom = getrandom(bytes, sizeof bytes, 0) == sizeof bytes;
     salt = base64(bytes, sizeof bytes);
     JsonObject record;
     record.set("salt", salt);
-    if (!store.write(key, record.get()))
+    if (!isRandom || !store.write(key, record.get()))
         return false;
     store.commit();
     return true;
@@ -133,8 +131,7 @@ void PubSubSession::forgetPush(const std::string& node) {
         return;
     m_pushNodes.erase(node);
     Preferences store = preferences();
-    if (!store.open())
-        return;
+    store.open();
     store.remove(keyOf(m_jid, node));
     store.commit();
 }

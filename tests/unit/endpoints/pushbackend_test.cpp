@@ -62,6 +62,8 @@ TEST_F(Backend, IsTheDomainItselfWhenThatHasTheFeature) {
     answerFrom("example.org", idOf(discoStanza("example.org")), features(kPushXmlns));
     EXPECT_EQ(lastRegister().tag().findAttribute("to"), "example.org");
     EXPECT_TRUE(created.waiting());
+    answerParts("<item jid='late.example.org'/>");
+    EXPECT_EQ(count(discoStanza("late.example.org")), 0) << "it is found";
     fakeServer().forgetStanzas();
     // The next one goes there at once.
     askCreate(R"({"endpoint":"news","webPush":true})");
@@ -78,11 +80,12 @@ TEST_F(Backend, IsFoundAmongWhatTheDomainLists) {
         "<item jid='pubsub.example.org'/><item jid='rooms.example.org'/><item jid='push.example.org'/>"
         "<item node='nameless'/>");
     EXPECT_EQ(count(discoStanza("pubsub.example.org")), 1) << "the pub-sub service was asked before";
-    answerFrom("rooms.example.org", idOf(discoStanza("rooms.example.org")), features("urn:rooms"));
     EXPECT_EQ(registers(), 0);
     answerFrom(kProvider, idOf(discoStanza(kProvider)), features(kPushXmlns));
     giveAddress();
     EXPECT_EQ(created, kAddress);
+    answerFrom("rooms.example.org", idOf(discoStanza("rooms.example.org")), features(kPushXmlns));
+    EXPECT_EQ(registers(), 1) << "the first one stays";
 }
 
 TEST_F(Backend, ThatIsNotThereIsToldWithWhatToDo) {
@@ -126,6 +129,36 @@ TEST_F(Backend, IsAskedForAgainWhenTheServiceCouldNotSay) {
     answer(idOf(discoStanza("pubsub.example.org")), features("urn:zelt:pubsub:device:0"));
     EXPECT_EQ(report, R"({ "returnValue": true, "backend": "extension" })");
     EXPECT_EQ(askBackend(), R"({ "returnValue": true, "backend": "extension" })");
+}
+
+TEST_F(Backend, IsLookedForOnceByTwoRequestsAtOnce) {
+    setenv("PUBSUB_PUSH_PROVIDER", kProvider.c_str(), 1);
+    const Answer first = askCreate();
+    const std::string request = lastId();
+    const Answer second = askCreate(R"({"endpoint":"news","webPush":true})");
+    const std::string other = lastId();
+    answerError(request, "cancel", "service-unavailable");
+    answerError(idOf(discoStanza("pubsub.example.org")), "cancel", "service-unavailable");
+    EXPECT_EQ(registers(), 1);
+    answerError(other, "cancel", "service-unavailable");
+    EXPECT_EQ(registers(), 2);
+    EXPECT_EQ(count(discoStanza("pubsub.example.org")), 1);
+    EXPECT_TRUE(first.waiting() && second.waiting());
+    loseConnection();
+}
+
+TEST_F(Backend, OfARequestWhoseClientCannotBeToldIsLogged) {
+    askCreate();
+    answerError(lastId(), "cancel", "not-allowed");
+    takeLog();
+    fakeBus().failNext("QSMessageRespond", -1, "gone");
+    answer(idOf(discoStanza("pubsub.example.org")), features("urn:zelt:pubsub:device:0"));
+    EXPECT_EQ(takeLog(), Texts{"Sending response to client failed id  Error gone "});
+}
+
+TEST_F(Backend, OfAnAccountWithoutAServiceIsNotKnown) {
+    session().m_pubsubService.clear();
+    EXPECT_NE(askBackend().text().find("The server does not say now what it can do"), std::string::npos);
 }
 
 TEST_F(Backend, OfAServiceThatCannotSayIsNotReported) {

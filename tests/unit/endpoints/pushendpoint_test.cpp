@@ -128,9 +128,27 @@ TEST_F(PushEndpoint, ThatTheStoreDoesNotTakeIsRefused) {
     EXPECT_EQ(created, refused("libErr",
                                "The endpoint's address could not be stored. Free space on the disk of the "
                                "preferences"));
-    const Answer without = askCreate();
-    EXPECT_TRUE(without.waiting() || without.text().find("libErr") != std::string::npos);
-    loseConnection();
+    EXPECT_FALSE(stored());
+}
+
+TEST_F(PushEndpoint, ThatHasNoSecretIsRefused) {
+    const Answer created = askCreate();
+    answerError(lastId(), "cancel", "service-unavailable");
+    fakePrefs().failNext("QPAppSetValue", QP_IO);
+    answerError(idOf(discoStanza("pubsub.example.org")), "cancel", "service-unavailable");
+    EXPECT_EQ(created, refused("libErr",
+                               "The endpoint's address could not be stored. Free space on the disk of the "
+                               "preferences"));
+    EXPECT_EQ(registers(), 0);
+}
+
+TEST_F(PushEndpoint, IsLookedForAgainInAStoreThatCouldNotBeRead) {
+    makeEndpoint();
+    restartService();
+    setAccountDetails();
+    fakePrefs().failNext("QPAppCopyKeysCJ", QP_IO);
+    EXPECT_FALSE(session().isPushNode(kNode));
+    EXPECT_TRUE(session().isPushNode(kNode));
 }
 
 TEST_F(PushEndpoint, WithAVapidKeyIsMadeLikeAnyOther) {
@@ -321,6 +339,29 @@ TEST_F(PushRenewal, WithAnotherAddressIsToldToTheNextReceiverAlsoAfterARestart) 
     EXPECT_EQ(receiver.all().back(), kTold);
     fakeBus().clientDies(receiver.message());
     EXPECT_EQ(askReceive().all().size(), 1u) << "it was told";
+}
+
+TEST_F(PushRenewal, WithAnotherAddressThatCannotBeWrittenIsToldToTheNextReceiver) {
+    connectLate();
+    const Answer receiver = askReceive();
+    takeLog();
+    fakeBus().failNext("QSMessageRespond", -1, "full");
+    giveAddress(kRenewedUrl);
+    EXPECT_EQ(receiver.all().size(), 1u);
+    EXPECT_EQ(takeLog(), Texts{"Sending an address to the receiver " + receiver.message()->client +
+                               " failed. Bus error full "});
+    fakeBus().clientDies(receiver.message());
+    EXPECT_EQ(askReceive().all().back(), kTold);
+}
+
+TEST_F(PushRenewal, WhoseAlarmCannotBeSetIsDueAtTheNextConnect) {
+    askCreate();
+    lackExtension();
+    takeLog();
+    fakeBus().failNext("QSCall", -1, "gone", 2);  // the keep-alive's is the first
+    giveAddress();
+    EXPECT_EQ(takeLog().back(), "Setting the alarm for push addresses failed. Error gone ");
+    EXPECT_EQ(session().m_pushRenewal.alarm, 0);
 }
 
 TEST_F(PushRenewal, ThatIsRefusedOrNotAnsweredIsTriedAgainLater) {
