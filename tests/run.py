@@ -21,7 +21,7 @@ PRESET = os.environ.get("PUBSUB_TEST_PRESET", "asan")
 BIN = ROOT / "build" / PRESET / "bin"
 TESTS = ("style", "unit", "contract", "server", "e2e")
 BUILT = {"unit", "contract", "e2e"}  # need the programs of PRESET
-GATES = ("peers", "clang", "tidy", "coverage", "database")
+GATES = ("peers", "clang", "tidy", "coverage", "installed", "database")
 PROGRAM_DEADLINE = 600  # seconds for one test program
 
 ENVIRONMENT = dict(
@@ -36,11 +36,11 @@ ENVIRONMENT = dict(
 
 
 class Result:
-    """The counts of one test program, the seconds it took, and its output."""
+    """The counts of one test program, the seconds it took, its output, and why it did not run if it did not."""
 
-    def __init__(self, name, passed, failed, seconds, output):
+    def __init__(self, name, passed, failed, seconds, output, skipped=""):
         self.name, self.passed, self.failed = name, passed, failed
-        self.seconds, self.output = seconds, output
+        self.seconds, self.output, self.skipped = seconds, output, skipped
 
 
 def run_program(command):
@@ -99,20 +99,25 @@ def run_check(name, command):
 
 
 def run_aloud(name, command):
-    """A longer program that ends with the line "N passed, N failed"; its other lines are printed as they come."""
+    """A longer program that ends with the line "N passed, N failed", or with "skipped: REASON" where it cannot run; its
+    other lines are printed as they come."""
     start = time.monotonic()
     passed = failed = None
+    skipped = ""
     with subprocess.Popen(command, cwd=ROOT, env=ENVIRONMENT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True, errors="replace") as process:
         for line in process.stdout:
             counts = re.fullmatch(r"(\d+) passed, (\d+) failed\n", line)
+            reason = re.fullmatch(r"skipped: (.+)\n", line)
             if counts:
                 passed, failed = map(int, counts.groups())
+            elif reason:
+                passed, failed, skipped = 0, 0, reason[1]
             else:
                 print(line, end="", flush=True)
     if failed is None or (process.returncode and not failed):
         passed, failed = passed or 0, 1
-    return Result(name, passed, failed, time.monotonic() - start, "The lines above say why.")
+    return Result(name, passed, failed, time.monotonic() - start, "The lines above say why.", skipped)
 
 
 def tidy_programs():
@@ -147,6 +152,8 @@ def programs_of(kind):
         yield from tidy_programs()
     elif kind == "coverage":
         yield kind, lambda: run_aloud("coverage", ["/usr/bin/python3", str(ROOT / "tests/coverage.py")])
+    elif kind == "installed":
+        yield kind, lambda: run_aloud("installed", ["/usr/bin/python3", str(ROOT / "tests/installed/test_machine.py")])
     elif kind == "server":
         for path in sorted((ROOT / "tests/server").glob("test_*.py")):
             if not path.stem.startswith("test_sql"):
@@ -163,6 +170,9 @@ def programs_of(kind):
 
 
 def report(result):
+    if result.skipped and not result.failed:
+        print(f"SKIPPED {result.name}: {result.skipped}", flush=True)
+        return
     state = "ok    " if not result.failed else "FAILED"
     print(f"{state} {result.name}: {result.passed} passed, {result.failed} failed ({result.seconds:.1f} s)",
           flush=True)
