@@ -27,6 +27,7 @@ TOOLS = ("ejabberd", "curl", "openssl", "procps", "python3", "python3-yaml", "py
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8", "HOME": "/root",
                "DEBIAN_FRONTEND": "noninteractive"}
 BOOT_SECONDS = 90
+REBOOTS = 133  # of a container that is kept in its unit: whoever started it starts it again
 
 
 class Failed(AssertionError):
@@ -162,24 +163,19 @@ class Machine:
         return self
 
     def leader(self):
-        """The first process of the machine, as it is numbered outside; a reboot changes it."""
+        """The first process of the machine, as it is numbered outside; None when there is none."""
         path = pathlib.Path(f"/proc/{self._container.pid}/task/{self._container.pid}/children")
         with contextlib.suppress(OSError):
             return (path.read_text(encoding="ascii").split() or [None])[0]
         return None
 
-    def boot_id(self):
-        """Tells one boot from the next."""
-        leader = self.leader()
-        return leader and processes.start_time(leader)
-
-    def wait_booted(self, but=None):
-        """Until the machine, which is no longer the boot `but`, has started all that it starts."""
+    def wait_booted(self):
+        """Until the machine has started all that it starts."""
         def up():
             if self._container.poll() is not None:
                 raise Failed(f"the machine ended; its console:\n{self.console()}")
-            return self.boot_id() not in (None, but) and \
-                self.shell("systemctl is-system-running", check=False)[1].strip() in ("running", "degraded")
+            state = self.leader() and self.output("systemctl", "is-system-running", check=False).strip()
+            return state in ("running", "degraded")
         if not processes.wait_until(up, BOOT_SECONDS):
             raise Failed(f"not booted within {BOOT_SECONDS} s; its console:\n{self.console()}")
 
@@ -188,7 +184,10 @@ class Machine:
 
     def run(self, *command, check=True, stdin="", user=None):
         """Runs a command in the machine; returns (exit status, output)."""
-        words = ["nsenter", "-t", self.leader() or "0", "-m", "-u", "-i", "-n", "-p", "-C", "--", "env", "-i",
+        leader = self.leader()
+        if not leader:
+            raise Failed(f"the machine does not run; its console:\n{self.console()}")
+        words = ["nsenter", "-t", leader, "-m", "-u", "-i", "-n", "-p", "-C", "--", "env", "-i",
                  *(f"{name}={value}" for name, value in ENVIRONMENT.items())]
         if user:
             number = self.user_id(user)
@@ -239,9 +238,14 @@ class Machine:
         return self.output("apt-get", "install", "-q", "-y", "--no-install-recommends", *options, *names)
 
     def reboot(self):
-        before = self.boot_id()
         self.run("systemctl", "reboot", check=False)
-        self.wait_booted(but=before)
+        try:
+            status = self._container.wait(60)
+        except subprocess.TimeoutExpired:
+            raise Failed(f"the machine does not go down; its console:\n{self.console()}") from None
+        if status != REBOOTS:
+            raise Failed(f"the machine ended with {status}; its console:\n{self.console()}")
+        self.boot()
 
     def main_pid(self, unit):
         return int(self.output("systemctl", "show", "-P", "MainPID", unit))
