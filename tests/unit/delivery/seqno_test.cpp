@@ -246,6 +246,14 @@ TEST_P(SeqNoOfADelete, OfAnEarlierReleaseMakesRoomForARecord) {
 INSTANTIATE_TEST_SUITE_P(Names, SeqNoOfADelete,
                          testing::Values("delete", "deletecom.example.mail", "deleted news"));
 
+TEST_F(SeqNo, OfANodeCalledLikeAnAddressOfAProviderIsStoredBesideThat) {
+    const std::string address = R"({ "url": "https:\/\/push.example.org\/1" })";
+    store(address, "push:u1234@example.org /n");
+    session().persistSeqNo("push:u1234@example.org /n", "42");
+    EXPECT_EQ(fakePrefs().stored(kApp).at("push:u1234@example.org /n"), address);
+    EXPECT_TRUE(stale("42", "push:u1234@example.org /n"));
+}
+
 TEST_F(SeqNo, NodesCalledLikeTheKeysOfOthersHaveTheirOwn) {
     session().persistSeqNo("deletex", "1");
     session().persistSeqNo("seqNo:deletex", "2");
