@@ -5,7 +5,7 @@
 -module(pubsub_device_sql_acks).
 -behaviour(gen_server).
 
--export([start_link/0, add/4]).
+-export([start_link/0, add/4, is_taken/1]).
 -export([init/1, handle_call/3, handle_cast/2, handle_info/2, terminate/2, code_change/3]).
 
 -include_lib("kernel/include/logger.hrl").
@@ -17,10 +17,23 @@ start_link() -> gen_server:start_link({local, ?MODULE}, ?MODULE, [], []).
 
 %% Calls Done(More) when the copy is dropped: whether others of the node wait for the device.
 add(Node, Device, Number, Done) ->
-    gen_server:cast(?MODULE, {add, {Node, Device, Number}, Done}).
+    Copy = {Node, Device, Number},
+    try ets:insert(?MODULE, {Copy})
+    catch error:badarg -> true  % this process is being started again, and takes the acknowledgement then
+    end,
+    gen_server:cast(?MODULE, {add, Copy, Done}).
+
+%% Whether the device has acknowledged the copy and the database has not been told yet. Known to the member alone to
+%% which the device is connected.
+is_taken(Copy) ->
+    try ets:member(?MODULE, Copy)
+    catch error:badarg -> false
+    end.
 
 %% The acknowledgements, newest first.
-init([]) -> {ok, []}.
+init([]) ->
+    ets:new(?MODULE, [named_table, public, {read_concurrency, true}, {write_concurrency, true}]),
+    {ok, []}.
 
 handle_cast({add, Copy, Done}, []) -> self() ! flush, {noreply, [{Copy, Done}]};
 handle_cast({add, Copy, Done}, Waiting) -> {noreply, [{Copy, Done} | Waiting]}.
@@ -31,6 +44,7 @@ handle_info(flush, Waiting) ->
     {Later, Now} = lists:split(max(0, length(Waiting) - ?BATCH), Waiting),
     case pubsub_device_sql_waiting:acknowledge([Copy || {Copy, _} <- Now]) of
         {ok, Queues} ->
+            [ets:delete(?MODULE, Copy) || {Copy, _} <- Now],
             Left = maps:from_keys(Queues, true),
             [Done(maps:is_key({Node, Device}, Left)) || {{Node, Device, _}, Done} <- lists:reverse(Now)],
             Later == [] orelse (self() ! flush),

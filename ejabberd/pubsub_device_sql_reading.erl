@@ -13,7 +13,18 @@
 %% Read at once by each_queue/1.
 -define(PORTION, 1000).
 
-next({Service, NodeId} = Node, {_, _, Resource} = Device, Above, Least) ->
+%% Without what was acknowledged a moment ago.
+next(Node, Device, Above, Least) ->
+    case stored(Node, Device, Above, Least) of
+        #pubsub_device_copy{id = {_, _, Number} = Copy} = Found ->
+            case pubsub_device_sql_acks:is_taken(Copy) of
+                true -> next(Node, Device, Number, Least);
+                false -> Found
+            end;
+        none -> none
+    end.
+
+stored({Service, NodeId} = Node, {_, _, Resource} = Device, Above, Least) ->
     JID = jid(Device),
     case ask(?SQL("select @(c.number)d, @(b.item_id)s, @(b.item)s, @(b.at)d from pubsub_node n "
                   "join pubsub_device_account a on a.jid=%(JID)s "

@@ -246,6 +246,42 @@ class Outage(DatabaseTest):
         self.wait_for(lambda: self.create(owner).get("type") == "result")
 
 
+class SlowAcknowledgements(ServerTest):
+    """An acknowledgement counts when the server has it, whenever the database is told."""
+
+    database = "postgresql"
+    member = "127.0.0.1"
+
+    def setUp(self):
+        super().setUp()
+        self.owner, self.bob = self.client("owner"), self.device("bob", "slow")
+        self.succeed(self.create(self.owner))
+        self.succeed(self.subscribe(self.bob))
+        for text in ("1", "2"):
+            self.publish(self.owner, text, text)
+        self.assertEqual(self.texts(self.bob, 2), ["1", "2"])
+        self.instance.evaluate("sys:suspend(pubsub_device_sql_acks)")
+        self.addCleanup(self.instance.evaluate, "catch sys:resume(pubsub_device_sql_acks, 1000)")
+        self.ack(self.bob, "1")
+        self.bob.sync()
+
+    def test_an_item_that_was_acknowledged_a_moment_ago_is_not_repeated_in_the_session(self):
+        self.announce(self.bob)
+        self.assertEqual(self.texts(self.bob, 1), ["2"])
+
+    def test_nor_is_it_sent_to_the_next_session(self):
+        self.bob.kill()
+        bob = self.device("bob", "slow")
+        self.assertEqual(self.texts(bob, 1), ["2"])
+
+    def test_what_is_written_late_leaves_nothing_behind(self):
+        self.assertEqual(self.instance.evaluate("ets:info(pubsub_device_sql_acks, size)"), "1")
+        self.instance.evaluate("sys:resume(pubsub_device_sql_acks)")
+        self.wait_for(lambda: self.instance.evaluate("ets:info(pubsub_device_sql_acks, size)") == "0")
+        self.announce(self.bob)
+        self.assertEqual(self.texts(self.bob, 1), ["2"])
+
+
 class Members(ServerTest):
     """Two members, one database."""
 
