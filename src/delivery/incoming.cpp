@@ -18,6 +18,7 @@
 #include "util/jsonref.h"
 #include "util/jsonxml.h"
 #include "util/log.h"
+#include "util/logsubject.h"
 #include "xmpp/client.h"
 #include "xmpp/manager.h"
 
@@ -119,6 +120,7 @@ void PubSubSession::handleIncomingItem(const gloox::Tag& items) {
     }
     const std::string& seqNo = item->findAttribute("seqNo");
     const std::string& itemId = item->findAttribute("id");
+    const LogSubject subject(node, itemId);
     m_traces.append(itemId, "received");
     if (isForeign(node, *this)) {
         PrvPrintErr({}, "Item dropped, its node %s belongs to another account", node.c_str());

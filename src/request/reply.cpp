@@ -6,6 +6,7 @@
 
 #include "platform/bus/qsraii.h"
 #include "request/names.h"
+#include "util/logsubject.h"
 
 bool Reply::respond(QSMessage* message, const std::string& id, const char* failure, CallSite site) const {
     BusError error;
@@ -32,6 +33,7 @@ Reply resultReply(const char* key, const std::string& name, const std::string& n
 
 RequestError serverError(const gloox::Error& error, const std::string& node, const gloox::JID& service,
                          CallSite site) {
+    const LogSubject subject(node);
     PrvPrintErr(site, "Node %s error:  from %s", node.c_str(), service.full().c_str());
     printerror(&error, site);
     return errorOf(&error);

@@ -8,6 +8,7 @@
 #include "request/requestframe.h"
 #include "session/pubsubsession.h"
 #include "util/jsonargs.h"
+#include "util/logsubject.h"
 
 namespace {
 
@@ -166,6 +167,7 @@ bool Request::fail(const std::string& code, const std::string& text) {
 }
 
 bool Request::refuse() {
+    const LogSubject subject(node);
     if (m_form.logged)
         PrvPrintErr(m_site, "Error %s, Incoming %s", m_error.text.c_str(), QSMessageGetPayload(message));
     JsonObject context;

@@ -17,6 +17,7 @@
 #include "util/clock.h"
 #include "util/jsonref.h"
 #include "util/log.h"
+#include "util/logsubject.h"
 #include "util/paths.h"
 #include "xmpp/client.h"
 #include "xmpp/manager.h"
@@ -95,6 +96,7 @@ bool PubSubSession::connectToService() {
         m_connecting = false;
         return false;
     }
+    setLogState("connecting");
     m_connecting = true;
     m_endedByRequest = false;
     if (getenv("xmpp_config"))
@@ -182,6 +184,7 @@ bool PubSubSession::onTLSConnect(const gloox::CertInfo& info) {
 }
 
 void PubSubSession::onConnect() {
+    setLogState("connected");
     m_connected = true;
     m_connectedAt = bootTime();
     m_connecting = false;
@@ -204,6 +207,7 @@ void PubSubSession::onConnect() {
 }
 
 void PubSubSession::onDisconnect(gloox::ConnectionError error) {
+    setLogState("disconnected");
     m_connected = false;
     m_connecting = false;
     m_activationDone = false;

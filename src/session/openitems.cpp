@@ -18,6 +18,7 @@
 #include "util/clock.h"
 #include "util/jsonref.h"
 #include "util/log.h"
+#include "util/logsubject.h"
 
 namespace {
 
@@ -223,6 +224,8 @@ bool PubSubSession::handOut(const std::string& node) {
     _openNodeStruct& entry = found->second;
     if (!entry.open || entry.taken || !entry.receipt.empty() || !entry.calls.empty())
         return true;
+    const std::string itemId = entry.open->id;
+    const LogSubject subject(node, itemId);
     clearDue(node, entry);
     if (isLate(*entry.open)) {
         takeOpenItem(node, entry.endpoint, nullptr);
@@ -230,7 +233,6 @@ bool PubSubSession::handOut(const std::string& node) {
     }
     if (entry.receiver)
         return giveToReceiver(node, entry);
-    const std::string itemId = entry.open->id;
     if (askHandlers(node, entry)) {
         m_traces.append(itemId, "handed on", "confirming handlers");
         setDue(node, entry, kHandlerTime);

@@ -4,6 +4,7 @@
 #include <glib.h>
 
 #include <algorithm>
+#include "util/log.h"
 
 namespace {
 
@@ -29,8 +30,10 @@ void Traces::append(const std::string& itemId, const char* station, const std::s
         m_items.push_back({itemId, {}});
         item = std::prev(m_items.end());
     }
-    if (item->stations.size() < kStations)
-        item->stations.push_back({g_get_real_time(), station, to});
+    if (item->stations.size() == kStations)
+        return;
+    item->stations.push_back({g_get_real_time(), station, to});
+    PrvPrintErr({}, "Item %s: %s%s%s", itemId.c_str(), station, to.empty() ? "" : ", ", to.c_str());
 }
 
 std::vector<Traces::Station> Traces::of(const std::string& itemId) const {

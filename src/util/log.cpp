@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The diagnostics log: one line to standard error and one to the system log for every message.
 //
-// Keeps no state and allocates nothing, so that a line can be written from anywhere. Control characters that
+// Keeps who takes the place of syslog(), and allocates nothing itself. Control characters that
 // came with an argument are escaped; those of a format are ours. The system log is never opened here: its
 // defaults apply. No switch turns the log off; what one cause may write is bounded (logbudget.h).
 #include "util/log.h"
@@ -18,6 +18,7 @@ namespace {
 
 constexpr int kMessageSize = 512;  // with the terminating zero: longer messages are cut
 constexpr int kFormatSize = 1024;  // longer than every format in use
+LogSink systemLog = nullptr;
 constexpr char kMark = '\xff';
 
 bool isControl(char character) {
@@ -73,14 +74,23 @@ bool markFormat(const char* format, char (&marked)[kFormatSize]) {
     return found && !format[length];
 }
 
+void writeLine(int priority, CallSite site, const char* text) {
+    char line[2 * kMessageSize];
+    snprintf(line, sizeof line, "[%s: %d]: %s", site.function, site.line, text);
+    fprintf(stderr, "%s\n", line);
+    if (!systemLog || !systemLog(priority, site, line))
+        syslog(priority, "%s", line);
+}
+
 __attribute__((format(printf, 3, 0))) void write(int priority, CallSite site, const char* format,
                                                  va_list arguments) {
     unsigned long leftOut = 0;
     if (!LogPayer::mayWrite(leftOut))
         return;
     if (leftOut) {
-        fprintf(stderr, "[%s: %d]: %lu lines of the same cause were left out\n", __func__, __LINE__, leftOut);
-        syslog(priority, "[%s: %d]: %lu lines of the same cause were left out", __func__, __LINE__, leftOut);
+        char text[64];
+        snprintf(text, sizeof text, "%lu lines of the same cause were left out", leftOut);
+        writeLine(priority, {}, text);
     }
     char message[kMessageSize], marked[kMessageSize], escaped[kMessageSize], markedFormat[kFormatSize];
     va_list again;
@@ -95,8 +105,7 @@ __attribute__((format(printf, 3, 0))) void write(int priority, CallSite site, co
     }
     va_end(again);
     escapeForeign(message, hasOwn ? marked : message, escaped);
-    fprintf(stderr, "[%s: %d]: %s\n", site.function, site.line, escaped);
-    syslog(priority, "[%s: %d]: %s", site.function, site.line, escaped);
+    writeLine(priority, site, escaped);
 }
 
 char* firstNewline(char* buffer, int length) {
@@ -131,6 +140,10 @@ void glooxDbg(CallSite site, const char* format, ...) {
     va_start(arguments, format);
     write(LOG_ERR, site, format, arguments);
     va_end(arguments);
+}
+
+void setLogSink(LogSink sink) {
+    systemLog = sink;
 }
 
 void printEscaped(FILE* stream, const char* text) {

@@ -22,6 +22,11 @@ void PrvPrintDbg(CallSite site, const char* format, ...) __attribute__((format(p
 void PrintDbgRelease(CallSite site, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void glooxDbg(CallSite site, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+// Takes the place of syslog(), with the syslog priority; false when it could not take the line, which goes to
+// syslog() then. Null for syslog() alone, as at the start.
+using LogSink = bool (*)(int priority, CallSite site, const char* line);
+void setLogSink(LogSink sink);
+
 // Writes the text with its control characters escaped, as the log does, so that foreign text
 // cannot forge lines.
 void printEscaped(FILE* stream, const char* text);
