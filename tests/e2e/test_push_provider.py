@@ -185,9 +185,13 @@ class PushProvider(PushTest):
         answer = self.app().call("createEndpoint", {"endpoint": self.endpoint})
         self.assertEqual((answer["errorCode"], answer["errorText"]), ("xmppErr", "not-allowed"))
 
-    def test_who_gives_the_addresses_is_told(self):
+    def test_who_gives_the_addresses_is_told_by_the_doctor_too(self):
         _, text = self.stage.ctl("call", "getPushBackend", "{}")
         self.assertEqual(json.loads(text), {"returnValue": True, "backend": "provider", "provider": "localhost"})
+        _, report = self.stage.ctl("doctor", check=False)
+        self.assertIn("ok      server extension: none, but localhost gives endpoints of web push their addresses",
+                      report)
+        self.assertIn("what is pushed while the device is away is lost", report)
 
 
 class Renewal(PushTest):
