@@ -8,7 +8,8 @@
 %% twice: a copy has at most two unacknowledged transmissions, however often the device asks, and repetitions go
 %% before new items. Items are sent in portions, so that the writer serves others in between; `busy` means that the
 %% next portion is scheduled. Of a node with a limit only `open` counts, the number that was sent last and is not
-%% acknowledged.
+%% acknowledged. `gone` is the number that was acknowledged last: another member of the cluster has dropped its copy, and
+%% the change may not have come here yet.
 -module(pubsub_device_flow).
 
 -export([new/1, pid/1, pump/3, offer/4, resume/3, again/3, activated/5, acked/4, gate/3, forget_until/3]).
@@ -18,7 +19,7 @@
 
 -import(pubsub_device_stanza, [prepared/1]).
 
--record(flow, {pid, sent = 0, twice = 0, until = 0, busy = false, level = false, open = none}).
+-record(flow, {pid, sent = 0, twice = 0, until = 0, busy = false, level = false, open = none, gone = none}).
 
 -define(PORTION, 16).
 
@@ -75,7 +76,8 @@ repeat(#flow{sent = Sent} = Flow) ->
 %% The session has acknowledged the number, which a former sender may have sent, and the copy is dropped. With a limit it
 %% may be one that was sent before the limit was set: then the open item stays open, and what is older than the
 %% acknowledged one is still to be sent.
-acked(Node, Device, Number, #flow{pid = Pid, sent = Sent, open = Open} = Flow) ->
+acked(Node, Device, Number, Known) ->
+    #flow{pid = Pid, sent = Sent, open = Open} = Flow = Known#flow{gone = Number},
     case gate(Node, Device, Pid) of
         limited when Open == Number -> pump(limited, Node, Device, Flow#flow{open = none});
         limited -> pump(limited, Node, Device, Flow);
@@ -110,26 +112,26 @@ portion(Gate, Node, Device, Flow, Left) ->
         Copy -> portion(Gate, Node, Device, send_copy(Copy, Flow), Left - 1)
     end.
 
-due(open, Node, Device, #flow{sent = Sent, twice = Twice, until = Until}) ->
-    case Twice < Until andalso next(Node, Device, Twice, 1) of
+due(open, Node, Device, #flow{sent = Sent, twice = Twice, until = Until, gone = Gone}) ->
+    case Twice < Until andalso next(Node, Device, Twice, 1, Gone) of
         #pubsub_device_copy{id = {_, _, Number}} = Copy when Number =< Until -> Copy;
-        _ -> next(Node, Device, Sent, 1)
+        _ -> next(Node, Device, Sent, 1, Gone)
     end;
-due(single, Node, Device, #flow{sent = Sent, twice = Twice, until = Until}) ->
-    case next(Node, Device, 0, 1) of
+due(single, Node, Device, #flow{sent = Sent, twice = Twice, until = Until, gone = Gone}) ->
+    case next(Node, Device, 0, 1, Gone) of
         #pubsub_device_copy{id = {_, _, Number}} = Copy when Number > Sent; Number > Twice, Number =< Until -> Copy;
         _ -> none
     end;
-due(limited, Node, Device, #flow{open = none, pid = Pid}) ->
-    next(Node, Device, 0, pubsub_device_store:least(Node, Device, Pid));
+due(limited, Node, Device, #flow{open = none, pid = Pid, gone = Gone}) ->
+    next(Node, Device, 0, pubsub_device_store:least(Node, Device, Pid), Gone);
 due(limited, _, _, _) -> none.
 
 %% What has expired is passed over, and dropped by the storage.
-next(Node, Device, Above, Least) ->
+next(Node, Device, Above, Least, Gone) ->
     case pubsub_device_store:next(Node, Device, Above, Least) of
         #pubsub_device_copy{id = {_, _, Number}, item = Item} = Copy ->
-            case pubsub_device_push:is_late(Item) of
-                true -> next(Node, Device, Number, Least);
+            case Number == Gone orelse pubsub_device_push:is_late(Item) of
+                true -> next(Node, Device, Number, Least, Gone);
                 false -> Copy
             end;
         none -> none

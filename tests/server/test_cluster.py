@@ -151,6 +151,22 @@ class Cluster(ServerTest):
             self.ack(device, "1", name)
             self.assertEqual(self.texts(device, 1, name), ["2"])
 
+    def test_an_acknowledgement_counts_at_a_member_that_has_not_dropped_the_copy_yet(self):
+        """A change reaches the other members a moment after the one where the device is."""
+        owner = self.at(self.first, "owner", "moment")
+        self.announce(owner)
+        for name, limit in zip(self.names()[:2], ("", " limit='1'")):
+            key = self.key_node(owner, name)
+            self.succeed(self.ext(owner, "<activate node='%s'%s/>" % (name, limit)))
+            for text in ("1", "2"):
+                self.post(key, text)
+            number = self.take(owner, node=name)[0].seq_no
+            self.first.evaluate(
+                "Node = {<<\"%s\">>, <<\"%s\">>}, Device = {<<\"owner\">>, <<\"localhost\">>, <<\"moment\">>}, "
+                "gen_server:cast(pubsub_device_sender:locate(Node, Device), "
+                "{acked, Node, Device, pubsub_device_store:attached(Device), %s})" % (self.server.pubsub, name, number))
+            self.assertEqual(self.texts(owner, 1, name), ["2"])
+
     def test_an_acknowledgement_is_honoured_when_a_member_has_joined_meanwhile(self):
         self.second.stop()
         owner = self.at(self.first, "owner", "stays")
