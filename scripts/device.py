@@ -41,6 +41,9 @@ BIN = ROOT / "build" / PRESET / "bin"
 SERVER = ROOT / "ejabberd" / "run"
 USER = "device"
 DESKTOP = "com.example.desktop"  # the application id of the processes of the session
+# What the host daemon owns; on a machine with systemd its unit is always there.
+HOST_NAMES = [f"com.zelt.{name}" for name in ("accountservices", "appinstaller", "connectionmanager", "host", "power",
+                                              "systemmanager")]
 DISTRIBUTOR = "org.unifiedpush.Distributor.pubsubservice"
 # A socket's path holds at most 107 bytes; a deeper folder gets its sockets in a temporary folder.
 LONGEST_SOCKET_FOLDER = 90
@@ -289,11 +292,9 @@ class Device:
         """From now on the private bus starts the host daemon when it is called and is not there."""
         command = shlex.join(["/usr/bin/python3", str(pathlib.Path(__file__).resolve()), "host", str(self.folder)])
         command = command.replace("\\", "\\\\").replace("\n", "\\n")  # as in every value of such a file
-        for template in sorted((ROOT / "packaging" / "dbus-services").glob("*.service.in")):
-            lines = [f"Exec={command}" if line.startswith("Exec=") else line
-                     for line in template.read_text(encoding="utf-8").splitlines()
-                     if not line.startswith(("User=", "SystemdService="))]
-            self.path("run", "dbus-services", template.stem).write_text("\n".join(lines) + "\n", encoding="utf-8")
+        for name in HOST_NAMES:
+            text = f"[D-BUS Service]\nName={name}\nExec={command}\n"
+            self.path("run", "dbus-services", name + ".service").write_text(text, encoding="utf-8")
 
     def _ctl(self, *arguments):
         """The JSON object that pubsubctl prints, or none when it fails."""
