@@ -93,6 +93,12 @@ TEST_F(GetTrace, OfAnUnknownItemIsEmpty) {
     EXPECT_EQ(stations(reply.text()), Texts{});
 }
 
+TEST_F(GetTrace, AnswersNothingToAResultThatNobodyWaitsFor) {
+    takeEvents();
+    session().handleTrace("unknown", gloox::JID(kService), "trace-1", {}, nullptr);
+    EXPECT_EQ(takeEvents(), Texts{});
+}
+
 TEST_F(GetTrace, IsRefusedWithoutAnItem) {
     EXPECT_THAT(call(getTrace, "{}").text(), testing::HasSubstr(R"("returnValue": false)"));
     EXPECT_THAT(call(getTrace, R"({"itemid":""})").text(), testing::HasSubstr("itemid"));
