@@ -187,6 +187,7 @@ Setup::Program Setup::startProgram(const std::vector<std::string>& words, bool a
     if (asTypist)
         g_subprocess_launcher_set_child_setup(launcher, becomeTypist, nullptr, nullptr);
     std::vector<const char*> argv;
+    argv.reserve(words.size() + 1);
     for (const std::string& word : words)
         argv.push_back(word.c_str());
     argv.push_back(nullptr);

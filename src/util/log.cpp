@@ -95,6 +95,7 @@ __attribute__((format(printf, 3, 0))) void write(int priority, CallSite site, co
     char message[kMessageSize], marked[kMessageSize], escaped[kMessageSize], markedFormat[kFormatSize];
     va_list again;
     va_copy(again, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): every caller has started the list
     vsnprintf(message, sizeof message, format, arguments);
     const bool hasOwn = markFormat(format, markedFormat);
     if (hasOwn) {

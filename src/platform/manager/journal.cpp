@@ -25,6 +25,7 @@ bool send(int priority, CallSite site, const char* line) {
     add("PUBSUB_ITEM=", LogSubject::item());
     add("PUBSUB_STATE=", logState());
     std::vector<iovec> parts;
+    parts.reserve(fields.size());
     for (std::string& field : fields)
         parts.push_back({.iov_base = field.data(), .iov_len = field.size()});
     // In brackets: the macro of this name would add the place of this call.
