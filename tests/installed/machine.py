@@ -20,7 +20,6 @@ sys.path.insert(0, str(ROOT / "scripts"))
 import processes  # noqa: E402
 
 PLACE = ROOT / "build" / "machine"
-MIRROR = "http://deb.debian.org/debian"
 SUITE = "bookworm"
 BOOTED = ("systemd", "systemd-sysv", "dbus", "dbus-user-session", "libpam-systemd", "ca-certificates")
 TOOLS = ("ejabberd", "curl", "openssl", "procps", "python3", "python3-yaml", "python3-gi", "python3-cryptography")
@@ -113,8 +112,17 @@ def base(folder):
     return kept
 
 
+def mirror():
+    """Where this machine gets the packages of the suite from."""
+    sites = run(["apt-get", "indextargets", "--format", "$(SITE)", "Created-By: Packages", f"Codename: {SUITE}",
+                 "Component: main"], "apt-get indextargets").split()
+    if not sites:
+        raise Failed(f"this machine gets no packages of {SUITE}; add it to the sources of apt")
+    return sites[0]
+
+
 def make_base(root, folder):
-    run(["debootstrap", "--variant=minbase", "--include=" + ",".join(BOOTED), SUITE, root, MIRROR], "debootstrap")
+    run(["debootstrap", "--variant=minbase", "--include=" + ",".join(BOOTED), SUITE, root, mirror()], "debootstrap")
     quiet = root / "usr/sbin/policy-rc.d"  # nothing is started while it is made
     quiet.write_text("#!/bin/sh\nexit 101\n", encoding="ascii")
     quiet.chmod(0o755)
