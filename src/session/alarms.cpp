@@ -82,6 +82,14 @@ bool readReply(QSMessage* reply, const char* key, const char* missing, const cha
     return true;
 }
 
+// As the power service takes it.
+std::string delayText(int64_t seconds) {
+    char text[32];
+    snprintf(text, sizeof text, "%02d:%02d:%02d", static_cast<int>(seconds / 3600),
+             static_cast<int>(seconds % 3600 / 60), static_cast<int>(seconds % 60));
+    return text;
+}
+
 }  // namespace
 
 int32_t generateRandomDelay(int32_t min, int32_t max) {
@@ -109,12 +117,9 @@ void PubSubSession::setPingTimer() {
 }
 
 bool PubSubSession::setRenewalTimer(int64_t seconds) {
-    char in[32];
-    snprintf(in, sizeof in, "%02d:%02d:%02d", static_cast<int>(seconds / 3600),
-             static_cast<int>(seconds % 3600 / 60), static_cast<int>(seconds % 60));
     BusError error;
-    if (QSCall(m_privateHandle, kTimeoutSet, alarm("pushRenewalTimer", in).c_str(), alarmResponse, nullptr,
-               nullptr, error))
+    if (QSCall(m_privateHandle, kTimeoutSet, alarm("pushRenewalTimer", delayText(seconds)).c_str(),
+               alarmResponse, nullptr, nullptr, error))
         return true;
     PrvPrintErr({}, "Setting the alarm for push addresses failed. Error %s ", error.message());
     return false;
@@ -157,13 +162,12 @@ void PubSubSession::scheduleReconnect() {
     const bool shortWait = m_retryCount <= kLastShortRetry;
     const int32_t delay =
         shortWait ? generateRandomDelay(kShortMin, kShortMax) : generateRandomDelay(kLongMin, kLongMax);
-    char in[32];
-    snprintf(in, sizeof in, "%02d:%02d:%02d", delay / 3600, delay % 3600 / 60, delay % 60);
+    const std::string in = delayText(delay);
     if (!setReconnectTimer(in)) {
         PrvPrintErr({}, "Setting timer to reconnect failed");
         return;
     }
-    PrvPrintErr({}, "We will try connecting after %s %d", in, delay);
+    PrvPrintErr({}, "We will try connecting after %s %d", in.c_str(), delay);
     m_reconnectPending = true;
 }
 

@@ -88,6 +88,14 @@ class PushTest(StageTest):
 
 
 class PushProvider(PushTest):
+    def assert_next_arrives(self, app, url):
+        receiver = self.receive(app)
+        posting = Posting(url, b"next")
+        item = receiver.wait(2)
+        self.assertEqual(item["item"], "next")
+        self.acknowledge(app, item)
+        self.assertEqual(posting.wait(), TAKEN)
+
     def test_a_message_of_any_bytes_reaches_the_application_and_its_sender_is_told(self):
         app = self.app()
         url = self.make(app)
@@ -150,12 +158,7 @@ class PushProvider(PushTest):
         self.stage.wait_connected()
         app = self.app()
         self.assertEqual(self.make(app), url)
-        receiver = self.receive(app)
-        posting = Posting(url, b"next")
-        item = receiver.wait(2)
-        self.assertEqual(item["item"], "next")
-        self.acknowledge(app, item)
-        self.assertEqual(posting.wait(), TAKEN)
+        self.assert_next_arrives(app, url)
 
     def test_a_service_that_is_killed_with_an_open_message_goes_on_with_its_addresses(self):
         app = self.app()
@@ -167,12 +170,7 @@ class PushProvider(PushTest):
         self.stage.start_service()
         self.stage.wait_connected()
         app = self.app()
-        receiver = self.receive(app)
-        posting = Posting(url, b"next")
-        item = receiver.wait(2)
-        self.assertEqual(item["item"], "next")
-        self.acknowledge(app, item)
-        self.assertEqual(posting.wait(), TAKEN)
+        self.assert_next_arrives(app, url)
 
     def test_an_application_cannot_use_the_endpoint_of_another(self):
         url = self.make(self.app())
