@@ -99,6 +99,11 @@ def fetch(url, data=None, headers=None, method=None):
 
 
 class MetricsTest(ServerTest):
+    def setUp(self):
+        super().setUp()
+        # The devices of the test before have closed their connections, which the server may not have noticed yet.
+        self.wait_value("sessions", 0)
+
     def scrape(self, server=None):
         status, headers, text = fetch((server or self.server).env["METRICS_URL"])
         self.assertEqual((status, headers["Content-Type"]), (200, "text/plain; version=0.0.4; charset=utf-8"))
