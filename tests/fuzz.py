@@ -9,7 +9,8 @@ PRIVATE = PUBLIC + (
     "createNode", "deleteNode", "publishItem", "registerItemCallback", "registerItemCallbackV2",
     "unRegisterItemCallback", "subscribeToNode", "unsubscribeFromNode", "setNodeConfig", "getNodeConfig",
     "getPendingAuth", "approvePending", "subscribeNodeAuth", "subscribeConnStatus", "getJabberId", "getResource",
-    "registerOnClose", "keepAliveTimer", "reconnectTimer", "activateNode", "getPushBackend", "pushRenewalTimer")
+    "registerOnClose", "keepAliveTimer", "reconnectTimer", "activateNode", "getPushBackend", "pushRenewalTimer",
+    "listNodes")
 LEAVING = ("disconnect", "initializeAccount")
 KEYS = ("node", "nodes", "endpoint", "item", "xml", "jid", "subid", "id", "approve", "subscriber_jid", "options",
         "subscribe", "app", "onclose", "depth", "nodeType", "parent", "title", "accessType", "description", "device",

@@ -7,6 +7,7 @@
 
 bool createNode(QSHandle* handle, QSMessage* message, void* context);
 bool deleteNode(QSHandle* handle, QSMessage* message, void* context);
+bool listNodes(QSHandle* handle, QSMessage* message, void* context);
 bool publishItemToNode(QSHandle* handle, QSMessage* message, void* context);  // bus method publishItem
 bool setNodeConfig(QSHandle* handle, QSMessage* message, void* context);
 bool getNodeConfig(QSHandle* handle, QSMessage* message, void* context);

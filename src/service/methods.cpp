@@ -49,5 +49,6 @@ const QSMethod methods[] = {
     {.name = "getTrace", .handler = getTrace},
     {.name = "getPushBackend", .handler = getPushBackend},
     {.name = "pushRenewalTimer", .handler = pushRenewalTimer},
+    {.name = "listNodes", .handler = listNodes},
     {.name = nullptr},
 };

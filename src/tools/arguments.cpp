@@ -7,6 +7,7 @@
 #include <charconv>
 #include <span>
 
+#include "tools/complete.h"
 #include "tools/suggestion.h"
 #include "util/applicationid.h"
 
@@ -20,9 +21,10 @@ constexpr OptionSpec kGlobalOptions[] = {
      .help = "call as this application; works where the service lets callers name themselves"},
     {.name = "help", .letter = 'h', .help = "show this help, or the help of a verb"},
     {.name = "version", .help = "show the version"},
-    {.name = "print",
-     .value = "bash|zsh|fish|man",
-     .help = "print a text made from the verbs: completions for a shell, or the parts of the manual page"},
+    {.name = "complete",
+     .value = "WORD...",
+     .help = "print what may stand for the last of these words; shells ask this while somebody types"},
+    {.name = "manual", .help = "print the part of the manual page that is made from the verbs"},
 };
 
 // All verbs, or those of a group.
@@ -165,17 +167,23 @@ class Reader {
             m_result.version = true;
         else if (name == "app")
             return takeApplication(value);
-        else if (name == "print")
-            return takePrint(value);
+        else if (name == "manual")
+            m_result.manual = true;
+        else if (name == "complete")
+            return takeTyped(value);
         else if (!parseCount(value, m_result.timeoutSeconds))
             return fail("--timeout takes a whole number of seconds from 1 to 1000000, not \"" + value + "\"");
         return true;
     }
 
-    bool takePrint(const std::string& what) {
-        m_result.print = what;
-        return what == "bash" || what == "zsh" || what == "fish" || what == "man" ||
-               fail("--print takes bash, zsh, fish or man, not \"" + what + "\"");
+    bool takeTyped(const std::string& first) {
+        m_result.completes = true;
+        m_result.typed = {first};
+        m_result.typed.insert(m_result.typed.end(), m_words.begin() + static_cast<std::ptrdiff_t>(m_next),
+                              m_words.end());
+        m_next = m_words.size();
+        m_result.app = applicationIn(m_result.typed);
+        return true;
     }
 
     bool takeApplication(const std::string& id) {
@@ -194,7 +202,7 @@ class Reader {
     bool finish() {
         if (!m_result.verb && !m_verbWords.empty())
             m_result.group = m_verbWords[0];
-        if (m_result.help || m_result.version || !m_result.print.empty())
+        if (m_result.help || m_result.version || m_result.manual || m_result.completes)
             return true;
         if (!m_result.verb)
             return m_verbWords.empty() ? fail("no verb given; `pubsubctl --help` lists them")

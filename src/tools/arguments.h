@@ -42,7 +42,9 @@ struct Invocation {
     bool json = false;
     bool help = false;
     bool version = false;
-    std::string print;  // what --print names; "" without it
+    bool manual = false;
+    bool completes = false;
+    std::vector<std::string> typed;  // after --complete
     unsigned timeoutSeconds = 30;
 
     bool has(const char* option) const { return options.contains(option); }

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "tools/printed.h"
+#include "tools/manual.h"
 #include "tools/verbs.h"
 
 namespace {
@@ -48,8 +48,10 @@ int main(int argc, char** argv) {
                                                  : groupText(allVerbs(), invocation.group));
     else if (invocation.version)
         std::cout << "pubsubctl " << PUBSUB_VERSION << "\n";
-    else if (!invocation.print.empty())
-        std::cout << printedText(invocation.print, allVerbs());
+    else if (invocation.manual)
+        std::cout << manualText(allVerbs());
+    else if (invocation.completes)
+        return static_cast<int>(runComplete(invocation, console));
     else
         return static_cast<int>(invocation.verb->run(invocation, console));
     return 0;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-only
 // The parts of the manual page that the table of verbs has, in the markup of scdoc: *bold*, _value_, and a tab for
 // each step to the right.
-#include "tools/printed.h"
+#include "tools/manual.h"
 
 #include <cctype>
 #include <cstring>
@@ -53,8 +53,4 @@ std::string manualText(const std::vector<Verb>& verbs) {
     for (const Verb& verb : verbs)
         text += verbEntry(verb);
     return text;
-}
-
-std::string printedText(const std::string&, const std::vector<Verb>& verbs) {
-    return manualText(verbs);
 }

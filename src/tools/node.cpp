@@ -149,3 +149,23 @@ Exit runNodeUnsubscribe(const Invocation& invocation, Console& console) {
     const Reply reply = callService(invocation, "unsubscribeFromNode", payload);
     return console.finish(reply, "unsubscribed from " + invocation.arguments[0]);
 }
+
+std::string nodeLines(const std::string& payload) {
+    const JsonRef answer = parseWholeJson(payload);
+    json_object* nodes = jsonMember(answer.get(), "nodes");
+    std::string lines;
+    for (size_t i = 0; json_object_is_type(nodes, json_type_array) && i < json_object_array_length(nodes);
+         ++i)
+        lines += (i ? "\n" : "") + std::string(json_object_get_string(json_object_array_get_idx(nodes, i)));
+    return lines;
+}
+
+Exit runNodeList(const Invocation& invocation, Console& console) {
+    const Reply reply = callService(invocation, "listNodes", "{}");
+    const std::string lines = nodeLines(reply.payload);
+    if (reply.exit == Exit::Ok && lines.empty() && !console.json()) {
+        console.message("this device has no handlers and has received no items yet");
+        return reply.exit;
+    }
+    return console.finish(reply, lines);
+}

@@ -75,6 +75,9 @@ Exit runPushList(const Invocation& invocation, Console& console);
 Exit runPushRemove(const Invocation& invocation, Console& console);
 Exit runPushTest(const Invocation& invocation, Console& console);
 Exit runHandler(const Invocation& invocation, Console& console);
+Exit runNodeList(const Invocation& invocation, Console& console);
+// `--complete`
+Exit runComplete(const Invocation& invocation, Console& console);
 Exit runCall(const Invocation& invocation, Console& console);
 
 // Parts that are tested alone.
@@ -102,6 +105,8 @@ std::string endpointItem(const std::string& payload, bool json);
 // The same of an item that waits for its acknowledgement; under --json with "itemid", "encoding", "expires"
 // and "published" where they are given.
 std::string receivedItem(const std::string& payload, bool json);
+// The nodes that the device knows, one a line.
+std::string nodeLines(const std::string& payload);
 // What is known of an application's endpoints, one a line.
 std::string endpointLines(const std::string& payload);
 // Of an answer to getTrace {"itemid","acknowledged","stations"}, in the order of time, with the stations of the

@@ -26,8 +26,10 @@ DATA = sorted([
     "lib/sysusers.d/zelt-host.conf",
     "lib/sysusers.d/zelt.conf",
     "lib/tmpfiles.d/zelt.conf",
+    "share/bash-completion/completions/pubsubctl",
     "share/dbus-1/services/org.unifiedpush.Distributor.pubsubservice.service",
     "share/dbus-1/system.d/com.zelt.pubsubservice.conf",
+    "share/fish/vendor_completions.d/pubsubctl.fish",
     "share/man/man1/pubsubctl.1",
     "share/man/man1/zelt-unifiedpush.1",
     "share/man/man5/host.conf.5",
@@ -35,6 +37,7 @@ DATA = sorted([
     "share/man/man8/pubsubservice.8",
     "share/man/man8/zelt-host.8",
     "share/zelt/private-bus.conf",
+    "share/zsh/vendor-completions/_pubsubctl",
 ])
 
 

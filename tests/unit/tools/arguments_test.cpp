@@ -208,7 +208,7 @@ TEST(Suggestions, AreFewOrNone) {
     EXPECT_EQ(suggestion({"x"}, allVerbs()), "");
     EXPECT_EQ(suggestion({"remove"}, allVerbs()), "did you mean \"push remove\" or \"onclose remove\"?");
     EXPECT_EQ(suggestion({"list"}, allVerbs()),
-              "did you mean \"endpoint list\", \"push list\" or \"pending list\"?");
+              "did you mean \"node list\", \"endpoint list\", \"push list\" or \"pending list\"?");
     EXPECT_EQ(suggestion({"session", "logout"}, allVerbs()), "did you mean \"session login\"?");
 }
 

@@ -17,7 +17,7 @@ class CommandLine {
         std::string problem;
         EXPECT_TRUE(parseArguments(words, allVerbs(), invocation, problem)) << problem;
         Console console(in, out, err, invocation.json);
-        return invocation.verb->run(invocation, console);
+        return invocation.completes ? runComplete(invocation, console) : invocation.verb->run(invocation, console);
     }
 
     std::istringstream in;

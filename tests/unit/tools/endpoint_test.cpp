@@ -73,6 +73,11 @@ INSTANTIATE_TEST_SUITE_P(
                  R"(createEndpoint {"endpoint":"box","description":"d","accessType":2})",
                  kKey,
                  "KEY"},
+        VerbCase{QSBus::Private,
+                 {"node", "list"},
+                 "listNodes {}",
+                 R"({"returnValue":true,"nodes":["/a/b","/c"]})",
+                 "/a/b\n/c"},
         VerbCase{
             QSBus::Public, {"endpoint", "key", "box"}, R"(getPublishKey {"endpoint":"box"})", kKey, "KEY"},
         VerbCase{QSBus::Public,

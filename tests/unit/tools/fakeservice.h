@@ -48,6 +48,7 @@ class FakeService {
                                       "getNodeConfig",
                                       "setNodeConfig",
                                       "getTrace",
+                                      "listNodes",
                                       "getPushBackend"};
         for (const char* name : names)
             m_methods.push_back({name, onCall, 0});
