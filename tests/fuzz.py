@@ -10,7 +10,7 @@ PRIVATE = PUBLIC + (
     "unRegisterItemCallback", "subscribeToNode", "unsubscribeFromNode", "setNodeConfig", "getNodeConfig",
     "getPendingAuth", "approvePending", "subscribeNodeAuth", "subscribeConnStatus", "getJabberId", "getResource",
     "registerOnClose", "keepAliveTimer", "reconnectTimer", "activateNode", "getPushBackend", "pushRenewalTimer",
-    "listNodes")
+    "getTrace", "listNodes")
 LEAVING = ("disconnect", "initializeAccount")
 KEYS = ("node", "nodes", "endpoint", "item", "xml", "jid", "subid", "id", "approve", "subscriber_jid", "options",
         "subscribe", "app", "onclose", "depth", "nodeType", "parent", "title", "accessType", "description", "device",

@@ -67,7 +67,8 @@ TEST(MethodTables, HoldThePrivateMethods) {
                               {"activateNode", activateNode},
                               {"getTrace", getTrace},
                               {"getPushBackend", getPushBackend},
-                              {"pushRenewalTimer", pushRenewalTimer}};
+                              {"pushRenewalTimer", pushRenewalTimer},
+                              {"listNodes", listNodes}};
     EXPECT_EQ(listed(methods), expected);
 }
 
