@@ -2,9 +2,24 @@
 # Completion of pubsubctl for bash: the program itself says what may follow.
 # shellcheck shell=bash
 
+# Names come from elsewhere and may have blanks, "$(" and whatever else a shell obeys: they are quoted.
 _pubsubctl() {
-    local word
+    local word at quoted prefix=""
+    local -a words=()
     COMPREPLY=()
+    # Readline ends words at colons and equals signs too, which names have.
+    for ((at = 1; at <= COMP_CWORD; ++at)); do
+        word=${COMP_WORDS[at]}
+        if ((at > 1)) && [[ $word == [:=]* || ${COMP_WORDS[at - 1]} == *[:=] ]]; then
+            words[-1]+=$word
+        else
+            words+=("$word")
+        fi
+    done
+    [[ ${words[-1]} == [\"\']* ]] && return # nothing that is safe in every kind of quotes
+    words=("${words[@]//\\/}")
+    word=${words[-1]}
+    [[ $word == *[:=]* ]] && printf -v prefix %q "${word%"${word##*[:=]}"}"
     while IFS=$'\t' read -r word _; do
         case $word in
         :file)
@@ -12,9 +27,12 @@ _pubsubctl() {
             mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$2")
             ;;
         :command) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -c -- "$2") ;;
-        *) COMPREPLY+=("$word") ;;
+        *)
+            printf -v quoted %q "$word"
+            COMPREPLY+=("${quoted#"$prefix"}")
+            ;;
         esac
-    done < <("$1" --complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+    done < <("$1" --complete "${words[@]}" 2>/dev/null)
 }
 
 complete -F _pubsubctl pubsubctl

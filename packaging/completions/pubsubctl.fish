@@ -4,7 +4,8 @@
 function __pubsubctl_candidates
     set -l words (commandline -opc)
     set -l typed (commandline -ct)
-    for line in ($words[1] --complete $words[2..-1] "$typed" 2>/dev/null)
+    set -l plain (string unescape -- $typed; or echo $typed)
+    for line in ($words[1] --complete $words[2..-1] "$plain" 2>/dev/null)
         switch $line
             case :file
                 __fish_complete_path "$typed"

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """Completion of pubsubctl in the shells themselves: what is typed, and what a tab makes of it."""
 
+import json
 import os
 import pathlib
 import pty
@@ -15,6 +16,7 @@ from stage import BIN, ROOT, StageTest
 SCRIPTS = ROOT / "packaging/completions"
 APP = "com.example.completion"
 DONE = "is-there"
+ODD = "/odd/a b:c$(touch done)'d"  # a name that a shell would obey
 
 
 class Terminal:
@@ -58,8 +60,9 @@ class Completion(StageTest):
             "autoload -Uz compinit && compinit -u -D\n", encoding="utf-8")
         try:
             cls.stage.wait_connected()
-            cls.stage.ctl("call", "registerItemCallback",
-                          '{"node":"/completed/news","endpoint":"zelt://com.zelt.nobody/item"}')
+            for node in ("/completed/news", ODD):
+                cls.stage.ctl("call", "registerItemCallback",
+                              json.dumps({"node": node, "endpoint": "zelt://com.zelt.nobody/item"}))
             cls.stage.ctl("--app", APP, "endpoint", "create", "inbox-of-mine")
         except BaseException:
             cls.tearDownClass()
@@ -88,13 +91,32 @@ class Completion(StageTest):
         script = f"source {SCRIPTS / 'pubsubctl.fish'}; complete -C \"pubsubctl {' '.join(words)}\""
         return [line.split("\t")[0] for line in self.run_shell("fish", "--no-config", "-c", script, **extra)]
 
-    def zsh(self, typed, completed, **extra):
-        """A tab makes one of the other."""
+    def bash_terminal(self):
+        terminal = Terminal(["bash", "--norc", "--noprofile", "-i"], self.environment)
+        self.addCleanup(terminal.close)
+        terminal.send(f"source {SCRIPTS / 'pubsubctl.bash'}; echo read''y\n")
+        terminal.wait("ready")
+        return terminal
+
+    def zsh_terminal(self, **extra):
         terminal = Terminal(["zsh", "-i"], dict(self.environment, **extra))
         self.addCleanup(terminal.close)
         terminal.wait("> ")
+        return terminal
+
+    def zsh(self, typed, completed):
+        """A tab makes one of the other."""
+        terminal = self.zsh_terminal()
         terminal.send(typed + "\t")
         terminal.wait(completed)
+
+    @staticmethod
+    def assert_takes_odd_name(terminal, typed):
+        """A tab completes what is typed to one word, which the shell takes as the name and nothing else."""
+        terminal.send(f"pubsubctl handler {typed}\t")
+        terminal.wait(r"\'d")
+        terminal.send("\x01printf 'took<%s>\\n' \n")  # before the whole line
+        terminal.wait(f"took<{ODD}>")
 
     def test_bash_completes_verbs_options_and_names(self):
         self.assertEqual(self.bash("nod"), ["node"])
@@ -110,12 +132,26 @@ class Completion(StageTest):
         self.assertIn("pubsubctl", self.bash("subscribe", "box", "--", "pubsubc"))
 
     def test_bash_completes_a_line_that_is_typed(self):
-        terminal = Terminal(["bash", "--norc", "--noprofile", "-i"], self.environment)
-        self.addCleanup(terminal.close)
-        terminal.send(f"source {SCRIPTS / 'pubsubctl.bash'}; echo read''y\n")
-        terminal.wait("ready")
+        terminal = self.bash_terminal()
         terminal.send("pubsubctl handler /comp\t")
         terminal.wait("pubsubctl handler /completed/news ")
+
+    def test_bash_quotes_names(self):
+        for typed in ("/odd", "/odd/a\\ b", "/odd/a\\ b:", "/odd/a\\ b:c"):
+            with self.subTest(typed):
+                self.assert_takes_odd_name(self.bash_terminal(), typed)
+
+    def test_bash_completes_nothing_within_quotes(self):
+        self.assertEqual(self.bash("handler", '"/comp'), [])
+
+    def test_zsh_quotes_names(self):
+        for typed in ("/odd", "/odd/a\\ b", "/odd/a\\ b:c"):
+            with self.subTest(typed):
+                self.assert_takes_odd_name(self.zsh_terminal(), typed)
+
+    def test_fish_completes_names_that_need_quotes(self):
+        for typed in ("/odd", "/odd/a\\\\ b", "/odd/a\\\\ b:c"):
+            self.assertEqual(self.fish("handler", typed), [ODD])
 
     def test_fish_completes_verbs_options_and_names(self):
         self.assertEqual(self.fish("nod"), ["node"])
@@ -136,9 +172,7 @@ class Completion(StageTest):
         for words in (("handler", ""), ("endpoint", "key", ""), ("push", "remove", "")):
             self.assertEqual(self.bash(*words, **nowhere), [])
         self.assertEqual(self.fish("handler", "/", **nowhere), [])
-        terminal = Terminal(["zsh", "-i"], dict(self.environment, **nowhere))
-        self.addCleanup(terminal.close)
-        terminal.wait("> ")
+        terminal = self.zsh_terminal(**nowhere)
         terminal.send("pubsubctl handler /comp\t\x15echo nothing else\n")
         self.assertNotIn("cannot", terminal.wait("nothing else\r\n"))
 
