@@ -21,7 +21,7 @@ process(#iq{type = Type, sub_els = [#xmlel{name = Name} = Element]} = IQ) ->
         error:{xmpp_codec, Why} ->
             xmpp:make_error(IQ, xmpp:err_bad_request(xmpp:io_format_error(Why), IQ#iq.lang));
         Class:Reason:Stack ->
-            ?LOG_ERROR("The request ~ts failed: ~p:~p ~p", [Name, Class, Reason, Stack]),
+            ?LOG_ERROR("The request ~ts failed: ~p", [Name, pubsub_device_fault:told(Class, Reason, Stack)]),
             xmpp:make_error(IQ, xmpp:err_internal_server_error())
     end.
 

@@ -65,7 +65,7 @@ serve(Socket, Opts) ->
         end
     catch
         throw:ended -> ok;
-        Class:Reason:Stack -> report(Class, Reason, Stack)
+        Class:Reason:Stack -> report(pubsub_device_fault:told(Class, Reason, Stack))
     end,
     gen_tcp:close(Socket).
 
@@ -179,7 +179,7 @@ handle(#link{opts = Opts}, #{method := Method, target := Target, length := Lengt
     catch
         throw:malformed -> pubsub_device_refusal:answer(address, []);
         Class:Reason:Stack ->
-            report(Class, Reason, Stack),
+            report(pubsub_device_fault:told(Class, Reason, Stack)),
             pubsub_device_refusal:answer(failed, [])
     end.
 
@@ -192,15 +192,8 @@ routed(Path, Prefix, Request) ->
         false -> pubsub_device_refusal:answer(nothing, [])
     end.
 
-%% Logged without the arguments of the functions, which may contain a key or an item.
-report(Class, Reason, Stack) ->
-    Error = case Reason of
-                {Name, _} when is_atom(Name) -> Name;
-                Name when is_atom(Name) -> Name;
-                _ -> other
-            end,
-    ?LOG_ERROR("a request over HTTP failed: ~p",
-               [{Class, Error, [{Module, Function, Where} || {Module, Function, _, Where} <- Stack]}]).
+report(Fault) ->
+    ?LOG_ERROR("a request over HTTP failed: ~p", [Fault]).
 
 %% A proxy may send an absolute URI.
 segments(Target) ->

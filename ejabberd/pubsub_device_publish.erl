@@ -188,7 +188,8 @@ to_key_node({{_, NodeId} = Node, Owner}, ItemId, Payload, Terms) ->
     catch
         error:{database, _} -> {error, pubsub_device_database:unavailable()};
         Class:Reason:Stack ->
-            ?LOG_ERROR("Publishing to node ~ts with its key failed: ~p:~p ~p", [NodeId, Class, Reason, Stack]),
+            ?LOG_ERROR("Publishing to node ~ts with its key failed: ~p",
+                       [NodeId, pubsub_device_fault:told(Class, Reason, Stack)]),
             {error, xmpp:err_internal_server_error()}
     after end_publish()
     end.

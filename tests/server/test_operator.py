@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-3.0-only
 """The commands and the page of the web admin for an operator."""
 import base64
+import re
 
 from exposition import MetricsTest, fetch
 from harness import PASSWORD
@@ -85,6 +86,17 @@ class Commands(MetricsTest):
             ("show", {"user": "owner", "host": "localhost", "resource": "keys"}))]
         self.assertIn(self.node + "/key", str(texts[3]))
         self.assertNotIn(key, str(texts))
+
+    def test_a_request_that_fails_is_logged_without_what_was_asked(self):
+        for failing in ("""pubsub_device_iq:process({iq, <<"1">>, get, <<>>, jid:decode(<<"bob@localhost/a">>), nowhere,
+                           [{xmlel, <<"key">>, [{<<"node">>, <<"unseen">>}], []}], #{}})""",
+                        """pubsub_device_publish:to_key_node({{<<"unseen">>, <<"/seen">>}, {<<>>, <<"localhost">>, <<>>}},
+                           <<"id">>, [{xmlel, <<"payload">>, [], [{xmlcdata, <<"unseen">>}]}], none)"""):
+            self.instance.evaluate("catch " + failing)
+        for line in (r"The request key failed: \{error,\s*function_clause,\s*\[",
+                     r"Publishing to node /seen with its key failed: \{error,\s*unregistered_route,\s*\["):
+            self.wait_for(lambda line=line: re.search(line, self.instance.log()))
+        self.assertNotIn("unseen", self.instance.log())
 
 
 class Page(MetricsTest):
