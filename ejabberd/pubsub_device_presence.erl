@@ -4,7 +4,7 @@
 %% device_age; the session is known only while it lasts.
 -module(pubsub_device_presence).
 
--export([announce/1, admit/1, attach/1, attach/2, goodbye/1, on_session_end/3, on_remove_user/2, forget/1]).
+-export([announce/1, admit/1, attach/1, attach/2, goodbye/1, on_session_end/3, on_remove_user/2, forget/2]).
 
 -include_lib("kernel/include/logger.hrl").
 -include_lib("p1_xmpp/include/xmpp.hrl").
@@ -67,7 +67,10 @@ make_room_now(Device) ->
             Absent = [{Seen, Each} || Each <- Devices, pubsub_device_store:session(Each) == none,
                                       Seen <- pubsub_device_store:seen(Each)],
             case lists:sort(Absent) of
-                [{_, Oldest} | _] -> forget(Oldest), pubsub_device_store:saw_device(Device), true;
+                [{_, Oldest} | _] ->
+                    forget(Oldest, "a new one took its place under max_devices"),
+                    pubsub_device_store:saw_device(Device),
+                    true;
                 [] -> false
             end;
         false -> pubsub_device_store:saw_device(Device), true
@@ -95,9 +98,9 @@ on_session_end({_, Pid}, JID, _Info) ->
     Pid == self() andalso pubsub_device_limits:forget(jid:tolower(JID)).
 
 on_remove_user(User, Server) ->
-    [forget(Device) || Device <- pubsub_device_store:devices({jid:nodeprep(User), jid:nameprep(Server), <<>>})],
+    [forget(Device, "its account was removed") || Device <- pubsub_device_store:devices({jid:nodeprep(User), jid:nameprep(Server), <<>>})],
     ok.
 
-forget(Device) ->
-    ?LOG_INFO("Forgot the device ~ts; it stayed away", [jid:encode(Device)]),
+forget(Device, Why) ->
+    ?LOG_INFO("Forgot the device ~ts; ~ts", [jid:encode(Device), Why]),
     pubsub_device_store:forget_device(Device).

@@ -50,7 +50,7 @@ sweep() ->
 %% A crash of a member leaves records of sessions and activations for which no sender gets a notification.
 forget_absent() ->
     Oldest = erlang:system_time(second) - mod_pubsub_device:option(device_age) div 1000,
-    [pubsub_device_presence:forget(Device)
+    [pubsub_device_presence:forget(Device, "it stayed away for device_age")
      || Device <- pubsub_device_store:all_devices(), pubsub_device_store:session(Device) == none,
         Seen <- pubsub_device_store:seen(Device), Seen < Oldest],
     [pubsub_device_store:forget_session(Device)

@@ -102,7 +102,7 @@ class Bounds(ServerTest):
         first.kill()
         for resource in ("2", "3"):
             self.device("carol", resource).kill()
-        self.wait_for(lambda: "Forgot the device carol@localhost/1;" in self.instance.log())
+        self.wait_for(lambda: "Forgot the device carol@localhost/1; a new one took its place" in self.instance.log())
         self.assertEqual(self.post(key, "1")[0], 201)
         for resource in ("3", "2", "1"):
             device = self.device("carol", resource)

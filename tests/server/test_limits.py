@@ -149,7 +149,7 @@ class Ages(ServerTest):
         self.take(bob)
         bob.kill()
         self.wait_for(lambda: "Dropped the oldest kept item of device bob@localhost/old" in self.instance.log())
-        self.wait_for(lambda: "Forgot the device bob@localhost/old" in self.instance.log())
+        self.wait_for(lambda: "Forgot the device bob@localhost/old; it stayed away" in self.instance.log())
         self.publish(owner, "2")
         self.assert_quiet(self.device("bob", "old"))
 

@@ -87,6 +87,12 @@ class Commands(MetricsTest):
         self.assertIn(self.node + "/key", str(texts[3]))
         self.assertNotIn(key, str(texts))
 
+    def test_the_log_says_that_a_device_is_forgotten_with_its_account(self):
+        self.instance.register("dave")
+        self.device("dave", "phone")
+        self.instance.evaluate("ejabberd_auth:remove_user(<<\"dave\">>, <<\"localhost\">>)")
+        self.wait_for(lambda: "Forgot the device dave@localhost/phone; its account was removed" in self.instance.log())
+
     def test_a_request_that_fails_is_logged_without_what_was_asked(self):
         for failing in ("""pubsub_device_iq:process({iq, <<"1">>, get, <<>>, jid:decode(<<"bob@localhost/a">>), nowhere,
                            [{xmlel, <<"key">>, [{<<"node">>, <<"unseen">>}], []}], #{}})""",
