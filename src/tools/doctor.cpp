@@ -3,6 +3,7 @@
 // needed. Changes nothing.
 #include "tools/doctor.h"
 
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -57,6 +58,7 @@ constexpr Needed kNeeded[] = {
     {.check = "installer service", .uri = "zelt://com.zelt.appinstaller/notifyOnChange", .payload = "{}"},
     {.check = "boot service", .uri = "zelt://com.zelt.systemmanager/getBootStatus", .payload = "{}"},
 };
+constexpr char kUser[] = "pubsub";  // of an installed service
 constexpr char kStartHost[] = "start zelt-host, or whatever provides it on this machine";
 
 Finding judgeNetwork(const Reply& reply) {
@@ -201,8 +203,12 @@ void Doctor::checkPathToServer() {
 }
 
 void Doctor::checkFolders() {
-    report(checkFolder("state folder", fromEnvironment("PUBSUB_STATE_DIR", "/var/pubsub")));
-    report(checkFolder("store", fromEnvironment("ZELT_PREFS_DIR", "/var/lib/zelt/prefs")));
+    const auto check = [this](const char* name, const char* variable, const char* installed) {
+        const std::string folder = fromEnvironment(variable, installed);
+        report(checkFolder(name, folder, folder == installed ? kUser : nullptr));
+    };
+    check("state folder", "PUBSUB_STATE_DIR", "/var/pubsub");
+    check("store", "ZELT_PREFS_DIR", "/var/lib/zelt/prefs");
 }
 
 void Doctor::checkExtension() {
@@ -258,11 +264,16 @@ bool placeFromCredentials(const std::string& text, ServerPlace& place) {
     return true;
 }
 
-Finding checkFolder(const std::string& check, const std::string& folder) {
+Finding checkFolder(const std::string& check, const std::string& folder, const char* user) {
     struct statvfs space = {};
-    if (statvfs(folder.c_str(), &space) != 0)
+    struct stat status = {};
+    if (statvfs(folder.c_str(), &space) != 0 || stat(folder.c_str(), &status) != 0)
         return {check, Finding::State::Bad, folder + ": " + strerror(errno),
                 "create it for the user that pubsubservice runs as"};
+    const passwd* owner = user ? getpwnam(user) : nullptr;
+    if (owner && owner->pw_uid != status.st_uid)
+        return {check, Finding::State::Bad, folder + " does not belong to the user " + user,
+                std::string("chown ") + user + " " + folder};
     if (static_cast<unsigned long long>(space.f_bavail) * space.f_frsize < kLeastSpace)
         return {check, Finding::State::Bad, folder + " has less than 16 MiB left", "free space on its disk"};
     if (access(folder.c_str(), W_OK) != 0 && errno == EROFS)

@@ -28,8 +28,8 @@ bool placeFromCredentials(const std::string& text, ServerPlace& place);
 
 // Name resolution, connection and certificate of a server; checks after a failed one are unknown.
 std::vector<Finding> checkServer(const ServerPlace& place, const std::string& caFile, unsigned seconds);
-// A folder in which the service or its store keeps files.
-Finding checkFolder(const std::string& check, const std::string& folder);
+// A folder in which the service or its store keeps files. It has to belong to the user, where that is named and exists.
+Finding checkFolder(const std::string& check, const std::string& folder, const char* user = nullptr);
 // Judges the answer to an operation that only a server with the device extension supports; `backend` is that of
 // getPushBackend, "" when it was not asked.
 Finding judgeExtension(const std::string& payload, const std::string& backend = {});

@@ -3,7 +3,9 @@
 #include "tools/doctor.h"
 
 #include <gmock/gmock.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <optional>
@@ -123,8 +125,22 @@ TEST(DoctorFolder, IsThereOrMissing) {
     EXPECT_EQ(missing.detail, (folder / "none") + ": No such file or directory");
 }
 
+TEST(DoctorFolder, BelongsToTheUserOfTheService) {
+    TestFolder folder;
+    const passwd* self = getpwuid(geteuid());
+    ASSERT_TRUE(self);
+    const std::string own = self->pw_name, other = geteuid() == 0 ? "nobody" : "root";
+    EXPECT_EQ(checkFolder("store", folder.path(), own.c_str()).state, State::Good);
+    EXPECT_EQ(checkFolder("store", folder.path(), "no such user").state, State::Good);
+    const Finding found = checkFolder("store", folder.path(), other.c_str());
+    EXPECT_EQ(found.state, State::Bad);
+    EXPECT_EQ(found.detail, folder.path() + " does not belong to the user " + other);
+    EXPECT_EQ(found.advice, "chown " + other + " " + folder.path());
+}
+
 TEST(DoctorExtension, IsKnownByTheAnswerToAQuestionThatIsNoError) {
-    EXPECT_EQ(judgeExtension(R"({"returnValue":true,"itemid":"i","server":true,"stations":[]})").state, State::Good);
+    EXPECT_EQ(judgeExtension(R"({"returnValue":true,"itemid":"i","server":true,"stations":[]})").state,
+              State::Good);
     Finding missing = judgeExtension(
         R"({"returnValue":true,"itemid":"i","server":false,"serverError":"service-unavailable","stations":[]})");
     EXPECT_EQ(missing.state, State::Bad);
@@ -140,7 +156,8 @@ TEST(DoctorExtension, ThatIsMissingIsReplacedForWebPushByAProvider) {
         judgeExtension(refused, R"({"returnValue":true,"backend":"provider","provider":"push.example.org"})");
     EXPECT_EQ(found.state, State::Good);
     EXPECT_EQ(found.detail, "none, but push.example.org gives endpoints of web push their addresses");
-    EXPECT_THAT(found.advice, HasSubstr("your server keeps nothing: what is pushed while the device is away is lost"));
+    EXPECT_THAT(found.advice,
+                HasSubstr("your server keeps nothing: what is pushed while the device is away is lost"));
     EXPECT_EQ(judgeExtension(refused, R"({"returnValue":true,"backend":"none"})").state, State::Bad);
 }
 
@@ -204,7 +221,8 @@ TEST_F(Doctor, LooksAtEverythingAndEndsWithFourWhenSomethingIsWrong) {
 TEST_F(Doctor, NamesThePushProviderOfAServerWithoutTheExtension) {
     service.script["subscribeConnStatus"] = R"({"returnValue":true,"connected":true})";
     service.script["getTrace"] = R"({"returnValue":true,"server":false,"serverError":"not-allowed"})";
-    service.script["getPushBackend"] = R"({"returnValue":true,"backend":"provider","provider":"push.example.org"})";
+    service.script["getPushBackend"] =
+        R"({"returnValue":true,"backend":"provider","provider":"push.example.org"})";
     EXPECT_THAT(examine(), HasSubstr("ok      server extension: none, but push.example.org gives endpoints"));
 }
 
