@@ -33,6 +33,10 @@ class Failed(AssertionError):
     """Something of the machine does not work; the text says what."""
 
 
+class Unbooted(Failed):
+    """The machine does not start."""
+
+
 def why_not():
     """Why no machine can be booted here; None when one can."""
     if os.geteuid() != 0:
@@ -61,8 +65,17 @@ def install_tools():
 
 def packages():
     """The folder of the packages of this tree; they are built unless they are there."""
+    install_tools()
     run([ROOT / "scripts/package", PLACE / "packages"], "building the packages")
     return PLACE / "packages"
+
+
+def packages_again():
+    """The folder of the same packages, built in another place, without a compiler cache, by another clock."""
+    folder = PLACE / "packages-again" / "in-another-place"
+    run(["sh", "-c", 'umask 077 && exec "$@"', "sh", ROOT / "scripts/package", folder], "building the packages again",
+        env=dict(os.environ, CCACHE_DISABLE="1", TZ="Pacific/Kiritimati", LANG="C", HOME="/nonexistent"))
+    return folder
 
 
 def field(package, name):
@@ -143,6 +156,19 @@ def make_base(root, folder):
 
 # --- the machine
 
+def why_not_booted(folder):
+    """Why a machine without the packages does not boot here; None when it does."""
+    try:
+        bare = Machine(base(folder))
+        try:
+            bare.boot()
+        finally:
+            bare.stop()
+    except Unbooted as error:
+        return "systemd-nspawn boots no machine here: " + " ".join(str(error).split())
+    return None
+
+
 class Machine:
     """One booted machine; `stop` ends it and removes what it wrote."""
 
@@ -181,11 +207,11 @@ class Machine:
         """Until the machine has started all that it starts."""
         def up():
             if self._container.poll() is not None:
-                raise Failed(f"the machine ended; its console:\n{self.console()}")
+                raise Unbooted(f"the machine ended; its console:\n{self.console()}")
             state = self.leader() and self.output("systemctl", "is-system-running", check=False).strip()
             return state in ("running", "degraded")
         if not processes.wait_until(up, BOOT_SECONDS):
-            raise Failed(f"not booted within {BOOT_SECONDS} s; its console:\n{self.console()}")
+            raise Unbooted(f"not booted within {BOOT_SECONDS} s; its console:\n{self.console()}")
 
     def console(self):
         return self._console.read_text(encoding="utf-8", errors="replace")[-4000:]

@@ -2,12 +2,15 @@
 """The packages on a booted machine with the server in it: used, rebooted, broken, and looked after."""
 
 import contextlib
+import hashlib
 import json
 import re
 import shutil
+import subprocess
 import sys
 import time
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 
 import machine
 from machine import ROOT, Machine
@@ -37,8 +40,6 @@ cat server.pem >/etc/ejabberd/ejabberd.pem
 
 def new_machine():
     """A booted machine without the packages, and the folder that has them."""
-    machine.install_tools()
-    machine.PLACE.mkdir(parents=True, exist_ok=True)
     folder = machine.packages()
     built = Machine(machine.base(folder))
     try:
@@ -314,6 +315,7 @@ class Installed(unittest.TestCase):
         self.broken("network", lambda: self.host_setting("loopback-is-internet", "false"),
                     lambda: self.host_setting("loopback-is-internet", "true"))
         self.broken("state folder", self.sh("mv /var/pubsub /var/pubsub.away"), self.sh("mv /var/pubsub.away /var/pubsub"))
+        self.broken("state folder", self.sh("chown root /var/pubsub"), self.sh("chown pubsub /var/pubsub"))
         self.broken("store", self.sh("mv /var/lib/zelt/prefs /var/lib/zelt/away"),
                     self.sh("mv /var/lib/zelt/away /var/lib/zelt/prefs"))
 
@@ -409,6 +411,10 @@ class Versions(unittest.TestCase):
             "cat /var/lib/dpkg/info/*.list | sort -u >/tmp/owned; comm -23 /tmp/all /tmp/owned")
         return set(listing.splitlines())
 
+    def users(self):
+        """User and shell of each account."""
+        return set(self.machine.output("sh", "-c", "cut -d : -f 1,7 /etc/passwd").splitlines())
+
     def versions(self):
         return set(self.machine.output("dpkg-query", "-W", "-f", "${db:Status-Abbrev} ${Version}\\n",
                                        *self.names).splitlines())
@@ -424,7 +430,7 @@ class Versions(unittest.TestCase):
         return set(pids.values())
 
     def test_upgrade_downgrade_removal_and_purge(self):
-        before = self.files()
+        before, users = self.files(), self.users()
         yml = self.machine.path(YML).read_bytes()
         version = machine.field(machine.product_of(self.folder)[0], "Version")
         self.machine.install(self.earlier)
@@ -462,30 +468,64 @@ class Versions(unittest.TestCase):
 
         self.machine.run("apt-get", "purge", "-q", "-y", *self.names)
         self.assertEqual(sorted(self.files() - before), [])
+        # Only users without a shell are left: a file of theirs elsewhere must not become somebody else's.
+        self.assertEqual(self.users() - users, {f"{user}:/usr/sbin/nologin" for user in ("pubsub", "zelt-bus", "zelt-host")})
         self.assertEqual(self.machine.path(YML).read_bytes(), yml)
         self.assertEqual(self.machine.run("systemctl", "list-units", "--failed", "-q", "--no-legend")[1], "")
 
 
 class Packages(unittest.TestCase):
+    def test_the_packages_built_again_elsewhere_are_the_same(self):
+        first, again = ({path.name: hashlib.sha256(path.read_bytes()).hexdigest() for path in folder.glob("*.deb")}
+                        for folder in (machine.packages(), machine.packages_again()))
+        self.assertEqual(len([name for name in first if "-dbgsym_" not in name]), 6)
+        self.assertEqual(again, first)
+
     def test_lintian_finds_nothing(self):
-        machine.install_tools()
         folder = machine.packages()
         text = machine.run(["lintian", "--allow-root", "--fail-on", "error,warning", "--profile", "debian",
                             *sorted(folder.glob("*.deb"))], "lintian")
         self.assertEqual(text, "")
 
 
+def run_tests(names):
+    """Runs the tests that are named in this process."""
+    suite = unittest.defaultTestLoader.loadTestsFromNames(names, sys.modules[__name__])
+    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
+    failed = len(result.failures) + len(result.errors)
+    return max(result.testsRun - failed, 0), failed
+
+
+def run_part(names):
+    """The same in another process; its lines are printed as they come."""
+    counts = None
+    with subprocess.Popen([sys.executable, __file__, *names], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, errors="replace") as process:
+        for line in process.stdout:
+            last = re.fullmatch(r"(\d+) passed, (\d+) failed\n", line)
+            if last:
+                counts = tuple(map(int, last.groups()))
+            else:
+                print(line, end="", flush=True)
+    return counts or (0, 1)
+
+
 def main(names):
-    """Runs all tests, or those that are named."""
+    """Runs all tests, one machine beside the other, or those that are named."""
     reason = machine.why_not()
+    if not reason and not names:
+        machine.packages_again()
+        reason = machine.why_not_booted(machine.packages())
     if reason:
         print(f"skipped: {reason}")
         return 0
-    module, loader = sys.modules[__name__], unittest.defaultTestLoader
-    suite = loader.loadTestsFromNames(names, module) if names else loader.loadTestsFromModule(module)
-    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
-    failed = len(result.failures) + len(result.errors)
-    print(f"{max(result.testsRun - failed, 0)} passed, {failed} failed")
+    if names:
+        passed, failed = run_tests(names)
+    else:
+        with ThreadPoolExecutor() as pool:
+            counts = list(pool.map(run_part, (["Installed"], ["Versions", "Packages"])))
+        passed, failed = map(sum, zip(*counts))
+    print(f"{passed} passed, {failed} failed")
     return 1 if failed else 0
 
 
