@@ -3,7 +3,8 @@
 """Builds with the sanitizers and runs the tests, kind by kind; the last line is "N passed, N failed".
 
 Without a kind those of TESTS run. Those of GATES, which need builds of their own or take long, run when they are
-named."""
+named. PUBSUB_TEST_PRESET=coverage builds so that lines are counted, and the kind coverage then reads the counts of the
+unit and contract tests that ran before it."""
 
 import json
 import os
@@ -23,6 +24,9 @@ TESTS = ("style", "unit", "contract", "server", "e2e")
 BUILT = {"unit", "contract", "e2e"}  # need the programs of PRESET
 GATES = ("peers", "clang", "tidy", "coverage", "installed", "database")
 PROGRAM_DEADLINE = 600  # seconds for one test program
+COVERED = {"unit", "contract"}  # count the lines that they run, where PRESET counts any
+COUNTS = ROOT / "build" / "coverage" / "counts"  # theirs; those of the other kinds are nobody's
+NO_COUNTS = ROOT / "build" / "coverage" / "no-counts"
 
 ENVIRONMENT = dict(
     os.environ,
@@ -33,6 +37,8 @@ ENVIRONMENT = dict(
     PUBSUB_EBIN_CACHE=str(ROOT / "build" / "ebin"),
     PYTHONDONTWRITEBYTECODE="1",
 )
+if PRESET == "coverage":
+    ENVIRONMENT["GCOV_PREFIX"] = str(NO_COUNTS)
 
 
 class Result:
@@ -43,10 +49,10 @@ class Result:
         self.seconds, self.output, self.skipped = seconds, output, skipped
 
 
-def run_program(command):
+def run_program(command, **environment):
     """Runs a command; returns (exit status, output). A program that passes its deadline is killed."""
     process = subprocess.Popen(
-        command, cwd=ROOT, env=ENVIRONMENT, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        command, cwd=ROOT, env=dict(ENVIRONMENT, **environment), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT, text=True, errors="replace")
     try:
         output, _ = process.communicate(timeout=PROGRAM_DEADLINE)
@@ -60,7 +66,8 @@ def run_program(command):
 def run_googletest(path):
     start = time.monotonic()
     with tempfile.NamedTemporaryFile(suffix=".json") as report:
-        status, output = run_program([str(path), "--gtest_brief=1", f"--gtest_output=json:{report.name}"])
+        status, output = run_program([str(path), "--gtest_brief=1", f"--gtest_output=json:{report.name}"],
+                                     GCOV_PREFIX=str(COUNTS))
         try:
             counts = json.load(open(report.name))
             failed, total = counts["failures"] + counts["errors"], counts["tests"] - counts["disabled"]
@@ -120,6 +127,14 @@ def run_aloud(name, command):
     return Result(name, passed, failed, time.monotonic() - start, "The lines above say why.", skipped)
 
 
+def clear_counts():
+    """Before the tests of a build that counts. Some of their processes run as other users."""
+    for folder in (COUNTS, NO_COUNTS):
+        shutil.rmtree(folder, ignore_errors=True)
+        folder.mkdir(parents=True)
+        folder.chmod(0o1777)
+
+
 def tidy_programs():
     """One check for each source of the product, with the commands of the build with clang."""
     if not shutil.which("clang-tidy"):
@@ -141,8 +156,9 @@ def server_program(name, word):
     return name, lambda: run_counting(f"server/{name}", command)
 
 
-def programs_of(kind):
-    """The test programs of a kind as (name, function without arguments)."""
+def programs_of(kind, counted):
+    """The test programs of a kind as (name, function without arguments). `counted`: the lines that tests run have been
+    counted already."""
     if kind in ("unit", "contract"):
         for path in sorted(BIN.glob(kind + "_*")):
             yield path.name, lambda path=path: run_googletest(path)
@@ -151,7 +167,8 @@ def programs_of(kind):
     elif kind == "tidy":
         yield from tidy_programs()
     elif kind == "coverage":
-        yield kind, lambda: run_aloud("coverage", ["/usr/bin/python3", str(ROOT / "tests/coverage.py")])
+        read = ["--read"] if counted else []
+        yield kind, lambda: run_aloud("coverage", ["/usr/bin/python3", str(ROOT / "tests/coverage.py"), *read])
     elif kind == "installed":
         yield kind, lambda: run_aloud("installed", ["/usr/bin/python3", str(ROOT / "tests/installed/test_machine.py")])
     elif kind == "server":
@@ -180,10 +197,10 @@ def report(result):
         print(result.output, flush=True)
 
 
-def run_stage(kinds, workers):
+def run_stage(kinds, workers, counted):
     """Runs the programs of the kinds side by side; yields their results in the order of the programs."""
     with ThreadPoolExecutor(max_workers=workers) as pool:
-        begun = [(kind, [pool.submit(run) for _, run in programs_of(kind)]) for kind in kinds]
+        begun = [(kind, [pool.submit(run) for _, run in programs_of(kind, counted)]) for kind in kinds]
         for kind, futures in begun:
             print(f"== {kind}", flush=True)
             if not futures:
@@ -199,6 +216,9 @@ def main(kinds):
         return 2
     kinds = [kind for kind in TESTS + GATES if kind in (kinds or TESTS)]
     passed = failed = 0
+    counted = PRESET == "coverage" and COVERED <= set(kinds)
+    if PRESET == "coverage":
+        clear_counts()
     if set(kinds) & BUILT and run_build(PRESET).failed:
         print("The build failed.", flush=True)
         failed = 1
@@ -208,7 +228,7 @@ def main(kinds):
     stages = [([kind for kind in kinds if kind in TESTS], processors + 1)]
     stages += [([kind], processors) for kind in kinds if kind in GATES]
     for kinds_of_stage, workers in stages:
-        for result in run_stage(kinds_of_stage, workers):
+        for result in run_stage(kinds_of_stage, workers, counted):
             report(result)
             passed, failed = passed + result.passed, failed + result.failed
     print(f"{passed} passed, {failed} failed")

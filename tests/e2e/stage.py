@@ -19,6 +19,9 @@ from processes import is_running  # noqa: E402
 
 # The tests' nodes have names of three segments, whoever the device's account is.
 os.environ.setdefault("STAGE_OPEN_PREFIXES", '["/e2e", "/owners"]')
+# With what a program is built that links the libraries of this build.
+SANITIZE = ("-fsanitize=address,undefined",) if PRESET in ("asan", "coverage") else ()
+COVERAGE = ("--coverage",) if PRESET == "coverage" else ()
 SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 
 

@@ -14,10 +14,7 @@ import threading
 import unittest
 
 from endpoints import EndpointsTest
-from stage import BIN, PRESET, ROOT, wait_until
-
-SANITIZE = ("-fsanitize=address,undefined",) if PRESET == "asan" else ()
-COVERAGE = ("--coverage",) if PRESET == "coverage" else ()
+from stage import BIN, COVERAGE, ROOT, SANITIZE, wait_until
 
 
 def example(heading):

@@ -12,10 +12,9 @@ import tempfile
 import unittest
 
 from bus import BusClient
-from stage import BIN, PRESET, ROOT, Device, processes, wait_until
+from stage import BIN, COVERAGE, ROOT, SANITIZE, Device, processes, wait_until
 
 BUILD = BIN.parent
-SANITIZE = ("-fsanitize=address,undefined",) if PRESET == "asan" else ()
 PROGRAMS = ["bin/pubsubctl", "bin/pubsubservice", "bin/zelt-host", "bin/zelt-unifiedpush"]
 DATA = sorted([
     "lib/systemd/system/pubsubservice.service",
@@ -118,7 +117,7 @@ class Library(unittest.TestCase):
         folder = next(prefix.rglob("zelt-bus.pc")).parent
         flags = shlex.split(self.check(["pkg-config", "--cflags", "--libs", "zelt-bus"], PKG_CONFIG_PATH=str(folder)))
         self.assertEqual([flag for flag in flags if str(ROOT / "src") in flag], [])
-        self.check(["g++", "-std=c++20", *SANITIZE, ROOT / "packaging/library/example/greeter.cpp", "-o",
+        self.check(["g++", "-std=c++20", *SANITIZE, *COVERAGE, ROOT / "packaging/library/example/greeter.cpp", "-o",
                     self.dir / "greeter", *flags])
         return self.dir / "greeter"
 

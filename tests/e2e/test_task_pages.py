@@ -8,8 +8,8 @@ import subprocess
 import tempfile
 import unittest
 
-from stage import BIN, ROOT, StageTest
-from test_guide import COVERAGE, SANITIZE, package
+from stage import BIN, COVERAGE, ROOT, SANITIZE, StageTest
+from test_guide import package
 from test_pubsubctl import Running, environment
 
 APP = "com.example.pages"
