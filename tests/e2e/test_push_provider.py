@@ -14,7 +14,7 @@ from prosody import PushStage
 from session import HERE, Session
 from stage import StageTest, wait_until
 
-sys.path.insert(0, str(HERE.parent))
+sys.path.insert(0, str(HERE.parent.parent / "tools"))
 import webpush  # noqa: E402
 
 NO_TEXT = bytes(range(256))

@@ -1,1 +1,0 @@
-../tools/webpush.py
