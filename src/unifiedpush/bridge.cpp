@@ -122,7 +122,7 @@ void Bridge::writeState() {
 void Bridge::remove(const std::string& endpoint) {
     const auto found = m_state.registrations.find(endpoint);
     if (found == m_state.registrations.end())
-        return;
+        return;  // uncovered: whoever removes one has just found it
     const std::string service = found->second.service;
     m_delivery.forget(endpoint);
     m_device.stopReceiving(endpoint);

@@ -162,9 +162,10 @@ TEST_F(SeqNo, NamesTheNumberInPlaceOfAnEmptyNode) {
 }
 
 TEST_F(SeqNo, IsDroppedSilentlyWhenTheStoreCannotBeOpened) {
-    fakePrefs().failNext("QPAppGetHandle", QP_IO, 2);
+    fakePrefs().failNext("QPAppGetHandle", QP_IO, 3);
     session().persistSeqNo("/a", "42");
     session().persistSeqNo("", "42");
+    session().writeTakenSeqNo("/a", "42", true);
     EXPECT_EQ(takeLogLines(), Texts{});
     EXPECT_EQ(takeEvents(), Texts{});
 }

@@ -150,7 +150,16 @@ class Keeper : public testing::Test {
         return !Caller::waitFor([&] { return asked().size() > before; }, 1'500);
     }
     // The time until a timer of this process expires, in milliseconds; -1 when there is none.
-    static int nextTimer() {
+    int nextTimer() {
+        int milliseconds = timeUntilNext();
+        // A new connection of the bus still has questions for the daemon, each with a deadline of 2 s.
+        for (int trips = 0; trips < 100 && milliseconds > 1'900 && milliseconds <= 2'000; ++trips) {
+            caller.call(kKept, "{}");
+            milliseconds = timeUntilNext();
+        }
+        return milliseconds;
+    }
+    static int timeUntilNext() {
         GMainContext* context = g_main_context_default();
         EXPECT_TRUE(g_main_context_acquire(context));
         int priority = 0, timeout = 0;

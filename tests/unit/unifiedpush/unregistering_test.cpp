@@ -72,6 +72,21 @@ TEST_F(Unregistering, WithoutThePushServiceIsCarriedOutWhenItIsThere) {
     EXPECT_TRUE(until([&] { return device->count("deleteEndpoint " + nameOf("t1")) > 0; }));
 }
 
+TEST_F(Unregistering, IsNothingToAReceiveThatEndsLater) {
+    start();
+    Application app;
+    enroll(app, "t1");
+    ASSERT_TRUE(isReceived(nameOf("t1")));
+    device->online = false;  // the endpoint stays, and so does the receive
+    app.leave("t1");
+    ASSERT_TRUE(until([&] { return !app.calls.empty(); }));
+    device.reset();
+    device = std::make_unique<FakeDevice>();
+    app.calls.clear();
+    enroll(app, "t2");
+    EXPECT_TRUE(isReceived(nameOf("t2")));
+}
+
 TEST_F(Unregistering, ThatTheServerRefusesIsConfirmedAndTriedAgain) {
     start();
     Application app;
