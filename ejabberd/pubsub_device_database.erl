@@ -25,6 +25,7 @@
 
 %% Makes the tables, or those that are missing since a former version.
 connect(Host) ->
+    pubsub_device_redaction:begin_filtering(),
     persistent_term:put(?DATABASE, {Host, atomics:new(1, [])}),
     migrate(?START_ATTEMPTS).
 
@@ -36,10 +37,10 @@ migrate(Left) ->
                           "server", [Found, Known]),
             error({database_is_newer, Found});
         {aborted, Reason} when Left > 1 ->
-            ?LOG_WARNING("The extension's tables are not ready yet: ~p", [Reason]),
+            ?LOG_WARNING("The extension's tables are not ready yet: ~p", [pubsub_device_fault:database(Reason)]),
             timer:sleep(1000),
             migrate(Left - 1);
-        {aborted, Reason} -> error({database, Reason})
+        {aborted, Reason} -> error({database, pubsub_device_fault:database(Reason)})
     end.
 
 apply_missing(Migrations) ->
@@ -143,7 +144,7 @@ ask(Query) ->
         undefined ->
             case {unless_away(fun() -> ejabberd_sql:sql_query(host(), Query) end), get(?PATIENT)} of
                 {{error, _}, true} -> timer:sleep(?PROBE), ask(Query);
-                {{error, Reason}, _} -> error({database, Reason});
+                {{error, Reason}, _} -> error({database, pubsub_device_fault:database(Reason)});
                 {Result, _} -> Result
             end;
         _ -> ejabberd_sql:sql_query_t(Query)
@@ -163,7 +164,7 @@ transaction(Fun) ->
         undefined ->
             case unless_away(fun() -> ejabberd_sql:sql_transaction(host(), Fun) end) of
                 {atomic, Result} -> {ok, Result};
-                {_, Reason} -> {error, Reason}
+                {_, Reason} -> {error, pubsub_device_fault:database(Reason)}
             end;
         _ -> {ok, Fun()}
     end.

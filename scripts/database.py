@@ -93,7 +93,7 @@ def start(folder, record, log):
     """Starts the server and creates the database if there is none yet."""
     known = connection(folder)
     settings = {"listen_addresses": "127.0.0.1", "port": known["port"], "unix_socket_directories": "",
-                "max_connections": 200}
+                "max_connections": 200, "log_min_error_statement": "panic", "log_error_verbosity": "terse"}
     command = [program("postgres"), "-D", folder + "/data"]
     for name, value in settings.items():
         command += ["-c", f"{name}={value}"]

@@ -70,6 +70,29 @@ class Schema(DatabaseTest):
             self.instance.start()
 
 
+class Refusal(DatabaseTest):
+    """A database that takes no more items, as when somebody changed its tables."""
+
+    def test_is_told_and_logged_without_the_text_of_the_item(self):
+        owner, bob = self.client("owner"), self.device("bob")
+        self.succeed(self.create(owner))
+        self.succeed(self.subscribe(bob))
+        key = self.key_node(bob, self.node + "/inbox")
+        bob.kill()
+        self.instance.query("ALTER TABLE pubsub_device_body ADD CONSTRAINT nothing CHECK (number < 0) NOT VALID")
+        try:
+            self.refused(owner.iq("set", self.publish_stanza("unseen-text", "unseen-id")), "resource-constraint")
+            self.assertEqual(self.post(key, "unseen-text")[0], 503)
+        finally:
+            self.instance.query("ALTER TABLE pubsub_device_body DROP CONSTRAINT nothing")
+        self.wait_for(lambda: "items could not be stored: {<<\"23514\">>" in self.instance.log())
+        # The engine says it first, with the statement.
+        self.assertRegex(self.instance.log(), r"SQL query 'WITH bodies AS \(INSERT INTO pubsub_device_body .*E'\.\.\.'")
+        with open(self.instance.folder + "/log/database.log", encoding="utf-8") as log:
+            self.assertNotIn("unseen", self.instance.log() + log.read())
+        self.publish(owner, "x")
+
+
 class Rows(DatabaseTest):
     """What is left in the tables."""
 
