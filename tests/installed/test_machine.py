@@ -310,6 +310,8 @@ class Installed(unittest.TestCase):
     def test_what_is_broken_on_the_device_is_named_by_the_doctor(self):
         self.broken("private bus", self.sh("systemctl stop zelt-private-bus.socket zelt-private-bus.service"),
                     self.sh("systemctl start zelt-private-bus.socket zelt-host pubsubservice"))
+        self.broken("public bus", self.sh("systemctl stop dbus.socket dbus.service"),
+                    self.sh("systemctl start dbus.socket dbus.service; systemctl restart systemd-logind"))
         self.broken("push service", self.sh("systemctl stop pubsubservice"), self.sh("systemctl start pubsubservice"))
         self.broken("power service", self.sh("systemctl stop zelt-host"), self.sh("systemctl start zelt-host"))
         self.broken("network", lambda: self.host_setting("loopback-is-internet", "false"),
