@@ -117,6 +117,7 @@ TEST_F(Addresses, OfAServiceThatWasRestartedAreReceivedAgain) {
 }
 
 TEST_F(Addresses, OfABusThatWasRestartedAreReceivedAgainAndTheNameStays) {
+    networkPatience = 300;
     start();
     Application app;
     enroll(app, "t1");
@@ -136,6 +137,7 @@ TEST_F(Addresses, OfABusThatWasRestartedAreReceivedAgainAndTheNameStays) {
 
 // More requests than go out at once; those that wait fail with those that were sent.
 TEST_F(Addresses, OfAServiceThatEndsWithRequestsOpenFollow) {
+    networkPatience = 300;
     start();
     Application app;
     enroll(app, "t0");
@@ -151,6 +153,7 @@ TEST_F(Addresses, OfAServiceThatEndsWithRequestsOpenFollow) {
 }
 
 TEST_F(Addresses, OfABusThatEndsWithRequestsOpenFollow) {
+    networkPatience = 300;
     start();
     Application app;
     enroll(app, "t0");
@@ -200,7 +203,6 @@ TEST_F(Addresses, ThatTheServerRefusesLaterStayWithTheirApplications) {
 TEST_F(Addresses, ThatCannotBeWrittenFailTheRegistrationThatWaits) {
     device->online = false;
     start();
-    bridge->networkPatience = 20'000;
     Application app;
     app.enroll("t1");
     ASSERT_TRUE(until([&] { return device->count("createEndpoint") > 0; }));
@@ -212,6 +214,7 @@ TEST_F(Addresses, ThatCannotBeWrittenFailTheRegistrationThatWaits) {
 }
 
 TEST_F(Addresses, OfABusThatIsNotThereYetFollow) {
+    networkPatience = 300;
     device.reset();
     publicBus.stop();
     start();

@@ -35,7 +35,7 @@ class BridgeTest : public testing::Test {
     void start() {
         bridge = std::make_unique<Bridge>(folder / "state");
         bridge->onEnd = [this] { ended = true; };
-        bridge->networkPatience = 300;
+        bridge->networkPatience = networkPatience;
         bridge->unixTime = [this] { return now; };
         std::string problem;
         ASSERT_TRUE(bridge->start(problem)) << problem;
@@ -69,6 +69,7 @@ class BridgeTest : public testing::Test {
     PrivateBus session{"DBUS_SESSION_BUS_ADDRESS"};
     PrivateBus publicBus{"ZELT_PUBLIC_BUS"};
     int64_t now = 1'800'000'000;
+    int64_t networkPatience = 20'000;  // milliseconds; a test that waits for its end shortens it
     bool ended = false;
     std::unique_ptr<FakeDevice> device;
     std::unique_ptr<Bridge> bridge;

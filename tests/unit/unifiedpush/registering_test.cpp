@@ -65,6 +65,7 @@ TEST_F(Registering, OfAKnownTokenTellsTheAddressEachTimeAlsoWithoutTheServer) {
 }
 
 TEST_F(Registering, WithoutTheServerWaitsThenFailsAndTheAddressFollows) {
+    networkPatience = 300;
     device->online = false;
     start();
     Application app;
@@ -81,7 +82,6 @@ TEST_F(Registering, WithoutTheServerWaitsThenFailsAndTheAddressFollows) {
 TEST_F(Registering, ThatWaitsForTheServerSucceedsWhenItIsThereInTime) {
     device->online = false;
     start();
-    bridge->networkPatience = 20'000;
     Application app;
     app.enroll("t1");
     ASSERT_TRUE(until([&] { return device->count("createEndpoint") > 1; }));
@@ -92,6 +92,7 @@ TEST_F(Registering, ThatWaitsForTheServerSucceedsWhenItIsThereInTime) {
 }
 
 TEST_F(Registering, WithoutThePushServiceFailsAndIsKeptOverARestart) {
+    networkPatience = 300;
     device.reset();
     start();
     Application app;
@@ -107,7 +108,6 @@ TEST_F(Registering, WithoutThePushServiceFailsAndIsKeptOverARestart) {
 TEST_F(Registering, OfOneTokenAgainAndAgainWaitsEightTimesAtOnce) {
     device->online = false;
     start();
-    bridge->networkPatience = 20'000;
     Application app;
     for (int i = 0; i < 9; ++i)
         app.enroll("t1");

@@ -161,7 +161,6 @@ TEST_F(Unregistering, ThenRegisteringAgainHasAnEndpointAtTheEnd) {
 TEST_F(Unregistering, WhileRegisteringWaitsForTheServerEndsTheWait) {
     device->online = false;
     start();
-    bridge->networkPatience = 20'000;
     Application app;
     app.enroll("t1");
     ASSERT_TRUE(until([&] { return device->count("createEndpoint") > 0; }));
