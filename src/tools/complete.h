@@ -11,7 +11,7 @@
 
 struct Candidate {
     std::string text;
-    std::string help = "";
+    std::string help;
 };
 
 // What the shell has to look up itself, in place of a candidate.
